@@ -1,0 +1,118 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korvane_export.h"
+
+/// Records and enumerations that cross the boundary of libkorvane. All are plain values; none of
+/// them is tied to a hand, and all may be copied freely between threads.
+namespace talvera::korvane {
+
+/// Which of the two hands a hand is. The solvers mirror their tables for LEFT.
+enum class HandType : std::uint8_t { LEFT = 0, RIGHT = 1 };
+
+/// How a motor follows its targets. The value travels in three bits. What the modes without a name
+/// of their own do is a matter of the hand's firmware.
+enum class ControlMode : std::uint8_t {
+  MODE_0 = 0,
+  MODE_1 = 1,
+  MODE_2 = 2,
+  MODE_3 = 3,
+  POSITION_CURRENT = 4,           ///< Position target, current limited.
+  VELOCITY_CURRENT = 5,           ///< Velocity target, current limited.
+  POSITION_VELOCITY_CURRENT = 6,  ///< Position target, velocity and current limited.
+  MODE_7 = 7,
+};
+
+/// Where a tactile sensor sits.
+enum class Finger : std::uint8_t {
+  THUMB = 1,
+  INDEX = 2,
+  MIDDLE = 3,
+  RING = 4,
+  LITTLE = 5,
+  PALM = 6,
+  DORSUM = 7,
+};
+
+/// The two kinds of USB CAN FD adapters. SocketCAN interfaces have factories of their own.
+enum class ECanDeviceType : int { ZLG_USBCANFD = 0, HCAN = 1 };
+
+/// Third argument of the progress callback of Korvane::UpdateFirmware.
+enum class OtaProgressStatus : int {
+  FAILED = -1,               ///< The first argument is an error code.
+  COMPLETE = 0,              ///< The update is done.
+  FILE_LOADED = 1,           ///< The image was read and cut into packets.
+  REQUESTING_UPGRADE = 2,    ///< About to ask the hand for an update.
+  UPGRADE_ACCEPTED = 3,      ///< The hand is ready for packets.
+  PACKET_ACKNOWLEDGED = 4,   ///< One packet arrived and passed its check.
+  FINISH_ACKNOWLEDGED = 5,   ///< The hand holds the whole image.
+  RESTART_ACKNOWLEDGED = 6,  ///< The hand is about to restart.
+  RECONNECTING = 7,          ///< Asking the restarted hand for its identity.
+  LINK_RECONNECTED = 8,      ///< Serial link only.
+  LINK_RECONNECTING = 9,     ///< Serial link only; the first argument is the attempt.
+};
+
+/// A version of hardware or software, one byte a part.
+struct KORVANE_EXPORT Version {
+  std::uint8_t major;
+  std::uint8_t minor;
+  std::uint8_t patch;
+  std::uint8_t build;
+
+  /// "major.minor.patch", followed by ".build" unless build is 0.
+  std::string ToString() const;
+};
+
+/// What a hand is. See Korvane::GetVendorInfo.
+struct KORVANE_EXPORT VendorInfo {
+  std::string product_model;  ///< As the hand sent it; over CAN 16 bytes, NUL bytes included.
+  std::string serial_number;  ///< "NaN" if the hand holds none.
+  Version hardware_version{};
+  Version software_version{};
+  short supply_voltage_mv = 0;  ///< Millivolts.
+  std::uint8_t active_dof = 0;  ///< Active degrees of freedom.
+
+  /// Several lines for people, one a field.
+  std::string ToString() const;
+};
+
+/// Answer to a device query. All zero means that no hand answered: 0 is no valid id.
+struct DeviceInfo {
+  std::uint8_t device_id;
+  std::uint8_t reserved[4];
+};
+static_assert(sizeof(DeviceInfo) == 5);
+
+/// One reading of a one-axis tactile sensor, in the order in which the hand sent the bytes.
+struct TactileSensorData {
+  Finger finger;
+  std::vector<std::uint8_t> data;
+};
+
+/// One reading of a three-axis fingertip sensor, opaque to the host. All zero if nothing was read.
+struct TactileSensor3DData {
+  std::uint8_t data[29];
+};
+static_assert(sizeof(TactileSensor3DData) == 29);
+
+#pragma pack(push, 1)
+/// Target of one joint in a mixed command. See KorvaneBase::MixCtrlJointMotor for which of the
+/// three targets each mode needs.
+///
+/// The record is packed, so the optionals are not aligned: assign whole values
+/// (`target.position = short{100}`) and don't take references to them.
+struct MixCtrl {
+  std::uint8_t joint_index : 5;   ///< 1 to the number of motors.
+  std::uint8_t mix_mode : 3;      ///< 4, 5 or 6; see ControlMode.
+  std::optional<short> position;  ///< Actuator units.
+  std::optional<short> velocity;  ///< Actuator velocity units of the hand.
+  std::optional<short> current;   ///< Force, as current, in the hand's unit.
+};
+#pragma pack(pop)
+static_assert(sizeof(MixCtrl) == 13);
+
+}  // namespace talvera::korvane
