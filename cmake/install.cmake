@@ -1,0 +1,22 @@
+# Installed: the public headers, the shared library, the CMake package and the pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(korvane_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/korvane)
+
+install(TARGETS korvane EXPORT korvane-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT korvane)
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/korvane COMPONENT korvane
+  FILES_MATCHING PATTERN "*.h")
+install(EXPORT korvane-targets NAMESPACE korvane:: DESTINATION ${korvane_cmake_dir} COMPONENT korvane)
+
+configure_package_config_file(packaging/korvane-config.cmake.in
+  ${PROJECT_BINARY_DIR}/korvane-config.cmake INSTALL_DESTINATION ${korvane_cmake_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/korvane-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/korvane-config.cmake
+              ${PROJECT_BINARY_DIR}/korvane-config-version.cmake
+  DESTINATION ${korvane_cmake_dir} COMPONENT korvane)
+
+configure_file(packaging/korvane.pc.in ${PROJECT_BINARY_DIR}/korvane.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/korvane.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT korvane)

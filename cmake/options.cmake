@@ -1,0 +1,12 @@
+# Flags that every target of the project is compiled with.
+add_library(korvane_options INTERFACE)
+target_compile_options(korvane_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  # The solvers give the same digits on every machine only if no multiply and add are fused.
+  -ffp-contract=off
+  $<$<BOOL:${KORVANE_WERROR}>:-Werror>)
+
+if(KORVANE_SANITIZE)
+  add_compile_options(-fsanitize=${KORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g)
+  add_link_options(-fsanitize=${KORVANE_SANITIZE})
+endif()

@@ -1,0 +1,408 @@
+#include "can/can_bus_device.h"
+
+#include <algorithm>
+#include <ctime>
+#include <iomanip>
+#include <iostream>
+#include <stdexcept>
+#include <system_error>
+
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr int kMaxRequestIntervalMs = 100;
+constexpr int kMinFrameRecvTimeoutMs = 10;
+constexpr int kMaxFrameRecvTimeoutMs = 1000;
+constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
+
+std::int64_t SystemNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+/// Identifier byte 2: what the frame is about.
+std::uint8_t MessageType(std::uint32_t can_id) { return static_cast<std::uint8_t>(can_id >> 16); }
+
+std::string Hex(std::uint32_t value) { return Compose(std::hex, value); }
+
+/// data[at] of the first frame, 0 when there is none.
+unsigned FirstFrameByte(const std::vector<CanfdFrame>& frames, std::size_t at) {
+  return frames.empty() ? 0U : frames.front().data[at];
+}
+
+}  // namespace
+
+std::mutex CanBusDeviceBase::s_data_details_log_mutex_;
+
+std::string FormatFrame(const CanfdFrame& frame) {
+  const bool extended = frame.can_id > kMaxStandardId;
+  std::ostringstream text;
+  text << "[CANID:" << std::hex << std::setfill('0') << std::setw(extended ? 8 : 3)
+       << (extended ? frame.can_id & kCanIdMask : frame.can_id) << "][DATA:";
+  for (std::size_t i = 0; i < std::min(frame.len, kMaxPayload); ++i) {
+    text << std::setw(2) << static_cast<unsigned>(frame.data[i]) << ' ';
+  }
+  text << ']';
+  return text.str();
+}
+
+std::string FormatTimestamp(std::chrono::system_clock::time_point time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+  const auto microseconds =
+      std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count() %
+      1'000'000;
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  return Compose('[', std::put_time(&local, "%Y-%m-%d %H:%M:%S"), '.', std::setfill('0'),
+                 std::setw(6), microseconds, ']');
+}
+
+/// One request in flight. The constructor waits for its turn and sends; whatever ends the exchange
+/// then takes the identifier out of the pending set again.
+class CanBusDeviceBase::Exchange {
+ public:
+  Exchange(CanBusDeviceBase& device, const CanfdFrame& frame, bool multi_frame)
+      : device_(device), id_(frame.can_id) {
+    std::unique_lock lock(device_.request_mutex_);
+    device_.drain_cv_.wait(
+        lock, [this] { return device_.pending_req_ids_.empty() && !device_.exchange_running_; });
+    CanfdFrame outgoing = frame;
+    if (device_.SendFrame(outgoing.can_id, outgoing.data, outgoing.len) == -1) {
+      throw std::runtime_error(FormatFrame(frame) + " request send failed");
+    }
+    device_.pending_req_ids_.insert(id_);
+    if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
+    device_.exchange_running_ = true;
+  }
+
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+
+  ~Exchange() {
+    if (finished_) return;
+    const std::lock_guard lock(device_.request_mutex_);
+    Finish();
+  }
+
+  /// For a caller that holds `request_mutex_`: the reply and the identifier must go in one step,
+  /// since a duplicate that came between them would be taken by the next request.
+  void Finish() {
+    finished_ = true;
+    device_.exchange_running_ = false;
+    device_.pending_req_ids_.erase(id_);
+    if (device_.pending_req_ids_.empty()) device_.drain_cv_.notify_all();
+  }
+
+ private:
+  CanBusDeviceBase& device_;
+  std::uint32_t id_;
+  bool finished_ = false;
+};
+
+/// Counts down the reply time-out, which an application may change while a request waits. On the
+/// monotonic clock, so that a step of the wall clock neither stretches nor cuts a wait.
+class CanBusDeviceBase::ReplyTimer {
+ public:
+  explicit ReplyTimer(const CanBusDeviceBase& device) : device_(device) {}
+
+  int TimeoutMs() const { return device_.frame_recv_timeout_ms_.load(); }
+
+  std::int64_t RemainingMs() const {
+    const auto elapsed = std::chrono::steady_clock::now() - start_;
+    return TimeoutMs() - std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
+  }
+
+ private:
+  const CanBusDeviceBase& device_;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+CanBusDeviceBase::~CanBusDeviceBase() { SetSerializedRequestQueue(false); }
+
+void CanBusDeviceBase::SetMsgMatchJudge(MatchJudge judge) {
+  const std::lock_guard lock(request_mutex_);
+  msg_match_judge_.swap(judge);
+}
+
+void CanBusDeviceBase::BindCallbacks(ProcessMessage process, MatchedReplyId reply_id,
+                                     MatchJudge judge) {
+  const std::lock_guard lock(request_mutex_);
+  process_msg_.swap(process);
+  matched_rep_id_.swap(reply_id);
+  msg_match_judge_.swap(judge);
+}
+
+void CanBusDeviceBase::SetRequestInterval(int ms) {
+  const int interval = std::clamp(ms, 0, kMaxRequestIntervalMs);
+  request_interval_ms_ = interval;
+  last_request_time_ = SystemNanoseconds() - interval * kNanosecondsPerMillisecond;
+}
+
+void CanBusDeviceBase::SetFrameRecvTimeout(int ms) {
+  frame_recv_timeout_ms_ = std::clamp(ms, kMinFrameRecvTimeoutMs, kMaxFrameRecvTimeoutMs);
+}
+
+void CanBusDeviceBase::EnforceRequestInterval() {
+  const std::int64_t interval = request_interval_ms_;
+  std::int64_t now = SystemNanoseconds();
+  const std::int64_t elapsed = (now - last_request_time_) / kNanosecondsPerMillisecond;
+  if (interval > 0 && interval > elapsed) {
+    // A wall clock that was set back makes `elapsed` negative; the gap is still one interval.
+    const std::int64_t gap = std::min(interval - elapsed, interval);
+    std::this_thread::sleep_for(std::chrono::milliseconds(gap));
+    now = SystemNanoseconds();
+  }
+  last_request_time_ = now;
+}
+
+int CanBusDeviceBase::SendRequestWithoutReply(const CanfdFrame& frame) {
+  EnforceRequestInterval();
+  CanfdFrame outgoing = frame;
+  return SendFrame(outgoing.can_id, outgoing.data, outgoing.len);
+}
+
+CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {
+  Exchange exchange(*this, frame, false);
+  LogFrame(" SND: ", frame);
+  const ReplyTimer timer(*this);
+  const std::uint32_t key = ReplyKey(frame.can_id);
+  std::unique_lock lock(request_mutex_);
+  while (true) {
+    if (const auto reply = TakeReply(key)) {
+      exchange.Finish();
+      last_request_time_ = SystemNanoseconds();
+      return *reply;
+    }
+    const std::int64_t remaining = timer.RemainingMs();
+    if (remaining <= 0) {
+      exchange.Finish();
+      throw std::runtime_error(
+          Compose(FormatFrame(frame), " request timeout (", timer.TimeoutMs(), "ms)"));
+    }
+    reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
+  }
+}
+
+std::uint32_t CanBusDeviceBase::ReplyKey(std::uint32_t request_id) {
+  const std::lock_guard lock(request_mutex_);
+  return matched_rep_id_(request_id);
+}
+
+std::optional<CanfdFrame> CanBusDeviceBase::TakeReply(std::uint32_t key) {
+  if (const auto reply = TakeSingleFrame(key)) return reply;
+  return TakeMultiFrame(key, 0);
+}
+
+std::optional<CanfdFrame> CanBusDeviceBase::TakeSingleFrame(std::uint32_t key) {
+  const auto found = umap_rep_.find(key);
+  if (found == umap_rep_.end()) return std::nullopt;
+  const CanfdFrame frame = found->second;
+  umap_rep_.erase(found);
+  return frame;
+}
+
+std::optional<CanfdFrame> CanBusDeviceBase::TakeMultiFrame(std::uint32_t key, std::uint8_t index) {
+  const auto entry = umap_multiframe_rep_.find(key);
+  if (entry == umap_multiframe_rep_.end()) return std::nullopt;
+  const auto found = entry->second.find(index);
+  if (found == entry->second.end()) return std::nullopt;
+  const CanfdFrame frame = found->second;
+  entry->second.erase(found);
+  if (entry->second.empty()) umap_multiframe_rep_.erase(entry);
+  return frame;
+}
+
+std::vector<CanfdFrame> CanBusDeviceBase::SendRequestSynchMultiFrame(const CanfdFrame& frame,
+                                                                     std::uint8_t expected_frames) {
+  EnforceRequestInterval();
+  std::vector<CanfdFrame> result;
+  result.reserve(expected_frames);
+  try {
+    GatherFrames(frame, expected_frames, result);
+  } catch (const std::exception& error) {
+    LogError(Compose("[ERROR][CanBusDeviceBase][SendRequestSynchMultiFrame] ", error.what()));
+  }
+  return result;
+}
+
+void CanBusDeviceBase::GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames,
+                                    std::vector<CanfdFrame>& result) {
+  const Exchange exchange(*this, frame, true);
+  LogFrame(" SND (MultiFrame): ", frame);
+  const std::uint32_t key = ReplyKey(frame.can_id);
+  const std::uint8_t total = AwaitFirstFrame(frame, key, expected_frames, result);
+  for (std::uint8_t index = 1; index < total; ++index) {
+    const auto next = AwaitLaterFrame(key, index);
+    if (!next) {
+      LogError(DescribeMissingFrame(frame.can_id, key, index, total, result));
+      return;
+    }
+    result.push_back(*next);
+  }
+}
+
+/// Returns how many frames the reply has in all, as far as the caller wants them.
+std::uint8_t CanBusDeviceBase::AwaitFirstFrame(const CanfdFrame& frame, std::uint32_t key,
+                                               std::uint8_t expected_frames,
+                                               std::vector<CanfdFrame>& result) {
+  const ReplyTimer timer(*this);
+  std::unique_lock lock(request_mutex_);
+  while (true) {
+    if (const auto first = TakeMultiFrame(key, 0)) {
+      result.push_back(*first);
+      return std::min(first->data[0], expected_frames);
+    }
+    if (const auto single = TakeSingleFrame(key)) {
+      const std::uint8_t count = single->data[0];
+      if (count > 1 && count <= expected_frames) {
+        // The reply began before its type was known to come in several frames. Its first frame
+        // stays in the table and is missing from the result; applications have come to rely on
+        // the shorter result, so it is kept.
+        umap_multiframe_rep_[key][0] = *single;
+        return count;
+      }
+      result.push_back(*single);
+      return 0;
+    }
+    const std::int64_t remaining = timer.RemainingMs();
+    if (remaining < 0) throw std::runtime_error(FormatFrame(frame) + " first frame timeout");
+    if (remaining == 0) return 0;
+    reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
+  }
+}
+
+std::optional<CanfdFrame> CanBusDeviceBase::AwaitLaterFrame(std::uint32_t key, std::uint8_t index) {
+  const ReplyTimer timer(*this);
+  std::unique_lock lock(request_mutex_);
+  while (true) {
+    if (const auto frame = TakeMultiFrame(key, index)) return frame;
+    const std::int64_t remaining = timer.RemainingMs();
+    if (remaining <= 0) return std::nullopt;
+    reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
+  }
+}
+
+std::string CanBusDeviceBase::DescribeMissingFrame(std::uint32_t request_id, std::uint32_t key,
+                                                   std::uint8_t index, std::uint8_t total,
+                                                   const std::vector<CanfdFrame>& result) {
+  const std::lock_guard lock(request_mutex_);
+  std::ostringstream text;
+  text << "[DEBUG][MultiFrame] timeout waiting for frame " << unsigned{index} << '/'
+       << unsigned{total} << " | req_id=0x" << Hex(request_id) << " | rep_id=0x" << Hex(key)
+       << " | frames_received=" << result.size()
+       << " | first_frame_data[0]=" << FirstFrameByte(result, 0)
+       << " data[1]=" << FirstFrameByte(result, 1);
+  const auto entry = umap_multiframe_rep_.find(key);
+  if (entry == umap_multiframe_rep_.end()) {
+    text << " | umap_multiframe_rep_ empty for this rep_id";
+  } else {
+    text << " | umap_multiframe_rep_ has frames: [";
+    for (const auto& stored : entry->second) text << unsigned{stored.first} << ' ';
+    text << ']';
+  }
+  const auto single = umap_rep_.find(key);
+  if (single != umap_rep_.end()) {
+    text << " | umap_rep_ has frame with data[0]=" << unsigned{single->second.data[0]}
+         << " data[1]=" << unsigned{single->second.data[1]};
+  }
+  return text.str();
+}
+
+void CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& rules) {
+  if (rules.bare_log) {
+    LogBareFrame(frame);
+  } else {
+    LogFrame(" RCV: ", frame);
+  }
+  if (rules.process_every_frame) HandOver(frame);
+  bool matched = true;
+  try {
+    matched = StoreReply(frame, rules);
+  } catch (const std::exception& error) {
+    LogError(Compose("[ERROR][CanBusDeviceBase][RecvFrame] ", error.what()));
+  }
+  if (!matched && !rules.process_every_frame) HandOver(frame);
+}
+
+/// True if a pending request took the frame.
+bool CanBusDeviceBase::StoreReply(const CanfdFrame& frame, const DispatchRules& rules) {
+  const std::uint32_t frame_id = frame.can_id & kCanIdMask;
+  const std::uint8_t type = MessageType(frame.can_id);
+  bool matched = false;
+  const std::lock_guard lock(request_mutex_);
+  const bool can_match = msg_match_judge_ && (matched_rep_id_ || !rules.consume_every_match);
+  for (auto id = pending_req_ids_.begin(); can_match && id != pending_req_ids_.end();) {
+    if (!msg_match_judge_(*id & kCanIdMask, frame_id)) {
+      ++id;
+      continue;
+    }
+    matched = true;
+    const std::uint32_t key = matched_rep_id_(*id);
+    if (multiframe_types_.count(type) != 0) {
+      umap_multiframe_rep_[key][frame.data[1]] = frame;
+    } else {
+      umap_rep_[key] = frame;
+    }
+    reply_cv_.notify_all();
+    if (!rules.consume_every_match) break;
+    id = pending_req_ids_.erase(id);
+  }
+  if (!matched && rules.tell_unmatched) {
+    LogError(Compose("[CAN] recv can_id=0x", Hex(frame_id), " did not match any request"));
+  }
+  return matched;
+}
+
+void CanBusDeviceBase::HandOver(const CanfdFrame& frame) {
+  ProcessMessage process;
+  {
+    // The callback may be bound while frames already come in; it runs outside the lock, so that
+    // it may send.
+    const std::lock_guard lock(request_mutex_);
+    process = process_msg_;
+  }
+  if (!process) return;
+  try {
+    process(frame);
+  } catch (const std::exception& error) {
+    LogError(Compose("[ERROR][CanBusDeviceBase][ProcessMsg] ", error.what()));
+  } catch (...) {
+    LogError("[ERROR][CanBusDeviceBase][ProcessMsg] unknown exception");
+  }
+}
+
+bool CanBusDeviceBase::StartReceiveThread(std::unique_ptr<std::thread>& thread) {
+  try {
+    thread = std::make_unique<std::thread>([this] { RecvFrame(); });
+    return true;
+  } catch (const std::system_error& error) {
+    LogError(Compose("[ERROR]: Failed to start the receive thread: ", error.what()));
+    return false;
+  }
+}
+
+void CanBusDeviceBase::StopReceiveThread(std::unique_ptr<std::thread>& thread) {
+  stop_flag_ = true;
+  if (thread && thread->joinable()) thread->join();
+  thread.reset();
+}
+
+void CanBusDeviceBase::LogFrame(const char* tag, const CanfdFrame& frame) const {
+  if (!show_data_details_.load(std::memory_order_acquire)) return;
+  const std::string line =
+      FormatTimestamp(std::chrono::system_clock::now()) + tag + FormatFrame(frame);
+  const std::lock_guard lock(s_data_details_log_mutex_);
+  LogInfo(line);
+}
+
+void CanBusDeviceBase::LogBareFrame(const CanfdFrame& frame) const {
+  if (!show_data_details_.load(std::memory_order_acquire)) return;
+  const std::string text = "RCV: " + FormatFrame(frame);
+  const std::lock_guard lock(s_data_details_log_mutex_);
+  std::cout << text << std::flush;
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,200 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "can/can_frame.h"
+
+namespace talvera::korvane {
+
+/// How an adapter's receive dispatch differs from the others. See CanBusDeviceBase::Dispatch.
+struct DispatchRules {
+  /// Every frame goes to `process_msg_`, before it is matched; otherwise unmatched ones only.
+  bool process_every_frame = false;
+  /// A matched identifier leaves the pending set at once and the walk goes on to its end;
+  /// otherwise the walk stops at the first match, which stays for the requester to erase.
+  bool consume_every_match = false;
+  /// An unmatched frame is told on the standard error stream.
+  bool tell_unmatched = false;
+  /// The frame log has neither timestamp nor end of line.
+  bool bare_log = false;
+};
+
+/// Blocking requests over an adapter that can only send and receive single frames.
+///
+/// An adapter derives from this class, opens its device, runs RecvFrame on `recv_thread_` and
+/// hands each frame to Dispatch. A protocol class installs the three callbacks, which decide what
+/// answers what. All matching and waiting is here.
+///
+/// Threads: any number of application threads, and one receive thread. `request_mutex_` guards the
+/// four tables and the three callbacks; it is held while a frame is sent, so that a fast reply
+/// can't be looked at before its request is recorded. Lock order: an item's mutex,
+/// `serialized_queue_mutex_`, `request_mutex_`, the log mutex.
+class CanBusDeviceBase {
+ public:
+  using ProcessMessage = std::function<void(const CanfdFrame&)>;
+  using MatchJudge = std::function<bool(std::uint32_t request_id, std::uint32_t frame_id)>;
+  using MatchedReplyId = std::function<std::uint32_t(std::uint32_t request_id)>;
+
+  struct SerializedRequestItem {
+    CanfdFrame frame;
+    int priority = 0;
+    std::uint64_t sequence = 0;
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::atomic<bool> done{false};
+    std::optional<CanfdFrame> response;
+    std::exception_ptr error;
+  };
+
+  CanBusDeviceBase() = default;
+  CanBusDeviceBase(const CanBusDeviceBase&) = delete;
+  CanBusDeviceBase& operator=(const CanBusDeviceBase&) = delete;
+  virtual ~CanBusDeviceBase();
+
+  virtual bool IsInit() { return true; }
+  virtual int OpenDevice() = 0;
+  virtual int CloseDevice() = 0;
+  /// The body of the receive thread.
+  virtual void RecvFrame() = 0;
+  /// Sends one frame. -1 on failure, and for more than 64 bytes.
+  virtual int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) = 0;
+  virtual void SetFrameSendTimeout(int /*ms*/) {}
+  virtual int GetFrameSendTimeout() const { return 0; }
+
+  void SetMsgMatchJudge(MatchJudge judge);
+
+  /// Installs all three callbacks at once, while the receive thread may already run.
+  void BindCallbacks(ProcessMessage process, MatchedReplyId reply_id, MatchJudge judge);
+
+  /// Sends `frame` and waits for its reply, in the order of the serialized queue. Throws
+  /// std::runtime_error if the frame can't be sent or isn't answered in time.
+  CanfdFrame SendRequestSynch(const CanfdFrame& frame);
+  CanfdFrame SendRequestSynch(const CanfdFrame& frame, int priority);
+
+  /// One exchange, without queue and interval.
+  CanfdFrame SendRequestSynchInternal(const CanfdFrame& frame);
+
+  /// Sends `frame` and waits for nothing. What SendFrame returned.
+  int SendRequestWithoutReply(const CanfdFrame& frame);
+
+  /// Sends `frame` and gathers a reply of up to `expected_frames` frames. Never throws for a
+  /// time-out or a failed send; the result may be short or empty.
+  std::vector<CanfdFrame> SendRequestSynchMultiFrame(const CanfdFrame& frame,
+                                                     std::uint8_t expected_frames);
+
+  /// Waits until `request_interval_ms_` has passed since the last request, and marks a new one.
+  void EnforceRequestInterval();
+
+  /// Held to 0..100 ms. The next request isn't delayed by the change.
+  void SetRequestInterval(int ms);
+  int GetRequestInterval() const { return static_cast<int>(request_interval_ms_.load()); }
+
+  /// Held to 10..1000 ms.
+  void SetFrameRecvTimeout(int ms);
+  int GetFrameRecvTimeout() const { return frame_recv_timeout_ms_.load(); }
+
+  /// Switches the queue in front of SendRequestSynch. Off, requests of several threads still go
+  /// out one at a time, in no particular order.
+  void SetSerializedRequestQueue(bool enabled);
+
+  /// Takes one received frame: stores it for the request that it answers, or hands it to
+  /// `process_msg_`. Called on the receive thread. Nothing that a callback throws gets out.
+  void Dispatch(const CanfdFrame& frame, const DispatchRules& rules);
+
+  std::atomic<bool> stop_flag_{false};
+  ProcessMessage process_msg_;
+  MatchJudge msg_match_judge_;
+  MatchedReplyId matched_rep_id_;
+  std::unique_ptr<std::thread> recv_thread_;
+
+  std::mutex request_mutex_;
+  std::condition_variable reply_cv_;
+  std::condition_variable drain_cv_;
+  std::unordered_set<std::uint32_t> pending_req_ids_;
+  /// Message types (identifier byte 2) whose replies come in several frames. Only grows.
+  std::unordered_set<std::uint8_t> multiframe_types_;
+  std::unordered_map<std::uint32_t, CanfdFrame> umap_rep_;
+  std::unordered_map<std::uint32_t, std::map<std::uint8_t, CanfdFrame>> umap_multiframe_rep_;
+
+  std::atomic<bool> show_data_details_{false};
+  /// System clock, nanoseconds.
+  std::atomic<std::int64_t> last_request_time_{0};
+  std::atomic<std::int64_t> request_interval_ms_{0};
+  std::atomic<int> frame_recv_timeout_ms_{50};
+
+  std::atomic<bool> serialized_queue_enabled_{true};
+  std::deque<std::shared_ptr<SerializedRequestItem>> serialized_queue_;
+  std::mutex serialized_queue_mutex_;
+  std::condition_variable serialized_queue_cv_;
+  std::atomic<std::uint64_t> serialized_sequence_{0};
+
+  /// Keeps the frame logs of all adapters in the process from interleaving.
+  static std::mutex s_data_details_log_mutex_;
+
+ protected:
+  /// Starts `thread` on RecvFrame. False if the system has no thread to give, which is told.
+  bool StartReceiveThread(std::unique_ptr<std::thread>& thread);
+
+  /// Ends RecvFrame, joins and frees its thread. Every adapter's destructor begins with it, while
+  /// the object is still whole.
+  void StopReceiveThread(std::unique_ptr<std::thread>& thread);
+
+  /// "[time]<tag>[CANID:..][DATA:..]" on the standard output stream, if the frame log is on.
+  void LogFrame(const char* tag, const CanfdFrame& frame) const;
+
+  /// "RCV: [CANID:..][DATA:..]" and nothing else.
+  void LogBareFrame(const CanfdFrame& frame) const;
+
+ private:
+  class Exchange;
+  class ReplyTimer;
+  struct ExchangeResult;
+
+  std::uint32_t ReplyKey(std::uint32_t request_id);
+  std::optional<CanfdFrame> TakeReply(std::uint32_t key);
+  std::optional<CanfdFrame> TakeSingleFrame(std::uint32_t key);
+  std::optional<CanfdFrame> TakeMultiFrame(std::uint32_t key, std::uint8_t index);
+
+  void GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames,
+                    std::vector<CanfdFrame>& result);
+  std::uint8_t AwaitFirstFrame(const CanfdFrame& frame, std::uint32_t key,
+                               std::uint8_t expected_frames, std::vector<CanfdFrame>& result);
+  std::optional<CanfdFrame> AwaitLaterFrame(std::uint32_t key, std::uint8_t index);
+  std::string DescribeMissingFrame(std::uint32_t request_id, std::uint32_t key, std::uint8_t index,
+                                   std::uint8_t total, const std::vector<CanfdFrame>& result);
+
+  bool StoreReply(const CanfdFrame& frame, const DispatchRules& rules);
+  void HandOver(const CanfdFrame& frame);
+
+  std::shared_ptr<SerializedRequestItem> ElectItem();
+  void WithdrawItem(const std::shared_ptr<SerializedRequestItem>& item);
+  ExchangeResult RunExchange(const CanfdFrame& frame);
+
+  /// At most one exchange runs on a device. The pending set alone can't tell: an adapter that
+  /// consumes matches empties it before the requester has taken its reply.
+  bool exchange_running_ = false;
+};
+
+/// "[CANID:..][DATA:..]": the identifier in 3 hexadecimal digits up to 0x7FF and in 8 above it,
+/// then every payload byte followed by a blank.
+std::string FormatFrame(const CanfdFrame& frame);
+
+/// "[YYYY-MM-DD HH:MM:SS.uuuuuu]", local time.
+std::string FormatTimestamp(std::chrono::system_clock::time_point time);
+
+}  // namespace talvera::korvane

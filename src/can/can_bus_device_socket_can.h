@@ -1,0 +1,37 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "can/can_bus_device.h"
+
+namespace talvera::korvane {
+
+/// CAN FD through a Linux SocketCAN raw socket. One object owns one socket; two hands on one
+/// interface open two.
+class CanBusDeviceSocketCan : public CanBusDeviceBase {
+ public:
+  /// Opens `interface_name`, of which at most 15 characters count. A failure is told on the
+  /// standard error stream and leaves IsInit() false.
+  explicit CanBusDeviceSocketCan(const std::string& interface_name);
+  ~CanBusDeviceSocketCan() override;
+
+  bool IsInit() override { return socket_fd_ >= 0; }
+  int OpenDevice() override;
+  int CloseDevice() override;
+  void RecvFrame() override;
+  int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override;
+
+  std::string interface_name_;
+  int socket_fd_ = -1;
+
+ private:
+  int FindInterface() const;
+  int AbandonSocket();
+
+  /// The descriptor keeps its value when it is closed, and the number may then belong to another
+  /// file of the process: this flag says whether it is still ours.
+  std::atomic<bool> open_{false};
+};
+
+}  // namespace talvera::korvane

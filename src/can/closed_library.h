@@ -1,0 +1,49 @@
+#pragma once
+
+#include <string>
+
+namespace talvera::korvane {
+
+/// A shared library that may or may not be installed. Its functions are bound once, when the
+/// library is first used: to a definition that the process already has (a program may link the
+/// library, or a stand-in for it), otherwise through dlopen. If neither is there, one line on the
+/// standard error stream says what was looked for and where, and the functions answer failure.
+class ClosedLibrary {
+ public:
+  explicit ClosedLibrary(std::string file_name);
+
+  /// Null if the library or the function isn't there.
+  void* Find(const char* function);
+
+ private:
+  void Open();
+
+  std::string file_name_;
+  void* handle_ = nullptr;
+  bool tried_ = false;
+};
+
+template <class Signature>
+class LibraryFunction;
+
+/// One function of a closed library; `failure` is what it answers when it isn't there.
+template <class Result, class... Args>
+class LibraryFunction<Result(Args...)> {
+ public:
+  LibraryFunction(ClosedLibrary& library, Result (*in_process)(Args...), const char* name,
+                  Result failure)
+      : function_(in_process != nullptr
+                      ? in_process
+                      : reinterpret_cast<Result (*)(Args...)>(library.Find(name))),
+        failure_(failure) {}
+
+  Result operator()(Args... args) const {
+    return function_ != nullptr ? function_(args...) : failure_;
+  }
+
+ private:
+  Result (*function_)(Args...);
+  Result failure_;
+};
+
+}  // namespace talvera::korvane

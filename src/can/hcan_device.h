@@ -1,0 +1,75 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "can/can_bus_device.h"
+
+namespace talvera::korvane {
+
+/// One adapter, as a scan finds it.
+struct HcanDeviceInfo {
+  int adapter_index = 0;
+  std::string serial_number;
+  std::string hardware_type;
+  std::uint8_t channels = 0;
+};
+
+void TrimTrailingSpaces(std::string& text);
+
+/// One channel of an HCAN adapter, through the closed library libcanbus.
+///
+/// Objects on one adapter share it by count: only the first one opens its channel with the
+/// library. Every frame goes to `process_msg_`, replies too, and a pending identifier is consumed
+/// by its first reply, so that of a reply in several frames only the first is stored. Applications
+/// are built around both.
+class HcanDevice : public CanBusDeviceBase {
+ public:
+  /// `product_type` 255 makes an object that never opens anything.
+  HcanDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
+
+  /// Takes the first adapter whose serial number contains `serial_number`.
+  HcanDevice(const std::string& serial_number, std::uint8_t channel, std::uint8_t product_type);
+  ~HcanDevice() override;
+
+  /// All adapters that answer. Those that this process has open are left alone.
+  static std::vector<HcanDeviceInfo> ScanHcanDevices();
+  static std::optional<HcanDeviceInfo> FindHcanDeviceBySerialNumber(
+      const std::string& serial_number);
+
+  bool IsInit() override { return recv_thread_ != nullptr; }
+  int OpenDevice() override;
+  int CloseDevice() override;
+  void RecvFrame() override;
+  int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override;
+
+  /// Held to 0..10000 ms; 0 means 100 ms at the call.
+  void SetFrameSendTimeout(int ms) override;
+  int GetFrameSendTimeout() const override { return send_timeout_ms_; }
+
+  std::uint8_t adapter_index_ = 0;
+  std::uint8_t channel_id_ = 0;
+  std::uint8_t product_type_ = 0;
+  std::atomic<int> send_timeout_ms_{0};
+  /// This class's own; that of the base stays null.
+  std::unique_ptr<std::thread> recv_thread_;
+  bool running_ = true;
+
+  /// Channels in use, by device index. Guarded by `device_mutex_`, and never destroyed, since a
+  /// hand with static storage may close while the process ends.
+  static std::map<std::uint8_t, int>& device_ref_count_;
+  static std::mutex device_mutex_;
+
+ private:
+  void OpenAndReceive();
+  bool OpenChannel() const;
+  bool CheckClock() const;
+  bool InitialiseChannel() const;
+
+  /// This object is one of the device's count.
+  bool counted_ = false;
+};
+
+}  // namespace talvera::korvane

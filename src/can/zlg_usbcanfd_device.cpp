@@ -1,0 +1,364 @@
+#include "can/zlg_usbcanfd_device.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iomanip>
+#include <thread>
+
+#include "can/usbcanfd_library.h"
+#include "util/bytes.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr std::uint32_t kDeviceType = 33;
+constexpr std::uint8_t kMaxDevices = 8;
+constexpr int kMaxSendTimeoutMs = 10000;
+
+constexpr std::uint32_t kCmdTerminatingResistor = 0x18;
+constexpr std::uint32_t kCmdMergedReceive = 0x32;
+constexpr std::uint32_t kCmdSendTimeout = 0x44;
+
+constexpr DispatchRules kRules{false, false, true, false};
+
+// The board information record.
+constexpr std::size_t kBoardInfoSize = 75;
+constexpr std::size_t kBoardChannels = 10;
+constexpr std::size_t kBoardSerialNumber = 11;
+constexpr std::size_t kBoardSerialNumberSize = 20;
+constexpr std::size_t kBoardHardwareType = 31;
+constexpr std::size_t kBoardHardwareTypeSize = 40;
+
+// The frame record.
+constexpr std::size_t kFrameSize = 80;
+constexpr std::size_t kFrameId = 4;
+constexpr std::size_t kFrameInformation = 8;
+constexpr std::size_t kFrameChannel = 14;
+constexpr std::size_t kFrameLength = 15;
+constexpr std::size_t kFrameData = 16;
+constexpr std::uint32_t kFormatCanFd = 1U << 4;
+constexpr std::uint32_t kExtendedFrame = 1U << 9;
+constexpr std::uint32_t kBitRateSwitch = 1U << 11;
+
+constexpr std::uint32_t kReceiveCapacity = 256;
+constexpr int kReceiveWaitMs = 50;
+constexpr auto kIdleSleep = std::chrono::microseconds(100);
+
+/// 60 MHz clock: 1 Mbit/s arbitration sampled at 80 %, 5 Mbit/s data sampled at 75 %.
+std::array<std::uint8_t, 20> InitialisationRecord() {
+  std::array<std::uint8_t, 20> record{};
+  StoreU32(record.data(), 60'000'000);
+  record[8] = 46;  // arbitration: tseg1, tseg2, sjw
+  record[9] = 11;
+  record[10] = 3;
+  record[14] = 7;  // data: tseg1, tseg2, sjw
+  record[15] = 2;
+  record[16] = 1;
+  return record;
+}
+
+/// A field of fixed width, up to its first NUL, without trailing blanks.
+std::string TrimmedText(const std::uint8_t* bytes, std::size_t size) {
+  std::string text(bytes, std::find(bytes, bytes + size, 0));
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
+}
+
+/// Reads who an open device is, and tells it.
+std::optional<CanfdDeviceInfo> ReadBoardInfo(std::uint8_t index) {
+  // The library writes into it; the room to spare is for a library with a longer record.
+  std::array<std::uint8_t, kBoardInfoSize + 181> board{};
+  if (UsbCanFd().read_board_info(kDeviceType, index, board.data()) == 0) return std::nullopt;
+  CanfdDeviceInfo info;
+  info.adapter_index = index;
+  info.serial_number = TrimmedText(&board[kBoardSerialNumber], kBoardSerialNumberSize);
+  info.hardware_type = TrimmedText(&board[kBoardHardwareType], kBoardHardwareTypeSize);
+  info.channels = board[kBoardChannels];
+  info.device_type = kDeviceType;
+  LogInfo(Compose("[INFO]: Found device ", int{index}, " (type=", kDeviceType,
+                  "): ", info.hardware_type, ", SN=", info.serial_number,
+                  ", Channels=", int{info.channels}));
+  return info;
+}
+
+CanfdFrame ToCanfdFrame(const std::uint8_t* record) {
+  CanfdFrame frame;
+  frame.can_id = LoadU32(record + kFrameId);
+  frame.len = std::min(record[kFrameLength], kMaxPayload);
+  std::memcpy(frame.data, record + kFrameData, frame.len);
+  return frame;
+}
+
+}  // namespace
+
+std::mutex ZlgUsbcanfdDevice::device_mutex_;
+
+CanfdDeviceTable& CanfdDevices() {
+  // Hands with static storage close their channel while the process ends.
+  static auto* const table = new CanfdDeviceTable;
+  return *table;
+}
+
+ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel,
+                                     std::uint8_t product_type)
+    : adapter_index_(adapter_index), channel_id_(channel), product_type_(product_type) {
+  if (!TakeFromCache()) Probe();
+  OpenAndReceive();
+}
+
+ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(const std::string& serial_number, std::uint8_t channel,
+                                     std::uint8_t product_type)
+    : channel_id_(channel), product_type_(product_type) {
+  auto device = FindInCache(serial_number);
+  if (!device) {
+    Scan();
+    device = FindInCache(serial_number);
+  }
+  if (!device) {
+    LogError(Compose("[ERROR]: Device with serial number \"", serial_number, "\" not found!"));
+    return;
+  }
+  adapter_index_ = device->adapter_index;
+  device_type_ = device->device_type;
+  OpenAndReceive();
+}
+
+ZlgUsbcanfdDevice::~ZlgUsbcanfdDevice() {
+  StopReceiveThread(recv_thread_);
+  ZlgUsbcanfdDevice::CloseDevice();
+}
+
+void ZlgUsbcanfdDevice::OpenAndReceive() {
+  if (ZlgUsbcanfdDevice::OpenDevice() != -1) StartReceiveThread(recv_thread_);
+}
+
+bool ZlgUsbcanfdDevice::TakeFromCache() {
+  CanfdDeviceTable& table = CanfdDevices();
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  const auto entry = table.canfd_device_info_cache.find(adapter_index_);
+  if (!table.cache_valid_ || entry == table.canfd_device_info_cache.end()) return false;
+  device_type_ = entry->second.device_type;
+  return true;
+}
+
+/// Looks at an adapter that the process hasn't met. One that answers stays open for OpenDevice.
+void ZlgUsbcanfdDevice::Probe() {
+  const std::lock_guard device_lock(device_mutex_);
+  if (TakeFromCache()) return;  // another hand was quicker
+  if (UsbCanFd().open_device(kDeviceType, adapter_index_, 0) == 0) return;
+  auto info = ReadBoardInfo(adapter_index_);
+  if (!info) {
+    UsbCanFd().close_device(kDeviceType, adapter_index_);
+    return;
+  }
+  info->opened = true;
+  device_type_ = kDeviceType;
+  CanfdDeviceTable& table = CanfdDevices();
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  table.canfd_device_info_cache[adapter_index_] = *info;
+  table.cache_valid_ = true;
+}
+
+std::optional<CanfdDeviceInfo> ZlgUsbcanfdDevice::FindInCache(const std::string& serial_number) {
+  CanfdDeviceTable& table = CanfdDevices();
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  if (!table.cache_valid_) return std::nullopt;
+  for (const auto& entry : table.canfd_device_info_cache) {
+    const CanfdDeviceInfo& info = entry.second;
+    if (info.serial_number.find(serial_number) != std::string::npos) return info;
+  }
+  return std::nullopt;
+}
+
+/// Looks at every index. Devices in use are left alone and keep their entries.
+void ZlgUsbcanfdDevice::Scan() {
+  const std::lock_guard device_lock(device_mutex_);
+  CanfdDeviceTable& table = CanfdDevices();
+  std::map<std::uint8_t, CanfdDeviceInfo> found;
+  {
+    const std::lock_guard lock(table.scan_cache_mutex_);
+    if (table.cache_valid_ && table.canfd_device_info_cache.size() >= kMaxDevices) return;
+    for (const auto& entry : table.canfd_device_info_cache) {
+      if (entry.second.ref_count > 0) found.insert(entry);
+    }
+  }
+  for (std::uint8_t index = 0; index < kMaxDevices; ++index) {
+    if (found.count(index) != 0) continue;
+    if (UsbCanFd().open_device(kDeviceType, index, 0) == 0) continue;
+    if (const auto info = ReadBoardInfo(index)) found[index] = *info;
+    UsbCanFd().close_device(kDeviceType, index);
+  }
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  table.canfd_device_info_cache = std::move(found);
+  table.cache_valid_ = true;
+}
+
+/// "device <i> channel <c>"
+std::string ZlgUsbcanfdDevice::Place() const {
+  return Compose("device ", int{adapter_index_}, " channel ", int{channel_id_});
+}
+
+int ZlgUsbcanfdDevice::SetParameter(std::uint32_t command, int value) const {
+  return static_cast<int>(
+      UsbCanFd().set_reference(device_type_, adapter_index_, channel_id_, command, &value));
+}
+
+int ZlgUsbcanfdDevice::OpenDevice() {
+  const std::lock_guard device_lock(device_mutex_);
+  attempted_ = true;
+  CanfdDeviceTable& table = CanfdDevices();
+  bool already_open = false;
+  {
+    const std::lock_guard lock(table.scan_cache_mutex_);
+    const auto entry = table.canfd_device_info_cache.find(adapter_index_);
+    already_open = entry != table.canfd_device_info_cache.end() && entry->second.opened;
+  }
+  if (already_open) {
+    LogInfo(Compose("[INFO]: Device ", int{adapter_index_}, " already open, reusing."));
+  } else if (!MarkOpened()) {
+    return -1;
+  }
+  if (!StartChannel()) return -1;
+  const std::uint32_t started = UsbCanFd().start_can(device_type_, adapter_index_, channel_id_);
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  CanfdDeviceInfo& entry = table.canfd_device_info_cache[adapter_index_];
+  if (started == 0) {
+    LogError(Compose("[ERROR]: Start canfd ", Place(), " failed!"));
+    if (!already_open) {
+      UsbCanFd().close_device(device_type_, adapter_index_);
+      entry.ref_count = 0;
+    }
+    return -1;
+  }
+  LogInfo(Compose("[INFO]: Start canfd ", Place(), " successfully."));
+  counted_ = true;
+  ++entry.ref_count;
+  LogInfo(Compose("[INFO]: Device ", int{adapter_index_}, " ref count: ", entry.ref_count));
+  return 0;
+}
+
+/// Opens the physical device and records that it is open.
+bool ZlgUsbcanfdDevice::MarkOpened() {
+  if (UsbCanFd().open_device(device_type_, adapter_index_, 0) == 0) {
+    LogError(Compose("[ERROR]: Open device ", int{adapter_index_}, " usbcanfd failed!"));
+    return false;
+  }
+  LogInfo(Compose("[INFO]: Open device ", int{adapter_index_}, " usbcanfd successfully."));
+  CanfdDeviceTable& table = CanfdDevices();
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  const auto [entry, created] = table.canfd_device_info_cache.try_emplace(adapter_index_);
+  if (created) {
+    entry->second.adapter_index = adapter_index_;
+    entry->second.device_type = device_type_;
+    table.cache_valid_ = true;
+  }
+  entry->second.opened = true;
+  return true;
+}
+
+/// Bit timing and parameters of the channel. Only the bit timing must succeed.
+bool ZlgUsbcanfdDevice::StartChannel() {
+  auto config = InitialisationRecord();
+  if (UsbCanFd().init_can(device_type_, adapter_index_, channel_id_, config.data()) == 0) {
+    LogError(Compose("[ERROR]: Init canfd ", Place(), " failed!"));
+    return false;
+  }
+  LogInfo(Compose("[INFO]: Init canfd ", Place(), " successfully."));
+  if (SetParameter(kCmdTerminatingResistor, 1) == 0) {
+    LogError(Compose("[ERROR]: CMD_CAN_TRES failed for ", Place()));
+  }
+  if (SetParameter(kCmdMergedReceive, 0) == 0) {
+    LogError("[ERROR]: ZCAN_CMD_SET_CHNL_RECV_MERGE failed!");
+  }
+  const int send_timeout = send_timeout_ms_;
+  if (send_timeout > 0 && SetParameter(kCmdSendTimeout, send_timeout) == 0) {
+    LogError(Compose("[WARN]: CMD_CAN_TX_TIMEOUT failed for ", Place()));
+  }
+  return true;
+}
+
+int ZlgUsbcanfdDevice::CloseDevice() {
+  const std::lock_guard device_lock(device_mutex_);
+  CanfdDeviceTable& table = CanfdDevices();
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  const auto entry = table.canfd_device_info_cache.find(adapter_index_);
+  const bool known = entry != table.canfd_device_info_cache.end();
+  const int in_use = known ? entry->second.ref_count : 0;
+  // An object that isn't counted has nothing to close while others use the device.
+  const bool mine = counted_ || (attempted_ && in_use < 1);
+  counted_ = attempted_ = false;
+  if (!mine) return 0;
+  int result = 0;
+  if (UsbCanFd().reset_can(device_type_, adapter_index_, channel_id_) != 0) {
+    LogInfo(Compose("[INFO]: Reset canfd ", Place(), " successfully."));
+  } else {
+    LogError(Compose("[ERROR]: Reset canfd ", Place(), " failed!"));
+    result = -1;
+  }
+  if (in_use >= 1) {
+    --entry->second.ref_count;
+    LogInfo(Compose("[INFO]: Device ", int{adapter_index_}, " ref count: ", in_use - 1));
+    if (in_use > 1) return result;
+  }
+  if (known) entry->second.ref_count = 0;
+  if (UsbCanFd().close_device(device_type_, adapter_index_) != 0) {
+    LogInfo(Compose("[INFO]: Close canfd device ", int{adapter_index_}, " successfully."));
+  } else {
+    LogError(Compose("[ERROR]: Close canfd device ", int{adapter_index_}, " failed!"));
+    result = -1;
+  }
+  return result;
+}
+
+int ZlgUsbcanfdDevice::SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) {
+  if (len > kMaxPayload) return -1;
+  std::array<std::uint8_t, kFrameSize> record{};
+  StoreU32(&record[kFrameId], id);
+  StoreU32(&record[kFrameInformation],
+           kFormatCanFd | kBitRateSwitch | (id > kMaxStandardId ? kExtendedFrame : 0U));
+  record[kFrameChannel] = channel_id_;
+  record[kFrameLength] = len;
+  std::copy_n(data, len, &record[kFrameData]);
+  const std::uint32_t sent =
+      UsbCanFd().transmit_fd(device_type_, adapter_index_, channel_id_, record.data(), 1);
+  if (sent == 1) return 0;
+  LogError(Compose("[ZLG CAN ERROR] VCI_TransmitFD failed: returned ", sent,
+                   " (expected 1), device_type=", device_type_, ", canfd_id=", int{adapter_index_},
+                   ", channel_id=", int{channel_id_}, ", id=0x", std::hex, std::setfill('0'),
+                   std::setw(8), id, std::dec, ", len=", int{len}));
+  return -1;
+}
+
+void ZlgUsbcanfdDevice::RecvFrame() {
+  std::array<std::uint8_t, kReceiveCapacity * kFrameSize> records;
+  while (!stop_flag_) {
+    records.fill(0);
+    const std::uint32_t count =
+        UsbCanFd().receive_fd(device_type_, adapter_index_, channel_id_, records.data(),
+                              kReceiveCapacity, kReceiveWaitMs);
+    // More than it has room for is no count but an error code.
+    if (count == 0 || count > kReceiveCapacity) {
+      std::this_thread::sleep_for(kIdleSleep);
+      continue;
+    }
+    for (std::size_t i = 0; i < count; ++i)
+      Dispatch(ToCanfdFrame(&records[i * kFrameSize]), kRules);
+  }
+}
+
+void ZlgUsbcanfdDevice::SetFrameSendTimeout(int ms) {
+  const int timeout = std::clamp(ms, 0, kMaxSendTimeoutMs);
+  send_timeout_ms_ = timeout;
+  if (timeout < 1) return;
+  const std::lock_guard device_lock(device_mutex_);
+  CanfdDeviceTable& table = CanfdDevices();
+  const std::lock_guard lock(table.scan_cache_mutex_);
+  const auto entry = table.canfd_device_info_cache.find(adapter_index_);
+  if (entry == table.canfd_device_info_cache.end() || entry->second.ref_count < 1) return;
+  if (SetParameter(kCmdSendTimeout, timeout) == 0) {
+    LogError("[WARN]: SetFrameSendTimeout runtime CMD_CAN_TX_TIMEOUT failed");
+  }
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <array>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "can/can_bus_device.h"
+
+namespace talvera::korvane {
+
+/// What the process knows of one physical adapter.
+struct CanfdDeviceInfo {
+  std::uint8_t adapter_index = 0;
+  std::string serial_number;
+  std::string hardware_type;
+  std::uint8_t channels = 0;
+  std::uint32_t device_type = 0;
+  /// Set when the device is opened, and never cleared by closing it: the process keeps an adapter
+  /// once it had it, and initialising a channel brings the device back.
+  bool opened = false;
+  /// Channels in use.
+  int ref_count = 0;
+};
+
+/// The adapters that this process has met, by index, shared by all objects.
+struct CanfdDeviceTable {
+  std::mutex scan_cache_mutex_;
+  std::map<std::uint8_t, CanfdDeviceInfo> canfd_device_info_cache;
+  bool cache_valid_ = false;
+};
+
+CanfdDeviceTable& CanfdDevices();
+
+/// One channel of a ZLG USBCANFD adapter, through the closed library libusbcanfd. The last channel
+/// that is closed closes the device, so hands on one adapter may come and go in any order.
+///
+/// Lock order: `device_mutex_`, then `scan_cache_mutex_`.
+class ZlgUsbcanfdDevice : public CanBusDeviceBase {
+ public:
+  /// `product_type` 255 marks a short-lived object for a broadcast query.
+  ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
+
+  /// Takes the first adapter whose serial number contains `serial_number`.
+  ZlgUsbcanfdDevice(const std::string& serial_number, std::uint8_t channel,
+                    std::uint8_t product_type);
+  ~ZlgUsbcanfdDevice() override;
+
+  bool IsInit() override { return recv_thread_ != nullptr; }
+  int OpenDevice() override;
+  int CloseDevice() override;
+  void RecvFrame() override;
+  int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override;
+
+  /// Held to 0..10000 ms. 0 is stored and told to nobody.
+  void SetFrameSendTimeout(int ms) override;
+  int GetFrameSendTimeout() const override { return send_timeout_ms_; }
+
+  std::uint8_t adapter_index_ = 0;
+  std::uint8_t channel_id_ = 0;
+  std::uint32_t device_type_ = 0;
+  std::uint8_t product_type_ = 0;
+  std::atomic<int> send_timeout_ms_{20};
+
+  static std::mutex device_mutex_;
+
+ private:
+  void OpenAndReceive();
+  bool TakeFromCache();
+  void Probe();
+  static std::optional<CanfdDeviceInfo> FindInCache(const std::string& serial_number);
+  static void Scan();
+  bool MarkOpened();
+  bool StartChannel();
+  int SetParameter(std::uint32_t command, int value) const;
+  std::string Place() const;
+
+  /// This object is one of the entry's `ref_count`.
+  bool counted_ = false;
+  /// OpenDevice was tried and CloseDevice hasn't run since.
+  bool attempted_ = false;
+};
+
+}  // namespace talvera::korvane
