@@ -1,0 +1,62 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "can/can_bus_device.h"
+#include "korvane_types.h"
+
+namespace talvera::korvane {
+
+/// A hand's hold on its transport, which may be missing: then requests fail with "no transport",
+/// settings do nothing and read as 0.
+class CanLink {
+ public:
+  explicit CanLink(std::unique_ptr<CanBusDeviceBase> device) : transport(std::move(device)) {}
+
+  bool IsInit() const { return transport && transport->IsInit(); }
+
+  /// The reply to `frame`. Throws std::runtime_error.
+  CanfdFrame Request(const CanfdFrame& frame, int priority) const;
+
+  /// As CanBusDeviceBase::SendRequestSynchMultiFrame. Throws std::runtime_error only if there is no
+  /// transport.
+  std::vector<CanfdFrame> RequestFrames(const CanfdFrame& frame, std::uint8_t expected) const;
+
+  /// -1 if the frame couldn't be sent. Throws std::runtime_error if there is no transport.
+  int Send(const CanfdFrame& frame) const;
+
+  void ShowDataDetails(bool on) const;
+  void SetRequestInterval(int ms);
+  int GetRequestInterval() const;
+  void SetFrameRecvTimeout(int ms);
+  int GetFrameRecvTimeout() const;
+  void SetFrameSendTimeout(int ms);
+  int GetFrameSendTimeout() const;
+
+  std::unique_ptr<CanBusDeviceBase> transport;
+
+ private:
+  CanBusDeviceBase& Transport() const;
+};
+
+/// By which EnableConcurrentCalls finds the transport of a hand, whatever its model.
+class CanLinkOwner {
+ public:
+  virtual CanLink& Link() = 0;
+
+ protected:
+  ~CanLinkOwner() = default;
+};
+
+/// The adapters that factories ask for. The result is null, after a line that says why, for a kind
+/// of adapter or link that doesn't exist.
+std::unique_ptr<CanBusDeviceBase> MakeAdapter(ECanDeviceType type, std::uint8_t adapter_index,
+                                              std::uint8_t channel, std::uint8_t product_type);
+std::unique_ptr<CanBusDeviceBase> MakeAdapter(ECanDeviceType type, const std::string& serial_number,
+                                              std::uint8_t channel, std::uint8_t product_type);
+std::unique_ptr<CanBusDeviceBase> MakeSocketCan(const std::string& interface_name);
+std::unique_ptr<CanBusDeviceBase> RefuseTcp(const char* class_name);
+
+}  // namespace talvera::korvane

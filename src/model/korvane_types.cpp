@@ -1,0 +1,20 @@
+#include "korvane_types.h"
+
+#include "util/log.h"
+
+namespace talvera::korvane {
+
+std::string Version::ToString() const {
+  const std::string text = Compose(int{major}, '.', int{minor}, '.', int{patch});
+  return build != 0 ? Compose(text, '.', int{build}) : text;
+}
+
+std::string VendorInfo::ToString() const {
+  return Compose("\t[Product Model: ", product_model, "]\n\t[Serial Number: ", serial_number,
+                 "]\n\t[Hardware Version: ", hardware_version.ToString(),
+                 "]\n\t[Software Version: ", software_version.ToString(),
+                 "]\n\t[Supply Voltage: ", supply_voltage_mv,
+                 "mV]\n\t[Active Degrees of Freedom: ", int{active_dof}, "]\n");
+}
+
+}  // namespace talvera::korvane
