@@ -1,0 +1,282 @@
+#include "korvane_brisa_solver.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <functional>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace talvera::korvane::br7 {
+namespace {
+
+using Ints = std::vector<int>;
+using Doubles = std::vector<double>;
+
+struct SideRow {
+  bool mirrored;
+  Doubles joint_min, joint_max, linear_min, linear_max;
+  Ints actuator_at_min, actuator_at_max;
+  Doubles flexion_forward, thumb_forward;
+};
+struct ForwardRow {
+  bool mirrored;
+  Doubles joint_pos;
+  Ints actuator_input;
+};
+struct InverseRow {
+  bool mirrored;
+  Ints actuator_input;
+  Doubles joint_pos;
+};
+struct AllJointsRow {
+  bool mirrored;
+  Doubles active;
+  Doubles all;
+};
+struct GestureRow {
+  bool mirrored;
+  int gesture;
+  Ints actuator_input;
+};
+#include "data/brisa_solver_table.inc"
+
+constexpr double kTolerance = 1e-12;
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr int kIntMin = std::numeric_limits<int>::min();
+constexpr int kIntMax = std::numeric_limits<int>::max();
+
+const KorvaneBrisaSolver& Plain() {
+  static const KorvaneBrisaSolver solver(false);
+  return solver;
+}
+
+const KorvaneBrisaSolver& Mirrored() {
+  static const KorvaneBrisaSolver solver(true);
+  return solver;
+}
+
+const KorvaneBrisaSolver& Side(bool mirrored) { return mirrored ? Mirrored() : Plain(); }
+
+void ExpectNear(const Doubles& actual, const Doubles& expected, double tolerance = kTolerance) {
+  ASSERT_EQ(actual.size(), expected.size());
+  for (std::size_t i = 0; i < actual.size(); ++i) {
+    EXPECT_NEAR(actual[i], expected[i], tolerance) << "element " << i;
+  }
+}
+
+/// The actuator input of one joint while the others stand at zero.
+int InputOf(const KorvaneBrisaSolver& solver, std::size_t joint, double position) {
+  Doubles joint_pos(10, 0.0);
+  joint_pos[joint] = position;
+  return solver.ActiveJointPos2ActuatorInput(joint_pos).at(joint);
+}
+
+std::string ErrorsOf(const std::function<void()>& action) {
+  testing::internal::CaptureStderr();
+  action();
+  return testing::internal::GetCapturedStderr();
+}
+
+std::string OutputOf(const std::function<void()>& action) {
+  testing::internal::CaptureStdout();
+  action();
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST(KorvaneBrisaSolver, GivesTheActuatorInputsOfAnIndependentCalculation) {
+  for (const ForwardRow& row : kForwardRows) {
+    EXPECT_EQ(Side(row.mirrored).ActiveJointPos2ActuatorInput(row.joint_pos), row.actuator_input)
+        << "row " << &row - kForwardRows;
+  }
+}
+
+TEST(KorvaneBrisaSolver, GivesTheJointPositionsOfAnIndependentCalculation) {
+  for (const InverseRow& row : kInverseRows) {
+    SCOPED_TRACE(&row - kInverseRows);
+    ExpectNear(Side(row.mirrored).ActuatorInput2ActiveJointPos(row.actuator_input), row.joint_pos);
+  }
+}
+
+TEST(KorvaneBrisaSolver, DerivesTheSixteenJointsOfAnIndependentCalculation) {
+  for (const AllJointsRow& row : kAllJointsRows) {
+    SCOPED_TRACE(&row - kAllJointsRows);
+    ExpectNear(Side(row.mirrored).GetAllJointPos(row.active), row.all);
+  }
+  EXPECT_EQ(Plain().GetAllJointPos(Doubles(10, 0.0)), Doubles(16, 0.0));
+}
+
+TEST(KorvaneBrisaSolver, GivesTheGesturesOfAnIndependentCalculation) {
+  for (const GestureRow& row : kGestureRows) {
+    EXPECT_EQ(Side(row.mirrored).SetHandGesture(row.gesture), row.actuator_input)
+        << "mirrored " << row.mirrored << " gesture " << row.gesture;
+  }
+}
+
+TEST(KorvaneBrisaSolver, ConvertsTheKnownPointsOfEachKindOfJoint) {
+  EXPECT_EQ(InputOf(Plain(), 0, 1.12), 0);
+  EXPECT_EQ(InputOf(Plain(), 0, -0.03), 4096);
+  EXPECT_EQ(InputOf(Plain(), 0, 0.545), 2048);
+  EXPECT_EQ(InputOf(Plain(), 2, 0.0), 4093);
+  EXPECT_EQ(InputOf(Plain(), 2, 0.8416), 9);
+  EXPECT_EQ(InputOf(Plain(), 4, 0.0), 4069);
+  EXPECT_EQ(InputOf(Plain(), 4, 1.48), 46);
+  EXPECT_EQ(InputOf(Plain(), 6, 0.17), 4096);
+  EXPECT_EQ(InputOf(Plain(), 6, 0.0), 0);
+  EXPECT_EQ(InputOf(Mirrored(), 0, -1.12), 0);
+  EXPECT_EQ(InputOf(Mirrored(), 0, 0.03), 4096);
+  EXPECT_EQ(InputOf(Mirrored(), 1, 1.64), 0);
+  EXPECT_EQ(InputOf(Plain(), 1, -1.64), 4096);
+}
+
+TEST(KorvaneBrisaSolver, PositionsComeBackFromTheirActuatorInputs) {
+  for (const bool mirrored : {false, true}) {
+    const KorvaneBrisaSolver& solver = Side(mirrored);
+    for (int n = 0; n <= 32; ++n) {
+      Doubles joint_pos;
+      for (std::size_t i = 0; i < 10; ++i) {
+        joint_pos.push_back(solver.joint_min[i] +
+                            (solver.joint_max[i] - solver.joint_min[i]) * n / 32);
+      }
+      const Ints input = solver.ActiveJointPos2ActuatorInput(joint_pos);
+      // The flexion fits of the two directions miss each other by up to 0.015 rad.
+      ExpectNear(solver.ActuatorInput2ActiveJointPos(input), joint_pos, 0.016);
+    }
+  }
+}
+
+TEST(KorvaneBrisaSolver, HoldsTheTablesOfBothSides) {
+  for (const SideRow& row : kSideRows) {
+    const KorvaneBrisaSolver& solver = Side(row.mirrored);
+    EXPECT_EQ(solver.mirrored, row.mirrored);
+    EXPECT_EQ(solver.joint_min, row.joint_min);
+    EXPECT_EQ(solver.joint_max, row.joint_max);
+    EXPECT_EQ(solver.linear_min, row.linear_min);
+    EXPECT_EQ(solver.linear_max, row.linear_max);
+    EXPECT_EQ(solver.actuator_at_min, row.actuator_at_min);
+    EXPECT_EQ(solver.actuator_at_max, row.actuator_at_max);
+    // Truncation hides the last digits of these two from the conversions.
+    EXPECT_EQ(solver.flexion_forward, row.flexion_forward);
+    EXPECT_EQ(row.mirrored ? solver.thumb_forward_mirrored : solver.thumb_forward_plain,
+              row.thumb_forward);
+    EXPECT_EQ(solver.direction, (Ints{-1, -1, -1, -1, 1, 1, -1, 1, -1, 1}));
+    // No operation uses this table, but applications invert the thumb's coupling with it.
+    const double tip = solver.CalculatePower(0.5, solver.thumb_tip_coupling_a);
+    EXPECT_NEAR(solver.CalculatePower(tip, solver.thumb_tip_inverse_a), 0.5, kTolerance);
+  }
+}
+
+TEST(KorvaneBrisaSolver, EvaluatesPolynomialsOfAnyLength) {
+  EXPECT_EQ(Plain().CalculatePower(3.0, {}), 0.0);
+  EXPECT_EQ(Plain().CalculatePower(3.0, {7.0}), 7.0);
+  EXPECT_EQ(Plain().CalculatePower(-2.0, {1.0, 2.0, 3.0, 4.0, 5.0, 6.0}), -135.0);
+}
+
+TEST(KorvaneBrisaSolver, TakesAPositionBeyondItsLimitAsTheLimit) {
+  for (const bool mirrored : {false, true}) {
+    const KorvaneBrisaSolver& solver = Side(mirrored);
+    const Ints at_min = solver.ActiveJointPos2ActuatorInput(solver.joint_min);
+    const Ints at_max = solver.ActiveJointPos2ActuatorInput(solver.joint_max);
+    EXPECT_EQ(solver.ActiveJointPos2ActuatorInput(Doubles(10, kInfinity)), at_max);
+    EXPECT_EQ(solver.ActiveJointPos2ActuatorInput(Doubles(10, -1e300)), at_min);
+    EXPECT_EQ(solver.ActiveJointPos2ActuatorInput(Doubles(10, kNaN)), at_min);
+  }
+}
+
+TEST(KorvaneBrisaSolver, ConvertsAnyIntegersToPositionsWithinTheLimits) {
+  for (const bool mirrored : {false, true}) {
+    for (const int input : {kIntMin, kIntMin + 1, -1, 4097, kIntMax}) {
+      const Doubles joint_pos = Side(mirrored).ActuatorInput2ActiveJointPos(Ints(10, input));
+      EXPECT_TRUE(Side(mirrored).CheckJointPos(joint_pos)) << input;
+    }
+  }
+  // The linear joints end at the limit that lies on the input's side.
+  EXPECT_EQ(Plain().ActuatorInput2ActiveJointPos(Ints(10, kIntMax))[0], -0.03);
+  EXPECT_EQ(Plain().ActuatorInput2ActiveJointPos(Ints(10, kIntMin))[0], 1.12);
+}
+
+TEST(KorvaneBrisaSolver, ReportsPositionsOverTheLimitOnlyWhileDetailsAreShown) {
+  KorvaneBrisaSolver solver(false);
+  Doubles over = solver.joint_max;
+  over[9] += 0.01;
+  const Ints expected = solver.ActiveJointPos2ActuatorInput(solver.joint_max);
+  const auto convert = [&] { EXPECT_EQ(solver.ActiveJointPos2ActuatorInput(over), expected); };
+
+  EXPECT_FALSE(solver.show_details);
+  EXPECT_EQ(OutputOf(convert), "");
+  solver.show_details = true;
+  EXPECT_EQ(OutputOf(convert), "joint position over limit\n");
+  EXPECT_EQ(OutputOf([&] { solver.ActiveJointPos2ActuatorInput(solver.joint_max); }), "");
+  // A gesture is brought within the limits before it is converted.
+  EXPECT_EQ(OutputOf([&] { solver.SetHandGesture(3); }), "");
+}
+
+TEST(KorvaneBrisaSolver, ChecksJointPositionsAgainstBothLimitsIncluded) {
+  for (const KorvaneBrisaSolver* solver : {&Plain(), &Mirrored()}) {
+    EXPECT_TRUE(solver->CheckJointPos(solver->joint_min));
+    EXPECT_TRUE(solver->CheckJointPos(solver->joint_max));
+    for (std::size_t i = 0; i < 10; ++i) {
+      for (const double bad : {solver->joint_min[i] - 1e-9, solver->joint_max[i] + 1e-9, kNaN}) {
+        Doubles joint_pos = solver->joint_min;
+        joint_pos[i] = bad;
+        EXPECT_FALSE(solver->CheckJointPos(joint_pos)) << "joint " << i << " at " << bad;
+      }
+    }
+  }
+}
+
+// Applications convert whatever the hand reports, so that the check must not begin to reject.
+TEST(KorvaneBrisaSolver, ActuatorCheckIsFalseForAnyTenInputsAndStopsNoConversion) {
+  for (const int input : {kIntMin, -1, 0, 2048, 4096, 4097, kIntMax}) {
+    EXPECT_EQ(ErrorsOf([&] { EXPECT_FALSE(Plain().CheckActuatorInput(Ints(10, input))); }), "");
+    EXPECT_EQ(Plain().ActuatorInput2ActiveJointPos(Ints(10, input)).size(), 10U);
+  }
+  EXPECT_EQ(Plain().actuator_lower, 4096);
+  EXPECT_EQ(Plain().actuator_upper, 0);
+}
+
+TEST(KorvaneBrisaSolver, ClampTakesNaNToTheLowerLimitAndStaysInsideTheVector) {
+  Doubles short_vector{5.0, kNaN, -5.0};
+  Mirrored().ClampJointPos(short_vector);
+  EXPECT_EQ(short_vector, (Doubles{0.03, -0.05, -0.8416}));
+
+  Doubles empty;
+  Plain().ClampJointPos(empty);
+  EXPECT_TRUE(empty.empty());
+
+  Doubles long_vector(12, 9.0);
+  Plain().ClampJointPos(long_vector);
+  Doubles expected = Plain().joint_max;
+  expected.insert(expected.end(), {9.0, 9.0});
+  EXPECT_EQ(long_vector, expected);
+}
+
+TEST(KorvaneBrisaSolver, WrongSizesGiveTheFailureValueAndOneLine) {
+  const KorvaneBrisaSolver& solver = Plain();
+  for (const std::size_t size : {0U, 9U, 11U}) {
+    const Doubles joint_pos(size, 0.1);
+    const Ints input(size, 100);
+    const std::pair<std::string, std::function<bool()>> cases[] = {
+        {"ActiveJointPos2ActuatorInput",
+         [&] { return solver.ActiveJointPos2ActuatorInput(joint_pos).empty(); }},
+        {"ActuatorInput2ActiveJointPos",
+         [&] { return solver.ActuatorInput2ActiveJointPos(input).empty(); }},
+        {"CheckActuatorInput", [&] { return !solver.CheckActuatorInput(input); }},
+        {"CheckJointPos", [&] { return !solver.CheckJointPos(joint_pos); }},
+        {"GetAllJointPos", [&] { return solver.GetAllJointPos(joint_pos).empty(); }},
+    };
+    for (const auto& [operation, fails] : cases) {
+      bool failed = false;
+      EXPECT_EQ(ErrorsOf([&failed, run = fails] { failed = run(); }),
+                "[ERROR]: " + operation + ": Invalid input size. Got " + std::to_string(size) +
+                    ", expected 10\n");
+      EXPECT_TRUE(failed) << operation;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace talvera::korvane::br7
