@@ -1,0 +1,142 @@
+// Moves a KorvaneBrisa hand through its gestures and shows its joints while they move.
+//
+//   first_motion --link socketcan --interface can0 --id 1
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hand_options.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using talvera::korvane::KorvaneBrisa;
+
+constexpr int kGestures = 17;
+constexpr int kFullScale = 4096;
+constexpr int kBarWidth = 40;
+constexpr auto kFrameTime = std::chrono::milliseconds(30);
+
+/// Reads the joints and remembers how long each round trip took.
+class JointReader {
+ public:
+  explicit JointReader(const KorvaneBrisa& hand) : hand_(hand) {}
+
+  std::vector<short> Read() {
+    const auto start = Clock::now();
+    auto joints = hand_.GetAllJointMotorPosi();
+    if (joints.empty()) {
+      ++failures_;
+    } else {
+      times_.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    return joints;
+  }
+
+  void PrintTimes() {
+    std::sort(times_.begin(), times_.end());
+    const auto at = [this](double part) {
+      return times_[static_cast<std::size_t>(part * static_cast<double>(times_.size() - 1))];
+    };
+    std::printf("Round trips: %zu answered, %d not; median %.0f us, 99%% within %.0f us, longest %.0f us\n",
+                times_.size(), failures_, at(0.5), at(0.99), at(1.0));
+  }
+
+ private:
+  const KorvaneBrisa& hand_;
+  std::vector<double> times_;
+  int failures_ = 0;
+};
+
+/// Draws in place on a terminal; elsewhere one line a gesture.
+class JointDisplay {
+ public:
+  void Begin(int gesture) {
+    gesture_ = gesture;
+    if (on_terminal_ && lines_drawn_ > 0) std::printf("\x1b[%dA", lines_drawn_);
+    lines_drawn_ = 0;
+    if (on_terminal_) {
+      std::printf("\x1b[KGesture %d of %d\n", gesture, kGestures - 1);
+      lines_drawn_ = 1;
+    }
+  }
+
+  void Draw(const std::vector<short>& joints) {
+    if (!on_terminal_) return;
+    if (lines_drawn_ > 1) std::printf("\x1b[%dA", lines_drawn_ - 1);
+    for (std::size_t i = 0; i < joints.size(); ++i) {
+      const int filled = std::clamp(joints[i] * kBarWidth / kFullScale, 0, kBarWidth);
+      const std::string bar = std::string(static_cast<std::size_t>(filled), '#') +
+                              std::string(static_cast<std::size_t>(kBarWidth - filled), '.');
+      std::printf("\x1b[K  joint %2zu  [%s] %5d\n", i + 1, bar.c_str(), joints[i]);
+    }
+    lines_drawn_ = 1 + static_cast<int>(joints.size());
+    std::fflush(stdout);
+  }
+
+  void End(const std::vector<short>& joints) const {
+    if (on_terminal_) return;
+    std::printf("gesture %2d:", gesture_);
+    for (const short joint : joints) std::printf(" %5d", joint);
+    std::printf("\n");
+  }
+
+ private:
+  const bool on_terminal_ = isatty(STDOUT_FILENO) == 1;
+  int lines_drawn_ = 0;
+  int gesture_ = 0;
+};
+
+void ShowGesture(KorvaneBrisa& hand, int gesture, std::chrono::duration<double> time,
+                 JointReader& reader, JointDisplay& display) {
+  display.Begin(gesture);
+  hand.SetHandGesture(gesture);
+  std::vector<short> joints;
+  for (const auto end = Clock::now() + time; Clock::now() < end;) {
+    joints = reader.Read();
+    display.Draw(joints);
+    std::this_thread::sleep_for(kFrameTime);
+  }
+  display.End(joints);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Moves a KorvaneBrisa hand through its gestures.");
+  examples::HandOptions where;
+  double seconds = 0.4;
+  examples::AddHandOptions(app, where);
+  app.add_option("--seconds", seconds, "How long each gesture is shown")
+      ->check(CLI::Range(0.05, 60.0))
+      ->capture_default_str();
+  CLI11_PARSE(app, argc, argv);
+
+  const auto hand = examples::OpenBrisa(where);
+  if (!hand->connected) {
+    std::fprintf(stderr, "The link could not be opened: %s\n", examples::DescribeLink(where).c_str());
+    return EXIT_FAILURE;
+  }
+  std::printf("%s KorvaneBrisa with id %d on %s\n", where.side.c_str(), where.id,
+              examples::DescribeLink(where).c_str());
+
+  JointReader reader(*hand);
+  if (reader.Read().empty()) {
+    std::fprintf(stderr, "No hand answers there. Is it powered, and is %d its id?\n", where.id);
+    return EXIT_FAILURE;
+  }
+  JointDisplay display;
+  for (int gesture = 0; gesture < kGestures; ++gesture) {
+    ShowGesture(*hand, gesture, std::chrono::duration<double>(seconds), reader, display);
+  }
+  hand->SetHandGesture(0);
+  reader.PrintTimes();
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,46 @@
+# Shared by the scripts of this folder; sourced, not run.
+# shellcheck shell=bash
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+
+say() { printf '== %s\n' "$*"; }
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    printf 'This needs root, and sudo is not installed: %s\n' "$*" >&2
+    return 1
+  fi
+}
+
+# Installs the Debian packages that are missing, and says which.
+need() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+  done
+  [ "${#missing[@]}" -eq 0 ] && return 0
+  say "Installing: ${missing[*]}"
+  # The lists of a fresh machine may be missing or old; a failed first try tells.
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
+    >/dev/null 2>&1 && return 0
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# Configures and builds a preset; quiet unless it fails.
+build_preset() {
+  local preset=$1 log
+  shift
+  log=$(mktemp)
+  say "Building: $preset"
+  if ! { cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    return 1
+  fi
+  rm -f "$log"
+}
