@@ -45,8 +45,9 @@ class JointReader {
     const auto at = [this](double part) {
       return times_[static_cast<std::size_t>(part * static_cast<double>(times_.size() - 1))];
     };
-    std::printf("Round trips: %zu answered, %d not; median %.0f us, 99%% within %.0f us, longest %.0f us\n",
-                times_.size(), failures_, at(0.5), at(0.99), at(1.0));
+    std::printf(
+        "Round trips: %zu answered, %d not; median %.0f us, 99%% within %.0f us, longest %.0f us\n",
+        times_.size(), failures_, at(0.5), at(0.99), at(1.0));
   }
 
  private:
@@ -121,7 +122,8 @@ int main(int argc, char** argv) {
 
   const auto hand = examples::OpenBrisa(where);
   if (!hand->connected) {
-    std::fprintf(stderr, "The link could not be opened: %s\n", examples::DescribeLink(where).c_str());
+    std::fprintf(stderr, "The link could not be opened: %s\n",
+                 examples::DescribeLink(where).c_str());
     return EXIT_FAILURE;
   }
   std::printf("%s KorvaneBrisa with id %d on %s\n", where.side.c_str(), where.id,

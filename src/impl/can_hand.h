@@ -15,11 +15,11 @@ namespace talvera::korvane {
 /// The operations that every hand on CAN has, over the engine. `Model` is the model class that
 /// applications see; `Row` is a type with the model's row as `kModel`.
 template <class Model, class Row>
-class CanHand : public Model, public CanLinkOwner {
+class CanHand : public Model, public CanLinkOwner, public UpdateState {
  public:
   /// Takes a ready transport, or none. The other constructors make theirs and delegate to this.
   CanHand(HandType hand, std::uint8_t id, std::unique_ptr<CanBusDeviceBase> transport)
-      : engine_(Row::kModel, *this, std::move(transport)) {
+      : engine_(Row::kModel, *this, *this, std::move(transport)) {
     Row::Prepare(*this, hand);
     engine_.Start(hand, id);
   }
@@ -34,9 +34,6 @@ class CanHand : public Model, public CanLinkOwner {
 
   CanHand(HandType hand, std::uint8_t id, const std::string& interface_name)
       : CanHand(hand, id, MakeSocketCan(interface_name)) {}
-
-  /// The receive thread uses what the hand holds, so it goes first.
-  ~CanHand() override { engine_.transport.reset(); }
 
   VendorInfo GetVendorInfo() const override { return engine_.ReadVendorInfo(); }
   DeviceInfo GetDeviceInfo() const override { return engine_.ReadDeviceInfo(); }
@@ -56,6 +53,18 @@ class CanHand : public Model, public CanLinkOwner {
   std::vector<short> GetAllJointMotorPosi() const override {
     return engine_.ReadAll<short>(Row::kModel.position);
   }
+
+  void UpdateFirmware(const std::string& path, ProgressCallback callback) override {
+    engine_.update.Run(path, std::move(callback));
+  }
+
+  /// Asks the hand, up to ten times a second apart, how its last update ended.
+  void GetUpgradeResult() { engine_.update.QueryResult(); }
+
+  /// The steps of an update, as the receive thread takes them.
+  void SendPackage() { engine_.update.SendPackage(); }
+  void SendFinishRequest() { engine_.update.SendFinishRequest(); }
+  void SendRestartRequest() { engine_.update.SendRestartRequest(); }
 
   /// What the transport calls, on its receive thread.
   unsigned int GetMatchedRepId(unsigned int request_id) { return ReplyIdOf(request_id); }

@@ -73,13 +73,17 @@ std::vector<Value> WordsOf(const CanfdFrame& frame) {
 template std::vector<short> WordsOf(const CanfdFrame&);
 template std::vector<unsigned short> WordsOf(const CanfdFrame&);
 
-CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand,
+CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand, UpdateState& update_state,
                              std::unique_ptr<CanBusDeviceBase> device)
-    : CanLink(std::move(device)), model(row), hand_(hand) {}
+    : CanLink(std::move(device)),
+      model(row),
+      update(row.update, update_state, *this, hand),
+      hand_(hand) {}
 
 void CanHandEngine::Start(HandType hand_type, std::uint8_t device_id) {
   hand_.model_code = model.model_code;
   hand_.device_id = device_id;
+  update.Address(device_id);
   hand_.mirrored = hand_type == HandType::LEFT;
   hand_.connected = IsInit();
   if (!hand_.connected) return;
@@ -89,13 +93,11 @@ void CanHandEngine::Start(HandType hand_type, std::uint8_t device_id) {
 }
 
 bool CanHandEngine::Judge(std::uint32_t request_id, std::uint32_t received_id) const {
-  if (model.update_reply_of_any_device && AnswersUpdateRequest(request_id, received_id)) {
+  if (model.update.reply_of_any_device && AnswersUpdateRequest(request_id, received_id)) {
     return true;
   }
   return AnswersRequest(request_id, received_id);
 }
-
-void CanHandEngine::ProcessMessage(const CanfdFrame& /*frame*/) {}
 
 // --- Frames ---------------------------------------------------------------------------------
 
@@ -305,6 +307,7 @@ void CanHandEngine::WriteDeviceId(std::uint8_t new_id) {
   try {
     if (transport && Send(frame) != -1) {
       hand_.device_id = new_id;
+      update.Address(new_id);
       return;
     }
     LogError(model.wording->set_id_failed);

@@ -7,6 +7,7 @@
 #include "impl/can_link.h"
 #include "impl/hand_model.h"
 #include "korvane.h"
+#include "ota/update_run.h"
 
 namespace talvera::korvane {
 
@@ -16,7 +17,11 @@ namespace talvera::korvane {
 /// decodes the answer. What fails is told in one line, and the row says what is returned.
 class CanHandEngine : public CanLink {
  public:
-  CanHandEngine(const HandModel& model, Korvane& hand, std::unique_ptr<CanBusDeviceBase> transport);
+  CanHandEngine(const HandModel& model, Korvane& hand, UpdateState& update_state,
+                std::unique_ptr<CanBusDeviceBase> transport);
+
+  /// The receive thread uses what the hand holds, so the transport goes first.
+  ~CanHandEngine() { transport.reset(); }
 
   /// Sets the common members of the hand and binds the callbacks to the transport. Called once,
   /// when the hand is otherwise ready: frames may come in from here on.
@@ -60,9 +65,11 @@ class CanHandEngine : public CanLink {
                                 int priority = 0) const;
 
   bool Judge(std::uint32_t request_id, std::uint32_t received_id) const;
-  void ProcessMessage(const CanfdFrame& frame);
+  /// Takes a frame that no request waits for, on the receive thread.
+  void ProcessMessage(const CanfdFrame& frame) { update.OnFrame(frame); }
 
   const HandModel& model;
+  UpdateRun update;
 
  private:
   CanfdFrame WriteFrame(std::uint8_t function, std::uint8_t index) const;

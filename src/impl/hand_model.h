@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "ota/update_run.h"
+
 // What one hand model says and does differently from another, as data. The engine reads these
 // rows; nothing else in the library asks which model a hand is.
 
@@ -61,8 +63,7 @@ struct HandModel {
 
   /// Priority of a mixed command in the serialized queue.
   int mixed_priority;
-  /// A pending update request takes an update reply of any device.
-  bool update_reply_of_any_device;
+  UpdateRules update;
 };
 
 inline constexpr Wording kChineseWording{

@@ -35,7 +35,8 @@ struct BrisaRow {
       {function_code::kCurrent, "GetCurrentReport", "GetAllCurrentReport", "SetCurrentReportPeriod",
        "SetAllCurrentReportPeriod", -1},
       /*mixed_priority=*/0,
-      /*update_reply_of_any_device=*/true,
+      /*update=*/
+      {"KorvaneBrisaCanImpl", 0x100, /*checksum_fallback=*/true, /*reply_of_any_device=*/true},
   };
 
   static void Prepare(KorvaneBrisa& hand, HandType type) {
