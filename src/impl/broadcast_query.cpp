@@ -50,7 +50,19 @@ DeviceInfo Fail(const char* prefix, const char* what) {
   return {};
 }
 
-DeviceInfo AskBus(CanBusDeviceBase& device, const char* prefix) {
+DeviceInfo AskThrough(CanBusDeviceBase& device, const char* prefix, const char* not_open) {
+  return device.IsInit() ? QueryBus(device, prefix) : Fail(prefix, not_open);
+}
+
+template <class Where>
+DeviceInfo AskZlgBus(const Where& where, std::uint8_t channel, const char* prefix) {
+  ZlgUsbcanfdDevice device(where, channel, kBroadcastProduct);
+  return AskThrough(device, prefix, "Failed to initialize CAN device for broadcast request");
+}
+
+}  // namespace
+
+DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix) {
   const auto answer = std::make_shared<FirstAnswer>();
   device.BindCallbacks(
       [answer](const CanfdFrame& frame) {
@@ -78,18 +90,6 @@ DeviceInfo AskBus(CanBusDeviceBase& device, const char* prefix) {
     std::this_thread::sleep_for(kPollInterval);
   }
 }
-
-DeviceInfo AskThrough(CanBusDeviceBase& device, const char* prefix, const char* not_open) {
-  return device.IsInit() ? AskBus(device, prefix) : Fail(prefix, not_open);
-}
-
-template <class Where>
-DeviceInfo AskZlgBus(const Where& where, std::uint8_t channel, const char* prefix) {
-  ZlgUsbcanfdDevice device(where, channel, kBroadcastProduct);
-  return AskThrough(device, prefix, "Failed to initialize CAN device for broadcast request");
-}
-
-}  // namespace
 
 DeviceInfo QueryZlgBus(std::uint8_t adapter_index, std::uint8_t channel, const char* prefix) {
   return AskZlgBus(adapter_index, channel, prefix);

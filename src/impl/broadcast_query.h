@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "can/can_bus_device.h"
 #include "korvane_types.h"
 
 namespace talvera::korvane {
@@ -12,5 +13,8 @@ namespace talvera::korvane {
 DeviceInfo QueryZlgBus(std::uint8_t adapter_index, std::uint8_t channel, const char* prefix);
 DeviceInfo QueryZlgBus(const std::string& serial_number, std::uint8_t channel, const char* prefix);
 DeviceInfo QuerySocketCanBus(const std::string& interface_name, const char* prefix);
+
+/// The query itself, through an adapter that is open. Takes over its callbacks.
+DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix);
 
 }  // namespace talvera::korvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -23,6 +24,10 @@ class CanHand : public Model, public CanLinkOwner, public UpdateState {
     Row::Prepare(*this, hand);
     engine_.Start(hand, id);
   }
+
+  /// A bare nullptr is no transport, and no interface name either.
+  CanHand(HandType hand, std::uint8_t id, std::nullptr_t)
+      : CanHand(hand, id, std::unique_ptr<CanBusDeviceBase>()) {}
 
   CanHand(HandType hand, std::uint8_t id, std::uint8_t adapter_index, std::uint8_t channel,
           ECanDeviceType type)

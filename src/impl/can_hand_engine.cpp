@@ -1,6 +1,7 @@
 #include "impl/can_hand_engine.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "impl/can_identifier.h"
@@ -27,6 +28,9 @@ constexpr std::size_t kMixPosition = 1;
 constexpr std::size_t kMixVelocity = 5;
 constexpr std::size_t kMixCurrent = 9;
 static_assert(sizeof(std::optional<short>) == 4);
+static_assert(offsetof(MixCtrl, position) == kMixPosition);
+static_assert(offsetof(MixCtrl, velocity) == kMixVelocity);
+static_assert(offsetof(MixCtrl, current) == kMixCurrent);
 
 std::uint8_t* StoreTarget(std::uint8_t* out, const MixCtrl& element, std::size_t offset) {
   std::optional<short> target;

@@ -76,20 +76,20 @@ std::vector<TactileSensorData> KorvaneBrisaCanImpl::GetAllTactileSensorData() co
 
 TactileSensorData KorvaneBrisaCanImpl::GetTactileSensorDataRaw(Finger finger) const {
   RequireFinger(finger);
-  return ReadTactileRaw(engine_, finger, GetSensorDataLength(finger));
+  return ReadTactileRaw(engine_, finger, [&] { return GetSensorDataLength(finger); });
 }
 
 std::vector<TactileSensorData> KorvaneBrisaCanImpl::GetAllTactileSensorDataRaw() const {
   std::vector<TactileSensorData> records;
   try {
     const auto stream = ReadTactileStream(engine_);
-    if (stream.empty()) {
+    if (!stream) {
       LogError("[Warning]: No tactile sensor data available");
       return records;
     }
     std::size_t offset = 0;
     for (const Finger finger : GetSensorOrder()) {
-      records.push_back({finger, TakeSensor(stream, offset, GetSensorDataLength(finger), finger)});
+      records.push_back({finger, TakeSensor(*stream, offset, GetSensorDataLength(finger), finger)});
     }
   } catch (const std::exception& error) {
     engine_.TellFailure({"GetAllTactileSensorDataRaw"}, error);

@@ -42,10 +42,12 @@ std::vector<std::uint8_t> ReadTactileSummary(const CanHandEngine& engine, Finger
   return summary;
 }
 
-TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger, std::size_t length) {
+TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger,
+                                 const std::function<std::size_t()>& length_of) {
   TactileSensorData record{finger, {}};
   const int number = static_cast<int>(finger);
   try {
+    const std::size_t length = length_of();
     const auto frames = engine.RequestFrames(
         engine.ReadFrame(function_code::kTactileRaw, static_cast<std::uint8_t>(finger)),
         FramesFor(length));
@@ -67,10 +69,11 @@ TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger, std
   return record;
 }
 
-std::vector<std::uint8_t> ReadTactileStream(const CanHandEngine& engine) {
-  std::vector<std::uint8_t> stream;
+std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanHandEngine& engine) {
   const auto frames =
       engine.RequestFrames(engine.ReadFrame(function_code::kTactileRaw, 0), kAllSensorsFrames);
+  if (frames.empty()) return std::nullopt;
+  std::vector<std::uint8_t> stream;
   for (const CanfdFrame& frame : frames) {
     const std::size_t end = std::clamp<std::size_t>(frame.len, kHeaderBytes, kMaxPayload);
     Append(stream, frame, end - kHeaderBytes);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "impl/can_hand_engine.h"
@@ -13,11 +15,13 @@ namespace talvera::korvane {
 /// outside 1 to 7.
 std::vector<std::uint8_t> ReadTactileSummary(const CanHandEngine& engine, Finger finger);
 
-/// The raw array of one sensor, `length` bytes unless the hand is silent or its reply is cut off.
-TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger, std::size_t length);
+/// The raw array of one sensor, `length()` bytes unless the hand is silent or its reply is cut off.
+/// What `length` throws is told like any other failure: an application may have overridden it.
+TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger,
+                                 const std::function<std::size_t()>& length);
 
-/// All that the hand sends of all its sensors, in reading order.
-std::vector<std::uint8_t> ReadTactileStream(const CanHandEngine& engine);
+/// All that the hand sends of all its sensors, in reading order; nothing if it is silent.
+std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanHandEngine& engine);
 
 /// Throws std::invalid_argument ("Invalid finger type") for a finger outside 1 to 7.
 void RequireFinger(Finger finger);

@@ -1,0 +1,62 @@
+// What a request costs on top of the bus that carries it. The baseline is the same exchange of
+// frames with the simulated hand, without the library; compare within one run only.
+
+#include <benchmark/benchmark.h>
+
+#include "impl/korvane_brisa_can_impl.h"
+#include "support/bus_device.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr std::uint8_t kId = 1;
+
+void BareExchange(benchmark::State& state) {
+  sim::VirtualBus bus;
+  bus.Add({sim::kBrisa, kId});
+  const auto port = bus.Open();
+  sim::Frame frame;
+  frame.id = 0x03130100U | kId;
+  frame.len = 64;
+  for (auto _ : state) {
+    port->Send(frame);
+    benchmark::DoNotOptimize(port->Receive(std::chrono::seconds(1)));
+  }
+}
+BENCHMARK(BareExchange);
+
+void ExchangeThroughAThread(benchmark::State& state) {
+  sim::VirtualBus bus;
+  bus.Add({sim::kBrisa, kId});
+  test::BusDevice device(bus);
+  std::atomic<int> answers{0};
+  device.BindCallbacks([&](const CanfdFrame&) { ++answers; }, nullptr, nullptr);
+  std::uint8_t data[64] = {};
+  int expected = 0;
+  for (auto _ : state) {
+    device.SendFrame(0x03130100U | kId, data, 64);
+    ++expected;
+    while (answers < expected) {
+    }
+  }
+}
+BENCHMARK(ExchangeThroughAThread)->UseRealTime();
+
+void GetJointMotorPosi(benchmark::State& state) {
+  sim::VirtualBus bus;
+  bus.Add({sim::kBrisa, kId});
+  KorvaneBrisaCanImpl hand(HandType::RIGHT, kId, std::make_unique<test::BusDevice>(bus));
+  if (state.range(0) == 0) EnableConcurrentCalls(hand);
+  for (auto _ : state) benchmark::DoNotOptimize(hand.GetJointMotorPosi(3));
+}
+BENCHMARK(GetJointMotorPosi)->ArgName("queue")->Arg(0)->Arg(1)->UseRealTime();
+
+void SolverForward(benchmark::State& state) {
+  const br7::KorvaneBrisaSolver solver(false);
+  const std::vector<double> angles{0.5, -0.5, 0.4, -0.1, 0.7, 0.7, 0.1, 0.7, 0.1, 0.7};
+  for (auto _ : state) benchmark::DoNotOptimize(solver.ActiveJointPos2ActuatorInput(angles));
+}
+BENCHMARK(SolverForward);
+
+}  // namespace
+}  // namespace talvera::korvane

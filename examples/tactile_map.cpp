@@ -1,0 +1,104 @@
+// Shows the tactile arrays of a KorvaneBrisa hand as coloured cells, one line a sensor.
+//
+//   tactile_map --link zlg --id 1 --frames 100
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "hand_options.h"
+
+namespace {
+
+using talvera::korvane::Finger;
+using talvera::korvane::KorvaneBrisa;
+using talvera::korvane::TactileSensorData;
+
+constexpr auto kFrameTime = std::chrono::milliseconds(50);
+
+const char* NameOf(Finger finger) {
+  switch (finger) {
+    case Finger::THUMB:
+      return "thumb";
+    case Finger::INDEX:
+      return "index";
+    case Finger::MIDDLE:
+      return "middle";
+    case Finger::RING:
+      return "ring";
+    case Finger::LITTLE:
+      return "little";
+    case Finger::PALM:
+      return "palm";
+    case Finger::DORSUM:
+      return "dorsum";
+  }
+  return "?";
+}
+
+/// One cell: a shade of the terminal's 24 greys to reds, or a character where there are no colours.
+void PrintCell(std::uint8_t value, bool colours) {
+  if (colours) {
+    std::printf("\x1b[48;2;%d;%d;%dm ", value, value / 4, 255 - value);
+    return;
+  }
+  constexpr char kShades[] = " .:-=+*#%@";
+  std::putchar(kShades[value * 10 / 256]);
+}
+
+void PrintSensor(const TactileSensorData& sensor, bool colours) {
+  int sum = 0;
+  std::printf("%-7s|", NameOf(sensor.finger));
+  for (const std::uint8_t cell : sensor.data) {
+    PrintCell(cell, colours);
+    sum += cell;
+  }
+  std::printf("%s| %zu cells, sum %d%s\n", colours ? "\x1b[0m" : "", sensor.data.size(), sum,
+              colours ? "\x1b[K" : "");
+}
+
+/// All sensors in one request; over a link that cuts such a reply, each sensor's summary.
+std::vector<TactileSensorData> ReadSensors(const KorvaneBrisa& hand, bool summaries) {
+  return summaries ? hand.GetAllTactileSensorData() : hand.GetAllTactileSensorDataRaw();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Shows the tactile arrays of a KorvaneBrisa hand.");
+  examples::HandOptions where;
+  int frames = 1;
+  int gesture = -1;
+  bool summaries = false;
+  examples::AddHandOptions(app, where);
+  app.add_option("--frames", frames, "How many readings to show")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--gesture", gesture, "Gesture to make first, 0 to 16")->check(CLI::Range(0, 16));
+  app.add_flag("--summaries", summaries,
+               "Read the short summaries; HCAN adapters don't carry whole arrays");
+  CLI11_PARSE(app, argc, argv);
+
+  const auto hand = examples::OpenBrisa(where);
+  if (!hand->connected) return EXIT_FAILURE;
+  if (gesture >= 0) hand->SetHandGesture(gesture);
+  const bool colours = isatty(STDOUT_FILENO) == 1;
+  for (int frame = 0; frame < frames; ++frame) {
+    const auto sensors = ReadSensors(*hand, summaries);
+    if (sensors.empty()) {
+      std::fprintf(stderr, "No tactile data came from %s.\n",
+                   examples::DescribeLink(where).c_str());
+      return EXIT_FAILURE;
+    }
+    if (colours && frame > 0) std::printf("\x1b[%zuA", sensors.size());
+    for (const auto& sensor : sensors) PrintSensor(sensor, colours);
+    std::fflush(stdout);
+    if (frame + 1 < frames) std::this_thread::sleep_for(kFrameTime);
+  }
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,123 @@
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <list>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "can_server.h"
+#include "options.h"
+#include "socket_server.h"
+#include "util/clock.h"
+#include "world.h"
+
+namespace talvera::korvane::sim {
+namespace {
+
+constexpr int kUsageError = 2;
+
+/// Everything that one run serves, ended in reverse order.
+class Simulation {
+ public:
+  explicit Simulation(const Options& options) : world_(options.adapters, SystemClock()) {
+    NamePlaces(options);
+    for (const HandSpec& hand : options.hands) AddHand(hand);
+    for (const auto& [place, bus] : buses_) bus->SetFaults(options.faults);
+    Serve(options);
+  }
+
+  BusStatistics Sum() const {
+    BusStatistics sum;
+    for (const auto& [place, bus] : buses_) {
+      const BusStatistics part = bus->Statistics();
+      sum.from_hosts += part.from_hosts;
+      sum.from_hands += part.from_hands;
+    }
+    return sum;
+  }
+
+ private:
+  void NamePlaces(const Options& options) {
+    for (const auto& name : options.can_interfaces) {
+      can_buses_.emplace_back(options.adapters.seed + 1000 + can_buses_.size());
+      if (!buses_.emplace(name, &can_buses_.back()).second) {
+        throw std::runtime_error("--can " + name + " is there twice");
+      }
+      default_places_.push_back(name);
+    }
+    if (!options.serves_adapters) return;
+    default_places_.emplace_back("0.0");
+    for (std::size_t a = 0; a < options.adapters.adapters; ++a) {
+      for (std::size_t c = 0; c < options.adapters.channels; ++c) {
+        buses_[std::to_string(a) + "." + std::to_string(c)] = &world_.Bus(a, c);
+      }
+    }
+  }
+
+  void AddHand(const HandSpec& hand) {
+    const auto places = hand.place.empty() ? default_places_ : std::vector<std::string>{hand.place};
+    for (const auto& place : places) buses_.at(place)->Add({*hand.model, hand.device_id});
+  }
+
+  void Serve(const Options& options) {
+    for (const auto& name : options.can_interfaces) {
+      can_servers_.emplace_back(name, *buses_.at(name));
+      std::cout << "korvane-sim: ready on " << name << std::endl;
+    }
+    if (!options.serves_adapters) return;
+    socket_server_.emplace(options.socket_path, world_);
+    std::cout << "korvane-sim: ready at " << options.socket_path << std::endl;
+  }
+
+  World world_;
+  std::list<VirtualBus> can_buses_;
+  std::map<std::string, VirtualBus*> buses_;  ///< By the name of their place.
+  std::vector<std::string> default_places_;
+  std::list<CanServer> can_servers_;
+  std::optional<SocketServer> socket_server_;
+};
+
+/// Signals that end the program, kept from all its threads so that one wait takes them.
+sigset_t BlockEndSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+  return signals;
+}
+
+int Run(int argc, char** argv) {
+  const Options options = ParseOptions(argc, argv);
+  const sigset_t signals = BlockEndSignals();
+  BusStatistics sum;
+  {
+    const Simulation simulation(options);
+    int number = 0;
+    sigwait(&signals, &number);
+    sum = simulation.Sum();
+  }
+  std::cout << "korvane-sim: stopped after " << sum.from_hosts << " frames from hosts and "
+            << sum.from_hands << " from hands" << std::endl;
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+}  // namespace talvera::korvane::sim
+
+int main(int argc, char** argv) {
+  try {
+    return talvera::korvane::sim::Run(argc, argv);
+  } catch (const std::invalid_argument& error) {
+    std::cerr << "korvane-sim: " << error.what() << "\n";
+    return talvera::korvane::sim::kUsageError;
+  } catch (const std::exception& error) {
+    std::cerr << "korvane-sim: " << error.what() << "\n";
+    return EXIT_FAILURE;
+  }
+}

@@ -1,0 +1,218 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "socket_protocol.h"
+
+namespace talvera::korvane::sim {
+namespace {
+
+constexpr const char* kAbout =
+    "Simulated Korvane hands where real ones would be: on a SocketCAN interface, or behind\n"
+    "stand-ins of the adapter libraries libusbcanfd.so and libcanbus.so.";
+
+constexpr const char* kFooter =
+    "A hand is MODEL:ID or MODEL:ID@PLACE. ID is 1 to 127, decimal or 0x hexadecimal. PLACE is a\n"
+    "CAN interface or ADAPTER.CHANNEL, both counted from 0; without it the hand stands on every\n"
+    "interface and on channel 0 of adapter 0. Without --hand there is brisa:1.\n"
+    "Each channel is one bus that both adapter libraries reach. Adapter 0 is SIM-ZLG-0000 for the\n"
+    "one and SIM-HCAN-0000 for the other.\n"
+    "\n"
+    "Programs find the stand-ins in LD_LIBRARY_PATH=<libdir>/korvane-sim and the simulator at\n"
+    "$KORVANE_SIM_SOCKET, or at its default path if that is not set. Ctrl-C ends the simulator.\n"
+    "\n"
+    "Examples:\n"
+    "  korvane-sim --hand brisa:1 --hand brisa:0x27@0.1\n"
+    "      two hands on two channels of one simulated USB adapter\n"
+    "  korvane-sim --can vcan0 --hand brisa:1 --loss 0.01 --delay-ms 2\n"
+    "      a hand on the interface vcan0 that loses one frame in a hundred\n";
+
+std::string ModelNames() {
+  std::string names;
+  for (const ModelRow* model : kModels) {
+    names += (names.empty() ? "" : ", ") + std::string(model->name);
+  }
+  return names;
+}
+
+/// How many letters must change for one word to become the other.
+std::size_t Distance(const std::string& a, const std::string& b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  for (std::size_t j = 0; j < row.size(); ++j) row[j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = row[0]++;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      diagonal = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
+    }
+  }
+  return row.back();
+}
+
+std::string UnknownOption(const CLI::App& app) {
+  const auto rest = app.remaining();
+  if (rest.empty()) return "the command line makes no sense; see --help";
+  const std::string word = rest.front().substr(0, rest.front().find('='));
+  std::string nearest;
+  std::string all;
+  for (const CLI::Option* option : app.get_options()) {
+    const std::string name = "--" + option->get_lnames().front();
+    all += (all.empty() ? "" : ", ") + name;
+    if (nearest.empty() || Distance(word, name) < Distance(word, nearest)) nearest = name;
+  }
+  if (Distance(word, nearest) <= 3) return "no option " + word + "; did you mean " + nearest + "?";
+  return "no option " + word + "; there are " + all;
+}
+
+void CheckPlace(const Options& options, const HandSpec& hand) {
+  const auto& interfaces = options.can_interfaces;
+  if (hand.place.empty() ||
+      std::find(interfaces.begin(), interfaces.end(), hand.place) != interfaces.end()) {
+    return;
+  }
+  for (std::size_t a = 0; options.serves_adapters && a < options.adapters.adapters; ++a) {
+    for (std::size_t c = 0; c < options.adapters.channels; ++c) {
+      if (hand.place == std::to_string(a) + "." + std::to_string(c)) return;
+    }
+  }
+  std::string places;
+  for (const auto& name : interfaces) places += (places.empty() ? "" : ", ") + name;
+  if (options.serves_adapters) {
+    places += (places.empty() ? "" : ", ") + std::string("0.0 to ") +
+              std::to_string(options.adapters.adapters - 1) + "." +
+              std::to_string(options.adapters.channels - 1);
+  }
+  throw std::invalid_argument("no place '" + hand.place + "' for a hand; there are " + places);
+}
+
+bool SharePlace(const HandSpec& a, const HandSpec& b) {
+  const auto everywhere = [](const HandSpec& hand) { return hand.place.empty(); };
+  return a.place == b.place || everywhere(a) || everywhere(b);
+}
+
+void CheckIds(const std::vector<HandSpec>& hands) {
+  for (auto a = hands.begin(); a != hands.end(); ++a) {
+    for (auto b = a + 1; b != hands.end(); ++b) {
+      if (a->device_id != b->device_id || !SharePlace(*a, *b)) continue;
+      throw std::invalid_argument("two hands with id " + std::to_string(a->device_id) +
+                                  " on one bus; give each an id or a place of its own");
+    }
+  }
+}
+
+void AddLinkOptions(CLI::App& app, Options& options) {
+  app.add_option("--can", options.can_interfaces, "Serve a SocketCAN interface, repeatable")
+      ->type_name("IFACE")
+      ->expected(1)
+      ->take_all();
+  app.add_flag("--adapters", options.serves_adapters,
+               "Serve the stand-in adapter libraries (the default without --can)");
+  app.add_option("--socket", options.socket_path, "Where to: default " + SocketPath())
+      ->type_name("PATH");
+  AdapterOptions& adapters = options.adapters;
+  app.add_option("--adapter-count", adapters.adapters, "Adapters, default 1")
+      ->check(CLI::Range(1, 8));
+  app.add_option("--channels", adapters.channels, "Channels of each, default 2")
+      ->check(CLI::Range(1, 16));
+  app.add_option("--clock-hz", adapters.clock_hz,
+                 "Clock that HCAN adapters tell, default 80000000; 0 for unknown")
+      ->check(CLI::Range(0, 1000000000));
+}
+
+void AddFaultOptions(CLI::App& app, Options& options) {
+  const char* const group = "Faults";
+  Faults& faults = options.faults;
+  const auto add_share = [&](const char* name, double& value, const char* text) {
+    app.add_option(name, value, text)->check(CLI::Range(0.0, 1.0))->group(group);
+  };
+  const auto add_time = [&](const char* name, std::chrono::nanoseconds& value, const char* text) {
+    app.add_option_function<double>(
+           name,
+           [&value](double ms) {
+             value = std::chrono::nanoseconds(static_cast<std::int64_t>(ms * 1e6));
+           },
+           text)
+        ->check(CLI::Range(0.0, 60000.0))
+        ->group(group);
+  };
+  add_share("--loss", faults.loss, "Share of frames that vanish");
+  add_share("--duplicate", faults.duplicate, "Share of replies that come twice");
+  add_share("--reorder", faults.reorder, "Share of replies that others overtake");
+  add_share("--foreign", faults.foreign, "Share of replies before which another device speaks");
+  add_time("--delay-ms", faults.delay, "How late every reply comes");
+  add_time("--jitter-ms", faults.jitter, "How much later at most, at random");
+  app.add_option("--silent-after", faults.silent_after, "Replies after which the hands are silent")
+      ->type_name("COUNT")
+      ->group(group);
+  app.add_option("--seed", options.adapters.seed, "Start of the random numbers, default 1")
+      ->group(group);
+}
+
+void Parse(CLI::App& app, int argc, char** argv) {
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ExtrasError&) {
+    throw std::invalid_argument(UnknownOption(app));
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) std::exit(app.exit(error));
+    throw std::invalid_argument(error.what());
+  }
+}
+
+}  // namespace
+
+HandSpec ParseHand(const std::string& text) {
+  const auto colon = text.find(':');
+  const auto at = text.find('@');
+  const std::string name = text.substr(0, std::min(colon, at));
+  HandSpec hand;
+  hand.model = FindModel(name);
+  if (hand.model == nullptr) {
+    throw std::invalid_argument("no model '" + name + "'; there are " + ModelNames());
+  }
+  const std::string id = colon < at ? text.substr(colon + 1, at - colon - 1) : "";
+  char* end = nullptr;
+  const unsigned long value = std::strtoul(id.c_str(), &end, 0);
+  if (id.empty() || id[0] < '0' || id[0] > '9' || *end != '\0' || value < 1 || value > 127) {
+    throw std::invalid_argument("'" + text + "' has no id of 1 to 127; write " + name + ":1 or " +
+                                name + ":0x27@0.1");
+  }
+  hand.device_id = static_cast<std::uint8_t>(value);
+  if (at != std::string::npos) {
+    hand.place = text.substr(at + 1);
+    if (hand.place.empty()) throw std::invalid_argument("'" + text + "' names no place after @");
+  }
+  return hand;
+}
+
+Options ParseOptions(int argc, char** argv) {
+  Options options;
+  std::vector<std::string> hands;
+  CLI::App app(kAbout, "korvane-sim");
+  app.footer(kFooter);
+  app.get_formatter()->column_width(34);
+  app.add_option("--hand", hands, "A hand: MODEL:ID[@PLACE], repeatable. Models: " + ModelNames())
+      ->type_name("SPEC")
+      ->expected(1)
+      ->take_all();
+  AddLinkOptions(app, options);
+  AddFaultOptions(app, options);
+  Parse(app, argc, argv);
+
+  options.serves_adapters |= options.can_interfaces.empty() || !options.socket_path.empty();
+  if (options.socket_path.empty()) options.socket_path = SocketPath();
+  if (hands.empty()) hands.emplace_back("brisa:1");
+  for (const auto& text : hands) {
+    options.hands.push_back(ParseHand(text));
+    CheckPlace(options, options.hands.back());
+  }
+  CheckIds(options.hands);
+  return options;
+}
+
+}  // namespace talvera::korvane::sim

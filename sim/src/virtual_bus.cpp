@@ -1,0 +1,254 @@
+#include "korvane_sim/virtual_bus.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "util/clock.h"
+#include "wire.h"
+
+namespace talvera::korvane::sim {
+namespace {
+
+using TimePoint = Clock::TimePoint;
+constexpr std::size_t kInboxFrames = 4096;
+
+struct PluggedHand {
+  SimulatedHand hand;
+  bool plugged = true;
+};
+
+}  // namespace
+
+/// Frames on their way to one port, by the time of their arrival.
+struct VirtualBus::Port::Inbox {
+  std::multimap<TimePoint, Frame> frames;
+  bool closed = false;
+};
+
+class VirtualBus::State {
+ public:
+  State(Clock& clock, std::uint64_t seed) : clock_(clock), random_(seed) {}
+
+  void Attach(const std::shared_ptr<Port::Inbox>& inbox) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    inboxes_.push_back(inbox);
+  }
+
+  void Close(Port::Inbox& inbox) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    inbox.closed = true;
+    inbox.frames.clear();
+    inboxes_.erase(std::remove_if(inboxes_.begin(), inboxes_.end(),
+                                  [&](const auto& other) { return other.get() == &inbox; }),
+                   inboxes_.end());
+    clock_.NotifyAll(arrived_);
+  }
+
+  bool IsClosed(const Port::Inbox& inbox) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return inbox.closed;
+  }
+
+  bool Send(const Port::Inbox& from, Frame frame) {
+    if (frame.id > 0x1FFFFFFF || frame.len > frame.data.size()) return false;
+    std::fill(frame.data.begin() + frame.len, frame.data.end(), std::uint8_t{0});
+    frame.len = PaddedLength(frame.len);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (from.closed) return false;
+    const TimePoint now = clock_.Now();
+    ++statistics_.from_hosts;
+    Deliver(frame, now, &from);
+    for (PluggedHand& place : hands_) {
+      if (!place.plugged || Loses()) continue;
+      for (const Frame& reply : place.hand.Handle(frame, now)) EmitFromHand(reply, now);
+    }
+    clock_.NotifyAll(arrived_);
+    return true;
+  }
+
+  std::optional<Frame> Receive(Port::Inbox& inbox, std::chrono::nanoseconds wait) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const TimePoint deadline = clock_.Now() + wait;
+    while (!inbox.closed) {
+      const TimePoint now = clock_.Now();
+      EmitDueReports(now);
+      const auto first = inbox.frames.begin();
+      if (first != inbox.frames.end() && first->first <= now) {
+        const Frame frame = first->second;
+        inbox.frames.erase(first);
+        return frame;
+      }
+      if (now >= deadline) return std::nullopt;
+      clock_.WaitUntil(lock, arrived_, std::min(deadline, NextEvent(inbox)));
+    }
+    return std::nullopt;
+  }
+
+  std::size_t Add(SimulatedHand hand) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    hand.Advance(clock_.Now());
+    hands_.push_back({std::move(hand)});
+    return hands_.size() - 1;
+  }
+
+  std::size_t HandCount() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return hands_.size();
+  }
+
+  void WithHand(std::size_t number, const std::function<void(SimulatedHand&)>& action) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    SimulatedHand& hand = hands_.at(number).hand;
+    hand.Advance(clock_.Now());
+    action(hand);
+  }
+
+  void SetPlugged(std::size_t number, bool plugged) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    hands_.at(number).plugged = plugged;
+    clock_.NotifyAll(arrived_);
+  }
+
+  void SetFaults(const Faults& faults) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    faults_ = faults;
+    emitted_ = 0;
+  }
+
+  BusStatistics Statistics() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return statistics_;
+  }
+
+ private:
+  bool Happens(double probability) {
+    if (probability <= 0.0) return false;
+    return std::uniform_real_distribution<>(0.0, 1.0)(random_) < probability;
+  }
+
+  bool Loses() {
+    if (!Happens(faults_.loss)) return false;
+    ++statistics_.lost;
+    return true;
+  }
+
+  std::chrono::nanoseconds UpTo(std::chrono::nanoseconds limit) {
+    if (limit.count() <= 0) return std::chrono::nanoseconds(0);
+    return std::chrono::nanoseconds(
+        std::uniform_int_distribution<std::int64_t>(0, limit.count())(random_));
+  }
+
+  void Deliver(const Frame& frame, TimePoint due, const Port::Inbox* except) {
+    for (const auto& inbox : inboxes_) {
+      if (inbox.get() == except) continue;
+      if (inbox->frames.size() >= kInboxFrames) {
+        ++statistics_.overruns;
+      } else {
+        inbox->frames.emplace(due, frame);
+      }
+    }
+  }
+
+  void EmitFromHand(const Frame& frame, TimePoint now) {
+    if (faults_.silent_after && emitted_ >= *faults_.silent_after) return;
+    ++emitted_;
+    ++statistics_.from_hands;
+    const TimePoint due = now + faults_.delay + UpTo(faults_.jitter);
+    if (Happens(faults_.foreign)) {
+      ++statistics_.foreign;
+      Deliver(Foreign(frame), due, nullptr);
+    }
+    if (Loses()) return;
+    if (Happens(faults_.duplicate)) {
+      ++statistics_.duplicated;
+      Deliver(frame, now + faults_.delay + UpTo(faults_.jitter), nullptr);
+    }
+    const bool held = Happens(faults_.reorder);
+    if (held) ++statistics_.reordered;
+    Deliver(frame, held ? due + UpTo(faults_.reorder_window) : due, nullptr);
+  }
+
+  /// The same reply from an id that no hand on this bus has, with every data byte changed.
+  Frame Foreign(Frame frame) {
+    const auto is_taken = [this](std::uint32_t id) {
+      return std::any_of(hands_.begin(), hands_.end(),
+                         [id](const PluggedHand& place) { return place.hand.DeviceId() == id; });
+    };
+    std::uint32_t id = std::uniform_int_distribution<std::uint32_t>(1, 127)(random_);
+    for (int tries = 0; tries < 127 && is_taken(id); ++tries) id = id % 127 + 1;
+    frame.id = (frame.id & ~0x7FU) | id;
+    std::for_each(frame.data.begin(), frame.data.begin() + frame.len,
+                  [](std::uint8_t& byte) { byte = static_cast<std::uint8_t>(~byte); });
+    return frame;
+  }
+
+  void EmitDueReports(TimePoint now) {
+    for (PluggedHand& place : hands_) {
+      const auto event = place.hand.NextEvent();
+      if (!event || *event > now) continue;
+      for (const Frame& frame : place.hand.TakeDue(now)) {
+        if (place.plugged) EmitFromHand(frame, now);
+      }
+      clock_.NotifyAll(arrived_);
+    }
+  }
+
+  TimePoint NextEvent(const Port::Inbox& inbox) const {
+    TimePoint next = inbox.frames.empty() ? TimePoint::max() : inbox.frames.begin()->first;
+    for (const PluggedHand& place : hands_) {
+      if (const auto event = place.hand.NextEvent()) next = std::min(next, *event);
+    }
+    return next;
+  }
+
+  Clock& clock_;
+  mutable std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<std::shared_ptr<Port::Inbox>> inboxes_;
+  std::vector<PluggedHand> hands_;
+  Faults faults_;
+  std::uint64_t emitted_ = 0;
+  BusStatistics statistics_;
+  std::mt19937_64 random_;
+};
+
+VirtualBus::VirtualBus(std::uint64_t seed) : VirtualBus(SystemClock(), seed) {}
+VirtualBus::VirtualBus(Clock& clock, std::uint64_t seed)
+    : state_(std::make_shared<State>(clock, seed)) {}
+VirtualBus::VirtualBus(VirtualBus&&) noexcept = default;
+VirtualBus& VirtualBus::operator=(VirtualBus&&) noexcept = default;
+VirtualBus::~VirtualBus() = default;
+
+std::unique_ptr<VirtualBus::Port> VirtualBus::Open() {
+  auto inbox = std::make_shared<Port::Inbox>();
+  state_->Attach(inbox);
+  return std::unique_ptr<Port>(new Port(state_, std::move(inbox)));
+}
+
+std::size_t VirtualBus::Add(SimulatedHand hand) { return state_->Add(std::move(hand)); }
+std::size_t VirtualBus::HandCount() const { return state_->HandCount(); }
+void VirtualBus::WithHand(std::size_t number, const std::function<void(SimulatedHand&)>& action) {
+  state_->WithHand(number, action);
+}
+void VirtualBus::SetPlugged(std::size_t number, bool plugged) {
+  state_->SetPlugged(number, plugged);
+}
+void VirtualBus::SetFaults(const Faults& faults) { state_->SetFaults(faults); }
+BusStatistics VirtualBus::Statistics() const { return state_->Statistics(); }
+
+VirtualBus::Port::Port(std::shared_ptr<State> state, std::shared_ptr<Inbox> inbox)
+    : state_(std::move(state)), inbox_(std::move(inbox)) {}
+VirtualBus::Port::~Port() { Close(); }
+bool VirtualBus::Port::Send(const Frame& frame) { return state_->Send(*inbox_, frame); }
+std::optional<Frame> VirtualBus::Port::Receive(std::chrono::nanoseconds wait) {
+  return state_->Receive(*inbox_, wait);
+}
+void VirtualBus::Port::Close() { state_->Close(*inbox_); }
+bool VirtualBus::Port::IsClosed() const { return state_->IsClosed(*inbox_); }
+
+}  // namespace talvera::korvane::sim

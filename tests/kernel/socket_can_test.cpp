@@ -1,0 +1,265 @@
+// The SocketCAN adapter on a bus of the real kernel. Needs an interface of MTU 72 that is up, named
+// by KORVANE_TEST_CAN, and the right to make others: scripts/kernel-guest provides both.
+
+#include <gtest/gtest.h>
+#include <linux/can.h>
+#include <linux/can/raw.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "can/can_bus_device_socket_can.h"
+#include "impl/korvane_brisa_can_impl.h"
+#include "support/process_resources.h"
+#include "support/simulator_process.h"
+
+namespace talvera::korvane {
+namespace {
+
+using test::MeasureResources;
+using test::SimulatorProcess;
+
+constexpr int kPatientMs = 1000;
+
+std::string TestInterface() {
+  const char* const name = std::getenv("KORVANE_TEST_CAN");
+  return name != nullptr ? name : "";
+}
+
+void Shell(const std::string& command) {
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;  // NOLINT(concurrency-mt-unsafe)
+}
+
+/// An interface of the test's own.
+class Interface {
+ public:
+  explicit Interface(std::string name, int mtu = 72) : name_(std::move(name)) {
+    Shell("ip link add dev " + name_ + " type vcan");
+    Shell("ip link set " + name_ + " mtu " + std::to_string(mtu));
+    Shell("ip link set " + name_ + " up");
+  }
+  Interface(const Interface&) = delete;
+  Interface& operator=(const Interface&) = delete;
+  ~Interface() {
+    if (!deleted_) Delete();
+  }
+
+  void Down() const { Shell("ip link set " + name_ + " down"); }
+  void Up() const { Shell("ip link set " + name_ + " up"); }
+  void Delete() {
+    Shell("ip link del dev " + name_);
+    deleted_ = true;
+  }
+  const std::string& Name() const { return name_; }
+
+ private:
+  std::string name_;
+  bool deleted_ = false;
+};
+
+/// Another device on the bus, by plain sockets.
+class RawSocket {
+ public:
+  explicit RawSocket(const std::string& interface) : fd_(socket(PF_CAN, SOCK_RAW, CAN_RAW)) {
+    const int on = 1;
+    setsockopt(fd_, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on);
+    sockaddr_can address{};
+    address.can_family = AF_CAN;
+    address.can_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
+    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  RawSocket(const RawSocket&) = delete;
+  RawSocket& operator=(const RawSocket&) = delete;
+  ~RawSocket() { close(fd_); }
+
+  void Send(std::uint32_t id, std::uint8_t len, std::uint8_t first) const {
+    canfd_frame frame{};
+    frame.can_id = id;
+    frame.len = len;
+    frame.data[0] = first;
+    EXPECT_EQ(write(fd_, &frame, sizeof frame), static_cast<ssize_t>(sizeof frame));
+  }
+
+  void SendClassic(std::uint32_t id, std::uint8_t len) const {
+    can_frame frame{};
+    frame.can_id = id;
+    frame.len = len;
+    EXPECT_EQ(write(fd_, &frame, sizeof frame), static_cast<ssize_t>(sizeof frame));
+  }
+
+  canfd_frame Receive() const {
+    canfd_frame frame{};
+    EXPECT_GT(read(fd_, &frame, sizeof frame), 0);
+    return frame;
+  }
+
+ private:
+  int fd_;
+};
+
+class SocketCanOnTheKernel : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(TestInterface(), "") << "run this through scripts/kernel-guest";
+  }
+};
+
+std::unique_ptr<KorvaneBrisa> OpenHand(const std::string& interface, std::uint8_t id = 1) {
+  auto hand = KorvaneBrisa::createHandSocketCan(HandType::RIGHT, id, interface);
+  hand->SetFrameRecvTimeout(kPatientMs);
+  return hand;
+}
+
+TEST_F(SocketCanOnTheKernel, DrivesASimulatedHand) {
+  SimulatorProcess simulator({"--can", TestInterface(), "--hand", "brisa:1"});
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const auto hand = OpenHand(TestInterface());
+  ASSERT_TRUE(hand->connected);
+  const std::vector<short> targets{10, 20, 30, 40, 50, 60, 70, 80, 90, 100};
+  EXPECT_EQ(hand->SetAllJointMotorPosi(targets), targets);
+  while (hand->GetAllJointMotorPosi() != targets) {
+  }
+  EXPECT_EQ(hand->GetAllTactileSensorDataRaw().size(), 7U);
+  EXPECT_EQ(hand->GetDeviceInfo().device_id, 1);
+  EXPECT_EQ(KorvaneBrisa::GetDeviceInfoFromBroadcastSocketCan(TestInterface()).device_id, 1);
+  EXPECT_EQ(simulator.End(SIGINT), 0);
+}
+
+TEST_F(SocketCanOnTheKernel, DrivesTenHandsOnOneBus) {
+  std::vector<std::string> arguments{"--can", TestInterface()};
+  for (int id = 1; id <= 10; ++id) {
+    arguments.insert(arguments.end(), {"--hand", "brisa:" + std::to_string(id)});
+  }
+  SimulatorProcess simulator(arguments);
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  std::vector<std::unique_ptr<KorvaneBrisa>> hands;
+  for (std::uint8_t id = 1; id <= 10; ++id) hands.push_back(OpenHand(TestInterface(), id));
+  for (const auto& hand : hands) hand->SetCurrentThreshold(1, hand->device_id);
+  for (const auto& hand : hands) EXPECT_EQ(hand->GetCurrentThreshold(1), hand->device_id);
+}
+
+TEST_F(SocketCanOnTheKernel, LeavesNothingBehindAfterManyHands) {
+  SimulatorProcess simulator({"--can", TestInterface(), "--hand", "brisa:1"});
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const auto cycle = [] { return OpenHand(TestInterface())->GetJointMotorPosi(1); };
+  EXPECT_EQ(cycle(), 4096);
+  const auto before = MeasureResources();
+  for (int i = 0; i < test::kManyCycles; ++i) ASSERT_EQ(cycle(), 4096) << i;
+  const auto after = MeasureResources();
+  EXPECT_EQ(after.descriptors, before.descriptors);
+  EXPECT_EQ(after.threads, before.threads);
+  EXPECT_LE(after.heap_bytes, before.heap_bytes + 4096);
+}
+
+TEST_F(SocketCanOnTheKernel, IgnoresFramesOfOtherDevices) {
+  const RawSocket other(TestInterface());
+  CanBusDeviceSocketCan device(TestInterface());
+  ASSERT_TRUE(device.IsInit());
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::vector<CanfdFrame> unmatched;
+  device.BindCallbacks(
+      [&](const CanfdFrame& frame) {
+        const std::lock_guard lock(mutex);
+        unmatched.push_back(frame);
+        cv.notify_all();
+      },
+      [](std::uint32_t id) { return id; },
+      [](std::uint32_t request, std::uint32_t received) { return request == received; });
+  other.Send(0x03130128 | CAN_EFF_FLAG, 64, 1);
+  other.SendClassic(0x123, 8);
+  other.SendClassic(0x124, 0);
+  std::unique_lock lock(mutex);
+  cv.wait(lock, [&] { return unmatched.size() == 3; });
+  EXPECT_EQ(unmatched[0].can_id, 0x03130128U);
+  EXPECT_EQ(unmatched[0].len, 64);
+  EXPECT_EQ(unmatched[1].can_id, 0x123U);
+  EXPECT_EQ(unmatched[1].len, 8);
+  EXPECT_EQ(unmatched[2].len, 0);
+}
+
+TEST_F(SocketCanOnTheKernel, SendsStandardFramesUpTo2047AndExtendedOnesAbove) {
+  const RawSocket other(TestInterface());
+  CanBusDeviceSocketCan device(TestInterface());
+  std::uint8_t data[64] = {7};
+  EXPECT_EQ(device.SendFrame(0x7FF, data, 64), 0);
+  EXPECT_EQ(device.SendFrame(0x800, data, 10), 0);
+  EXPECT_EQ(device.SendFrame(0x7FF, data, 65), -1);
+  canfd_frame frame = other.Receive();
+  EXPECT_EQ(frame.can_id, 0x7FFU);
+  EXPECT_EQ(frame.len, 64);
+  EXPECT_EQ(frame.data[0], 7);
+  frame = other.Receive();
+  EXPECT_EQ(frame.can_id, 0x800U | CAN_EFF_FLAG);
+  EXPECT_EQ(frame.len, 10);
+  EXPECT_EQ(frame.flags & CANFD_BRS, 0);
+}
+
+TEST_F(SocketCanOnTheKernel, TellsOfAnInterfaceThatIsNotThere) {
+  testing::internal::CaptureStderr();
+  const auto hand = OpenHand("nosuchcan0");
+  EXPECT_FALSE(hand->connected);
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 1), -1);
+  const std::string told = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(told.find("[ERROR]: Failed to get interface index for nosuchcan0\n"
+                      "[ERROR]: Failed to open SocketCAN device: nosuchcan0\n"),
+            0U)
+      << told;
+  EXPECT_NE(told.find("request send failed"), std::string::npos);
+}
+
+TEST_F(SocketCanOnTheKernel, CutsALongNameToFifteenCharacters) {
+  const Interface interface("can234567890123");
+  EXPECT_TRUE(CanBusDeviceSocketCan("can2345678901234").IsInit());
+  EXPECT_TRUE(CanBusDeviceSocketCan("can234567890123").IsInit());
+}
+
+TEST_F(SocketCanOnTheKernel, FailsWhileTheInterfaceIsDownAndComesBackWithIt) {
+  const Interface interface("vcan_down");
+  SimulatorProcess simulator({"--can", interface.Name(), "--hand", "brisa:1"});
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const auto hand = OpenHand(interface.Name());
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 5), 5);
+  interface.Down();
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 6), -1);
+  EXPECT_TRUE(hand->GetAllJointMotorPosi().empty());
+  interface.Up();
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 7), 7);
+}
+
+TEST_F(SocketCanOnTheKernel, SurvivesTheEndOfItsInterface) {
+  Interface interface("vcan_gone");
+  const auto hand = OpenHand(interface.Name());
+  ASSERT_TRUE(hand->connected);
+  interface.Delete();
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 5), -1);
+  EXPECT_TRUE(hand->GetAllTactileSensorDataRaw().empty());
+}
+
+TEST_F(SocketCanOnTheKernel, CannotSendWhereTheInterfaceCarriesNoLongFrames) {
+  const Interface interface("vcan_classic", 16);
+  const auto hand = OpenHand(interface.Name());
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 5), -1);
+}
+
+TEST_F(SocketCanOnTheKernel, FailsWhenTheSendBufferIsFull) {
+  const Interface interface("vcan_full");
+  // A bucket that lets almost nothing through: frames pile up in the interface's queue.
+  Shell("tc qdisc add dev " + interface.Name() + " root tbf rate 8bit burst 100 limit 200");
+  CanBusDeviceSocketCan device(interface.Name());
+  std::uint8_t data[64] = {};
+  int sent = 0;
+  while (sent < 10000 && device.SendFrame(0x800, data, 64) == 0) ++sent;
+  EXPECT_GT(sent, 0);
+  EXPECT_LT(sent, 10000);
+  EXPECT_EQ(device.SendFrame(0x800, data, 64), -1);
+}
+
+}  // namespace
+}  // namespace talvera::korvane
