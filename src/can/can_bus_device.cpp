@@ -33,6 +33,21 @@ unsigned FirstFrameByte(const std::vector<CanfdFrame>& frames, std::size_t at) {
   return frames.empty() ? 0U : frames.front().data[at];
 }
 
+/// Runs what calls an application's or a protocol class's function. The receive thread goes on,
+/// whatever that throws.
+template <class Action>
+void Guarded(const char* where, Action&& action) {
+  std::string what = "unknown exception";
+  try {
+    return action();
+  } catch (const std::exception& error) {
+    what = error.what();
+  } catch (...) {
+    // has no text to tell
+  }
+  LogError(Compose("[ERROR][CanBusDeviceBase][", where, "] ", what));
+}
+
 }  // namespace
 
 std::mutex CanBusDeviceBase::s_data_details_log_mutex_;
@@ -319,11 +334,7 @@ void CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& ru
   }
   if (rules.process_every_frame) HandOver(frame);
   bool matched = true;
-  try {
-    matched = StoreReply(frame, rules);
-  } catch (const std::exception& error) {
-    LogError(Compose("[ERROR][CanBusDeviceBase][RecvFrame] ", error.what()));
-  }
+  Guarded("RecvFrame", [&] { matched = StoreReply(frame, rules); });
   if (!matched && !rules.process_every_frame) HandOver(frame);
 }
 
@@ -364,14 +375,7 @@ void CanBusDeviceBase::HandOver(const CanfdFrame& frame) {
     const std::lock_guard lock(request_mutex_);
     process = process_msg_;
   }
-  if (!process) return;
-  try {
-    process(frame);
-  } catch (const std::exception& error) {
-    LogError(Compose("[ERROR][CanBusDeviceBase][ProcessMsg] ", error.what()));
-  } catch (...) {
-    LogError("[ERROR][CanBusDeviceBase][ProcessMsg] unknown exception");
-  }
+  if (process) Guarded("ProcessMsg", [&] { process(frame); });
 }
 
 bool CanBusDeviceBase::StartReceiveThread(std::unique_ptr<std::thread>& thread) {

@@ -148,7 +148,7 @@ HcanDevice::HcanDevice(const std::string& serial_number, std::uint8_t channel,
 
 HcanDevice::~HcanDevice() {
   StopReceiveThread(recv_thread_);
-  HcanDevice::CloseDevice();
+  while (counted_ > 0) HcanDevice::CloseDevice();
 }
 
 void HcanDevice::OpenAndReceive() {
@@ -196,7 +196,7 @@ int HcanDevice::OpenDevice() {
   const std::lock_guard lock(device_mutex_);
   const auto in_use = DeviceRefCounts().find(adapter_index_);
   if (in_use != DeviceRefCounts().end() && in_use->second > 0) {
-    counted_ = true;
+    ++counted_;
     ++in_use->second;
     LogInfo(Compose("[HCAN] Device ", int{adapter_index_}, " ch ", int{channel_id_},
                     " already opened, ref_count=", in_use->second));
@@ -207,7 +207,7 @@ int HcanDevice::OpenDevice() {
     CanBus().close_device(adapter_index_, channel_id_);
     return -1;
   }
-  counted_ = true;
+  ++counted_;
   DeviceRefCounts()[adapter_index_] = 1;
   LogInfo(Compose("[HCAN] Device ", int{adapter_index_}, " channel ", int{channel_id_},
                   " opened successfully (CANFD mode)"));
@@ -264,8 +264,8 @@ bool HcanDevice::InitialiseChannel() const {
 
 int HcanDevice::CloseDevice() {
   const std::lock_guard lock(device_mutex_);
-  if (!counted_) return 0;
-  counted_ = false;
+  if (counted_ == 0) return 0;
+  --counted_;
   int& count = DeviceRefCounts()[adapter_index_];
   if (count < 1) return 0;
   --count;

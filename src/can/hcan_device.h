@@ -68,8 +68,8 @@ class HcanDevice : public CanBusDeviceBase {
   bool CheckClock() const;
   bool InitialiseChannel() const;
 
-  /// This object is one of the device's count.
-  bool counted_ = false;
+  /// How much of the device's count is this object's: 1 unless it was opened again.
+  int counted_ = 0;
 };
 
 }  // namespace talvera::korvane

@@ -82,6 +82,13 @@ std::optional<CanfdDeviceInfo> ReadBoardInfo(std::uint8_t index) {
   return info;
 }
 
+bool HoldsEveryIndex(const std::map<std::uint8_t, CanfdDeviceInfo>& devices) {
+  for (std::uint8_t index = 0; index < kMaxDevices; ++index) {
+    if (devices.count(index) == 0) return false;
+  }
+  return true;
+}
+
 CanfdFrame ToCanfdFrame(const std::uint8_t* record) {
   CanfdFrame frame;
   frame.can_id = LoadU32(record + kFrameId);
@@ -126,7 +133,9 @@ ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(const std::string& serial_number, std::uint
 
 ZlgUsbcanfdDevice::~ZlgUsbcanfdDevice() {
   StopReceiveThread(recv_thread_);
-  ZlgUsbcanfdDevice::CloseDevice();
+  do {
+    ZlgUsbcanfdDevice::CloseDevice();
+  } while (counted_ > 0);
 }
 
 void ZlgUsbcanfdDevice::OpenAndReceive() {
@@ -178,7 +187,7 @@ void ZlgUsbcanfdDevice::Scan() {
   std::map<std::uint8_t, CanfdDeviceInfo> found;
   {
     const std::lock_guard lock(table.scan_cache_mutex_);
-    if (table.cache_valid_ && table.canfd_device_info_cache.size() >= kMaxDevices) return;
+    if (table.cache_valid_ && HoldsEveryIndex(table.canfd_device_info_cache)) return;
     for (const auto& entry : table.canfd_device_info_cache) {
       if (entry.second.ref_count > 0) found.insert(entry);
     }
@@ -232,7 +241,7 @@ int ZlgUsbcanfdDevice::OpenDevice() {
     return -1;
   }
   LogInfo(Compose("[INFO]: Start canfd ", Place(), " successfully."));
-  counted_ = true;
+  ++counted_;
   ++entry.ref_count;
   LogInfo(Compose("[INFO]: Device ", int{adapter_index_}, " ref count: ", entry.ref_count));
   return 0;
@@ -286,9 +295,10 @@ int ZlgUsbcanfdDevice::CloseDevice() {
   const bool known = entry != table.canfd_device_info_cache.end();
   const int in_use = known ? entry->second.ref_count : 0;
   // An object that isn't counted has nothing to close while others use the device.
-  const bool mine = counted_ || (attempted_ && in_use < 1);
-  counted_ = attempted_ = false;
+  const bool mine = counted_ > 0 || (attempted_ && in_use < 1);
+  attempted_ = false;
   if (!mine) return 0;
+  counted_ = std::max(counted_ - 1, 0);
   int result = 0;
   if (UsbCanFd().reset_can(device_type_, adapter_index_, channel_id_) != 0) {
     LogInfo(Compose("[INFO]: Reset canfd ", Place(), " successfully."));

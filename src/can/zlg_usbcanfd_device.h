@@ -75,8 +75,8 @@ class ZlgUsbcanfdDevice : public CanBusDeviceBase {
   int SetParameter(std::uint32_t command, int value) const;
   std::string Place() const;
 
-  /// This object is one of the entry's `ref_count`.
-  bool counted_ = false;
+  /// How much of the entry's `ref_count` is this object's: 1 unless it was opened again.
+  int counted_ = 0;
   /// OpenDevice was tried and CloseDevice hasn't run since.
   bool attempted_ = false;
 };

@@ -251,7 +251,7 @@ TEST_F(SocketCanOnTheKernel, CannotSendWhereTheInterfaceCarriesNoLongFrames) {
 TEST_F(SocketCanOnTheKernel, FailsWhenTheSendBufferIsFull) {
   const Interface interface("vcan_full");
   // A bucket that lets almost nothing through: frames pile up in the interface's queue.
-  Shell("tc qdisc add dev " + interface.Name() + " root tbf rate 8bit burst 100 limit 200");
+  Shell("tc qdisc add dev " + interface.Name() + " root tbf rate 8bit burst 80 limit 500");
   CanBusDeviceSocketCan device(interface.Name());
   std::uint8_t data[64] = {};
   int sent = 0;
