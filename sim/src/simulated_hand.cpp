@@ -92,8 +92,8 @@ std::uint16_t ReportKey(Function function, std::uint8_t index) {
 
 }  // namespace
 
-/// What each function code is answered with. The firmware update's codes belong here too.
-const std::array<SimulatedHand::Handler, 12> SimulatedHand::kHandlers{{
+/// What each function code is answered with.
+const std::array<SimulatedHand::Handler, 14> SimulatedHand::kHandlers{{
     {Function::kVendor, &SimulatedHand::AnswerVendor},
     {Function::kDevice, &SimulatedHand::AnswerDevice},
     {Function::kTactileSummary, &SimulatedHand::AnswerTactileSummary},
@@ -106,6 +106,8 @@ const std::array<SimulatedHand::Handler, 12> SimulatedHand::kHandlers{{
     {Function::kErrorReport, &SimulatedHand::AnswerQuantity},
     {Function::kTemperatureReport, &SimulatedHand::AnswerQuantity},
     {Function::kCurrentReport, &SimulatedHand::AnswerQuantity},
+    {Function::kUpdateData, &SimulatedHand::AnswerUpdateData},
+    {Function::kUpdateRequest, &SimulatedHand::AnswerUpdateRequest},
 }};
 
 const ModelRow* FindModel(std::string_view name) {
@@ -127,6 +129,7 @@ SimulatedHand::SimulatedHand(const ModelRow& model, std::uint8_t device_id)
 
 std::vector<Frame> SimulatedHand::Handle(const Frame& frame, TimePoint now) {
   Advance(now);
+  if (silent_until_ && now < *silent_until_) return {};
   const auto request = Parse(frame);
   if (!request) return {};
   const auto handler = std::find_if(kHandlers.begin(), kHandlers.end(), [&](const Handler& h) {
@@ -139,10 +142,12 @@ std::vector<Frame> SimulatedHand::Handle(const Frame& frame, TimePoint now) {
 std::vector<Frame> SimulatedHand::TakeDue(TimePoint now) {
   Advance(now);
   std::vector<Frame> frames;
+  const bool silent = silent_until_ && now < *silent_until_;
   for (auto& [key, report] : reports_) {
     if (report.due > now) continue;
     report.due += report.period;
     if (report.due <= now) report.due = now + report.period;
+    if (silent) continue;
     frames.push_back(
         QuantityFrame(static_cast<Function>(key >> 8), static_cast<std::uint8_t>(key)));
   }
@@ -325,6 +330,39 @@ std::vector<Frame> SimulatedHand::AnswerQuantity(const Request& request) {
                    quantity.width == 1 ? *value : LoadU16(value));
   }
   return Echo(request, length);
+}
+
+std::vector<Frame> SimulatedHand::AnswerUpdateRequest(const Request& request) {
+  if (request.index < 1 || request.index > static_cast<std::uint8_t>(UpdateChild::kResult)) {
+    return {};
+  }
+  return UpdateReplies(
+      request, firmware_.HandleRequest(static_cast<UpdateChild>(request.index), request.frame));
+}
+
+std::vector<Frame> SimulatedHand::AnswerUpdateData(const Request& request) {
+  return UpdateReplies(request, firmware_.HandleData(request.frame));
+}
+
+/// The replies of an update keep the write flag of the request. After the last one the hand may
+/// go down; it comes back with its motors at rest.
+std::vector<Frame> SimulatedHand::UpdateReplies(
+    const Request& request, const std::vector<FirmwarePartition::Reply>& replies) {
+  std::vector<Frame> frames;
+  for (const auto& reply : replies) {
+    Frame frame = Reply(Function::kUpdateReply, static_cast<std::uint8_t>(reply.child));
+    frame.id |= request.frame.id & kWriteBit;
+    StoreU32(frame.data.data(), reply.status);
+    frame.len = reply.len;
+    frames.push_back(frame);
+  }
+  if (firmware_.TakeRestart()) {
+    silent_until_ = *time_ + firmware_.RestartTime();
+    motors_.assign(motors_.size(), Motor{});
+    reports_.clear();
+    if (firmware_.TakeNewImage()) ++identity_.software_version[1];
+  }
+  return frames;
 }
 
 /// The report of one motor, or that of all motors at the period of motor 1. 0 ends a report.

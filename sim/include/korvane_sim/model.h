@@ -23,6 +23,9 @@ enum class Function : std::uint8_t {
   kErrorReport = 0x20,
   kTemperatureReport = 0x21,
   kCurrentReport = 0x22,
+  kUpdateData = 0xF0,
+  kUpdateRequest = 0xF1,
+  kUpdateReply = 0xF2,
 };
 
 /// What a model does with one function code.
@@ -69,7 +72,9 @@ inline constexpr ModelRow kBrisa{
       {Function::kMixedControl, false, true},
       {Function::kErrorReport, true, false},
       {Function::kTemperatureReport, true, false},
-      {Function::kCurrentReport, true, false}}},
+      {Function::kCurrentReport, true, false},
+      {Function::kUpdateData, false, true},
+      {Function::kUpdateRequest, false, true}}},
     {{{16, 16, 0x004},
       {18, 16, 0x010},
       {18, 16, 0x020},

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "korvane_sim/export.h"
+#include "korvane_sim/firmware_partition.h"
 #include "korvane_sim/frame.h"
 #include "korvane_sim/model.h"
 #include "korvane_sim/motor.h"
@@ -57,6 +58,8 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   Motor& JointMotor(std::size_t index) { return motors_.at(index - 1); }
   const Motor& JointMotor(std::size_t index) const { return motors_.at(index - 1); }
 
+  FirmwarePartition& Firmware() { return firmware_; }
+
   /// Presses on a tactile sensor (counted from 1), 0 to 1, in addition to what closing the hand
   /// does to it.
   void SetContact(std::size_t sensor, double pressure);
@@ -80,7 +83,7 @@ class KORVANE_SIM_EXPORT SimulatedHand {
     TimePoint due;
   };
 
-  static const std::array<Handler, 12> kHandlers;
+  static const std::array<Handler, 14> kHandlers;
 
   std::optional<Request> Parse(const Frame& frame) const;
   bool Knows(Function function, bool write) const;
@@ -94,6 +97,10 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   std::vector<Frame> AnswerTactileRaw(const Request& request);
   std::vector<Frame> AnswerQuantity(const Request& request);
   std::vector<Frame> AnswerMixedControl(const Request& request);
+  std::vector<Frame> AnswerUpdateRequest(const Request& request);
+  std::vector<Frame> AnswerUpdateData(const Request& request);
+  std::vector<Frame> UpdateReplies(const Request& request,
+                                   const std::vector<FirmwarePartition::Reply>& replies);
   void SetReportPeriod(const Request& request);
 
   const ModelRow* model_;
@@ -102,7 +109,9 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   std::vector<Motor> motors_;
   std::array<double, 7> contact_{};
   std::map<std::uint16_t, Report> reports_;  ///< By function code and index.
-  std::optional<TimePoint> time_;            ///< Up to where the motors have moved.
+  FirmwarePartition firmware_;
+  std::optional<TimePoint> silent_until_;  ///< While it restarts.
+  std::optional<TimePoint> time_;          ///< Up to where the motors have moved.
 };
 
 }  // namespace talvera::korvane::sim
