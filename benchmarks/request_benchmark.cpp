@@ -18,7 +18,7 @@ void BareExchange(benchmark::State& state) {
   sim::Frame frame;
   frame.id = 0x03130100U | kId;
   frame.len = 64;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     port->Send(frame);
     benchmark::DoNotOptimize(port->Receive(std::chrono::seconds(1)));
   }
@@ -33,7 +33,7 @@ void ExchangeThroughAThread(benchmark::State& state) {
   device.BindCallbacks([&](const CanfdFrame&) { ++answers; }, nullptr, nullptr);
   std::uint8_t data[64] = {};
   int expected = 0;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     device.SendFrame(0x03130100U | kId, data, 64);
     ++expected;
     while (answers < expected) {
@@ -47,14 +47,15 @@ void GetJointMotorPosi(benchmark::State& state) {
   bus.Add({sim::kBrisa, kId});
   KorvaneBrisaCanImpl hand(HandType::RIGHT, kId, std::make_unique<test::BusDevice>(bus));
   if (state.range(0) == 0) EnableConcurrentCalls(hand);
-  for (auto _ : state) benchmark::DoNotOptimize(hand.GetJointMotorPosi(3));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(hand.GetJointMotorPosi(3));
 }
 BENCHMARK(GetJointMotorPosi)->ArgName("queue")->Arg(0)->Arg(1)->UseRealTime();
 
 void SolverForward(benchmark::State& state) {
   const br7::KorvaneBrisaSolver solver(false);
   const std::vector<double> angles{0.5, -0.5, 0.4, -0.1, 0.7, 0.7, 0.1, 0.7, 0.1, 0.7};
-  for (auto _ : state) benchmark::DoNotOptimize(solver.ActiveJointPos2ActuatorInput(angles));
+  for ([[maybe_unused]] auto _ : state)
+    benchmark::DoNotOptimize(solver.ActiveJointPos2ActuatorInput(angles));
 }
 BENCHMARK(SolverForward);
 

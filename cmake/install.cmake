@@ -17,6 +17,8 @@ install(FILES ${PROJECT_BINARY_DIR}/korvane-config.cmake
               ${PROJECT_BINARY_DIR}/korvane-config-version.cmake
   DESTINATION ${korvane_cmake_dir} COMPONENT korvane)
 
+file(RELATIVE_PATH korvane_pc_to_prefix
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(packaging/korvane.pc.in ${PROJECT_BINARY_DIR}/korvane.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/korvane.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT korvane)

@@ -31,7 +31,7 @@ std::uint8_t AskBroadcast(const examples::HandOptions& where) {
 }
 
 /// HCAN adapters have no broadcast: every id is asked in turn.
-std::uint8_t AskEveryId(examples::HandOptions where) {
+std::uint8_t AskEveryId(const examples::HandOptions& where) {
   const auto hand = examples::OpenBrisa(where);
   if (!hand->connected) return 0;
   hand->SetFrameRecvTimeout(10);
@@ -68,7 +68,9 @@ int main(int argc, char** argv) {
     }
     std::printf("The hand %d has the id %d now.\n", where.id, new_id);
   }
-  const VendorInfo info = hand->GetVendorInfo();
+  VendorInfo info = hand->GetVendorInfo();
+  // Over CAN the model text is 16 bytes, NUL bytes included.
+  info.product_model = info.product_model.c_str();
   std::printf("Hand %d on %s:\n%s", hand->device_id, examples::DescribeLink(where).c_str(),
               info.ToString().c_str());
   return info.product_model.empty() ? EXIT_FAILURE : EXIT_SUCCESS;

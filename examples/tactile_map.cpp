@@ -20,6 +20,7 @@ using talvera::korvane::KorvaneBrisa;
 using talvera::korvane::TactileSensorData;
 
 constexpr auto kFrameTime = std::chrono::milliseconds(50);
+constexpr auto kGestureTime = std::chrono::milliseconds(700);
 
 const char* NameOf(Finger finger) {
   switch (finger) {
@@ -86,7 +87,10 @@ int main(int argc, char** argv) {
 
   const auto hand = examples::OpenBrisa(where);
   if (!hand->connected) return EXIT_FAILURE;
-  if (gesture >= 0) hand->SetHandGesture(gesture);
+  if (gesture >= 0) {
+    hand->SetHandGesture(gesture);
+    std::this_thread::sleep_for(kGestureTime);
+  }
   const bool colours = isatty(STDOUT_FILENO) == 1;
   for (int frame = 0; frame < frames; ++frame) {
     const auto sensors = ReadSensors(*hand, summaries);

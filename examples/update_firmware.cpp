@@ -71,6 +71,8 @@ class ProgressDisplay {
     if (status == OtaProgressStatus::PACKET_ACKNOWLEDGED) {
       ShowPackets(current + 1, total);
     } else if (status == OtaProgressStatus::FAILED) {
+      // The library tells a refusal from both of its threads.
+      if (last_ == status && failure_ == current) return;
       failure_ = current;
       EndBar();
       std::printf("  problem: %s\n", Reason(current).c_str());

@@ -26,7 +26,7 @@ class Simulation {
  public:
   explicit Simulation(const Options& options) : world_(options.adapters, SystemClock()) {
     NamePlaces(options);
-    for (const HandSpec& hand : options.hands) AddHand(hand);
+    for (const HandSpec& hand : options.hands) AddHand(hand, options.firmware);
     for (const auto& [place, bus] : buses_) bus->SetFaults(options.faults);
     Serve(options);
   }
@@ -59,9 +59,11 @@ class Simulation {
     }
   }
 
-  void AddHand(const HandSpec& hand) {
-    const auto places = hand.place.empty() ? default_places_ : std::vector<std::string>{hand.place};
-    for (const auto& place : places) buses_.at(place)->Add({*hand.model, hand.device_id});
+  void AddHand(const HandSpec& spec, const FirmwarePartition& firmware) {
+    const auto places = spec.place.empty() ? default_places_ : std::vector<std::string>{spec.place};
+    SimulatedHand hand(*spec.model, spec.device_id);
+    hand.Firmware() = firmware;
+    for (const auto& place : places) buses_.at(place)->Add(hand);
   }
 
   void Serve(const Options& options) {

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <map>
+#include <regex>
 #include <stdexcept>
 
 #include "socket_protocol.h"
@@ -21,6 +23,9 @@ constexpr const char* kFooter =
     "interface and on channel 0 of adapter 0. Without --hand there is brisa:1.\n"
     "Each channel is one bus that both adapter libraries reach. Adapter 0 is SIM-ZLG-0000 for the\n"
     "one and SIM-HCAN-0000 for the other.\n"
+    "\n"
+    "STAGE of an update is upgrade, packet, finish, restart or result; @N means the Nth reply of\n"
+    "that stage, without it each of them.\n"
     "\n"
     "Programs find the stand-ins in LD_LIBRARY_PATH=<libdir>/korvane-sim and the simulator at\n"
     "$KORVANE_SIM_SOCKET, or at its default path if that is not set. Ctrl-C ends the simulator.\n"
@@ -124,6 +129,10 @@ void AddLinkOptions(CLI::App& app, Options& options) {
       ->check(CLI::Range(0, 1000000000));
 }
 
+std::chrono::nanoseconds Milliseconds(double ms) {
+  return std::chrono::nanoseconds(static_cast<std::int64_t>(ms * 1e6));
+}
+
 void AddFaultOptions(CLI::App& app, Options& options) {
   const char* const group = "Faults";
   Faults& faults = options.faults;
@@ -132,11 +141,7 @@ void AddFaultOptions(CLI::App& app, Options& options) {
   };
   const auto add_time = [&](const char* name, std::chrono::nanoseconds& value, const char* text) {
     app.add_option_function<double>(
-           name,
-           [&value](double ms) {
-             value = std::chrono::nanoseconds(static_cast<std::int64_t>(ms * 1e6));
-           },
-           text)
+           name, [&value](double ms) { value = Milliseconds(ms); }, text)
         ->check(CLI::Range(0.0, 60000.0))
         ->group(group);
   };
@@ -153,6 +158,44 @@ void AddFaultOptions(CLI::App& app, Options& options) {
       ->group(group);
 }
 
+void AddUpdateOptions(CLI::App& app, Options& options) {
+  const char* const group = "Firmware updates";
+  FirmwarePartition& firmware = options.firmware;
+  app.add_option_function<std::string>(
+         "--crc",
+         [&firmware](const std::string& name) {
+           firmware.SetChecksum(name == "xmodem" ? UpdateChecksum::kXmodem
+                                                 : UpdateChecksum::kModbus);
+         },
+         "Checksum that hands accept, default modbus")
+      ->check(CLI::IsMember({"modbus", "xmodem"}))
+      ->group(group);
+  app.add_option_function<double>(
+         "--restart-ms", [&firmware](double ms) { firmware.SetRestartTime(Milliseconds(ms)); },
+         "How long a hand is silent while it restarts, default 2000")
+      ->check(CLI::Range(0.0, 600000.0))
+      ->group(group);
+  const auto add_fault = [&](const char* name, UpdateFault::Kind kind, const char* type,
+                             const char* text) {
+    app.add_option_function<std::vector<std::string>>(
+           name,
+           [&firmware, kind](const std::vector<std::string>& texts) {
+             for (const auto& fault : texts) firmware.AddFault(ParseUpdateFault(kind, fault));
+           },
+           text)
+        ->type_name(type)
+        ->expected(1)
+        ->take_all()
+        ->group(group);
+  };
+  add_fault("--update-status", UpdateFault::Kind::kStatus, "STAGE:STATUS[@N]",
+            "Refuse with a status, repeatable");
+  add_fault("--update-lose", UpdateFault::Kind::kLose, "STAGE[@N]", "Lose the acknowledgment");
+  add_fault("--update-duplicate", UpdateFault::Kind::kDuplicate, "STAGE[@N]", "Acknowledge twice");
+  add_fault("--update-reset", UpdateFault::Kind::kReset, "STAGE[@N]",
+            "Restart with the old firmware instead");
+}
+
 void Parse(CLI::App& app, int argc, char** argv) {
   try {
     app.parse(argc, argv);
@@ -165,6 +208,31 @@ void Parse(CLI::App& app, int argc, char** argv) {
 }
 
 }  // namespace
+
+UpdateFault ParseUpdateFault(UpdateFault::Kind kind, const std::string& text) {
+  static const std::map<std::string, UpdateChild> kStages = {{"upgrade", UpdateChild::kUpgrade},
+                                                             {"packet", UpdateChild::kPacket},
+                                                             {"finish", UpdateChild::kFinish},
+                                                             {"restart", UpdateChild::kRestart},
+                                                             {"result", UpdateChild::kResult}};
+  const bool with_status = kind == UpdateFault::Kind::kStatus;
+  std::smatch parts;
+  const std::regex form(with_status ? "([a-z]+):([0-9]{1,9})(@([1-9][0-9]{0,8}))?"
+                                    : "([a-z]+)()(@([1-9][0-9]{0,8}))?");
+  const bool fits = std::regex_match(text, parts, form);
+  const auto stage = fits ? kStages.find(parts[1]) : kStages.end();
+  if (stage == kStages.end()) {
+    throw std::invalid_argument("'" + text + "' is no fault of an update; write " +
+                                (with_status ? "packet:5 or packet:5@2" : "packet or packet@2") +
+                                ", with upgrade, packet, finish, restart or result");
+  }
+  UpdateFault fault;
+  fault.kind = kind;
+  fault.child = stage->second;
+  if (with_status) fault.status = static_cast<std::uint32_t>(std::stoul(parts[2]));
+  if (parts[4].matched) fault.at = static_cast<unsigned>(std::stoul(parts[4]));
+  return fault;
+}
 
 HandSpec ParseHand(const std::string& text) {
   const auto colon = text.find(':');
@@ -202,6 +270,7 @@ Options ParseOptions(int argc, char** argv) {
       ->take_all();
   AddLinkOptions(app, options);
   AddFaultOptions(app, options);
+  AddUpdateOptions(app, options);
   Parse(app, argc, argv);
 
   options.serves_adapters |= options.can_interfaces.empty() || !options.socket_path.empty();

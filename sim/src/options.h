@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "korvane_sim/firmware_partition.h"
 #include "korvane_sim/in_process_adapters.h"
 #include "korvane_sim/model.h"
 
@@ -23,6 +24,7 @@ struct Options {
   std::string socket_path;
   AdapterOptions adapters;
   Faults faults;
+  FirmwarePartition firmware;  ///< What each hand begins with.
   std::vector<HandSpec> hands;
 };
 
@@ -32,5 +34,9 @@ Options ParseOptions(int argc, char** argv);
 
 /// "brisa:0x27@0.1" and the like. Throws std::invalid_argument.
 HandSpec ParseHand(const std::string& text);
+
+/// "packet:5@2" and the like, without the status where `kind` has none. Throws
+/// std::invalid_argument.
+UpdateFault ParseUpdateFault(UpdateFault::Kind kind, const std::string& text);
 
 }  // namespace talvera::korvane::sim

@@ -15,6 +15,7 @@ constexpr std::uint32_t kWriteBit = 0x80;
 constexpr std::uint32_t kReservedBit = 0x8000;
 constexpr std::size_t kRawBytesPerFrame = 62;
 constexpr std::size_t kWholeHandRawFrames = 10;
+constexpr std::uint8_t kUpdateDataIndex = 1;
 
 /// A value that every motor has: how wide it is on the wire, how it is read, and how it is written
 /// if a write means the value itself.
@@ -341,6 +342,7 @@ std::vector<Frame> SimulatedHand::AnswerUpdateRequest(const Request& request) {
 }
 
 std::vector<Frame> SimulatedHand::AnswerUpdateData(const Request& request) {
+  if (request.index != kUpdateDataIndex) return {};
   return UpdateReplies(request, firmware_.HandleData(request.frame));
 }
 

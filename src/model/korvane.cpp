@@ -6,6 +6,9 @@
 
 namespace talvera::korvane {
 
+// Some parameters are passed by value in the interface, whatever a default does with them.
+// NOLINTBEGIN(performance-unnecessary-value-param)
+
 Korvane::~Korvane() = default;
 KorvaneBase::~KorvaneBase() = default;
 IBR7TactileSensor1D::~IBR7TactileSensor1D() = default;
@@ -56,5 +59,7 @@ void KorvaneBase::SetCurrentReportPeriod(std::uint8_t, unsigned short) {}
 void KorvaneBase::SetAllCurrentReportPeriod(std::vector<unsigned short>) {}
 
 void KorvaneBase::SetHandGesture(int) {}
+
+// NOLINTEND(performance-unnecessary-value-param)
 
 }  // namespace talvera::korvane
