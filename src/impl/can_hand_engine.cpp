@@ -290,6 +290,7 @@ VendorInfo CanHandEngine::ReadVendorInfo() const {
   const std::uint8_t* const data = reply->data;
   VendorInfo info;
   info.product_model = Text(data, 16);
+  if (model.product_model_ends_at_nul) info.product_model = info.product_model.c_str();
   info.serial_number = SerialNumberText(data + 16, 14);
   info.hardware_version = LoadVersion(data + 30);
   info.software_version = LoadVersion(data + 34);
@@ -300,8 +301,17 @@ VendorInfo CanHandEngine::ReadVendorInfo() const {
 
 DeviceInfo CanHandEngine::ReadDeviceInfo() const {
   DeviceInfo info{};
-  const auto reply = Ask({"GetDeviceInfo"}, ReadFrame(function_code::kDeviceRecord, 0));
-  if (reply) std::memcpy(&info, reply->data, sizeof info);
+  try {
+    const CanfdFrame reply = Request(ReadFrame(function_code::kDeviceRecord, 0), 0);
+    std::memcpy(&info, reply.data, sizeof info);
+  } catch (const std::exception& error) {
+    const char* const text = model.wording->device_info_failed;
+    if (text == nullptr) {
+      TellFailure({"GetDeviceInfo"}, error);
+    } else {
+      LogError(Compose(text, int{hand_.device_id}, ", error: ", error.what()));
+    }
+  }
   return info;
 }
 

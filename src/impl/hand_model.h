@@ -40,6 +40,8 @@ struct Wording {
   const char* wrong_size_end;
   const char* too_many_mixed;
   const char* set_id_failed;
+  /// What a failed GetDeviceInfo is told by, up to the hand's id; null for the usual line.
+  const char* device_info_failed;
   /// What the lines of a broadcast query begin with.
   const char* broadcast_prefix;
 };
@@ -63,6 +65,10 @@ struct HandModel {
 
   /// Priority of a mixed command in the serialized queue.
   int mixed_priority;
+  /// The product model of the vendor record ends at its first NUL byte; otherwise all 16 bytes of
+  /// the field are handed on.
+  bool product_model_ends_at_nul;
+
   UpdateRules update;
 };
 
@@ -73,6 +79,7 @@ inline constexpr Wording kChineseWording{
     " 相匹配.",
     "[Error]: 无效参数，位置速度力控模式最多一次性下发8个关节目标信息.",
     "[Error]: Failed to send device ID request",
+    nullptr,
     "[Error]: ",
 };
 

@@ -35,6 +35,7 @@ struct BrisaRow {
       {function_code::kCurrent, "GetCurrentReport", "GetAllCurrentReport", "SetCurrentReportPeriod",
        "SetAllCurrentReportPeriod", -1},
       /*mixed_priority=*/0,
+      /*product_model_ends_at_nul=*/false,
       /*update=*/
       {"KorvaneBrisaCanImpl", 0x100, /*checksum_fallback=*/true, /*reply_of_any_device=*/true},
   };

@@ -366,5 +366,47 @@ TEST(BrisaBroadcast, FindsNobodyThroughAnAdapterThatIsntThere) {
               "[Error]: Failed to initialize CAN device for broadcast request\n");
 }
 
+/// How the other models differ, as a row of their kind would say it.
+constexpr Wording kOtherWording{
+    "", "", "", "", "", "[ERROR]: no id", "[GetDeviceInfo] Failed: device_id=", "[ERROR]: "};
+
+constexpr HandModel MakeOtherModel() {
+  HandModel model = BrisaRow::kModel;
+  model.family = 0x700;
+  model.wording = &kOtherWording;
+  model.product_model_ends_at_nul = true;
+  return model;
+}
+
+struct OtherRow {
+  static constexpr HandModel kModel = MakeOtherModel();
+  static void Prepare(KorvaneBrisa& /*hand*/, HandType /*type*/) {}
+};
+
+TEST(IdentityOfAnotherModel, FollowsItsRow) {
+  class OtherHand : public CanHandWithoutReportPeriods<KorvaneBrisa, OtherRow> {
+   public:
+    using CanHandWithoutReportPeriods::CanHandWithoutReportPeriods;
+    std::vector<std::uint8_t> GetTactileSensorData(Finger) const override { return {}; }
+    std::vector<TactileSensorData> GetAllTactileSensorData() const override { return {}; }
+    TactileSensorData GetTactileSensorDataRaw(Finger finger) const override { return {finger, {}}; }
+    std::vector<TactileSensorData> GetAllTactileSensorDataRaw() const override { return {}; }
+  };
+  auto device = std::make_unique<test::RecordingDevice>();
+  test::RecordingDevice& adapter = *device;
+  OtherHand hand(HandType::RIGHT, 5, std::move(device));
+  adapter.script = test::Replies({'Q', 'u', 'i', 'l', 'l'});
+  hand.SetFrameRecvTimeout(1000);
+  EXPECT_EQ(hand.GetVendorInfo().product_model, "Quill");
+  EXPECT_EQ(adapter.TakeSent().at(0).can_id, 0x00010705U);
+  adapter.script = test::CantSend();
+  const std::string told = test::CaptureStreams([&] {
+                             EXPECT_EQ(hand.GetDeviceInfo().device_id, 0);
+                             hand.SetDeviceId(9);
+                           }).err;
+  EXPECT_EQ(told.find("[GetDeviceInfo] Failed: device_id=5, error: [CANID:00020705]"), 0U) << told;
+  EXPECT_NE(told.find("\n[ERROR]: no id\n"), std::string::npos) << told;
+}
+
 }  // namespace
 }  // namespace talvera::korvane

@@ -170,14 +170,14 @@ TEST_F(FirmwarePartitionTest, ChecksEachPacketInTheSetChecksumAndTakesItAgain) {
 }
 
 TEST_F(FirmwarePartitionTest, TakesTheNextPacketOrARepeatOfTheLastOne) {
-  const Bytes image = FirmwareBytes(3 * 2048);
+  const Bytes image = FirmwareBytes(std::size_t{3} * 2048);
   ASSERT_THAT(Upgrade(image.size(), 3), ElementsAre(0));
   EXPECT_THAT(SendPacket(image, 1), ElementsAre(2));
   for (const auto& [number, status] :
        std::vector<std::pair<std::size_t, int>>{{0, 0}, {0, 0}, {2, 2}, {1, 0}, {0, 2}, {2, 0}}) {
     EXPECT_THAT(SendPacket(image, number), ElementsAre(status)) << number;
   }
-  const Bytes beyond = FirmwareBytes(4 * 2048);
+  const Bytes beyond = FirmwareBytes(std::size_t{4} * 2048);
   EXPECT_THAT(SendPacket(beyond, 3), ElementsAre(2));
   EXPECT_THAT(Ask(kFinishId), ElementsAre(0));
   Ask(kRestartId);
@@ -248,7 +248,7 @@ TEST_F(FirmwarePartitionTest, FaultsStrikeTheRepliesThatTheyName) {
   firmware.AddFault({Kind::kDuplicate, UpdateChild::kPacket, 0, 2});
   firmware.AddFault({Kind::kLose, UpdateChild::kPacket, 0, 3});
   firmware.AddFault({Kind::kShort, UpdateChild::kFinish, 0, 1});
-  const Bytes image = FirmwareBytes(2 * 2048);
+  const Bytes image = FirmwareBytes(std::size_t{2} * 2048);
   const auto early = Send(kUpgradeId, {0, 16, 0, 0, 2, 0}, 6);
   ASSERT_EQ(early.size(), 1U);
   EXPECT_EQ(early[0].id, 0x04F201A7U);
