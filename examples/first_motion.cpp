@@ -139,6 +139,8 @@ int main(int argc, char** argv) {
     ShowGesture(*hand, gesture, std::chrono::duration<double>(seconds), reader, display);
   }
   hand->SetHandGesture(0);
+  const bool answers = !reader.Read().empty();
   reader.PrintTimes();
-  return EXIT_SUCCESS;
+  if (!answers) std::fprintf(stderr, "The hand has stopped answering.\n");
+  return answers ? EXIT_SUCCESS : EXIT_FAILURE;
 }
