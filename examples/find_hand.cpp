@@ -3,6 +3,7 @@
 //   find_hand --link socketcan --interface can0
 //   find_hand --link zlg --set-id 5
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -70,7 +71,7 @@ int main(int argc, char** argv) {
   }
   VendorInfo info = hand->GetVendorInfo();
   // Over CAN the model text is 16 bytes, NUL bytes included.
-  info.product_model = info.product_model.c_str();
+  info.product_model.resize(std::min(info.product_model.find('\0'), info.product_model.size()));
   std::printf("Hand %d on %s:\n%s", hand->device_id, examples::DescribeLink(where).c_str(),
               info.ToString().c_str());
   return info.product_model.empty() ? EXIT_FAILURE : EXIT_SUCCESS;

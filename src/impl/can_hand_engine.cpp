@@ -289,8 +289,9 @@ VendorInfo CanHandEngine::ReadVendorInfo() const {
   if (!reply) return {};
   const std::uint8_t* const data = reply->data;
   VendorInfo info;
-  info.product_model = Text(data, 16);
-  if (model.product_model_ends_at_nul) info.product_model = info.product_model.c_str();
+  const auto* const model_end =
+      model.product_model_ends_at_nul ? std::find(data, data + 16, 0) : data + 16;
+  info.product_model = std::string(data, model_end);
   info.serial_number = SerialNumberText(data + 16, 14);
   info.hardware_version = LoadVersion(data + 30);
   info.software_version = LoadVersion(data + 34);

@@ -234,6 +234,8 @@ TEST_F(StandinTest, UsbcanfdRefusesWhatARealAdapterWould) {
   EXPECT_EQ(zlg_.transmit(kType, 0, 0, batch.data(), 2), 1U);
   EXPECT_EQ(zlg_.transmit(kType, 0, 0, nullptr, 1), 0U);
   EXPECT_EQ(zlg_.receive(kType, 0, 0, nullptr, 1, 0), 0U);
+  // Its reply must not be taken for that to a later request.
+  EXPECT_EQ(zlg_.receive(kType, 0, 0, buffer_.data(), 256, 5000), 1U);
 
   // A closed device comes back with InitCAN alone.
   EXPECT_EQ(zlg_.reset(kType, 0, 0), 1U);
