@@ -210,18 +210,18 @@ void Parse(CLI::App& app, int argc, char** argv) {
 }  // namespace
 
 UpdateFault ParseUpdateFault(UpdateFault::Kind kind, const std::string& text) {
-  static const std::map<std::string, UpdateChild> kStages = {{"upgrade", UpdateChild::kUpgrade},
-                                                             {"packet", UpdateChild::kPacket},
-                                                             {"finish", UpdateChild::kFinish},
-                                                             {"restart", UpdateChild::kRestart},
-                                                             {"result", UpdateChild::kResult}};
+  static const std::map<std::string, UpdateChild> stages = {{"upgrade", UpdateChild::kUpgrade},
+                                                            {"packet", UpdateChild::kPacket},
+                                                            {"finish", UpdateChild::kFinish},
+                                                            {"restart", UpdateChild::kRestart},
+                                                            {"result", UpdateChild::kResult}};
   const bool with_status = kind == UpdateFault::Kind::kStatus;
   std::smatch parts;
   const std::regex form(with_status ? "([a-z]+):([0-9]{1,9})(@([1-9][0-9]{0,8}))?"
                                     : "([a-z]+)()(@([1-9][0-9]{0,8}))?");
   const bool fits = std::regex_match(text, parts, form);
-  const auto stage = fits ? kStages.find(parts[1]) : kStages.end();
-  if (stage == kStages.end()) {
+  const auto stage = fits ? stages.find(parts[1]) : stages.end();
+  if (stage == stages.end()) {
     throw std::invalid_argument("'" + text + "' is no fault of an update; write " +
                                 (with_status ? "packet:5 or packet:5@2" : "packet or packet@2") +
                                 ", with upgrade, packet, finish, restart or result");

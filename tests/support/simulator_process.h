@@ -19,6 +19,7 @@ class SimulatorProcess {
     std::array<int, 2> ends{};
     if (pipe(ends.data()) != 0) return;
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (auto& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     pid_ = fork();

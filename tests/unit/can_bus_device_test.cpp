@@ -642,7 +642,7 @@ TEST(FrameText, HasThreeDigitsForStandardAndEightForExtendedIdentifiers) {
 
   CanfdFrame hostile = MakeFrame(1);
   hostile.len = 255;
-  EXPECT_EQ(FormatFrame(hostile).size(), std::string("[CANID:001][DATA:]").size() + 64 * 3);
+  EXPECT_EQ(FormatFrame(hostile).size(), std::string("[CANID:001][DATA:]").size() + 64U * 3U);
 }
 
 constexpr const char* kTimestamp =
