@@ -232,6 +232,7 @@ void AskMany(const KorvaneBrisa& hand, int requests, int seed, Tally& tally) {
 
 void AskFromThreads(const KorvaneBrisa& hand, int requests, Tally& tally) {
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] { AskMany(hand, requests, i, tally); });
   }

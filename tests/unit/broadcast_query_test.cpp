@@ -31,7 +31,7 @@ Asked Ask(const RecordingDevice::Script& script, const char* prefix = "[Error]: 
   return asked;
 }
 
-RecordingDevice::Script Answers(std::vector<CanfdFrame> frames) {
+RecordingDevice::Script Answers(const std::vector<CanfdFrame>& frames) {
   return [frames](const CanfdFrame&) { return frames; };
 }
 

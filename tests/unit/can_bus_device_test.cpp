@@ -642,7 +642,8 @@ TEST(FrameText, HasThreeDigitsForStandardAndEightForExtendedIdentifiers) {
 
   CanfdFrame hostile = MakeFrame(1);
   hostile.len = 255;
-  EXPECT_EQ(FormatFrame(hostile).size(), std::string("[CANID:001][DATA:]").size() + 64U * 3U);
+  EXPECT_EQ(FormatFrame(hostile).size(),
+            std::string("[CANID:001][DATA:]").size() + std::size_t{64} * 3);
 }
 
 constexpr const char* kTimestamp =

@@ -15,7 +15,7 @@ namespace {
 using test::Bytes;
 using test::CaptureStreams;
 using test::FakeCanBus;
-using test::operator+;
+using test::operator+;  // NOLINT(misc-unused-using-decls): the check misses operators
 using test::Streams;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
