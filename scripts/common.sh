@@ -3,6 +3,9 @@
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
+# Where tc and its like are, which a normal user's path on Debian lacks.
+PATH=$PATH:/usr/sbin:/sbin
+
 say() { printf '== %s\n' "$*"; }
 
 as_root() {
