@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::uint8_t kTesselProduct = 1;
 constexpr std::uint8_t kBroadcastProduct = 255;
+constexpr int kMaxDevices = 256;
 constexpr int kRefusedClockHz = 36'000'000;
 constexpr int kMaxSendTimeoutMs = 10000;
 constexpr int kDefaultSendTimeoutMs = 100;
@@ -162,7 +163,8 @@ void HcanDevice::OpenAndReceive() {
 std::vector<HcanDeviceInfo> HcanDevice::ScanHcanDevices() {
   const std::lock_guard lock(device_mutex_);
   std::vector<HcanDeviceInfo> devices;
-  const int count = CanBus().scan_device();
+  // An index is one byte; a greater count is none that a library could mean.
+  const int count = std::min(CanBus().scan_device(), kMaxDevices);
   for (int index = 0; index < count; ++index) {
     const auto in_use = DeviceRefCounts().find(static_cast<std::uint8_t>(index));
     if (in_use != DeviceRefCounts().end() && in_use->second > 0) {

@@ -201,19 +201,25 @@ TEST_F(Hcan, AnUnknownOrUnusualClockIsAccepted) {
 TEST_F(Hcan, AnObjectForABroadcastQueryNeverOpensAnything) {
   fake_.Plug(0, {"SN"});
   const auto live = Live(0, 0);
-  const Streams written = CaptureStreams([] { EXPECT_FALSE(HcanDevice(0, 0, 255).IsInit()); });
+  const Streams written = CaptureStreams([] {
+    HcanDevice query(0, 0, 255);
+    EXPECT_FALSE(query.IsInit());
+    EXPECT_EQ(query.CloseDevice(), 0);
+  });
   EXPECT_EQ(written.out + written.err, "");
   EXPECT_THAT(fake_.TakeCalls(), IsEmpty());
   EXPECT_EQ(HcanDevice::device_ref_count_.at(0), 1);
 }
 
-TEST_F(Hcan, AnObjectThatOpenedTwiceGivesBothCountsBack) {
+TEST_F(Hcan, AnObjectThatOpenedSeveralTimesGivesEveryCountBack) {
   fake_.Plug(0, {"A"});
   CaptureStreams([&] {
     auto device = Live(0, 0);
     EXPECT_EQ(device->OpenDevice(), 0);
-    EXPECT_EQ(HcanDevice::device_ref_count_.at(0), 2);
+    EXPECT_EQ(device->OpenDevice(), 0);
+    EXPECT_EQ(HcanDevice::device_ref_count_.at(0), 3);
     EXPECT_EQ(device->CloseDevice(), 0);
+    EXPECT_EQ(HcanDevice::device_ref_count_.at(0), 2);
     device.reset();
   });
   EXPECT_EQ(HcanDevice::device_ref_count_.at(0), 0) << "the adapter would never be closed";
