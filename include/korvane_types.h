@@ -48,7 +48,8 @@ enum class OtaProgressStatus : int {
   FILE_LOADED = 1,           ///< The image was read and cut into packets.
   REQUESTING_UPGRADE = 2,    ///< About to ask the hand for an update.
   UPGRADE_ACCEPTED = 3,      ///< The hand is ready for packets.
-  PACKET_ACKNOWLEDGED = 4,   ///< One packet arrived and passed its check.
+  PACKET_ACKNOWLEDGED = 4,   ///< One packet arrived and passed its check. The first argument is its
+                             ///< number from 0; with a KorvaneTessel, how many have arrived.
   FINISH_ACKNOWLEDGED = 5,   ///< The hand holds the whole image.
   RESTART_ACKNOWLEDGED = 6,  ///< The hand is about to restart.
   RECONNECTING = 7,          ///< Asking the restarted hand for its identity.

@@ -16,7 +16,7 @@ constexpr std::uint8_t kTesselProduct = 1;
 constexpr std::uint8_t kBroadcastProduct = 255;
 constexpr int kMaxDevices = 256;
 constexpr int kRefusedClockHz = 36'000'000;
-constexpr int kMaxSendTimeoutMs = 10000;
+/// A send time-out of 0 stands for it.
 constexpr int kDefaultSendTimeoutMs = 100;
 
 constexpr DispatchRules kRules{true, true, false, false};
@@ -122,13 +122,13 @@ std::mutex HcanDevice::device_mutex_;
 void TrimTrailingSpaces(std::string& text) { text.erase(text.find_last_not_of(' ') + 1); }
 
 HcanDevice::HcanDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type)
-    : adapter_index_(adapter_index), channel_id_(channel), product_type_(product_type) {
+    : UsbCanAdapter(adapter_index, channel, product_type, /*send_timeout_ms=*/0) {
   OpenAndReceive();
 }
 
 HcanDevice::HcanDevice(const std::string& serial_number, std::uint8_t channel,
                        std::uint8_t product_type)
-    : channel_id_(channel), product_type_(product_type) {
+    : UsbCanAdapter(0, channel, product_type, /*send_timeout_ms=*/0) {
   const auto device = FindHcanDeviceBySerialNumber(serial_number);
   if (!device) {
     running_ = false;
@@ -312,10 +312,6 @@ void HcanDevice::RecvFrame() {
       Dispatch(ToCanfdFrame(&records[static_cast<std::size_t>(i) * kFrameSize]), kRules);
     }
   }
-}
-
-void HcanDevice::SetFrameSendTimeout(int ms) {
-  send_timeout_ms_ = std::clamp(ms, 0, kMaxSendTimeoutMs);
 }
 
 }  // namespace talvera::korvane

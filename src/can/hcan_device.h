@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "can/can_bus_device.h"
+#include "can/usb_can_adapter.h"
 
 namespace talvera::korvane {
 
@@ -25,7 +25,7 @@ void TrimTrailingSpaces(std::string& text);
 /// library. Every frame goes to `process_msg_`, replies too, and a pending identifier is consumed
 /// by its first reply, so that of a reply in several frames only the first is stored. Applications
 /// are built around both.
-class HcanDevice : public CanBusDeviceBase {
+class HcanDevice : public UsbCanAdapter {
  public:
   /// `product_type` 255 makes an object that never opens anything.
   HcanDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
@@ -45,14 +45,6 @@ class HcanDevice : public CanBusDeviceBase {
   void RecvFrame() override;
   int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override;
 
-  /// Held to 0..10000 ms; 0 means 100 ms at the call.
-  void SetFrameSendTimeout(int ms) override;
-  int GetFrameSendTimeout() const override { return send_timeout_ms_; }
-
-  std::uint8_t adapter_index_ = 0;
-  std::uint8_t channel_id_ = 0;
-  std::uint8_t product_type_ = 0;
-  std::atomic<int> send_timeout_ms_{0};
   /// This class's own; that of the base stays null.
   std::unique_ptr<std::thread> recv_thread_;
   bool running_ = true;
@@ -67,9 +59,6 @@ class HcanDevice : public CanBusDeviceBase {
   bool OpenChannel() const;
   bool CheckClock() const;
   bool InitialiseChannel() const;
-
-  /// How much of the device's count is this object's: 1 unless it was opened again.
-  int counted_ = 0;
 };
 
 }  // namespace talvera::korvane

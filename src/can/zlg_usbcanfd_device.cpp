@@ -14,13 +14,11 @@ namespace {
 
 constexpr std::uint32_t kDeviceType = 33;
 constexpr std::uint8_t kMaxDevices = 8;
-constexpr int kMaxSendTimeoutMs = 10000;
+constexpr int kInitialSendTimeoutMs = 20;
 
 constexpr std::uint32_t kCmdTerminatingResistor = 0x18;
 constexpr std::uint32_t kCmdMergedReceive = 0x32;
 constexpr std::uint32_t kCmdSendTimeout = 0x44;
-
-constexpr DispatchRules kRules{false, false, true, false};
 
 // The board information record.
 constexpr std::size_t kBoardInfoSize = 75;
@@ -41,6 +39,7 @@ constexpr std::uint32_t kFormatCanFd = 1U << 4;
 constexpr std::uint32_t kExtendedFrame = 1U << 9;
 constexpr std::uint32_t kBitRateSwitch = 1U << 11;
 
+constexpr DispatchRules kRules{false, false, true, false};
 constexpr std::uint32_t kReceiveCapacity = 256;
 constexpr int kReceiveWaitMs = 50;
 constexpr auto kIdleSleep = std::chrono::microseconds(100);
@@ -109,14 +108,14 @@ CanfdDeviceTable& CanfdDevices() {
 
 ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel,
                                      std::uint8_t product_type)
-    : adapter_index_(adapter_index), channel_id_(channel), product_type_(product_type) {
+    : UsbCanAdapter(adapter_index, channel, product_type, kInitialSendTimeoutMs) {
   if (!TakeFromCache()) Probe();
   OpenAndReceive();
 }
 
 ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(const std::string& serial_number, std::uint8_t channel,
                                      std::uint8_t product_type)
-    : channel_id_(channel), product_type_(product_type) {
+    : UsbCanAdapter(0, channel, product_type, kInitialSendTimeoutMs) {
   auto device = FindInCache(serial_number);
   if (!device) {
     Scan();
@@ -358,8 +357,8 @@ void ZlgUsbcanfdDevice::RecvFrame() {
 }
 
 void ZlgUsbcanfdDevice::SetFrameSendTimeout(int ms) {
-  const int timeout = std::clamp(ms, 0, kMaxSendTimeoutMs);
-  send_timeout_ms_ = timeout;
+  UsbCanAdapter::SetFrameSendTimeout(ms);
+  const int timeout = send_timeout_ms_;
   if (timeout < 1) return;
   const std::lock_guard device_lock(device_mutex_);
   CanfdDeviceTable& table = CanfdDevices();

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "can/can_bus_device.h"
+#include "can/usb_can_adapter.h"
 
 namespace talvera::korvane {
 
@@ -36,7 +36,7 @@ CanfdDeviceTable& CanfdDevices();
 /// that is closed closes the device, so hands on one adapter may come and go in any order.
 ///
 /// Lock order: `device_mutex_`, then `scan_cache_mutex_`.
-class ZlgUsbcanfdDevice : public CanBusDeviceBase {
+class ZlgUsbcanfdDevice : public UsbCanAdapter {
  public:
   /// `product_type` 255 marks a short-lived object for a broadcast query.
   ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
@@ -54,13 +54,8 @@ class ZlgUsbcanfdDevice : public CanBusDeviceBase {
 
   /// Held to 0..10000 ms. 0 is stored and told to nobody.
   void SetFrameSendTimeout(int ms) override;
-  int GetFrameSendTimeout() const override { return send_timeout_ms_; }
 
-  std::uint8_t adapter_index_ = 0;
-  std::uint8_t channel_id_ = 0;
   std::uint32_t device_type_ = 0;
-  std::uint8_t product_type_ = 0;
-  std::atomic<int> send_timeout_ms_{20};
 
   static std::mutex device_mutex_;
 
@@ -75,8 +70,6 @@ class ZlgUsbcanfdDevice : public CanBusDeviceBase {
   int SetParameter(std::uint32_t command, int value) const;
   std::string Place() const;
 
-  /// How much of the entry's `ref_count` is this object's: 1 unless it was opened again.
-  int counted_ = 0;
   /// OpenDevice was tried and CloseDevice hasn't run since.
   bool attempted_ = false;
 };

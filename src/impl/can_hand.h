@@ -3,12 +3,13 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "impl/broadcast_query.h"
 #include "impl/can_hand_engine.h"
 #include "impl/can_identifier.h"
+#include "solver/actuator_words.h"
 #include "util/log.h"
 
 namespace talvera::korvane {
@@ -18,10 +19,12 @@ namespace talvera::korvane {
 template <class Model, class Row>
 class CanHand : public Model, public CanLinkOwner, public UpdateState {
  public:
+  using RowType = Row;
+
   /// Takes a ready transport, or none. The other constructors make theirs and delegate to this.
   CanHand(HandType hand, std::uint8_t id, std::unique_ptr<CanBusDeviceBase> transport)
       : engine_(Row::kModel, *this, *this, std::move(transport)) {
-    Row::Prepare(*this, hand);
+    Row::Prepare(*this, id, hand);
     engine_.Start(hand, id);
   }
 
@@ -39,6 +42,12 @@ class CanHand : public Model, public CanLinkOwner, public UpdateState {
 
   CanHand(HandType hand, std::uint8_t id, const std::string& interface_name)
       : CanHand(hand, id, MakeSocketCan(interface_name)) {}
+
+  /// The form for a TCP link, which some of the models have and refuse.
+  template <class R = Row, std::enable_if_t<R::kModel.has_tcp_form, int> = 0>
+  CanHand(HandType hand, std::uint8_t id, const std::string& /*address*/, unsigned short /*port*/,
+          std::uint8_t /*channel*/)
+      : CanHand(hand, id, RefuseTcp(Row::kModel.class_name)) {}
 
   VendorInfo GetVendorInfo() const override { return engine_.ReadVendorInfo(); }
   DeviceInfo GetDeviceInfo() const override { return engine_.ReadDeviceInfo(); }
@@ -90,17 +99,6 @@ class CanMotorHand : public CanHand<Model, Row> {
  public:
   using CanHand<Model, Row>::CanHand;
 
-  static DeviceInfo GetDeviceInfoFromBroadcast(std::uint8_t adapter_index, std::uint8_t channel) {
-    return QueryZlgBus(adapter_index, channel, kModel.wording->broadcast_prefix);
-  }
-  static DeviceInfo GetDeviceInfoFromBroadcast(const std::string& serial_number,
-                                               std::uint8_t channel) {
-    return QueryZlgBus(serial_number, channel, kModel.wording->broadcast_prefix);
-  }
-  static DeviceInfo GetDeviceInfoFromBroadcastSocketCan(const std::string& interface_name) {
-    return QuerySocketCanBus(interface_name, kModel.wording->broadcast_prefix);
-  }
-
   int SetJointMotorPosi(std::uint8_t index, short position) override {
     return engine_.WriteMotor(kModel.position, index, Unsigned(position)).value_or(-1);
   }
@@ -134,17 +132,17 @@ class CanMotorHand : public CanHand<Model, Row> {
     return engine_.ReadAllControlModes();
   }
 
-  void SetCurrentThreshold(std::uint8_t index, short threshold) override {
-    engine_.WriteMotor(kModel.threshold, index, Unsigned(threshold));
-  }
   short GetCurrentThreshold(std::uint8_t index) const override {
     return static_cast<short>(engine_.ReadMotor(kModel.threshold, index));
   }
-  void SetAllCurrentThreshold(const std::vector<short>& thresholds) override {
-    engine_.WriteAll(kModel.threshold, thresholds);
-  }
   std::vector<short> GetAllCurrentThreshold() const override {
     return engine_.template ReadAll<short>(kModel.threshold);
+  }
+  void SetCurrentThreshold(std::uint8_t index, short threshold) override {
+    engine_.WriteMotor(kModel.threshold, index, Unsigned(threshold));
+  }
+  void SetAllCurrentThreshold(const std::vector<short>& thresholds) override {
+    engine_.WriteAll(kModel.threshold, thresholds);
   }
 
   void MixCtrlJointMotor(const std::vector<MixCtrl>& targets) override {
@@ -182,10 +180,10 @@ class CanMotorHand : public CanHand<Model, Row> {
 /// Hands whose firmware sends no reports on a period: the six setters only say so. The lines name
 /// one model, whichever model it is, and the first of them in another spelling; log filters in the
 /// field match them as they are.
-template <class Model, class Row>
-class CanHandWithoutReportPeriods : public CanMotorHand<Model, Row> {
+template <class Base>
+class WithoutReportPeriods : public Base {
  public:
-  using CanMotorHand<Model, Row>::CanMotorHand;
+  using Base::Base;
 
   void SetErrorReportPeriod(std::uint8_t, unsigned short) override {
     TellUnsupported("SetErrorReportPeriod", "Korvane Brisa");
@@ -211,6 +209,36 @@ class CanHandWithoutReportPeriods : public CanMotorHand<Model, Row> {
     LogError(Compose("[Error]: ", operation, " is not supported by ", model,
                      " (BR7) when DISABLE_FUNC is enabled."));
   }
+};
+
+/// Hands with a solver: joint angles to actuator inputs and back, by the solver's operations
+/// `Row::kToActuators` and `Row::kToJoints`.
+template <class Base, class Row>
+class WithJointAngles : public Base {
+ public:
+  using Base::Base;
+
+  /// The angles that the hand echoed; none, silently, if the echo isn't one of all motors.
+  std::vector<double> SetAllActiveJointAngles(const std::vector<double>& angles) override {
+    if (!engine_.CheckSize(angles.size())) return {};
+    const auto echo = this->SetAllJointMotorPosi(ToWords(((*solver).*Row::kToActuators)(angles)));
+    if (echo.size() != Row::kModel.motors) return {};
+    return ((*solver).*Row::kToJoints)(ToInts(echo));
+  }
+  std::vector<double> GetAllActiveJointAngles() const override {
+    return ((*solver).*Row::kToJoints)(ToInts(this->GetAllJointMotorPosi()));
+  }
+  std::vector<double> GetAllJointAngles() const override {
+    return solver->GetAllJointPos(this->GetAllActiveJointAngles());
+  }
+  std::vector<double> GetAllJointPos(const std::vector<double>& active_angles) const override {
+    return solver->GetAllJointPos(active_angles);
+  }
+
+  using Base::solver;
+
+ protected:
+  using Base::engine_;
 };
 
 }  // namespace talvera::korvane

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "impl/can_identifier.h"
+#include "impl/reply_words.h"
 #include "util/bytes.h"
 #include "util/log.h"
 
@@ -65,18 +66,6 @@ std::string SerialNumberText(const std::uint8_t* bytes, std::size_t size) {
 
 }  // namespace
 
-template <class Value>
-std::vector<Value> WordsOf(const CanfdFrame& frame) {
-  std::vector<Value> values(std::min(frame.len, kMaxPayload) / 2U);
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    values[i] = static_cast<Value>(LoadU16(frame.data + 2 * i));
-  }
-  return values;
-}
-
-template std::vector<short> WordsOf(const CanfdFrame&);
-template std::vector<unsigned short> WordsOf(const CanfdFrame&);
-
 CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand, UpdateState& update_state,
                              std::unique_ptr<CanBusDeviceBase> device)
     : CanLink(std::move(device)),
@@ -85,22 +74,26 @@ CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand, UpdateState& u
       hand_(hand) {}
 
 void CanHandEngine::Start(HandType hand_type, std::uint8_t device_id) {
-  hand_.model_code = model.model_code;
-  hand_.device_id = device_id;
+  SetMembers(hand_, model, device_id, hand_type);
   update.Address(device_id);
-  hand_.mirrored = hand_type == HandType::LEFT;
   hand_.connected = IsInit();
-  if (!hand_.connected) return;
+  if (!transport || (!hand_.connected && !model.binds_without_link)) return;
   transport->BindCallbacks(
       [this](const CanfdFrame& frame) { ProcessMessage(frame); }, &ReplyIdOf,
       [this](std::uint32_t request, std::uint32_t received) { return Judge(request, received); });
 }
 
 bool CanHandEngine::Judge(std::uint32_t request_id, std::uint32_t received_id) const {
-  if (model.update.reply_of_any_device && AnswersUpdateRequest(request_id, received_id)) {
+  if (model.update.replies_from == ReplySenders::kAny &&
+      AnswersUpdateRequest(request_id, received_id)) {
     return true;
   }
   return AnswersRequest(request_id, received_id);
+}
+
+void CanHandEngine::ProcessMessage(const CanfdFrame& frame) {
+  if (model.sends_reports && reports_.Take(frame)) return;
+  update.OnFrame(frame);
 }
 
 // --- Frames ---------------------------------------------------------------------------------
@@ -120,8 +113,8 @@ CanfdFrame CanHandEngine::WriteFrame(std::uint8_t function, std::uint8_t index) 
 }
 
 void CanHandEngine::TellFailure(const Context& context, const std::exception& error) const {
-  const std::string tag =
-      context.tag != nullptr ? Compose("[", context.tag, ":", context.number, "]") : "";
+  const bool tagged = context.tag != nullptr && model.wording->failure_names_motor;
+  const std::string tag = tagged ? Compose("[", context.tag, ":", context.number, "]") : "";
   LogError(
       Compose("[ERROR][", model.class_name, "][", context.operation, "]", tag, " ", error.what()));
 }
@@ -152,12 +145,15 @@ std::optional<CanfdFrame> CanHandEngine::Put(const Context& context, const Motor
 
 // --- Argument checks ------------------------------------------------------------------------
 
-// The number of motors is an 8-bit count, and the messages have always shown it as that byte.
+std::string CanHandEngine::MotorCount(bool in_digits) const {
+  return in_digits ? Compose(int{model.motors}) : Compose(model.motors);
+}
 
 bool CanHandEngine::CheckIndex(std::uint8_t index) const {
   if (index >= 1 && index <= model.motors) return true;
-  LogError(Compose(model.wording->bad_index, int{index}, model.wording->bad_index_range,
-                   model.motors, "."));
+  const Wording& wording = *model.wording;
+  LogError(Compose(wording.bad_index, int{index}, wording.bad_index_range,
+                   MotorCount(wording.count_in_digits), "."));
   return false;
 }
 
@@ -174,7 +170,8 @@ bool CanHandEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const 
     return false;
   }
   if (count > model.motors) {
-    LogError(Compose(model.wording->wrong_size, int{model.motors}, model.wording->wrong_size_end));
+    LogError(Compose(model.wording->wrong_size, MotorCount(model.wording->mixed_count_in_digits),
+                     model.wording->wrong_size_end));
     return false;
   }
   if (count <= kMaxShortElements) return true;
@@ -186,15 +183,29 @@ bool CanHandEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const 
 
 int CanHandEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index) const {
   if (!CheckIndex(index)) return quantity.bad_index;
+  if (quantity.from_reports) return LastReport(quantity, index);
   const auto reply =
       Ask({quantity.get, "index", index}, ReadFrame(quantity.function, index), quantity.priority);
   return reply ? LoadS16(reply->data) : 0;
 }
 
+/// 0 unless the last report was one of all motors and no more.
+int CanHandEngine::LastReport(const MotorQuantity& quantity, std::uint8_t index) const {
+  const auto values = reports_.Values(quantity.function);
+  return values.size() == model.motors ? values[index - 1U] : 0;
+}
+
 template <class Value>
 std::vector<Value> CanHandEngine::ReadAll(const MotorQuantity& quantity) const {
+  if (quantity.from_reports) {
+    const auto values = reports_.Values(quantity.function);
+    return {values.begin(), values.end()};
+  }
   const auto reply = Ask({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
-  return reply ? WordsOf<Value>(*reply) : std::vector<Value>{};
+  if (!reply) return {};
+  auto values = WordsOf<Value>(*reply);
+  if (values.size() > model.max_values) values.resize(model.max_values);
+  return values;
 }
 
 template std::vector<short> CanHandEngine::ReadAll(const MotorQuantity&) const;
@@ -251,7 +262,11 @@ std::vector<std::uint8_t> CanHandEngine::ReadAllControlModes() const {
   const MotorQuantity& quantity = model.control_mode;
   const auto reply = Ask({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
   if (!reply) return {};
-  return std::vector<std::uint8_t>(reply->data, reply->data + model.motors);
+  if (!model.control_modes_by_length) return {reply->data, reply->data + model.motors};
+  std::vector<std::uint8_t> modes(std::min(reply->len, model.motors));
+  std::transform(reply->data, reply->data + modes.size(), modes.begin(),
+                 [](std::uint8_t mode) { return mode & kControlModeMask; });
+  return modes;
 }
 
 void CanHandEngine::WriteControlMode(std::uint8_t index, ControlMode mode) const {

@@ -6,6 +6,7 @@
 
 #include "impl/can_link.h"
 #include "impl/hand_model.h"
+#include "impl/periodic_reports.h"
 #include "korvane.h"
 #include "ota/update_run.h"
 
@@ -50,6 +51,7 @@ class CanHandEngine : public CanLink {
   bool CheckSize(std::size_t size) const;
 
   CanfdFrame ReadFrame(std::uint8_t function, std::uint8_t index) const;
+  CanfdFrame WriteFrame(std::uint8_t function, std::uint8_t index) const;
 
   /// What an operation says of itself when it fails: its name, and "[<tag>:<number>]" if it has a
   /// tag.
@@ -66,14 +68,15 @@ class CanHandEngine : public CanLink {
 
   bool Judge(std::uint32_t request_id, std::uint32_t received_id) const;
   /// Takes a frame that no request waits for, on the receive thread.
-  void ProcessMessage(const CanfdFrame& frame) { update.OnFrame(frame); }
+  void ProcessMessage(const CanfdFrame& frame);
 
   const HandModel& model;
   UpdateRun update;
 
  private:
-  CanfdFrame WriteFrame(std::uint8_t function, std::uint8_t index) const;
   bool CheckIndex(std::uint8_t index) const;
+  std::string MotorCount(bool in_digits) const;
+  int LastReport(const MotorQuantity& quantity, std::uint8_t index) const;
   std::optional<CanfdFrame> Put(const Context& context, const MotorQuantity& quantity, Way way,
                                 const CanfdFrame& frame) const;
   std::optional<CanfdFrame> WholeHandWrite(const MotorQuantity& quantity,
@@ -81,10 +84,7 @@ class CanHandEngine : public CanLink {
   bool CheckMixedCount(std::uint8_t mode, std::size_t count) const;
 
   Korvane& hand_;
+  PeriodicReports reports_;
 };
-
-/// The data of a reply as 16-bit values, as many as it holds.
-template <class Value>
-std::vector<Value> WordsOf(const CanfdFrame& frame);
 
 }  // namespace talvera::korvane

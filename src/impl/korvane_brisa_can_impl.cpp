@@ -6,15 +6,6 @@
 namespace talvera::korvane {
 namespace {
 
-std::vector<int> Widen(const std::vector<short>& values) { return {values.begin(), values.end()}; }
-
-std::vector<short> Truncate(const std::vector<int>& values) {
-  std::vector<short> result;
-  result.reserve(values.size());
-  for (const int value : values) result.push_back(static_cast<short>(value));
-  return result;
-}
-
 /// The bytes of the sensor at `offset`, which is left where it is if the stream ends before them.
 std::vector<std::uint8_t> TakeSensor(const std::vector<std::uint8_t>& stream, std::size_t& offset,
                                      std::size_t length, Finger finger) {
@@ -31,35 +22,9 @@ std::vector<std::uint8_t> TakeSensor(const std::vector<std::uint8_t>& stream, st
 
 }  // namespace
 
-KorvaneBrisaCanImpl::KorvaneBrisaCanImpl(HandType hand, std::uint8_t id,
-                                         const std::string& /*address*/, unsigned short /*port*/,
-                                         std::uint8_t /*channel*/)
-    : KorvaneBrisaCanImpl(hand, id, RefuseTcp(BrisaRow::kModel.class_name)) {}
-
 void KorvaneBrisaCanImpl::ShowDataDetails(bool on) const {
   engine_.ShowDataDetails(on);
   solver->show_details = on;
-}
-
-std::vector<double> KorvaneBrisaCanImpl::SetAllActiveJointAngles(
-    const std::vector<double>& angles) {
-  if (!engine_.CheckSize(angles.size())) return {};
-  const auto echo = SetAllJointMotorPosi(Truncate(solver->ActiveJointPos2ActuatorInput(angles)));
-  if (echo.size() != BrisaRow::kModel.motors) return {};
-  return solver->ActuatorInput2ActiveJointPos(Widen(echo));
-}
-
-std::vector<double> KorvaneBrisaCanImpl::GetAllActiveJointAngles() const {
-  return solver->ActuatorInput2ActiveJointPos(Widen(GetAllJointMotorPosi()));
-}
-
-std::vector<double> KorvaneBrisaCanImpl::GetAllJointAngles() const {
-  return solver->GetAllJointPos(GetAllActiveJointAngles());
-}
-
-std::vector<double> KorvaneBrisaCanImpl::GetAllJointPos(
-    const std::vector<double>& active_angles) const {
-  return solver->GetAllJointPos(active_angles);
 }
 
 std::vector<std::uint8_t> KorvaneBrisaCanImpl::GetTactileSensorData(Finger finger) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 #include "korvane_types.h"
 
@@ -23,6 +24,20 @@ constexpr std::size_t SensorDataLengthOf(Finger finger) {
     if (entry.finger == finger) return entry.bytes;
   }
   return 0;
+}
+
+/// The sensors of a hand in reading order, from THUMB to `last`. Applications may hold the
+/// reference for as long as the process runs.
+template <Finger last>
+const std::vector<Finger>& SensorsUpTo() {
+  static const auto* const order = [] {
+    auto* const fingers = new std::vector<Finger>;
+    for (int finger = 1; finger <= static_cast<int>(last); ++finger) {
+      fingers->push_back(static_cast<Finger>(finger));
+    }
+    return fingers;
+  }();
+  return *order;
 }
 
 }  // namespace talvera::korvane

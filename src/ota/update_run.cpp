@@ -25,6 +25,7 @@ constexpr std::uint8_t kResultChild = 5;
 constexpr std::uint32_t kChecksumFailed = 1;
 constexpr std::size_t kStatusBytes = 4;
 
+constexpr int kNoReplyCode = -4;
 constexpr int kFinishTimeoutCode = -4;
 constexpr int kRestartTimeoutCode = -5;
 constexpr int kTransmissionTimeoutCode = -6;
@@ -33,6 +34,7 @@ constexpr int kChecksumFailedCode = -7;
 // The pacing is all there is of flow control. A packet takes at least 170 ms.
 constexpr milliseconds kAfterChecksum{10};
 constexpr milliseconds kAfterDataFrame{5};
+constexpr milliseconds kWholePacket{170};
 
 constexpr milliseconds kAfterFirstUpgrade{100};
 constexpr milliseconds kPoll{500};
@@ -44,7 +46,6 @@ constexpr int kFlagPolls = 60;
 constexpr milliseconds kBeforeReconnect{100};
 constexpr int kReconnectAttempts = 10;
 constexpr int kResultTries = 10;
-constexpr seconds kBetweenResultTries{1};
 
 /// What a device's status means in the reply of one child; null if nothing is known.
 const char* StatusText(std::uint8_t child, std::uint32_t status) {
@@ -69,14 +70,28 @@ const char* StatusText(std::uint8_t child, std::uint32_t status) {
   return nullptr;
 }
 
-void TellStatus(std::uint8_t child, std::uint32_t status) {
-  if (const char* const text = StatusText(child, status)) LogError(text);
-}
-
 /// Neither good nor still awaited.
 bool IsError(std::uint32_t status) { return status != 0 && status != kWaitingResponse; }
 
 }  // namespace
+
+SendTurns::Turn::Turn(SendTurns& turns, Clock& clock) : turns_(turns), clock_(clock) {
+  std::unique_lock lock(turns_.mutex_);
+  const auto self = std::this_thread::get_id();
+  if (turns_.owner_ == self) return;
+  while (turns_.owner_ != std::thread::id()) {
+    clock_.WaitUntil(lock, turns_.free_, clock_.Now() + kWholePacket);
+  }
+  turns_.owner_ = self;
+  taken_ = true;
+}
+
+SendTurns::Turn::~Turn() {
+  if (!taken_) return;
+  const std::lock_guard lock(turns_.mutex_);
+  turns_.owner_ = {};
+  clock_.NotifyAll(turns_.free_);
+}
 
 UpdateRun::UpdateRun(const UpdateRules& rules, UpdateState& state, const CanLink& link,
                      Korvane& hand)
@@ -115,8 +130,31 @@ void UpdateRun::ClearCallback() {
   dropped.swap(state_.ota_progress_callback);
 }
 
-std::string UpdateRun::Tag(const char* operation) const {
-  return Compose("[ERROR][", rules_.class_name, "][", operation, "]");
+void UpdateRun::TellError(const char* operation, const std::string& text) const {
+  if (rules_.wording == nullptr) return;
+  LogError(Compose("[ERROR][", rules_.class_name, "][", operation, "]", text));
+}
+
+void UpdateRun::TellStatus(std::uint8_t child, std::uint32_t status) const {
+  const char* const text = StatusText(child, status);
+  if (text != nullptr && rules_.wording != nullptr && rules_.wording->status_texts) LogError(text);
+}
+
+void UpdateRun::TellStage(const std::string& line) const {
+  if (rules_.wording != nullptr && rules_.wording->stages) LogInfo(line);
+}
+
+void UpdateRun::TellReply(const std::string& line) const {
+  if (TellsReplies()) LogInfo(line);
+}
+
+bool UpdateRun::TellsReplies() const {
+  return rules_.wording != nullptr && rules_.wording->replies;
+}
+
+/// Reports an error that a reply told, unless the run does that. True if lines have to tell it.
+bool UpdateRun::IsLeftToLines(int code) const {
+  return rules_.replies_report_errors && !ReportFailure(code) && TellsReplies();
 }
 
 // --- Sending --------------------------------------------------------------------------------
@@ -141,9 +179,9 @@ CanfdFrame UpdateRun::UpgradeFrame(std::size_t file_size) const {
   return frame;
 }
 
-CanfdFrame UpdateRun::ChecksumFrame(const FirmwarePacket& packet) const {
+CanfdFrame UpdateRun::ChecksumFrame(const FirmwarePacket& packet, std::uint32_t number) const {
   CanfdFrame frame = RequestFrame(kPacketChild);
-  StoreU16(frame.data, static_cast<std::uint16_t>(state_.ota_package_index));
+  StoreU16(frame.data, static_cast<std::uint16_t>(number));
   StoreU16(frame.data + 2, state_.ota_use_modbus_crc ? Crc16Modbus(packet.data(), packet.size())
                                                      : Crc16Xmodem(packet.data(), packet.size()));
   return frame;
@@ -151,23 +189,28 @@ CanfdFrame UpdateRun::ChecksumFrame(const FirmwarePacket& packet) const {
 
 void UpdateRun::SendPackage() {
   FirmwarePacket packet;
+  std::uint32_t number = 0;
+  bool found = false;
   {
     const std::lock_guard lock(state_.ota_mutex);
-    if (state_.ota_packages.empty()) {
-      LogError(Tag("SendPackage") + " No packages to send");
-      return;
-    }
-    packet = state_.ota_current_package = state_.ota_packages.front();
+    found = !state_.ota_packages.empty();
+    if (found) packet = state_.ota_current_package = state_.ota_packages.front();
+    number = state_.ota_package_index;
   }
-  const CanfdFrame checksum = ChecksumFrame(packet);
+  if (!found) return TellError("SendPackage", " No packages to send");
+  const CanfdFrame checksum = ChecksumFrame(packet, number);
+  const SendTurns::Turn turn(turns_, *state_.ota_clock);
   state_.ota_status = kWaitingResponse;
   try {
     link_.Send(checksum);
   } catch (const std::exception& error) {
-    LogError(Compose(Tag("SendPackage"), " Failed to send checksum request: ", error.what()));
-    return;
+    return TellError("SendPackage", Compose(" Failed to send checksum request: ", error.what()));
   }
   state_.ota_clock->SleepFor(kAfterChecksum);
+  SendPacketData(packet);
+}
+
+void UpdateRun::SendPacketData(const FirmwarePacket& packet) const {
   CanfdFrame frame = Frame(function_code::kUpdateData, kUpgradeChild);
   for (std::size_t number = 0; number < packet.size() / kMaxPayload; ++number) {
     std::copy_n(&packet[number * kMaxPayload], kMaxPayload, frame.data);
@@ -175,18 +218,19 @@ void UpdateRun::SendPackage() {
       link_.Send(frame);
     } catch (const std::exception& error) {
       // The hand's checksum catches the gap.
-      LogError(Compose(Tag("SendPackage"), "[frame:", number, "] ", error.what()));
+      TellError("SendPackage", Compose("[frame:", number, "] ", error.what()));
     }
     state_.ota_clock->SleepFor(kAfterDataFrame);
   }
 }
 
 void UpdateRun::SendOrTell(const CanfdFrame& frame, const char* operation) const {
+  const SendTurns::Turn turn(turns_, *state_.ota_clock);
   state_.ota_status = kWaitingResponse;
   try {
     link_.Send(frame);
   } catch (const std::exception& error) {
-    LogError(Compose(Tag(operation), " ", error.what()));
+    TellError(operation, Compose(" ", error.what()));
   }
 }
 
@@ -198,10 +242,16 @@ void UpdateRun::SendRestartRequest() {
 
 // --- Replies, on the receive thread ---------------------------------------------------------
 
+bool UpdateRun::IsOwnReply(std::uint32_t id) const {
+  if (rules_.replies_from == ReplySenders::kAny) return true;
+  if (((id ^ device_id_) & kDeviceIdMask) != 0) return false;
+  return rules_.replies_from == ReplySenders::kOwnId || (id & kFamilyMask) == rules_.family;
+}
+
 void UpdateRun::OnFrame(const CanfdFrame& frame) {
   const std::uint32_t id = frame.can_id & kCanIdMask;
   if (FunctionOf(id) != function_code::kUpdateReply || frame.len < kStatusBytes) return;
-  if (!rules_.reply_of_any_device && (id & kDeviceIdMask) != (device_id_ & kDeviceIdMask)) return;
+  if (!IsOwnReply(id)) return;
   const std::uint32_t status = LoadU32(frame.data);
   switch (IndexOf(id)) {
     case kUpgradeChild:
@@ -212,42 +262,52 @@ void UpdateRun::OnFrame(const CanfdFrame& frame) {
       return OnFinishReply(status);
     case kRestartChild:
       return OnRestartReply(status);
+    case kResultChild:
+      return OnLateResult(status);
     default:
       return;
   }
 }
 
-void UpdateRun::OnUpgradeReply(std::uint32_t status) {
-  // The watching thread tests the status first: with it the child must already stand.
-  state_.ota_child_id = kUpgradeChild;
+/// The watching thread tests the status first: with it the child must already stand.
+void UpdateRun::Store(std::uint8_t child, std::uint32_t status) {
+  state_.ota_child_id = child;
   state_.ota_status = status;
-  LogInfo(
-      Compose("[INFO]: [ProcessMsg] Received OTA UPGRADE response: child_id=1, status=", status));
+}
+
+void UpdateRun::OnUpgradeReply(std::uint32_t status) {
+  state_.ota_accepted = status == 0;
+  Store(kUpgradeChild, status);
+  if (rules_.wording != nullptr && rules_.wording->upgrade_reply) {
+    LogInfo(
+        Compose("[INFO]: [ProcessMsg] Received OTA UPGRADE response: child_id=1, status=", status));
+  }
   if (status == 0) {
     if (!Report(0, OtaProgressStatus::UPGRADE_ACCEPTED)) {
-      LogInfo("[INFO]: [ProcessMsg] OTA upgrade request accepted (status=0, child_id=UPGRADE)");
+      TellReply("[INFO]: [ProcessMsg] OTA upgrade request accepted (status=0, child_id=UPGRADE)");
     }
-  } else if (!ReportFailure(static_cast<int>(status))) {
-    LogError(Compose(Tag("ProcessMsg"), " OTA upgrade request rejected, error code: ", status,
-                     ", child_id: 1"));
+    if (rules_.first_packet_on_acceptance) SendPackage();
+  } else if (IsLeftToLines(static_cast<int>(status))) {
+    TellError("ProcessMsg",
+              Compose(" OTA upgrade request rejected, error code: ", status, ", child_id: 1"));
   }
 }
 
 void UpdateRun::OnPacketReply(std::uint32_t status) {
-  state_.ota_child_id = kPacketChild;
-  state_.ota_status = status;
+  Store(kPacketChild, status);
   if (status != 0) return TellPacketFailure(status);
   const std::uint32_t index = state_.ota_package_index;
-  if (!Report(static_cast<int>(index), OtaProgressStatus::PACKET_ACKNOWLEDGED)) {
-    LogInfo(Compose("[INFO]: [ProcessMsg] Packet ", index, "/", Total(), " transmitted [OK]"));
-  }
+  const bool report_first = !rules_.counts_acknowledged;
+  if (report_first) ReportPacket(index);
   bool done = false;
   {
+    // Together, as the other thread may take the front packet and its number at any time.
     const std::lock_guard lock(state_.ota_mutex);
     if (!state_.ota_packages.empty()) state_.ota_packages.pop_front();
     done = state_.ota_packages.empty();
+    state_.ota_package_index = index + 1;
   }
-  state_.ota_package_index = index + 1;
+  if (!report_first) ReportPacket(index + 1);
   if (done) {
     SendFinishRequest();
   } else {
@@ -255,49 +315,61 @@ void UpdateRun::OnPacketReply(std::uint32_t status) {
   }
 }
 
+void UpdateRun::ReportPacket(std::uint32_t number) const {
+  if (Report(static_cast<int>(number), OtaProgressStatus::PACKET_ACKNOWLEDGED)) return;
+  TellReply(Compose("[INFO]: [ProcessMsg] Packet ", number, "/", Total(), " transmitted [OK]"));
+}
+
 /// The packet stays where it is: Run decides what becomes of it.
 void UpdateRun::TellPacketFailure(std::uint32_t status) const {
   const bool checksum = status == kChecksumFailed;
-  if (ReportFailure(checksum ? kChecksumFailedCode : static_cast<int>(status))) return;
-  LogError(Compose(Tag("ProcessMsg"), " Packet ", state_.ota_package_index + 1, "/", Total(),
-                   " transmission failed, error code: ", status));
+  if (!IsLeftToLines(checksum ? kChecksumFailedCode : static_cast<int>(status))) return;
+  TellError("ProcessMsg", Compose(" Packet ", state_.ota_package_index + 1, "/", Total(),
+                                  " transmission failed, error code: ", status));
   TellStatus(kPacketChild, status);
 }
 
 void UpdateRun::OnFinishReply(std::uint32_t status) {
-  state_.ota_child_id = kFinishChild;
-  state_.ota_status = status;
-  if (status == 0) {
-    state_.ota_finish_ok = true;
-    if (!Report(static_cast<int>(state_.ota_package_index),
-                OtaProgressStatus::FINISH_ACKNOWLEDGED)) {
-      LogInfo("[INFO]: [ProcessMsg][child_id:3][status: 0] OTA finished [OK]");
-    }
-    SendRestartRequest();
-  } else if (!ReportFailure(static_cast<int>(status))) {
-    LogError(Compose(Tag("ProcessMsg"), "[child_id:3][status: ", status, "] OTA finish [NG]"));
-    TellStatus(kFinishChild, status);
+  Store(kFinishChild, status);
+  if (status != 0) return TellFinishFailure(status);
+  state_.ota_finish_ok = true;
+  if (!Report(static_cast<int>(state_.ota_package_index), OtaProgressStatus::FINISH_ACKNOWLEDGED)) {
+    TellReply("[INFO]: [ProcessMsg][child_id:3][status: 0] OTA finished [OK]");
   }
+  SendRestartRequest();
+}
+
+void UpdateRun::TellFinishFailure(std::uint32_t status) const {
+  if (!IsLeftToLines(static_cast<int>(status))) return;
+  TellError("ProcessMsg", Compose("[child_id:3][status: ", status, "] OTA finish [NG]"));
+  TellStatus(kFinishChild, status);
 }
 
 void UpdateRun::OnRestartReply(std::uint32_t status) {
-  if (state_.ota_status == 0 && state_.ota_child_id == kRestartChild) {
-    LogInfo("[DEBUG]: [ProcessMsg] Ignoring duplicate RESTART response (device restarting)");
-    return;
+  const bool repeated = state_.ota_status == 0 && state_.ota_child_id == kRestartChild;
+  if (repeated && rules_.repeated_restart != RepeatedRestart::kTaken) {
+    if (rules_.repeated_restart == RepeatedRestart::kIgnored) return;
+    return LogInfo("[DEBUG]: [ProcessMsg] Ignoring duplicate RESTART response (device restarting)");
   }
-  state_.ota_child_id = kRestartChild;
-  state_.ota_status = status;
+  Store(kRestartChild, status);
   if (status == 0) {
     state_.ota_restart_ok = true;
     if (!Report(static_cast<int>(state_.ota_package_index),
                 OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
-      LogInfo("[INFO]: [ProcessMsg][child_id: 4][status: 0] Restart acknowledged");
+      TellReply("[INFO]: [ProcessMsg][child_id: 4][status: 0] Restart acknowledged");
     }
   } else if (!HasCallback()) {
     // Run turns it into a failed update; the line has always been an informative one.
-    LogInfo(Compose("[INFO]: [ProcessMsg][child_id: 4][status: ", status,
-                    "] Restart response received"));
+    TellReply(Compose("[INFO]: [ProcessMsg][child_id: 4][status: ", status,
+                      "] Restart response received"));
   }
+}
+
+void UpdateRun::OnLateResult(std::uint32_t status) {
+  const char* const text = rules_.wording != nullptr ? rules_.wording->late_result : nullptr;
+  if (text == nullptr) return;
+  Store(kResultChild, status);
+  if (status == 0) LogInfo(text);
 }
 
 // --- The run, on the caller's thread --------------------------------------------------------
@@ -310,37 +382,46 @@ void UpdateRun::Run(const std::string& path, ProgressCallback callback) {
   }
   callback = nullptr;
   state_.ota_use_modbus_crc = true;
+  if (Attempt(path) || rules_.always_clears_callback) ClearCallback();
+}
+
+bool UpdateRun::Attempt(const std::string& path) {
   std::size_t file_size = 0;
-  if (!LoadPackets(path, file_size)) return ClearCallback();
-  if (!RequestUpgrade(file_size)) return;
-  if (!StillAccepted()) return ClearCallback();
-  LogInfo(
+  if (!LoadPackets(path, file_size)) {
+    ClearCallback();
+    return false;
+  }
+  if (!RequestUpgrade(file_size)) return false;
+  if (!StillAccepted()) {
+    ClearCallback();
+    return false;
+  }
+  TellStage(
       "[INFO]: [UpdateFirmware] Upgrade request accepted (UPGRADE response), starting package "
       "transmission");
   SendPackage();
-  LogInfo("[INFO]: [UpdateFirmware] Waiting for all packages to be transmitted...");
-  if (!AwaitTransmission()) return;
-  if (!AwaitFlag(state_.ota_finish_ok, "finish", kFinishTimeoutCode)) return;
-  if (!AwaitFlag(state_.ota_restart_ok, "restart", kRestartTimeoutCode)) return;
+  TellStage("[INFO]: [UpdateFirmware] Waiting for all packages to be transmitted...");
+  if (!AwaitTransmission()) return false;
+  if (!AwaitFlag(state_.ota_finish_ok, "finish", kFinishTimeoutCode)) return false;
+  if (!AwaitFlag(state_.ota_restart_ok, "restart", kRestartTimeoutCode)) return false;
   Reconnect();
-  ClearCallback();
+  return true;
 }
 
 bool UpdateRun::LoadPackets(const std::string& path, std::size_t& file_size) {
   const FirmwareFile file = ReadFirmwareFile(path);
   if (file.error_code != 0) {
     if (!Report(file.error_code, 0, OtaProgressStatus::FAILED)) {
-      LogError(Tag("UpdateFirmware") + (file.error_code == kCannotOpenFirmware
-                                            ? " Failed to read " + path
-                                            : " File is empty"));
+      TellError("UpdateFirmware", file.error_code == kCannotOpenFirmware ? " Failed to read " + path
+                                                                         : " File is empty");
     }
     return false;
   }
   file_size = file.bytes.size();
   Reset(PacketCount(file_size));
   if (!Report(0, OtaProgressStatus::FILE_LOADED)) {
-    LogInfo(Compose("[INFO]: [UpdateFirmware] Firmware file loaded: ", file_size, " bytes, ",
-                    Total(), " packets"));
+    TellStage(Compose("[INFO]: [UpdateFirmware] Firmware file loaded: ", file_size, " bytes, ",
+                      Total(), " packets"));
   }
   const std::lock_guard lock(state_.ota_mutex);
   for (std::size_t i = 0; i < PacketCount(file_size); ++i) {
@@ -358,69 +439,87 @@ void UpdateRun::Reset(std::size_t packet_count) {
   state_.ota_package_index = 0;
   state_.ota_status = kWaitingResponse;
   state_.ota_child_id = -1;
+  state_.ota_accepted = false;
   state_.ota_finish_ok = false;
   state_.ota_restart_ok = false;
 }
 
 bool UpdateRun::RequestUpgrade(std::size_t file_size) {
-  LogInfo(Compose("[INFO]: [UpdateFirmware] Firmware length: ", file_size,
-                  " bytes, Package num: ", Total()));
+  TellStage(Compose("[INFO]: [UpdateFirmware] Firmware length: ", file_size,
+                    " bytes, Package num: ", Total()));
   if (!Report(0, OtaProgressStatus::REQUESTING_UPGRADE)) {
-    LogInfo("[INFO]: [UpdateFirmware] Sending upgrade request (0x01)...");
+    TellStage("[INFO]: [UpdateFirmware] Sending upgrade request (0x01)...");
   }
   const CanfdFrame upgrade = UpgradeFrame(file_size);
   try {
     link_.Send(upgrade);
   } catch (const std::exception& error) {
-    LogError(Compose(Tag("UpdateFirmware"), " Failed to send upgrade request: ", error.what()));
+    TellError("UpdateFirmware", Compose(" Failed to send upgrade request: ", error.what()));
     return false;
   }
   state_.ota_clock->SleepFor(kAfterFirstUpgrade);
   return AwaitAcceptance(upgrade);
 }
 
+/// Where the receive thread sends the first packet, its request has already replaced the status.
+bool UpdateRun::IsAccepted() const {
+  if (rules_.first_packet_on_acceptance) return state_.ota_accepted;
+  return state_.ota_status == 0 && state_.ota_child_id == kUpgradeChild;
+}
+
 bool UpdateRun::AwaitAcceptance(const CanfdFrame& upgrade) {
   for (int attempt = 0; attempt < kUpgradeAttempts;) {
+    if (IsAccepted()) return true;
     const std::uint32_t status = state_.ota_status;
     const std::int32_t child = state_.ota_child_id;
-    if (child == kUpgradeChild && status == 0) return true;
-    if (child == kUpgradeChild && IsError(status)) {
-      LogError(Compose(Tag("UpdateFirmware"), " Upgrade request rejected, error code: ", status));
-      TellStatus(kUpgradeChild, status);
-      return false;
-    }
+    if (child == kUpgradeChild && IsError(status)) return TellRefusal(status);
     if (attempt == 0 && child == kRestartChild && status == 0) {
-      LogInfo(
-          "[INFO]: [UpdateFirmware] Received restart response (0x04), device will restart. "
-          "Waiting for restart...");
+      if (rules_.wording != nullptr) LogInfo(rules_.wording->restarting_first);
       state_.ota_clock->SleepFor(kDeviceRestarting);
     } else if (attempt > kSilentAttempts) {
-      LogError(Compose("[WARN]: [UpdateFirmware] Upgrade request no response (status=", status,
-                       ", child_id=", child, "), retrying..."));
+      TellRetry(status, child);
     }
     ResendUpgrade(upgrade, attempt);
-    if (++attempt == kUpgradeAttempts) break;
-    state_.ota_clock->SleepFor(kPoll);
+    if (++attempt < kUpgradeAttempts) state_.ota_clock->SleepFor(kPoll);
   }
-  LogError(Tag("UpdateFirmware") + " Upgrade request failed after 10 retries: no valid response");
+  if (rules_.wording != nullptr) TellError("UpdateFirmware", rules_.wording->no_reply);
+  if (rules_.reports_no_reply) ReportFailure(kNoReplyCode);
   return false;
+}
+
+/// False, for a run that ends here.
+bool UpdateRun::TellRefusal(std::uint32_t status) const {
+  TellError("UpdateFirmware", Compose(" Upgrade request rejected, error code: ", status));
+  TellStatus(kUpgradeChild, status);
+  if (rules_.reports_refusal) ReportFailure(static_cast<int>(status));
+  return false;
+}
+
+void UpdateRun::TellRetry(std::uint32_t status, std::int32_t child) const {
+  const UpdateWording* const wording = rules_.wording;
+  if (wording == nullptr) return;
+  const bool silent = status == kWaitingResponse && child == -1;
+  if (silent && wording->retrying_silent != nullptr) return LogError(wording->retrying_silent);
+  LogError(Compose(wording->retrying, status, ", child_id=", child, "), retrying..."));
 }
 
 void UpdateRun::ResendUpgrade(const CanfdFrame& upgrade, int attempt) const {
   try {
     link_.Send(upgrade);
-    LogInfo(Compose("[DEBUG]: [UpdateFirmware] Sent UPGRADE request (attempt ", attempt, ")"));
+    TellStage(Compose("[DEBUG]: [UpdateFirmware] Sent UPGRADE request (attempt ", attempt, ")"));
   } catch (const std::exception& error) {
-    LogError(Compose(Tag("UpdateFirmware"), " Failed to resend upgrade request: ", error.what()));
+    TellError("UpdateFirmware", Compose(" Failed to resend upgrade request: ", error.what()));
   }
 }
 
 /// A resent request may have been refused after the first one was accepted.
 bool UpdateRun::StillAccepted() {
   const std::uint32_t status = state_.ota_status;
-  if (status == 0) return true;
+  const bool replaced =
+      rules_.first_packet_on_acceptance && (state_.ota_accepted || status == kWaitingResponse);
+  if (status == 0 || replaced) return true;
   if (!ReportFailure(static_cast<int>(status))) {
-    LogError(Compose(Tag("UpdateFirmware"), " Upgrade request failed, status: ", status));
+    TellError("UpdateFirmware", Compose(" Upgrade request failed, status: ", status));
   }
   return false;
 }
@@ -436,8 +535,8 @@ bool UpdateRun::AwaitTransmission() {
   while (PacketsLeft() != 0) {
     if (--countdown == 0) {
       if (!ReportFailure(kTransmissionTimeoutCode)) {
-        LogError(Compose(Tag("UpdateFirmware"), " OTA transmission timeout: ", PacketsLeft(),
-                         " packages remaining"));
+        TellError("UpdateFirmware",
+                  Compose(" OTA transmission timeout: ", PacketsLeft(), " packages remaining"));
       }
       ClearCallback();
       return false;
@@ -451,11 +550,11 @@ bool UpdateRun::AwaitTransmission() {
       continue;
     }
     if (!ReportFailure(static_cast<int>(status))) {
-      LogError(Compose(Tag("UpdateFirmware"), " OTA transmission failed, error code: ", status));
+      TellError("UpdateFirmware", Compose(" OTA transmission failed, error code: ", status));
     }
     return false;
   }
-  if (!HasCallback()) LogInfo("[INFO]: [UpdateFirmware] All packages transmitted [OK]");
+  if (!HasCallback()) TellStage("[INFO]: [UpdateFirmware] All packages transmitted [OK]");
   return true;
 }
 
@@ -477,7 +576,7 @@ bool UpdateRun::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int 
   for (int polls = 0; !flag; ++polls) {
     if (polls == kFlagPolls) {
       if (!ReportFailure(timeout_code)) {
-        LogError(Compose(Tag("UpdateFirmware"), " OTA ", stage, " response timeout"));
+        TellError("UpdateFirmware", Compose(" OTA ", stage, " response timeout"));
       }
       return false;
     }
@@ -485,7 +584,7 @@ bool UpdateRun::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int 
     const std::uint32_t status = state_.ota_status;
     if (!IsError(status)) continue;
     if (!ReportFailure(static_cast<int>(status))) {
-      LogError(Compose(Tag("UpdateFirmware"), " OTA ", stage, " failed, error code: ", status));
+      TellError("UpdateFirmware", Compose(" OTA ", stage, " failed, error code: ", status));
     }
     return false;
   }
@@ -508,40 +607,51 @@ void UpdateRun::Reconnect() {
   }
   // The hand acknowledged the restart, so the update counts as done.
   if (Report(Total(), OtaProgressStatus::COMPLETE)) return;
-  LogError(
-      "[WARN]: [UpdateFirmware] Could not reconnect to device after restart, but restart response "
-      "was received");
-  LogInfo(
+  if (rules_.wording != nullptr) LogError(rules_.wording->not_reconnected);
+  TellStage(
       "[INFO]: [UpdateFirmware] OTA upgrade process completed (device may need manual "
       "verification)");
 }
 
 void UpdateRun::TellReconnected(const VendorInfo& info) {
   if (Report(Total(), OtaProgressStatus::COMPLETE)) return;
-  LogInfo("[INFO]: [UpdateFirmware] Device reconnected after restart");
-  LogInfo("[INFO]: [UpdateFirmware] Vendor Info: " + info.ToString());
-  LogInfo("[INFO]: [UpdateFirmware] OTA upgrade process completed [OK]!");
+  TellStage("[INFO]: [UpdateFirmware] Device reconnected after restart");
+  TellStage("[INFO]: [UpdateFirmware] Vendor Info: " + info.ToString());
+  if (rules_.wording != nullptr) LogInfo(rules_.wording->completed);
 }
 
 void UpdateRun::QueryResult() {
+  const bool speaks = rules_.wording != nullptr;
   for (int attempt = 1; attempt <= kResultTries; ++attempt) {
     try {
       const CanfdFrame reply = link_.Request(RequestFrame(kResultChild), 0);
-      const std::uint32_t status = LoadU32(reply.data);
-      state_.ota_status = status;
-      if (status == 0) {
-        LogInfo(
-            "[INFO]: [GetUpgradeResult] OTA upgrade result query successful, upgrade completed!");
-        return;
-      }
-      LogError(Compose("[WARN]: [GetUpgradeResult] OTA upgrade result: ", status, ", retrying..."));
+      state_.ota_status = LoadU32(reply.data);
+      if (TellResult(state_.ota_status)) return;
     } catch (const std::exception& error) {
-      LogError(Compose("[WARN][", rules_.class_name, "][GetUpgradeResult][retry:", attempt, "/10] ",
-                       error.what()));
+      if (speaks) {
+        LogError(Compose("[WARN][", rules_.class_name, "][GetUpgradeResult][retry:", attempt,
+                         "/10] ", error.what()));
+      }
     }
-    if (attempt < kResultTries) state_.ota_clock->SleepFor(kBetweenResultTries);
+    if (attempt < kResultTries) state_.ota_clock->SleepFor(rules_.result_query.pause);
   }
-  LogError(Tag("GetUpgradeResult") + " Failed to get upgrade result after 10 retries");
+  TellError("GetUpgradeResult", " Failed to get upgrade result after 10 retries");
+}
+
+/// True if the query ends with this answer.
+bool UpdateRun::TellResult(std::uint32_t status) const {
+  const ResultQuery& query = rules_.result_query;
+  if (query.success != nullptr) {
+    status == 0 ? LogInfo(query.success) : LogError(Compose(query.failure, status));
+    return true;
+  }
+  if (rules_.wording == nullptr) return status == 0;
+  if (status == 0) {
+    LogInfo("[INFO]: [GetUpgradeResult] OTA upgrade result query successful, upgrade completed!");
+    return true;
+  }
+  LogError(Compose("[WARN]: [GetUpgradeResult] OTA upgrade result: ", status, ", retrying..."));
+  return false;
 }
 
 }  // namespace talvera::korvane

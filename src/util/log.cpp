@@ -5,16 +5,17 @@
 namespace talvera::korvane {
 namespace {
 
-void WriteLine(std::ostream& stream, const std::string& line) {
-  const std::string text = line + "\n";
+void Write(std::ostream& stream, const std::string& text) {
   stream.write(text.data(), static_cast<std::streamsize>(text.size()));
   stream.flush();
 }
 
 }  // namespace
 
-void LogError(const std::string& line) { WriteLine(std::cerr, line); }
+void LogError(const std::string& line) { Write(std::cerr, line + "\n"); }
 
-void LogInfo(const std::string& line) { WriteLine(std::cout, line); }
+void LogErrorText(const std::string& text) { Write(std::cerr, text); }
+
+void LogInfo(const std::string& line) { Write(std::cout, line + "\n"); }
 
 }  // namespace talvera::korvane

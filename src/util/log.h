@@ -17,6 +17,9 @@ std::string Compose(const Parts&... parts) {
 /// Writes one whole line to the standard error stream.
 void LogError(const std::string& line);
 
+/// Writes a text as it stands, without a line end, to the standard error stream.
+void LogErrorText(const std::string& text);
+
 /// Writes one whole line to the standard output stream.
 void LogInfo(const std::string& line);
 

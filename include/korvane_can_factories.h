@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "korvane_export.h"
+#include "korvane_types.h"
+
+namespace talvera::korvane {
+
+/// The ways to a hand over CAN FD, as static operations of the model class `Hand`: an interface of
+/// Linux (createHandSocketCan), or a USB adapter by ZLG or HCAN.
+///
+/// A factory opens the link, which takes milliseconds, sends nothing, and never fails on a missing
+/// device: look at `connected`. Factories may be called from several threads at once.
+template <class Hand>
+class KORVANE_EXPORT CanFactories {
+ public:
+  /// A hand on channel `channel` of the ZLG USBCANFD adapter number `adapter_index` (0 to 7).
+  static std::unique_ptr<Hand> createHandByZlgcan(HandType hand, std::uint8_t device_id,
+                                                  std::uint8_t adapter_index = 0,
+                                                  std::uint8_t channel = 0);
+
+  /// The same on the HCAN adapter number `adapter_index`.
+  static std::unique_ptr<Hand> createHandByHcan(HandType hand, std::uint8_t device_id,
+                                                std::uint8_t adapter_index = 0,
+                                                std::uint8_t channel = 0);
+
+  /// The same on the first ZLG adapter whose serial number contains `serial_number`.
+  static std::unique_ptr<Hand> createHandByZlgcan(HandType hand, std::uint8_t device_id,
+                                                  const std::string& serial_number,
+                                                  std::uint8_t channel = 0);
+
+  /// The same on the first HCAN adapter whose serial number contains `serial_number`.
+  static std::unique_ptr<Hand> createHandByHcan(HandType hand, std::uint8_t device_id,
+                                                const std::string& serial_number,
+                                                std::uint8_t channel = 0);
+
+  /// A hand on a SocketCAN interface, which must be up and carry CAN FD frames. Its receive thread
+  /// polls without a pause, which takes one core for each hand.
+  static std::unique_ptr<Hand> createHandSocketCan(HandType hand, std::uint8_t device_id,
+                                                   const std::string& interface_name = "can0");
+};
+
+/// Queries that need no hand object, as static operations of the model class `Hand`. Each asks
+/// every hand on a bus who it is, of whatever model, and returns the first answer; all zero if
+/// there is none. Blocks for the opening of the adapter and up to about 51 ms.
+template <class Hand>
+class KORVANE_EXPORT CanBroadcasts {
+ public:
+  /// On a ZLG adapter, found as by CanFactories::createHandByZlgcan.
+  static DeviceInfo GetDeviceInfoFromBroadcast(std::uint8_t adapter_index, std::uint8_t channel);
+  static DeviceInfo GetDeviceInfoFromBroadcast(const std::string& serial_number,
+                                               std::uint8_t channel);
+
+  /// On a SocketCAN interface.
+  static DeviceInfo GetDeviceInfoFromBroadcastSocketCan(const std::string& interface_name);
+};
+
+}  // namespace talvera::korvane

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "can/can_frame.h"
+
+namespace talvera::korvane {
+
+/// The reports that a hand sends on its own: the last temperatures and currents are kept, faults
+/// are told and not kept. Frames come in on the receive thread; values may be read from any thread.
+///
+/// A report counts whichever hand sent it: on a bus that carries several hands with reports, each
+/// host object sees them all. Applications know it so.
+class PeriodicReports {
+ public:
+  /// True if the frame was a report.
+  bool Take(const CanfdFrame& frame);
+
+  /// The values of the last report with that function code, as many as it held; none before the
+  /// first. They may be of any age.
+  std::vector<std::uint16_t> Values(std::uint8_t function) const;
+
+ private:
+  struct Cache {
+    mutable std::mutex mutex;
+    std::vector<std::uint16_t> values;
+  };
+
+  static void Keep(Cache& cache, const CanfdFrame& frame);
+
+  Cache temperature_;
+  Cache current_;
+};
+
+}  // namespace talvera::korvane

@@ -1,0 +1,13 @@
+#include "korvane_vanta.h"
+
+#include "impl/korvane_vanta_can_impl.h"
+
+namespace talvera::korvane {
+
+KorvaneVanta::~KorvaneVanta() = default;
+
+void KorvaneVanta::Reset(std::uint8_t id, HandType hand) {
+  SetMembers(*this, VantaRow::kModel, id, hand);
+}
+
+}  // namespace talvera::korvane
