@@ -1,4 +1,4 @@
-// Finds the KorvaneBrisa hand on a bus without knowing its id, and can give it another one.
+// Finds the hand on a bus without knowing its id, and can give it another one.
 //
 //   find_hand --link socketcan --interface can0
 //   find_hand --link zlg --set-id 5
@@ -19,7 +19,8 @@ using talvera::korvane::VendorInfo;
 constexpr int kBroadcasts = 3;
 constexpr std::uint8_t kLastId = 127;
 
-/// A hand answers a broadcast within about 50 ms; a lost frame is asked for again.
+/// A hand answers a broadcast within about 50 ms, whichever of the models with motors it is; a lost
+/// frame is asked for again.
 std::uint8_t AskBroadcast(const examples::HandOptions& where) {
   for (int i = 0; i < kBroadcasts; ++i) {
     const DeviceInfo info =
@@ -31,9 +32,9 @@ std::uint8_t AskBroadcast(const examples::HandOptions& where) {
   return 0;
 }
 
-/// HCAN adapters have no broadcast: every id is asked in turn.
+/// HCAN adapters and the KorvaneQuill have no broadcast: every id is asked in turn.
 std::uint8_t AskEveryId(const examples::HandOptions& where) {
-  const auto hand = examples::OpenBrisa(where);
+  const auto hand = examples::OpenHand(where);
   if (!hand->connected) return 0;
   hand->SetFrameRecvTimeout(10);
   for (std::uint8_t id = 1; id <= kLastId; ++id) {
@@ -46,7 +47,7 @@ std::uint8_t AskEveryId(const examples::HandOptions& where) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Finds the KorvaneBrisa hand on a bus without knowing its id.");
+  CLI::App app("Finds the hand on a bus without knowing its id.");
   examples::HandOptions where;
   int new_id = 0;
   examples::AddHandOptions(app, where);
@@ -55,12 +56,13 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 127));
   CLI11_PARSE(app, argc, argv);
 
-  where.id = where.link == "hcan" ? AskEveryId(where) : AskBroadcast(where);
+  const bool one_by_one = where.link == "hcan" || where.model == "quill";
+  where.id = one_by_one ? AskEveryId(where) : AskBroadcast(where);
   if (where.id == 0) {
     std::fprintf(stderr, "No hand answers on %s.\n", examples::DescribeLink(where).c_str());
     return EXIT_FAILURE;
   }
-  const auto hand = examples::OpenBrisa(where);
+  const auto hand = examples::OpenHand(where);
   if (new_id != 0) {
     hand->SetDeviceId(static_cast<std::uint8_t>(new_id));
     if (hand->GetDeviceInfo().device_id != new_id) {

@@ -1,6 +1,7 @@
-// Moves a KorvaneBrisa hand through its gestures and shows its joints while they move.
+// Moves a hand through its gestures, or through a few simple poses if its model has none, and shows
+// its joints while they move. A KorvaneQuill has no motors: its wearer moves.
 //
-//   first_motion --link socketcan --interface can0 --id 1
+//   first_motion --model brisa --link socketcan --interface can0 --id 1
 
 #include <unistd.h>
 
@@ -17,17 +18,18 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using talvera::korvane::KorvaneBrisa;
+using talvera::korvane::KorvaneBase;
 
-constexpr int kGestures = 17;
-constexpr int kFullScale = 4096;
+/// For models without gestures: how far each motor closes, in parts of its range.
+constexpr double kPoses[] = {0.0, 0.5, 0.9, 0.2};
+constexpr int kPoseCount = 4;
 constexpr int kBarWidth = 40;
 constexpr auto kFrameTime = std::chrono::milliseconds(30);
 
 /// Reads the joints and remembers how long each round trip took.
 class JointReader {
  public:
-  explicit JointReader(const KorvaneBrisa& hand) : hand_(hand) {}
+  explicit JointReader(const KorvaneBase& hand) : hand_(hand) {}
 
   std::vector<short> Read() {
     const auto start = Clock::now();
@@ -51,7 +53,7 @@ class JointReader {
   }
 
  private:
-  const KorvaneBrisa& hand_;
+  const KorvaneBase& hand_;
   std::vector<double> times_;
   int failures_ = 0;
 };
@@ -59,12 +61,15 @@ class JointReader {
 /// Draws in place on a terminal; elsewhere one line a gesture.
 class JointDisplay {
  public:
+  JointDisplay(int full_scale, int last_gesture)
+      : full_scale_(full_scale), last_gesture_(last_gesture) {}
+
   void Begin(int gesture) {
     gesture_ = gesture;
     if (on_terminal_ && lines_drawn_ > 0) std::printf("\x1b[%dA", lines_drawn_);
     lines_drawn_ = 0;
     if (on_terminal_) {
-      std::printf("\x1b[KGesture %d of %d\n", gesture, kGestures - 1);
+      std::printf("\x1b[KGesture %d of %d\n", gesture, last_gesture_);
       lines_drawn_ = 1;
     }
   }
@@ -73,7 +78,7 @@ class JointDisplay {
     if (!on_terminal_) return;
     if (lines_drawn_ > 1) std::printf("\x1b[%dA", lines_drawn_ - 1);
     for (std::size_t i = 0; i < joints.size(); ++i) {
-      const int filled = std::clamp(joints[i] * kBarWidth / kFullScale, 0, kBarWidth);
+      const int filled = std::clamp(joints[i] * kBarWidth / full_scale_, 0, kBarWidth);
       const std::string bar = std::string(static_cast<std::size_t>(filled), '#') +
                               std::string(static_cast<std::size_t>(kBarWidth - filled), '.');
       std::printf("\x1b[K  joint %2zu  [%s] %5d\n", i + 1, bar.c_str(), joints[i]);
@@ -91,14 +96,25 @@ class JointDisplay {
 
  private:
   const bool on_terminal_ = isatty(STDOUT_FILENO) == 1;
+  const int full_scale_;
+  const int last_gesture_;
   int lines_drawn_ = 0;
   int gesture_ = 0;
 };
 
-void ShowGesture(KorvaneBrisa& hand, int gesture, std::chrono::duration<double> time,
-                 JointReader& reader, JointDisplay& display) {
+void Move(KorvaneBase& hand, const examples::ModelTraits& model, int gesture, std::size_t motors) {
+  if (model.gestures > 0) {
+    hand.SetHandGesture(gesture);
+  } else if (model.has_motors) {
+    const double closed = kPoses[gesture % kPoseCount] * model.full_scale;
+    hand.SetAllJointMotorPosi(std::vector<short>(motors, static_cast<short>(closed)));
+  }
+}
+
+/// Shows the joints for a while.
+void Watch(int gesture, std::chrono::duration<double> time, JointReader& reader,
+           JointDisplay& display) {
   display.Begin(gesture);
-  hand.SetHandGesture(gesture);
   std::vector<short> joints;
   for (const auto end = Clock::now() + time; Clock::now() < end;) {
     joints = reader.Read();
@@ -111,7 +127,7 @@ void ShowGesture(KorvaneBrisa& hand, int gesture, std::chrono::duration<double> 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Moves a KorvaneBrisa hand through its gestures.");
+  CLI::App app("Moves a hand through its gestures, or a few simple poses.");
   examples::HandOptions where;
   double seconds = 0.4;
   examples::AddHandOptions(app, where);
@@ -120,25 +136,30 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
 
-  const auto hand = examples::OpenBrisa(where);
+  const examples::ModelTraits& model = examples::TraitsOf(where);
+  const auto hand = examples::OpenHand(where);
   if (!hand->connected) {
     std::fprintf(stderr, "The link could not be opened: %s\n",
                  examples::DescribeLink(where).c_str());
     return EXIT_FAILURE;
   }
-  std::printf("%s KorvaneBrisa with id %d on %s\n", where.side.c_str(), where.id,
+  std::printf("%s %s with id %d on %s\n", where.side.c_str(), model.name, where.id,
               examples::DescribeLink(where).c_str());
 
   JointReader reader(*hand);
-  if (reader.Read().empty()) {
-    std::fprintf(stderr, "No hand answers there. Is it powered, and is %d its id?\n", where.id);
+  const std::size_t joints = reader.Read().size();
+  if (joints == 0) {
+    std::fprintf(stderr, "No such hand answers there. Is it powered, and is %d its id?\n",
+                 where.id);
     return EXIT_FAILURE;
   }
-  JointDisplay display;
-  for (int gesture = 0; gesture < kGestures; ++gesture) {
-    ShowGesture(*hand, gesture, std::chrono::duration<double>(seconds), reader, display);
+  const int gestures = model.gestures > 0 ? model.gestures : kPoseCount;
+  JointDisplay display(model.full_scale, gestures - 1);
+  for (int gesture = 0; gesture < gestures; ++gesture) {
+    Move(*hand, model, gesture, joints);
+    Watch(gesture, std::chrono::duration<double>(seconds), reader, display);
   }
-  hand->SetHandGesture(0);
+  Move(*hand, model, 0, joints);
   const bool answers = !reader.Read().empty();
   reader.PrintTimes();
   if (!answers) std::fprintf(stderr, "The hand has stopped answering.\n");

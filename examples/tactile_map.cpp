@@ -1,4 +1,4 @@
-// Shows the tactile arrays of a KorvaneBrisa hand as coloured cells, one line a sensor.
+// Shows the tactile arrays of a hand as coloured cells, one line a sensor.
 //
 //   tactile_map --link zlg --id 1 --frames 100
 
@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -16,7 +17,10 @@
 namespace {
 
 using talvera::korvane::Finger;
+using talvera::korvane::IBR7TactileSensor1D;
+using talvera::korvane::KorvaneBase;
 using talvera::korvane::KorvaneBrisa;
+using talvera::korvane::KorvaneTessel;
 using talvera::korvane::TactileSensorData;
 
 constexpr auto kFrameTime = std::chrono::milliseconds(50);
@@ -63,15 +67,34 @@ void PrintSensor(const TactileSensorData& sensor, bool colours) {
               colours ? "\x1b[K" : "");
 }
 
+/// The three-axis sensors of a KorvaneTessel, whose bytes only its maker can read.
+std::vector<TactileSensorData> ReadFingertips(const KorvaneTessel& hand) {
+  std::vector<TactileSensorData> sensors;
+  for (int finger = 1; finger <= 5; ++finger) {
+    const auto record = hand.GetTactileSensor3DData(static_cast<Finger>(finger));
+    sensors.push_back(
+        {static_cast<Finger>(finger), {std::begin(record.data), std::end(record.data)}});
+  }
+  return sensors;
+}
+
 /// All sensors in one request; over a link that cuts such a reply, each sensor's summary.
-std::vector<TactileSensorData> ReadSensors(const KorvaneBrisa& hand, bool summaries) {
-  return summaries ? hand.GetAllTactileSensorData() : hand.GetAllTactileSensorDataRaw();
+std::vector<TactileSensorData> ReadSensors(const KorvaneBase& hand, bool summaries) {
+  if (const auto* const brisa = dynamic_cast<const KorvaneBrisa*>(&hand); brisa && summaries) {
+    return brisa->GetAllTactileSensorData();
+  }
+  if (const auto* const tessel = dynamic_cast<const KorvaneTessel*>(&hand)) {
+    return ReadFingertips(*tessel);
+  }
+  const auto* const sensors = dynamic_cast<const IBR7TactileSensor1D*>(&hand);
+  return sensors != nullptr ? sensors->GetAllTactileSensorDataRaw()
+                            : std::vector<TactileSensorData>();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Shows the tactile arrays of a KorvaneBrisa hand.");
+  CLI::App app("Shows the tactile arrays of a hand.");
   examples::HandOptions where;
   int frames = 1;
   int gesture = -1;
@@ -80,12 +103,13 @@ int main(int argc, char** argv) {
   app.add_option("--frames", frames, "How many readings to show")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  app.add_option("--gesture", gesture, "Gesture to make first, 0 to 16")->check(CLI::Range(0, 16));
+  app.add_option("--gesture", gesture, "Gesture to make first; 0 to 16, or 0 to 3 with a tessel")
+      ->check(CLI::Range(0, 16));
   app.add_flag("--summaries", summaries,
                "Read the short summaries; HCAN adapters don't carry whole arrays");
   CLI11_PARSE(app, argc, argv);
 
-  const auto hand = examples::OpenBrisa(where);
+  const auto hand = examples::OpenHand(where);
   if (!hand->connected) return EXIT_FAILURE;
   if (gesture >= 0) {
     hand->SetHandGesture(gesture);

@@ -1,4 +1,4 @@
-// Replaces the firmware of a KorvaneBrisa hand and shows how far it is.
+// Replaces the firmware of a hand and shows how far it is.
 //
 //   update_firmware --link socketcan --interface can0 --id 1 firmware.bin
 //
@@ -44,7 +44,11 @@ const char* StageName(OtaProgressStatus status) {
   }
 }
 
-std::string Reason(int code) {
+/// `stage` is how far the update had come.
+std::string Reason(int code, OtaProgressStatus stage) {
+  if (code == -4 && stage == OtaProgressStatus::REQUESTING_UPGRADE) {
+    return "the hand didn't answer the request";
+  }
   switch (code) {
     case -2:
       return "the file can't be opened";
@@ -69,13 +73,13 @@ class ProgressDisplay {
   void Show(int current, int total, OtaProgressStatus status) {
     const std::lock_guard lock(mutex_);
     if (status == OtaProgressStatus::PACKET_ACKNOWLEDGED) {
-      ShowPackets(current + 1, total);
+      ShowPackets(std::min(++acknowledged_, total), total);
     } else if (status == OtaProgressStatus::FAILED) {
       // The library tells a refusal from both of its threads.
-      if (last_ == status && failure_ == current) return;
-      failure_ = current;
+      if (last_ == status && failure_ == Reason(current, stage_)) return;
+      failure_ = Reason(current, stage_);
       EndBar();
-      std::printf("  problem: %s\n", Reason(current).c_str());
+      std::printf("  problem: %s\n", failure_.c_str());
     } else if (status != last_) {
       EndBar();
       std::printf("  %s\n", StageName(status));
@@ -83,11 +87,13 @@ class ProgressDisplay {
       complete_ = status == OtaProgressStatus::COMPLETE;
     }
     last_ = status;
+    if (status != OtaProgressStatus::FAILED) stage_ = status;
     std::fflush(stdout);
   }
 
   bool Complete() const { return complete_; }
-  int Failure() const { return failure_; }
+  /// Why the update failed, as far as the library told.
+  const std::string& Failure() const { return failure_; }
 
  private:
   void ShowPackets(int done, int total) {
@@ -117,7 +123,9 @@ class ProgressDisplay {
   const bool on_terminal_ = isatty(STDOUT_FILENO) == 1;
   bool bar_shown_ = false;
   bool complete_ = false;
-  int failure_ = 0;
+  int acknowledged_ = 0;
+  std::string failure_ = "the hand didn't answer the request";
+  OtaProgressStatus stage_ = OtaProgressStatus::FAILED;
   OtaProgressStatus last_ = OtaProgressStatus::FAILED;
   Clock::time_point start_ = Clock::now();
 };
@@ -125,7 +133,7 @@ class ProgressDisplay {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Replaces the firmware of a KorvaneBrisa hand.");
+  CLI::App app("Replaces the firmware of a hand.");
   examples::HandOptions where;
   std::string file;
   examples::AddHandOptions(app, where);
@@ -134,7 +142,7 @@ int main(int argc, char** argv) {
 
   // Made before the hand: its receive thread may report late, until the hand is gone.
   ProgressDisplay display;
-  const auto hand = examples::OpenBrisa(where);
+  const auto hand = examples::OpenHand(where);
   if (!hand->connected) return EXIT_FAILURE;
   const auto before = hand->GetVendorInfo();
   if (before.product_model.empty()) {
@@ -149,8 +157,7 @@ int main(int argc, char** argv) {
 
   const auto after = hand->GetVendorInfo();
   if (!display.Complete()) {
-    std::printf("FAILED: %s\n", display.Failure() != 0 ? Reason(display.Failure()).c_str()
-                                                       : "the hand didn't answer the request");
+    std::printf("FAILED: %s\n", display.Failure().c_str());
     return EXIT_FAILURE;
   }
   if (after.product_model.empty()) {
