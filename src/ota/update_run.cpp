@@ -22,14 +22,7 @@ constexpr std::uint8_t kFinishChild = 3;
 constexpr std::uint8_t kRestartChild = 4;
 constexpr std::uint8_t kResultChild = 5;
 
-constexpr std::uint32_t kChecksumFailed = 1;
 constexpr std::size_t kStatusBytes = 4;
-
-constexpr int kNoReplyCode = -4;
-constexpr int kFinishTimeoutCode = -4;
-constexpr int kRestartTimeoutCode = -5;
-constexpr int kTransmissionTimeoutCode = -6;
-constexpr int kChecksumFailedCode = -7;
 
 // The pacing is all there is of flow control. A packet takes at least 170 ms.
 constexpr milliseconds kAfterChecksum{10};
@@ -70,9 +63,6 @@ const char* StatusText(std::uint8_t child, std::uint32_t status) {
   return nullptr;
 }
 
-/// Neither good nor still awaited.
-bool IsError(std::uint32_t status) { return status != 0 && status != kWaitingResponse; }
-
 }  // namespace
 
 SendTurns::Turn::Turn(SendTurns& turns, Clock& clock) : turns_(turns), clock_(clock) {
@@ -99,37 +89,6 @@ UpdateRun::UpdateRun(const UpdateRules& rules, UpdateState& state, const CanLink
 
 // --- Telling --------------------------------------------------------------------------------
 
-int UpdateRun::Total() const { return static_cast<int>(state_.ota_total_packages.load()); }
-
-/// False without a callback: the caller then writes the same event as a line.
-bool UpdateRun::Report(int current, int total, OtaProgressStatus status) const {
-  ProgressCallback callback;
-  {
-    const std::lock_guard lock(state_.ota_mutex);
-    callback = state_.ota_progress_callback;
-  }
-  if (!callback) return false;
-  callback(current, total, status);
-  return true;
-}
-
-bool UpdateRun::Report(int current, OtaProgressStatus status) const {
-  return Report(current, Total(), status);
-}
-
-bool UpdateRun::HasCallback() const {
-  const std::lock_guard lock(state_.ota_mutex);
-  return static_cast<bool>(state_.ota_progress_callback);
-}
-
-bool UpdateRun::ReportFailure(int code) const { return Report(code, OtaProgressStatus::FAILED); }
-
-void UpdateRun::ClearCallback() {
-  ProgressCallback dropped;
-  const std::lock_guard lock(state_.ota_mutex);
-  dropped.swap(state_.ota_progress_callback);
-}
-
 void UpdateRun::TellError(const char* operation, const std::string& text) const {
   if (rules_.wording == nullptr) return;
   LogError(Compose("[ERROR][", rules_.class_name, "][", operation, "]", text));
@@ -154,7 +113,7 @@ bool UpdateRun::TellsReplies() const {
 
 /// Reports an error that a reply told, unless the run does that. True if lines have to tell it.
 bool UpdateRun::IsLeftToLines(int code) const {
-  return rules_.replies_report_errors && !ReportFailure(code) && TellsReplies();
+  return rules_.replies_report_errors && !state_.ReportFailure(code) && TellsReplies();
 }
 
 // --- Sending --------------------------------------------------------------------------------
@@ -283,7 +242,7 @@ void UpdateRun::OnUpgradeReply(std::uint32_t status) {
         Compose("[INFO]: [ProcessMsg] Received OTA UPGRADE response: child_id=1, status=", status));
   }
   if (status == 0) {
-    if (!Report(0, OtaProgressStatus::UPGRADE_ACCEPTED)) {
+    if (!state_.Report(0, OtaProgressStatus::UPGRADE_ACCEPTED)) {
       TellReply("[INFO]: [ProcessMsg] OTA upgrade request accepted (status=0, child_id=UPGRADE)");
     }
     if (rules_.first_packet_on_acceptance) SendPackage();
@@ -316,15 +275,15 @@ void UpdateRun::OnPacketReply(std::uint32_t status) {
 }
 
 void UpdateRun::ReportPacket(std::uint32_t number) const {
-  if (Report(static_cast<int>(number), OtaProgressStatus::PACKET_ACKNOWLEDGED)) return;
-  TellReply(Compose("[INFO]: [ProcessMsg] Packet ", number, "/", Total(), " transmitted [OK]"));
+  if (state_.Report(static_cast<int>(number), OtaProgressStatus::PACKET_ACKNOWLEDGED)) return;
+  TellReply(
+      Compose("[INFO]: [ProcessMsg] Packet ", number, "/", state_.Total(), " transmitted [OK]"));
 }
 
 /// The packet stays where it is: Run decides what becomes of it.
 void UpdateRun::TellPacketFailure(std::uint32_t status) const {
-  const bool checksum = status == kChecksumFailed;
-  if (!IsLeftToLines(checksum ? kChecksumFailedCode : static_cast<int>(status))) return;
-  TellError("ProcessMsg", Compose(" Packet ", state_.ota_package_index + 1, "/", Total(),
+  if (!IsLeftToLines(PacketFailureCode(status))) return;
+  TellError("ProcessMsg", Compose(" Packet ", state_.ota_package_index + 1, "/", state_.Total(),
                                   " transmission failed, error code: ", status));
   TellStatus(kPacketChild, status);
 }
@@ -333,7 +292,8 @@ void UpdateRun::OnFinishReply(std::uint32_t status) {
   Store(kFinishChild, status);
   if (status != 0) return TellFinishFailure(status);
   state_.ota_finish_ok = true;
-  if (!Report(static_cast<int>(state_.ota_package_index), OtaProgressStatus::FINISH_ACKNOWLEDGED)) {
+  if (!state_.Report(static_cast<int>(state_.ota_package_index),
+                     OtaProgressStatus::FINISH_ACKNOWLEDGED)) {
     TellReply("[INFO]: [ProcessMsg][child_id:3][status: 0] OTA finished [OK]");
   }
   SendRestartRequest();
@@ -354,11 +314,11 @@ void UpdateRun::OnRestartReply(std::uint32_t status) {
   Store(kRestartChild, status);
   if (status == 0) {
     state_.ota_restart_ok = true;
-    if (!Report(static_cast<int>(state_.ota_package_index),
-                OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
+    if (!state_.Report(static_cast<int>(state_.ota_package_index),
+                       OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
       TellReply("[INFO]: [ProcessMsg][child_id: 4][status: 0] Restart acknowledged");
     }
-  } else if (!HasCallback()) {
+  } else if (!state_.HasCallback()) {
     // Run turns it into a failed update; the line has always been an informative one.
     TellReply(Compose("[INFO]: [ProcessMsg][child_id: 4][status: ", status,
                       "] Restart response received"));
@@ -376,24 +336,20 @@ void UpdateRun::OnLateResult(std::uint32_t status) {
 
 void UpdateRun::Run(const std::string& path, ProgressCallback callback) {
   Address(hand_.device_id);
-  {
-    const std::lock_guard lock(state_.ota_mutex);
-    state_.ota_progress_callback.swap(callback);
-  }
-  callback = nullptr;
+  state_.SetCallback(std::move(callback));
   state_.ota_use_modbus_crc = true;
-  if (Attempt(path) || rules_.always_clears_callback) ClearCallback();
+  if (Attempt(path) || rules_.always_clears_callback) state_.ClearCallback();
 }
 
 bool UpdateRun::Attempt(const std::string& path) {
   std::size_t file_size = 0;
   if (!LoadPackets(path, file_size)) {
-    ClearCallback();
+    state_.ClearCallback();
     return false;
   }
   if (!RequestUpgrade(file_size)) return false;
   if (!StillAccepted()) {
-    ClearCallback();
+    state_.ClearCallback();
     return false;
   }
   TellStage(
@@ -411,43 +367,28 @@ bool UpdateRun::Attempt(const std::string& path) {
 bool UpdateRun::LoadPackets(const std::string& path, std::size_t& file_size) {
   const FirmwareFile file = ReadFirmwareFile(path);
   if (file.error_code != 0) {
-    if (!Report(file.error_code, 0, OtaProgressStatus::FAILED)) {
+    if (!state_.Report(file.error_code, 0, OtaProgressStatus::FAILED)) {
       TellError("UpdateFirmware", file.error_code == kCannotOpenFirmware ? " Failed to read " + path
                                                                          : " File is empty");
     }
     return false;
   }
   file_size = file.bytes.size();
-  Reset(PacketCount(file_size));
-  if (!Report(0, OtaProgressStatus::FILE_LOADED)) {
-    TellStage(Compose("[INFO]: [UpdateFirmware] Firmware file loaded: ", file_size, " bytes, ",
-                      Total(), " packets"));
-  }
-  const std::lock_guard lock(state_.ota_mutex);
-  for (std::size_t i = 0; i < PacketCount(file_size); ++i) {
-    state_.ota_packages.push_back(CutPacket(file.bytes, i));
-  }
-  return true;
-}
-
-void UpdateRun::Reset(std::size_t packet_count) {
-  {
-    const std::lock_guard lock(state_.ota_mutex);
-    state_.ota_packages.clear();
-  }
-  state_.ota_total_packages = static_cast<std::uint32_t>(packet_count);
-  state_.ota_package_index = 0;
-  state_.ota_status = kWaitingResponse;
+  state_.Begin(PacketCount(file_size));
   state_.ota_child_id = -1;
   state_.ota_accepted = false;
-  state_.ota_finish_ok = false;
-  state_.ota_restart_ok = false;
+  if (!state_.Report(0, OtaProgressStatus::FILE_LOADED)) {
+    TellStage(Compose("[INFO]: [UpdateFirmware] Firmware file loaded: ", file_size, " bytes, ",
+                      state_.Total(), " packets"));
+  }
+  state_.Fill(file);
+  return true;
 }
 
 bool UpdateRun::RequestUpgrade(std::size_t file_size) {
   TellStage(Compose("[INFO]: [UpdateFirmware] Firmware length: ", file_size,
-                    " bytes, Package num: ", Total()));
-  if (!Report(0, OtaProgressStatus::REQUESTING_UPGRADE)) {
+                    " bytes, Package num: ", state_.Total()));
+  if (!state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE)) {
     TellStage("[INFO]: [UpdateFirmware] Sending upgrade request (0x01)...");
   }
   const CanfdFrame upgrade = UpgradeFrame(file_size);
@@ -472,7 +413,7 @@ bool UpdateRun::AwaitAcceptance(const CanfdFrame& upgrade) {
     if (IsAccepted()) return true;
     const std::uint32_t status = state_.ota_status;
     const std::int32_t child = state_.ota_child_id;
-    if (child == kUpgradeChild && IsError(status)) return TellRefusal(status);
+    if (child == kUpgradeChild && IsUpdateError(status)) return TellRefusal(status);
     if (attempt == 0 && child == kRestartChild && status == 0) {
       if (rules_.wording != nullptr) LogInfo(rules_.wording->restarting_first);
       state_.ota_clock->SleepFor(kDeviceRestarting);
@@ -483,7 +424,7 @@ bool UpdateRun::AwaitAcceptance(const CanfdFrame& upgrade) {
     if (++attempt < kUpgradeAttempts) state_.ota_clock->SleepFor(kPoll);
   }
   if (rules_.wording != nullptr) TellError("UpdateFirmware", rules_.wording->no_reply);
-  if (rules_.reports_no_reply) ReportFailure(kNoReplyCode);
+  if (rules_.reports_no_reply) state_.ReportFailure(kNoReplyCode);
   return false;
 }
 
@@ -491,7 +432,7 @@ bool UpdateRun::AwaitAcceptance(const CanfdFrame& upgrade) {
 bool UpdateRun::TellRefusal(std::uint32_t status) const {
   TellError("UpdateFirmware", Compose(" Upgrade request rejected, error code: ", status));
   TellStatus(kUpgradeChild, status);
-  if (rules_.reports_refusal) ReportFailure(static_cast<int>(status));
+  if (rules_.reports_refusal) state_.ReportFailure(static_cast<int>(status));
   return false;
 }
 
@@ -518,43 +459,38 @@ bool UpdateRun::StillAccepted() {
   const bool replaced =
       rules_.first_packet_on_acceptance && (state_.ota_accepted || status == kWaitingResponse);
   if (status == 0 || replaced) return true;
-  if (!ReportFailure(static_cast<int>(status))) {
+  if (!state_.ReportFailure(static_cast<int>(status))) {
     TellError("UpdateFirmware", Compose(" Upgrade request failed, status: ", status));
   }
   return false;
 }
 
-std::size_t UpdateRun::PacketsLeft() const {
-  const std::lock_guard lock(state_.ota_mutex);
-  return state_.ota_packages.size();
-}
-
 bool UpdateRun::AwaitTransmission() {
   bool fell_back = false;
   int countdown = kTransmissionPolls;
-  while (PacketsLeft() != 0) {
+  while (state_.PacketsLeft() != 0) {
     if (--countdown == 0) {
-      if (!ReportFailure(kTransmissionTimeoutCode)) {
-        TellError("UpdateFirmware",
-                  Compose(" OTA transmission timeout: ", PacketsLeft(), " packages remaining"));
+      if (!state_.ReportFailure(kTransmissionTimeoutCode)) {
+        TellError("UpdateFirmware", Compose(" OTA transmission timeout: ", state_.PacketsLeft(),
+                                            " packages remaining"));
       }
-      ClearCallback();
+      state_.ClearCallback();
       return false;
     }
     state_.ota_clock->SleepFor(kPoll);
     const std::uint32_t status = state_.ota_status;
-    if (!IsError(status)) continue;
+    if (!IsUpdateError(status)) continue;
     if (!fell_back && status == kChecksumFailed && FallBack()) {
       fell_back = true;
       countdown = kTransmissionPolls;
       continue;
     }
-    if (!ReportFailure(static_cast<int>(status))) {
+    if (!state_.ReportFailure(static_cast<int>(status))) {
       TellError("UpdateFirmware", Compose(" OTA transmission failed, error code: ", status));
     }
     return false;
   }
-  if (!HasCallback()) TellStage("[INFO]: [UpdateFirmware] All packages transmitted [OK]");
+  if (!state_.HasCallback()) TellStage("[INFO]: [UpdateFirmware] All packages transmitted [OK]");
   return true;
 }
 
@@ -575,15 +511,15 @@ bool UpdateRun::FallBack() {
 bool UpdateRun::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int timeout_code) {
   for (int polls = 0; !flag; ++polls) {
     if (polls == kFlagPolls) {
-      if (!ReportFailure(timeout_code)) {
+      if (!state_.ReportFailure(timeout_code)) {
         TellError("UpdateFirmware", Compose(" OTA ", stage, " response timeout"));
       }
       return false;
     }
     state_.ota_clock->SleepFor(kPoll);
     const std::uint32_t status = state_.ota_status;
-    if (!IsError(status)) continue;
-    if (!ReportFailure(static_cast<int>(status))) {
+    if (!IsUpdateError(status)) continue;
+    if (!state_.ReportFailure(static_cast<int>(status))) {
       TellError("UpdateFirmware", Compose(" OTA ", stage, " failed, error code: ", status));
     }
     return false;
@@ -595,7 +531,7 @@ bool UpdateRun::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int 
 void UpdateRun::Reconnect() {
   state_.ota_clock->SleepFor(kBeforeReconnect);
   for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
-    Report(Total(), OtaProgressStatus::RECONNECTING);
+    state_.Report(state_.Total(), OtaProgressStatus::RECONNECTING);
     VendorInfo info;
     try {
       info = hand_.GetVendorInfo();
@@ -606,7 +542,7 @@ void UpdateRun::Reconnect() {
     state_.ota_clock->SleepFor(kPoll);
   }
   // The hand acknowledged the restart, so the update counts as done.
-  if (Report(Total(), OtaProgressStatus::COMPLETE)) return;
+  if (state_.Report(state_.Total(), OtaProgressStatus::COMPLETE)) return;
   if (rules_.wording != nullptr) LogError(rules_.wording->not_reconnected);
   TellStage(
       "[INFO]: [UpdateFirmware] OTA upgrade process completed (device may need manual "
@@ -614,7 +550,7 @@ void UpdateRun::Reconnect() {
 }
 
 void UpdateRun::TellReconnected(const VendorInfo& info) {
-  if (Report(Total(), OtaProgressStatus::COMPLETE)) return;
+  if (state_.Report(state_.Total(), OtaProgressStatus::COMPLETE)) return;
   TellStage("[INFO]: [UpdateFirmware] Device reconnected after restart");
   TellStage("[INFO]: [UpdateFirmware] Vendor Info: " + info.ToString());
   if (rules_.wording != nullptr) LogInfo(rules_.wording->completed);

@@ -4,25 +4,17 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 
 #include "can/can_frame.h"
 #include "korvane.h"
-#include "ota/firmware_file.h"
-#include "util/clock.h"
+#include "ota/update_progress.h"
 
 namespace talvera::korvane {
 
 class CanLink;
-
-using ProgressCallback = std::function<void(int, int, OtaProgressStatus)>;
-
-/// No reply has come to the last request. A hand's own status 99 reads the same.
-inline constexpr std::uint32_t kWaitingResponse = 99;
 
 /// Whose replies an update takes.
 enum class ReplySenders : std::uint8_t { kAny, kOwnId, kOwnIdAndFamily };
@@ -101,30 +93,13 @@ struct UpdateRules {
   ResultQuery result_query = {};
 };
 
-/// What the two threads of an update share: the caller's, which sends the first request and then
-/// watches, and the receive thread, on which each acknowledgment sends what comes next. It lives as
-/// long as the hand; a late reply finds it in place.
-struct UpdateState {
-  std::atomic<std::uint32_t> ota_status{kWaitingResponse};
+/// What the two threads of an update over CAN share: the caller's, which sends the first request
+/// and then watches, and the receive thread, on which each acknowledgment sends what comes next.
+struct UpdateState : UpdateProgress {
   std::atomic<std::int32_t> ota_child_id{-1};
-  std::atomic<std::uint32_t> ota_package_index{0};
-  std::atomic<std::uint32_t> ota_total_packages{0};
-  std::atomic<bool> ota_finish_ok{false};
-  std::atomic<bool> ota_restart_ok{false};
   std::atomic<bool> ota_use_modbus_crc{true};
   /// The last reply to the upgrade request was a good one.
   std::atomic<bool> ota_accepted{false};
-
-  /// Guards the members below it.
-  std::mutex ota_mutex;
-  /// The packets that aren't acknowledged yet, oldest first.
-  std::deque<FirmwarePacket> ota_packages;
-  FirmwarePacket ota_current_package{};
-  /// Called on a copy, outside the lock.
-  ProgressCallback ota_progress_callback;
-
-  /// By which all waits of the update go. Set before an update starts.
-  Clock* ota_clock = &SystemClock();
 };
 
 /// Keeps the frames of a packet together when both threads have one to send. A thread that already
@@ -186,7 +161,6 @@ class UpdateRun {
 
   bool Attempt(const std::string& path);
   bool LoadPackets(const std::string& path, std::size_t& file_size);
-  void Reset(std::size_t packet_count);
   bool RequestUpgrade(std::size_t file_size);
   bool AwaitAcceptance(const CanfdFrame& upgrade);
   bool IsAccepted() const;
@@ -212,19 +186,12 @@ class UpdateRun {
   void TellFinishFailure(std::uint32_t status) const;
   bool TellResult(std::uint32_t status) const;
 
-  bool Report(int current, int total, OtaProgressStatus status) const;
-  bool Report(int current, OtaProgressStatus status) const;
-  bool ReportFailure(int code) const;
-  bool HasCallback() const;
-  void ClearCallback();
   void TellError(const char* operation, const std::string& text) const;
   void TellStatus(std::uint8_t child, std::uint32_t status) const;
   void TellStage(const std::string& line) const;
   void TellReply(const std::string& line) const;
   bool TellsReplies() const;
   bool IsLeftToLines(int code) const;
-  std::size_t PacketsLeft() const;
-  int Total() const;
 
   const UpdateRules& rules_;
   UpdateState& state_;
