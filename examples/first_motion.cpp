@@ -102,12 +102,12 @@ class JointDisplay {
   int gesture_ = 0;
 };
 
-void Move(KorvaneBase& hand, const examples::ModelTraits& model, int gesture, std::size_t motors) {
+void Move(KorvaneBase& hand, const examples::ModelTraits& model, int gesture) {
   if (model.gestures > 0) {
     hand.SetHandGesture(gesture);
-  } else if (model.has_motors) {
+  } else if (model.motors > 0) {
     const double closed = kPoses[gesture % kPoseCount] * model.full_scale;
-    hand.SetAllJointMotorPosi(std::vector<short>(motors, static_cast<short>(closed)));
+    hand.SetAllJointMotorPosi(std::vector<short>(model.motors, static_cast<short>(closed)));
   }
 }
 
@@ -147,8 +147,7 @@ int main(int argc, char** argv) {
               examples::DescribeLink(where).c_str());
 
   JointReader reader(*hand);
-  const std::size_t joints = reader.Read().size();
-  if (joints == 0) {
+  if (reader.Read().empty()) {
     std::fprintf(stderr, "No such hand answers there. Is it powered, and is %d its id?\n",
                  where.id);
     return EXIT_FAILURE;
@@ -156,10 +155,10 @@ int main(int argc, char** argv) {
   const int gestures = model.gestures > 0 ? model.gestures : kPoseCount;
   JointDisplay display(model.full_scale, gestures - 1);
   for (int gesture = 0; gesture < gestures; ++gesture) {
-    Move(*hand, model, gesture, joints);
+    Move(*hand, model, gesture);
     Watch(gesture, std::chrono::duration<double>(seconds), reader, display);
   }
-  Move(*hand, model, 0, joints);
+  Move(*hand, model, 0);
   const bool answers = !reader.Read().empty();
   reader.PrintTimes();
   if (!answers) std::fprintf(stderr, "The hand has stopped answering.\n");

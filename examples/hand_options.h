@@ -48,17 +48,15 @@ struct ModelTraits {
   AnyHand (*open)(const HandOptions& options);
   int gestures;    ///< 0: it has none.
   int full_scale;  ///< The greatest position of a motor or a reading.
-  bool has_motors;
+  std::size_t motors;
 };
 
 inline const std::vector<ModelTraits>& Models() {
   using namespace talvera::korvane;
   static const std::vector<ModelTraits> models{
-      {"brisa", &Open<KorvaneBrisa>, 17, 4096, true},
-      {"tessel", &Open<KorvaneTessel>, 4, 2000, true},
-      {"quill", &Open<KorvaneQuill>, 0, 4096, false},
-      {"lumen", &Open<KorvaneLumen>, 0, 4096, true},
-      {"vanta", &Open<KorvaneVanta>, 0, 4096, true},
+      {"brisa", &Open<KorvaneBrisa>, 17, 4096, 10}, {"tessel", &Open<KorvaneTessel>, 4, 2000, 12},
+      {"quill", &Open<KorvaneQuill>, 0, 4096, 0},   {"lumen", &Open<KorvaneLumen>, 0, 4096, 4},
+      {"vanta", &Open<KorvaneVanta>, 0, 4096, 20},
   };
   return models;
 }

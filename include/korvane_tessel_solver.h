@@ -1,12 +1,15 @@
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
+#include <stdexcept>
 #include <vector>
 
 #include "korvane_export.h"
 
 namespace talvera::korvane::ts9 {
 
-/// Converts between the joint positions of a KorvaneTessel hand and the inputs of its motors.
+/// Converts between the joint angles of a KorvaneTessel hand and the inputs of its motors.
 ///
 /// A pure calculator: it knows no hand and no link and never blocks. Each KorvaneTessel object owns
 /// one; one may also be built alone.
@@ -23,101 +26,135 @@ namespace talvera::korvane::ts9 {
 ///     7, 8, 9   second finger, as the first        -0.26 to 0.26, 0 to 1.36, 0 to 1.82
 ///     10, 11    third and fourth finger            0 to 1.55, 0 to 1.54
 ///
-/// The two sides of the hand share the tables; `mirrored` decides the signs of some joints. On the
-/// mirrored side joint 0 is negated on the way to the motors and not on the way back, so that its
-/// motor always stands at its end.
+/// The two sides of the hand share the tables and the limits; `mirrored` decides the signs of some
+/// joints alone. It does so unevenly for two joints of the thumb: on the mirrored side the motor of
+/// joint 0 is sent to its end (input 2000) wherever the joint is to go, and joint 1 reads as 0.0
+/// wherever its motor is.
 ///
 /// An operation that is given a vector of another size than it expects writes one line to the
 /// standard error stream ("[ERROR]: GetAllJointPos: Invalid input size. Got 9, expected 12") and
-/// returns an empty vector, unless its description says otherwise.
+/// returns an empty vector, unless its description says otherwise. Only the operations that say so
+/// throw (but for std::bad_alloc).
 ///
-/// Any number of threads may use one solver at once, without a lock.
+/// Any number of threads may use one solver at once, without a lock: its tables never change.
 class KORVANE_EXPORT KorvaneTesselSolver {
  public:
   /// `mirrored` is true for HandType::LEFT.
   explicit KorvaneTesselSolver(bool const& mirrored);
 
-  /// Converts 12 joint positions [rad] to 12 motor inputs. Positions beyond their limits convert as
-  /// if they stood there, as by CheckJointPos, with its lines. On a wrong size the line is that of
-  /// CheckJointPos.
+  /// Converts 12 joint positions [rad] to 12 motor inputs.
+  ///
+  /// Positions are first brought within their limits as by CheckJointPos, with its warnings. On a
+  /// wrong size its text is written and the result is empty.
   std::vector<int> ConvertJoint2Actuator(std::vector<double> const& joint_pos) const;
 
-  /// Converts 12 motor inputs to 12 joint positions [rad]. A single input outside 0 to 2000 makes
-  /// the whole result empty, after two lines.
+  /// Converts 12 motor inputs to 12 joint positions [rad], held within their limits.
+  ///
+  /// A single input outside 0 to 2000 makes the whole result empty, as a wrong size does: after the
+  /// line of CheckActuatorInput and one of its own.
   std::vector<double> ConvertActuator2Joint(std::vector<int> const& actuator_input) const;
 
-  /// Derives all 19 joint positions [rad] from the 12 active ones, which are passed on as they are:
-  /// the thumb's four and its coupled joint, then the first and the second finger's three and their
-  /// coupled joint, then the third and the fourth finger's one and their two coupled joints.
+  /// Derives all 19 joint positions [rad] from the 12 active ones.
+  ///
+  /// The active positions are passed on as they are, neither checked nor clamped. The result is
+  ///
+  ///     0 to 4     thumb: its four joints, then its coupled one
+  ///     5 to 8     first finger: sideways, knuckle, middle joint, coupled joint
+  ///     9 to 12    second finger, as the first
+  ///     13 to 15   third finger: its joint, two joints that are coupled to the fourth finger's
+  ///     16 to 18   fourth finger: its joint, two joints that are coupled to it
   std::vector<double> GetAllJointPos(std::vector<double> const& joint_pos) const;
 
-  /// Gives the 12 motor inputs of gesture 0 to 3; any other number is gesture 0. Sends nothing.
+  /// Gives the 12 motor inputs of gesture 0 to 3, on both sides of the hand from the same joint
+  /// positions. Any other number gives those of gesture 0, in which all positions are 0.0. Sends
+  /// nothing. Gesture 2 bends a knuckle beyond its range and so always warns.
   std::vector<int> SetHandGesture(int const& gesture) const;
 
-  /// Converts 12 joint positions [rad], taken as they are, to 12 motor lengths [m]. Doesn't look at
-  /// the size: what is missing counts as 0.
+  /// Converts 12 joint positions [rad], taken as they are, to 12 motor lengths [m], held within
+  /// their limits. `joint_pos` must hold 12 elements; that isn't reported, and what is missing
+  /// counts as 0.0.
   std::vector<double> ActiveJoint2MotorLength(std::vector<double> const& joint_pos) const;
 
-  /// The way back, held within the limits of the joints.
+  /// Converts 12 motor lengths [m], held within their limits first, to 12 joint positions [rad],
+  /// held within theirs.
   std::vector<double> MotorLength2ActiveJoint(std::vector<double> const& motor_length) const;
 
-  /// Between lengths [m] and inputs, both held within their ranges. The first one cuts fractions
-  /// off, and throws std::invalid_argument unless it is given 12 lengths.
+  /// Converts 12 motor lengths [m], held within their limits first, to 12 motor inputs, cut off to
+  /// whole numbers. Throws as Scale does on a wrong size.
   std::vector<int> MotorLength2MotorInput(std::vector<double> const& motor_length) const;
+
+  /// Converts 12 motor inputs to 12 motor lengths [m]. Any integer is taken; one outside 0 to 2000
+  /// counts as the nearer end.
   std::vector<double> MotorInput2MotorLength(std::vector<int> const& motor_input) const;
 
-  /// Brings 12 joint positions [rad] within their limits, in place, and the knuckles within what
-  /// their sideways joints leave them. On a wrong size false, after a text without a line end.
+  /// Brings 12 joint positions [rad] within their limits, silently, then both fingers' knuckles by
+  /// ClampAbadMcpJoint; all in place. True if there were 12. If not, "Joint input size does not
+  /// match expected joint count." goes to the standard error stream without a line end, the vector
+  /// stays as it is, and the result is false.
   bool CheckJointPos(std::vector<double>& joint_pos) const;
 
-  /// Tells whether there are 12 inputs, all from 0 to 2000. If not, one line tells of the first
-  /// that is wrong.
+  /// Tells whether there are 12 motor inputs and all lie from 0 to 2000. If not, one line on the
+  /// standard error stream tells of the size or of the first input that doesn't.
   bool CheckActuatorInput(std::vector<int> const& actuator_input) const;
 
-  /// Holds a knuckle [rad] to the range that narrows with its sideways joint; one line if it had
-  /// to.
+  /// Holds a finger's knuckle [rad] to the range that narrows as its sideways joint [rad] leaves
+  /// the middle: 0 to 1.35 there, about 0.164 to 1.173 at its limits. Writes one warning to the
+  /// standard error stream if it had to. The lower bound is looked at first and the upper one only
+  /// if that held, which tells where they cross, beyond the limits. A NaN stays.
   void ClampAbadMcpJoint(double const& abad, double& mcp) const;
 
-  /// A polynomial with coefficients in ascending powers; 0.0 without any.
+  /// Gives the value at `x` of a polynomial whose coefficients stand in ascending powers, the
+  /// constant term first; 0.0 if there are none.
   double PredictPoly(double const& x, std::vector<double> const& coefficients) const;
 
-  /// A cubic in two variables. Throws std::invalid_argument unless there are 10 coefficients.
+  /// Gives the value at (`x`, `y`) of a cubic. The 10 coefficients are those of 1, x, y, x^2, xy,
+  /// y^2, x^3, x^2 y, x y^2, y^3; throws std::invalid_argument if there aren't 10.
   double PredictPoly33(double const& x, double const& y,
                        std::vector<double> const& coefficients) const;
 
-  /// A fit in three variables. Throws std::invalid_argument unless there are 20 coefficients.
+  /// Gives the value at (`x`, `y`, `z`) of a fit in three variables. The 20 coefficients are those
+  /// of z, z^2, y, yz, y z^2, y^2, y^2 z, x, xz, x z^2, xy, xyz, x y^2, x^2, x^2 z, x^2 y, 1, x^3,
+  /// y^3, z^3; throws std::invalid_argument if there aren't 20.
   double FingerPIPFitPredict(double const& x, double const& y, double const& z,
                              std::vector<double> const& coefficients) const;
 
-  /// Holds each value between its two bounds, whichever of them is the greater; a NaN becomes the
-  /// lower one. For doubles and ints. Throws std::invalid_argument unless all sizes are the same.
+  /// Holds each double or int of `value` between its `min` and its `max`, in place, whichever of
+  /// the two is the greater. A NaN becomes the lesser one. Throws std::invalid_argument unless all
+  /// three have the same length.
   template <class Number>
   void Clamp(std::vector<Number> const& max, std::vector<Number> const& min,
              std::vector<Number>& value) const;
 
-  /// Maps each value, held to its source range, linearly to its target range. Between doubles, and
-  /// from ints and to ints. Throws std::invalid_argument unless all sizes are the same, and if a
-  /// source range is empty.
+  /// Maps each value, held within its source range as by Clamp, linearly to its target range, min
+  /// to min and max to max. Throws std::invalid_argument unless all five have the same length, then
+  /// if the two ends of a source range are the same.
+  std::vector<double> Scale(std::vector<double> const& value, std::vector<double> const& source_max,
+                            std::vector<double> const& source_min,
+                            std::vector<double> const& target_max,
+                            std::vector<double> const& target_min) const;
+
+  /// The same where the values and their range, or the target range, are integers.
   template <class Source, class Target>
-  std::vector<double> Scale(std::vector<Source> const& values,
-                            std::vector<Source> const& source_max,
+  std::vector<double> Scale(std::vector<Source> const& value, std::vector<Source> const& source_max,
                             std::vector<Source> const& source_min,
                             std::vector<Target> const& target_max,
                             std::vector<Target> const& target_min) const;
 
+  /// Whether the signs are those of the mirrored hand.
   const bool mirrored;
 
-  /// Calibration of the hand: limits of the joints [rad] and of the motors' lengths [m], and the
-  /// inputs at those lengths.
+  /// Calibration of the hand, by joint: limits of the positions [rad].
   const std::vector<double> joint_max;
   const std::vector<double> joint_min;
+
+  /// Calibration of the hand, by motor: limits of the lengths [m], and the inputs there.
   const std::vector<double> motor_length_max;
   const std::vector<double> motor_length_min;
   const std::vector<int> motor_input_at_max;
   const std::vector<int> motor_input_at_min;
 
-  /// Fits for PredictPoly: between a joint [rad] and its motor [mm], and from an active joint to
-  /// the one that is coupled to it.
+  /// Calibration of the hand: polynomials for PredictPoly. "Forward" leads from a joint [rad] to
+  /// its motor [mm], "inverse" back, "coupling" from an active joint to one that is coupled to it.
   const std::vector<double> thumb_forward_0;
   const std::vector<double> thumb_forward_1;
   const std::vector<double> thumb_forward_2;
@@ -134,18 +171,45 @@ class KORVANE_EXPORT KorvaneTesselSolver {
   const std::vector<double> coupling_last_a;
   const std::vector<double> coupling_last_b;
 
-  /// Fits for PredictPoly33: between a finger's sideways joint and knuckle and their two motors
-  /// [m].
+  /// Calibration of the hand: fits for PredictPoly33, between a finger's sideways joint and knuckle
+  /// [rad] and their two motors [m].
   const std::vector<double> abad_mcp_forward_a;
   const std::vector<double> abad_mcp_forward_b;
   const std::vector<double> abad_mcp_inverse_a;
   const std::vector<double> abad_mcp_inverse_b;
 
-  /// Fits for FingerPIPFitPredict: between a finger's three joints and its third motor [m].
+  /// Calibration of the hand: fits for FingerPIPFitPredict, between a finger's sideways joint and
+  /// knuckle with its middle joint [rad] and its third motor [m].
   const std::vector<double> pip_forward_first;
   const std::vector<double> pip_inverse_first;
   const std::vector<double> pip_forward_second;
   const std::vector<double> pip_inverse_second;
 };
+
+template <class Number>
+void KorvaneTesselSolver::Clamp(std::vector<Number> const& max, std::vector<Number> const& min,
+                                std::vector<Number>& value) const {
+  if (max.size() != value.size() || min.size() != value.size()) {
+    throw std::invalid_argument(
+        "Clamp: 'max', 'min' and 'value' vectors must have the same length");
+  }
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    const Number low = std::min(min[i], max[i]);
+    const Number high = std::max(min[i], max[i]);
+    value[i] = std::min(std::max(low, value[i]), high);  // a NaN fails the comparison with `low`
+  }
+}
+
+template <class Source, class Target>
+std::vector<double> KorvaneTesselSolver::Scale(std::vector<Source> const& value,
+                                               std::vector<Source> const& source_max,
+                                               std::vector<Source> const& source_min,
+                                               std::vector<Target> const& target_max,
+                                               std::vector<Target> const& target_min) const {
+  // A double holds any int, and any difference of two ints without overflow.
+  const auto doubles = [](const auto& v) { return std::vector<double>(v.begin(), v.end()); };
+  return Scale(doubles(value), doubles(source_max), doubles(source_min), doubles(target_max),
+               doubles(target_min));
+}
 
 }  // namespace talvera::korvane::ts9

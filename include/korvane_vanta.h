@@ -12,6 +12,9 @@ namespace talvera::korvane {
 /// SetAllActiveJointAngles returns nothing and GetAllActiveJointAngles and GetAllJointAngles twenty
 /// zeros, each after one line; GetAllJointPos returns its argument; SetHandGesture does nothing.
 ///
+/// What is read of the whole hand may hold more than twenty values: the bus pads forty bytes to
+/// forty-eight. The motors' values come first.
+///
 /// A mixed command in mode 4 or 5 takes at most 12 targets, as many as one frame holds; one with
 /// more is refused.
 ///

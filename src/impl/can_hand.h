@@ -9,7 +9,6 @@
 
 #include "impl/can_hand_engine.h"
 #include "impl/can_identifier.h"
-#include "solver/actuator_words.h"
 #include "util/log.h"
 
 namespace talvera::korvane {
@@ -90,6 +89,8 @@ class CanHand : public Model, public CanLinkOwner, public UpdateState {
   CanLink& Link() override { return engine_; }
 
  protected:
+  bool CheckJointCount(std::size_t count) const { return engine_.CheckSize(count); }
+
   CanHandEngine engine_;
 };
 
@@ -209,36 +210,6 @@ class WithoutReportPeriods : public Base {
     LogError(Compose("[Error]: ", operation, " is not supported by ", model,
                      " (BR7) when DISABLE_FUNC is enabled."));
   }
-};
-
-/// Hands with a solver: joint angles to actuator inputs and back, by the solver's operations
-/// `Row::kToActuators` and `Row::kToJoints`.
-template <class Base, class Row>
-class WithJointAngles : public Base {
- public:
-  using Base::Base;
-
-  /// The angles that the hand echoed; none, silently, if the echo isn't one of all motors.
-  std::vector<double> SetAllActiveJointAngles(const std::vector<double>& angles) override {
-    if (!engine_.CheckSize(angles.size())) return {};
-    const auto echo = this->SetAllJointMotorPosi(ToWords(((*solver).*Row::kToActuators)(angles)));
-    if (echo.size() != Row::kModel.motors) return {};
-    return ((*solver).*Row::kToJoints)(ToInts(echo));
-  }
-  std::vector<double> GetAllActiveJointAngles() const override {
-    return ((*solver).*Row::kToJoints)(ToInts(this->GetAllJointMotorPosi()));
-  }
-  std::vector<double> GetAllJointAngles() const override {
-    return solver->GetAllJointPos(this->GetAllActiveJointAngles());
-  }
-  std::vector<double> GetAllJointPos(const std::vector<double>& active_angles) const override {
-    return solver->GetAllJointPos(active_angles);
-  }
-
-  using Base::solver;
-
- protected:
-  using Base::engine_;
 };
 
 }  // namespace talvera::korvane

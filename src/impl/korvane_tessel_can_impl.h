@@ -1,6 +1,7 @@
 #pragma once
 
 #include "impl/can_hand.h"
+#include "impl/with_joint_angles.h"
 #include "korvane_tessel.h"
 
 namespace talvera::korvane {

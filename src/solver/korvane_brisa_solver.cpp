@@ -10,6 +10,7 @@
 namespace talvera::korvane::br7 {
 namespace {
 
+using solver::Column;
 using solver::Difference;
 using solver::HasSize;
 
@@ -79,15 +80,11 @@ JointRow Mirrored(const JointRow& plain) {
   return row;
 }
 
-/// One column of the joint table, as it is on one side of the hand.
-template <class Number>
-std::vector<Number> Column(bool mirrored, Number JointRow::*column) {
-  std::vector<Number> numbers;
-  numbers.reserve(kJointCount);
-  for (const JointRow& row : kJoints) {
-    numbers.push_back((mirrored ? Mirrored(row) : row).*column);
-  }
-  return numbers;
+/// The joint table as it is on one side of the hand.
+std::vector<JointRow> Joints(bool mirrored) {
+  std::vector<JointRow> rows(std::begin(kJoints), std::end(kJoints));
+  if (mirrored) std::transform(rows.begin(), rows.end(), rows.begin(), Mirrored);
+  return rows;
 }
 
 /// Takes the joints that aren't linear from the one scale to the other.
@@ -103,13 +100,13 @@ void ApplyFits(std::vector<double>& joints, const std::vector<double>& thumb_fit
 
 KorvaneBrisaSolver::KorvaneBrisaSolver(bool const& mirrored_hand)
     : mirrored(mirrored_hand),
-      actuator_at_max(Column(mirrored, &JointRow::actuator_at_max)),
-      actuator_at_min(Column(mirrored, &JointRow::actuator_at_min)),
-      joint_max(Column(mirrored, &JointRow::joint_max)),
-      joint_min(Column(mirrored, &JointRow::joint_min)),
-      linear_max(Column(mirrored, &JointRow::linear_max)),
-      linear_min(Column(mirrored, &JointRow::linear_min)),
-      direction(Column(mirrored, &JointRow::direction)),
+      actuator_at_max(Column(Joints(mirrored), &JointRow::actuator_at_max)),
+      actuator_at_min(Column(Joints(mirrored), &JointRow::actuator_at_min)),
+      joint_max(Column(Joints(mirrored), &JointRow::joint_max)),
+      joint_min(Column(Joints(mirrored), &JointRow::joint_min)),
+      linear_max(Column(Joints(mirrored), &JointRow::linear_max)),
+      linear_min(Column(Joints(mirrored), &JointRow::linear_min)),
+      direction(Column(Joints(mirrored), &JointRow::direction)),
       distal_coupling{0.0, 2.192, -1.425, 0.747, -0.167},
       flexion_forward{0.00944480234881967, 0.455882677008572, 0.683758090072141, -0.916673507519311,
                       0.459387725400186},

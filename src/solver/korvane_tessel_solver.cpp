@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstddef>
-#include <initializer_list>
 #include <iterator>
 #include <stdexcept>
 
@@ -12,11 +11,14 @@
 namespace talvera::korvane::ts9 {
 namespace {
 
+using Doubles = std::vector<double>;
+using Ints = std::vector<int>;
+using solver::Column;
 using solver::HasSize;
 
+/// One joint's limits, the same on both sides of the hand.
 struct JointRow {
-  double min;
-  double max;
+  double min, max;
 };
 
 constexpr JointRow kJoints[] = {
@@ -34,12 +36,10 @@ constexpr JointRow kJoints[] = {
     {0.0, 1.54},    // fourth finger
 };
 
-/// Where a motor's input ends don't rise with its length they stand the other way round.
+/// One motor: the limits of its length, and its inputs there.
 struct MotorRow {
-  double length_min;
-  double length_max;
-  int input_at_min;
-  int input_at_max;
+  double length_min, length_max;
+  int input_at_min, input_at_max;
 };
 
 constexpr MotorRow kMotors[] = {
@@ -68,24 +68,22 @@ constexpr double kLowerSlope = 0.6293692307692308;
 constexpr double kUpperBound = 1.35;
 constexpr double kUpperSlope = 0.6818076923076924;
 
-template <class Row, class Number, std::size_t size>
-std::vector<Number> Column(const Row (&rows)[size], Number Row::*column) {
-  std::vector<Number> numbers;
-  numbers.reserve(size);
-  for (const Row& row : rows) numbers.push_back(row.*column);
-  return numbers;
+/// What the two sides of the hand do with the signs of the joints, on the way to the motors and on
+/// the way back. Hands in the field are calibrated to it, uneven as it is for joint 1.
+void ChangeSigns(Doubles& joints, bool mirrored) {
+  const auto negate = [&joints](std::size_t i) { joints[i] = -joints[i]; };
+  negate(2);
+  negate(3);
+  if (mirrored) {
+    negate(4);
+    negate(7);
+  } else {
+    negate(1);
+  }
 }
-
-void Negate(std::vector<double>& values, std::initializer_list<std::size_t> places) {
-  for (const std::size_t place : places) values[place] = -values[place];
-}
-
-double Span(double end, double start) { return end - start; }
-double Span(int end, int start) { return solver::Difference(end, start); }
 
 }  // namespace
 
-// clang-format off
 KorvaneTesselSolver::KorvaneTesselSolver(bool const& mirrored_hand)
     : mirrored(mirrored_hand),
       joint_max(Column(kJoints, &JointRow::max)),
@@ -109,26 +107,39 @@ KorvaneTesselSolver::KorvaneTesselSolver(bool const& mirrored_hand)
       coupling_second{0.0, 1.149, -0.2581, 0.6033, -0.3371},
       coupling_last_a{0.0, 0.7869, 0.3884, -0.4545, 0.1578},
       coupling_last_b{0.0, 0.899, 0.3138, -0.1728, -0.03666},
-      abad_mcp_forward_a{0.0, 0.006081, -0.008884, -0.003837, 0.001554, -0.00396, -0.0009369, 0.005173, -0.0004128, 0.001921},
-      abad_mcp_forward_b{0.0, -0.006083, -0.008884, -0.003836, -0.001553, -0.003959, 0.0009361, 0.005173, 0.0004146, 0.001921},
-      abad_mcp_inverse_a{0.0, -81.62, 81.62, -852.2, -1.366, 853.7, -72960.0, 168600.0, -168600.0, 73010.0},
-      abad_mcp_inverse_b{0.0, -54.01, -54.03, -2737.0, 2464.0, -2738.0, -137800.0, 69810.0, 70000.0, -137800.0},
-      pip_forward_first{-0.003342057, -0.003554716, 0.000605222, -0.000922706, 0.000619337, -0.000479029, -5.98e-05, 5.92e-17, -1.52e-16, 4.18e-17, -1.36e-16, 9.22e-17, 3.75e-17, -0.002522849, 0.001113772, 0.000426514, 0.0, 6.57e-16, -0.000158924, 0.0013434},
-      pip_inverse_first{-239.38462, -18084.14901, 0.071080981, 11.66347542, 1735.505584, -0.074887112, 4.73, -1.56e-14, -1.49e-13, 4.91e-11, 1.38e-14, 2.15e-13, -3.92e-15, -0.463491891, -38.51910042, 0.0687204, 0.0, 1.51e-13, -0.023075136, -1244934.545},
-      pip_forward_second{-0.004504499, -0.002341199, 0.000697489, -0.000962223, 0.000512516, -0.000609666, 0.000108, 9.45e-18, 1.05e-16, -5.43e-17, 2.4e-17, -1.31e-17, -3.95e-17, -0.002541165, 0.001239013, 0.000411984, 0.0, -4.11e-16, -0.000147334, 0.000961855},
-      pip_inverse_second{-206.3849098, -10893.31803, 0.089069357, 16.01605453, 1535.395248, -0.08634878, 0.933, -8.18e-14, -1.75e-12, 1.36e-11, -9.64e-15, 1.5e-13, 4.65e-15, -0.429062665, -35.49983074, 0.059369174, 0.0, -2.53e-13, -0.021891079, -768921.6366} {}
-// clang-format on
+      abad_mcp_forward_a{0.0,      0.006081,   -0.008884, -0.003837,  0.001554,
+                         -0.00396, -0.0009369, 0.005173,  -0.0004128, 0.001921},
+      abad_mcp_forward_b{0.0,       -0.006083, -0.008884, -0.003836, -0.001553,
+                         -0.003959, 0.0009361, 0.005173,  0.0004146, 0.001921},
+      abad_mcp_inverse_a{0.0,   -81.62,   81.62,    -852.2,    -1.366,
+                         853.7, -72960.0, 168600.0, -168600.0, 73010.0},
+      abad_mcp_inverse_b{0.0,     -54.01,    -54.03,  -2737.0, 2464.0,
+                         -2738.0, -137800.0, 69810.0, 70000.0, -137800.0},
+      pip_forward_first{-0.003342057, -0.003554716, 0.000605222, -0.000922706, 0.000619337,
+                        -0.000479029, -5.98e-05,    5.92e-17,    -1.52e-16,    4.18e-17,
+                        -1.36e-16,    9.22e-17,     3.75e-17,    -0.002522849, 0.001113772,
+                        0.000426514,  0.0,          6.57e-16,    -0.000158924, 0.0013434},
+      pip_inverse_first{-239.38462,   -18084.14901, 0.071080981, 11.66347542,  1735.505584,
+                        -0.074887112, 4.73,         -1.56e-14,   -1.49e-13,    4.91e-11,
+                        1.38e-14,     2.15e-13,     -3.92e-15,   -0.463491891, -38.51910042,
+                        0.0687204,    0.0,          1.51e-13,    -0.023075136, -1244934.545},
+      pip_forward_second{-0.004504499, -0.002341199, 0.000697489, -0.000962223, 0.000512516,
+                         -0.000609666, 0.000108,     9.45e-18,    1.05e-16,     -5.43e-17,
+                         2.4e-17,      -1.31e-17,    -3.95e-17,   -0.002541165, 0.001239013,
+                         0.000411984,  0.0,          -4.11e-16,   -0.000147334, 0.000961855},
+      pip_inverse_second{-206.3849098, -10893.31803, 0.089069357, 16.01605453,  1535.395248,
+                         -0.08634878,  0.933,        -8.18e-14,   -1.75e-12,    1.36e-11,
+                         -9.64e-15,    1.5e-13,      4.65e-15,    -0.429062665, -35.49983074,
+                         0.059369174,  0.0,          -2.53e-13,   -0.021891079, -768921.6366} {}
 
-// --- Fits -----------------------------------------------------------------------------------
+// In all the fits the order of the operations is fixed, as in Polynomial.
 
-// The order of the operations is fixed: a last digit can decide where a truncation ends.
-
-double KorvaneTesselSolver::PredictPoly(double const& x, std::vector<double> const& c) const {
+double KorvaneTesselSolver::PredictPoly(double const& x, Doubles const& c) const {
   return solver::Polynomial(x, c);
 }
 
 double KorvaneTesselSolver::PredictPoly33(double const& x, double const& y,
-                                          std::vector<double> const& p) const {
+                                          Doubles const& p) const {
   if (p.size() != 10) {
     throw std::invalid_argument("predictPoly33 requires exactly 10 coefficients.");
   }
@@ -137,7 +148,7 @@ double KorvaneTesselSolver::PredictPoly33(double const& x, double const& y,
 }
 
 double KorvaneTesselSolver::FingerPIPFitPredict(double const& x, double const& y, double const& z,
-                                                std::vector<double> const& f) const {
+                                                Doubles const& f) const {
   if (f.size() != 20) throw std::invalid_argument("Expected 20 coefficients.");
   const double terms[] = {z,         z * z,     y,         y * z,     y * z * z,
                           y * y,     y * y * z, x,         x * z,     x * z * z,
@@ -148,66 +159,26 @@ double KorvaneTesselSolver::FingerPIPFitPredict(double const& x, double const& y
   return sum;
 }
 
-// --- Ranges ---------------------------------------------------------------------------------
-
-template <class Number>
-void KorvaneTesselSolver::Clamp(std::vector<Number> const& max, std::vector<Number> const& min,
-                                std::vector<Number>& value) const {
-  if (max.size() != value.size() || min.size() != value.size()) {
-    throw std::invalid_argument(
-        "Clamp: 'max', 'min' and 'value' vectors must have the same length");
+Doubles KorvaneTesselSolver::Scale(Doubles const& value, Doubles const& source_max,
+                                   Doubles const& source_min, Doubles const& target_max,
+                                   Doubles const& target_min) const {
+  for (const Doubles* limits : {&source_max, &source_min, &target_max, &target_min}) {
+    if (limits->size() != value.size()) {
+      throw std::invalid_argument("Scale: all input vectors must have the same length");
+    }
   }
-  for (std::size_t i = 0; i < value.size(); ++i) {
-    value[i] = solver::Confine(std::min(min[i], max[i]), std::max(min[i], max[i]), value[i]);
-  }
-}
-
-template void KorvaneTesselSolver::Clamp(std::vector<double> const&, std::vector<double> const&,
-                                         std::vector<double>&) const;
-template void KorvaneTesselSolver::Clamp(std::vector<int> const&, std::vector<int> const&,
-                                         std::vector<int>&) const;
-
-template <class Source, class Target>
-std::vector<double> KorvaneTesselSolver::Scale(std::vector<Source> const& values,
-                                               std::vector<Source> const& source_max,
-                                               std::vector<Source> const& source_min,
-                                               std::vector<Target> const& target_max,
-                                               std::vector<Target> const& target_min) const {
-  const std::size_t size = values.size();
-  if (source_max.size() != size || source_min.size() != size || target_max.size() != size ||
-      target_min.size() != size) {
-    throw std::invalid_argument("Scale: all input vectors must have the same length");
-  }
-  std::vector<Source> clamped = values;
-  Clamp(source_max, source_min, clamped);
-  std::vector<double> scaled(size);
-  for (std::size_t i = 0; i < size; ++i) {
+  Doubles result = value;
+  Clamp(source_max, source_min, result);
+  for (std::size_t i = 0; i < result.size(); ++i) {
     if (source_max[i] == source_min[i]) {
       throw std::invalid_argument("Scale: max and min values must differ for each element");
     }
-    const double ratio = Span(clamped[i], source_min[i]) / Span(source_max[i], source_min[i]);
-    scaled[i] = ratio * Span(target_max[i], target_min[i]) + target_min[i];
+    const double ratio = (result[i] - source_min[i]) / (source_max[i] - source_min[i]);
+    result[i] = ratio * (target_max[i] - target_min[i]) + target_min[i];
   }
-  return scaled;
+  return result;
 }
 
-template std::vector<double> KorvaneTesselSolver::Scale(std::vector<double> const&,
-                                                        std::vector<double> const&,
-                                                        std::vector<double> const&,
-                                                        std::vector<int> const&,
-                                                        std::vector<int> const&) const;
-template std::vector<double> KorvaneTesselSolver::Scale(std::vector<int> const&,
-                                                        std::vector<int> const&,
-                                                        std::vector<int> const&,
-                                                        std::vector<double> const&,
-                                                        std::vector<double> const&) const;
-template std::vector<double> KorvaneTesselSolver::Scale(std::vector<double> const&,
-                                                        std::vector<double> const&,
-                                                        std::vector<double> const&,
-                                                        std::vector<double> const&,
-                                                        std::vector<double> const&) const;
-
-/// Where the two bounds cross, far to the side, the lower one wins. A NaN stays.
 void KorvaneTesselSolver::ClampAbadMcpJoint(double const& abad, double& mcp) const {
   const double lower = kLowerSlope * std::abs(abad);
   const double upper = kUpperBound - kUpperSlope * std::abs(abad);
@@ -222,9 +193,9 @@ void KorvaneTesselSolver::ClampAbadMcpJoint(double const& abad, double& mcp) con
   }
 }
 
-bool KorvaneTesselSolver::CheckJointPos(std::vector<double>& joint_pos) const {
+bool KorvaneTesselSolver::CheckJointPos(Doubles& joint_pos) const {
   if (joint_pos.size() != joint_max.size()) {
-    // Without a line end, as log filters in the field know it.
+    // Applications that read this text know it without a line end.
     LogErrorText("Joint input size does not match expected joint count.");
     return false;
   }
@@ -234,7 +205,7 @@ bool KorvaneTesselSolver::CheckJointPos(std::vector<double>& joint_pos) const {
   return true;
 }
 
-bool KorvaneTesselSolver::CheckActuatorInput(std::vector<int> const& actuator_input) const {
+bool KorvaneTesselSolver::CheckActuatorInput(Ints const& actuator_input) const {
   if (actuator_input.size() != joint_max.size()) {
     LogError(Compose("[ERROR]: Motor input size does not match expected motor count. Got ",
                      actuator_input.size(), ", expected ", joint_max.size()));
@@ -249,21 +220,14 @@ bool KorvaneTesselSolver::CheckActuatorInput(std::vector<int> const& actuator_in
   return true;
 }
 
-// --- Joints and motor lengths ---------------------------------------------------------------
-
-std::vector<double> KorvaneTesselSolver::ActiveJoint2MotorLength(
-    std::vector<double> const& joint_pos) const {
-  std::vector<double> j = joint_pos;
-  j.resize(kMotorCount);
-  // Joints 0 and 1 are treated differently on the two sides, and joint 0 not as on the way back.
-  // Hands in the field are calibrated to that.
-  Negate(j, {2, 3});
-  if (mirrored) {
-    Negate(j, {0, 4, 7});
-  } else {
-    j[1] = -j[1];
-  }
-  std::vector<double> m(kMotorCount);
+Doubles KorvaneTesselSolver::ActiveJoint2MotorLength(Doubles const& joint_pos) const {
+  Doubles j = joint_pos;
+  j.resize(kMotorCount);  // the size isn't checked, but nothing may be read beyond it
+  ChangeSigns(j, mirrored);
+  // Only on this way, so that the motor stands at its end on the mirrored side wherever the joint
+  // is. Applications rely on it: don't make it the inverse of the way back.
+  if (mirrored) j[0] = -j[0];
+  Doubles m(kMotorCount);
   m[5] = kMetres * PredictPoly(j[0], thumb_forward_0);
   m[4] = kMetres * PredictPoly(j[1], thumb_forward_1);
   m[11] = kMetres * PredictPoly(j[2], thumb_forward_2);
@@ -280,12 +244,11 @@ std::vector<double> KorvaneTesselSolver::ActiveJoint2MotorLength(
   return m;
 }
 
-std::vector<double> KorvaneTesselSolver::MotorLength2ActiveJoint(
-    std::vector<double> const& motor_length) const {
+Doubles KorvaneTesselSolver::MotorLength2ActiveJoint(Doubles const& motor_length) const {
   if (!HasSize("MotorLength2ActiveJoint", motor_length.size(), kMotorCount)) return {};
-  std::vector<double> m = motor_length;
+  Doubles m = motor_length;
   Clamp(motor_length_max, motor_length_min, m);
-  std::vector<double> j(kMotorCount);
+  Doubles j(kMotorCount);
   j[0] = PredictPoly(kMillimetres * m[5], thumb_inverse_0);
   j[1] = PredictPoly(kMillimetres * m[4], thumb_inverse_1);
   j[2] = PredictPoly(kMillimetres * m[11], thumb_inverse_2);
@@ -298,44 +261,30 @@ std::vector<double> KorvaneTesselSolver::MotorLength2ActiveJoint(
   j[9] = FingerPIPFitPredict(j[7], j[8], m[7], pip_inverse_second);
   j[10] = PredictPoly(kMillimetres * m[8], single_inverse);
   j[11] = PredictPoly(kMillimetres * m[9], single_inverse);
-  Negate(j, {2, 3});
-  if (mirrored) {
-    Negate(j, {4, 7});
-  } else {
-    j[1] = -j[1];
-  }
+  ChangeSigns(j, mirrored);
   Clamp(joint_max, joint_min, j);
   return j;
 }
 
-std::vector<int> KorvaneTesselSolver::MotorLength2MotorInput(
-    std::vector<double> const& motor_length) const {
-  const auto inputs = Scale(motor_length, motor_length_max, motor_length_min, motor_input_at_max,
-                            motor_input_at_min);
-  std::vector<int> result;
-  result.reserve(inputs.size());
-  for (const double input : inputs) result.push_back(static_cast<int>(input));
-  return result;
+Ints KorvaneTesselSolver::MotorLength2MotorInput(Doubles const& motor_length) const {
+  const Doubles inputs = Scale(motor_length, motor_length_max, motor_length_min, motor_input_at_max,
+                               motor_input_at_min);
+  return {inputs.begin(), inputs.end()};  // cuts fractions off
 }
 
-std::vector<double> KorvaneTesselSolver::MotorInput2MotorLength(
-    std::vector<int> const& motor_input) const {
+Doubles KorvaneTesselSolver::MotorInput2MotorLength(Ints const& motor_input) const {
   if (!HasSize("MotorInput2MotorLength", motor_input.size(), kMotorCount)) return {};
   return Scale(motor_input, motor_input_at_max, motor_input_at_min, motor_length_max,
                motor_length_min);
 }
 
-// --- What applications use ------------------------------------------------------------------
-
-std::vector<int> KorvaneTesselSolver::ConvertJoint2Actuator(
-    std::vector<double> const& joint_pos) const {
-  std::vector<double> joints = joint_pos;
+Ints KorvaneTesselSolver::ConvertJoint2Actuator(Doubles const& joint_pos) const {
+  Doubles joints = joint_pos;
   if (!CheckJointPos(joints)) return {};
   return MotorLength2MotorInput(ActiveJoint2MotorLength(joints));
 }
 
-std::vector<double> KorvaneTesselSolver::ConvertActuator2Joint(
-    std::vector<int> const& actuator_input) const {
+Doubles KorvaneTesselSolver::ConvertActuator2Joint(Ints const& actuator_input) const {
   if (!CheckActuatorInput(actuator_input)) {
     LogError("[ERROR]: ConvertActuator2Joint: Invalid actuator input, returning empty vector");
     return {};
@@ -344,32 +293,18 @@ std::vector<double> KorvaneTesselSolver::ConvertActuator2Joint(
 }
 
 /// Both of the last fingers take their coupled joints from the fourth one's active joint.
-std::vector<double> KorvaneTesselSolver::GetAllJointPos(std::vector<double> const& a) const {
+Doubles KorvaneTesselSolver::GetAllJointPos(Doubles const& a) const {
   if (!HasSize("GetAllJointPos", a.size(), kMotorCount)) return {};
+  const double thumb = PredictPoly(a[3], coupling_thumb);
+  const double first = PredictPoly(a[6], coupling_first);
+  const double second = PredictPoly(a[9], coupling_second);
   const double last_a = PredictPoly(a[11], coupling_last_a);
   const double last_b = PredictPoly(a[11], coupling_last_b);
-  return {a[0],
-          a[1],
-          a[2],
-          a[3],
-          PredictPoly(a[3], coupling_thumb),
-          a[4],
-          a[5],
-          a[6],
-          PredictPoly(a[6], coupling_first),
-          a[7],
-          a[8],
-          a[9],
-          PredictPoly(a[9], coupling_second),
-          a[10],
-          last_a,
-          last_b,
-          a[11],
-          last_a,
-          last_b};
+  return {a[0], a[1], a[2],   a[3],  thumb,  a[4],   a[5],  a[6],   first, a[7],
+          a[8], a[9], second, a[10], last_a, last_b, a[11], last_a, last_b};
 }
 
-std::vector<int> KorvaneTesselSolver::SetHandGesture(int const& gesture) const {
+Ints KorvaneTesselSolver::SetHandGesture(int const& gesture) const {
   const bool known = gesture >= 0 && gesture < static_cast<int>(std::size(kGestures));
   const auto& row = kGestures[known ? gesture : 0];
   return ConvertJoint2Actuator({std::begin(row), std::end(row)});

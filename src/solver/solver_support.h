@@ -34,6 +34,14 @@ inline double Difference(int minuend, int subtrahend) {
   return static_cast<double>(std::int64_t{minuend} - std::int64_t{subtrahend});
 }
 
+/// One column of a table of rows, as the public tables of the solvers hold it.
+template <class Rows, class Row, class Number>
+std::vector<Number> Column(const Rows& rows, Number Row::*column) {
+  std::vector<Number> numbers;
+  for (const Row& row : rows) numbers.push_back(row.*column);
+  return numbers;
+}
+
 /// True if `found` is `expected`. Otherwise writes the line about it that all operations share.
 inline bool HasSize(const char* operation, std::size_t found, std::size_t expected) {
   if (found == expected) return true;

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace talvera::korvane {
+
+/// What the replies of the serial link leave behind. Some replies leave two things.
+enum class ReplySlot : std::uint8_t {
+  kPowerState,
+  kAxisPosition,
+  kPositions,
+  kPositionResponse,
+  kCurrents,
+  kForces,
+  kTemperatures,
+  kErrors,
+  kPositionRanges,
+  kSensor,
+  kSensorsA,
+  kSensorsB,
+  kSensorsC,
+  kActualResponse,
+  kActualPositions,
+  kLoads,
+  kMotorIds,
+  kSensorIds,
+  kCvp,
+  kLimits,
+  kTargetResponse,
+  kControlSource,
+  kSerialNumber,
+  kDeviceInfo,
+  kVersion,
+  kCount,
+};
+
+/// The last reply of each kind, and whether it has been read. Written by the receive thread, read
+/// by any thread.
+///
+/// A reply isn't tied to a request: one that came by itself satisfies the next read of its kind.
+/// Applications know that, and that two threads which read at once may get each other's replies.
+class ReplyCache {
+ public:
+  using Bytes = std::vector<std::uint8_t>;
+
+  ReplyCache();
+
+  /// Keeps what the frame holds; frames of unknown commands or of a wrong size are ignored.
+  void Store(std::uint8_t command, const std::uint8_t* data, std::size_t size);
+
+  /// The last reply if nobody has read it yet.
+  std::optional<Bytes> Take(ReplySlot slot);
+
+  /// The last reply as it stands, all zero before the first.
+  Bytes Last(ReplySlot slot) const;
+
+  /// Makes the last reply one that has been read.
+  void Forget(ReplySlot slot);
+
+  /// The next tactile reply may begin with this number, which isn't part of the reading.
+  void AwaitSensor(std::uint8_t number);
+
+ private:
+  struct Cache {
+    bool fresh = false;
+    Bytes data;
+  };
+
+  Cache& At(ReplySlot slot) { return caches_[static_cast<std::size_t>(slot)]; }
+  void StoreSensor(const std::uint8_t* data, std::size_t size);
+
+  mutable std::mutex mutex_;
+  std::array<Cache, static_cast<std::size_t>(ReplySlot::kCount)> caches_;
+  std::optional<std::uint8_t> awaited_sensor_;
+};
+
+}  // namespace talvera::korvane

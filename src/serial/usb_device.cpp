@@ -1,0 +1,300 @@
+#include "serial/usb_device.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iomanip>
+#include <string>
+
+#include "can/can_bus_device.h"
+#include "util/bytes.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::system_clock;
+
+constexpr int kMaxRequestIntervalMs = 500;
+constexpr int kMinFrameRecvTimeoutMs = 10;
+constexpr int kMaxFrameRecvTimeoutMs = 1000;
+constexpr auto kPause = std::chrono::microseconds(500);
+constexpr auto kReenumeration = std::chrono::seconds(2);
+constexpr std::size_t kReadBlockSize = 256;
+constexpr std::size_t kBufferLimit = 1023;
+constexpr std::size_t kKeptWithoutFrame = 128;
+
+serial::Timeout PortTimeout() { return serial::Timeout(serial::Timeout::max(), 2, 0, 2, 0); }
+
+/// The serial library loses a descriptor each time that it opens what it then can't set up as a
+/// terminal, so that an application that tries a wrong path again and again would run out of them.
+const std::string& RefuseOtherFiles(const std::string& port) {
+  struct stat status {};
+  if (stat(port.c_str(), &status) == 0 && !S_ISCHR(status.st_mode)) {
+    throw serial::IOException(__FILE__, __LINE__, ENOTTY);
+  }
+  return port;
+}
+
+std::string HexBytes(const std::uint8_t* bytes, std::size_t size) {
+  std::ostringstream text;
+  text << std::hex << std::setfill('0');
+  for (std::size_t i = 0; i < size; ++i) text << std::setw(2) << unsigned{bytes[i]} << ' ';
+  return text.str();
+}
+
+}  // namespace
+
+UsbSerialDevice::UsbSerialDevice(std::string_view port, unsigned int baud)
+    : Serial(RefuseOtherFiles(std::string(port)), baud, PortTimeout(), serial::eightbits,
+             serial::parity_none, serial::stopbits_one, serial::flowcontrol_none) {}
+
+UsbSerialDevice::~UsbSerialDevice() { StopThread(); }
+
+// The port
+
+void UsbSerialDevice::Init() {
+  const bool open = isOpen();
+  LogInfo(Compose("[USB][serial port: ", getPort(), "] init ", open ? "[ok]" : "[failed]"));
+  if (open && !recv_thread_.joinable()) StartThread();
+}
+
+bool UsbSerialDevice::Reconnect() {
+  try {
+    StopThread();
+    ClosePort();
+    LogInfo(Compose("[USB] Reconnect: waiting ", kReenumeration.count(),
+                    "s for device re-enumeration..."));
+    clock_->SleepFor(kReenumeration);
+    OpenPort();
+    KeepNewest(0);
+    StartThread();
+    LogInfo(Compose("[USB][serial port: ", getPort(), "] reconnect [ok]"));
+    return true;
+  } catch (const std::exception& error) {
+    running_ = false;
+    LogError(Compose("[USB] Reconnect failed: ", error.what()));
+    return false;
+  }
+}
+
+// The library opens and closes without a look at who writes. A write between the two is refused,
+// not held up until the device is back.
+void UsbSerialDevice::OpenPort() {
+  const std::lock_guard lock(write_mutex_);
+  RefuseOtherFiles(getPort());
+  open();
+}
+
+void UsbSerialDevice::ClosePort() {
+  const std::lock_guard lock(write_mutex_);
+  if (isOpen()) close();
+}
+
+void UsbSerialDevice::StartThread() {
+  running_ = true;
+  recv_thread_ = std::thread(&UsbSerialDevice::RecvThread, this);
+}
+
+void UsbSerialDevice::StopThread() {
+  running_ = false;
+  if (recv_thread_.joinable()) recv_thread_.join();
+}
+
+// Sending
+
+std::size_t UsbSerialDevice::ReadRaw(std::uint8_t* data, std::size_t size) {
+  return read(data, size);
+}
+
+std::size_t UsbSerialDevice::WriteRaw(const std::uint8_t* data, std::size_t size) {
+  const std::lock_guard lock(write_mutex_);
+  EnforceRequestInterval();
+  PrintFrame(data, size, true);
+  std::this_thread::sleep_for(kPause);
+  const std::size_t written = write(data, size);
+  std::this_thread::sleep_for(kPause);
+  return written;
+}
+
+std::size_t UsbSerialDevice::SendFrame(std::uint16_t device_id, std::uint8_t command,
+                                       const std::uint8_t* data, std::size_t size) {
+  UsbFrameBuilder frame(device_id, command);
+  if (data != nullptr) frame.AddData(data, size);
+  const std::size_t frame_size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
+  return frame_size == 0 ? 0 : WriteRaw(frame.Data(), frame_size);
+}
+
+bool UsbSerialDevice::SendRequestWithReply(const std::uint8_t* data, std::size_t size) {
+  WriteRaw(data, size);
+  std::unique_lock lock(reply_mutex_);
+  // Cleared only after the write and its pause: a reply that is already there is lost, and the
+  // request times out. Applications rely on it that a frame from before the request, such as a
+  // report, doesn't answer it. One that comes during the wait does, whatever it is about.
+  reply_received_ = false;
+  reply_cv_.wait_for(lock, milliseconds(frame_recv_timeout_ms_),
+                     [this] { return reply_received_; });
+  return reply_received_;
+}
+
+void UsbSerialDevice::EnforceRequestInterval() {
+  const milliseconds interval(min_request_interval_ms_);
+  auto now = system_clock::now();
+  const auto elapsed = std::chrono::duration_cast<milliseconds>(now - last_request_time_.load());
+  if (interval > milliseconds(0) && elapsed < interval) {
+    // A wall clock that was set back makes `elapsed` negative; the gap is still one interval.
+    std::this_thread::sleep_for(std::min(interval - elapsed, interval));
+    now = system_clock::now();
+  }
+  last_request_time_ = now;
+}
+
+void UsbSerialDevice::SetMinRequestInterval(int ms) {
+  const int interval = std::clamp(ms, 0, kMaxRequestIntervalMs);
+  min_request_interval_ms_ = interval;
+  last_request_time_ = system_clock::now() - milliseconds(interval);
+}
+
+void UsbSerialDevice::SetFrameRecvTimeout(int ms) {
+  frame_recv_timeout_ms_ = std::clamp(ms, kMinFrameRecvTimeoutMs, kMaxFrameRecvTimeoutMs);
+}
+
+// Receiving
+
+void UsbSerialDevice::RecvThread() {
+  try {
+    KeepNewest(0);
+    while (running_) ReceivePass();
+  } catch (const std::exception& error) {
+    TellDeath(error.what());
+  } catch (...) {
+    TellDeath("unknown");
+  }
+}
+
+void UsbSerialDevice::TellDeath(const char* what) {
+  LogError(Compose("[USB] RecvThread [exception:", what, "][ort_open:", isOpen() ? 1 : 0,
+                   "][recv_buffer_pos_:", recv_buffer_pos_, ']'));
+  running_ = false;
+}
+
+void UsbSerialDevice::ReceivePass() {
+  // Not looked at while the line is silent: the buffer then goes only after one block more, which
+  // may still complete a frame in it. Update runs are built around that.
+  if (clear_recv_buffer_.exchange(false)) KeepNewest(0);
+  std::array<std::uint8_t, kReadBlockSize> block;
+  std::size_t count = 0;
+  do {
+    count = read(block.data(), block.size());
+    std::this_thread::sleep_for(kPause);
+  } while (count == 0 && running_);
+  if (count == 0) return;
+  PrintFrame(block.data(), count, false);
+  if (count >= kReadBlockSize) LogInfo("read bytes >= READ_BYTES_LIMIT(256), data may loss");
+  TakeBlock(block.data(), count);
+}
+
+void UsbSerialDevice::TakeBlock(const std::uint8_t* block, std::size_t size) {
+  const std::size_t end = recv_buffer_pos_ + size;
+  if (end > kBufferLimit) {
+    // Starts again from nothing: the buffer is lost, and so is the block, since what of it is
+    // copied doesn't count. Applications rely on it that nothing from before is found afterwards.
+    LogInfo("recv_buffer_ full !!!, data may loss");
+    StoreBlock(0, block, kBufferLimit - recv_buffer_pos_, 0);
+    return;
+  }
+  StoreBlock(recv_buffer_pos_, block, size, end);
+  if (end >= kMinUsbFrameSize) ParseRecvBuffer();
+}
+
+void UsbSerialDevice::ParseRecvBuffer() {
+  const std::size_t available = recv_buffer_pos_;
+  const std::size_t consumed = DeliverFrames(available);
+  // As many bytes go from the front as the frames had, also when junk stood there, which stays in
+  // its part: a frame behind its own length of junk or more is found and delivered again with the
+  // next block. Applications read caches and rely on getting every frame at least once.
+  KeepNewest(consumed > 0 ? available - consumed : std::min(available, kKeptWithoutFrame));
+}
+
+/// Returns how many bytes the delivered frames had.
+std::size_t UsbSerialDevice::DeliverFrames(std::size_t available) {
+  std::size_t consumed = 0;
+  for (std::size_t at = 0; at + kMinUsbFrameSize <= available;) {
+    const std::size_t size = AcceptedSize(&recv_buffer_[at], available - at);
+    if (size > 0) Deliver(&recv_buffer_[at]);
+    consumed += size;
+    at += std::max<std::size_t>(size, 1);
+  }
+  return consumed;
+}
+
+/// 0 for what is no frame, or isn't one yet.
+std::size_t UsbSerialDevice::AcceptedSize(const std::uint8_t* bytes, std::size_t available) {
+  const UsbFrame head = LoadUsbFrameHead(bytes);
+  if (!CheckFrame(&head)) return 0;
+  const std::size_t size = head.length + kUsbFrameOverhead;
+  if (size > available) return 0;
+  if (TrailerPasses(bytes)) return size;
+  LogError(Compose("[USB] drop frame: CRC mismatch recv=0x", std::hex,
+                   LoadU16(bytes + size - kUsbFrameTrailerSize), " child_id=0x",
+                   unsigned{bytes[kUsbFrameData]}));
+  return 0;
+}
+
+bool UsbSerialDevice::CheckFrame(const UsbFrame* frame) {
+  const std::uint16_t filter = filter_device_id_;
+  if (frame->header != kUsbFrameHeader) return false;
+  if (filter != kAnyDeviceId && frame->device_id != filter) return false;
+  if (frame->length > kMaxReceivedLength) return false;
+  // Learned before the rest of the frame is known, so that a damaged id shuts the hand out for the
+  // life of this object. Applications rely on the first head that they see deciding.
+  if (filter == kAnyDeviceId) filter_device_id_ = frame->device_id;
+  return true;
+}
+
+void UsbSerialDevice::Deliver(const std::uint8_t* frame) {
+  const std::size_t length = frame[kUsbFrameLength];
+  if (!frame_callback_ || length == 0) return;
+  frame_callback_(frame[kUsbFrameCommand], frame + kUsbFrameData, length - 1);
+  {
+    const std::lock_guard lock(reply_mutex_);
+    reply_received_ = true;
+  }
+  reply_cv_.notify_all();
+}
+
+/// Copies a block to `at`; `end` bytes of the buffer then count.
+void UsbSerialDevice::StoreBlock(std::size_t at, const std::uint8_t* block, std::size_t size,
+                                 std::size_t end) {
+  const std::lock_guard lock(recv_buffer_mutex_);
+  std::copy_n(block, size, &recv_buffer_[at]);
+  recv_buffer_pos_ = end;
+}
+
+/// Moves the last `count` bytes to the front and zeroes what is behind them.
+void UsbSerialDevice::KeepNewest(std::size_t count) {
+  const std::lock_guard lock(recv_buffer_mutex_);
+  std::memmove(recv_buffer_.data(), recv_buffer_.data() + recv_buffer_pos_ - count, count);
+  std::memset(recv_buffer_.data() + count, 0, recv_buffer_.size() - count);
+  recv_buffer_pos_ = count;
+}
+
+// Telling
+
+void UsbSerialDevice::PrintFrame(const std::uint8_t* data, std::size_t size, bool is_send) const {
+  if (!print_frames_) return;
+  LogInfo(Compose(FormatTimestamp(system_clock::now()),
+                  is_send ? " SND: " : " RCV: ", HexBytes(data, size)));
+}
+
+void UsbSerialDevice::DebugDumpRecvBuffer(std::size_t max_bytes) {
+  const std::lock_guard lock(recv_buffer_mutex_);
+  const std::size_t shown = std::min<std::size_t>(recv_buffer_pos_, max_bytes);
+  LogError(Compose("[USB_OTA] recv_buffer_pos_=", recv_buffer_pos_, ", first ", shown,
+                   " bytes (hex): ", HexBytes(recv_buffer_.data(), shown)));
+}
+
+}  // namespace talvera::korvane

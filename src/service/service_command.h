@@ -1,0 +1,149 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "util/bytes.h"
+
+// The commands by which hands are set up and served, alike on the serial link and in the service
+// protocol over CAN.
+
+namespace talvera::korvane {
+
+enum class ServiceCommand : std::uint8_t {
+  kSetPowerState = 0x01,
+  kGetPowerState = 0x02,
+  kSetAxisHoming = 0x03,
+  kSetId = 0x04,
+  kSaveParam = 0x05,
+  kSetSingleAxisPos = 0x06,
+  kGetSingleAxisPos = 0x07,
+  kSetAllAxisPos = 0x08,
+  kGetAllAxisPos = 0x09,
+  kGetAllAxisCurrent = 0x0A,
+  kGetAllAxisForce = 0x0B,
+  kGetAllAxisTemp = 0x0C,
+  kGetErrorCode = 0x0D,
+  kClearError = 0x0E,
+  kPlayAction = 0x0F,
+  kGetAllAxisPosRange = 0x10,
+  kGetFingertipSensor = 0x11,
+  kGetAllFingertipSensorA = 0x12,
+  kGetAllFingertipSensorB = 0x13,
+  kGetAllFingertipSensorC = 0x14,
+  kSetRunMode = 0x15,
+  kSetAllActualAxisPos = 0x18,
+  kGetAllActualAxisPos = 0x19,
+  kGetAllLoadData = 0x1A,
+  kSetAxisMinPos = 0x1B,
+  kSetAxisMaxPos = 0x1C,
+  kClearAllLimitPos = 0x1D,
+  kSetAllRunSpeed = 0x20,
+  kSetOverloadTorque = 0x21,
+  kSetOverloadProtectionTime = 0x22,
+  kSetProtectedTorque = 0x23,
+  kSetMinTorque = 0x24,
+  kSetProtectiveCurrent = 0x25,
+  kGetAllElectricMotorId = 0x26,
+  kGetAllSensorId = 0x27,
+  kSetAllAxisCvpUploadInterval = 0x28,
+  kGetAllAxisCvp = 0x29,
+  kGetAxisLimitPos = 0x30,
+  kSetRightOrLeft = 0x31,
+  kSetPosSpeedCurData = 0x32,
+  kSetTemperatureThreshold = 0x34,
+  kSetControlSource = 0x80,
+  kGetControlSource = 0x81,
+  kSetProductSerialNumber = 0xC1,
+  kGetProductSerialNumber = 0xC2,
+  kGetFwVersion = 0xCD,
+  kUpdateData = 0xF0,
+  kUpdateRequest = 0xF1,
+  kUpdateReply = 0xF2,
+};
+
+/// The data of a command, at most as many as fit into a frame behind its command byte. What passes
+/// that is left out; no command comes near it.
+class ServicePayload {
+ public:
+  ServicePayload& Add8(unsigned value) { return AddByte(static_cast<std::uint8_t>(value)); }
+  ServicePayload& Add16(unsigned value) { return Add8(value & 0xFF).Add8(value >> 8 & 0xFF); }
+  ServicePayload& Add32(std::uint32_t value) { return Add16(value & 0xFFFF).Add16(value >> 16); }
+
+  /// Each value in as many bytes as its type has.
+  template <class Value>
+  ServicePayload& AddAll(const std::vector<Value>& values) {
+    for (const Value value : values) AddValue(value);
+    return *this;
+  }
+
+  const std::uint8_t* Data() const { return bytes_.data(); }
+  std::uint8_t Size() const { return size_; }
+
+ private:
+  template <class Value>
+  void AddValue(Value value) {
+    static_assert(sizeof value <= 2);
+    const auto bits = static_cast<unsigned>(value);
+    sizeof value == 1 ? Add8(bits) : Add16(bits);
+  }
+
+  ServicePayload& AddByte(std::uint8_t value) {
+    if (size_ < bytes_.size()) bytes_[size_++] = value;
+    return *this;
+  }
+
+  std::array<std::uint8_t, 63> bytes_{};
+  std::uint8_t size_ = 0;
+};
+
+/// A command that sets one value, of the whole hand or of one axis, and is only acknowledged. What
+/// is out of range is refused before anything is sent.
+struct ServiceSetting {
+  const char* operation;
+  ServiceCommand command;
+  int min = 0;
+  int max = 0xFFFF;
+  std::uint8_t value_bytes = 1;
+  std::uint8_t first_axis = 0;
+  std::uint8_t last_axis = 0xFF;
+
+  constexpr bool Takes(int value) const { return value >= min && value <= max; }
+  constexpr bool TakesAxis(int axis) const { return axis >= first_axis && axis <= last_axis; }
+};
+
+namespace setting {
+
+inline constexpr int kMaxPos = 4096;
+
+inline constexpr ServiceSetting kPowerState{"SetPowerState", ServiceCommand::kSetPowerState};
+inline constexpr ServiceSetting kAxisHoming{
+    "SetAxisHoming", ServiceCommand::kSetAxisHoming, -4095, 4095, 2, 1, 10};
+inline constexpr ServiceSetting kId{"SetId", ServiceCommand::kSetId, 1, 2046, 2};
+inline constexpr ServiceSetting kPlayAction{"PlayAction", ServiceCommand::kPlayAction};
+inline constexpr ServiceSetting kRunMode{"SetRunMode", ServiceCommand::kSetRunMode};
+inline constexpr ServiceSetting kAxisMinPos{
+    "SetAxisMinPos", ServiceCommand::kSetAxisMinPos, 0, kMaxPos, 2, 1, 12};
+inline constexpr ServiceSetting kAxisMaxPos{
+    "SetAxisMaxPos", ServiceCommand::kSetAxisMaxPos, 0, kMaxPos, 2, 1, 12};
+inline constexpr ServiceSetting kOverloadTorque{"SetOverloadTorque",
+                                                ServiceCommand::kSetOverloadTorque, 0, 1000, 2};
+inline constexpr ServiceSetting kOverloadProtectionTime{
+    "SetOverloadProtectionTime", ServiceCommand::kSetOverloadProtectionTime, 0, 0xFFFF, 2};
+inline constexpr ServiceSetting kProtectedTorque{"SetProtectedTorque",
+                                                 ServiceCommand::kSetProtectedTorque, 0, 100};
+inline constexpr ServiceSetting kMinTorque{
+    "SetMinTorque", ServiceCommand::kSetMinTorque, 0, 0xFF, 1, 1, 12};
+inline constexpr ServiceSetting kProtectiveCurrent{
+    "SetProtectiveCurrent", ServiceCommand::kSetProtectiveCurrent, 0, 3250, 2, 1, 12};
+inline constexpr ServiceSetting kCvpUploadInterval{
+    "SetAllAxisCvpUploadInterval", ServiceCommand::kSetAllAxisCvpUploadInterval, 0, 0xFFFF, 2};
+inline constexpr ServiceSetting kRightOrLeft{"SetRightOrLeft", ServiceCommand::kSetRightOrLeft, 0,
+                                             1};
+inline constexpr ServiceSetting kTemperatureThreshold{"SetTemperatureThreshold",
+                                                      ServiceCommand::kSetTemperatureThreshold};
+
+}  // namespace setting
+}  // namespace talvera::korvane

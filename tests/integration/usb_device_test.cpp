@@ -1,0 +1,322 @@
+#include "serial/usb_device.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/capture.h"
+#include "support/manual_clock.h"
+#include "support/process_resources.h"
+#include "support/pseudo_terminal.h"
+#include "support/temporary_file.h"
+
+namespace talvera::korvane {
+namespace {
+
+using std::chrono::milliseconds;
+using test::MeasureResources;
+using test::PseudoTerminal;
+using test::StreamCapture;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+using Bytes = std::vector<std::uint8_t>;
+using Frame = std::pair<std::uint8_t, Bytes>;
+
+const Bytes kPing = {0xEE, 0xAA, 1, 0, 1, 9, 0xFD, 0xB3};
+const Bytes kPosition = {0xEE, 0xAA, 1, 0, 4, 7, 3, 0x34, 0x12, 0x4D, 0xE1};
+const Frame kPingFrame = {9, {}};
+const Frame kPositionFrame = {7, {3, 0x34, 0x12}};
+
+/// So fast that reads hardly wait.
+constexpr unsigned kBaud = 921600;
+
+bool Eventually(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+class UsbDevice : public testing::Test {
+ protected:
+  UsbDevice() {
+    device_.frame_recv_timeout_ms_ = 60'000;
+    device_.clock_ = &clock_;
+    device_.frame_callback_ = [this](std::uint8_t command, const std::uint8_t* data,
+                                     std::size_t size) {
+      const std::lock_guard lock(mutex_);
+      delivered_.emplace_back(command, Bytes(data, data + size));
+    };
+  }
+
+  /// The next frame that the callback gets.
+  Frame Next() {
+    Frame frame;
+    EXPECT_TRUE(Eventually([&] {
+      const std::lock_guard lock(mutex_);
+      if (delivered_.empty()) return false;
+      frame = delivered_.front();
+      delivered_.pop_front();
+      return true;
+    }));
+    return frame;
+  }
+
+  /// Reconnects, with something that happens in its wait of 2 s.
+  bool ReconnectAndMeanwhile(const std::function<void()>& action) {
+    auto result = std::async(std::launch::async, [this] { return device_.Reconnect(); });
+    clock_.AwaitWaiters(1);
+    clock_.Advance(milliseconds(1999));
+    clock_.AwaitWaiters(1);
+    action();
+    clock_.Advance(milliseconds(1));
+    return result.get();
+  }
+
+  /// A request that has gone out and now waits for its reply.
+  std::future<bool> WaitingRequest() {
+    std::unique_lock lock(device_.reply_mutex_);
+    device_.reply_received_ = true;  // The request clears it as it begins to wait.
+    lock.unlock();
+    auto answer = Request();
+    EXPECT_EQ(line_.Read(kPing.size()), kPing);
+    EXPECT_TRUE(Eventually([this] {
+      const std::lock_guard guard(device_.reply_mutex_);
+      return !device_.reply_received_;
+    }));
+    return answer;
+  }
+
+  std::future<bool> Request() {
+    return std::async(std::launch::async,
+                      [this] { return device_.SendRequestWithReply(kPing.data(), kPing.size()); });
+  }
+
+  std::string Named(const char* text) const {
+    return "[USB][serial port: " + line_.Path() + "] " + text + "\n";
+  }
+
+  std::mutex mutex_;
+  std::deque<Frame> delivered_;
+  ManualClock clock_;
+  StreamCapture out_{stdout};
+  StreamCapture err_{stderr};
+  PseudoTerminal line_;
+  UsbSerialDevice device_{line_.Path(), kBaud};
+};
+
+// The port
+
+TEST_F(UsbDevice, TellsItsPortAndCarriesFramesBothWays) {
+  EXPECT_TRUE(device_.isOpen());
+  EXPECT_EQ(device_.getBaudrate(), kBaud);
+  EXPECT_EQ(device_.getBytesize(), serial::eightbits);
+  device_.Init();
+  device_.Init();  // changes nothing
+  EXPECT_EQ(out_.Text(), Named("init [ok]") + Named("init [ok]"));
+  EXPECT_EQ(device_.SendFrame(1, 9, nullptr, 0), 8U);
+  EXPECT_EQ(line_.Read(8), kPing);
+  EXPECT_EQ(device_.SendFrame(1, 7, Bytes(121).data(), 121), 0U) << "no frame holds that";
+  EXPECT_EQ(device_.SendFrame(1, 7, kPositionFrame.second.data(), 3), 11U);
+  EXPECT_EQ(line_.Read(11), kPosition);
+  line_.Write(kPosition);
+  EXPECT_EQ(Next(), kPositionFrame);
+}
+
+TEST(UsbDevicePort, ThatCantBeOpenedThrowsAndLeavesNothingBehind) {
+  const test::TemporaryFile file({1});
+  const auto before = MeasureResources();
+  EXPECT_THROW(UsbSerialDevice("/nonexistent/port", kBaud), serial::IOException);
+  EXPECT_THROW(UsbSerialDevice(file.Path(), kBaud), serial::IOException);
+  EXPECT_EQ(MeasureResources().descriptors, before.descriptors);
+  UsbSerialDevice none("", kBaud);
+  const auto written = test::CaptureStreams([&] { none.Init(); });
+  EXPECT_EQ(written.out, "[USB][serial port: ] init [failed]\n");
+  EXPECT_FALSE(none.recv_thread_.joinable());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_THROW(none.WriteRaw(kPing.data(), kPing.size()), serial::PortNotOpenedException);
+  }
+}
+
+TEST_F(UsbDevice, HoldsItsTimesToTheirLimits) {
+  for (const int set : {-5, 0, 500, 600}) {
+    device_.SetMinRequestInterval(set);
+    EXPECT_EQ(device_.GetMinRequestInterval(), set <= 0 ? 0 : 500);
+    const auto ready = device_.last_request_time_.load() + milliseconds(set <= 0 ? 0 : 500);
+    EXPECT_LE(ready, std::chrono::system_clock::now()) << "the next request goes at once";
+  }
+  for (const int set : {5, 10, 1000, 5000}) {
+    device_.SetFrameRecvTimeout(set);
+    EXPECT_EQ(device_.frame_recv_timeout_ms_, set <= 10 ? 10 : 1000);
+  }
+  device_.SetMinRequestInterval(20);
+  device_.WriteRaw(kPing.data(), kPing.size());
+  const auto first = device_.last_request_time_.load();
+  device_.WriteRaw(kPing.data(), kPing.size());
+  EXPECT_GE(device_.last_request_time_.load() - first, milliseconds(20));
+  EXPECT_EQ(line_.Read(16).size(), 16U);
+}
+
+// Requests
+
+TEST_F(UsbDevice, AnyFrameThatComesDuringTheWaitAnswers) {
+  device_.Init();
+  auto answer = WaitingRequest();
+  line_.Write(kPosition);
+  EXPECT_TRUE(answer.get());
+  EXPECT_EQ(Next(), kPositionFrame);
+}
+
+// Settled: the flag is cleared after the write.
+TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitIsLost) {
+  device_.frame_recv_timeout_ms_ = 10;
+  std::unique_lock lock(device_.reply_mutex_);
+  auto answer = Request();
+  EXPECT_EQ(line_.Read(kPing.size()), kPing) << "goes out without a look at the flag";
+  device_.reply_received_ = true;
+  lock.unlock();
+  EXPECT_FALSE(answer.get());
+}
+
+TEST_F(UsbDevice, ARequestOnAPortThatDisappearsFailsInItsTime) {
+  device_.Init();
+  device_.frame_recv_timeout_ms_ = 200;
+  const auto start = std::chrono::steady_clock::now();
+  auto answer = WaitingRequest();
+  line_.Unplug();
+  EXPECT_FALSE(answer.get());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(200));
+  EXPECT_TRUE(Eventually([this] { return !device_.running_; }));
+  EXPECT_THAT(err_.Text(), ContainsRegex("^\\[USB\\] RecvThread \\[exception:.+\\]\\[ort_open:1\\]"
+                                         "\\[recv_buffer_pos_:0\\]\n$"));
+  EXPECT_ANY_THROW(device_.SendRequestWithReply(kPing.data(), kPing.size()));
+}
+
+// Reconnecting
+
+TEST_F(UsbDevice, ComesBackEachTimeThatItIsPluggedInAgain) {
+  device_.Init();
+  const auto before = MeasureResources();
+  for (int i = 0; i < test::kManyCycles; ++i) {
+    line_.Unplug();
+    ASSERT_TRUE(Eventually([this] { return !device_.running_; })) << i;
+    ASSERT_TRUE(ReconnectAndMeanwhile([this] { line_.Plug(); })) << i;
+    line_.Write(kPosition);
+    ASSERT_EQ(Next(), kPositionFrame) << i;
+  }
+  EXPECT_THAT(out_.Text(), HasSubstr("[USB] Reconnect: waiting 2s for device re-enumeration...\n" +
+                                     Named("reconnect [ok]")));
+  EXPECT_EQ(MeasureResources().descriptors, before.descriptors);
+  EXPECT_TRUE(Eventually([&] { return MeasureResources().threads == before.threads; }));
+}
+
+TEST_F(UsbDevice, AReconnectThatFailsLeavesThePortClosedUntilOneSucceeds) {
+  device_.Init();
+  line_.Write({kPosition.begin(), kPosition.begin() + 7});
+  EXPECT_TRUE(Eventually([this] { return device_.recv_buffer_pos_ == 7U; }));
+  const auto write = [this] { device_.WriteRaw(kPing.data(), kPing.size()); };
+  line_.Unplug();
+  EXPECT_FALSE(ReconnectAndMeanwhile(
+      [&] { EXPECT_THROW(write(), serial::PortNotOpenedException) << "refused, not held up"; }));
+  EXPECT_THAT(err_.Text(), ContainsRegex("\\[USB\\] Reconnect failed: IO Exception \\(2\\).+\n"));
+  EXPECT_FALSE(device_.running_);
+  EXPECT_FALSE(device_.isOpen());
+  EXPECT_THROW(write(), serial::PortNotOpenedException);
+  EXPECT_TRUE(ReconnectAndMeanwhile([this] { line_.Plug(); }));
+  EXPECT_EQ(device_.recv_buffer_pos_, 0U);
+  EXPECT_EQ(device_.filter_device_id_, kAnyDeviceId) << "nothing has decided yet";
+  line_.Write(Bytes(kPosition.begin() + 7, kPosition.end()));
+  line_.Write(kPing);
+  EXPECT_EQ(Next(), kPingFrame) << "what was cut by the reconnect stays cut";
+  EXPECT_EQ(device_.filter_device_id_, 1);
+}
+
+// Reading
+
+// Settled: a silent line keeps what is to be cleared, until one block more has come.
+TEST_F(UsbDevice, ClearsItsBufferAfterTheNextBlock) {
+  device_.clear_recv_buffer_ = true;
+  device_.Init();
+  const auto cleared = [this] { return !device_.clear_recv_buffer_; };
+  EXPECT_TRUE(Eventually(cleared)) << "before the first read";
+  device_.clear_recv_buffer_ = true;
+  std::uint8_t none = 0;
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(device_.ReadRaw(&none, 1), 0U) << "silence";
+  EXPECT_FALSE(cleared());
+  line_.Write({kPosition.begin(), kPosition.begin() + 5});
+  EXPECT_TRUE(Eventually(cleared));
+  line_.Write(Bytes(kPosition.begin() + 5, kPosition.end()));
+  line_.Write(kPing);
+  EXPECT_EQ(Next(), kPingFrame) << "the frame before it has lost its head";
+}
+
+TEST_F(UsbDevice, WarnsOfAFullBlockAndReadsOn) {
+  Bytes full(300);
+  full.insert(full.end(), kPing.begin(), kPing.end());
+  line_.Write(full);
+  EXPECT_TRUE(Eventually([this] { return device_.available() == 308; }));
+  device_.Init();
+  EXPECT_EQ(Next(), kPingFrame);
+  EXPECT_THAT(out_.Text(), HasSubstr("read bytes >= READ_BYTES_LIMIT(256), data may loss\n"));
+}
+
+TEST_F(UsbDevice, PrintsFramesAndTheBufferOnDemand) {
+  device_.TakeBlock(kPing.data(), 3);
+  device_.DebugDumpRecvBuffer(2);
+  device_.DebugDumpRecvBuffer(64);
+  EXPECT_EQ(err_.Text(),
+            "[USB_OTA] recv_buffer_pos_=3, first 2 bytes (hex): ee aa \n"
+            "[USB_OTA] recv_buffer_pos_=3, first 3 bytes (hex): ee aa 01 \n");
+  device_.WriteRaw(kPing.data(), kPing.size());
+  EXPECT_EQ(out_.Text(), "");
+  device_.print_frames_ = true;
+  const std::string time = "\\[[0-9]{4}(-[0-9]{2}){2} [0-9]{2}(:[0-9]{2}){2}\\.[0-9]{6}\\] ";
+  device_.WriteRaw(kPing.data(), kPing.size());
+  EXPECT_THAT(out_.Text(), ContainsRegex("^" + time + "SND: ee aa 01 00 01 09 fd b3 \n$"));
+  device_.Init();
+  line_.Write(kPing);
+  EXPECT_EQ(Next(), kPingFrame);
+  EXPECT_THAT(out_.Text(), ContainsRegex("\n" + time + "RCV: ee "));
+}
+
+TEST_F(UsbDevice, KeepsFramesOfManyThreadsWhole) {
+  constexpr std::size_t kEach = 30;
+  device_.Init();
+  std::unique_lock lock(device_.write_mutex_);
+  std::vector<std::future<void>> writers;
+  for (const Bytes* frame : {&kPing, &kPosition, &kPing}) {
+    writers.push_back(std::async(std::launch::async, [this, frame] {
+      for (std::size_t i = 0; i < kEach; ++i) device_.WriteRaw(frame->data(), frame->size());
+    }));
+  }
+  EXPECT_EQ(writers[0].wait_for(milliseconds(100)), std::future_status::timeout);
+  lock.unlock();
+  for (int i = 0; i < 20; ++i) {
+    device_.print_frames_ = i % 2 == 0;
+    device_.SetMinRequestInterval(i % 2);
+    device_.SetFrameRecvTimeout(i);
+    line_.Write(kPosition);
+    device_.DebugDumpRecvBuffer(64);
+    EXPECT_EQ(Next(), kPositionFrame);
+  }
+  for (std::size_t i = 0; i < 3 * kEach; ++i) {
+    Bytes frame = line_.Read(6);
+    ASSERT_EQ(frame.size(), 6U);
+    const Bytes& expected = frame.back() == 9 ? kPing : kPosition;
+    for (const auto byte : line_.Read(expected.size() - 6)) frame.push_back(byte);
+    ASSERT_EQ(frame, expected);
+  }
+}
+
+}  // namespace
+}  // namespace talvera::korvane
