@@ -11,6 +11,7 @@
 #include <string>
 
 #include "can_server.h"
+#include "korvane_sim/serial_hand.h"
 #include "options.h"
 #include "socket_server.h"
 #include "util/clock.h"
@@ -26,7 +27,7 @@ class Simulation {
  public:
   explicit Simulation(const Options& options) : world_(options.adapters, SystemClock()) {
     NamePlaces(options);
-    for (const HandSpec& hand : options.hands) AddHand(hand, options.firmware);
+    for (const HandSpec& hand : options.hands) AddHand(hand, options);
     for (const auto& [place, bus] : buses_) bus->SetFaults(options.faults);
     Serve(options);
   }
@@ -37,6 +38,11 @@ class Simulation {
       const BusStatistics part = bus->Statistics();
       sum.from_hosts += part.from_hosts;
       sum.from_hands += part.from_hands;
+    }
+    for (const SerialHand& hand : serial_hands_) {
+      const SerialStatistics part = hand.Statistics();
+      sum.from_hosts += part.from_host;
+      sum.from_hands += part.from_hand;
     }
     return sum;
   }
@@ -59,10 +65,16 @@ class Simulation {
     }
   }
 
-  void AddHand(const HandSpec& spec, const FirmwarePartition& firmware) {
-    const auto places = spec.place.empty() ? default_places_ : std::vector<std::string>{spec.place};
+  static SimulatedHand MakeHand(const HandSpec& spec, const Options& options) {
     SimulatedHand hand(*spec.model, spec.device_id);
-    hand.Firmware() = firmware;
+    hand.Firmware() = options.firmware;
+    if (options.firmware_version) hand.GetIdentity().software_version = *options.firmware_version;
+    return hand;
+  }
+
+  void AddHand(const HandSpec& spec, const Options& options) {
+    const auto places = spec.place.empty() ? default_places_ : std::vector<std::string>{spec.place};
+    const SimulatedHand hand = MakeHand(spec, options);
     for (const auto& place : places) buses_.at(place)->Add(hand);
   }
 
@@ -71,9 +83,20 @@ class Simulation {
       can_servers_.emplace_back(name, *buses_.at(name));
       std::cout << "korvane-sim: ready on " << name << std::endl;
     }
+    for (const HandSpec& spec : options.serial_hands) ServeSerial(spec, options);
     if (!options.serves_adapters) return;
     socket_server_.emplace(options.socket_path, world_);
     std::cout << "korvane-sim: ready at " << options.socket_path << std::endl;
+  }
+
+  void ServeSerial(const HandSpec& spec, const Options& options) {
+    SerialHand& hand = serial_hands_.emplace_back(MakeHand(spec, options), spec.place,
+                                                  options.adapters.seed + serial_hands_.size());
+    SerialFaults faults = options.serial_faults;
+    static_cast<Faults&>(faults) = options.faults;
+    hand.SetFaults(faults);
+    const std::string link = spec.place.empty() ? "" : spec.place + " -> ";
+    std::cout << "korvane-sim: ready on " << link << hand.Device() << std::endl;
   }
 
   World world_;
@@ -81,6 +104,7 @@ class Simulation {
   std::map<std::string, VirtualBus*> buses_;  ///< By the name of their place.
   std::vector<std::string> default_places_;
   std::list<CanServer> can_servers_;
+  std::list<SerialHand> serial_hands_;
   std::optional<SocketServer> socket_server_;
 };
 

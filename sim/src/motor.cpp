@@ -13,7 +13,7 @@ constexpr double kVelocityLag = 0.006;
 constexpr double kCurrentLag = 0.020;
 constexpr double kThermalLag = 30.0;
 constexpr double kFriction = 60.0;
-constexpr double kCurrentPerVelocity = 140.0 / (2 * Motor::kMaxPosition);
+constexpr double kCurrentAtTopSpeed = 140.0;
 constexpr double kStallCurrent = 1200.0;
 constexpr double kStallDistance = 200.0;
 constexpr double kStallSeconds = 0.2;
@@ -31,7 +31,7 @@ std::int16_t ToInt16(double value) {
 }  // namespace
 
 void Motor::SetTarget(std::int16_t position) {
-  target_ = std::clamp<double>(position, 0.0, kMaxPosition);
+  target_ = std::clamp<double>(position, 0.0, max_position_);
 }
 
 void Motor::SetVelocity(std::int16_t velocity) {
@@ -64,14 +64,14 @@ std::uint16_t Motor::Errors() const {
 }
 
 void Motor::PlaceAt(double position) {
-  position_ = std::clamp(position, 0.0, kMaxPosition);
+  position_ = std::clamp(position, 0.0, max_position_);
   target_ = position_;
   velocity_ = 0.0;
 }
 
 void Motor::SetFreeRange(double low, double high) {
-  low_ = std::clamp(low, 0.0, kMaxPosition);
-  high_ = std::clamp(high, low_, kMaxPosition);
+  low_ = std::clamp(low, 0.0, max_position_);
+  high_ = std::clamp(high, low_, max_position_);
 }
 
 void Motor::Advance(std::int64_t steps) {
@@ -94,7 +94,7 @@ double Motor::CurrentGoal(double wanted) const {
     return std::copysign(std::min(kStallCurrent * push, Limit()), wanted);
   }
   if (velocity_ == 0.0) return 0.0;
-  const double effort = kFriction + load_ + kCurrentPerVelocity * std::abs(velocity_);
+  const double effort = kFriction + load_ + kCurrentAtTopSpeed * std::abs(velocity_) / TopSpeed();
   return std::copysign(std::min(effort, Limit()), velocity_);
 }
 

@@ -14,13 +14,18 @@ namespace talvera::korvane::sim {
 namespace {
 
 constexpr const char* kAbout =
-    "Simulated Korvane hands where real ones would be: on a SocketCAN interface, or behind\n"
-    "stand-ins of the adapter libraries libusbcanfd.so and libcanbus.so.";
+    "Simulated Korvane hands where real ones would be: on a SocketCAN interface, behind stand-ins\n"
+    "of the adapter libraries libusbcanfd.so and libcanbus.so, or on a serial port.";
 
 constexpr const char* kFooter =
-    "A hand is MODEL:ID or MODEL:ID@PLACE. ID is 1 to 127, decimal or 0x hexadecimal. PLACE is a\n"
-    "CAN interface or ADAPTER.CHANNEL, both counted from 0; without it the hand stands on every\n"
-    "interface and on channel 0 of adapter 0. Without --hand there is brisa:1.\n"
+    "A hand is MODEL[:ID][@PLACE]. ID is 1 to 127, decimal or 0x hexadecimal, and 1 if it is left\n"
+    "out. PLACE is a CAN interface or ADAPTER.CHANNEL, both counted from 0; without it the hand\n"
+    "stands on every interface and on channel 0 of adapter 0. Hands of several models share a bus\n"
+    "as long as their ids differ. Without --hand there is brisa:1, unless only --serial is asked\n"
+    "for. --model is another name of --hand.\n"
+    "A hand on a serial line is brisa[:ID][@LINK]. Its port is a pseudo-terminal, whose path is\n"
+    "told. LINK becomes a symbolic link to it, which stays the same when the port is unplugged\n"
+    "and plugged in again.\n"
     "Each channel is one bus that both adapter libraries reach. Adapter 0 is SIM-ZLG-0000 for the\n"
     "one and SIM-HCAN-0000 for the other.\n"
     "\n"
@@ -33,8 +38,12 @@ constexpr const char* kFooter =
     "Examples:\n"
     "  korvane-sim --hand brisa:1 --hand brisa:0x27@0.1\n"
     "      two hands on two channels of one simulated USB adapter\n"
+    "  korvane-sim --model tessel --model quill:0x21\n"
+    "      two hands of different models on one bus\n"
     "  korvane-sim --can vcan0 --hand brisa:1 --loss 0.01 --delay-ms 2\n"
-    "      a hand on the interface vcan0 that loses one frame in a hundred\n";
+    "      a hand on the interface vcan0 that loses one frame in a hundred\n"
+    "  korvane-sim --serial brisa:1@/tmp/hand-tty\n"
+    "      a hand on the serial port /tmp/hand-tty\n";
 
 std::string ModelNames() {
   std::string names;
@@ -66,9 +75,11 @@ std::string UnknownOption(const CLI::App& app) {
   std::string nearest;
   std::string all;
   for (const CLI::Option* option : app.get_options()) {
-    const std::string name = "--" + option->get_lnames().front();
-    all += (all.empty() ? "" : ", ") + name;
-    if (nearest.empty() || Distance(word, name) < Distance(word, nearest)) nearest = name;
+    for (const std::string& long_name : option->get_lnames()) {
+      const std::string name = "--" + long_name;
+      all += (all.empty() ? "" : ", ") + name;
+      if (nearest.empty() || Distance(word, name) < Distance(word, nearest)) nearest = name;
+    }
   }
   if (Distance(word, nearest) <= 3) return "no option " + word + "; did you mean " + nearest + "?";
   return "no option " + word + "; there are " + all;
@@ -110,13 +121,29 @@ void CheckIds(const std::vector<HandSpec>& hands) {
   }
 }
 
+HandSpec ParseSerialHand(const std::string& text) {
+  HandSpec hand = ParseHand(text);
+  if (HasSerialPort(*hand.model)) return hand;
+  throw std::invalid_argument("a " + std::string(hand.model->name) +
+                              " has no serial port; a brisa has one");
+}
+
 void AddLinkOptions(CLI::App& app, Options& options) {
   app.add_option("--can", options.can_interfaces, "Serve a SocketCAN interface, repeatable")
       ->type_name("IFACE")
       ->expected(1)
       ->take_all();
   app.add_flag("--adapters", options.serves_adapters,
-               "Serve the stand-in adapter libraries (the default without --can)");
+               "Serve the stand-in adapter libraries (the default without --can and --serial)");
+  app.add_option_function<std::vector<std::string>>(
+         "--serial",
+         [&options](const std::vector<std::string>& texts) {
+           for (const auto& text : texts) options.serial_hands.push_back(ParseSerialHand(text));
+         },
+         "Serve a hand on a serial port, repeatable")
+      ->type_name("brisa[:ID][@LINK]")
+      ->expected(1)
+      ->take_all();
   app.add_option("--socket", options.socket_path, "Where to: default " + SocketPath())
       ->type_name("PATH");
   AdapterOptions& adapters = options.adapters;
@@ -131,6 +158,21 @@ void AddLinkOptions(CLI::App& app, Options& options) {
 
 std::chrono::nanoseconds Milliseconds(double ms) {
   return std::chrono::nanoseconds(static_cast<std::int64_t>(ms * 1e6));
+}
+
+std::array<std::uint8_t, 4> ParseVersion(const std::string& text) {
+  std::smatch parts;
+  const std::string number = "([0-9]{1,3})";
+  const std::regex form(number + "\\." + number + "\\." + number + "(?:\\." + number + ")?");
+  std::array<std::uint8_t, 4> version{};
+  bool fits = std::regex_match(text, parts, form);
+  for (std::size_t i = 0; fits && i < version.size(); ++i) {
+    const unsigned long value = parts[i + 1].matched ? std::stoul(parts[i + 1]) : 0;
+    fits = value <= 255;
+    version[i] = static_cast<std::uint8_t>(value);
+  }
+  if (!fits) throw std::invalid_argument("'" + text + "' is no version; write 1.0.0 or 15.0.0.1");
+  return version;
 }
 
 void AddFaultOptions(CLI::App& app, Options& options) {
@@ -158,16 +200,50 @@ void AddFaultOptions(CLI::App& app, Options& options) {
       ->group(group);
 }
 
+/// The faults of buses strike serial lines as well, as far as they can happen there.
+void AddSerialFaultOptions(CLI::App& app, Options& options) {
+  const char* const group = "Faults of serial lines";
+  SerialFaults& faults = options.serial_faults;
+  const auto add_time = [&](const char* name, const char* text, auto set) {
+    app.add_option_function<double>(
+           name, [set](double ms) { set(Milliseconds(ms)); }, text)
+        ->check(CLI::Range(0.0, 60000.0))
+        ->group(group);
+  };
+  app.add_option("--serial-junk", faults.junk, "Share of replies with noise before them")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group(group);
+  app.add_option("--serial-bad-crc", faults.bad_checksum, "Share of replies with a wrong CRC")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group(group);
+  app.add_flag("--serial-merge", faults.merge, "An upload comes in one piece with each reply")
+      ->group(group);
+  add_time("--serial-split-ms", "Pause after each byte of a reply",
+           [&faults](std::chrono::nanoseconds time) { faults.split = time; });
+  app.add_option("--serial-unplug-after", faults.unplug_after,
+                 "Frames from the host after which the port is gone")
+      ->type_name("COUNT")
+      ->group(group);
+  add_time("--serial-replug-ms", "When it comes back; without this it doesn't",
+           [&faults](std::chrono::nanoseconds time) { faults.replug_after = time; });
+}
+
 void AddUpdateOptions(CLI::App& app, Options& options) {
   const char* const group = "Firmware updates";
   FirmwarePartition& firmware = options.firmware;
+  app.add_option_function<std::string>(
+         "--firmware-version",
+         [&options](const std::string& text) { options.firmware_version = ParseVersion(text); },
+         "What hands run at first, default 1.0.0")
+      ->type_name("A.B.C[.D]")
+      ->group(group);
   app.add_option_function<std::string>(
          "--crc",
          [&firmware](const std::string& name) {
            firmware.SetChecksum(name == "xmodem" ? UpdateChecksum::kXmodem
                                                  : UpdateChecksum::kModbus);
          },
-         "Checksum that hands accept, default modbus")
+         "Checksum that hands accept, default modbus; on a serial line the version rules")
       ->check(CLI::IsMember({"modbus", "xmodem"}))
       ->group(group);
   app.add_option_function<double>(
@@ -243,7 +319,7 @@ HandSpec ParseHand(const std::string& text) {
   if (hand.model == nullptr) {
     throw std::invalid_argument("no model '" + name + "'; there are " + ModelNames());
   }
-  const std::string id = colon < at ? text.substr(colon + 1, at - colon - 1) : "";
+  const std::string id = colon < at ? text.substr(colon + 1, at - colon - 1) : "1";
   char* end = nullptr;
   const unsigned long value = std::strtoul(id.c_str(), &end, 0);
   if (id.empty() || id[0] < '0' || id[0] > '9' || *end != '\0' || value < 1 || value > 127) {
@@ -264,18 +340,24 @@ Options ParseOptions(int argc, char** argv) {
   CLI::App app(kAbout, "korvane-sim");
   app.footer(kFooter);
   app.get_formatter()->column_width(34);
-  app.add_option("--hand", hands, "A hand: MODEL:ID[@PLACE], repeatable. Models: " + ModelNames())
+  app.add_option("--hand,--model", hands,
+                 "A hand: MODEL[:ID][@PLACE], repeatable. Models: " + ModelNames())
       ->type_name("SPEC")
       ->expected(1)
       ->take_all();
   AddLinkOptions(app, options);
   AddFaultOptions(app, options);
+  AddSerialFaultOptions(app, options);
   AddUpdateOptions(app, options);
   Parse(app, argc, argv);
 
-  options.serves_adapters |= options.can_interfaces.empty() || !options.socket_path.empty();
+  const bool only_serial =
+      options.can_interfaces.empty() && !options.serial_hands.empty() && hands.empty();
+  options.serves_adapters |=
+      (options.can_interfaces.empty() && !only_serial) || !options.socket_path.empty();
   if (options.socket_path.empty()) options.socket_path = SocketPath();
-  if (hands.empty()) hands.emplace_back("brisa:1");
+  const bool has_buses = options.serves_adapters || !options.can_interfaces.empty();
+  if (hands.empty() && has_buses) hands.emplace_back("brisa:1");
   for (const auto& text : hands) {
     options.hands.push_back(ParseHand(text));
     CheckPlace(options, options.hands.back());

@@ -17,13 +17,14 @@ constexpr std::size_t kRawBytesPerFrame = 62;
 constexpr std::size_t kWholeHandRawFrames = 10;
 constexpr std::uint8_t kUpdateDataIndex = 1;
 
-/// A value that every motor has: how wide it is on the wire, how it is read, and how it is written
-/// if a write means the value itself.
+/// A value that every motor has: how wide it is on the wire, how it is read, how it is written if a
+/// write means the value itself, and how it is read of a joint that is worn, if that has it.
 struct Quantity {
   Function function;
   std::size_t width;
   int (*read)(const Motor&);
   void (*write)(Motor&, std::uint16_t);
+  int (*read_worn)(const WornJoint&) = nullptr;
 };
 
 std::int16_t Signed(std::uint16_t value) { return static_cast<std::int16_t>(value); }
@@ -36,7 +37,8 @@ constexpr std::array<Quantity, 7> kQuantities{{
     {Function::kVelocity, 2, [](const Motor& m) -> int { return m.Velocity(); },
      [](Motor& m, std::uint16_t v) { m.SetVelocity(Signed(v)); }},
     {Function::kPosition, 2, [](const Motor& m) -> int { return m.Position(); },
-     [](Motor& m, std::uint16_t v) { m.SetTarget(Signed(v)); }},
+     [](Motor& m, std::uint16_t v) { m.SetTarget(Signed(v)); },
+     [](const WornJoint& j) -> int { return j.Position(); }},
     {Function::kErrorReport, 2, [](const Motor& m) -> int { return m.Errors(); }, nullptr},
     {Function::kTemperatureReport, 2, [](const Motor& m) -> int { return m.Temperature(); },
      nullptr},
@@ -46,6 +48,15 @@ constexpr std::array<Quantity, 7> kQuantities{{
 const Quantity& QuantityOf(Function function) {
   return *std::find_if(kQuantities.begin(), kQuantities.end() - 1,
                        [function](const Quantity& q) { return q.function == function; });
+}
+
+std::vector<int> ValuesOf(const Quantity& quantity, const std::vector<Motor>& motors,
+                          const std::vector<WornJoint>& joints) {
+  std::vector<int> values;
+  for (const Motor& motor : motors) values.push_back(quantity.read(motor));
+  if (quantity.read_worn == nullptr) return values;
+  for (const WornJoint& joint : joints) values.push_back(quantity.read_worn(joint));
+  return values;
 }
 
 /// The fields of a mixed control element, behind its first byte, in order.
@@ -94,11 +105,13 @@ std::uint16_t ReportKey(Function function, std::uint8_t index) {
 }  // namespace
 
 /// What each function code is answered with.
-const std::array<SimulatedHand::Handler, 14> SimulatedHand::kHandlers{{
+const std::array<SimulatedHand::Handler, 16> SimulatedHand::kHandlers{{
     {Function::kVendor, &SimulatedHand::AnswerVendor},
     {Function::kDevice, &SimulatedHand::AnswerDevice},
     {Function::kTactileSummary, &SimulatedHand::AnswerTactileSummary},
     {Function::kTactileRaw, &SimulatedHand::AnswerTactileRaw},
+    {Function::kMaxPositionCalibration, &SimulatedHand::AnswerCalibration},
+    {Function::kMinPositionCalibration, &SimulatedHand::AnswerCalibration},
     {Function::kMixedControl, &SimulatedHand::AnswerMixedControl},
     {Function::kCurrentThreshold, &SimulatedHand::AnswerQuantity},
     {Function::kControlMode, &SimulatedHand::AnswerQuantity},
@@ -125,12 +138,15 @@ SimulatedHand::SimulatedHand(const ModelRow& model, std::uint8_t device_id)
                 {1, 0, 0, 0},
                 {1, 0, 0, 0},
                 24000,
-                model.active_dof},
-      motors_(model.motors) {}
+                model.motors},
+      motors_(model.motors, Motor(model.max_position)) {
+  // As in a hand that closes finger by finger.
+  for (int i = 0; i < model.worn_joints; ++i) joints_.emplace_back(model.max_position, 0.05 * i);
+}
 
 std::vector<Frame> SimulatedHand::Handle(const Frame& frame, TimePoint now) {
   Advance(now);
-  if (silent_until_ && now < *silent_until_) return {};
+  if (IsSilent(now)) return {};
   const auto request = Parse(frame);
   if (!request) return {};
   const auto handler = std::find_if(kHandlers.begin(), kHandlers.end(), [&](const Handler& h) {
@@ -143,12 +159,11 @@ std::vector<Frame> SimulatedHand::Handle(const Frame& frame, TimePoint now) {
 std::vector<Frame> SimulatedHand::TakeDue(TimePoint now) {
   Advance(now);
   std::vector<Frame> frames;
-  const bool silent = silent_until_ && now < *silent_until_;
   for (auto& [key, report] : reports_) {
     if (report.due > now) continue;
     report.due += report.period;
     if (report.due <= now) report.due = now + report.period;
-    if (silent) continue;
+    if (IsSilent(now)) continue;
     frames.push_back(
         QuantityFrame(static_cast<Function>(key >> 8), static_cast<std::uint8_t>(key)));
   }
@@ -170,23 +185,32 @@ void SimulatedHand::Advance(TimePoint now) {
   if (steps <= 0) return;
   *time_ += steps * kStep;
   for (Motor& motor : motors_) motor.Advance(steps);
+  for (WornJoint& joint : joints_) joint.Advance(steps);
 }
 
 void SimulatedHand::SetContact(std::size_t sensor, double pressure) {
   contact_.at(sensor - 1) = pressure;
 }
 
+/// How far those motors and joints are closed, on average.
+double SimulatedHand::Closure(std::uint32_t closing) const {
+  double sum = 0.0;
+  int count = 0;
+  const auto add = [&](const auto& part) {
+    if ((closing & 1U) != 0) {
+      sum += part.Closure();
+      ++count;
+    }
+    closing >>= 1;
+  };
+  std::for_each(motors_.begin(), motors_.end(), add);
+  std::for_each(joints_.begin(), joints_.end(), add);
+  return count > 0 ? sum / count : 0.0;
+}
+
 std::vector<std::uint8_t> SimulatedHand::TactileBytes(std::size_t sensor,
                                                       std::size_t length) const {
-  const std::uint32_t motors = model_->tactile.at(sensor - 1).motors;
-  double closure = 0.0;
-  int count = 0;
-  for (std::size_t i = 0; i < motors_.size(); ++i) {
-    if ((motors >> i & 1U) == 0) continue;
-    closure += motors_[i].Closure();
-    ++count;
-  }
-  if (count > 0) closure /= count;
+  const double closure = Closure(model_->tactile.at(sensor - 1).closing);
   const double pressure = std::clamp(0.7 * closure + contact_[sensor - 1], 0.0, 1.0);
   std::vector<std::uint8_t> bytes(length);
   for (std::size_t i = 0; i < length; ++i) {
@@ -208,7 +232,7 @@ std::optional<SimulatedHand::Request> SimulatedHand::Parse(const Frame& frame) c
   const Request request{static_cast<Function>(frame.id >> 16 & 0xFF),
                         static_cast<std::uint8_t>(frame.id >> 24), (frame.id & kWriteBit) != 0,
                         frame};
-  // A device query to id 0 asks every hand.
+  // A device query to id 0 asks every hand of the family.
   const bool broadcast = (frame.id & kDeviceIdBits) == 0 && request.function == Function::kDevice &&
                          request.index == 0 && !request.write;
   if (!broadcast && (frame.id & kDeviceIdBits) != device_id_) return std::nullopt;
@@ -240,11 +264,10 @@ std::vector<Frame> SimulatedHand::Echo(const Request& request, std::size_t lengt
 
 Frame SimulatedHand::QuantityFrame(Function function, std::uint8_t index) const {
   const Quantity& quantity = QuantityOf(function);
+  const std::vector<int> values = ValuesOf(quantity, motors_, joints_);
   Frame frame = Reply(function, index);
-  if (index != 0) {
-    AppendValue(frame, quantity.read(motors_[index - 1U]), quantity.width);
-  } else {
-    for (const Motor& motor : motors_) AppendValue(frame, quantity.read(motor), quantity.width);
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (index == 0 || index == i + 1) AppendValue(frame, values[i], quantity.width);
   }
   frame.len = PaddedLength(frame.len);
   return frame;
@@ -314,10 +337,12 @@ std::vector<Frame> SimulatedHand::AnswerTactileRaw(const Request& request) {
 }
 
 std::vector<Frame> SimulatedHand::AnswerQuantity(const Request& request) {
-  if (request.index > motors_.size()) return {};
-  if (!request.write) return {QuantityFrame(request.function, request.index)};
-
   const Quantity& quantity = QuantityOf(request.function);
+  if (!request.write) {
+    if (request.index > ValuesOf(quantity, motors_, joints_).size()) return {};
+    return {QuantityFrame(request.function, request.index)};
+  }
+  if (request.index > motors_.size()) return {};
   const std::size_t length = quantity.width * (request.index == 0 ? motors_.size() : 1);
   if (request.frame.len < length) return {};
   if (quantity.write == nullptr) {
@@ -347,7 +372,7 @@ std::vector<Frame> SimulatedHand::AnswerUpdateData(const Request& request) {
 }
 
 /// The replies of an update keep the write flag of the request. After the last one the hand may
-/// go down; it comes back with its motors at rest.
+/// go down.
 std::vector<Frame> SimulatedHand::UpdateReplies(
     const Request& request, const std::vector<FirmwarePartition::Reply>& replies) {
   std::vector<Frame> frames;
@@ -358,13 +383,15 @@ std::vector<Frame> SimulatedHand::UpdateReplies(
     frame.len = reply.len;
     frames.push_back(frame);
   }
-  if (firmware_.TakeRestart()) {
-    silent_until_ = *time_ + firmware_.RestartTime();
-    motors_.assign(motors_.size(), Motor{});
-    reports_.clear();
-    if (firmware_.TakeNewImage()) ++identity_.software_version[1];
-  }
+  if (firmware_.TakeRestart()) Restart(*time_);
   return frames;
+}
+
+void SimulatedHand::Restart(TimePoint now) {
+  silent_until_ = now + firmware_.RestartTime();
+  motors_.assign(motors_.size(), Motor(model_->max_position));
+  reports_.clear();
+  if (firmware_.TakeNewImage()) ++identity_.software_version[1];
 }
 
 /// The report of one motor, or that of all motors at the period of motor 1. 0 ends a report.
@@ -376,6 +403,17 @@ void SimulatedHand::SetReportPeriod(const Request& request) {
   } else {
     reports_[key] = {period, *time_ + period};
   }
+}
+
+/// Calibration comes without data.
+std::vector<Frame> SimulatedHand::AnswerCalibration(const Request& request) {
+  if (request.index > joints_.size() || request.frame.len != 0) return {};
+  const auto end = request.function == Function::kMaxPositionCalibration ? WornJoint::End::kMaximum
+                                                                         : WornJoint::End::kMinimum;
+  for (std::size_t i = 0; i < joints_.size(); ++i) {
+    if (request.index == 0 || request.index == i + 1) joints_[i].Teach(end);
+  }
+  return Echo(request, 0);
 }
 
 std::vector<Frame> SimulatedHand::AnswerMixedControl(const Request& request) {

@@ -43,7 +43,13 @@ void KorvaneQuillCanImpl::Calibrate(std::uint8_t function, const char* end,
                                     std::uint8_t joint) const {
   CanfdFrame frame = engine_.WriteFrame(function, joint);
   frame.len = 0;
-  if (engine_.transport && engine_.Send(frame) != -1) return;
+  try {
+    if (engine_.transport && engine_.Send(frame) != -1) return;
+  } catch (const std::exception& error) {
+    const bool lower = function == function_code::kMinCalibration;
+    engine_.TellFailure({lower ? "SetMinPositionCalibration" : "SetMaxPositionCalibration"}, error);
+    return;
+  }
   const std::string which = joint == 0 ? "" : Compose(" for joint ", int{joint});
   LogError(Compose("[Error]: Failed to send ", end, " position calibration request", which));
 }

@@ -69,8 +69,9 @@ SendTurns::Turn::Turn(SendTurns& turns, Clock& clock) : turns_(turns), clock_(cl
   std::unique_lock lock(turns_.mutex_);
   const auto self = std::this_thread::get_id();
   if (turns_.owner_ == self) return;
-  while (turns_.owner_ != std::thread::id()) {
-    clock_.WaitUntil(lock, turns_.free_, clock_.Now() + kWholePacket);
+  const std::uint64_t number = turns_.next_++;
+  while (turns_.current_ != number) {
+    clock_.WaitUntil(lock, turns_.passed_on_, clock_.Now() + kWholePacket);
   }
   turns_.owner_ = self;
   taken_ = true;
@@ -80,7 +81,8 @@ SendTurns::Turn::~Turn() {
   if (!taken_) return;
   const std::lock_guard lock(turns_.mutex_);
   turns_.owner_ = {};
-  clock_.NotifyAll(turns_.free_);
+  ++turns_.current_;
+  clock_.NotifyAll(turns_.passed_on_);
 }
 
 UpdateRun::UpdateRun(const UpdateRules& rules, UpdateState& state, const CanLink& link,

@@ -102,7 +102,8 @@ struct UpdateState : UpdateProgress {
   std::atomic<bool> ota_accepted{false};
 };
 
-/// Keeps the frames of a packet together when both threads have one to send. A thread that already
+/// Keeps the frames of a packet together when both threads have one to send: first come, first
+/// served, so that the end of an update can't overtake a packet that waits. A thread that already
 /// has the turn keeps it: a transport may hand a reply over while it sends.
 class SendTurns {
  public:
@@ -121,7 +122,9 @@ class SendTurns {
 
  private:
   std::mutex mutex_;
-  std::condition_variable free_;
+  std::condition_variable passed_on_;
+  std::uint64_t next_ = 0;
+  std::uint64_t current_ = 0;
   std::thread::id owner_;
 };
 

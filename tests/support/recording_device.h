@@ -146,17 +146,28 @@ RecordingDevice::Script Throws(const Error& error) {
   return [=](const CanfdFrame&) -> std::optional<std::vector<CanfdFrame>> { throw error; };
 }
 
+template <class Hand, class Base = Hand>
+std::unique_ptr<Base> MakeHand(HandType type, std::uint8_t id,
+                               std::unique_ptr<CanBusDeviceBase> transport) {
+  return std::make_unique<Hand>(type, id, std::move(transport));
+}
+
 /// A hand whose frames are recorded, patient enough that a busy machine doesn't matter.
 template <class Hand>
 struct Rig {
-  explicit Rig(std::uint8_t id, HandType type = HandType::RIGHT, bool opens = true)
-      : hand(std::make_unique<Hand>(type, id, std::make_unique<RecordingDevice>(opens))),
-        device(static_cast<RecordingDevice*>(hand->Link().transport.get())) {
+  using Maker = std::unique_ptr<Hand> (*)(HandType, std::uint8_t,
+                                          std::unique_ptr<CanBusDeviceBase>);
+
+  explicit Rig(std::uint8_t id, HandType type = HandType::RIGHT, bool opens = true,
+               Maker make = &MakeHand<Hand>) {
+    auto adapter = std::make_unique<RecordingDevice>(opens);
+    device = adapter.get();
+    hand = make(type, id, std::move(adapter));
     hand->SetFrameRecvTimeout(1000);
   }
 
-  std::unique_ptr<Hand> hand;
   RecordingDevice* device;
+  std::unique_ptr<Hand> hand;
 };
 
 /// What a hand without a link is built on.
@@ -201,10 +212,7 @@ std::string Show(const std::vector<Value>& values) {
   return text;
 }
 
-/// An operation with its arguments, to be called on hands; its result is shown, "" if it has none.
-template <class Hand>
-using Call = std::function<std::string(Hand& hand, std::uint8_t index)>;
-
+/// What an operation returns, "" if it returns nothing.
 template <class Hand, class Operation, class... Arguments>
 std::string ShowCall(Hand& hand, Operation operation, const Arguments&... arguments) {
   if constexpr (std::is_void_v<std::invoke_result_t<Operation, Hand&, const Arguments&...>>) {
@@ -213,20 +221,6 @@ std::string ShowCall(Hand& hand, Operation operation, const Arguments&... argume
   } else {
     return Show(std::invoke(operation, hand, arguments...));
   }
-}
-
-/// An operation on one motor; what it takes besides the index follows.
-template <class Hand, class Operation, class... Arguments>
-Call<Hand> One(Operation operation, Arguments... arguments) {
-  return [=](Hand& hand, std::uint8_t index) {
-    return ShowCall(hand, operation, index, arguments...);
-  };
-}
-
-/// An operation on the whole hand.
-template <class Hand, class Operation, class... Arguments>
-Call<Hand> All(Operation operation, Arguments... arguments) {
-  return [=](Hand& hand, std::uint8_t) { return ShowCall(hand, operation, arguments...); };
 }
 
 }  // namespace talvera::korvane::test

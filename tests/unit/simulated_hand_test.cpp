@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <numeric>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,20 @@ class SimulatedHandTest : public testing::Test {
   void Pass(std::chrono::nanoseconds time) {
     now_ += time;
     hand_.Advance(now_);
+  }
+
+  void Become(const ModelRow& model) {
+    hand_ = SimulatedHand(model, 0x27);
+    hand_.Advance(now_);
+  }
+
+  /// A motor that closes with that much current and finds something in the way.
+  Motor& PressAgainst(std::size_t index, double obstacle, std::int16_t threshold) {
+    Motor& motor = hand_.JointMotor(index);
+    motor.SetFreeRange(obstacle, 4096);
+    motor.SetThreshold(threshold);
+    motor.SetTarget(0);
+    return motor;
   }
 
   SimulatedHand hand_{kBrisa, 0x27};
@@ -112,16 +127,21 @@ TEST_F(SimulatedHandTest, IgnoresWhatIsNotForItOrMakesNoSense) {
 
 TEST_F(SimulatedHandTest, SurvivesAnyFrame) {
   std::mt19937 random(1);
-  for (int i = 0; i < 20000; ++i) {
-    // Most frames get as far as a handler.
-    Frame frame =
-        MakeFrame(0x127 | (random() & 0x1F3F0080), {}, static_cast<std::uint8_t>(random() % 65));
-    for (auto& byte : frame.data) byte = static_cast<std::uint8_t>(random());
-    if (frame.id >> 16 != 0x0102) now_ += milliseconds(random() % 20);
-    hand_.Handle(frame, now_);
-    if (hand_.DeviceId() != 0x27) hand_ = SimulatedHand(kBrisa, 0x27);
+  for (const ModelRow* model : kModels) {
+    const std::uint32_t id = 0x27U | std::uint32_t{model->family} << 8;
+    Become(*model);
+    for (int i = 0; i < 8000; ++i) {
+      // Most frames get as far as a handler.
+      Frame frame = MakeFrame(id | (random() & 0x1F3F0080), {},
+                              static_cast<std::uint8_t>(random() % 3 == 0 ? 0 : random() % 65));
+      for (auto& byte : frame.data) byte = static_cast<std::uint8_t>(random());
+      if (frame.id >> 16 != 0x0102) now_ += milliseconds(random() % 20);
+      hand_.Handle(frame, now_);
+      hand_.TakeDue(now_);
+      if (hand_.DeviceId() != 0x27) Become(*model);
+    }
+    EXPECT_EQ(Ask(0x00130000 | id).id, 0x00130000 | id) << model->name;
   }
-  EXPECT_EQ(Ask(0x00130127).len, 20);
 }
 
 TEST_F(SimulatedHandTest, MotorsTakeTimeAndArriveExactly) {
@@ -161,10 +181,7 @@ TEST_F(SimulatedHandTest, TheSpeedLimitHolds) {
 }
 
 TEST_F(SimulatedHandTest, AnObstacleStallsTheMotorAndMovingAwayClearsTheStall) {
-  Motor& motor = hand_.JointMotor(2);
-  motor.SetFreeRange(2000, 4096);
-  motor.SetThreshold(500);
-  motor.SetTarget(0);
+  Motor& motor = PressAgainst(2, 2000, 500);
   Pass(seconds(2));
   EXPECT_EQ(Value(Ask(0x02130127)), 2000);
   EXPECT_EQ(Value(Ask(0x02220127)), -500);
@@ -180,15 +197,12 @@ TEST_F(SimulatedHandTest, AnObstacleStallsTheMotorAndMovingAwayClearsTheStall) {
 }
 
 TEST_F(SimulatedHandTest, AMotorThatPressesTooHardReportsOvercurrentAndThenOverheat) {
-  Motor& motor = hand_.JointMotor(1);
-  motor.SetFreeRange(3000, 4096);
-  motor.SetThreshold(2000);
-  motor.SetTarget(0);
+  const Motor& motor = PressAgainst(1, 3000, 2000);
   Pass(seconds(1));
   EXPECT_EQ(motor.Errors(), kStalled | kOvercurrent);
   Pass(seconds(120));
   EXPECT_EQ(motor.Errors(), kStalled | kOvercurrent | kOverheat);
-  motor.SetFault(kCommunicationException);
+  hand_.JointMotor(1).SetFault(kCommunicationException);
   EXPECT_EQ(Value(Ask(0x01200127)), 0x17);
 }
 
@@ -276,53 +290,213 @@ TEST_F(SimulatedHandTest, TactileSensorsFeelTheClosingHandAndAContact) {
 }
 
 TEST_F(SimulatedHandTest, RawTactileDataComeInNumberedFrames) {
-  hand_.SetContact(1, 0.5);
-  hand_.SetContact(7, 1.0);
-  EXPECT_EQ(Send(0x01060127).size(), 1U);
-  const auto dorsum = Send(0x07060127);
-  ASSERT_EQ(dorsum.size(), 2U);
-  const auto all = Send(0x00060127);
-  ASSERT_EQ(all.size(), 10U);
-  Bytes whole;
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    EXPECT_EQ(all[i].id, 0x00060127U);
-    EXPECT_EQ(all[i].len, 64);
-    EXPECT_EQ(all[i].data[0], 10);
-    EXPECT_EQ(all[i].data[1], i);
-    whole.insert(whole.end(), all[i].data.begin() + 2, all[i].data.end());
+  const std::vector<std::size_t> lengths{16, 18, 18, 18, 18, 78, 102};
+  for (const ModelRow* model : {&kBrisa, &kQuill}) {
+    Become(*model);
+    const std::uint32_t id = 0x00060027U | std::uint32_t{model->family} << 8;
+    const std::size_t sensors = model == &kBrisa ? 7 : 6;
+    Bytes expected;
+    for (std::size_t sensor = 1; sensor <= sensors; ++sensor) {
+      hand_.SetContact(sensor, 0.1 * static_cast<double>(sensor));
+      const Bytes bytes = hand_.TactileBytes(sensor, lengths[sensor - 1]);
+      expected.insert(expected.end(), bytes.begin(), bytes.end());
+    }
+    const auto read = [&](std::uint32_t sensor, std::size_t count) {
+      const auto frames = Send(id | sensor << 24);
+      EXPECT_EQ(frames.size(), count);
+      Bytes bytes;
+      for (std::size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_EQ(frames[i].id, id | sensor << 24);
+        EXPECT_EQ(frames[i].len, 64);
+        EXPECT_EQ(frames[i].data[0], count);
+        EXPECT_EQ(frames[i].data[1], i);
+        bytes.insert(bytes.end(), frames[i].data.begin() + 2, frames[i].data.end());
+      }
+      return bytes;
+    };
+    Bytes last(expected.end() - static_cast<long>(lengths[sensors - 1]), expected.end());
+    last.resize(124);
+    EXPECT_EQ(read(static_cast<std::uint32_t>(sensors), 2), last);
+    expected.resize(620);
+    EXPECT_EQ(read(0, 10), expected);
+    Bytes thumb = hand_.TactileBytes(1, 16);
+    thumb.resize(62);
+    EXPECT_EQ(read(1, 1), thumb);
   }
-  const auto at = [&](std::size_t from, std::size_t count) {
-    return Bytes(whole.begin() + static_cast<long>(from),
-                 whole.begin() + static_cast<long>(from + count));
-  };
-  EXPECT_EQ(at(0, 16), hand_.TactileBytes(1, 16));
-  EXPECT_EQ(at(166, 102), hand_.TactileBytes(7, 102));
-  EXPECT_EQ(at(268, 352), Bytes(352));
-  Bytes alone(dorsum[0].data.begin() + 2, dorsum[0].data.end());
-  alone.insert(alone.end(), dorsum[1].data.begin() + 2, dorsum[1].data.begin() + 42);
-  EXPECT_EQ(alone, at(166, 102));
 }
 
-TEST(SimulatedHandReports, GoOutOnTheirPeriodAndOnceAfterALongPause) {
-  ModelRow row = kBrisa;
-  for (FunctionRow& function : row.functions) {
-    function.write |= function.function == Function::kTemperatureReport;
+TEST_F(SimulatedHandTest, ATesselMovesInItsOwnRangeAndFeelsWithItsFingertips) {
+  Become(kTessel);
+  EXPECT_EQ(Value(Ask(0x07130127)), 2000);
+  const Bytes open = DataOf(Ask(0x02050127));
+  EXPECT_EQ(open, Bytes(32));  // 29 bytes, padded.
+  Ask(0x071301A7, {0x00, 0x00});
+  Ask(0x081301A7, {0xB8, 0x0B});  // 3000 is more than it can do.
+  Pass(seconds(2));
+  EXPECT_EQ(Value(Ask(0x07130127)), 0);
+  EXPECT_EQ(Value(Ask(0x08130127)), 2000);
+  const Bytes closed = DataOf(Ask(0x02050127));
+  EXPECT_EQ(std::count(closed.begin(), closed.end(), 0), 3);
+  EXPECT_EQ(DataOf(Ask(0x03050127)), open);  // The middle finger is still open.
+
+  PressAgainst(1, 1000, 700);
+  hand_.JointMotor(12).SetFault(kMotorException | kOverheat);
+  Pass(seconds(1));
+  const Frame errors = Ask(0x00200127);
+  EXPECT_EQ(errors.len, 24);
+  EXPECT_EQ(Value(errors, 0), kStalled);
+  EXPECT_EQ(Value(errors, 1), 0);
+  EXPECT_EQ(Value(errors, 11), 0x0A);
+}
+
+TEST_F(SimulatedHandTest, ReportsGoOutOnTheirPeriodAndOnceAfterALongPause) {
+  Become(kTessel);
+  EXPECT_FALSE(hand_.NextEvent());
+  EXPECT_EQ(Ask(0x002101A7, Bytes(24, 20), 24).len, 24);  // 0x1414 ms
+  EXPECT_EQ(hand_.NextEvent(), now_ + milliseconds(0x1414));
+  EXPECT_TRUE(hand_.TakeDue(now_ + milliseconds(0x1413)).empty());
+  Ask(0x0C2001A7, {0x64, 0x00});
+  hand_.JointMotor(12).SetFault(kOvercurrent);
+  now_ += seconds(1000);
+  const auto due = hand_.TakeDue(now_);
+  ASSERT_EQ(due.size(), 2U);
+  EXPECT_EQ(due[0].id, 0x0C200127U);
+  EXPECT_EQ(DataOf(due[0]), (Bytes{kOvercurrent, 0}));
+  EXPECT_EQ(due[1].id, 0x00210127U);
+  EXPECT_EQ(due[1].len, 24);
+  EXPECT_EQ(hand_.NextEvent(), now_ + milliseconds(100));
+  Ask(0x002101A7);
+  Ask(0x0C2001A7);
+  EXPECT_FALSE(hand_.NextEvent());
+}
+
+TEST_F(SimulatedHandTest, AQuillFollowsItsWearerBetweenTheEndsThatItWasTaught) {
+  Become(kQuill);
+  const auto read = [this](std::uint32_t joint) { return Value(Ask(0x00130727 | joint << 24)); };
+  std::set<int> readings;
+  for (int i = 0; i < 20; ++i) {
+    readings.insert(read(3));
+    Pass(milliseconds(150));
   }
-  SimulatedHand hand(row, 1);
-  SimulatedHand::TimePoint now{seconds(1)};
-  EXPECT_FALSE(hand.NextEvent());
-  EXPECT_EQ(hand.Handle(MakeFrame(0x00210181, Bytes(20, 20)), now).size(), 1U);  // 0x1414 ms
-  ASSERT_TRUE(hand.NextEvent());
-  EXPECT_EQ(*hand.NextEvent(), now + milliseconds(0x1414));
-  EXPECT_TRUE(hand.TakeDue(now + milliseconds(0x1413)).empty());
-  now += seconds(1000);
-  const auto due = hand.TakeDue(now);
-  ASSERT_EQ(due.size(), 1U);
-  EXPECT_EQ(due[0].id, 0x00210101U);
-  EXPECT_EQ(due[0].len, 20);
-  EXPECT_GT(*hand.NextEvent(), now);
-  hand.Handle(MakeFrame(0x00210181), now);
-  EXPECT_FALSE(hand.NextEvent());
+  EXPECT_GT(readings.size(), 15U);
+  EXPECT_GT(*readings.rbegin() - *readings.begin(), 2000);
+
+  const auto hold = [this](double sensor) {
+    for (std::size_t joint = 1; joint <= 10; ++joint) hand_.Joint(joint).Hold(sensor);
+    Pass(seconds(1));
+  };
+  hold(1000);
+  EXPECT_EQ(read(3), 1000);
+  EXPECT_EQ(Ask(0x000807A7, {}, 0).id, 0x00080727U);
+  EXPECT_EQ(read(3), 0);
+  EXPECT_TRUE(Send(0x000707A7, {}, 0).size() == 1 && read(3) == 0) << "no range would be left";
+  hold(3000);
+  EXPECT_EQ(Ask(0x030707A7, {}, 0).len, 0);
+  EXPECT_EQ(read(3), 4096);
+  EXPECT_LT(read(4), 4096) << "only joint 3 was taught its maximum";
+  hold(2000);
+  EXPECT_EQ(read(3), 2048);
+  hold(500);
+  EXPECT_EQ(read(3), 0);
+  EXPECT_TRUE(Send(0x0B0707A7, {}, 0).empty());
+  EXPECT_TRUE(Send(0x030707A7).empty()) << "calibration has no data";
+  hand_.Joint(3).Release();
+  Pass(milliseconds(1));
+  EXPECT_NE(read(3), 0);
+}
+
+using Functions = std::set<int>;
+
+/// What the protocol says of a model.
+struct Expectation {
+  const char* name;
+  const char* product_model;
+  std::uint32_t family;
+  int active_dof;
+  int position_bytes;  ///< Of the whole hand, as CAN FD carries them.
+  int mode_bytes;
+  int summaries;  ///< Sensors that answer 0x05, and 0x06.
+  int raw_sensors;
+  Functions reads;
+  Functions writes;
+};
+
+std::ostream& operator<<(std::ostream& out, const Expectation& e) { return out << e.name; }
+
+Functions With(Functions functions, const Functions& more) {
+  functions.insert(more.begin(), more.end());
+  return functions;
+}
+
+std::vector<Expectation> Expectations() {
+  const Functions reads{1, 2, 3, 0x10, 0x12, 0x13, 0x20, 0x21, 0x22};
+  const Functions writes{2, 3, 0x10, 0x12, 0x13, 0x14, 0xF1};
+  const Functions periods{0x20, 0x21, 0x22};
+  return {
+      {"brisa", "KorvaneBrisa", 0x100, 10, 20, 12, 7, 7, With(reads, {5, 6}), writes},
+      {"tessel", "KorvaneTessel", 0x100, 12, 24, 12, 5, 0, With(reads, {5}), With(writes, periods)},
+      {"quill", "KorvaneQuill", 0x700, 0, 20, 0, 0, 6, {1, 2, 6, 0x13}, {2, 7, 8, 0xF1}},
+      {"lumen", "KorvaneLumen", 0x100, 4, 8, 4, 0, 0, reads, writes},
+      {"vanta", "KorvaneVanta", 0x100, 20, 48, 20, 0, 0, reads, writes},
+  };
+}
+
+class EveryModel : public testing::TestWithParam<Expectation> {
+ protected:
+  /// What a new hand with id 4 says. The data are a mode 4 element and, in 7 bits, another id.
+  static std::vector<Frame> Send(std::uint32_t id, std::uint8_t length = 64) {
+    SimulatedHand hand(*FindModel(GetParam().name), 4);
+    return hand.Handle(MakeFrame(id | GetParam().family | 4, {0x81}, length), {});
+  }
+
+  static int LengthOf(std::uint32_t id) {
+    const auto replies = Send(id);
+    return replies.empty() ? 0 : replies[0].len;
+  }
+
+  static int SensorsThatAnswer(std::uint32_t id) {
+    int count = 0;
+    for (std::uint32_t sensor = 1; sensor < 32; ++sensor) {
+      count += Send(id | sensor << 24).empty() ? 0 : 1;
+    }
+    return count;
+  }
+
+  /// The functions that are answered at all, each under the hand's own id and family.
+  static Functions Answered(std::uint32_t write_flag) {
+    Functions functions;
+    for (std::uint32_t id = 0; id < 0x02000000; id += 0x10000) {
+      for (const std::uint8_t length : {std::uint8_t{0}, std::uint8_t{64}}) {
+        for (const Frame& reply : Send(id | write_flag, length)) {
+          functions.insert(static_cast<int>(id >> 16 & 0xFF));
+          const std::uint32_t flag = (reply.id >> 16 & 0xFF) == 0xF2 ? write_flag : 0;
+          EXPECT_EQ(reply.id & 0xFFFF, GetParam().family | flag | 4) << std::hex << id;
+        }
+      }
+    }
+    return functions;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Models, EveryModel, testing::ValuesIn(Expectations()),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_P(EveryModel, TellsWhoItIs) {
+  const auto vendor = Send(0x00010000);
+  ASSERT_EQ(vendor.size(), 1U);
+  const auto& data = vendor[0].data;
+  EXPECT_STREQ(std::string(data.begin(), data.begin() + 16).c_str(), GetParam().product_model);
+  EXPECT_EQ(data[40], GetParam().active_dof);
+  EXPECT_EQ(kModels.size(), Expectations().size());
+}
+
+TEST_P(EveryModel, AnswersItsFunctionsAtTheirLengthsAndNoOthers) {
+  EXPECT_EQ(LengthOf(0x00130000), GetParam().position_bytes);
+  EXPECT_EQ(LengthOf(0x00100000), GetParam().mode_bytes);
+  EXPECT_EQ(SensorsThatAnswer(0x00050000), GetParam().summaries);
+  EXPECT_EQ(SensorsThatAnswer(0x00060000), GetParam().raw_sensors);
+  EXPECT_EQ(Answered(0), GetParam().reads);
+  EXPECT_EQ(Answered(0x80), GetParam().writes);
 }
 
 }  // namespace

@@ -42,7 +42,8 @@ class VirtualBusTest : public testing::Test {
 
 TEST_F(VirtualBusTest, FramesReachHandsAndOtherPortsButNotTheirSender) {
   bus_.Add({kBrisa, 1});
-  bus_.Add({kBrisa, 2});
+  bus_.Add({kVanta, 2});
+  bus_.Add({kQuill, 3});  // Of another family, which the broadcast doesn't ask.
   const auto other = bus_.Open();
   EXPECT_TRUE(port_->Send(Read(0x00020100)));
   EXPECT_EQ(IdsAt(*port_), (std::vector<std::uint32_t>{0x00020101, 0x00020102}));
@@ -174,9 +175,7 @@ TEST_F(VirtualBusTest, AnUnpluggedHandIsSilentAndComesBackAsItWas) {
 }
 
 TEST_F(VirtualBusTest, WhoeverReceivesMakesReportsComeOnTime) {
-  ModelRow row = kBrisa;
-  for (FunctionRow& function : row.functions) function.write = true;
-  bus_.Add({row, 1});
+  bus_.Add({kTessel, 1});
   Frame period = Read(0x00220181);
   period.data[0] = 50;
   port_->Send(period);

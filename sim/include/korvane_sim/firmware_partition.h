@@ -42,7 +42,8 @@ struct UpdateFault {
 enum class UpdateChecksum : std::uint8_t { kModbus, kXmodem };
 
 /// The part of a hand that takes new firmware: sizes, packet numbers and checksums are looked at,
-/// and an image counts only when it is whole. Not thread-safe; the hand owns it.
+/// and an image counts only when it is whole. A packet that is already stored is dropped without a
+/// word when it comes again. Not thread-safe; the hand owns it.
 class KORVANE_SIM_EXPORT FirmwarePartition {
  public:
   static constexpr std::size_t kPacketSize = 2048;
@@ -91,6 +92,7 @@ class KORVANE_SIM_EXPORT FirmwarePartition {
   std::vector<Reply> Answer(UpdateChild child, Action action);
   std::optional<UpdateFault> NextFault(UpdateChild child);
   std::uint32_t Upgrade(const Frame& frame);
+  std::size_t Stored() const { return image_.size() / kPacketSize; }
   std::uint32_t StorePacket(const Packet& packet);
   std::uint32_t Finish();
   void Restart();

@@ -16,6 +16,8 @@ enum class Function : std::uint8_t {
   kCurrentThreshold = 0x03,
   kTactileSummary = 0x05,
   kTactileRaw = 0x06,
+  kMaxPositionCalibration = 0x07,
+  kMinPositionCalibration = 0x08,
   kControlMode = 0x10,
   kVelocity = 0x12,
   kPosition = 0x13,
@@ -35,12 +37,15 @@ struct FunctionRow {
   bool write = false;
 };
 
-/// One tactile sensor. `raw_length` 0 means that the model lacks it. `motors` has a bit for each
-/// motor (bit 0 is motor 1) whose closing the sensor feels.
+using FunctionTable = std::array<FunctionRow, 16>;  ///< Ends at the first Function::kNone.
+
+/// One tactile sensor. A length of 0 means that it has no data of that kind. `closing` has a bit
+/// for each motor (bit 0 is motor 1), or joint of a hand that is worn, whose closing the sensor
+/// feels.
 struct TactileRow {
   std::uint8_t raw_length = 0;
   std::uint8_t summary_length = 0;
-  std::uint32_t motors = 0;
+  std::uint32_t closing = 0;
 };
 
 /// All that sets one model apart from another, as the hand sees it.
@@ -48,11 +53,30 @@ struct ModelRow {
   std::string_view name;           ///< As on the command line.
   std::string_view product_model;  ///< Text of the vendor record, at most 16 characters.
   std::uint8_t family = 0;         ///< Bits 8 to 14 of the identifiers.
-  std::uint8_t motors = 0;
-  std::uint8_t active_dof = 0;
-  std::array<FunctionRow, 16> functions{};  ///< Ends at the first Function::kNone.
-  std::array<TactileRow, 7> tactile{};      ///< By sensor number less 1.
+  std::uint8_t motors = 0;         ///< As many as its active degrees of freedom.
+  std::uint8_t worn_joints = 0;    ///< Joints that nothing but the wearer moves.
+  std::uint16_t max_position = 0;  ///< Positions are 0 (closed) to this (open).
+  FunctionTable functions{};
+  std::array<TactileRow, 7> tactile{};  ///< By sensor number less 1.
 };
+
+/// What a hand with motors does. Tactile functions say nothing where the model has no such sensor.
+constexpr FunctionTable MotorFunctions(bool takes_report_periods) {
+  return {{{Function::kVendor, true, false},
+           {Function::kDevice, true, true},
+           {Function::kCurrentThreshold, true, true},
+           {Function::kTactileSummary, true, false},
+           {Function::kTactileRaw, true, false},
+           {Function::kControlMode, true, true},
+           {Function::kVelocity, true, true},
+           {Function::kPosition, true, true},
+           {Function::kMixedControl, false, true},
+           {Function::kErrorReport, true, takes_report_periods},
+           {Function::kTemperatureReport, true, takes_report_periods},
+           {Function::kCurrentReport, true, takes_report_periods},
+           {Function::kUpdateData, false, true},
+           {Function::kUpdateRequest, false, true}}};
+}
 
 /// Motors 3, 5, 6, 8 and 10 close thumb, index, middle, ring and little finger.
 inline constexpr ModelRow kBrisa{
@@ -60,21 +84,9 @@ inline constexpr ModelRow kBrisa{
     "KorvaneBrisa",
     0x01,
     10,
-    10,
-    {{{Function::kVendor, true, false},
-      {Function::kDevice, true, true},
-      {Function::kCurrentThreshold, true, true},
-      {Function::kTactileSummary, true, false},
-      {Function::kTactileRaw, true, false},
-      {Function::kControlMode, true, true},
-      {Function::kVelocity, true, true},
-      {Function::kPosition, true, true},
-      {Function::kMixedControl, false, true},
-      {Function::kErrorReport, true, false},
-      {Function::kTemperatureReport, true, false},
-      {Function::kCurrentReport, true, false},
-      {Function::kUpdateData, false, true},
-      {Function::kUpdateRequest, false, true}}},
+    0,
+    4096,
+    MotorFunctions(false),
     {{{16, 16, 0x004},
       {18, 16, 0x010},
       {18, 16, 0x020},
@@ -84,7 +96,53 @@ inline constexpr ModelRow kBrisa{
       {102, 25, 0x2B0}}},
 };
 
-inline constexpr std::array<const ModelRow*, 1> kModels{&kBrisa};
+/// Motor 11 closes the thumb, motors 1, 2 and 7 the index, 3, 4 and 8 the middle finger, motors 9
+/// and 10 ring and little finger.
+inline constexpr ModelRow kTessel{
+    "tessel",
+    "KorvaneTessel",
+    0x01,
+    12,
+    0,
+    2000,
+    MotorFunctions(true),
+    {{{0, 29, 0x400}, {0, 29, 0x043}, {0, 29, 0x08C}, {0, 29, 0x100}, {0, 29, 0x200}}},
+};
+
+/// Two joints to a finger, from the thumb on.
+inline constexpr ModelRow kQuill{
+    "quill",
+    "KorvaneQuill",
+    0x07,
+    0,
+    10,
+    4096,
+    {{{Function::kVendor, true, false},
+      {Function::kDevice, true, true},
+      {Function::kTactileRaw, true, false},
+      {Function::kMaxPositionCalibration, false, true},
+      {Function::kMinPositionCalibration, false, true},
+      {Function::kPosition, true, false},
+      {Function::kUpdateData, false, true},
+      {Function::kUpdateRequest, false, true}}},
+    {{{16, 0, 0x003},
+      {18, 0, 0x00C},
+      {18, 0, 0x030},
+      {18, 0, 0x0C0},
+      {18, 0, 0x300},
+      {78, 0, 0x3FC}}},
+};
+
+inline constexpr ModelRow kLumen{
+    "lumen", "KorvaneLumen", 0x01, 4, 0, 4096, MotorFunctions(false), {},
+};
+
+inline constexpr ModelRow kVanta{
+    "vanta", "KorvaneVanta", 0x01, 20, 0, 4096, MotorFunctions(false), {},
+};
+
+inline constexpr std::array<const ModelRow*, 5> kModels{&kBrisa, &kTessel, &kQuill, &kLumen,
+                                                        &kVanta};
 
 /// The model of that name, or null.
 KORVANE_SIM_EXPORT const ModelRow* FindModel(std::string_view name);

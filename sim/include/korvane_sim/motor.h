@@ -19,12 +19,14 @@ enum MotorError : std::uint16_t {
 ///
 /// It follows its target with a speed limit and a first-order lag, draws current for friction, load
 /// and pressing against a stop, warms up with that current, and reports a stall when it has pressed
-/// for a while. Positions are actuator units (0 to 4096, starting at 4096), velocities actuator
-/// units per second, currents milliamperes, temperatures degrees Celsius. Not thread-safe.
+/// for a while. Positions are actuator units (0, closed, to the maximum, where it starts),
+/// velocities actuator units per second, currents milliamperes, temperatures degrees Celsius. Not
+/// thread-safe.
 class KORVANE_SIM_EXPORT Motor {
  public:
-  static constexpr double kMaxPosition = 4096.0;
   static constexpr std::int64_t kStepsPerSecond = 1000;
+
+  explicit Motor(double max_position) : max_position_(max_position) {}
 
   // What the host commands.
   void SetTarget(std::int16_t position);
@@ -52,8 +54,8 @@ class KORVANE_SIM_EXPORT Motor {
   /// Something in the way: the motor can't leave this range.
   void SetFreeRange(double low, double high);
 
-  /// 0 open, 1 closed. Motors close towards 0.
-  double Closure() const { return 1.0 - position_ / kMaxPosition; }
+  /// 0 open, 1 closed.
+  double Closure() const { return 1.0 - position_ / max_position_; }
 
   /// Lets that many milliseconds pass.
   void Advance(std::int64_t steps);
@@ -61,22 +63,24 @@ class KORVANE_SIM_EXPORT Motor {
  private:
   double WantedVelocity() const;
   double CurrentGoal(double wanted) const;
+  double TopSpeed() const { return 2 * max_position_; }
   double Limit() const { return threshold_ > 0 ? threshold_ : 0.0; }
   bool IsStill() const;
   void Step();
   void Rest(double seconds);
   void Warm(double seconds);
 
-  double position_ = kMaxPosition;
+  double max_position_;
+  double position_ = max_position_;
   double velocity_ = 0.0;
   double current_ = 0.0;
   double temperature_ = 25.0;
-  double target_ = kMaxPosition;
-  double speed_limit_ = 2 * kMaxPosition;
+  double target_ = max_position_;
+  double speed_limit_ = TopSpeed();
   double velocity_target_ = 0.0;
   double load_ = 0.0;
   double low_ = 0.0;
-  double high_ = kMaxPosition;
+  double high_ = max_position_;
   double pressing_seconds_ = 0.0;
   std::int16_t threshold_ = 800;
   std::uint16_t fault_ = 0;

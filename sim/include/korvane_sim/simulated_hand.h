@@ -13,6 +13,7 @@
 #include "korvane_sim/frame.h"
 #include "korvane_sim/model.h"
 #include "korvane_sim/motor.h"
+#include "korvane_sim/worn_joint.h"
 
 namespace talvera::korvane::sim {
 
@@ -47,18 +48,28 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   /// When TakeDue has something to give next, if ever.
   std::optional<TimePoint> NextEvent() const;
 
-  /// Lets the motors move up to `now`. Handle and TakeDue do that themselves.
+  /// Lets motors and joints move up to `now`. Handle and TakeDue do that themselves.
   void Advance(TimePoint now);
 
   const ModelRow& Model() const { return *model_; }
   std::uint8_t DeviceId() const { return device_id_; }
   Identity& GetIdentity() { return identity_; }
+  const Identity& GetIdentity() const { return identity_; }
 
   /// Motor `index`, counted from 1. Throws std::out_of_range for one that the hand lacks.
   Motor& JointMotor(std::size_t index) { return motors_.at(index - 1); }
   const Motor& JointMotor(std::size_t index) const { return motors_.at(index - 1); }
 
+  /// The same for a joint of a hand that is worn.
+  WornJoint& Joint(std::size_t index) { return joints_.at(index - 1); }
+
   FirmwarePartition& Firmware() { return firmware_; }
+
+  /// Goes down for the restart time and comes back with its motors at rest, and with the new
+  /// firmware if there is some.
+  void Restart(TimePoint now);
+  /// While it restarts.
+  bool IsSilent(TimePoint now) const { return silent_until_ && now < *silent_until_; }
 
   /// Presses on a tactile sensor (counted from 1), 0 to 1, in addition to what closing the hand
   /// does to it.
@@ -83,10 +94,11 @@ class KORVANE_SIM_EXPORT SimulatedHand {
     TimePoint due;
   };
 
-  static const std::array<Handler, 14> kHandlers;
+  static const std::array<Handler, 16> kHandlers;
 
   std::optional<Request> Parse(const Frame& frame) const;
   bool Knows(Function function, bool write) const;
+  double Closure(std::uint32_t closing) const;
   Frame Reply(Function function, std::uint8_t index) const;
   std::vector<Frame> Echo(const Request& request, std::size_t length) const;
   Frame QuantityFrame(Function function, std::uint8_t index) const;
@@ -96,6 +108,7 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   std::vector<Frame> AnswerTactileSummary(const Request& request);
   std::vector<Frame> AnswerTactileRaw(const Request& request);
   std::vector<Frame> AnswerQuantity(const Request& request);
+  std::vector<Frame> AnswerCalibration(const Request& request);
   std::vector<Frame> AnswerMixedControl(const Request& request);
   std::vector<Frame> AnswerUpdateRequest(const Request& request);
   std::vector<Frame> AnswerUpdateData(const Request& request);
@@ -107,11 +120,12 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   std::uint8_t device_id_;
   Identity identity_;
   std::vector<Motor> motors_;
+  std::vector<WornJoint> joints_;
   std::array<double, 7> contact_{};
   std::map<std::uint16_t, Report> reports_;  ///< By function code and index.
   FirmwarePartition firmware_;
   std::optional<TimePoint> silent_until_;  ///< While it restarts.
-  std::optional<TimePoint> time_;          ///< Up to where the motors have moved.
+  std::optional<TimePoint> time_;          ///< Up to where motors and joints have moved.
 };
 
 }  // namespace talvera::korvane::sim

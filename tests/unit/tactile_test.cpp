@@ -1,0 +1,323 @@
+// The tactile readings over CAN: summaries and raw arrays of one-axis sensors, and the three-axis
+// sensors of the KorvaneTessel.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <stdexcept>
+
+#include "support/tested_hands.h"
+
+namespace talvera::korvane {
+namespace {
+
+using namespace test;
+
+/// `count` bytes of which neighbours differ, going on from `first`.
+Bytes Counting(std::size_t count, std::size_t first = 0) {
+  Bytes bytes(count);
+  std::iota(bytes.begin(), bytes.end(), static_cast<std::uint8_t>(first));
+  return bytes;
+}
+
+/// The frames of a raw reply that holds Counting(count).
+std::vector<Bytes> RawFrames(std::size_t count) {
+  std::vector<Bytes> payloads((count + 61) / 62);
+  for (std::size_t i = 0; i < payloads.size(); ++i) {
+    payloads[i] = {static_cast<std::uint8_t>(payloads.size()), static_cast<std::uint8_t>(i)};
+    const Bytes data = Counting(std::min<std::size_t>(62, count - 62 * i), 62 * i);
+    payloads[i].insert(payloads[i].end(), data.begin(), data.end());
+  }
+  return payloads;
+}
+
+std::string Show(const std::vector<TactileSensorData>& records) {
+  std::string text;
+  for (const auto& record : records) {
+    text += std::to_string(static_cast<int>(record.finger)) + ": " + test::Show(record.data) + "\n";
+  }
+  return text;
+}
+
+/// A read of one sensor or, with index 0, of all.
+CanfdFrame Request(std::uint32_t fields, Finger finger = Finger{}) {
+  return FullFrame(fields | kId | static_cast<std::uint32_t>(finger) << 24, {});
+}
+
+const std::vector<Finger> kSeven{Finger::THUMB,  Finger::INDEX, Finger::MIDDLE, Finger::RING,
+                                 Finger::LITTLE, Finger::PALM,  Finger::DORSUM};
+const std::vector<Finger> kSix(kSeven.begin(), kSeven.end() - 1);
+
+class TactileSensors : public testing::TestWithParam<TestedHand>, protected HandPair<KorvaneBase> {
+ protected:
+  TactileSensors() : HandPair(GetParam().make) {}
+
+  const std::string of_class_ = GetParam().OfClass();
+  const std::uint32_t raw_ = 0x00060000 | GetParam().family;
+  const bool is_brisa_ = GetParam().class_name == kBrisa.class_name;
+  const std::vector<Finger>& order_ = is_brisa_ ? kSeven : kSix;
+  const IBR7TactileSensor1D& hand_ = dynamic_cast<IBR7TactileSensor1D&>(*rig_.hand);
+  const IBR7TactileSensor1D& without_ = dynamic_cast<IBR7TactileSensor1D&>(*without_transport_);
+};
+
+INSTANTIATE_TEST_SUITE_P(Both, TactileSensors, testing::Values(kBrisa, kQuill),
+                         testing::PrintToStringParamName());
+
+TEST_P(TactileSensors, AreKnown) {
+  EXPECT_EQ(hand_.GetSensorOrder(), order_);
+  EXPECT_EQ(&hand_.GetSensorOrder(), &without_.GetSensorOrder());
+  const std::size_t lengths[] = {0, 16, 18, 18, 18, 18, 78, is_brisa_ ? 102U : 0U, 0, 0};
+  std::uint8_t finger = 0;
+  for (const std::size_t length : lengths) {
+    EXPECT_EQ(hand_.GetSensorDataLength(static_cast<Finger>(finger++)), length);
+  }
+}
+
+TEST_P(TactileSensors, AreReadFromAsManyFramesAsTheirRawArrayTakes) {
+  const StreamCapture errors(stderr);
+  for (const Finger finger : order_) {
+    const std::size_t length = hand_.GetSensorDataLength(finger);
+    device_.script = RepliesInFrames(RawFrames(length));
+    EXPECT_EQ(Show({hand_.GetTactileSensorDataRaw(finger)}), Show({{finger, Counting(length)}}));
+    EXPECT_EQ(test::Show(device_.TakeSent()), test::Show({Request(raw_, finger)}));
+  }
+  // Whatever the length of a frame says.
+  device_.script = [](const CanfdFrame& sent) {
+    return std::vector<CanfdFrame>{FullFrame(sent.can_id, RawFrames(62)[0], 8)};
+  };
+  EXPECT_EQ(hand_.GetTactileSensorDataRaw(Finger::INDEX).data, Counting(18));
+  EXPECT_EQ(errors.Text(), "");
+}
+
+TEST_P(TactileSensors, KeepWhatArrivedWhenTheirRawArrayIsCutOff) {
+  rig_.hand->SetFrameRecvTimeout(10);
+  Bytes only = RawFrames(62)[0];
+  for (const std::uint8_t announced : {std::uint8_t{0}, std::uint8_t{1}, std::uint8_t{2}}) {
+    only[0] = announced;
+    device_.script = RepliesInFrames({only});
+    const StreamCapture errors(stderr);
+    EXPECT_EQ(Show({hand_.GetTactileSensorDataRaw(Finger::PALM)}),
+              Show({{Finger::PALM, Counting(62)}}));
+    const std::string lines = errors.Text();
+    EXPECT_EQ(lines.substr(announced == 2 ? lines.find('\n') + 1 : 0),
+              "[Warning]: Incomplete data for sensor 6. Expected 78 bytes, got 62\n");
+  }
+}
+
+TEST_P(TactileSensors, AreCutFromTheStreamOfAllInTheirOrder) {
+  device_.script = RepliesInFrames(RawFrames(620));
+  std::vector<TactileSensorData> expected;
+  std::size_t offset = 0;
+  for (const Finger finger : order_) {
+    const std::size_t length = hand_.GetSensorDataLength(finger);
+    expected.push_back({finger, Counting(length, offset)});
+    offset += length;
+  }
+  EXPECT_EQ(Told([&] { EXPECT_EQ(Show(hand_.GetAllTactileSensorDataRaw()), Show(expected)); }), "");
+  EXPECT_EQ(test::Show(device_.TakeSent()), test::Show({Request(raw_)}));
+}
+
+TEST_P(TactileSensors, GiveNothingWhenTheyFail) {
+  const auto expect_none = [](const IBR7TactileSensor1D& hand) {
+    return Told([&] {
+      EXPECT_EQ(Show({hand.GetTactileSensorDataRaw(Finger::MIDDLE)}), "3: \n");
+      EXPECT_TRUE(hand.GetAllTactileSensorDataRaw().empty());
+    });
+  };
+  const std::string none = "[Warning]: No tactile sensor data available";
+  const std::string one = none + " for sensor 3\n";
+  const std::string all = is_brisa_ ? none + "\n" : "";  // The other says nothing.
+  const std::string transport = "[ERROR][CanBusDeviceBase][SendRequestSynchMultiFrame] ";
+  const std::string not_sent = " request send failed\n";
+  device_.script = CantSend();
+  EXPECT_EQ(expect_none(hand_), transport + FrameText(Request(raw_, Finger::MIDDLE)) + not_sent +
+                                    one + transport + FrameText(Request(raw_)) + not_sent + all);
+  device_.script = Throws(std::runtime_error("adapter broke"));
+  const std::string broke = transport + "adapter broke\n";
+  EXPECT_EQ(expect_none(hand_), broke + one + broke + all);
+  EXPECT_EQ(expect_none(without_), of_class_ +
+                                       "[GetTactileSensorDataRaw][finger:3] no transport\n" +
+                                       of_class_ + "[GetAllTactileSensorDataRaw] no transport\n");
+  // A silent hand: a line of the transport's before each, unless a wait ends to the millisecond.
+  rig_.hand->SetFrameRecvTimeout(10);
+  device_.script = RepliesInFrames({});
+  const std::string lines = expect_none(hand_);
+  EXPECT_NE(lines.find(one), std::string::npos);
+  EXPECT_EQ(lines.find(none + "\n") != std::string::npos, is_brisa_);
+}
+
+TEST(BrisaTactile, GivesTheRemainderToEverySensorThatItIsTooShortFor) {
+  const Rig<KorvaneBrisaCanImpl> rig(kId);
+  const StreamCapture errors(stderr);
+  rig.device->script = RepliesInFrames(RawFrames(100));
+  const auto records = rig.hand->GetAllTactileSensorDataRaw();
+  ASSERT_EQ(records.size(), 7U);
+  EXPECT_EQ(records[4].data, Counting(18, 70));
+  EXPECT_EQ(Show({records[5], records[6]}),
+            Show({{Finger::PALM, Counting(12, 88)}, {Finger::DORSUM, Counting(12, 88)}}));
+  EXPECT_EQ(errors.Text(),
+            "[Warning]: Incomplete data for sensor 6, expected 78 bytes, got 12\n"
+            "[Warning]: Incomplete data for sensor 7, expected 102 bytes, got 12\n");
+  for (const Bytes& header : {Bytes{1, 0}, Bytes{1}, Bytes{}}) {
+    rig.device->script = RepliesInFrames({header});
+    EXPECT_EQ(Show(rig.hand->GetAllTactileSensorDataRaw()), "1: \n2: \n3: \n4: \n5: \n6: \n7: \n");
+  }
+}
+
+TEST(QuillTactile, LeavesOutTheFirstSensorThatIsCutOffAndThoseAfterIt) {
+  const struct {
+    std::size_t bytes;
+    std::size_t records;
+    const char* line;
+  } rows[] = {{166, 6, ""},
+              {165, 5, "[Warning]: Incomplete data for sensor 6\n"},
+              {88, 5, ""},
+              {33, 1, "[Warning]: Incomplete data for sensor 2\n"},
+              {1, 0, "[Warning]: Incomplete data for sensor 1\n"}};
+  const Rig<KorvaneQuillCanImpl> rig(kId);
+  for (const auto& row : rows) {
+    rig.device->script = RepliesInFrames(RawFrames(row.bytes));
+    const auto read = [&] { return rig.hand->GetAllTactileSensorDataRaw().size(); };
+    EXPECT_EQ(Told([&] { EXPECT_EQ(read(), row.records) << row.bytes; }), row.line);
+  }
+}
+
+/// A hand with other sensors than the usual, as an application may derive it.
+template <class Impl>
+struct OtherSensors : Impl {
+  using Impl::Impl;
+  const std::vector<Finger>& GetSensorOrder() const override { return order; }
+  std::size_t GetSensorDataLength(Finger finger) const override {
+    if (finger == Finger::PALM) throw std::runtime_error("broken palm");
+    if (finger == Finger::INDEX) return 62;
+    return finger == Finger::DORSUM ? 70 : 20;
+  }
+  std::vector<Finger> order{Finger::DORSUM, Finger::RING, Finger::THUMB};
+};
+
+struct BrisaWithOtherSensors : OtherSensors<KorvaneBrisaCanImpl> {
+  using OtherSensors::OtherSensors;
+  std::vector<std::uint8_t> GetTactileSensorData(Finger) const override { return {1, 2}; }
+};
+
+TEST(BrisaTactile, AsksOverriddenOperationsForTheSensorsAndKeepsWhatItHasWhenTheyThrow) {
+  const Rig<BrisaWithOtherSensors> rig(kId);
+  const StreamCapture errors(stderr);
+  EXPECT_EQ(Show(rig.hand->GetAllTactileSensorData()), "7: 1 2\n4: 1 2\n1: 1 2\n");
+
+  // A sensor that fills one frame: the second isn't waited for.
+  rig.device->script = RepliesInFrames({RawFrames(124)[0]});
+  EXPECT_EQ(rig.hand->GetTactileSensorDataRaw(Finger::INDEX).data, Counting(62));
+
+  // The first sensor is short; what is left still fills the second, and then not the third.
+  rig.device->script = RepliesInFrames(RawFrames(30));
+  EXPECT_EQ(Show(rig.hand->GetAllTactileSensorDataRaw()),
+            Show({{Finger::DORSUM, Counting(30)},
+                  {Finger::RING, Counting(20)},
+                  {Finger::THUMB, Counting(10, 20)}}));
+  rig.hand->order = {Finger::RING, Finger::PALM, Finger::THUMB};
+  EXPECT_EQ(Show(rig.hand->GetAllTactileSensorDataRaw()), Show({{Finger::RING, Counting(20)}}));
+  EXPECT_EQ(Show({rig.hand->GetTactileSensorDataRaw(Finger::PALM)}), "6: \n");
+  const std::string of_class = kBrisa.OfClass();
+  EXPECT_EQ(errors.Text(),
+            "[Warning]: Incomplete data for sensor 7, expected 70 bytes, got 30\n"
+            "[Warning]: Incomplete data for sensor 1, expected 20 bytes, got 10\n" +
+                of_class + "[GetAllTactileSensorDataRaw] broken palm\n" + of_class +
+                "[GetTactileSensorDataRaw][finger:6] broken palm\n");
+}
+
+TEST(QuillTactile, WalksItsOwnOrderAndKeepsWhatItHasWhenAnOverriddenOperationThrows) {
+  const Rig<OtherSensors<KorvaneQuillCanImpl>> rig(kId);
+  rig.device->script = RepliesInFrames(RawFrames(166));
+  const auto read = [&] { return rig.hand->GetAllTactileSensorDataRaw().size(); };
+  EXPECT_EQ(Told([&] { EXPECT_EQ(read(), 5U); }),
+            kQuill.OfClass() + "[GetAllTactileSensorDataRaw] broken palm\n");
+}
+
+// --- Fingers that don't exist ---------------------------------------------------------------
+
+TEST(BrisaTactile, ThrowsForThemBeforeItSendsAnything) {
+  const HandPair<KorvaneBrisaCanImpl> hands;
+  const auto throws = testing::ThrowsMessage<std::invalid_argument>("Invalid finger type");
+  for (const int number : {0, 8, 255}) {
+    const auto finger = static_cast<Finger>(number);
+    for (const auto* const hand : hands.both_) {
+      EXPECT_THAT([&] { hand->GetTactileSensorData(finger); }, throws);
+      EXPECT_THAT([&] { hand->GetTactileSensorDataRaw(finger); }, throws);
+    }
+  }
+  EXPECT_TRUE(hands.device_.TakeSent().empty());
+}
+
+TEST(QuillTactile, RefusesThemWithALineAndSendsNothing) {
+  const Rig<KorvaneQuillCanImpl> rig(kId);
+  for (const int finger : {0, 7, 8, 255}) {
+    const std::string number = std::to_string(finger);
+    const StreamCapture errors(stderr);
+    const auto record = rig.hand->GetTactileSensorDataRaw(static_cast<Finger>(finger));
+    EXPECT_EQ(Show({record}), number + ": \n");
+    EXPECT_EQ(errors.Text(),
+              "[Error]: Invalid sensor finger index for Quill (must be 0x01-0x06, no Dorsum): " +
+                  number + "\n");
+  }
+  EXPECT_TRUE(rig.device->TakeSent().empty());
+}
+
+TEST(BrisaTactile, ReadsSummariesOneByOneWhateverTheLengthOfTheReplyAlsoWhenSomeFail) {
+  const HandPair<KorvaneBrisaCanImpl> hands;
+  hands.device_.script = [](const CanfdFrame& sent) -> std::optional<std::vector<CanfdFrame>> {
+    if (sent.can_id >> 24 == 2) return std::nullopt;
+    return std::vector<CanfdFrame>{FullFrame(sent.can_id, Counting(64, 1), 4)};
+  };
+  std::vector<TactileSensorData> expected;
+  std::vector<CanfdFrame> requests;
+  for (const Finger finger : kSeven) {
+    const std::size_t length = finger >= Finger::PALM ? 25 : 16;
+    expected.push_back({finger, finger == Finger::INDEX ? Bytes(length) : Counting(length, 1)});
+    requests.push_back(Request(0x00050100, finger));
+  }
+  const StreamCapture errors(stderr);
+  EXPECT_EQ(Show(hands.hand_.GetAllTactileSensorData()), Show(expected));
+  EXPECT_EQ(test::Show(hands.device_.TakeSent()), test::Show(requests));
+  EXPECT_EQ(hands.without_transport_->GetTactileSensorData(Finger::PALM), Bytes(25));
+  const std::string failed = kBrisa.OfClass() + "[GetTactileSensorData][finger:";
+  EXPECT_EQ(errors.Text(), failed + "2] " + FrameText(requests[1]) + " request send failed\n" +
+                               failed + "6] no transport\n");
+}
+
+Bytes Read3D(const KorvaneTessel& hand, int finger) {
+  const auto record = hand.GetTactileSensor3DData(static_cast<Finger>(finger));
+  return {std::begin(record.data), std::end(record.data)};
+}
+
+TEST(TesselTactile, ReadsTwentyNineBytesOfAFingertipWhateverTheLengthOfTheReply) {
+  const HandPair<KorvaneTesselCanImpl> hands;
+  for (int finger = 1; finger <= 5; ++finger) {
+    hands.device_.script = Replies(Counting(64, 1), finger);
+    EXPECT_EQ(Read3D(hands.hand_, finger), Counting(29, 1));
+    EXPECT_EQ(test::Show(hands.device_.TakeSent()),
+              test::Show({Request(0x00050100, static_cast<Finger>(finger))}));
+  }
+  hands.device_.script = CantSend();
+  const std::string failed = kTessel.OfClass() + "[GetTactileSensor3DData] ";
+  EXPECT_EQ(Told([&] { EXPECT_EQ(Read3D(hands.hand_, 2), Bytes(29)); }),
+            failed + FrameText(Request(0x02050100)) + " request send failed\n");
+  EXPECT_EQ(Told([&] { EXPECT_EQ(Read3D(*hands.without_transport_, 2), Bytes(29)); }),
+            failed + "no transport\n");
+}
+
+TEST(TesselTactile, RefusesWhatIsNoFingertipWithALineAndSendsNothing) {
+  const Rig<KorvaneTesselCanImpl> rig(kId);
+  for (const int finger : {6, 7, 0, 8, 255}) {
+    EXPECT_EQ(Told([&] { EXPECT_EQ(Read3D(*rig.hand, finger), Bytes(29)); }),
+              finger == 6 || finger == 7
+                  ? "[ERROR]: Korvane Tessel does not support PALM or DORSUM sensors. Only THUMB, "
+                    "INDEX, MIDDLE, RING, LITTLE are supported.\n"
+                  : "[ERROR]: Invalid finger type\n");
+  }
+  EXPECT_TRUE(rig.device->TakeSent().empty());
+}
+
+}  // namespace
+}  // namespace talvera::korvane
