@@ -32,6 +32,13 @@ std::uint8_t AskBroadcast(const examples::HandOptions& where) {
   return 0;
 }
 
+/// A serial port has one hand, which answers whatever its id is.
+std::uint8_t AskPort(const examples::HandOptions& where) {
+  const auto hand = examples::OpenHand(where);
+  hand->SetFrameRecvTimeout(500);
+  return hand->GetDeviceInfo().device_id;
+}
+
 /// HCAN adapters and the KorvaneQuill have no broadcast: every id is asked in turn.
 std::uint8_t AskEveryId(const examples::HandOptions& where) {
   const auto hand = examples::OpenHand(where);
@@ -56,8 +63,12 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 127));
   CLI11_PARSE(app, argc, argv);
 
-  const bool one_by_one = where.link == "hcan" || where.model == "quill";
-  where.id = one_by_one ? AskEveryId(where) : AskBroadcast(where);
+  if (where.link == "serial") {
+    where.id = AskPort(where);
+  } else {
+    const bool one_by_one = where.link == "hcan" || where.model == "quill";
+    where.id = one_by_one ? AskEveryId(where) : AskBroadcast(where);
+  }
   if (where.id == 0) {
     std::fprintf(stderr, "No hand answers on %s.\n", examples::DescribeLink(where).c_str());
     return EXIT_FAILURE;

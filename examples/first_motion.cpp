@@ -29,7 +29,7 @@ constexpr auto kFrameTime = std::chrono::milliseconds(30);
 /// Reads the joints and remembers how long each round trip took.
 class JointReader {
  public:
-  explicit JointReader(const KorvaneBase& hand) : hand_(hand) {}
+  JointReader(const KorvaneBase& hand, std::size_t joints) : hand_(hand), joints_(joints) {}
 
   std::vector<short> Read() {
     const auto start = Clock::now();
@@ -37,6 +37,7 @@ class JointReader {
     if (joints.empty()) {
       ++failures_;
     } else {
+      joints.resize(joints_);  // the bus may pad a reply
       times_.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
     }
     return joints;
@@ -54,6 +55,7 @@ class JointReader {
 
  private:
   const KorvaneBase& hand_;
+  const std::size_t joints_;
   std::vector<double> times_;
   int failures_ = 0;
 };
@@ -105,9 +107,9 @@ class JointDisplay {
 void Move(KorvaneBase& hand, const examples::ModelTraits& model, int gesture) {
   if (model.gestures > 0) {
     hand.SetHandGesture(gesture);
-  } else if (model.motors > 0) {
+  } else if (model.has_motors) {
     const double closed = kPoses[gesture % kPoseCount] * model.full_scale;
-    hand.SetAllJointMotorPosi(std::vector<short>(model.motors, static_cast<short>(closed)));
+    hand.SetAllJointMotorPosi(std::vector<short>(model.joints, static_cast<short>(closed)));
   }
 }
 
@@ -146,7 +148,7 @@ int main(int argc, char** argv) {
   std::printf("%s %s with id %d on %s\n", where.side.c_str(), model.name, where.id,
               examples::DescribeLink(where).c_str());
 
-  JointReader reader(*hand);
+  JointReader reader(*hand, model.joints);
   if (reader.Read().empty()) {
     std::fprintf(stderr, "No such hand answers there. Is it powered, and is %d its id?\n",
                  where.id);

@@ -20,6 +20,8 @@ struct HandOptions {
   std::string model = "brisa";
   std::string link = "zlg";
   std::string interface = "can0";
+  std::string port = "/dev/ttyUSB0";
+  int baud = 115200;
   std::uint8_t adapter = 0;
   std::uint8_t channel = 0;
   std::uint8_t id = 1;
@@ -29,10 +31,14 @@ struct HandOptions {
 /// A hand of whatever model, or a null pointer.
 using AnyHand = std::unique_ptr<talvera::korvane::KorvaneBase>;
 
+inline talvera::korvane::HandType SideOf(const HandOptions& options) {
+  using talvera::korvane::HandType;
+  return options.side == "left" ? HandType::LEFT : HandType::RIGHT;
+}
+
 template <class Hand>
 AnyHand Open(const HandOptions& options) {
-  using talvera::korvane::HandType;
-  const HandType side = options.side == "left" ? HandType::LEFT : HandType::RIGHT;
+  const auto side = SideOf(options);
   if (options.link == "socketcan") {
     return Hand::createHandSocketCan(side, options.id, options.interface);
   }
@@ -48,15 +54,18 @@ struct ModelTraits {
   AnyHand (*open)(const HandOptions& options);
   int gestures;    ///< 0: it has none.
   int full_scale;  ///< The greatest position of a motor or a reading.
-  std::size_t motors;
+  std::size_t joints;
+  bool has_motors;
 };
 
 inline const std::vector<ModelTraits>& Models() {
   using namespace talvera::korvane;
   static const std::vector<ModelTraits> models{
-      {"brisa", &Open<KorvaneBrisa>, 17, 4096, 10}, {"tessel", &Open<KorvaneTessel>, 4, 2000, 12},
-      {"quill", &Open<KorvaneQuill>, 0, 4096, 0},   {"lumen", &Open<KorvaneLumen>, 0, 4096, 4},
-      {"vanta", &Open<KorvaneVanta>, 0, 4096, 20},
+      {"brisa", &Open<KorvaneBrisa>, 17, 4096, 10, true},
+      {"tessel", &Open<KorvaneTessel>, 4, 2000, 12, true},
+      {"quill", &Open<KorvaneQuill>, 0, 4096, 10, false},
+      {"lumen", &Open<KorvaneLumen>, 0, 4096, 4, true},
+      {"vanta", &Open<KorvaneVanta>, 0, 4096, 20, true},
   };
   return models;
 }
@@ -75,9 +84,14 @@ inline void AddHandOptions(CLI::App& app, HandOptions& options) {
       ->check(CLI::IsMember(names))
       ->capture_default_str();
   app.add_option("--link", options.link, "How the hand is connected")
-      ->check(CLI::IsMember({"socketcan", "zlg", "hcan"}))
+      ->check(CLI::IsMember({"socketcan", "zlg", "hcan", "serial"}))
       ->capture_default_str();
   app.add_option("--interface", options.interface, "SocketCAN interface")->capture_default_str();
+  app.add_option("--port", options.port, "Serial port, for a brisa by USB or RS-485")
+      ->capture_default_str();
+  app.add_option("--baud", options.baud, "Bits per second of the serial port")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
   app.add_option("--adapter", options.adapter, "Number of the USB adapter")->capture_default_str();
   app.add_option("--channel", options.channel, "Channel of the USB adapter")->capture_default_str();
   app.add_option("--id", options.id, "Id of the hand, 1 to 127")
@@ -88,11 +102,19 @@ inline void AddHandOptions(CLI::App& app, HandOptions& options) {
       ->capture_default_str();
 }
 
-inline AnyHand OpenHand(const HandOptions& options) { return TraitsOf(options).open(options); }
+/// Only a KorvaneBrisa can be on a serial port, whatever --model says.
+inline AnyHand OpenHand(const HandOptions& options) {
+  if (options.link == "serial") {
+    return talvera::korvane::KorvaneBrisa::createHandByUsb(SideOf(options), options.id,
+                                                           options.port, options.baud);
+  }
+  return TraitsOf(options).open(options);
+}
 
 /// "zlg adapter 0, channel 0", "SocketCAN interface can0"
 inline std::string DescribeLink(const HandOptions& options) {
   if (options.link == "socketcan") return "SocketCAN interface " + options.interface;
+  if (options.link == "serial") return "serial port " + options.port;
   return options.link + " adapter " + std::to_string(options.adapter) + ", channel " +
          std::to_string(options.channel);
 }

@@ -26,17 +26,16 @@ constexpr std::size_t SensorDataLengthOf(Finger finger) {
   return 0;
 }
 
+inline constexpr Finger kSensorOrder[] = {Finger::THUMB, Finger::INDEX,  Finger::MIDDLE,
+                                          Finger::RING,  Finger::LITTLE, Finger::PALM,
+                                          Finger::DORSUM};
+
 /// The sensors of a hand in reading order, from THUMB to `last`. Applications may hold the
 /// reference for as long as the process runs.
 template <Finger last>
 const std::vector<Finger>& SensorsUpTo() {
-  static const auto* const order = [] {
-    auto* const fingers = new std::vector<Finger>;
-    for (int finger = 1; finger <= static_cast<int>(last); ++finger) {
-      fingers->push_back(static_cast<Finger>(finger));
-    }
-    return fingers;
-  }();
+  static const auto* const order =
+      new std::vector<Finger>(kSensorOrder, kSensorOrder + static_cast<int>(last));
   return *order;
 }
 

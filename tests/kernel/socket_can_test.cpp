@@ -16,6 +16,10 @@
 
 #include "can/can_bus_device_socket_can.h"
 #include "impl/korvane_brisa_can_impl.h"
+#include "korvane_lumen.h"
+#include "korvane_quill.h"
+#include "korvane_tessel.h"
+#include "korvane_vanta.h"
 #include "support/process_resources.h"
 #include "support/simulator_process.h"
 
@@ -142,6 +146,27 @@ TEST_F(SocketCanOnTheKernel, DrivesTenHandsOnOneBus) {
   for (std::uint8_t id = 1; id <= 10; ++id) hands.push_back(OpenHand(TestInterface(), id));
   for (const auto& hand : hands) hand->SetCurrentThreshold(1, hand->device_id);
   for (const auto& hand : hands) EXPECT_EQ(hand->GetCurrentThreshold(1), hand->device_id);
+}
+
+TEST_F(SocketCanOnTheKernel, DrivesHandsOfAllModelsOnOneBus) {
+  SimulatorProcess simulator({"--can", TestInterface(), "--hand", "brisa:1", "--hand", "tessel:2",
+                              "--hand", "quill:3", "--hand", "lumen:4", "--hand", "vanta:5"});
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const std::string bus = TestInterface();
+  std::vector<std::unique_ptr<KorvaneBase>> hands;
+  hands.push_back(KorvaneBrisa::createHandSocketCan(HandType::RIGHT, 1, bus));
+  hands.push_back(KorvaneTessel::createHandSocketCan(HandType::RIGHT, 2, bus));
+  hands.push_back(KorvaneQuill::createHandSocketCan(HandType::RIGHT, 3, bus));
+  hands.push_back(KorvaneLumen::createHandSocketCan(HandType::RIGHT, 4, bus));
+  hands.push_back(KorvaneVanta::createHandSocketCan(HandType::RIGHT, 5, bus));
+  const std::size_t joints[] = {10, 12, 10, 4, 20};
+  for (std::size_t i = 0; i < hands.size(); ++i) {
+    hands[i]->SetFrameRecvTimeout(kPatientMs);
+    EXPECT_EQ(hands[i]->GetDeviceInfo().device_id, i + 1);
+    EXPECT_GE(hands[i]->GetAllJointMotorPosi().size(), joints[i]);
+    if (i == 2) continue;  // no motors
+    EXPECT_EQ(hands[i]->SetJointMotorPosi(2, 123), 123);
+  }
 }
 
 TEST_F(SocketCanOnTheKernel, LeavesNothingBehindAfterManyHands) {
