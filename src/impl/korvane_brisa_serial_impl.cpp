@@ -212,6 +212,14 @@ int KorvaneBrisaSerialImpl::SetJointMotorPosi(std::uint8_t index, short position
   return -1;
 }
 
+std::optional<KorvaneBrisaSerialImpl::Bytes> KorvaneBrisaSerialImpl::ReadForAxis(
+    const char* operation, ServiceCommand command, ReplySlot slot, const char* what,
+    std::uint8_t index) const {
+  auto reply = Read(operation, command, slot);
+  if (!reply) TellReadFailed(what, index);
+  return reply;
+}
+
 std::optional<std::uint16_t> KorvaneBrisaSerialImpl::ReadPosition(const char* operation,
                                                                   std::uint8_t index) const {
   if (!CheckIndex(index, kJointIndex)) return std::nullopt;
@@ -263,10 +271,9 @@ void KorvaneBrisaSerialImpl::SetJointMotorVelo(std::uint8_t index, short velocit
 
 short KorvaneBrisaSerialImpl::GetJointMotorVelo(std::uint8_t index) const {
   if (!CheckIndex(index)) return 0;
-  const auto reply = Read("GetJointMotorVelo", Command::kGetAllAxisCvp, ReplySlot::kCvp);
-  if (reply) return VelocitiesOf(*reply)[index - 1U];
-  TellReadFailed("joint motor velocity", index);
-  return 0;
+  const auto reply = ReadForAxis("GetJointMotorVelo", Command::kGetAllAxisCvp, ReplySlot::kCvp,
+                                 "joint motor velocity", index);
+  return reply ? VelocitiesOf(*reply)[index - 1U] : short{0};
 }
 
 void KorvaneBrisaSerialImpl::SetAllJointMotorVelo(const std::vector<short>& velocities) {
@@ -312,16 +319,21 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllControlMode() const {
   return std::vector<std::uint8_t>(kAxes);
 }
 
+short KorvaneBrisaSerialImpl::GetCurrentThreshold(std::uint8_t index) const {
+  if (CheckIndex(index)) TellNotFully("GetCurrentThreshold");
+  return 0;
+}
+
+std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentThreshold() const {
+  TellNotFully("GetAllCurrentThreshold");
+  return std::vector<short>(kAxes);
+}
+
 void KorvaneBrisaSerialImpl::SetCurrentThreshold(std::uint8_t index, short threshold) {
   if (!CheckIndex(index)) return;
   const auto payload = ServicePayload().Add8(index).Add16(static_cast<std::uint16_t>(threshold));
   if (link_.Write("SetCurrentThreshold", Command::kSetProtectiveCurrent, payload)) return;
   LogError("[Error]: Failed to send current threshold request");
-}
-
-short KorvaneBrisaSerialImpl::GetCurrentThreshold(std::uint8_t index) const {
-  if (CheckIndex(index)) TellNotFully("GetCurrentThreshold");
-  return 0;
 }
 
 void KorvaneBrisaSerialImpl::SetAllCurrentThreshold(const std::vector<short>& thresholds) {
@@ -331,11 +343,6 @@ void KorvaneBrisaSerialImpl::SetAllCurrentThreshold(const std::vector<short>& th
     SetCurrentThreshold(++axis, threshold);
     std::this_thread::sleep_for(kBetweenAxes);
   }
-}
-
-std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentThreshold() const {
-  TellNotFully("GetAllCurrentThreshold");
-  return std::vector<short>(kAxes);
 }
 
 void KorvaneBrisaSerialImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targets) {
@@ -361,10 +368,9 @@ void KorvaneBrisaSerialImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targe
 
 unsigned short KorvaneBrisaSerialImpl::GetErrorReport(std::uint8_t index) const {
   if (!CheckIndex(index)) return 0;
-  const auto reply = Read("GetErrorReport", Command::kGetErrorCode, ReplySlot::kErrors);
-  if (reply) return ErrorOf(*reply);
-  TellReadFailed("error report", index);
-  return 0;
+  const auto reply = ReadForAxis("GetErrorReport", Command::kGetErrorCode, ReplySlot::kErrors,
+                                 "error report", index);
+  return reply ? ErrorOf(*reply) : 0;
 }
 
 std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllErrorReport() const {
@@ -376,11 +382,9 @@ std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllErrorReport() const {
 
 unsigned short KorvaneBrisaSerialImpl::GetTemperatureReport(std::uint8_t index) const {
   if (!CheckIndex(index)) return kNoPosition;
-  const auto reply =
-      Read("GetTemperatureReport", Command::kGetAllAxisTemp, ReplySlot::kTemperatures);
-  if (reply) return (*reply)[index - 1U];
-  TellReadFailed("motor temprature", index);
-  return kNoPosition;
+  const auto reply = ReadForAxis("GetTemperatureReport", Command::kGetAllAxisTemp,
+                                 ReplySlot::kTemperatures, "motor temprature", index);
+  return reply ? (*reply)[index - 1U] : kNoPosition;
 }
 
 std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllTemperatureReport() const {
@@ -393,12 +397,9 @@ std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllTemperatureReport() co
 
 short KorvaneBrisaSerialImpl::GetCurrentReport(std::uint8_t index) const {
   if (!CheckIndex(index)) return 0;
-  auto reply = Read("GetCurrentReport", Command::kGetAllAxisCurrent, ReplySlot::kCurrents);
-  if (!reply) {
-    TellReadFailed("motor current", index);
-    reply = link_.replies.Last(ReplySlot::kCurrents);
-  }
-  return WordsOf<short>(*reply)[index - 1U];
+  const auto reply = ReadForAxis("GetCurrentReport", Command::kGetAllAxisCurrent,
+                                 ReplySlot::kCurrents, "motor current", index);
+  return WordsOf<short>(reply ? *reply : link_.replies.Last(ReplySlot::kCurrents))[index - 1U];
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentReport() const {

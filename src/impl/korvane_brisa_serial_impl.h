@@ -87,10 +87,10 @@ class KorvaneBrisaSerialImpl : public WithJointAngles<SerialBrisa, BrisaRow>,
   /// The forces of all axes; empty on failure.
   std::vector<short> GetAllForceReport() const;
   void SetErrorReportPeriod(std::uint8_t index, unsigned short period) override;
-  void SetAllErrorReportPeriod(std::vector<unsigned short> periods) override;
   void SetTemperReportPeriod(std::uint8_t index, unsigned short period) override;
-  void SetAllTemperReportPeriod(std::vector<unsigned short> periods) override;
   void SetCurrentReportPeriod(std::uint8_t index, unsigned short period) override;
+  void SetAllErrorReportPeriod(std::vector<unsigned short> periods) override;
+  void SetAllTemperReportPeriod(std::vector<unsigned short> periods) override;
   void SetAllCurrentReportPeriod(std::vector<unsigned short> periods) override;
 
   // Touch
@@ -149,6 +149,8 @@ class KorvaneBrisaSerialImpl : public WithJointAngles<SerialBrisa, BrisaRow>,
   UsbSerialDevice* Device() const { return link_.device.get(); }
 
  private:
+  std::optional<Bytes> ReadForAxis(const char* operation, ServiceCommand command, ReplySlot slot,
+                                   const char* what, std::uint8_t index) const;
   std::optional<std::uint16_t> ReadPosition(const char* operation, std::uint8_t index) const;
 
   SerialUpdate update_;

@@ -17,10 +17,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr std::uint8_t kDataChild = 0;
-constexpr std::uint8_t kUpgradeChild = 1;
-constexpr std::uint8_t kPacketChild = 2;
-constexpr std::uint8_t kFinishChild = 3;
-constexpr std::uint8_t kRestartChild = 4;
 
 constexpr std::size_t kReplySize = 5;
 constexpr std::size_t kDataPerFrame = 64;
@@ -32,8 +28,8 @@ constexpr int kUpgradePolls = 20;
 constexpr std::size_t kDumpedBytes = 64;
 constexpr milliseconds kAfterReconnect{300};
 constexpr milliseconds kAfterLateReconnect{500};
-constexpr milliseconds kTransmissionPass{20};
 constexpr int kTransmissionPasses = 150;
+constexpr milliseconds kTransmissionPass{20};
 constexpr int kFinishPolls = 80;
 constexpr int kRestartPolls = 20;
 constexpr seconds kRestarting{3};

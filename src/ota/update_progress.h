@@ -18,6 +18,13 @@ using ProgressCallback = std::function<void(int, int, OtaProgressStatus)>;
 /// No reply has come to the last request. A hand's own status 99 reads the same.
 inline constexpr std::uint32_t kWaitingResponse = 99;
 
+/// The parts of an update, as requests and replies name them.
+inline constexpr std::uint8_t kUpgradeChild = 1;
+inline constexpr std::uint8_t kPacketChild = 2;
+inline constexpr std::uint8_t kFinishChild = 3;
+inline constexpr std::uint8_t kRestartChild = 4;
+inline constexpr std::uint8_t kResultChild = 5;
+
 /// The hand's status for a packet that failed its check, and what it is reported by.
 inline constexpr std::uint32_t kChecksumFailed = 1;
 inline constexpr int kChecksumFailedCode = -7;

@@ -16,12 +16,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr std::uint8_t kUpgradeChild = 1;
-constexpr std::uint8_t kPacketChild = 2;
-constexpr std::uint8_t kFinishChild = 3;
-constexpr std::uint8_t kRestartChild = 4;
-constexpr std::uint8_t kResultChild = 5;
-
 constexpr std::size_t kStatusBytes = 4;
 
 // The pacing is all there is of flow control. A packet takes at least 170 ms.

@@ -9,56 +9,54 @@ namespace talvera::korvane {
 /// class.
 template <class Base>
 class WithServiceSettings : public Base {
+  using Byte = std::uint8_t;
+  using Word = std::uint16_t;
+
  public:
   using Base::Base;
 
-  bool SetPowerState(std::uint8_t state) override { return Set(setting::kPowerState, state); }
-  bool SetAxisHoming(std::uint8_t axis, std::int16_t value) override {
-    return SetAxis(setting::kAxisHoming, axis, value);
+  bool SetPowerState(Byte state) override { return Set(setting::kPowerState, state); }
+  bool SetId(Word id) override { return Set(setting::kId, id); }
+  bool PlayAction(Byte action) override { return Set(setting::kPlayAction, action); }
+  bool SetRightOrLeft(Byte side) override { return Set(setting::kRightOrLeft, side); }
+  bool SetTemperatureThreshold(Byte threshold) override {
+    return Set(setting::kTemperatureThreshold, threshold);
   }
-  bool SetId(std::uint16_t id) override { return Set(setting::kId, id); }
+  bool SetAllAxisCvpUploadInterval(Word interval) override {
+    return Set(setting::kCvpUploadInterval, interval);
+  }
+
+  bool SetRunMode(Byte axis, Byte mode) override { return Set(setting::kRunMode, axis, mode); }
+  bool SetAxisMinPos(Byte axis, Word pos) override { return Set(setting::kAxisMinPos, axis, pos); }
+  bool SetAxisMaxPos(Byte axis, Word pos) override { return Set(setting::kAxisMaxPos, axis, pos); }
+  bool SetMinTorque(Byte axis, Byte value) override {
+    return Set(setting::kMinTorque, axis, value);
+  }
+  bool SetAxisHoming(Byte axis, std::int16_t value) override {
+    return Set(setting::kAxisHoming, axis, value);
+  }
   bool SaveParam() override { return Execute("SaveParam", ServiceCommand::kSaveParam, {}); }
+  bool SetOverloadTorque(Byte axis, Word torque) override {
+    return Set(setting::kOverloadTorque, axis, torque);
+  }
   bool ClearError() override { return Execute("ClearError", ServiceCommand::kClearError, {}); }
-  bool PlayAction(std::uint8_t action) override { return Set(setting::kPlayAction, action); }
-  bool SetRunMode(std::uint8_t axis, std::uint8_t mode) override {
-    return SetAxis(setting::kRunMode, axis, mode);
-  }
-  bool SetAxisMinPos(std::uint8_t axis, std::uint16_t pos) override {
-    return SetAxis(setting::kAxisMinPos, axis, pos);
-  }
-  bool SetAxisMaxPos(std::uint8_t axis, std::uint16_t pos) override {
-    return SetAxis(setting::kAxisMaxPos, axis, pos);
+  bool SetOverloadProtectionTime(Byte axis, Word time) override {
+    return Set(setting::kOverloadProtectionTime, axis, time);
   }
   bool ClearAllLimitPos() override {
     return Execute("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos, {});
+  }
+  bool SetProtectedTorque(Byte axis, Byte torque) override {
+    return Set(setting::kProtectedTorque, axis, torque);
   }
   bool SetAllRunSpeed(const std::vector<std::int16_t>& speeds) override {
     return speeds.size() == 10 && Execute("SetAllRunSpeed", ServiceCommand::kSetAllRunSpeed,
                                           ServicePayload().AddAll(speeds));
   }
-  bool SetOverloadTorque(std::uint8_t axis, std::uint16_t torque) override {
-    return SetAxis(setting::kOverloadTorque, axis, torque);
+  bool SetProtectiveCurrent(Byte axis, Word current) override {
+    return Set(setting::kProtectiveCurrent, axis, current);
   }
-  bool SetOverloadProtectionTime(std::uint8_t axis, std::uint16_t time) override {
-    return SetAxis(setting::kOverloadProtectionTime, axis, time);
-  }
-  bool SetProtectedTorque(std::uint8_t axis, std::uint8_t torque) override {
-    return SetAxis(setting::kProtectedTorque, axis, torque);
-  }
-  bool SetMinTorque(std::uint8_t axis, std::uint8_t torque) override {
-    return SetAxis(setting::kMinTorque, axis, torque);
-  }
-  bool SetProtectiveCurrent(std::uint8_t axis, std::uint16_t current) override {
-    return SetAxis(setting::kProtectiveCurrent, axis, current);
-  }
-  bool SetAllAxisCvpUploadInterval(std::uint16_t interval) override {
-    return Set(setting::kCvpUploadInterval, interval);
-  }
-  bool SetRightOrLeft(std::uint8_t side) override { return Set(setting::kRightOrLeft, side); }
-  bool SetTemperatureThreshold(std::uint8_t threshold) override {
-    return Set(setting::kTemperatureThreshold, threshold);
-  }
-  bool SetProductSerialNumber(const std::vector<std::uint8_t>& number) override {
+  bool SetProductSerialNumber(const std::vector<Byte>& number) override {
     return number.size() == sizeof(ProductSerialNumber) &&
            Execute("SetProductSerialNumber", ServiceCommand::kSetProductSerialNumber,
                    ServicePayload().AddAll(number));
@@ -75,7 +73,7 @@ class WithServiceSettings : public Base {
            Execute(setting.operation, setting.command, Value(setting, ServicePayload(), value));
   }
 
-  bool SetAxis(const ServiceSetting& setting, std::uint8_t axis, int value) {
+  bool Set(const ServiceSetting& setting, Byte axis, int value) {
     return setting.TakesAxis(axis) && setting.Takes(value) &&
            Execute(setting.operation, setting.command,
                    Value(setting, ServicePayload().Add8(axis), value));

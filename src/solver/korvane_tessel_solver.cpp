@@ -234,9 +234,9 @@ Doubles KorvaneTesselSolver::ActiveJoint2MotorLength(Doubles const& joint_pos) c
   m[10] = kMetres * PredictPoly(j[3], thumb_forward_3);
   m[0] = PredictPoly33(j[4], j[5], abad_mcp_forward_a);
   m[1] = PredictPoly33(j[4], j[5], abad_mcp_forward_b);
-  m[6] = FingerPIPFitPredict(j[4], j[5], j[6], pip_forward_first);
   m[2] = PredictPoly33(j[7], j[8], abad_mcp_forward_a);
   m[3] = PredictPoly33(j[7], j[8], abad_mcp_forward_b);
+  m[6] = FingerPIPFitPredict(j[4], j[5], j[6], pip_forward_first);
   m[7] = FingerPIPFitPredict(j[7], j[8], j[9], pip_forward_second);
   m[8] = kMetres * PredictPoly(j[10], single_forward);
   m[9] = kMetres * PredictPoly(j[11], single_forward);
