@@ -58,6 +58,10 @@ std::vector<Value> WordsOf(const ReplyCache::Bytes& bytes) {
   return ServiceWords<Value>(bytes.data(), bytes.size() / 2);
 }
 
+std::vector<std::uint16_t> Unsigned(const std::vector<short>& values) {
+  return {values.begin(), values.end()};
+}
+
 /// The velocities in a record of all axes.
 std::vector<short> VelocitiesOf(const ReplyCache::Bytes& records) {
   std::vector<short> velocities;
@@ -516,21 +520,15 @@ SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetAllAxisPos(
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisPos() const {
-  if (!link_.IsReady()) return {};
-  const auto positions = GetAllJointMotorPosi();
-  return {positions.begin(), positions.end()};
+  return link_.IsReady() ? Unsigned(GetAllJointMotorPosi()) : std::vector<std::uint16_t>();
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisCurrent() const {
-  if (!link_.IsReady()) return {};
-  const auto currents = GetAllCurrentReport();
-  return {currents.begin(), currents.end()};
+  return link_.IsReady() ? Unsigned(GetAllCurrentReport()) : std::vector<std::uint16_t>();
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisVelocity() const {
-  if (!link_.IsReady()) return {};
-  const auto velocities = GetAllJointMotorVelo();
-  return {velocities.begin(), velocities.end()};
+  return link_.IsReady() ? Unsigned(GetAllJointMotorVelo()) : std::vector<std::uint16_t>();
 }
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllAxisTemp() const {

@@ -10,8 +10,7 @@
 
 namespace talvera::korvane::test {
 
-/// A model over CAN, to run one test as each of them. What is said of it here and in the tests
-/// is worked out once more, and not taken from the tables of the library.
+/// A model over CAN, to run one test as each of them; not taken from the tables of the library.
 struct TestedHand {
   std::string class_name;
   int model_code;

@@ -180,7 +180,7 @@ TEST_F(SerialHandTest, AnswersFramesForItThatHaveTheRightTrailer) {
   Write("EEAA01000109CF27 EEAA02000109 2128");  // The wrong kind, another hand
   Write("EEAA010008F101000800000100FFED");      // An upgrade must have none.
   Exchange(kAsk, kPower);
-  Exchange("EEAA FF07 01 09 7A0B", "EEAA 0100 15 09 0010*10 B1E5");
+  Exchange("EEAA FF07 01 09 7A0B", "EEAA 0100 15 09 0010*10 6A84");
   for (const std::uint8_t byte : Hex(kAsk)) ASSERT_EQ(write(port_, &byte, 1), 1);
   Exchange(std::string(kAsk) + " " + kAsk, std::string(kPower) + kPower + kPower);
   EXPECT_EQ(device_.Statistics().other_id, 1U);
@@ -207,7 +207,7 @@ TEST_F(SerialHandTest, TakesNewFirmwareAndIsSilentUntilItRunsIt) {
   clock_.Advance(std::chrono::seconds(2));
   Exchange("EEAA 0100 01 CD 352A", "EEAA 0100 0B CD 020000 010100 010000 0A F5C7");
   Write(request + "03 00*4 4F0D");  // The new firmware expects the other checksum.
-  Exchange(request + "03 00*4 79DC", reply + "03 01 00*3 1593");
+  Exchange(request + "03 00*4 79DC", reply + "03 01 00*3 7813");
 }
 
 TEST_F(SerialHandTest, SpoilsRepliesAsItIsTold) {

@@ -67,9 +67,8 @@ INSTANTIATE_TEST_SUITE_P(Both, TactileSensors, testing::Values(kBrisa, kQuill),
 TEST_P(TactileSensors, AreKnown) {
   EXPECT_EQ(hand_.GetSensorOrder(), order_);
   EXPECT_EQ(&hand_.GetSensorOrder(), &without_.GetSensorOrder());
-  const std::size_t lengths[] = {0, 16, 18, 18, 18, 18, 78, is_brisa_ ? 102U : 0U, 0, 0};
   std::uint8_t finger = 0;
-  for (const std::size_t length : lengths) {
+  for (const std::size_t length : {0U, 16U, 18U, 18U, 18U, 18U, 78U, is_brisa_ ? 102U : 0U, 0U}) {
     EXPECT_EQ(hand_.GetSensorDataLength(static_cast<Finger>(finger++)), length);
   }
 }
