@@ -216,6 +216,7 @@ TEST_F(FirmwarePartitionTest, IsSilentWhileItRestartsAndComesBackAtRest) {
   EXPECT_THAT(Send(kVendor), IsEmpty());
   now_ += milliseconds(1);
   EXPECT_THAT(Send(kVendor), SizeIs(1));
+  EXPECT_EQ(hand_.JointMotor(3).Position(), 4096);
   EXPECT_EQ(hand_.JointMotor(3).Velocity(), 0);
   EXPECT_EQ(hand_.JointMotor(3).Errors(), 0);
   EXPECT_THAT(Upgrade(1, 1), ElementsAre(0));

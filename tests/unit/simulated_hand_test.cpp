@@ -345,7 +345,7 @@ TEST_F(SimulatedHandTest, ATesselMovesInItsOwnRangeAndFeelsWithItsFingertips) {
   const Frame errors = Ask(0x00200127);
   EXPECT_EQ(errors.len, 24);
   EXPECT_EQ(Value(errors, 0), kStalled);
-  EXPECT_EQ(Value(errors, 1), 0);
+  EXPECT_EQ(Value(errors, 7), 0);  // Its end was as far as motor 8 wanted to go.
   EXPECT_EQ(Value(errors, 11), 0x0A);
 }
 
