@@ -53,7 +53,7 @@ const Quantity& QuantityOf(Function function) {
 std::vector<int> ValuesOf(const Quantity& quantity, const std::vector<Motor>& motors,
                           const std::vector<WornJoint>& joints) {
   std::vector<int> values;
-  values.reserve(motors.size());
+  values.reserve(motors.size() + joints.size());
   for (const Motor& motor : motors) values.push_back(quantity.read(motor));
   if (quantity.read_worn == nullptr) return values;
   for (const WornJoint& joint : joints) values.push_back(quantity.read_worn(joint));
