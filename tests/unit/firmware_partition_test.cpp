@@ -77,10 +77,11 @@ class FirmwarePartitionTest : public testing::Test {
   }
 
   /// All that comes back to some of a packet's 32 data frames.
-  Statuses SendData(const Bytes& image, std::size_t number, int first = 0, int last = 32) {
+  Statuses SendData(const Bytes& image, std::size_t number, std::ptrdiff_t first = 0,
+                    std::ptrdiff_t last = 32) {
     Statuses statuses;
-    for (int i = first; i < last; ++i) {
-      const auto from = image.begin() + static_cast<int>(number) * 2048 + i * 64;
+    for (std::ptrdiff_t i = first; i < last; ++i) {
+      const auto from = image.begin() + static_cast<std::ptrdiff_t>(number) * 2048 + i * 64;
       const Statuses part = Ask(kData, Bytes(from, from + 64));
       EXPECT_TRUE(part.empty() || i == 31) << "only whole packets are answered";
       statuses.insert(statuses.end(), part.begin(), part.end());

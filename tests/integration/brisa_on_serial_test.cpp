@@ -1,0 +1,241 @@
+// A KorvaneBrisa on a serial line against the simulated hand: the two were written apart, from the
+// two ends of the protocol, and meet on a real terminal of the kernel.
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <algorithm>
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "impl/korvane_brisa_serial_impl.h"
+#include "korvane_sim/serial_hand.h"
+#include "serial/usb_device.h"
+#include "support/capture.h"
+#include "support/temporary_file.h"
+
+namespace talvera::korvane {
+namespace {
+
+using test::CaptureStreams;
+using test::FirmwareBytes;
+using test::TemporaryFile;
+
+constexpr std::uint8_t kId = 0x21;
+constexpr int kPatientMs = 1000;
+
+/// Real time, but for waits of seconds.
+class ImpatientClock : public Clock {
+ public:
+  TimePoint Now() const override { return SystemClock().Now(); }
+  void SleepFor(std::chrono::nanoseconds duration) override {
+    SystemClock().SleepFor(std::min<std::chrono::nanoseconds>(duration, kLongest));
+  }
+  void WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                 TimePoint deadline) override {
+    SystemClock().WaitUntil(lock, cv, deadline);
+  }
+  void NotifyAll(std::condition_variable& cv) override { SystemClock().NotifyAll(cv); }
+
+ private:
+  static constexpr std::chrono::milliseconds kLongest{100};
+};
+
+class BrisaOnSerial : public testing::Test {
+ protected:
+  BrisaOnSerial()
+      : link_(std::filesystem::temp_directory_path() /
+              ("korvane-serial-" + std::to_string(getpid()) + "-" +
+               testing::UnitTest::GetInstance()->current_test_info()->name())),
+        device_(MakeHand(), link_.string()) {
+    CaptureStreams([&] {
+      hand_ =
+          std::make_unique<KorvaneBrisaSerialImpl>(HandType::RIGHT, kId, link_.string(), 115200);
+    });
+    hand_->SetFrameRecvTimeout(kPatientMs);
+    // A line that was just opened may take a moment.
+    while (!hand_->SaveParam()) std::this_thread::yield();
+    hand_->ota_clock = &clock_;
+    hand_->Device()->clock_ = &clock_;
+  }
+
+  static sim::SimulatedHand MakeHand() {
+    sim::SimulatedHand hand(sim::kBrisa, kId);
+    hand.Firmware().SetRestartTime(std::chrono::milliseconds(10));
+    return hand;
+  }
+
+  std::filesystem::path link_;
+  ImpatientClock clock_;
+  sim::SerialHand device_;
+  std::unique_ptr<KorvaneBrisaSerialImpl> hand_;
+};
+
+TEST_F(BrisaOnSerial, MovesAndTellsWhereItIs) {
+  ASSERT_TRUE(hand_->connected);
+  EXPECT_EQ(hand_->SetJointMotorPosi(3, 1234), 0);
+  while (hand_->GetJointMotorPosi(3) != 1234) std::this_thread::yield();
+  const std::vector<short> targets{0, 100, 200, 300, 400, 500, 600, 700, 800, 900};
+  hand_->SetAllJointMotorPosi(targets);
+  while (hand_->GetAllJointMotorPosi() != targets) std::this_thread::yield();
+  EXPECT_EQ(hand_->GetAllJointAngles().size(), 16U);
+  EXPECT_EQ(hand_->GetAllTemperatureReport().size(), 10U);
+  EXPECT_EQ(hand_->GetAllCurrentReport().size(), 10U);
+  EXPECT_EQ(hand_->GetAllForceReport().size(), 10U);
+  EXPECT_EQ(hand_->GetAllJointMotorVelo().size(), 10U);
+  EXPECT_EQ(hand_->GetAllErrorReport(), std::vector<unsigned short>(10));
+}
+
+TEST_F(BrisaOnSerial, IsItselfAndFeels) {
+  const VendorInfo vendor = hand_->GetVendorInfo();
+  EXPECT_EQ(vendor.product_model, "BR7");
+  EXPECT_EQ(vendor.software_version.ToString(), "1.0.0");
+  EXPECT_EQ(vendor.active_dof, 10);
+  EXPECT_EQ(hand_->GetDeviceInfo().device_id, kId);
+  EXPECT_EQ(hand_->GetTactileSensorData(Finger::THUMB).size(), 16U);
+  EXPECT_EQ(hand_->GetTactileSensorData(Finger::PALM).size(), 25U);
+  EXPECT_EQ(hand_->GetAllTactileSensorData().size(), 7U);
+}
+
+TEST_F(BrisaOnSerial, KeepsWhatATechnicianSets) {
+  PrivateKorvane& service = *hand_;
+  EXPECT_TRUE(service.SetAxisMinPos(2, 100));
+  EXPECT_TRUE(service.SetAxisMaxPos(2, 3000));
+  const AxisLimitPos limits = service.GetAxisLimitPos();
+  ASSERT_EQ(limits.lower.size(), 10U);
+  EXPECT_EQ(limits.lower[1], 100);
+  EXPECT_EQ(limits.upper[1], 3000);
+  std::vector<std::uint8_t> number(19);
+  for (std::size_t i = 0; i < number.size(); ++i) number[i] = static_cast<std::uint8_t>('A' + i);
+  EXPECT_TRUE(service.SetProductSerialNumber(number));
+  EXPECT_EQ(service.GetProductSerialNumber().byte_2, 'C');
+  EXPECT_EQ(hand_->GetVendorInfo().serial_number, "ABCDEFGHIJKLMNOPQRS");
+  EXPECT_TRUE(service.SaveParam());
+  EXPECT_EQ(service.SetAllAxisPos(std::vector<std::uint16_t>(10, 2000)).pos.size(), 10U);
+  EXPECT_EQ(service.GetAllSensorId().size(), 7U);
+  EXPECT_EQ(service.GetAllAxisCvp().size(), 60U);
+}
+
+TEST_F(BrisaOnSerial, RefusesWhatIsOutOfRangeWithoutAFrame) {
+  device_.Unplug();  // what went out anyhow would fail loudly
+  PrivateKorvane& service = *hand_;
+  const auto written = CaptureStreams([&] {
+    for (const bool taken :
+         {service.SetAxisHoming(0, 0), service.SetAxisHoming(1, 4096), service.SetId(0),
+          service.SetId(2047), service.SetAxisMinPos(13, 0), service.SetAxisMaxPos(1, 4097),
+          service.SetOverloadTorque(1, 1001), service.SetProtectedTorque(1, 101),
+          service.SetProtectiveCurrent(1, 3251), service.SetRightOrLeft(2),
+          service.SetAllRunSpeed(std::vector<std::int16_t>(9)),
+          service.SetProductSerialNumber(std::vector<std::uint8_t>(18))}) {
+      EXPECT_FALSE(taken);
+    }
+    EXPECT_TRUE(service.SetAllAxisPos(std::vector<std::uint16_t>(9)).pos.empty());
+  });
+  EXPECT_EQ(written.err.find("[KorvaneBrisaSerialImpl]"), std::string::npos) << written.err;
+}
+
+TEST_F(BrisaOnSerial, GoesOnThroughNoiseAndPieces) {
+  sim::SerialFaults faults;
+  faults.junk = 0.5;
+  faults.merge = true;
+  faults.split = std::chrono::microseconds(20);
+  device_.SetFaults(faults);
+  hand_->SetJointMotorPosi(5, 777);
+  CaptureStreams([&] {
+    while (hand_->GetJointMotorPosi(5) != 777) std::this_thread::yield();
+  });
+}
+
+TEST_F(BrisaOnSerial, FailsInItsTimeWhenThePortDisappears) {
+  EXPECT_TRUE(hand_->SaveParam());
+  device_.Unplug();
+  hand_->SetFrameRecvTimeout(10);
+  const auto written = CaptureStreams([&] {
+    EXPECT_EQ(hand_->GetJointMotorPosi(1), -1);
+    EXPECT_EQ(hand_->SetJointMotorPosi(1, 1), -1);
+    EXPECT_FALSE(hand_->SaveParam());
+    EXPECT_TRUE(hand_->GetAllCurrentReport().empty());
+  });
+  EXPECT_NE(written.out.find("get joint motor posi failed, joint_motor_index: 1\n"),
+            std::string::npos);
+  device_.Plug();
+  CaptureStreams([&] { EXPECT_TRUE(hand_->Device()->Reconnect()); });
+  hand_->SetFrameRecvTimeout(kPatientMs);
+  EXPECT_TRUE(hand_->SaveParam());
+}
+
+TEST_F(BrisaOnSerial, TwoThreadsMayReadAtOnce) {
+  std::thread other([&] {
+    for (int i = 0; i < 20; ++i) hand_->GetAllTemperatureReport();
+  });
+  CaptureStreams([&] {
+    for (int i = 0; i < 20; ++i) hand_->GetAllCurrentReport();
+    other.join();
+  });
+}
+
+TEST_F(BrisaOnSerial, TakesNewFirmware) {
+  const auto image = FirmwareBytes(2 * 2048 + 100);
+  const TemporaryFile file(image);
+  std::vector<std::pair<int, int>> reports;
+  CaptureStreams([&] {
+    hand_->UpdateFirmware(file.Path(), [&](int current, int total, OtaProgressStatus status) {
+      EXPECT_EQ(total, 3);
+      reports.emplace_back(current, static_cast<int>(status));
+    });
+  });
+  const std::vector<std::pair<int, int>> expected{{0, 1}, {0, 2}, {0, 3}, {1, 4}, {2, 4},
+                                                  {3, 4}, {3, 6}, {3, 7}, {3, 0}};
+  reports.erase(std::remove(reports.begin(), reports.end(), std::pair(3, 5)), reports.end());
+  EXPECT_EQ(reports, expected);
+  device_.WithHand(
+      [&](sim::SimulatedHand& hand) { EXPECT_EQ(hand.Firmware().InstalledImage(), image); });
+}
+
+TEST(BrisaWithoutAPort, IsHarmless) {
+  std::unique_ptr<KorvaneBrisaSerialImpl> hand;
+  std::vector<std::pair<int, int>> reports;
+  const TemporaryFile file(FirmwareBytes(10));
+  const auto written = CaptureStreams([&] {
+    hand = std::make_unique<KorvaneBrisaSerialImpl>(HandType::LEFT, kId, "/no/such/port", 115200);
+    EXPECT_FALSE(hand->connected);
+    EXPECT_EQ(hand->SetJointMotorPosi(1, 1), -1);
+    EXPECT_EQ(hand->GetJointMotorPosi(1), -1);
+    EXPECT_EQ(hand->GetAllJointMotorPosi(), std::vector<short>(10));
+    EXPECT_EQ(hand->GetDeviceInfo().device_id, 0);
+    EXPECT_FALSE(hand->SaveParam());
+    hand->SetControlMode(1, ControlMode::MODE_1);
+    hand->SetDeviceId(3);
+    hand->SetFrameRecvTimeout(20);
+    EXPECT_EQ(hand->GetFrameRecvTimeout(), 0);
+    hand->UpdateFirmware(file.Path(), [&](int current, int, OtaProgressStatus status) {
+      reports.emplace_back(current, static_cast<int>(status));
+    });
+  });
+  EXPECT_EQ(written.err.find("[Error]: Failed to open USB serial port /no/such/port: "), 0U);
+  EXPECT_NE(written.err.find("[KorvaneBrisaSerialImpl] GetJointMotorPosi: no transport\n"),
+            std::string::npos);
+  EXPECT_NE(written.err.find("[Error]: Failed to send control mode request\n"), std::string::npos);
+  EXPECT_EQ(hand->device_id, kId);
+  ASSERT_FALSE(reports.empty());
+  EXPECT_EQ(reports.back(), std::pair(-4, -1));
+}
+
+TEST(ValidationType, FollowsTheFirmwareVersion) {
+  for (const auto& [version, type] : std::vector<std::pair<Version, int>>{{{15, 0, 0, 0}, 1},
+                                                                          {{15, 0, 0, 1}, 0},
+                                                                          {{16, 0, 0, 0}, 0},
+                                                                          {{1, 0, 0, 9}, 0},
+                                                                          {{1, 0, 1, 0}, 1},
+                                                                          {{2, 0, 0, 0}, 1},
+                                                                          {{0, 9, 9, 9}, 0},
+                                                                          {{14, 0, 0, 0}, 1}}) {
+    EXPECT_EQ(ValidationTypeOf(version), type) << version.ToString();
+  }
+}
+
+}  // namespace
+}  // namespace talvera::korvane
