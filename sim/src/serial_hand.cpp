@@ -25,7 +25,6 @@ using Bytes = std::vector<std::uint8_t>;
 using TimePoint = Clock::TimePoint;
 
 constexpr std::uint16_t kEveryone = 0x7FF;
-constexpr std::uint8_t kVersionQuery = 0xCD;
 constexpr std::uint8_t kUpdateReply = 0xF2;
 /// How often the clock is looked at while something is to come: it needn't be the machine's.
 constexpr std::chrono::nanoseconds kTick{std::chrono::milliseconds(2)};
