@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <vector>
 
 #include "util/log.h"
@@ -38,6 +39,7 @@ inline double Difference(int minuend, int subtrahend) {
 template <class Rows, class Row, class Number>
 std::vector<Number> Column(const Rows& rows, Number Row::*column) {
   std::vector<Number> numbers;
+  numbers.reserve(std::size(rows));
   for (const Row& row : rows) numbers.push_back(row.*column);
   return numbers;
 }
