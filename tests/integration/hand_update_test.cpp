@@ -54,12 +54,12 @@ struct Model {
   std::string restarting =
       Line("Received restart response (0x04), device will restart. Waiting for restart...");
   std::string retry = "[WARN]: [UpdateFirmware] Upgrade request no response (status=";
-  std::string retry_unheard = "";  ///< In place of the other while nothing has come.
+  std::string retry_unheard;  ///< In place of the other while nothing has come.
   std::string no_reply = "Upgrade request failed after 10 retries: no valid response";
   std::string completed = Line("OTA upgrade process completed [OK]!");
   std::string not_back = Line(
       "Could not reconnect to device after restart, but restart response was received", "[WARN]: ");
-  std::string late_result = "";
+  std::string late_result;
   std::string result_good =
       "[INFO]: [GetUpgradeResult] OTA upgrade result query successful, upgrade completed!\n";
   std::string result_bad = "[WARN]: [GetUpgradeResult] OTA upgrade result: 6, retrying...\n";
@@ -235,7 +235,7 @@ class HandUpdate : public testing::TestWithParam<Model> {
       if (sent < end && id == (0x01F00080 | own_) && len == 64 &&
           std::equal(data.begin(), data.end(), &image[sent])) {
         sent += 64;
-      } else if (request && child == 2 && len == 64 && 2048U * data[0] < image.size()) {
+      } else if (request && child == 2 && len == 64 && std::size_t{2048} * data[0] < image.size()) {
         text += static_cast<char>('0' + data[0]);
         sent = 2048U * data[0];
         end = sent + 2048;
