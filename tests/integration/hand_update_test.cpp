@@ -54,12 +54,12 @@ struct Model {
   std::string restarting =
       Line("Received restart response (0x04), device will restart. Waiting for restart...");
   std::string retry = "[WARN]: [UpdateFirmware] Upgrade request no response (status=";
-  std::string retry_unheard;  ///< In place of the other while nothing has come.
+  std::string retry_unheard{};  ///< In place of the other while nothing has come.
   std::string no_reply = "Upgrade request failed after 10 retries: no valid response";
   std::string completed = Line("OTA upgrade process completed [OK]!");
   std::string not_back = Line(
       "Could not reconnect to device after restart, but restart response was received", "[WARN]: ");
-  std::string late_result;
+  std::string late_result{};
   std::string result_good =
       "[INFO]: [GetUpgradeResult] OTA upgrade result query successful, upgrade completed!\n";
   std::string result_bad = "[WARN]: [GetUpgradeResult] OTA upgrade result: 6, retrying...\n";
@@ -237,7 +237,7 @@ class HandUpdate : public testing::TestWithParam<Model> {
         sent += 64;
       } else if (request && child == 2 && len == 64 && std::size_t{2048} * data[0] < image.size()) {
         text += static_cast<char>('0' + data[0]);
-        sent = 2048U * data[0];
+        sent = std::size_t{2048} * data[0];
         end = sent + 2048;
       } else {
         text += request && child < 5 && len == (child == 1 ? 6 : 64) ? "?U?FR"[child] : '?';
@@ -360,7 +360,8 @@ TEST_P(HandUpdate, EndsWhenTheHandRefusesTheRequest) {
     EXPECT_EQ(written_.err, lines);
     EXPECT_EQ(state_->HasCallback(), model_.keeps_callback);
     EXPECT_EQ(Wire(), "U");
-    EXPECT_EQ(UpdateSilently().err, ReplyError(" OTA u" + rejected + ", child_id: 1") + lines);
+    std::string silent = ReplyError(" OTA u" + rejected + ", child_id: 1");
+    EXPECT_EQ(UpdateSilently().err, silent.append(lines));
   }
 }
 

@@ -115,7 +115,7 @@ TEST_P(EveryModel, MovesOverBothAdapters) {
 TEST(DifferentHandsOnOneBus, AnswerForThemselves) {
   sim::VirtualBus bus;
   std::vector<AnyHand> hands;
-  for (std::uint8_t i = 0; i < Models().size(); ++i) {
+  for (std::size_t i = 0; i < Models().size(); ++i) {
     const auto id = static_cast<std::uint8_t>(kId + i);
     bus.Add({*Models()[i].row, id});
     hands.push_back(Patient(Models()[i].on_bus(bus, id)));
