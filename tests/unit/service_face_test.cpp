@@ -118,12 +118,14 @@ constexpr const char* kUpload = "EEAA 0100 3D 29 001000000000*10 4A47 ";
 
 /// A hand behind a link in a folder of its own, and a host that has the port open.
 class SerialHandTest : public testing::Test {
- protected:
-  SerialHandTest() { Open(); }
+ public:
   ~SerialHandTest() override {
     close(port_);
     fs::remove_all(folder_);
   }
+
+ protected:
+  SerialHandTest() { Open(); }
 
   static std::string MakeFolder() {
     std::string name = (fs::temp_directory_path() / "korvane-hand-XXXXXX").string();
