@@ -92,9 +92,13 @@ std::uint32_t FirmwarePartition::Upgrade(const Frame& frame) {
   return kOk;
 }
 
-std::vector<FirmwarePartition::Reply> FirmwarePartition::HandleData(const Frame& frame) {
-  if (!requested_ || !packet_ || frame.len != frame.data.size()) return {};
-  packet_->data.insert(packet_->data.end(), frame.data.begin(), frame.data.end());
+std::vector<FirmwarePartition::Reply> FirmwarePartition::HandleData(const Frame& frame,
+                                                                    std::size_t room) {
+  if (!requested_ || !packet_) return {};
+  const std::size_t size = std::min(room, kPacketSize - packet_->data.size());
+  if (frame.len < size) return {};
+  packet_->data.insert(packet_->data.end(), frame.data.begin(),
+                       frame.data.begin() + static_cast<std::ptrdiff_t>(size));
   if (packet_->data.size() < kPacketSize) return {};
   const Packet packet = *packet_;
   packet_.reset();

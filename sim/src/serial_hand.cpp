@@ -87,7 +87,10 @@ class SerialHand::Impl {
 
   std::string Path() const { return link_.empty() ? device_ : link_; }
   const std::string& Device() const { return device_; }
-  const ServiceSettings& Settings() const { return face_.Settings(); }
+  ServiceSettings Settings() {
+    face_.Follow(hand_, clock_.Now());
+    return face_.Settings();
+  }
 
   void Plug() {
     replug_at_.reset();
@@ -112,9 +115,10 @@ class SerialHand::Impl {
     emitted_ = received_ = 0;
   }
 
-  SimulatedHand& Hand() {
+  void WithHand(const std::function<void(SimulatedHand&)>& action) {
     hand_.Advance(clock_.Now());
-    return hand_;
+    action(hand_);
+    face_.Follow(hand_, clock_.Now());
   }
   void Restart() { face_.Restart(hand_, clock_.Now()); }
   void Say(const ServiceMessage& message) {
@@ -302,7 +306,7 @@ void SerialHand::SetFaults(const SerialFaults& faults) {
   impl_->Locked([&](Impl& impl) { impl.SetFaults(faults); });
 }
 void SerialHand::WithHand(const std::function<void(SimulatedHand&)>& action) {
-  impl_->Locked([&](Impl& impl) { action(impl.Hand()); });
+  impl_->Locked([&](Impl& impl) { impl.WithHand(action); });
 }
 ServiceSettings SerialHand::Settings() const {
   return impl_->Locked([](Impl& impl) { return impl.Settings(); });

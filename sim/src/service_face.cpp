@@ -29,17 +29,17 @@ constexpr std::size_t kForceBytes = 5;
 constexpr std::array<std::uint32_t, 5> kActions{0x000, 0x2B4, 0x2A4, 0x014, 0x284};
 
 /// What is wrong with any of the axes.
-unsigned AllErrors(const std::vector<std::uint16_t>& errors) {
-  unsigned word = 0;
-  for (const std::uint16_t axis : errors) word |= axis;
-  return word;
+unsigned AllErrors(const std::vector<AxisSettings>& axes) {
+  int word = 0;
+  for (const AxisSettings& axis : axes) word |= axis.errors;
+  return static_cast<unsigned>(word);
 }
 
 /// The first axis with an error, and which one: the axis number plus 20 for each place of the bit.
-unsigned FirstError(const std::vector<std::uint16_t>& errors) {
-  for (std::size_t i = 0; i < errors.size(); ++i) {
+unsigned FirstError(const std::vector<AxisSettings>& axes) {
+  for (std::size_t i = 0; i < axes.size(); ++i) {
     for (unsigned bit = 0; bit < 5; ++bit) {
-      if ((errors[i] >> bit & 1U) != 0) return static_cast<unsigned>(i) + 1 + 20 * bit;
+      if ((axes[i].errors >> bit & 1) != 0) return static_cast<unsigned>(i) + 1 + 20 * bit;
     }
   }
   return 0;
@@ -50,11 +50,13 @@ struct ServiceModel {
   std::string_view name;
   std::uint8_t product_code;
   bool serial_port;
-  unsigned (*error_word)(const std::vector<std::uint16_t>& errors);
+  bool can;
+  unsigned (*error_word)(const std::vector<AxisSettings>& axes);
 };
 
-constexpr std::array<ServiceModel, 3> kServiceModels{
-    {{"brisa", 2, true, AllErrors}, {"lumen", 3, false, FirstError}, {"", 0, false, AllErrors}}};
+constexpr std::array<ServiceModel, 3> kServiceModels{{{"brisa", 2, true, true, AllErrors},
+                                                      {"lumen", 3, false, true, FirstError},
+                                                      {"", 0, false, false, AllErrors}}};
 
 const ServiceModel& ServiceModelOf(const ModelRow& model) {
   return *std::find_if(kServiceModels.begin(), kServiceModels.end() - 1,
@@ -67,7 +69,6 @@ struct Axis {
   int number;
   const Motor& motor;
   const AxisSettings& settings;
-  int errors;
 };
 
 struct Column {
@@ -92,7 +93,7 @@ constexpr Column kForce{2, AmountOf};
 constexpr Column kLoad{2, LoadOf};
 /// A current in one byte is its high byte, both ways.
 constexpr Column kCurrentHigh{1, [](const Axis& a) { return AmountOf(a) >> 8; }};
-constexpr Column kErrors{1, [](const Axis& a) { return a.errors; }};
+constexpr Column kErrors{1, [](const Axis& a) { return a.settings.errors; }};
 constexpr Column kTemperature{
     1, [](const Axis& a) { return std::min<int>(255, a.motor.Temperature()); }};
 constexpr Column kNumber{1, [](const Axis& a) { return a.number; }};
@@ -125,9 +126,10 @@ Bytes Layout(const std::vector<Axis>& axes, const Columns& columns, std::size_t 
 
 std::vector<Axis> AxesOf(const SimulatedHand& hand, const ServiceState& state) {
   std::vector<Axis> axes;
-  for (std::size_t i = 0; i < state.errors.size(); ++i) {
-    axes.push_back(
-        {static_cast<int>(i) + 1, hand.JointMotor(i + 1), state.settings.axes[i], state.errors[i]});
+  axes.reserve(state.settings.axes.size());
+  for (const AxisSettings& settings : state.settings.axes) {
+    const std::size_t number = axes.size() + 1;
+    axes.push_back({static_cast<int>(number), hand.JointMotor(number), settings});
   }
   return axes;
 }
@@ -140,7 +142,7 @@ struct Call {
   std::uint8_t command;
   const Bytes& data;
 
-  std::size_t AxisCount() const { return state.errors.size(); }
+  std::size_t AxisCount() const { return state.settings.axes.size(); }
   bool IsSerial() const { return link == ServiceLink::kSerial; }
   /// A CAN FD frame brings more bytes than the payload has, with the lengths that there are.
   bool Has(std::size_t size) const {
@@ -188,13 +190,15 @@ struct AxisRow {
   int min;
   int max;
   int AxisSettings::*field;
-  void (*apply)(Motor&, int) = nullptr;  ///< Where the motor must know it too.
+  void (*apply)(Motor&, int) = nullptr;  ///< Where it is the motor that has it.
+  int (*read)(const Motor&) = nullptr;
 };
 
 constexpr std::array<AxisRow, 9> kAxisRows{{
     {0x03, 2, -4095, 4095, &AxisSettings::homing},
     {kRunMode, 1, 0, 7, &AxisSettings::mode,
-     [](Motor& m, int value) { m.SetMode(static_cast<std::uint8_t>(value)); }},
+     [](Motor& m, int value) { m.SetMode(static_cast<std::uint8_t>(value)); },
+     [](const Motor& m) -> int { return m.Mode(); }},
     {0x1B, 2, 0, kMaxPosition, &AxisSettings::lower},
     {0x1C, 2, 0, kMaxPosition, &AxisSettings::upper},
     {0x21, 2, 0, 1000, &AxisSettings::overload_torque},
@@ -202,7 +206,8 @@ constexpr std::array<AxisRow, 9> kAxisRows{{
     {0x23, 1, 0, 100, &AxisSettings::protected_torque},
     {0x24, 1, 0, 255, &AxisSettings::min_torque},
     {0x25, 2, 0, 3250, &AxisSettings::current,
-     [](Motor& m, int value) { m.SetThreshold(static_cast<std::int16_t>(value)); }},
+     [](Motor& m, int value) { m.SetThreshold(static_cast<std::int16_t>(value)); },
+     [](const Motor& m) -> int { return m.Threshold(); }},
 }};
 
 int ValueAt(const Call& call, std::size_t at, std::size_t width, bool is_signed) {
@@ -379,7 +384,7 @@ Bytes ReadSensorIds(const Call& call) {
 /// What still holds comes back at once.
 Bytes ClearErrors(const Call& call) {
   for (std::size_t i = 0; i < call.AxisCount(); ++i) {
-    call.state.errors[i] = 0;
+    call.state.settings.axes[i].errors = 0;
     call.hand.JointMotor(i + 1).SetFault(0);
   }
   return Accepted(true);
@@ -387,8 +392,8 @@ Bytes ClearErrors(const Call& call) {
 
 Bytes ReadErrors(const Call& call) {
   Bytes reply;
-  Append(reply, static_cast<int>(ServiceModelOf(call.hand.Model()).error_word(call.state.errors)),
-         2);
+  const auto error_word = ServiceModelOf(call.hand.Model()).error_word;
+  Append(reply, static_cast<int>(error_word(call.state.settings.axes)), 2);
   return reply;
 }
 
@@ -503,19 +508,47 @@ Bytes AnswerTo(const Call& call) {
   return answer.value_or(Bytes{});
 }
 
-/// Errors stay in the error word until they are cleared.
-void Watch(ServiceState& state, const SimulatedHand& hand) {
-  for (std::size_t i = 0; i < state.errors.size(); ++i) {
-    const Motor& motor = hand.JointMotor(i + 1);
-    unsigned errors = state.errors[i] | motor.Errors();
-    if (motor.Temperature() >= state.settings.temperature_threshold) errors |= kOverheat;
-    state.errors[i] = static_cast<std::uint16_t>(errors);
+/// The settings that the motors have themselves.
+void ReadMotors(ServiceSettings& settings, const SimulatedHand& hand) {
+  for (const AxisRow& row : kAxisRows) {
+    for (std::size_t i = 0; row.read != nullptr && i < settings.axes.size(); ++i) {
+      settings.axes[i].*row.field = row.read(hand.JointMotor(i + 1));
+    }
   }
 }
+
+/// Errors stay in the error word until they are cleared.
+void Watch(ServiceSettings& settings, const SimulatedHand& hand) {
+  for (std::size_t i = 0; i < settings.axes.size(); ++i) {
+    const Motor& motor = hand.JointMotor(i + 1);
+    settings.axes[i].errors |= motor.Errors();
+    if (motor.Temperature() >= settings.temperature_threshold) settings.axes[i].errors |= kOverheat;
+  }
+}
+
+Frame ServiceFrame(const ServiceMessage& message) {
+  Frame frame;
+  frame.id = kServiceIdentifier;
+  frame.data[0] = message.command;
+  const std::size_t size = std::min(message.data.size(), frame.data.size() - 1);
+  std::copy_n(message.data.begin(), size, frame.data.begin() + 1);
+  frame.len = PaddedLength(1 + size);
+  return frame;
+}
+
+std::vector<Frame> Frames(const std::vector<ServiceMessage>& messages) {
+  std::vector<Frame> frames(messages.size());
+  std::transform(messages.begin(), messages.end(), frames.begin(), ServiceFrame);
+  return frames;
+}
+
+/// As much of an id as the public protocol has room for.
+std::uint8_t PublicId(int device_id) { return static_cast<std::uint8_t>(device_id & 0x7F); }
 
 }  // namespace
 
 bool HasSerialPort(const ModelRow& model) { return ServiceModelOf(model).serial_port; }
+bool HasServiceOnCan(const ModelRow& model) { return ServiceModelOf(model).can; }
 
 UpdateChecksum SerialChecksum(const std::array<std::uint8_t, 4>& version) {
   const unsigned major = version[0];
@@ -525,39 +558,46 @@ UpdateChecksum SerialChecksum(const std::array<std::uint8_t, 4>& version) {
   return modbus ? UpdateChecksum::kModbus : UpdateChecksum::kXmodem;
 }
 
-ServiceFace::ServiceFace(const SimulatedHand& hand, ServiceLink link) : link_(link) {
+ServiceFace::ServiceFace(const SimulatedHand& hand, ServiceLink link)
+    : link_(link), restarts_(hand.Restarts()) {
   ServiceSettings& settings = state_.settings;
   settings.device_id = hand.DeviceId();
   const std::string& number = hand.GetIdentity().serial_number;
   std::copy_n(number.begin(), std::min(number.size(), settings.serial_number.size()),
               settings.serial_number.begin());
-  for (std::size_t i = 1; i <= hand.Model().motors; ++i) {
-    AxisSettings& axis = settings.axes.emplace_back();
-    axis.upper = hand.Model().max_position;
-    axis.mode = hand.JointMotor(i).Mode();
-    axis.current = hand.JointMotor(i).Threshold();
-  }
+  AxisSettings axis;
+  axis.upper = hand.Model().max_position;
+  settings.axes.assign(hand.Model().motors, axis);
+  ReadMotors(settings, hand);
   state_.saved = settings;
-  state_.errors.resize(settings.axes.size());
 }
 
 std::vector<ServiceMessage> ServiceFace::Handle(SimulatedHand& hand, const ServiceMessage& request,
                                                 TimePoint now) {
-  hand.Advance(now);
+  Follow(hand, now);
   if (hand.IsSilent(now)) return {};
-  Watch(state_, hand);
   if (request.command == kUpdateData || request.command == kUpdateRequest) {
     return HandleUpdate(hand, request, now);
   }
   Bytes reply = AnswerTo({state_, hand, link_, request.command, request.data});
+  hand.SetDeviceId(PublicId(Settings().device_id));
   ArmUploads(now);
   if (reply.empty()) return {};
   return {{request.command, std::move(reply)}};
 }
 
+std::vector<Frame> ServiceFace::Handle(SimulatedHand& hand, const Frame& request, TimePoint now) {
+  if (request.len == 0 || request.len > request.data.size()) return {};
+  const auto data = request.data.begin();
+  return Frames(Handle(hand, ServiceMessage{*data, {data + 1, data + request.len}}, now));
+}
+
+std::vector<Frame> ServiceFace::TakeDueFrames(SimulatedHand& hand, TimePoint now) {
+  return Frames(TakeDue(hand, now));
+}
+
 std::vector<ServiceMessage> ServiceFace::TakeDue(SimulatedHand& hand, TimePoint now) {
-  hand.Advance(now);
-  Watch(state_, hand);
+  Follow(hand, now);
   if (!upload_due_ || *upload_due_ > now) return {};
   const std::chrono::milliseconds interval(armed_ms_);
   *upload_due_ += interval;
@@ -572,13 +612,30 @@ ServiceMessage ServiceFace::Upload(const SimulatedHand& hand) const {
 
 void ServiceFace::Restart(SimulatedHand& hand, TimePoint now) {
   hand.Restart(now);
+  Follow(hand, now);
+}
+
+void ServiceFace::Follow(SimulatedHand& hand, TimePoint now) {
+  hand.Advance(now);
+  // The public protocol has no command to save: an id that it gave is permanent.
+  if (hand.DeviceId() != PublicId(Settings().device_id)) {
+    state_.settings.device_id = state_.saved.device_id = hand.DeviceId();
+  }
+  if (restarts_ != hand.Restarts()) Restore(hand);
+  ReadMotors(state_.settings, hand);
+  Watch(state_.settings, hand);
+  ArmUploads(now);
+}
+
+/// After a restart, which leaves only what was saved.
+void ServiceFace::Restore(SimulatedHand& hand) {
+  restarts_ = hand.Restarts();
   state_.settings = state_.saved;
   state_.powered = true;
-  state_.errors.assign(state_.errors.size(), 0);
-  ArmUploads(now);
+  hand.SetDeviceId(PublicId(Settings().device_id));
   for (const AxisRow& row : kAxisRows) {
-    for (std::size_t i = 0; row.apply != nullptr && i < state_.errors.size(); ++i) {
-      row.apply(hand.JointMotor(i + 1), state_.settings.axes[i].*row.field);
+    for (std::size_t i = 0; row.apply != nullptr && i < Settings().axes.size(); ++i) {
+      row.apply(hand.JointMotor(i + 1), Settings().axes[i].*row.field);
     }
   }
 }
@@ -603,10 +660,12 @@ std::vector<ServiceMessage> ServiceFace::HandleUpdate(SimulatedHand& hand,
   std::copy(request.data.begin() + static_cast<std::ptrdiff_t>(head), request.data.end(),
             frame.data.begin());
   const unsigned child = head > 0 ? request.data[0] : 0;
+  // A command takes a byte of the CAN frame, while serial frames bring as much as public ones.
+  const std::size_t room = frame.data.size() - (serial ? 0 : 1);
   FirmwarePartition& firmware = hand.Firmware();
   if (serial) firmware.SetChecksum(SerialChecksum(hand.GetIdentity().software_version));
   std::vector<FirmwarePartition::Reply> answers;
-  if (!is_request && child == 0) answers = firmware.HandleData(frame);
+  if (!is_request && child == 0) answers = firmware.HandleData(frame, room);
   if (is_request && child < static_cast<unsigned>(UpdateChild::kResult)) {
     answers = firmware.HandleRequest(static_cast<UpdateChild>(child), frame);
   }

@@ -145,6 +145,8 @@ SimulatedHand::SimulatedHand(const ModelRow& model, std::uint8_t device_id)
   for (int i = 0; i < model.worn_joints; ++i) joints_.emplace_back(model.max_position, 0.05 * i);
 }
 
+void SimulatedHand::SetDeviceId(std::uint8_t device_id) { device_id_ = device_id & kDeviceIdBits; }
+
 std::vector<Frame> SimulatedHand::Handle(const Frame& frame, TimePoint now) {
   Advance(now);
   if (IsSilent(now)) return {};
@@ -389,6 +391,7 @@ std::vector<Frame> SimulatedHand::UpdateReplies(
 }
 
 void SimulatedHand::Restart(TimePoint now) {
+  ++restarts_;
   silent_until_ = now + firmware_.RestartTime();
   motors_.assign(motors_.size(), Motor(model_->max_position));
   reports_.clear();

@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -17,8 +18,35 @@ namespace {
 using TimePoint = Clock::TimePoint;
 constexpr std::size_t kInboxFrames = 4096;
 
+/// A hand with its service side, if it has one.
 struct PluggedHand {
+  explicit PluggedHand(SimulatedHand simulated) : hand(std::move(simulated)) {
+    if (HasServiceOnCan(hand.Model())) service.emplace(hand, ServiceLink::kCan);
+  }
+
+  std::vector<Frame> Handle(const Frame& frame, TimePoint now) {
+    if (service && frame.id == kServiceIdentifier) return service->Handle(hand, frame, now);
+    std::vector<Frame> replies = hand.Handle(frame, now);
+    if (service) service->Follow(hand, now);
+    return replies;
+  }
+
+  std::vector<Frame> TakeDue(TimePoint now) {
+    std::vector<Frame> frames = hand.TakeDue(now);
+    if (!service) return frames;
+    const std::vector<Frame> uploads = service->TakeDueFrames(hand, now);
+    frames.insert(frames.end(), uploads.begin(), uploads.end());
+    return frames;
+  }
+
+  TimePoint NextEvent() const {
+    const auto report = hand.NextEvent();
+    const auto upload = service ? service->NextEvent() : std::nullopt;
+    return std::min(report.value_or(TimePoint::max()), upload.value_or(TimePoint::max()));
+  }
+
   SimulatedHand hand;
+  std::optional<ServiceFace> service;
   bool plugged = true;
 };
 
@@ -65,7 +93,7 @@ class VirtualBus::State {
     Deliver(frame, now, &from);
     for (PluggedHand& place : hands_) {
       if (!place.plugged || Loses()) continue;
-      for (const Frame& reply : place.hand.Handle(frame, now)) EmitFromHand(reply, now);
+      for (const Frame& reply : place.Handle(frame, now)) EmitFromHand(reply, now);
     }
     clock_.NotifyAll(arrived_);
     return true;
@@ -92,7 +120,7 @@ class VirtualBus::State {
   std::size_t Add(SimulatedHand hand) {
     const std::lock_guard<std::mutex> lock(mutex_);
     hand.Advance(clock_.Now());
-    hands_.push_back({std::move(hand)});
+    hands_.emplace_back(std::move(hand));
     return hands_.size() - 1;
   }
 
@@ -103,9 +131,24 @@ class VirtualBus::State {
 
   void WithHand(std::size_t number, const std::function<void(SimulatedHand&)>& action) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    SimulatedHand& hand = hands_.at(number).hand;
-    hand.Advance(clock_.Now());
-    action(hand);
+    PluggedHand& place = hands_.at(number);
+    const TimePoint now = clock_.Now();
+    place.hand.Advance(now);
+    action(place.hand);
+    if (place.service) place.service->Follow(place.hand, now);
+    clock_.NotifyAll(arrived_);
+  }
+
+  ServiceSettings Settings(std::size_t number) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    PluggedHand& place = hands_.at(number);
+    if (!place.service) throw std::out_of_range("a hand without service commands over CAN");
+    place.service->Follow(place.hand, clock_.Now());
+    return place.service->Settings();
+  }
+
+  void Restart(std::size_t number) {
+    WithHand(number, [this](SimulatedHand& hand) { hand.Restart(clock_.Now()); });
   }
 
   void SetPlugged(std::size_t number, bool plugged) {
@@ -173,10 +216,12 @@ class VirtualBus::State {
     Deliver(frame, held ? due + UpTo(faults_.reorder_window) : due, nullptr);
   }
 
-  /// The same reply from an id that no hand on this bus has, with every data byte changed.
+  /// The same reply from an id that no hand on this bus has, with every data byte changed. That of
+  /// service replies is taken too.
   Frame Foreign(Frame frame) {
-    const auto is_taken = [this](std::uint32_t id) {
-      return std::any_of(hands_.begin(), hands_.end(),
+    const auto is_taken = [&](std::uint32_t id) {
+      return id == frame.id ||
+             std::any_of(hands_.begin(), hands_.end(),
                          [id](const PluggedHand& place) { return place.hand.DeviceId() == id; });
     };
     std::uint32_t id = std::uniform_int_distribution<std::uint32_t>(1, 127)(random_);
@@ -189,9 +234,8 @@ class VirtualBus::State {
 
   void EmitDueReports(TimePoint now) {
     for (PluggedHand& place : hands_) {
-      const auto event = place.hand.NextEvent();
-      if (!event || *event > now) continue;
-      for (const Frame& frame : place.hand.TakeDue(now)) {
+      if (place.NextEvent() > now) continue;
+      for (const Frame& frame : place.TakeDue(now)) {
         if (place.plugged) EmitFromHand(frame, now);
       }
       clock_.NotifyAll(arrived_);
@@ -200,9 +244,7 @@ class VirtualBus::State {
 
   TimePoint NextEvent(const Port::Inbox& inbox) const {
     TimePoint next = inbox.frames.empty() ? TimePoint::max() : inbox.frames.begin()->first;
-    for (const PluggedHand& place : hands_) {
-      if (const auto event = place.hand.NextEvent()) next = std::min(next, *event);
-    }
+    for (const PluggedHand& place : hands_) next = std::min(next, place.NextEvent());
     return next;
   }
 
@@ -235,6 +277,8 @@ std::size_t VirtualBus::HandCount() const { return state_->HandCount(); }
 void VirtualBus::WithHand(std::size_t number, const std::function<void(SimulatedHand&)>& action) {
   state_->WithHand(number, action);
 }
+ServiceSettings VirtualBus::Settings(std::size_t number) const { return state_->Settings(number); }
+void VirtualBus::Restart(std::size_t number) { state_->Restart(number); }
 void VirtualBus::SetPlugged(std::size_t number, bool plugged) {
   state_->SetPlugged(number, plugged);
 }

@@ -63,9 +63,11 @@ class KORVANE_SIM_EXPORT FirmwarePartition {
     std::uint8_t len;
   };
 
-  /// A request of the update, or a frame of packet data. Requests that are too short are ignored.
+  /// A request of the update. Those that are too short are ignored.
   std::vector<Reply> HandleRequest(UpdateChild child, const Frame& frame);
-  std::vector<Reply> HandleData(const Frame& frame);
+  /// A frame of packet data, of which there are `room` bytes in all but the last of a packet. What
+  /// is behind them is padding; a frame with less is ignored.
+  std::vector<Reply> HandleData(const Frame& frame, std::size_t room = 64);
 
   /// True once after each restart that became due: the hand is silent for the restart time then.
   bool TakeRestart();

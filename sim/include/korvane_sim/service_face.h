@@ -30,6 +30,7 @@ struct AxisSettings {
   int overload_ms = 500;
   int protected_torque = 100;
   int min_torque = 0;
+  int errors = 0;  ///< All that was wrong with it since they were cleared.
 };
 
 /// What SaveParam makes permanent.
@@ -47,11 +48,15 @@ struct ServiceState {
   ServiceSettings settings;
   ServiceSettings saved;
   bool powered = true;
-  std::vector<std::uint16_t> errors;  ///< Of each axis, kept until they are cleared.
 };
 
-/// Whether hands of that model have a serial port.
+/// Whether hands of that model have a serial port, and whether they take service commands over CAN.
 KORVANE_SIM_EXPORT bool HasSerialPort(const ModelRow& model);
+KORVANE_SIM_EXPORT bool HasServiceOnCan(const ModelRow& model);
+
+/// The standard identifier of service commands and replies over CAN, of all hands alike. The first
+/// data byte is the command.
+inline constexpr std::uint32_t kServiceIdentifier = 9;
 
 /// The checksum of update packets and update frames that a hand with that firmware expects on a
 /// serial line. Only the first three numbers count: a hand tells no more than those.
@@ -59,7 +64,8 @@ KORVANE_SIM_EXPORT UpdateChecksum SerialChecksum(const std::array<std::uint8_t, 
 
 /// The service side of one hand: commands in, replies out, with the time given by the caller.
 ///
-/// It keeps what the commands set up and works on the hand that it is given, always the same one.
+/// It keeps what the commands set up and works on the hand that it is given, always the same one,
+/// which others may command and restart as well.
 /// What makes no sense is ignored; a setting that the hand refuses is answered with a 0, and so is
 /// an axis that it lacks. A plain value like the hand itself, and not thread-safe.
 class KORVANE_SIM_EXPORT ServiceFace {
@@ -71,10 +77,17 @@ class KORVANE_SIM_EXPORT ServiceFace {
   /// The replies to a command that arrives at `now`.
   std::vector<ServiceMessage> Handle(SimulatedHand& hand, const ServiceMessage& request,
                                      TimePoint now);
+  /// The same for a frame that has the service identifier.
+  std::vector<Frame> Handle(SimulatedHand& hand, const Frame& request, TimePoint now);
 
   /// The unsolicited uploads that are due at `now`.
   std::vector<ServiceMessage> TakeDue(SimulatedHand& hand, TimePoint now);
+  std::vector<Frame> TakeDueFrames(SimulatedHand& hand, TimePoint now);
   std::optional<TimePoint> NextEvent() const { return upload_due_; }
+
+  /// Takes note of what happened to the hand: its errors, restarts, and values that others set.
+  /// Handle and TakeDue begin with it.
+  void Follow(SimulatedHand& hand, TimePoint now);
 
   /// An upload as it would be sent now.
   ServiceMessage Upload(const SimulatedHand& hand) const;
@@ -89,11 +102,13 @@ class KORVANE_SIM_EXPORT ServiceFace {
  private:
   std::vector<ServiceMessage> HandleUpdate(SimulatedHand& hand, const ServiceMessage& request,
                                            TimePoint now);
+  void Restore(SimulatedHand& hand);
   void ArmUploads(TimePoint now);
 
   ServiceLink link_;
   ServiceState state_;
-  int armed_ms_ = 0;  ///< The interval that `upload_due_` counts with.
+  unsigned restarts_;  ///< Of the hand, as far as they are taken note of.
+  int armed_ms_ = 0;   ///< The interval that `upload_due_` counts with.
   std::optional<TimePoint> upload_due_;
 };
 

@@ -53,6 +53,7 @@ class KORVANE_SIM_EXPORT SimulatedHand {
 
   const ModelRow& Model() const { return *model_; }
   std::uint8_t DeviceId() const { return device_id_; }
+  void SetDeviceId(std::uint8_t device_id);  ///< Its low seven bits count.
   Identity& GetIdentity() { return identity_; }
   const Identity& GetIdentity() const { return identity_; }
 
@@ -68,6 +69,8 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   /// Goes down for the restart time and comes back with its motors at rest, and with the new
   /// firmware if there is some.
   void Restart(TimePoint now);
+  /// How often it has gone down so far, for whatever reason.
+  unsigned Restarts() const { return restarts_; }
   /// While it restarts.
   bool IsSilent(TimePoint now) const { return silent_until_ && now < *silent_until_; }
 
@@ -124,6 +127,7 @@ class KORVANE_SIM_EXPORT SimulatedHand {
   std::array<double, 7> contact_{};
   std::map<std::uint16_t, Report> reports_;  ///< By function code and index.
   FirmwarePartition firmware_;
+  unsigned restarts_ = 0;
   std::optional<TimePoint> silent_until_;  ///< While it restarts.
   std::optional<TimePoint> time_;          ///< Up to where motors and joints have moved.
 };

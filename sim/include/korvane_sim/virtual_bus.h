@@ -9,6 +9,7 @@
 
 #include "korvane_sim/export.h"
 #include "korvane_sim/frame.h"
+#include "korvane_sim/service_face.h"
 #include "korvane_sim/simulated_hand.h"
 
 namespace talvera::korvane {
@@ -43,6 +44,8 @@ struct BusStatistics {
 /// A CAN FD bus with hands on it and ports for hosts.
 ///
 /// What a port sends reaches the hands and the other ports; what a hand sends reaches all ports.
+/// Hands of models that have service commands over CAN answer them too, all at once: their
+/// identifier is the same for every hand.
 /// Like a real controller the bus carries CAN FD lengths only: a frame of 10 bytes arrives as 12,
 /// padded with zeros. There is no thread inside: whoever waits in Port::Receive makes time pass for
 /// the hands. Faults come from a seeded generator, so that the same frames meet the same faults.
@@ -67,6 +70,13 @@ class KORVANE_SIM_EXPORT VirtualBus {
   /// Calls `action` with the hand as it stands now. The bus stands still meanwhile: `action` must
   /// not use the bus. Throws std::out_of_range for a hand that was never added.
   void WithHand(std::size_t number, const std::function<void(SimulatedHand&)>& action);
+
+  /// Service settings as they stand now. Throws std::out_of_range also for a hand without any.
+  ServiceSettings Settings(std::size_t number) const;
+
+  /// Switches the hand off and on: it is silent for its restart time, its motors come back at rest,
+  /// and service settings that weren't saved are lost.
+  void Restart(std::size_t number);
 
   /// An unplugged hand neither hears nor sends; its motors go on.
   void SetPlugged(std::size_t number, bool plugged);
