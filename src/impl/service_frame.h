@@ -1,7 +1,7 @@
 #pragma once
 
 #include <algorithm>
-#include <cstring>
+#include <cstddef>
 
 #include "can/can_frame.h"
 #include "service/service_command.h"
@@ -24,9 +24,8 @@ inline CanfdFrame ServiceFrame(ServiceCommand command, const void* payload, std:
   CanfdFrame frame;
   frame.can_id = kServiceId;
   frame.data[0] = static_cast<std::uint8_t>(command);
-  if (payload == nullptr) size = 0;
-  size = std::min<std::size_t>(size, kMaxPayload - 1);
-  if (size > 0) std::memcpy(frame.data + 1, payload, size);
+  size = payload == nullptr ? 0 : std::min<std::size_t>(size, kMaxPayload - 1);
+  std::copy_n(static_cast<const std::uint8_t*>(payload), size, frame.data + 1);
   frame.len = static_cast<std::uint8_t>(size + 1);
   return frame;
 }
