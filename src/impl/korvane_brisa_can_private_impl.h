@@ -21,7 +21,9 @@ struct BrisaServiceRow {
   /// Over CAN a value above 255 arrives cut to its low byte.
   static constexpr std::uint8_t kOverloadBytes = 1;
 
-  static constexpr auto Prepare = &BrisaRow::Prepare;
+  static void Prepare(KorvaneBrisa& hand, std::uint8_t id, HandType type) {
+    BrisaRow::Prepare(hand, id, type);
+  }
   static constexpr auto kToActuators = BrisaRow::kToActuators;
   static constexpr auto kToJoints = BrisaRow::kToJoints;
 };

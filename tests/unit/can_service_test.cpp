@@ -115,12 +115,12 @@ std::string Versions(const CanfdFrame& f) {
   return Show(Bytes{d[1], d[2], d[3], 0, d[4], d[5], d[6], 0, d[7], d[8], d[9], 0, d[10]});
 }
 /// The error of one motor, or of all.
-Reading Errors(int axis = 0) {
+Reading Errors(std::size_t axis = 0) {
   return [=](const CanfdFrame& f) {
-    const int code = f.len >= 3 ? LoadU16(f.data + 1) : 0;
-    std::vector<int> errors(4);
-    for (int place = 0; place < 5; ++place) {
-      for (int i = 0; i < 4; ++i) errors[i] |= code == 20 * place + i + 1 ? 1 << place : 0;
+    const unsigned code = f.len >= 3 ? LoadU16(f.data + 1) : 0;
+    std::vector<unsigned> errors(4);
+    for (unsigned place = 0; place < 5; ++place) {
+      for (unsigned i = 0; i < 4; ++i) errors[i] |= code == 20 * place + i + 1 ? 1U << place : 0;
     }
     return axis == 0 ? Show(errors) : Show(errors[axis - 1]);
   };
@@ -307,13 +307,13 @@ std::vector<Command<Brisa>> CommandsOf() {
 
 /// The first of the ten values.
 template <class Value>
-Reading FirstFour(std::size_t width, int index = 0) {
+Reading FirstFour(std::size_t width, std::size_t index = 0) {
   return [=](const CanfdFrame& f) {
     std::vector<Value> values(4);
     for (std::size_t i = 0; i < 4 && f.len >= 1 + 10 * width; ++i) {
       values[i] = static_cast<Value>(width == 1 ? f.data[1 + i] : LoadU16(f.data + 1 + 2 * i));
     }
-    return index == 0 ? Show(values) : Show(values[index - 1U]);
+    return index == 0 ? Show(values) : Show(values[index - 1]);
   };
 }
 
@@ -386,8 +386,14 @@ class ServiceOverCan : public testing::Test {
   RecordingDevice& device_ = *rig_.device;
 };
 
+struct HandNames {
+  template <class Hand>
+  static std::string GetName(int) {
+    return std::is_same_v<Hand, Brisa> ? "Brisa" : "Lumen";
+  }
+};
 using Hands = testing::Types<Brisa, Lumen>;
-TYPED_TEST_SUITE(ServiceOverCan, Hands);
+TYPED_TEST_SUITE(ServiceOverCan, Hands, HandNames);
 
 TYPED_TEST(ServiceOverCan, SendsEachCommandAndTakesRepliesByTheirLength) {
   const std::string told = Told([&] {
@@ -605,6 +611,7 @@ TEST_F(BrisaOverCan, BuildsPublicOperationsFromSeveralCommands) {
   EXPECT_EQ(Show({thresholds.back()}), Show({FullFrame(9, {37, 10, 0xB2, 0x0C}, 4)}));
   const auto sensors = hand_.GetAllTactileSensorData();
   std::vector<Finger> fingers;
+  fingers.reserve(sensors.size());
   for (const auto& sensor : sensors) fingers.push_back(sensor.finger);
   EXPECT_EQ(Show(fingers), "1 2 3 6 7") << "a group that came short is left out";
   EXPECT_EQ(sensors[4].data.front(), 26);

@@ -76,7 +76,7 @@ class ServiceUpdateRun : public testing::Test, private Clock {
     wire_ += letter;
     auto& next = answers_[letter];
     if (!next.empty()) {
-      const Frames answer = next.front();
+      Frames answer = next.front();
       if (next.size() > 1) next.pop_front();
       return answer;
     }
@@ -149,7 +149,7 @@ TEST_F(ServiceUpdateRun, ReplacesTheFirmwareAndReportsEachStage) {
   EXPECT_EQ(told_, "");
   EXPECT_GE(took_, 3 * 175ms);
   Bytes padded = FirmwareBytes(kThreePackets);
-  padded.resize(3 * 2048, 0xFF);
+  padded.resize(std::size_t{3} * 2048, 0xFF);
   EXPECT_EQ(image_, padded);
   std::map<std::size_t, int> lengths;
   for (const CanfdFrame& frame : device_.TakeSent()) ++lengths[frame.len];
@@ -168,10 +168,10 @@ TEST_F(ServiceUpdateRun, IsSilentWithoutACallback) {
 }
 
 TEST_F(ServiceUpdateRun, EndsAtAPacketThatIsRefusedOrNotAcknowledged) {
-  for (const int packet : {0, 1, 2}) {
-    const auto at = static_cast<char>('0' + packet);
-    const auto before = Clean(static_cast<std::size_t>(3 + packet));
-    const std::string sent = std::string("U012").substr(0, 2 + static_cast<std::size_t>(packet));
+  for (const std::size_t packet : {0, 1, 2}) {
+    const char at = "012"[packet];
+    const auto before = Clean(3 + packet);
+    const std::string sent = std::string("U012").substr(0, 2 + packet);
     const auto expect = [&](const Frames& answer, int code, const std::string& wire) {
       answers_ = {{at, {answer}}};
       EXPECT_EQ(Update(), before + Failed(code)) << packet << " " << code;
@@ -191,7 +191,7 @@ TEST_F(ServiceUpdateRun, EndsAtAPacketThatIsRefusedOrNotAcknowledged) {
     expect({Reply(3)}, -6, sent + std::string(599, at));
     answers_ = {{at, {{Reply(4)}, {Reply(1, 7)}, {Reply(2)}}}};
     EXPECT_EQ(Update(), Clean()) << "sent again after a reply that speaks of something else";
-    EXPECT_EQ(wire_, std::string("U012FRVS").insert(static_cast<std::size_t>(packet) + 1, 2, at));
+    EXPECT_EQ(wire_, std::string("U012FRVS").insert(packet + 1, 2, at));
   }
   answers_ = {};
   EXPECT_EQ(Update(), Clean()) << "unusable afterwards";
