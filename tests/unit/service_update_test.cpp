@@ -168,7 +168,7 @@ TEST_F(ServiceUpdateRun, IsSilentWithoutACallback) {
 }
 
 TEST_F(ServiceUpdateRun, EndsAtAPacketThatIsRefusedOrNotAcknowledged) {
-  for (const std::size_t packet : {0, 1, 2}) {
+  for (const std::size_t packet : {0U, 1U, 2U}) {
     const char at = "012"[packet];
     const auto before = Clean(3 + packet);
     const std::string sent = std::string("U012").substr(0, 2 + packet);
