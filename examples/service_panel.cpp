@@ -110,7 +110,10 @@ bool TryLimit(PrivateKorvane& service, std::uint8_t axis) {
     return axis <= limits.size() ? int{limits[axis - 1U]} : -1;
   };
   const int before = lower();
-  if (before < 0) return false;
+  if (before < 0) {
+    std::printf("\naxis %d: the hand told no limit of it\n", axis);
+    return false;
+  }
   const auto trial = static_cast<std::uint16_t>(before + kTrialStep);
   const bool moved = service.SetAxisMinPos(axis, trial) && lower() == trial;
   const bool restored =

@@ -33,9 +33,7 @@ constexpr std::uint8_t kId = 0x21;
 class Bench {
  public:
   explicit Bench(std::unique_ptr<KorvaneBase> made)
-      : hand(std::move(made)), service(dynamic_cast<PrivateKorvane&>(*hand)) {
-    hand->SetFrameRecvTimeout(1000);
-  }
+      : hand(std::move(made)), service(dynamic_cast<PrivateKorvane&>(*hand)) {}
   virtual ~Bench() = default;
 
   virtual sim::ServiceSettings Settings() const = 0;
@@ -43,7 +41,7 @@ class Bench {
   virtual void Restart() = 0;
 
   test::ImpatientClock clock;
-  const std::unique_ptr<KorvaneBase> hand;
+  std::unique_ptr<KorvaneBase> hand;
   PrivateKorvane& service;
 };
 
@@ -76,6 +74,7 @@ class CanBench : public Bench {
 class SerialBench : public Bench {
  public:
   SerialBench() : SerialBench(std::make_unique<sim::SerialHand>(MakeHand(sim::kBrisa))) {}
+  ~SerialBench() override { hand.reset(); }
 
   sim::ServiceSettings Settings() const override { return device_->Settings(); }
   void WithHand(const std::function<void(sim::SimulatedHand&)>& action) override {
@@ -111,9 +110,11 @@ class Service : public testing::TestWithParam<Place> {
  protected:
   /// A hand may restart, or its line may just have been opened.
   void AwaitAnswer() {
+    hand_.SetFrameRecvTimeout(20);
     CaptureStreams([&] {
       while (hand_.GetVendorInfo().product_model.empty()) std::this_thread::yield();
     });
+    hand_.SetFrameRecvTimeout(1000);
   }
   void SetUp() override { AwaitAnswer(); }
   void Restart() {
@@ -272,6 +273,7 @@ TEST_P(Service, ReplacesTheFirmware) {
 /// The two protocols share a bus and a hand.
 TEST(ServiceOverCan, LeavesThePublicProtocolAlone) {
   CanBench<KorvaneBrisaCanPrivateImpl> bench(sim::kBrisa);
+  bench.hand->SetFrameRecvTimeout(1000);
   KorvaneBrisaCanImpl hand(HandType::RIGHT, kId, std::make_unique<test::BusDevice>(bench.bus));
   hand.SetFrameRecvTimeout(1000);
   std::thread technician([&] {

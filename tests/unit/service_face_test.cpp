@@ -10,7 +10,10 @@
 #include <thread>
 
 #include "korvane_sim/serial_hand.h"
+#include "korvane_sim/virtual_bus.h"
 #include "support/manual_clock.h"
+#include "support/temporary_file.h"
+#include "util/crc16.h"
 
 namespace talvera::korvane::sim {
 namespace {
@@ -109,6 +112,100 @@ TEST(ServiceFaceTest, ExpectsTheChecksumThatGoesWithItsFirmware) {
   for (const Version& v : {Version{1, 0, 1}, {1, 1}, {2}, {14, 1}, {15}}) {
     EXPECT_EQ(SerialChecksum(v), UpdateChecksum::kModbus) << int{v[0]};
   }
+}
+
+/// A hand with the id 1 on a bus, and a host beside it. A frame that isn't answered gives no bytes.
+struct HandOnCan {
+  explicit HandOnCan(const ModelRow& model) { bus.Add({model, 1}); }
+
+  Bytes Send(std::uint32_t id, const Bytes& data) const {
+    Frame frame{id, static_cast<std::uint8_t>(data.size()), {}};
+    std::copy(data.begin(), data.end(), frame.data.begin());
+    EXPECT_TRUE(port->Send(frame));
+    const auto reply = port->Receive({});
+    if (!reply) return {};
+    EXPECT_EQ(reply->id == 9, id == 9);
+    return {reply->data.begin(), reply->data.begin() + reply->len};
+  }
+  Bytes Send(std::uint32_t id, const char* data) const { return Send(id, Hex(data)); }
+  Bytes Ask(const char* command) const { return Send(9, command); }
+
+  ManualClock clock;
+  VirtualBus bus{clock};
+  std::unique_ptr<VirtualBus::Port> port = bus.Open();
+};
+
+TEST(ServiceOnCanTest, FramesArePaddedToLengthsThatCanFdHas) {
+  EXPECT_EQ(HandOnCan(kBrisa).Ask("08 0010*10"), Hex("08 0010*10 00*43"));
+  const HandOnCan lumen(kLumen);
+  EXPECT_EQ(lumen.Ask("32 00*50"), Hex("32 0010*4 00*23"));
+  for (const char* ignored : {"", "12", "7E", "F0 00*63"}) EXPECT_EQ(lumen.Ask(ignored), Bytes{});
+}
+
+TEST(ServiceOnCanTest, WhatWasSavedComesBackAfterEveryKindOfRestart) {
+  for (const std::uint32_t request : {0U, 9U, 0x04F10181U}) {
+    const bool is_brisa = request == 0;
+    HandOnCan on(is_brisa ? kBrisa : kLumen);
+    on.bus.WithHand(0, [](SimulatedHand& hand) { hand.JointMotor(3).SetFault(kMotorException); });
+    const auto set = [&](std::initializer_list<const char*> commands) {
+      for (const char* command : commands) EXPECT_EQ(on.Ask(command).at(1), 1) << command;
+      std::vector<Bytes> state{on.Send(0x02030101, ""), on.Send(0x01100101, "")};
+      for (const char* query : {"30", "07 02", "C2", "0D"}) state.push_back(on.Ask(query));
+      return state;
+    };
+    const auto saved = set({"03 026400", "1C 020008", "25 02BC02", "15 0105", "C1 78*19", "05"});
+    EXPECT_EQ(saved.back(), Hex(is_brisa ? "0D 0800" : "0D 3F00"));
+    const auto lost = set({"03 020000", "1D", "25 02BD02", "15 0104", "C1 00*19", "0E", "01 00"});
+    for (std::size_t i = 0; i < saved.size(); ++i) EXPECT_NE(lost[i], saved[i]) << i;
+    if (is_brisa) on.bus.Restart(0);
+    if (!is_brisa) on.Send(request, "F1 04");
+    EXPECT_EQ(on.Ask("02"), Bytes{});
+    on.clock.Advance(std::chrono::seconds(2));
+    EXPECT_EQ(set({"02"}), saved);
+  }
+}
+
+TEST(ServiceOnCanTest, BothProtocolsSeeTheSameMotorsAndTheSameId) {
+  HandOnCan on(kLumen);
+  on.Send(0x02030181, "2003");
+  EXPECT_EQ(on.bus.Settings(0).axes[1].current, 0x320);
+  for (const char* command : {"05", "04 AA01"}) on.Ask(command);
+  EXPECT_EQ(on.Send(0x02030101, ""), Bytes{});
+  EXPECT_EQ(on.Send(0x0203012A, ""), Hex("2003"));
+  on.bus.Restart(0);
+  on.clock.Advance(std::chrono::seconds(2));
+  EXPECT_EQ(on.Send(0x02030101, ""), Hex("2003"));
+  on.Send(0x01020181, "05");
+  on.bus.Restart(0);
+  EXPECT_EQ(on.bus.Settings(0).device_id, 5);
+}
+
+TEST(ServiceOnCanTest, TakesAnImageInFramesOf63Bytes) {
+  HandOnCan on(kBrisa);
+  const Bytes image = test::FirmwareBytes(4096);
+  const auto send = [&](std::uint8_t packet, unsigned spoilt) {
+    const auto at = image.begin() + packet * 2048;
+    const unsigned crc = Crc16Modbus(&*at, 2048) ^ spoilt;
+    const auto low = static_cast<std::uint8_t>(crc);
+    on.Send(9, {0xF1, 2, packet, 0, low, static_cast<std::uint8_t>(crc >> 8)});
+    on.Ask("F0 FF*47");  // Too short unless it is the last of its packet.
+    Bytes reply;
+    for (std::ptrdiff_t first = 0; first < 2048; first += 63) {
+      EXPECT_EQ(reply, Bytes{});
+      Bytes data{0xF0};
+      data.insert(data.end(), at + first, at + std::min<std::ptrdiff_t>(first + 63, 2048));
+      reply = on.Send(9, data);
+    }
+    return reply;
+  };
+  EXPECT_EQ(on.Ask("F1 01 A00F0000 0200"), Hex("F2 01 00*4"));
+  EXPECT_EQ(send(0, 1), Hex("F2 02 01 00*3"));
+  EXPECT_EQ(send(0, 0), Hex("F2 02 00*4"));
+  EXPECT_EQ(send(1, 0), Hex("F2 02 00*4"));
+  for (const char* request : {"F1 03", "F1 04"}) EXPECT_EQ(on.Ask(request).size(), 6U);
+  on.bus.WithHand(0, [&](SimulatedHand& hand) {
+    EXPECT_EQ(hand.Firmware().InstalledImage(), Bytes(image.begin(), image.begin() + 4000));
+  });
 }
 
 constexpr const char* kAsk = "EEAA 0100 01 02 9602";

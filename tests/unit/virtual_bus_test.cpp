@@ -191,6 +191,20 @@ TEST_F(VirtualBusTest, WhoeverReceivesMakesReportsComeOnTime) {
   }
 }
 
+TEST_F(VirtualBusTest, AllHandsWithServiceCommandsAnswerAndUploadOnTime) {
+  for (const ModelRow* model : {&kBrisa, &kTessel, &kLumen}) bus_.Add({*model, 1});
+  EXPECT_THROW(bus_.Settings(1), std::out_of_range);
+  EXPECT_TRUE(port_->Send({9, 3, {0x28, 50}}));
+  EXPECT_EQ(IdsAt(*port_), std::vector<std::uint32_t>(2, 9));
+  std::optional<Frame> upload;
+  std::thread receiver([&] { upload = port_->Receive(seconds(10)); });
+  clock_.AwaitWaiters(1);
+  clock_.Advance(milliseconds(50));
+  receiver.join();
+  EXPECT_EQ(upload.value_or(Frame{}).data[0], 0x29);
+  EXPECT_EQ(IdsAt(*port_).size(), 1U);
+}
+
 TEST_F(VirtualBusTest, AFullBufferLosesFramesAndAPortOutlivesItsBus) {
   auto bus = std::make_unique<VirtualBus>(clock_);
   bus->Add({kBrisa, 1});
