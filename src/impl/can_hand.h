@@ -1,70 +1,34 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string>
-#include <type_traits>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "impl/can_hand_engine.h"
 #include "impl/can_identifier.h"
+#include "impl/on_can.h"
+#include "impl/without_report_periods.h"
 #include "util/log.h"
 
 namespace talvera::korvane {
 
-/// The operations that every hand on CAN has, over the engine. `Model` is the model class that
-/// applications see; `Row` is a type with the model's row as `kModel`.
+/// The operations that every hand on CAN has, over the engine.
 template <class Model, class Row>
-class CanHand : public Model, public CanLinkOwner, public UpdateState {
+class CanHand : public OnCan<Model, Row, CanHandEngine> {
  public:
-  using RowType = Row;
-
-  /// Takes a ready transport, or none. The other constructors make theirs and delegate to this.
-  CanHand(HandType hand, std::uint8_t id, std::unique_ptr<CanBusDeviceBase> transport)
-      : engine_(Row::kModel, *this, *this, std::move(transport)) {
-    Row::Prepare(*this, id, hand);
-    engine_.Start(hand, id);
-  }
-
-  /// A bare nullptr is no transport, and no interface name either.
-  CanHand(HandType hand, std::uint8_t id, std::nullptr_t)
-      : CanHand(hand, id, std::unique_ptr<CanBusDeviceBase>()) {}
-
-  CanHand(HandType hand, std::uint8_t id, std::uint8_t adapter_index, std::uint8_t channel,
-          ECanDeviceType type)
-      : CanHand(hand, id, MakeAdapter(type, adapter_index, channel, Row::kModel.model_code)) {}
-
-  CanHand(HandType hand, std::uint8_t id, const std::string& serial_number, std::uint8_t channel,
-          ECanDeviceType type)
-      : CanHand(hand, id, MakeAdapter(type, serial_number, channel, Row::kModel.model_code)) {}
-
-  CanHand(HandType hand, std::uint8_t id, const std::string& interface_name)
-      : CanHand(hand, id, MakeSocketCan(interface_name)) {}
-
-  /// The form for a TCP link, which some of the models have and refuse.
-  template <class R = Row, std::enable_if_t<R::kModel.has_tcp_form, int> = 0>
-  CanHand(HandType hand, std::uint8_t id, const std::string& /*address*/, unsigned short /*port*/,
-          std::uint8_t /*channel*/)
-      : CanHand(hand, id, RefuseTcp(Row::kModel.class_name)) {}
+  using OnCan<Model, Row, CanHandEngine>::OnCan;
 
   VendorInfo GetVendorInfo() const override { return engine_.ReadVendorInfo(); }
   DeviceInfo GetDeviceInfo() const override { return engine_.ReadDeviceInfo(); }
   void SetDeviceId(std::uint8_t new_id) override { engine_.WriteDeviceId(new_id); }
 
-  void ShowDataDetails(bool on) const override { engine_.ShowDataDetails(on); }
-  void SetRequestInterval(int ms) override { engine_.SetRequestInterval(ms); }
-  int GetRequestInterval() const override { return engine_.GetRequestInterval(); }
-  void SetFrameRecvTimeout(int ms) override { engine_.SetFrameRecvTimeout(ms); }
-  int GetFrameRecvTimeout() const override { return engine_.GetFrameRecvTimeout(); }
-  void SetFrameSendTimeout(int ms) override { engine_.SetFrameSendTimeout(ms); }
-  int GetFrameSendTimeout() const override { return engine_.GetFrameSendTimeout(); }
-
   short GetJointMotorPosi(std::uint8_t index) const override {
     return static_cast<short>(engine_.ReadMotor(Row::kModel.position, index));
   }
   std::vector<short> GetAllJointMotorPosi() const override {
-    return engine_.ReadAll<short>(Row::kModel.position);
+    return engine_.template ReadAll<short>(Row::kModel.position);
   }
 
   void UpdateFirmware(const std::string& path, ProgressCallback callback) override {
@@ -86,12 +50,10 @@ class CanHand : public Model, public CanLinkOwner, public UpdateState {
   }
   void ProcessMsg(const CanfdFrame& frame) { engine_.ProcessMessage(frame); }
 
-  CanLink& Link() override { return engine_; }
-
  protected:
-  bool CheckJointCount(std::size_t count) const { return engine_.CheckSize(count); }
+  using OnCan<Model, Row, CanHandEngine>::engine_;
 
-  CanHandEngine engine_;
+  bool CheckJointCount(std::size_t count) const { return engine_.CheckSize(count); }
 };
 
 /// The operations of hands whose motors can be commanded.
@@ -172,44 +134,19 @@ class CanMotorHand : public CanHand<Model, Row> {
  protected:
   using CanHand<Model, Row>::engine_;
 
+  /// The lines name one model, whichever model it is, and the first of them in another spelling;
+  /// log filters in the field match them as they are.
+  static void RefusePeriods(std::string_view operation) {
+    const char* const model =
+        operation == "SetErrorReportPeriod" ? "Korvane Brisa" : "KorvaneBrisa";
+    LogError(Compose("[Error]: ", operation, " is not supported by ", model,
+                     " (BR7) when DISABLE_FUNC is enabled."));
+  }
+
  private:
   static constexpr const HandModel& kModel = Row::kModel;
 
   static std::uint16_t Unsigned(short value) { return static_cast<std::uint16_t>(value); }
-};
-
-/// Hands whose firmware sends no reports on a period: the six setters only say so. The lines name
-/// one model, whichever model it is, and the first of them in another spelling; log filters in the
-/// field match them as they are.
-template <class Base>
-class WithoutReportPeriods : public Base {
- public:
-  using Base::Base;
-
-  void SetErrorReportPeriod(std::uint8_t, unsigned short) override {
-    TellUnsupported("SetErrorReportPeriod", "Korvane Brisa");
-  }
-  void SetAllErrorReportPeriod(std::vector<unsigned short>) override {
-    TellUnsupported("SetAllErrorReportPeriod");
-  }
-  void SetTemperReportPeriod(std::uint8_t, unsigned short) override {
-    TellUnsupported("SetTemperReportPeriod");
-  }
-  void SetAllTemperReportPeriod(std::vector<unsigned short>) override {
-    TellUnsupported("SetAllTemperReportPeriod");
-  }
-  void SetCurrentReportPeriod(std::uint8_t, unsigned short) override {
-    TellUnsupported("SetCurrentReportPeriod");
-  }
-  void SetAllCurrentReportPeriod(std::vector<unsigned short>) override {
-    TellUnsupported("SetAllCurrentReportPeriod");
-  }
-
- private:
-  static void TellUnsupported(const char* operation, const char* model = "KorvaneBrisa") {
-    LogError(Compose("[Error]: ", operation, " is not supported by ", model,
-                     " (BR7) when DISABLE_FUNC is enabled."));
-  }
 };
 
 }  // namespace talvera::korvane

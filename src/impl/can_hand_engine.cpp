@@ -66,6 +66,11 @@ std::string SerialNumberText(const std::uint8_t* bytes, std::size_t size) {
 
 }  // namespace
 
+void CanHandEngine::TellNoSuchAdapter(const HandModel&, ECanDeviceType type) {
+  LogError(Compose("[ERROR] Invalid device type: ", static_cast<int>(type),
+                   ". Expected ZLG_USBCANFD or HCAN."));
+}
+
 CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand, UpdateState& update_state,
                              std::unique_ptr<CanBusDeviceBase> device)
     : CanLink(std::move(device)),
@@ -74,7 +79,7 @@ CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand, UpdateState& u
       hand_(hand) {}
 
 void CanHandEngine::Start(HandType hand_type, std::uint8_t device_id) {
-  SetMembers(hand_, model, device_id, hand_type);
+  SetMembers(hand_, model.model_code, device_id, hand_type);
   update.Address(device_id);
   hand_.connected = IsInit();
   if (!transport || (!hand_.connected && !model.binds_without_link)) return;

@@ -18,6 +18,10 @@ namespace talvera::korvane {
 /// decodes the answer. What fails is told in one line, and the row says what is returned.
 class CanHandEngine : public CanLink {
  public:
+  using Update = UpdateState;
+
+  static void TellNoSuchAdapter(const HandModel& model, ECanDeviceType type);
+
   CanHandEngine(const HandModel& model, Korvane& hand, UpdateState& update_state,
                 std::unique_ptr<CanBusDeviceBase> transport);
 

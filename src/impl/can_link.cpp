@@ -21,8 +21,6 @@ std::unique_ptr<CanBusDeviceBase> MakeAdapterAt(ECanDeviceType type, const Where
     case ECanDeviceType::HCAN:
       return std::make_unique<HcanDevice>(where, channel, product_type);
   }
-  LogError(Compose("[ERROR] Invalid device type: ", static_cast<int>(type),
-                   ". Expected ZLG_USBCANFD or HCAN."));
   return nullptr;
 }
 

@@ -50,13 +50,14 @@ class CanLinkOwner {
   ~CanLinkOwner() = default;
 };
 
-/// The adapters that factories ask for. The result is null, after a line that says why, for a kind
-/// of adapter or link that doesn't exist.
+/// The adapters that factories ask for. The result is null for a kind of adapter or link that
+/// doesn't exist.
 std::unique_ptr<CanBusDeviceBase> MakeAdapter(ECanDeviceType type, std::uint8_t adapter_index,
                                               std::uint8_t channel, std::uint8_t product_type);
 std::unique_ptr<CanBusDeviceBase> MakeAdapter(ECanDeviceType type, const std::string& serial_number,
                                               std::uint8_t channel, std::uint8_t product_type);
 std::unique_ptr<CanBusDeviceBase> MakeSocketCan(const std::string& interface_name);
+/// Null, after a line that says why.
 std::unique_ptr<CanBusDeviceBase> RefuseTcp(const char* class_name);
 
 }  // namespace talvera::korvane

@@ -134,9 +134,9 @@ constexpr HandModel CommonModel(const char* class_name, std::uint8_t model_code,
 }
 
 /// What a hand is, as its common members tell it.
-inline void SetMembers(Korvane& hand, const HandModel& model, std::uint8_t device_id,
+inline void SetMembers(Korvane& hand, std::uint8_t model_code, std::uint8_t device_id,
                        HandType type) {
-  hand.model_code = model.model_code;
+  hand.model_code = model_code;
   hand.device_id = device_id;
   hand.mirrored = type == HandType::LEFT;
 }

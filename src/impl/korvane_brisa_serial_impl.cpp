@@ -49,10 +49,6 @@ void TellNotFully(const char* operation) {
   LogError(Compose("[Warning]: ", operation, " is not fully supported via USB."));
 }
 
-void RefusePeriod(const char* operation) {
-  LogError(Compose("[Error]: ", operation, " is not supported by KorvaneBrisa (BR7) via USB."));
-}
-
 template <class Value>
 std::vector<Value> WordsOf(const ReplyCache::Bytes& bytes) {
   return ServiceWords<Value>(bytes.data(), bytes.size() / 2);
@@ -87,6 +83,10 @@ std::string SerialNumberText(const ReplyCache::Bytes& number) {
 // --- What the operations are built from -----------------------------------------------------
 
 bool SerialBrisa::CheckJointCount(std::size_t count) const { return CheckTen(count); }
+
+void SerialBrisa::RefusePeriods(const char* operation) {
+  LogError(Compose("[Error]: ", operation, " is not supported by KorvaneBrisa (BR7) via USB."));
+}
 
 /// Whatever frame comes in time counts as consent.
 bool SerialBrisa::Execute(const char* operation, ServiceCommand command,
@@ -124,7 +124,7 @@ std::vector<std::uint16_t> SerialBrisa::ReadServiceWords(const char* operation,
 KorvaneBrisaSerialImpl::KorvaneBrisaSerialImpl(HandType hand_type, unsigned char id,
                                                const std::string& port, int baud)
     : update_(*this, link_, *this) {
-  SetMembers(*this, BrisaRow::kModel, id, hand_type);
+  SetMembers(*this, BrisaRow::kModel.model_code, id, hand_type);
   BrisaRow::Prepare(*this, id, hand_type);
   connected = link_.Open(port, baud,
                          [this](std::uint8_t command, const std::uint8_t* data, std::size_t size) {
@@ -419,28 +419,6 @@ std::vector<short> KorvaneBrisaSerialImpl::GetAllForceReport() const {
   LogInfo("get all axis force failed.");
   return {};
 }
-
-// The interface takes the periods by value.
-// NOLINTBEGIN(performance-unnecessary-value-param)
-void KorvaneBrisaSerialImpl::SetErrorReportPeriod(std::uint8_t, unsigned short) {
-  RefusePeriod("SetErrorReportPeriod");
-}
-void KorvaneBrisaSerialImpl::SetAllErrorReportPeriod(std::vector<unsigned short>) {
-  RefusePeriod("SetAllErrorReportPeriod");
-}
-void KorvaneBrisaSerialImpl::SetCurrentReportPeriod(std::uint8_t, unsigned short) {
-  RefusePeriod("SetCurrentReportPeriod");
-}
-void KorvaneBrisaSerialImpl::SetAllCurrentReportPeriod(std::vector<unsigned short>) {
-  RefusePeriod("SetAllCurrentReportPeriod");
-}
-void KorvaneBrisaSerialImpl::SetTemperReportPeriod(std::uint8_t, unsigned short) {
-  RefusePeriod("SetTemperReportPeriod");
-}
-void KorvaneBrisaSerialImpl::SetAllTemperReportPeriod(std::vector<unsigned short>) {
-  RefusePeriod("SetAllTemperReportPeriod");
-}
-// NOLINTEND(performance-unnecessary-value-param)
 
 // --- Touch ----------------------------------------------------------------------------------
 

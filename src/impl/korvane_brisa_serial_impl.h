@@ -2,6 +2,7 @@
 
 #include "impl/brisa_row.h"
 #include "impl/with_joint_angles.h"
+#include "impl/without_report_periods.h"
 #include "ota/serial_update.h"
 #include "private_korvane_brisa.h"
 #include "serial/serial_link.h"
@@ -10,7 +11,7 @@
 namespace talvera::korvane {
 
 /// What the operations of a KorvaneBrisa on a serial link are built from.
-class SerialBrisa : public WithServiceSettings<PrivateKorvaneBrisa> {
+class SerialBrisa : public WithServiceSettings<PrivateKorvaneBrisa, SerialBrisaSettings> {
  public:
   SerialBrisa() : link_(*this) {}
 
@@ -18,6 +19,7 @@ class SerialBrisa : public WithServiceSettings<PrivateKorvaneBrisa> {
   using Bytes = ReplyCache::Bytes;
 
   bool CheckJointCount(std::size_t count) const;
+  static void RefusePeriods(const char* operation);
   bool Execute(const char* operation, ServiceCommand command,
                const ServicePayload& payload) override;
 
@@ -38,7 +40,7 @@ class SerialBrisa : public WithServiceSettings<PrivateKorvaneBrisa> {
 ///
 /// The application's thread writes a frame and waits for any frame; the receive thread keeps what
 /// each frame brings, and the application's thread then reads what is kept.
-class KorvaneBrisaSerialImpl : public WithJointAngles<SerialBrisa, BrisaRow>,
+class KorvaneBrisaSerialImpl : public WithoutReportPeriods<WithJointAngles<SerialBrisa, BrisaRow>>,
                                public SerialUpdateState {
  public:
   KorvaneBrisaSerialImpl(HandType hand_type, unsigned char device_id, const std::string& port,
@@ -86,12 +88,6 @@ class KorvaneBrisaSerialImpl : public WithJointAngles<SerialBrisa, BrisaRow>,
   std::vector<short> GetAllCurrentReport() const override;
   /// The forces of all axes; empty on failure.
   std::vector<short> GetAllForceReport() const;
-  void SetErrorReportPeriod(std::uint8_t index, unsigned short period) override;
-  void SetTemperReportPeriod(std::uint8_t index, unsigned short period) override;
-  void SetCurrentReportPeriod(std::uint8_t index, unsigned short period) override;
-  void SetAllErrorReportPeriod(std::vector<unsigned short> periods) override;
-  void SetAllTemperReportPeriod(std::vector<unsigned short> periods) override;
-  void SetAllCurrentReportPeriod(std::vector<unsigned short> periods) override;
 
   // Touch
   std::vector<std::uint8_t> GetTactileSensorData(Finger finger) const override;

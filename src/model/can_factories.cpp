@@ -1,6 +1,8 @@
 #include "impl/broadcast_query.h"
 #include "impl/korvane_brisa_can_impl.h"
+#include "impl/korvane_brisa_can_private_impl.h"
 #include "impl/korvane_lumen_can_impl.h"
+#include "impl/korvane_lumen_can_private_impl.h"
 #include "impl/korvane_quill_can_impl.h"
 #include "impl/korvane_tessel_can_impl.h"
 #include "impl/korvane_vanta_can_impl.h"
@@ -16,6 +18,8 @@ KorvaneTesselCanImpl* ImplementationOf(KorvaneTessel*);
 KorvaneQuillCanImpl* ImplementationOf(KorvaneQuill*);
 KorvaneLumenCanImpl* ImplementationOf(KorvaneLumen*);
 KorvaneVantaCanImpl* ImplementationOf(KorvaneVanta*);
+KorvaneBrisaCanPrivateImpl* ImplementationOf(PrivateKorvaneBrisa*);
+KorvaneLumenCanPrivateImpl* ImplementationOf(PrivateKorvaneLumen*);
 
 namespace {
 
@@ -92,8 +96,10 @@ template class CanFactories<KorvaneTessel>;
 template class CanFactories<KorvaneQuill>;
 template class CanFactories<KorvaneLumen>;
 template class CanFactories<KorvaneVanta>;
+template class CanFactories<PrivateKorvaneBrisa>;
+template class CanFactories<PrivateKorvaneLumen>;
 
-// The KorvaneQuill has none.
+// The KorvaneQuill has none, and neither have the service classes.
 template class CanBroadcasts<KorvaneBrisa>;
 template class CanBroadcasts<KorvaneTessel>;
 template class CanBroadcasts<KorvaneLumen>;

@@ -8,7 +8,7 @@ namespace talvera::korvane {
 KorvaneTessel::~KorvaneTessel() = default;
 
 void KorvaneTessel::Reset(std::uint8_t id, HandType hand) {
-  SetMembers(*this, TesselRow::kModel, id, hand);
+  SetMembers(*this, TesselRow::kModel.model_code, id, hand);
   solver = std::make_unique<ts9::KorvaneTesselSolver>(mirrored);
 }
 

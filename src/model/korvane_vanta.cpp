@@ -7,7 +7,7 @@ namespace talvera::korvane {
 KorvaneVanta::~KorvaneVanta() = default;
 
 void KorvaneVanta::Reset(std::uint8_t id, HandType hand) {
-  SetMembers(*this, VantaRow::kModel, id, hand);
+  SetMembers(*this, VantaRow::kModel.model_code, id, hand);
 }
 
 }  // namespace talvera::korvane

@@ -2,6 +2,7 @@
 
 #include "impl/korvane_brisa_serial_impl.h"
 #include "private_korvane_brisa.h"
+#include "private_korvane_lumen.h"
 
 namespace talvera::korvane {
 namespace {
@@ -15,6 +16,7 @@ std::unique_ptr<KorvaneBrisaSerialImpl> OnSerialPort(HandType hand, unsigned cha
 
 PrivateKorvane::~PrivateKorvane() = default;
 PrivateKorvaneBrisa::~PrivateKorvaneBrisa() = default;
+PrivateKorvaneLumen::~PrivateKorvaneLumen() = default;
 
 // The two links differ in nothing but the name of the port.
 

@@ -282,15 +282,10 @@ void SerialUpdate::BeginTransmission() {
 
 /// A packet leaves the queue when it is sent, and not when it is acknowledged.
 void SerialUpdate::SendFront() {
-  FirmwarePacket packet;
-  {
-    const std::lock_guard lock(state_.ota_mutex);
-    if (state_.ota_packages.empty()) return;
-    packet = state_.ota_packages.front();
-  }
-  SendPackage(packet);
-  const std::lock_guard lock(state_.ota_mutex);
-  state_.ota_packages.pop_front();
+  const auto packet = state_.FrontPacket();
+  if (!packet) return;
+  SendPackage(*packet);
+  state_.PopPacket();
 }
 
 /// The number of passes limits the whole transmission, to about that many packets. Applications

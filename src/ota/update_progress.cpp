@@ -55,4 +55,15 @@ std::size_t UpdateProgress::PacketsLeft() const {
   return ota_packages.size();
 }
 
+std::optional<FirmwarePacket> UpdateProgress::FrontPacket() const {
+  const std::lock_guard lock(ota_mutex);
+  if (ota_packages.empty()) return std::nullopt;
+  return ota_packages.front();
+}
+
+void UpdateProgress::PopPacket() {
+  const std::lock_guard lock(ota_mutex);
+  if (!ota_packages.empty()) ota_packages.pop_front();
+}
+
 }  // namespace talvera::korvane

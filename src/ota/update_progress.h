@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "korvane_types.h"
@@ -70,6 +71,9 @@ struct UpdateProgress {
   void Fill(const FirmwareFile& file);
 
   std::size_t PacketsLeft() const;
+  /// The packet that is next; nothing after the last one.
+  std::optional<FirmwarePacket> FrontPacket() const;
+  void PopPacket();
   int Total() const { return static_cast<int>(ota_total_packages.load()); }
 };
 

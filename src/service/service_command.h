@@ -23,7 +23,8 @@ enum class ServiceCommand : std::uint8_t {
   kSetAllAxisPos = 0x08,
   kGetAllAxisPos = 0x09,
   kGetAllAxisCurrent = 0x0A,
-  kGetAllAxisForce = 0x0B,
+  kGetAllAxisForce = 0x0B,     ///< On a serial line;
+  kGetAllAxisVelocity = 0x0B,  ///< over CAN.
   kGetAllAxisTemp = 0x0C,
   kGetErrorCode = 0x0D,
   kClearError = 0x0E,
@@ -34,6 +35,8 @@ enum class ServiceCommand : std::uint8_t {
   kGetAllFingertipSensorB = 0x13,
   kGetAllFingertipSensorC = 0x14,
   kSetRunMode = 0x15,
+  kSetSingleActualAxisPos = 0x16,
+  kGetSingleActualAxisPos = 0x17,
   kSetAllActualAxisPos = 0x18,
   kGetAllActualAxisPos = 0x19,
   kGetAllLoadData = 0x1A,
@@ -53,6 +56,7 @@ enum class ServiceCommand : std::uint8_t {
   kGetAxisLimitPos = 0x30,
   kSetRightOrLeft = 0x31,
   kSetPosSpeedCurData = 0x32,
+  kGetFingerTactileForce = 0x33,
   kSetTemperatureThreshold = 0x34,
   kSetControlSource = 0x80,
   kGetControlSource = 0x81,
@@ -120,9 +124,13 @@ inline constexpr int kMaxPos = 4096;
 
 inline constexpr ServiceSetting kPowerState{"SetPowerState", ServiceCommand::kSetPowerState};
 inline constexpr ServiceSetting kAxisHoming{
-    "SetAxisHoming", ServiceCommand::kSetAxisHoming, -4095, 4095, 2, 1, 10};
+    "SetAxisHoming", ServiceCommand::kSetAxisHoming, -4095, 4095, 2, 1};
 inline constexpr ServiceSetting kId{"SetId", ServiceCommand::kSetId, 1, 2046, 2};
 inline constexpr ServiceSetting kPlayAction{"PlayAction", ServiceCommand::kPlayAction};
+inline constexpr ServiceSetting kSingleAxisPos{
+    "SetSingleAxisPos", ServiceCommand::kSetSingleAxisPos, 0, kMaxPos, 2, 1, 12};
+inline constexpr ServiceSetting kSingleActualAxisPos{
+    "SetSingleActualAxisPos", ServiceCommand::kSetSingleActualAxisPos, 0, kMaxPos, 2, 1, 10};
 inline constexpr ServiceSetting kRunMode{"SetRunMode", ServiceCommand::kSetRunMode};
 inline constexpr ServiceSetting kAxisMinPos{
     "SetAxisMinPos", ServiceCommand::kSetAxisMinPos, 0, kMaxPos, 2, 1, 12};

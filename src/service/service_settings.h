@@ -5,9 +5,17 @@
 
 namespace talvera::korvane {
 
+/// In what the settings of one hand on one link differ from those of another.
+struct SerialBrisaSettings {
+  /// The axes that have a homing offset.
+  static constexpr std::uint8_t kHomingAxes = 10;
+  /// The bytes of an overload torque or time that are sent.
+  static constexpr std::uint8_t kOverloadBytes = 2;
+};
+
 /// The settings of the service interface, over one way to send a command. `Base` is a service
-/// class.
-template <class Base>
+/// class, `Settings` a type like the one above.
+template <class Base, class Settings>
 class WithServiceSettings : public Base {
   using Byte = std::uint8_t;
   using Word = std::uint16_t;
@@ -33,15 +41,15 @@ class WithServiceSettings : public Base {
     return Set(setting::kMinTorque, axis, value);
   }
   bool SetAxisHoming(Byte axis, std::int16_t value) override {
-    return Set(setting::kAxisHoming, axis, value);
+    return axis <= Settings::kHomingAxes && Set(setting::kAxisHoming, axis, value);
   }
   bool SaveParam() override { return Execute("SaveParam", ServiceCommand::kSaveParam, {}); }
   bool SetOverloadTorque(Byte axis, Word torque) override {
-    return Set(setting::kOverloadTorque, axis, torque);
+    return Set(Shortened(setting::kOverloadTorque), axis, torque);
   }
   bool ClearError() override { return Execute("ClearError", ServiceCommand::kClearError, {}); }
   bool SetOverloadProtectionTime(Byte axis, Word time) override {
-    return Set(setting::kOverloadProtectionTime, axis, time);
+    return Set(Shortened(setting::kOverloadProtectionTime), axis, time);
   }
   bool ClearAllLimitPos() override {
     return Execute("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos, {});
@@ -80,6 +88,11 @@ class WithServiceSettings : public Base {
   }
 
  private:
+  static constexpr ServiceSetting Shortened(ServiceSetting setting) {
+    setting.value_bytes = Settings::kOverloadBytes;
+    return setting;
+  }
+
   static ServicePayload Value(const ServiceSetting& setting, ServicePayload payload, int value) {
     const auto bits = static_cast<unsigned>(value);
     return setting.value_bytes == 1 ? payload.Add8(bits) : payload.Add16(bits);

@@ -2,19 +2,18 @@
 // two ends of the protocol, and meet on a real terminal of the kernel.
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
-#include <algorithm>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "impl/korvane_brisa_serial_impl.h"
 #include "korvane_sim/serial_hand.h"
 #include "serial/usb_device.h"
 #include "support/capture.h"
+#include "support/impatient_clock.h"
 #include "support/temporary_file.h"
 
 namespace talvera::korvane {
@@ -26,23 +25,6 @@ using test::TemporaryFile;
 
 constexpr std::uint8_t kId = 0x21;
 constexpr int kPatientMs = 1000;
-
-/// Real time, but for waits of seconds.
-class ImpatientClock : public Clock {
- public:
-  TimePoint Now() const override { return SystemClock().Now(); }
-  void SleepFor(std::chrono::nanoseconds duration) override {
-    SystemClock().SleepFor(std::min<std::chrono::nanoseconds>(duration, kLongest));
-  }
-  void WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
-                 TimePoint deadline) override {
-    SystemClock().WaitUntil(lock, cv, deadline);
-  }
-  void NotifyAll(std::condition_variable& cv) override { SystemClock().NotifyAll(cv); }
-
- private:
-  static constexpr std::chrono::milliseconds kLongest{100};
-};
 
 class BrisaOnSerial : public testing::Test {
  protected:
@@ -69,7 +51,7 @@ class BrisaOnSerial : public testing::Test {
   }
 
   std::filesystem::path link_;
-  ImpatientClock clock_;
+  test::ImpatientClock clock_;
   sim::SerialHand device_;
   std::unique_ptr<KorvaneBrisaSerialImpl> hand_;
 };
@@ -98,43 +80,6 @@ TEST_F(BrisaOnSerial, IsItselfAndFeels) {
   EXPECT_EQ(hand_->GetTactileSensorData(Finger::THUMB).size(), 16U);
   EXPECT_EQ(hand_->GetTactileSensorData(Finger::PALM).size(), 25U);
   EXPECT_EQ(hand_->GetAllTactileSensorData().size(), 7U);
-}
-
-TEST_F(BrisaOnSerial, KeepsWhatATechnicianSets) {
-  PrivateKorvane& service = *hand_;
-  EXPECT_TRUE(service.SetAxisMinPos(2, 100));
-  EXPECT_TRUE(service.SetAxisMaxPos(2, 3000));
-  const AxisLimitPos limits = service.GetAxisLimitPos();
-  ASSERT_EQ(limits.lower.size(), 10U);
-  EXPECT_EQ(limits.lower[1], 100);
-  EXPECT_EQ(limits.upper[1], 3000);
-  std::vector<std::uint8_t> number(19);
-  for (std::size_t i = 0; i < number.size(); ++i) number[i] = static_cast<std::uint8_t>('A' + i);
-  EXPECT_TRUE(service.SetProductSerialNumber(number));
-  EXPECT_EQ(service.GetProductSerialNumber().byte_2, 'C');
-  EXPECT_EQ(hand_->GetVendorInfo().serial_number, "ABCDEFGHIJKLMNOPQRS");
-  EXPECT_TRUE(service.SaveParam());
-  EXPECT_EQ(service.SetAllAxisPos(std::vector<std::uint16_t>(10, 2000)).pos.size(), 10U);
-  EXPECT_EQ(service.GetAllSensorId().size(), 7U);
-  EXPECT_EQ(service.GetAllAxisCvp().size(), 60U);
-}
-
-TEST_F(BrisaOnSerial, RefusesWhatIsOutOfRangeWithoutAFrame) {
-  device_.Unplug();  // what went out anyhow would fail loudly
-  PrivateKorvane& service = *hand_;
-  const auto written = CaptureStreams([&] {
-    for (const bool taken :
-         {service.SetAxisHoming(0, 0), service.SetAxisHoming(1, 4096), service.SetId(0),
-          service.SetId(2047), service.SetAxisMinPos(13, 0), service.SetAxisMaxPos(1, 4097),
-          service.SetOverloadTorque(1, 1001), service.SetProtectedTorque(1, 101),
-          service.SetProtectiveCurrent(1, 3251), service.SetRightOrLeft(2),
-          service.SetAllRunSpeed(std::vector<std::int16_t>(9)),
-          service.SetProductSerialNumber(std::vector<std::uint8_t>(18))}) {
-      EXPECT_FALSE(taken);
-    }
-    EXPECT_TRUE(service.SetAllAxisPos(std::vector<std::uint16_t>(9)).pos.empty());
-  });
-  EXPECT_EQ(written.err.find("[KorvaneBrisaSerialImpl]"), std::string::npos) << written.err;
 }
 
 TEST_F(BrisaOnSerial, GoesOnThroughNoiseAndPieces) {
@@ -222,19 +167,6 @@ TEST(BrisaWithoutAPort, IsHarmless) {
   EXPECT_EQ(hand->device_id, kId);
   ASSERT_FALSE(reports.empty());
   EXPECT_EQ(reports.back(), std::pair(-4, -1));
-}
-
-TEST(ValidationType, FollowsTheFirmwareVersion) {
-  for (const auto& [version, type] : std::vector<std::pair<Version, int>>{{{15, 0, 0, 0}, 1},
-                                                                          {{15, 0, 0, 1}, 0},
-                                                                          {{16, 0, 0, 0}, 0},
-                                                                          {{1, 0, 0, 9}, 0},
-                                                                          {{1, 0, 1, 0}, 1},
-                                                                          {{2, 0, 0, 0}, 1},
-                                                                          {{0, 9, 9, 9}, 0},
-                                                                          {{14, 0, 0, 0}, 1}}) {
-    EXPECT_EQ(ValidationTypeOf(version), type) << version.ToString();
-  }
 }
 
 }  // namespace

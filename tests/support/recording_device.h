@@ -59,9 +59,17 @@ class RecordingDevice final : public CanBusDeviceBase {
 
   /// A frame out of the blue. Returns when it has been dispatched, and all before it.
   void Receive(const CanfdFrame& frame) {
-    std::unique_lock lock(mutex_);
-    incoming_.push_back(frame);
+    {
+      const std::lock_guard lock(mutex_);
+      incoming_.push_back(frame);
+    }
     changed_.notify_all();
+    Settle();
+  }
+
+  /// Returns when all frames so far have been dispatched.
+  void Settle() {
+    std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return incoming_.empty(); });
   }
 
