@@ -20,6 +20,8 @@
 #include "korvane_quill.h"
 #include "korvane_tessel.h"
 #include "korvane_vanta.h"
+#include "private_korvane_brisa.h"
+#include "private_korvane_lumen.h"
 #include "support/process_resources.h"
 #include "support/simulator_process.h"
 
@@ -167,6 +169,25 @@ TEST_F(SocketCanOnTheKernel, DrivesHandsOfAllModelsOnOneBus) {
     if (i == 2) continue;  // no motors
     EXPECT_EQ(hands[i]->SetJointMotorPosi(2, 123), 123);
   }
+}
+
+template <class Hand>
+void ExpectServiceOn(const std::string& model, std::size_t axes) {
+  SimulatorProcess simulator({"--can", TestInterface(), "--hand", model + ":1"});
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const auto hand = Hand::createHandSocketCan(HandType::RIGHT, 1, TestInterface());
+  hand->SetFrameRecvTimeout(kPatientMs);
+  EXPECT_TRUE(hand->SetAxisMinPos(2, 100));
+  const AxisLimitPos limits = hand->GetAxisLimitPos();
+  ASSERT_EQ(limits.lower.size(), axes);
+  EXPECT_EQ(limits.lower[1], 100);
+  EXPECT_FALSE(hand->GetVendorInfo().product_model.empty());
+  EXPECT_EQ(hand->GetAllAxisCvp().size(), 60U);
+}
+
+TEST_F(SocketCanOnTheKernel, ReachesTheServiceInterface) {
+  ExpectServiceOn<PrivateKorvaneBrisa>("brisa", 10);
+  ExpectServiceOn<PrivateKorvaneLumen>("lumen", 4);
 }
 
 TEST_F(SocketCanOnTheKernel, LeavesNothingBehindAfterManyHands) {

@@ -530,6 +530,37 @@ TYPED_TEST(ServiceOverCan, IsAHandOfItsModelWhoseRequestsDoNotBearItsId) {
   EXPECT_THROW(this->none_.SendStreamRequest(StreamCmd::kSaveParam), std::runtime_error);
 }
 
+TYPED_TEST(ServiceOverCan, IsMadeWithoutALinkTooAndSaysWhy) {
+  const auto expect_refused = [](const std::string& line, auto... where) {
+    const StreamCapture made(stderr);
+    const TypeParam hand(HandType::LEFT, kId, where...);
+    const std::string name = ClassName<TypeParam>();
+    EXPECT_EQ(made.Text(), "[ERROR] " + name.substr(1, name.size() - 3) + line + "\n");
+    EXPECT_TRUE(!hand.connected && hand.mirrored && hand.device_id == kId);
+    EXPECT_EQ(hand.GetPowerState(), 0);
+  };
+  constexpr std::uint8_t kZero = 0;
+  constexpr auto kNoKind = static_cast<ECanDeviceType>(2);
+  expect_refused(": invalid device type", kZero, kZero, kNoKind);
+  expect_refused(": invalid device type", "serial", kZero, kNoKind);
+  expect_refused(": TCP CANFD is not supported on this platform.", "127.0.0.1",
+                 static_cast<unsigned short>(8080), kZero);
+  const auto side = HandType::LEFT;
+  const std::string nowhere = "no such adapter";
+  CaptureStreams([&] {
+    const decltype(TypeParam::createHandSocketCan(side, kId)) hands[] = {
+        TypeParam::createHandSocketCan(side, kId, "no-such-can"),
+        TypeParam::createHandByZlgcan(side, kId, nowhere, 1),
+        TypeParam::createHandByZlgcan(side, kId, std::uint8_t{7}, 1),
+        TypeParam::createHandByHcan(side, kId, nowhere, 1),
+        TypeParam::createHandByHcan(side, kId, std::uint8_t{200}, 1)};
+    for (const auto& hand : hands) {
+      EXPECT_NE(dynamic_cast<const TypeParam*>(hand.get()), nullptr);
+      EXPECT_FALSE(hand->connected);
+    }
+  });
+}
+
 TYPED_TEST(ServiceOverCan, TellsWhatItIsInTwoRequests) {
   auto& device = *this->rig_.device;
   Bytes version{205, 2, 9, 9, 1, 2, 3, 4, 5, 6, 10};
