@@ -1,10 +1,9 @@
 #include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <array>
-#include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -13,122 +12,100 @@
 #include <utility>
 #include <vector>
 
+#include "support/process_resources.h"
 #include "support/simulator_process.h"
+#include "util/bytes.h"
 
 // Drives the stand-in libraries as a closed library is driven: by dlopen and byte offsets.
+namespace talvera::korvane {
 namespace {
 
 using std::uint32_t;
 using std::uint8_t;
-using talvera::korvane::test::SimulatorProcess;
+using test::SimulatorProcess;
+using testing::Each;
+using testing::Lt;
+using U32 = uint32_t;
+using Results = std::vector<uint32_t>;
 
 constexpr uint32_t kType = 33;
 constexpr std::size_t kRecord = 80;
 
-std::string MakeTempDir() {
-  std::string name = (std::filesystem::temp_directory_path() / "standin-XXXXXX").string();
-  return mkdtemp(name.data()) == nullptr ? std::string() : name;
-}
-
-class Library {
- public:
-  explicit Library(const char* name)
-      : handle_(dlopen((std::string(KORVANE_STANDIN_DIR "/") + name).c_str(), RTLD_NOW)) {}
-
+/// What dlsym found, as a pointer to whatever function it is taken for.
+struct Symbol {
   template <class Function>
-  Function* Get(const char* name) const {
-    return reinterpret_cast<Function*>(dlsym(handle_, name));
+  operator Function*() const {
+    return reinterpret_cast<Function*>(at);
   }
+  void* at;
+};
 
- private:
-  void* handle_;
+struct Library {
+  explicit Library(const char* name)
+      : handle(dlopen((std::string(KORVANE_STANDIN_DIR "/") + name).c_str(), RTLD_NOW)) {}
+  Symbol operator[](const char* name) const { return {dlsym(handle, name)}; }
+  void* handle;
 };
 
 struct Usbcanfd {
-  using Device = uint32_t(uint32_t, uint32_t);
-  using Channel = uint32_t(uint32_t, uint32_t, uint32_t);
-
   Library library{"libusbcanfd.so"};
-  Channel* open = library.Get<Channel>("VCI_OpenDevice");
-  Device* close = library.Get<Device>("VCI_CloseDevice");
-  uint32_t (*info)(uint32_t, uint32_t,
-                   void*) = library.Get<uint32_t(uint32_t, uint32_t, void*)>("VCI_ReadBoardInfo");
-  uint32_t (*init)(uint32_t, uint32_t, uint32_t, void*) =
-      library.Get<uint32_t(uint32_t, uint32_t, uint32_t, void*)>("VCI_InitCAN");
-  uint32_t (*reference)(uint32_t, uint32_t, uint32_t, uint32_t, void*) =
-      library.Get<uint32_t(uint32_t, uint32_t, uint32_t, uint32_t, void*)>("VCI_SetReference");
-  Channel* start = library.Get<Channel>("VCI_StartCAN");
-  Channel* reset = library.Get<Channel>("VCI_ResetCAN");
-  uint32_t (*transmit)(uint32_t, uint32_t, uint32_t, void*, uint32_t) =
-      library.Get<uint32_t(uint32_t, uint32_t, uint32_t, void*, uint32_t)>("VCI_TransmitFD");
-  uint32_t (*receive)(uint32_t, uint32_t, uint32_t, void*, uint32_t, int) =
-      library.Get<uint32_t(uint32_t, uint32_t, uint32_t, void*, uint32_t, int)>("VCI_ReceiveFD");
+  U32 (*open)(U32, U32, U32) = library["VCI_OpenDevice"];
+  U32 (*close)(U32, U32) = library["VCI_CloseDevice"];
+  U32 (*info)(U32, U32, void*) = library["VCI_ReadBoardInfo"];
+  U32 (*init)(U32, U32, U32, void*) = library["VCI_InitCAN"];
+  U32 (*reference)(U32, U32, U32, U32, void*) = library["VCI_SetReference"];
+  U32 (*start)(U32, U32, U32) = library["VCI_StartCAN"];
+  U32 (*reset)(U32, U32, U32) = library["VCI_ResetCAN"];
+  U32 (*transmit)(U32, U32, U32, void*, U32) = library["VCI_TransmitFD"];
+  U32 (*receive)(U32, U32, U32, void*, U32, int) = library["VCI_ReceiveFD"];
 };
 
 struct Canbus {
-  using Channel = int(int, int);
-  using Batch = int(int, int, void*, int, int);
-
   Library library{"libcanbus.so"};
-  int (*scan)() = library.Get<int()>("CAN_ScanDevice");
-  Channel* open = library.Get<Channel>("CAN_OpenDevice");
-  Channel* close = library.Get<Channel>("CAN_CloseDevice");
-  int (*info)(int, void*) = library.Get<int(int, void*)>("CAN_ReadDevInfo");
-  int (*clock)(int) = library.Get<int(int)>("CAN_GetDevPlck");
-  int (*init)(int, int, void*) = library.Get<int(int, int, void*)>("CANFD_Init");
-  Batch* transmit = library.Get<Batch>("CANFD_Transmit");
-  Batch* receive = library.Get<Batch>("CANFD_Receive");
+  int (*scan)() = library["CAN_ScanDevice"];
+  int (*open)(int, int) = library["CAN_OpenDevice"];
+  int (*close)(int, int) = library["CAN_CloseDevice"];
+  int (*info)(int, void*) = library["CAN_ReadDevInfo"];
+  int (*clock)(int) = library["CAN_GetDevPlck"];
+  int (*init)(int, int, void*) = library["CANFD_Init"];
+  int (*transmit)(int, int, void*, int, int) = library["CANFD_Transmit"];
+  int (*receive)(int, int, void*, int, int) = library["CANFD_Receive"];
 };
 
 // 60 MHz; 1 Mbit/s by 47 + 12 + 1 quanta, 5 Mbit/s by 8 + 3 + 1.
-std::array<uint8_t, 20> ZlgConfig() {
-  return {0x00, 0x87, 0x93, 0x03, 0, 0, 0, 0, 46, 11, 3, 0, 0, 0, 7, 2, 1, 0, 0, 0};
-}
-
+constexpr std::array<uint8_t, 20> kZlgConfig{0x00, 0x87, 0x93, 0x03, 0, 0, 0, 0, 46, 11,
+                                             3,    0,    0,    0,    7, 2, 1, 0, 0,  0};
 // 1 and 5 Mbit/s at 80 MHz; prescaler 2 with 40 and 8 quanta.
-std::array<uint8_t, 20> HcanConfig() {
-  return {0x40, 0x42, 0x0F, 0x00, 0x40, 0x4B, 0x4C, 0x00, 2, 0, 31, 8, 5, 2, 5, 2, 1, 1, 0, 1};
-}
-
-uint32_t Word(const uint8_t* at) {
-  return at[0] | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
-         static_cast<uint32_t>(at[3]) << 24;
-}
-
-void SetWord(uint8_t* at, uint32_t value) {
-  for (int i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(value >> 8 * i);
-}
+constexpr std::array<uint8_t, 20> kHcanConfig{0x40, 0x42, 0x0F, 0x00, 0x40, 0x4B, 0x4C, 0x00, 2, 0,
+                                              31,   8,    5,    2,    5,    2,    1,    1,    0, 1};
 
 std::vector<uint8_t> ZlgFrame(uint32_t id, uint8_t length = 64) {
   std::vector<uint8_t> record(kRecord);
-  SetWord(record.data() + 4, id);
-  SetWord(record.data() + 8, 1U << 4 | 1U << 11 | (id > 0x7FF ? 1U << 9 : 0U));
+  StoreU32(&record[4], id);
+  StoreU32(&record[8], 1U << 4 | 1U << 11 | (id > 0x7FF ? 1U << 9 : 0U));
   record[15] = length;
   return record;
 }
 
 std::vector<uint8_t> HcanFrame(uint32_t id, uint8_t code = 15) {
   std::vector<uint8_t> record(kRecord);
-  SetWord(record.data(), id | (id > 0x7FF ? 0x80000000U : 0U));
+  StoreU32(record.data(), id | 0x80000000U);  // the identifiers of this test are extended
   record[8] = 12;
   record[9] = code;
   record[10] = 1;
   return record;
 }
 
-std::size_t OpenDescriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
 class StandinTest : public testing::Test {
  protected:
-  StandinTest() { setenv("KORVANE_SIM_SOCKET", socket_.c_str(), 1); }
+  StandinTest() {
+    mkdtemp(dir_.data());
+    socket_ = dir_ + "/adapters.sock";
+    setenv("KORVANE_SIM_SOCKET", socket_.c_str(), 1);
+  }
   void TearDown() override {
-    // A simulator that a sanitizer stopped doesn't end with 0.
-    if (simulator_) {
-      EXPECT_EQ(simulator_->End(SIGTERM), 0);
-    }
+    const bool clean = !simulator_ || simulator_->End(SIGTERM) == 0;
+    EXPECT_TRUE(clean) << "a simulator that a sanitizer stopped doesn't end with 0";
     std::filesystem::remove_all(dir_);
   }
 
@@ -137,19 +114,19 @@ class StandinTest : public testing::Test {
     return std::make_unique<SimulatorProcess>(arguments);
   }
 
-  void Serve(const std::vector<std::string>& arguments) {
+  void Serve(const std::vector<std::string>& arguments = {"--hand", "brisa:1"}) {
     simulator_ = Start(arguments);
     ASSERT_EQ(simulator_->ReadLine(), "korvane-sim: ready at " + socket_);
   }
 
   void StartZlg(uint32_t channel) {
-    auto config = ZlgConfig();
+    auto config = kZlgConfig;
     ASSERT_EQ(zlg_.init(kType, 0, channel, config.data()), 1U);
     ASSERT_EQ(zlg_.start(kType, 0, channel), 1U);
   }
 
   void StartHcan(int channel) {
-    auto config = HcanConfig();
+    auto config = kHcanConfig;
     ASSERT_EQ(hcan_.open(0, channel), 0);
     ASSERT_EQ(hcan_.init(0, channel, config.data()), 0);
   }
@@ -159,11 +136,15 @@ class StandinTest : public testing::Test {
     auto request = ZlgFrame(id);
     if (zlg_.transmit(kType, 0, channel, request.data(), 1) != 1) return 0;
     if (zlg_.receive(kType, 0, channel, buffer_.data(), 256, 5000) != 1) return 0;
-    return Word(buffer_.data() + 4);
+    return LoadU32(buffer_.data() + 4);
   }
 
-  const std::string dir_ = MakeTempDir();
-  const std::string socket_ = dir_ + "/adapters.sock";
+  std::string Text(std::size_t at, std::size_t size) const {
+    return std::string(&buffer_[at], &buffer_[at] + size);
+  }
+
+  std::string dir_ = std::filesystem::temp_directory_path() / "standin-XXXXXX";
+  std::string socket_;
   std::unique_ptr<SimulatorProcess> simulator_;
   Usbcanfd zlg_;
   Canbus hcan_;
@@ -175,9 +156,7 @@ TEST_F(StandinTest, UsbcanfdCarriesFramesByItsRecords) {
   EXPECT_EQ(zlg_.open(kType, 0, 0), 1U);
   ASSERT_EQ(zlg_.info(kType, 0, buffer_.data()), 1U);
   EXPECT_EQ(buffer_[10], 2);
-  EXPECT_EQ(std::string(buffer_.begin() + 11, buffer_.begin() + 31), "SIM-ZLG-0000        ");
-  EXPECT_EQ(std::string(buffer_.begin() + 31, buffer_.begin() + 40), "Simulated");
-
+  EXPECT_EQ(Text(11, 29), "SIM-ZLG-0000        Simulated");
   StartZlg(0);
   StartZlg(1);
   int value = 1;
@@ -185,55 +164,51 @@ TEST_F(StandinTest, UsbcanfdCarriesFramesByItsRecords) {
     EXPECT_EQ(zlg_.reference(kType, 0, 0, command, &value), 1U);
   }
   EXPECT_EQ(AskZlg(0, 0x03130101), 0x03130101U);
-  EXPECT_EQ(Word(buffer_.data() + 8) & 0xAF0, 0xA10U);  // CAN FD, extended, rate switched.
+  EXPECT_EQ(LoadU32(&buffer_[8]) & 0xAF0, 0xA10U);  // CAN FD, extended, rate switched.
   EXPECT_EQ(buffer_[15], 2);
-  EXPECT_EQ(buffer_[16] | buffer_[17] << 8, 4096);
+  EXPECT_EQ(LoadU16(&buffer_[16]), 4096);
   EXPECT_EQ(AskZlg(1, 0x00020100), 0x00020102U);  // Each channel is a bus of its own.
   EXPECT_EQ(buffer_[14], 1);
 
   // Batches: the capacity holds and the rest stays.
   auto raw = ZlgFrame(0x00060101);
   ASSERT_EQ(zlg_.transmit(kType, 0, 0, raw.data(), 1), 1U);
-  std::size_t frames = 0;
-  while (frames < 10) {
-    const uint32_t came = zlg_.receive(kType, 0, 0, buffer_.data(), 4, 5000);
-    ASSERT_GE(came, 1U);
-    ASSERT_LE(came, 4U);
-    frames += came;
+  for (uint32_t came = 0, frames = 0; frames < 10; frames += came) {
+    came = zlg_.receive(kType, 0, 0, buffer_.data(), 4, 5000);
+    ASSERT_TRUE(1 <= came && came <= 4) << came;
   }
   EXPECT_EQ(zlg_.receive(kType, 0, 0, buffer_.data(), 256, 0), 0U);
   EXPECT_EQ(zlg_.close(kType, 0), 1U);
 }
 
 TEST_F(StandinTest, UsbcanfdRefusesWhatARealAdapterWould) {
-  Serve({"--hand", "brisa:1"});
-  auto config = ZlgConfig();
-  auto frame = ZlgFrame(0x03130101);
-  EXPECT_EQ(zlg_.open(41, 0, 0), 0U);
-  EXPECT_EQ(zlg_.open(kType, 1, 0), 0U);
-  EXPECT_EQ(zlg_.info(kType, 0, buffer_.data()), 0U);  // Not open.
-  EXPECT_EQ(zlg_.start(kType, 0, 0), 0U);
-  EXPECT_EQ(zlg_.close(kType, 0), 0U);
-  EXPECT_EQ(zlg_.open(kType, 0, 0), 1U);
-  EXPECT_EQ(zlg_.open(kType, 0, 0), 0U);  // Open already.
-  EXPECT_EQ(zlg_.start(kType, 0, 0), 0U);
-  EXPECT_EQ(zlg_.init(kType, 0, 2, config.data()), 0U);
-  EXPECT_EQ(zlg_.init(kType, 0, 0, nullptr), 0U);
-  config[8] = 30;  // Another bit rate.
-  EXPECT_EQ(zlg_.init(kType, 0, 0, config.data()), 0U);
-  config = ZlgConfig();
-  EXPECT_EQ(zlg_.init(kType, 0, 0, config.data()), 1U);
-  EXPECT_EQ(zlg_.transmit(kType, 0, 0, frame.data(), 1), 0U);  // Not started.
-  EXPECT_EQ(zlg_.start(kType, 0, 0), 1U);
-  EXPECT_EQ(zlg_.reference(kType, 0, 0, 0x99, config.data()), 0U);
-
-  // Of a batch, the frames up to the first bad one are taken.
-  auto batch = frame;
-  auto bad = ZlgFrame(0x03130101, 65);
+  Serve();
+  auto config = kZlgConfig;
+  auto slow = kZlgConfig;
+  slow[8] = 30;
+  auto batch = ZlgFrame(0x03130101);
+  const auto bad = ZlgFrame(0x03130101, 65);
   batch.insert(batch.end(), bad.begin(), bad.end());
+  EXPECT_THAT(
+      (Results{zlg_.open(41, 0, 0), zlg_.open(kType, 1, 0), zlg_.info(kType, 0, buffer_.data()),
+               zlg_.start(kType, 0, 0), zlg_.close(kType, 0)}),
+      Each(0U))
+      << "not open";
+  EXPECT_EQ(zlg_.open(kType, 0, 0), 1U);
+  EXPECT_THAT((Results{zlg_.open(kType, 0, 0), zlg_.start(kType, 0, 0),
+                       zlg_.init(kType, 0, 2, config.data()), zlg_.init(kType, 0, 0, nullptr),
+                       zlg_.init(kType, 0, 0, slow.data())}),
+              Each(0U))
+      << "open already, not initialised";
+  EXPECT_EQ(zlg_.init(kType, 0, 0, config.data()), 1U);
+  EXPECT_EQ(zlg_.transmit(kType, 0, 0, batch.data(), 1), 0U) << "not started";
+  EXPECT_EQ(zlg_.start(kType, 0, 0), 1U);
+  EXPECT_THAT(
+      (Results{zlg_.reference(kType, 0, 0, 0x99, config.data()),
+               zlg_.transmit(kType, 0, 0, nullptr, 1), zlg_.receive(kType, 0, 0, nullptr, 1, 0)}),
+      Each(0U));
+  // Of a batch, the frames up to the first bad one are taken.
   EXPECT_EQ(zlg_.transmit(kType, 0, 0, batch.data(), 2), 1U);
-  EXPECT_EQ(zlg_.transmit(kType, 0, 0, nullptr, 1), 0U);
-  EXPECT_EQ(zlg_.receive(kType, 0, 0, nullptr, 1, 0), 0U);
   // Its reply must not be taken for that to a later request.
   EXPECT_EQ(zlg_.receive(kType, 0, 0, buffer_.data(), 256, 5000), 1U);
 
@@ -245,35 +220,34 @@ TEST_F(StandinTest, UsbcanfdRefusesWhatARealAdapterWould) {
   EXPECT_EQ(zlg_.close(kType, 0), 1U);
 }
 
-TEST_F(StandinTest, CanbusCarriesFramesByItsRecords) {
+TEST_F(StandinTest, CanbusCarriesFramesByItsRecordsAndRefusesWhatARealAdapterWould) {
   Serve({"--hand", "brisa:0x27@1.0", "--adapter-count", "2"});
   EXPECT_EQ(hcan_.scan(), 2);
-  EXPECT_LT(hcan_.open(2, 0), 0);
-  EXPECT_LT(hcan_.open(-1, 0), 0);
-  EXPECT_LT(hcan_.open(1, 2), 0);
-  EXPECT_LT(hcan_.info(1, buffer_.data()), 0);
+  EXPECT_THAT((std::vector{hcan_.open(2, 0), hcan_.open(-1, 0), hcan_.open(1, 2),
+                           hcan_.info(1, buffer_.data())}),
+              Each(Lt(0)));
   ASSERT_EQ(hcan_.open(1, 0), 0);
   EXPECT_LT(hcan_.open(1, 0), 0);
   ASSERT_EQ(hcan_.info(1, buffer_.data()), 0);
-  EXPECT_EQ(std::string(buffer_.begin(), buffer_.begin() + 14), std::string("SIM-HCAN-0001\0", 14));
-  EXPECT_EQ(std::string(buffer_.begin() + 32, buffer_.begin() + 41), "Simulated");
+  EXPECT_EQ(Text(0, 14), std::string("SIM-HCAN-0001\0", 14));
+  EXPECT_EQ(Text(32, 9), "Simulated");
   EXPECT_EQ(buffer_[64], 2);
   EXPECT_EQ(hcan_.clock(1), 80000000);
 
-  auto config = HcanConfig();
-  config[13] = 1;
-  EXPECT_LT(hcan_.init(1, 0, config.data()), 0);  // 10 Mbit/s.
-  config = HcanConfig();
-  EXPECT_LT(hcan_.init(1, 1, config.data()), 0);  // That channel was never opened.
-  EXPECT_EQ(hcan_.init(1, 0, config.data()), 0);
+  auto config = kHcanConfig;
+  auto fast = kHcanConfig;
+  fast[13] = 1;  // 10 Mbit/s.
   auto frame = HcanFrame(0x00130127);
+  auto bad = HcanFrame(0x00130127, 16);
+  EXPECT_LT(hcan_.init(1, 0, fast.data()), 0);
+  EXPECT_LT(hcan_.init(1, 1, config.data()), 0) << "that channel was never opened";
+  EXPECT_EQ(hcan_.init(1, 0, config.data()), 0);
   EXPECT_LT(hcan_.transmit(1, 1, frame.data(), 1, 100), 0);
   EXPECT_EQ(hcan_.transmit(1, 0, frame.data(), 1, 100), 1);
   ASSERT_EQ(hcan_.receive(1, 0, buffer_.data(), 256, 5000), 1);
-  EXPECT_EQ(Word(buffer_.data()), 0x80130127U);
+  EXPECT_EQ(LoadU32(buffer_.data()), 0x80130127U);
   EXPECT_EQ(buffer_[9], 11);  // 20 bytes.
-  EXPECT_EQ(buffer_[16] | buffer_[17] << 8, 4096);
-  auto bad = HcanFrame(0x00130127, 16);
+  EXPECT_EQ(LoadU16(&buffer_[16]), 4096);
   EXPECT_LT(hcan_.transmit(1, 0, bad.data(), 1, 100), 0);
   EXPECT_LT(hcan_.transmit(1, 0, frame.data(), -1, 100), 0);
   EXPECT_EQ(hcan_.receive(1, 0, buffer_.data(), 256, 0), 0);
@@ -286,13 +260,13 @@ TEST_F(StandinTest, CanbusTellsTheClockThatWasAskedFor) {
   EXPECT_LT(hcan_.clock(0), 0);
   ASSERT_EQ(hcan_.open(0, 0), 0);
   EXPECT_EQ(hcan_.clock(0), 36000000);
-  auto config = HcanConfig();
+  auto config = kHcanConfig;
   EXPECT_LT(hcan_.init(0, 0, config.data()), 0);  // Made for 80 MHz.
   hcan_.close(0, 0);
 }
 
 TEST_F(StandinTest, OneThreadReceivesWhileAnotherTransmits) {
-  Serve({"--hand", "brisa:1"});
+  Serve();
   StartZlg(0);
   constexpr uint32_t kFrames = 1000;  // More than a socket buffer holds.
   std::thread sender([&] {
@@ -300,10 +274,8 @@ TEST_F(StandinTest, OneThreadReceivesWhileAnotherTransmits) {
     for (uint32_t i = 0; i < kFrames; ++i) zlg_.transmit(kType, 0, 0, frame.data(), 1);
   });
   uint32_t received = 0;
-  while (received < kFrames) {
-    const uint32_t came = zlg_.receive(kType, 0, 0, buffer_.data(), 256, 10000);
-    if (came == 0) break;
-    received += came;
+  for (uint32_t came = 1; received < kFrames && came > 0; received += came) {
+    came = zlg_.receive(kType, 0, 0, buffer_.data(), 256, 10000);
   }
   sender.join();
   EXPECT_EQ(received, kFrames);
@@ -311,8 +283,8 @@ TEST_F(StandinTest, OneThreadReceivesWhileAnotherTransmits) {
 }
 
 TEST_F(StandinTest, OpeningAndClosingLeavesNoDescriptors) {
-  Serve({"--hand", "brisa:1"});
-  const std::size_t before = OpenDescriptors();
+  Serve();
+  const std::size_t before = test::CountEntries("/proc/self/fd");
   for (int i = 0; i < 300; ++i) {
     StartZlg(0);
     ASSERT_EQ(AskZlg(0, 0x03130101), 0x03130101U);
@@ -320,13 +292,13 @@ TEST_F(StandinTest, OpeningAndClosingLeavesNoDescriptors) {
     StartHcan(1);
     ASSERT_EQ(hcan_.close(0, 1), 0);
   }
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(test::CountEntries("/proc/self/fd"), before);
 }
 
 TEST_F(StandinTest, WhenTheSimulatorDiesEverythingFailsAndANewOneIsFound) {
   EXPECT_EQ(zlg_.open(kType, 0, 0), 0U);  // None yet.
   EXPECT_LE(hcan_.scan(), 0);
-  Serve({"--hand", "brisa:1"});
+  Serve();
   StartZlg(0);
   StartHcan(1);
   std::thread waiting([&] {
@@ -337,15 +309,15 @@ TEST_F(StandinTest, WhenTheSimulatorDiesEverythingFailsAndANewOneIsFound) {
   EXPECT_EQ(simulator_->End(SIGKILL), -1);
   simulator_.reset();
   waiting.join();
-  auto zlg_frame = ZlgFrame(0x03130101);
-  auto hcan_frame = HcanFrame(0x03130101);
-  EXPECT_EQ(zlg_.transmit(kType, 0, 0, zlg_frame.data(), 1), 0U);
+  auto frame = ZlgFrame(0x03130101);
+  EXPECT_EQ(zlg_.transmit(kType, 0, 0, frame.data(), 1), 0U);
   EXPECT_EQ(zlg_.receive(kType, 0, 0, buffer_.data(), 256, 5000), 0U);
-  EXPECT_LT(hcan_.transmit(0, 1, hcan_frame.data(), 1, 100), 0);
+  frame = HcanFrame(0x03130101);
+  EXPECT_LT(hcan_.transmit(0, 1, frame.data(), 1, 100), 0);
   EXPECT_LE(hcan_.scan(), 0);
   EXPECT_TRUE(std::filesystem::exists(socket_));
 
-  Serve({"--hand", "brisa:1"});  // Takes the place of the stale socket.
+  Serve();  // Takes the place of the stale socket.
   StartZlg(0);
   EXPECT_EQ(AskZlg(0, 0x03130101), 0x03130101U);
   zlg_.close(kType, 0);
@@ -353,7 +325,7 @@ TEST_F(StandinTest, WhenTheSimulatorDiesEverythingFailsAndANewOneIsFound) {
 }
 
 TEST_F(StandinTest, TheSimulatorEndsCleanlyAndDoesNotTakeALivingOnesPlace) {
-  Serve({"--hand", "brisa:1"});
+  Serve();
   const auto second = Start({});
   EXPECT_NE(second->ReadLine().find("another korvane-sim serves " + socket_), std::string::npos);
   EXPECT_EQ(second->Wait(), 1);
@@ -384,3 +356,4 @@ TEST_F(StandinTest, AWrongOptionIsToldWithWhatWouldBeRight) {
 }
 
 }  // namespace
+}  // namespace talvera::korvane

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "support/capture.h"
-#include "support/manual_clock.h"
 #include "support/process_resources.h"
 #include "support/pseudo_terminal.h"
 #include "support/temporary_file.h"
+#include "support/virtual_clock.h"
 
 namespace talvera::korvane {
 namespace {
@@ -75,11 +75,9 @@ class UsbDevice : public testing::Test {
   /// Reconnects, with something that happens in its wait of 2 s.
   bool ReconnectAndMeanwhile(const std::function<void()>& action) {
     auto result = std::async(std::launch::async, [this] { return device_.Reconnect(); });
-    clock_.AwaitWaiters(1);
-    clock_.Advance(milliseconds(1999));
-    clock_.AwaitWaiters(1);
+    clock_.SleepFor(milliseconds(1999));  // Time passes when both threads wait.
     action();
-    clock_.Advance(milliseconds(1));
+    clock_.SleepFor(milliseconds(1));
     return result.get();
   }
 
@@ -108,7 +106,7 @@ class UsbDevice : public testing::Test {
 
   std::mutex mutex_;
   std::deque<Frame> delivered_;
-  ManualClock clock_;
+  test::VirtualClock clock_{2};
   StreamCapture out_{stdout};
   StreamCapture err_{stderr};
   PseudoTerminal line_;

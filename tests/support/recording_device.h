@@ -28,7 +28,9 @@ using Bytes = std::vector<std::uint8_t>;
 /// thread, so that a reply takes the way that it takes on a real adapter.
 class RecordingDevice final : public CanBusDeviceBase {
  public:
-  /// The frames that follow a sent one; nothing if the adapter can't send. May throw.
+  /// The frames that follow a sent one; nothing if the adapter can't send. May throw. For a request
+  /// it runs with `request_mutex_` held, so that it may fill the tables as if frames had come just
+  /// then, but must not dispatch any itself.
   using Script = std::function<std::optional<std::vector<CanfdFrame>>(const CanfdFrame& sent)>;
 
   explicit RecordingDevice(bool opens = true, const DispatchRules& rules = {})
@@ -49,12 +51,21 @@ class RecordingDevice final : public CanBusDeviceBase {
   /// Set while no call runs. Silent at first.
   Script script = [](const CanfdFrame&) { return std::vector<CanfdFrame>{}; };
 
+  /// What SendFrame returns for a frame that the script took.
+  int sent_result = 0;
+
   std::function<void()> on_destroy;
 
   /// What was sent since the last call. Callers hand over all 64 bytes, and all are kept.
   std::vector<CanfdFrame> TakeSent() {
     const std::lock_guard lock(mutex_);
     return std::exchange(sent_, {});
+  }
+
+  /// Returns when `count` frames have been sent since the last TakeSent.
+  void AwaitSent(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this, count] { return sent_.size() >= count; });
   }
 
   /// A frame out of the blue. Returns when it has been dispatched, and all before it.
@@ -84,13 +95,17 @@ class RecordingDevice final : public CanBusDeviceBase {
     frame.can_id = id;
     frame.len = len;
     std::memcpy(frame.data, data, sizeof frame.data);
-    const std::lock_guard lock(mutex_);
-    sent_.push_back(frame);
+    {
+      const std::lock_guard lock(mutex_);
+      sent_.push_back(frame);
+    }
+    changed_.notify_all();
     const auto replies = script(frame);
     if (!replies) return -1;
+    const std::lock_guard lock(mutex_);
     incoming_.insert(incoming_.end(), replies->begin(), replies->end());
     changed_.notify_all();
-    return 0;
+    return sent_result;
   }
 
   void RecvFrame() override {
@@ -126,6 +141,10 @@ inline CanfdFrame FullFrame(std::uint32_t id, const Bytes& data, int len = 64) {
   return frame;
 }
 
+inline CanfdFrame MakeFrame(std::uint32_t id, const Bytes& data = {}) {
+  return FullFrame(id, data, static_cast<int>(data.size()));
+}
+
 /// One frame of `len` bytes under the identifier of the request, its write flag cleared.
 inline RecordingDevice::Script Replies(const Bytes& data, int len = 64) {
   return [=](const CanfdFrame& sent) {
@@ -138,9 +157,7 @@ inline RecordingDevice::Script RepliesInFrames(const std::vector<Bytes>& payload
   return [=](const CanfdFrame& sent) {
     std::vector<CanfdFrame> frames;
     frames.reserve(payloads.size());
-    for (const Bytes& payload : payloads) {
-      frames.push_back(FullFrame(sent.can_id, payload, static_cast<int>(payload.size())));
-    }
+    for (const Bytes& payload : payloads) frames.push_back(MakeFrame(sent.can_id, payload));
     return frames;
   };
 }

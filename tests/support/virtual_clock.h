@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <list>
 #include <mutex>
-#include <vector>
 
 #include "util/clock.h"
 
@@ -18,75 +18,59 @@ class VirtualClock : public Clock {
   explicit VirtualClock(std::size_t threads) : threads_(threads) {}
 
   TimePoint Now() const override {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard own(mutex_);
     return now_;
   }
 
   void SleepFor(std::chrono::nanoseconds duration) override {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::unique_lock lock(mutex);
-    const TimePoint deadline = Now() + duration;
-    while (Now() < deadline) WaitUntil(lock, cv, deadline);
+    std::unique_lock own(mutex_);
+    Wait(own, nullptr, now_ + duration);
   }
 
   void WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
                  TimePoint deadline) override {
-    Waiter self{&cv, deadline};
-    {
-      const std::lock_guard guard(mutex_);
-      if (deadline <= now_) return;
-      waiters_.push_back(&self);
-      JumpIfAllWait();
-    }
-    // Who wakes a waiter doesn't hold the waiter's own mutex, so the signal may come too early.
-    while (!IsAwake(self)) cv.wait_for(lock, std::chrono::microseconds(200));
-    const std::lock_guard guard(mutex_);
-    waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &self));
+    std::unique_lock own(mutex_);
+    lock.unlock();  // No notification can fall between.
+    Wait(own, &cv, deadline);
+    own.unlock();
+    lock.lock();
   }
 
   void NotifyAll(std::condition_variable& cv) override {
-    const std::lock_guard guard(mutex_);
-    for (Waiter* waiter : waiters_) {
-      if (waiter->cv == &cv) waiter->awake = true;
-    }
-    cv.notify_all();
+    const std::lock_guard own(mutex_);
+    for (Waiter& waiter : waiters_) waiter.awake |= waiter.cv == &cv;
+    changed_.notify_all();
   }
 
  private:
   struct Waiter {
-    std::condition_variable* cv;
+    const std::condition_variable* cv;
     TimePoint deadline;
-    bool awake = false;
+    bool awake;
   };
 
-  bool IsAwake(const Waiter& waiter) const {
-    const std::lock_guard guard(mutex_);
-    return waiter.awake;
-  }
-
-  void JumpIfAllWait() {
-    const auto asleep = [](const Waiter* waiter) { return !waiter->awake; };
-    if (static_cast<std::size_t>(std::count_if(waiters_.begin(), waiters_.end(), asleep)) <
-        threads_) {
-      return;
-    }
+  void Wait(std::unique_lock<std::mutex>& own, const std::condition_variable* cv,
+            TimePoint deadline) {
+    const auto self = waiters_.insert(waiters_.end(), {cv, deadline, deadline <= now_});
+    std::size_t waiting = 0;
     TimePoint next = TimePoint::max();
-    for (const Waiter* waiter : waiters_) {
-      if (asleep(waiter)) next = std::min(next, waiter->deadline);
+    for (const Waiter& waiter : waiters_) {
+      if (waiter.awake) continue;
+      ++waiting;
+      next = std::min(next, waiter.deadline);
     }
-    now_ = std::max(now_, next);
-    for (Waiter* waiter : waiters_) {
-      if (waiter->deadline > now_) continue;
-      waiter->awake = true;
-      waiter->cv->notify_all();
-    }
+    if (waiting >= threads_) now_ = next;
+    for (Waiter& waiter : waiters_) waiter.awake |= waiter.deadline <= now_;
+    changed_.notify_all();
+    changed_.wait(own, [&] { return self->awake; });
+    waiters_.erase(self);
   }
 
   mutable std::mutex mutex_;
+  std::condition_variable changed_;
   const std::size_t threads_;
   TimePoint now_{};
-  std::vector<Waiter*> waiters_;
+  std::list<Waiter> waiters_;
 };
 
 }  // namespace talvera::korvane::test

@@ -1,53 +1,30 @@
 #include "korvane_sim/service_face.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "korvane_sim/serial_hand.h"
 #include "korvane_sim/virtual_bus.h"
-#include "support/manual_clock.h"
-#include "support/temporary_file.h"
-#include "util/crc16.h"
+#include "support/exchange_script.h"
+#include "support/virtual_clock.h"
 
 namespace talvera::korvane::sim {
 namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
-using Bytes = std::vector<std::uint8_t>;
+using test::Bytes;
+using test::Hex;
 
-/// "EEAA 00*3" is EE AA 00 00 00.
-Bytes Hex(const std::string& text) {
-  std::istringstream words(text);
-  Bytes bytes;
-  for (std::string word; words >> word;) {
-    const std::size_t digits = std::min(word.find('*'), word.size());
-    for (int n = digits < word.size() ? std::stoi(word.substr(digits + 1)) : 1; n > 0; --n) {
-      for (std::size_t at = 0; at < digits; at += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoi(word.substr(at, 2), nullptr, 16)));
-      }
-    }
-  }
-  return bytes;
-}
-
-struct Script {
-  const char* about;
-  ServiceLink link;
-  const ModelRow& model;
-  /// Statements with semicolons between them: "06 030010 > 030010" is a command, its payload and
-  /// the reply, empty for none; "pass 50" lets milliseconds pass; "restart" switches off and on.
-  const char* text;
-};
-
-const Script kScripts[] = {
-    {"every command and what it refuses", ServiceLink::kSerial, kBrisa, R"(
+/// A command, its payload and that of the reply, none for no reply; "pass 50" lets milliseconds
+/// pass; "restart" switches off and on.
+const std::pair<const char*, const char*> kScripts[] = {
+    {"every command and what it refuses", R"(
         02 > 01; 01 02 > 01; 04 FE07 > 01; 04 FF07 > 00; 04 0000 > 00; 04 01 >; 05 > 01;
         06 030010 > 030010; 06 0B0000 > 00; 06 000000 > 00; 07 0A > 0A0010; 07 0C > 00; 07 >;
         08 0010*10 > 0010*10 00*40; 08 00*18 >; 09 > 0010*10; 09 01 >; 0A > 00*20; 0B > 00*20;
@@ -60,177 +37,111 @@ const Script kScripts[] = {
         30 > 00*20 0010*10; 31 01 > 01; 31 02 > 00; 32 00*50 > 0010*10 00*40; 34 5A > 01;
         80 01 > 01; 80 02 > 01; 81 > 01; C1 78*19 > 01; C1 78*18 >; C2 > 78*19;
         CD > 02000001000001 00000A; F1 >; F1 0100 >; F0 >; F0 00*80 >; 7E >)"},
-    {"limits, homing, actions and power", ServiceLink::kSerial, kBrisa, R"(
+    {"limits, homing, actions and power", R"(
         1B 03E803 > 01; 1C 03D007 > 01; 1B 03D107 > 00; 03 056400 > 01; 03 060010 > 00;
         08 00*20 > 0010*4 9C0F 0010*5 00*40; pass 3000; 07 03 > 03E803; 07 05 > 050000;
         17 05 > 056400; 16 05E803 > 056400; 0F 01 > 01; pass 3000; 07 03 > 03D007; 1D > 01;
         01 00 > 01; 02 > 00; 0F 02 > 00; 06 030000 > 03D007; pass 3000; 07 03 > 03D007)"},
-    {"a mixed motion leaves alone what it doesn't mean", ServiceLink::kSerial, kBrisa, R"(
+    {"a mixed motion leaves alone what it doesn't mean", R"(
         15 0105 > 0105; 32 00*4 0008 00*14 0CFE 00*28 > 0010*10 00*40; pass 20000;
         09 > 0000 0010 0008 0010*7)"},
-    {"settings that are saved outlive a restart", ServiceLink::kSerial, kBrisa, R"(
+    {"settings that are saved outlive a restart", R"(
         1C 030001 > 01; 05 > 01; 1C 040001 > 01; 34 19 > 01; 01 00 > 01; restart; 02 >;
         pass 2000; 02 > 01; 30 > 00*20 0010*2 0001 0010*7; 0D > 0000)"},
-    {"errors stay until they are cleared", ServiceLink::kSerial, kBrisa,
+    {"errors stay until they are cleared",
      "34 19 > 01; 0D > 0200; 34 50 > 01; 0D > 0200; 0E > 01; 0D > 0000"},
-    {"CAN pads payloads, Lumen has four axes", ServiceLink::kCan, kLumen, R"(
-        15 0304 > 01; 06 050000 > 00; 21 042C > 01; 08 00*11 > 0010*4 00*16; 0A > 00*20;
-        30 > 00*8 0010*4; 12 >; 34 19 > 01; 0D > 1500)"},
 };
 
 TEST(ServiceFaceTest, AnswersAsItIsScripted) {
-  for (const Script& script : kScripts) {
-    SimulatedHand hand(script.model, 1);
-    ServiceFace face(hand, script.link);
+  for (const auto& [about, script] : kScripts) {
+    SCOPED_TRACE(about);
+    SimulatedHand hand(kBrisa, 1);
+    ServiceFace face(hand, ServiceLink::kSerial);
     SimulatedHand::TimePoint now{std::chrono::hours(1)};
     hand.Advance(now);
-    std::istringstream statements(script.text);
-    for (std::string statement; std::getline(statements, statement, ';');) {
-      std::string word;
-      std::istringstream(statement) >> word;
-      if (word == "pass") {
-        hand.Advance(now += milliseconds(std::stoi(statement.substr(statement.find("pass") + 5))));
-      } else if (word == "restart") {
-        face.Restart(hand, now);
-      } else {
-        const auto arrow = statement.find('>');
-        const Bytes request = Hex(statement.substr(0, arrow));
-        const auto replies =
-            face.Handle(hand, {request[0], {request.begin() + 1, request.end()}}, now);
-        EXPECT_EQ(replies.empty() ? Bytes{} : replies[0].data, Hex(statement.substr(arrow + 1)))
-            << script.about << ": " << statement;
-      }
-    }
+    const auto ask = [&](const std::string& text) {
+      const Bytes bytes = Hex(text);
+      const auto replies = face.Handle(hand, {bytes[0], {bytes.begin() + 1, bytes.end()}}, now);
+      return replies.empty() ? Bytes{} : replies[0].data;
+    };
+    test::Play(
+        script, ask, [&](auto time) { hand.Advance(now += time); },
+        [&] { face.Restart(hand, now); });
   }
 }
 
 TEST(ServiceFaceTest, ExpectsTheChecksumThatGoesWithItsFirmware) {
-  using Version = std::array<std::uint8_t, 4>;
-  for (const Version& v : {Version{0, 9, 9}, {1, 0, 0, 9}, {15, 0, 1}, {15, 1}, {16}}) {
+  using Versions = std::vector<std::array<std::uint8_t, 4>>;
+  for (const auto& v : Versions{{0, 9, 9}, {1, 0, 0, 9}, {15, 0, 1}, {15, 1}, {16}}) {
     EXPECT_EQ(SerialChecksum(v), UpdateChecksum::kXmodem) << int{v[0]};
   }
-  for (const Version& v : {Version{1, 0, 1}, {1, 1}, {2}, {14, 1}, {15}}) {
+  for (const auto& v : Versions{{1, 0, 1}, {1, 1}, {2}, {14, 1}, {15}}) {
     EXPECT_EQ(SerialChecksum(v), UpdateChecksum::kModbus) << int{v[0]};
   }
 }
 
-/// A hand with the id 1 on a bus, and a host beside it. A frame that isn't answered gives no bytes.
+/// A hand with the id 1 on a bus, and a host beside it.
 struct HandOnCan {
   explicit HandOnCan(const ModelRow& model) { bus.Add({model, 1}); }
 
-  Bytes Send(std::uint32_t id, const Bytes& data) const {
-    Frame frame{id, static_cast<std::uint8_t>(data.size()), {}};
-    std::copy(data.begin(), data.end(), frame.data.begin());
-    const auto reply = port->Send(frame) ? port->Receive({}) : std::nullopt;
-    if (!reply) return {};
-    EXPECT_EQ(reply->id == 9, id == 9);
-    return {reply->data.begin(), reply->data.begin() + reply->len};
+  /// Requests are service commands, but where there is a colon, public frames.
+  void Play(const std::string& script) {
+    const auto ask = [this](const std::string& text) {
+      const auto colon = text.find(':');
+      const bool is_service = colon == std::string::npos;
+      const auto id = is_service ? 9 : std::stoul(text, nullptr, 16);
+      const Bytes data = Hex(text.substr(is_service ? 0 : colon + 1));
+      EXPECT_TRUE(port->Send(test::MakeFrame(static_cast<std::uint32_t>(id), data)));
+      const auto reply = port->Receive({});
+      if (!reply) return Bytes{};
+      EXPECT_EQ(reply->id == 9, is_service);
+      return test::DataOf(*reply);
+    };
+    test::Play(
+        script, ask, [this](auto time) { clock.SleepFor(time); }, [this] { bus.Restart(0); });
   }
-  Bytes Send(std::uint32_t id, const char* data) const { return Send(id, Hex(data)); }
-  Bytes Ask(const char* command) const { return Send(9, command); }
 
-  ManualClock clock;
+  test::VirtualClock clock{1};
   VirtualBus bus{clock};
   std::unique_ptr<VirtualBus::Port> port = bus.Open();
 };
 
-TEST(ServiceOnCanTest, FramesArePaddedToLengthsThatCanFdHas) {
-  EXPECT_EQ(HandOnCan(kBrisa).Ask("08 0010*10"), Hex("08 0010*10 00*43"));
-  const HandOnCan lumen(kLumen);
-  EXPECT_EQ(lumen.Ask("32 00*50"), Hex("32 0010*4 00*23"));
-  for (const char* ignored : {"", "12", "7E", "F0 00*63"}) EXPECT_EQ(lumen.Ask(ignored), Bytes{});
+TEST(ServiceOnCanTest, FramesArePaddedAndLumenHasFourAxes) {
+  HandOnCan(kBrisa).Play(R"(
+      08 0010*10 > 08 0010*10 00*43; F1 01 A00F0000 0200 > F2 01 00*4; F1 02 0000 F5FB >;
+      F0 FF*63 >; F1 03 > F2 03 02 00*3; F1 04 > F2 04 00*4; 02 >)");
+  HandOnCan(kLumen).Play(R"(
+      >; 12 >; 7E >; F0 00*63 >; 15 0304 > 15 01; 06 050000 > 06 00; 21 042C > 21 01;
+      08 00*11 > 08 0010*4 00*23; 0A > 0A 00*23; 30 > 30 00*8 0010*4 00*3;
+      32 00*50 > 32 0010*4 00*23; 34 19 > 34 01; 0D > 0D 1500)");
 }
 
-TEST(ServiceOnCanTest, WhatWasSavedComesBackAfterEveryKindOfRestart) {
-  for (const std::uint32_t request : {0U, 9U, 0x04F10181U}) {
-    const bool is_brisa = request == 0;
-    HandOnCan on(is_brisa ? kBrisa : kLumen);
-    on.bus.WithHand(0, [](SimulatedHand& hand) { hand.JointMotor(3).SetFault(kMotorException); });
-    const auto set = [&](std::initializer_list<const char*> commands) {
-      for (const char* command : commands) EXPECT_EQ(on.Ask(command).at(1), 1) << command;
-      std::vector<Bytes> state{on.Send(0x02030101, ""), on.Send(0x01100101, "")};
-      for (const char* query : {"30", "07 02", "C2", "0D"}) state.push_back(on.Ask(query));
-      return state;
-    };
-    const auto saved = set({"03 026400", "1C 020008", "25 02BC02", "15 0105", "C1 78*19", "05"});
-    EXPECT_EQ(saved.back(), Hex(is_brisa ? "0D 0800" : "0D 3F00"));
-    const auto lost = set({"03 020000", "1D", "25 02BD02", "15 0104", "C1 00*19", "0E", "01 00"});
-    for (std::size_t i = 0; i < saved.size(); ++i) EXPECT_NE(lost[i], saved[i]) << i;
-    if (is_brisa) on.bus.Restart(0);
-    if (!is_brisa) on.Send(request, "F1 04");
-    EXPECT_EQ(on.Ask("02"), Bytes{});
-    on.clock.Advance(std::chrono::seconds(2));
-    EXPECT_EQ(set({"02"}), saved);
+TEST(ServiceOnCanTest, BothProtocolsSeeTheSameHandWhichRestartsIntoWhatWasSaved) {
+  for (const std::string restart : {"restart", "F1 04 > F2 04 00*4", "04F10181: > 00*4"}) {
+    HandOnCan on(kLumen);
+    on.Play(R"(
+        03 026400 > 03 01; 15 0105 > 15 01; 01030181: 2C01 > 2C01; 05 > 05 01;
+        03 020000 > 03 01; 15 0104 > 15 01; 01030181: 2D01 > 2D01; 01 00 > 01 01;)" +
+            restart + R"(;
+        02 >; pass 2000; 02 > 02 01; 07 02 > 07 029C0F; 01100101: > 05; 01030101: > 2C01;
+        04 AA01 > 04 01; 02030101: >; 010201AA: 05 > 05; restart)");
+    EXPECT_EQ(on.bus.Settings(0).axes[0].current, 0x12C);
+    EXPECT_EQ(on.bus.Settings(0).device_id, 5) << "which the public protocol saves at once";
   }
 }
 
-TEST(ServiceOnCanTest, BothProtocolsSeeTheSameMotorsAndTheSameId) {
-  HandOnCan on(kLumen);
-  on.Send(0x02030181, "2003");
-  EXPECT_EQ(on.bus.Settings(0).axes[1].current, 0x320);
-  for (const char* command : {"05", "04 AA01"}) on.Ask(command);
-  EXPECT_EQ(on.Send(0x02030101, ""), Bytes{});
-  EXPECT_EQ(on.Send(0x0203012A, ""), Hex("2003"));
-  on.bus.Restart(0);
-  on.clock.Advance(std::chrono::seconds(2));
-  EXPECT_EQ(on.Send(0x02030101, ""), Hex("2003"));
-  on.Send(0x01020181, "05");
-  on.bus.Restart(0);
-  EXPECT_EQ(on.bus.Settings(0).device_id, 5);
-}
+const std::string kAsk = "EEAA 0100 01 02 9602";
+const std::string kPower = "EEAA 0100 02 02 01 33FF ";
+const std::string kForeign = "EEAA 0200 02 02 FE 110F ";
+const std::string kUpload = "EEAA 0100 3D 29 001000000000*10 4A47 ";
 
-TEST(ServiceOnCanTest, TakesAnImageInFramesOf63Bytes) {
-  HandOnCan on(kBrisa);
-  const Bytes image = test::FirmwareBytes(4096);
-  const auto send = [&](std::uint8_t packet, unsigned spoilt) {
-    const auto at = image.begin() + std::ptrdiff_t{2048} * packet;
-    const unsigned crc = Crc16Modbus(&*at, 2048) ^ spoilt;
-    const auto low = static_cast<std::uint8_t>(crc);
-    on.Send(9, {0xF1, 2, packet, 0, low, static_cast<std::uint8_t>(crc >> 8)});
-    on.Ask("F0 FF*47");  // Too short unless it is the last of its packet.
-    Bytes reply;
-    for (std::ptrdiff_t first = 0; first < 2048; first += 63) {
-      EXPECT_EQ(reply, Bytes{});
-      Bytes data{0xF0};
-      data.insert(data.end(), at + first, at + std::min<std::ptrdiff_t>(first + 63, 2048));
-      reply = on.Send(9, data);
-    }
-    return reply;
-  };
-  EXPECT_EQ(on.Ask("F1 01 A00F0000 0200"), Hex("F2 01 00*4"));
-  EXPECT_EQ(send(0, 1), Hex("F2 02 01 00*3"));
-  EXPECT_EQ(send(0, 0), Hex("F2 02 00*4"));
-  EXPECT_EQ(send(1, 0), Hex("F2 02 00*4"));
-  for (const char* request : {"F1 03", "F1 04"}) EXPECT_EQ(on.Ask(request).size(), 6U);
-  on.bus.WithHand(0, [&](SimulatedHand& hand) {
-    EXPECT_EQ(hand.Firmware().InstalledImage(), Bytes(image.begin(), image.begin() + 4000));
-  });
-}
-
-constexpr const char* kAsk = "EEAA 0100 01 02 9602";
-constexpr const char* kPower = "EEAA 0100 02 02 01 33FF ";
-constexpr const char* kForeign = "EEAA 0200 02 02 FE 110F ";
-constexpr const char* kUpload = "EEAA 0100 3D 29 001000000000*10 4A47 ";
-
-/// A hand behind a link in a folder of its own, and a host that has the port open.
-class SerialHandTest : public testing::Test {
- public:
-  ~SerialHandTest() override {
-    close(port_);
-    fs::remove_all(folder_);
-  }
-
- protected:
+/// A hand behind a link, and a host that has the port open.
+struct SerialHandTest : testing::Test {
   SerialHandTest() { Open(); }
-
-  static std::string MakeFolder() {
-    std::string name = (fs::temp_directory_path() / "korvane-hand-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    return name;
-  }
+  ~SerialHandTest() override { close(port_); }
 
   void Open() {
-    if (port_ >= 0) close(port_);
+    close(port_);
     port_ = open(link_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   }
 
@@ -253,114 +164,92 @@ class SerialHandTest : public testing::Test {
   }
 
   /// Waits until that has reached the hand, which doesn't answer.
-  void ExchangeForNothing(const std::string& sent) {
+  void AskForNothing() {
     const auto before = device_.Statistics().from_host;
-    Write(sent);
+    Write(kAsk);
     while (device_.Statistics().from_host == before) std::this_thread::yield();
   }
 
-  const std::string folder_ = MakeFolder();
-  const std::string link_ = folder_ + "/port";
-  ManualClock clock_;
+  void Spoil(void (*set)(SerialFaults&)) {
+    SerialFaults faults;
+    set(faults);
+    device_.SetFaults(faults);
+  }
+
+  const std::string link_ =
+      fs::temp_directory_path() / ("korvane-hand-" + std::to_string(getpid()));
+  test::VirtualClock clock_{1};
   SerialHand device_{{kBrisa, 1}, link_, clock_};
   int port_ = -1;
 };
 
-TEST_F(SerialHandTest, AnswersFramesForItThatHaveTheRightTrailer) {
+TEST_F(SerialHandTest, AnswersFramesForItThatHaveTheRightTrailerAndUploadsOnItsPeriod) {
   Write("00EE EEAAFF EEAA 0100 01 09 5555");           // Noise, and no checksum.
   Write("EEAA 0100 01 09 CF27 EEAA 0200 01 09 2128");  // The wrong kind, another hand.
   Write("EEAA 0100 08 F1 01 00080000 0100 FFED");      // An upgrade must have none.
   Exchange(kAsk, kPower);
-  Exchange("EEAA FF07 01 09 7A0B", "EEAA 0100 15 09 0010*10 6A84");
-  for (const std::uint8_t byte : Hex(kAsk)) ASSERT_EQ(write(port_, &byte, 1), 1);
-  Exchange(std::string(kAsk) + " " + kAsk, std::string(kPower) + kPower + kPower);
   EXPECT_EQ(device_.Statistics().other_id, 1U);
-}
-
-TEST_F(SerialHandTest, UploadsOnItsPeriod) {
-  Exchange("EEAA 0100 03 28 3200 854A", "EEAA 0100 02 28 01 1E16");
-  for (int i = 0; i < 2; ++i) {
-    clock_.Advance(milliseconds(50));
-    Exchange("", kUpload);
-  }
-}
-
-TEST_F(SerialHandTest, TakesNewFirmwareAndIsSilentUntilItRunsIt) {
-  const std::string request = "EEAA 0100 06 F1 ";
-  const std::string reply = "EEAA 0100 06 F2 ";
-  Exchange("EEAA 0100 08 F1 01 00080000 0100 5555", reply + "01 00*4 2C87");
-  Write(request + "02 0000 F4FB 6F26");
-  for (int i = 0; i < 31; ++i) Write("EEAA 0100 42 F0 00 A5*64 F0A8");
-  Exchange("EEAA 0100 42 F0 00 A5*64 F0A8", reply + "02 00*4 FE69");
-  Exchange(request + "03 00*4 4F0D", reply + "03 00*4 AFC3");
-  Exchange(request + "04 00*4 9B6A", reply + "04 00*4 7BA4");
-  ExchangeForNothing(kAsk);
-  clock_.Advance(std::chrono::seconds(2));
+  Exchange("EEAA FF07 01 09 7A0B", "EEAA 0100 15 09 0010*10 6A84");
+  for (const char* byte : {"EE", "AA", "01", "00", "01", "02", "96", "02"}) Write(byte);
+  Exchange(kAsk + " " + kAsk, kPower + kPower + kPower);
+  Exchange("EEAA 0100 08 F1 01 00080000 0100 5555", "EEAA 0100 06 F2 01 00*4 2C87");
+  Exchange("EEAA 0100 06 F1 04 00*4 9B6A", "EEAA 0100 06 F2 04 00*4 7BA4");
+  AskForNothing();
+  clock_.SleepFor(std::chrono::seconds(2));
+  // Other firmware expects another checksum.
+  device_.WithHand([](auto& hand) { hand.GetIdentity().software_version = {1, 1, 0, 0}; });
   Exchange("EEAA 0100 01 CD 352A", "EEAA 0100 0B CD 020000 010100 010000 0A F5C7");
-  Write(request + "03 00*4 4F0D");  // The new firmware expects the other checksum.
-  Exchange(request + "03 00*4 79DC", reply + "03 01 00*3 7813");
+  Write("EEAA 0100 06 F1 03 00*4 4F0D");
+  Exchange("EEAA 0100 06 F1 03 00*4 79DC", "EEAA 0100 06 F2 03 01 00*3 7813");
+  Exchange("EEAA 0100 03 28 3200 854A", "EEAA 0100 02 28 01 1E16");
+  clock_.SleepFor(milliseconds(50));
+  Exchange("", kUpload);
 }
 
 TEST_F(SerialHandTest, SpoilsRepliesAsItIsTold) {
-  const std::string power = kPower;
-  const auto spoil = [&](auto set) {
-    SerialFaults faults;
-    set(faults);
-    device_.SetFaults(faults);
-  };
-  spoil([](SerialFaults& f) { f.duplicate = f.foreign = 1; });
-  Exchange(kAsk, kForeign + power + power);
-  spoil([](SerialFaults& f) { f.loss = f.foreign = 1; });
+  Spoil([](SerialFaults& f) { f.duplicate = f.foreign = 1; });
+  Exchange(kAsk, kForeign + kPower + kPower);
+  Spoil([](SerialFaults& f) { f.loss = f.foreign = 1; });
   Exchange(kAsk, kForeign);
-  spoil([](SerialFaults& f) { f.bad_checksum = 1, f.merge = true; });
-  Exchange(kAsk, std::string("EEAA 0100 02 02 01 3300") + kUpload);
-  spoil([](SerialFaults& f) { f.silent_after = 0; });
-  ExchangeForNothing(kAsk);
-  spoil([](SerialFaults& f) { f.delay = f.split = milliseconds(1); });
-  ExchangeForNothing(kAsk);
-  clock_.Advance(milliseconds(4));
+  EXPECT_EQ(device_.Statistics().lost, 1U);
+  Spoil([](SerialFaults& f) { f.bad_checksum = 1, f.merge = true; });
+  Exchange(kAsk, "EEAA 0100 02 02 01 3300" + kUpload);
+  Spoil([](SerialFaults& f) { f.silent_after = 0; });
+  AskForNothing();
+  Spoil([](SerialFaults& f) { f.delay = f.split = milliseconds(1); });
+  AskForNothing();
+  clock_.SleepFor(milliseconds(4));
   Exchange("", "EEAA 0100");
-  clock_.Advance(milliseconds(5));
+  clock_.SleepFor(milliseconds(5));
   Exchange("", "02 02 01 33FF");
-  spoil([](SerialFaults& f) { f.junk = 1; });
+  Spoil([](SerialFaults& f) { f.junk = 1; });
   Write(kAsk);
   EXPECT_NE(Read(1), Hex("EE"));
   while (Read(1) != Hex("EE")) {
   }
-  Exchange("", power.substr(2));
+  Exchange("", kPower.substr(2));
 }
 
 TEST_F(SerialHandTest, KeepsItsPathFromOnePlugToTheNext) {
-  device_.Unplug();
-  EXPECT_FALSE(fs::is_symlink(link_));
-  EXPECT_TRUE(Read(1).empty());
-  EXPECT_LT(write(port_, "x", 1), 0);
-  device_.Plug();
-  Open();
-  SerialFaults faults;
-  faults.unplug_after = 1;
-  faults.replug_after = milliseconds(500);
-  device_.SetFaults(faults);
+  Spoil([](SerialFaults& f) { f.unplug_after = 1, f.replug_after = milliseconds(500); });
   Write(kAsk);
   EXPECT_TRUE(Read(1).empty());
-  clock_.Advance(milliseconds(500));
+  EXPECT_LT(write(port_, "x", 1), 0);
+  EXPECT_FALSE(fs::is_symlink(link_));
+  clock_.SleepFor(milliseconds(500));
   while (!fs::exists(link_)) std::this_thread::yield();
   Open();
   Exchange(kAsk, kPower);
 }
 
 TEST_F(SerialHandTest, ReplacesALinkThatLeadsNowhereAndNothingElse) {
-  const std::string other = folder_ + "/other";
-  fs::create_symlink(folder_ + "/nothing", other);
-  {
-    const SerialHand second({kBrisa, 2}, other);
-    EXPECT_EQ(fs::read_symlink(other), second.Device());
-    EXPECT_THROW(SerialHand({kBrisa, 3}, other), std::runtime_error);
-  }
-  EXPECT_FALSE(fs::is_symlink(other));
-  fs::create_directory(other);
+  const std::string other = link_ + "-other";
+  fs::create_symlink(link_ + "-nothing", other);
+  const SerialHand second({kBrisa, 2}, other);
+  EXPECT_EQ(fs::read_symlink(other), second.Device());
   EXPECT_THROW(SerialHand({kBrisa, 3}, other), std::runtime_error);
-  EXPECT_TRUE(fs::is_directory(other));
+  EXPECT_THROW(SerialHand({kBrisa, 3}, fs::temp_directory_path()), std::runtime_error);
+  EXPECT_EQ(fs::read_symlink(other), second.Device());
 }
 
 }  // namespace

@@ -3,53 +3,47 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <numeric>
 #include <random>
-#include <set>
-#include <string>
-#include <vector>
+
+#include "support/exchange_script.h"
 
 namespace talvera::korvane::sim {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using Bytes = std::vector<std::uint8_t>;
-
-Frame MakeFrame(std::uint32_t id, const Bytes& data = {}, std::uint8_t length = 64) {
-  Frame frame;
-  frame.id = id;
-  frame.len = length;
-  std::copy(data.begin(), data.end(), frame.data.begin());
-  return frame;
-}
-
-Bytes DataOf(const Frame& frame) { return {frame.data.begin(), frame.data.begin() + frame.len}; }
-
-int Value(const Frame& frame, std::size_t index = 0) {
-  return static_cast<std::int16_t>(frame.data[2 * index] | frame.data[2 * index + 1] << 8);
-}
+using test::Bytes;
+using test::DataOf;
+using test::Hex;
+using test::MakeFrame;
 
 /// A hand with id 0x27 and a time that the test moves.
 class SimulatedHandTest : public testing::Test {
  protected:
   SimulatedHandTest() { hand_.Advance(now_); }
 
-  std::vector<Frame> Send(std::uint32_t id, const Bytes& data = {}, std::uint8_t length = 64) {
-    return hand_.Handle(MakeFrame(id, data, length), now_);
+  /// The data of all replies to "031301A7 E803", each of which has the identifier that it must.
+  Bytes Ask(const std::string& request) {
+    std::size_t end = 0;
+    const auto id = static_cast<std::uint32_t>(std::stoul(request, &end, 16));
+    const std::uint32_t expected_id = (id & ~0xFFU) | hand_.DeviceId();
+    Bytes all;
+    for (const Frame& reply : hand_.Handle(MakeFrame(id, Hex(request.substr(end))), now_)) {
+      EXPECT_EQ(reply.id, expected_id) << request;
+      all.insert(all.end(), reply.data.begin(), reply.data.begin() + reply.len);
+    }
+    return all;
   }
-
-  /// The one reply that must come.
-  Frame Ask(std::uint32_t id, const Bytes& data = {}, std::uint8_t length = 64) {
-    const auto replies = Send(id, data, length);
-    EXPECT_EQ(replies.size(), 1U) << std::hex << id;
-    return replies.empty() ? Frame{} : replies.front();
+  void Play(const std::string& script) {
+    const auto ask = [this](const std::string& request) { return Ask(request); };
+    test::Play(
+        script, ask, [this](auto time) { Pass(time); }, [this] { hand_.Restart(now_); });
   }
+  void Pass(std::chrono::nanoseconds time) { hand_.Advance(now_ += time); }
 
-  void Pass(std::chrono::nanoseconds time) {
-    now_ += time;
-    hand_.Advance(now_);
+  int Value(const std::string& request) {
+    const Bytes data = Ask(request);
+    return data.size() < 2 ? -1 : static_cast<std::int16_t>(data[0] | data[1] << 8);
   }
 
   void Become(const ModelRow& model) {
@@ -57,446 +51,207 @@ class SimulatedHandTest : public testing::Test {
     hand_.Advance(now_);
   }
 
-  /// A motor that closes with that much current and finds something in the way.
-  Motor& PressAgainst(std::size_t index, double obstacle, std::int16_t threshold) {
-    Motor& motor = hand_.JointMotor(index);
-    motor.SetFreeRange(obstacle, 4096);
-    motor.SetThreshold(threshold);
-    motor.SetTarget(0);
-    return motor;
-  }
-
   SimulatedHand hand_{kBrisa, 0x27};
   SimulatedHand::TimePoint now_{seconds(1000)};
 };
 
-TEST_F(SimulatedHandTest, AnswersReadsWithTheSameIdentifierAndPaddedLengths) {
-  EXPECT_EQ(Ask(0x03130127).id, 0x03130127U);
-  EXPECT_EQ(DataOf(Ask(0x03130127)), (Bytes{0x00, 0x10}));
-  EXPECT_EQ(Ask(0x00130127).len, 20);
-  EXPECT_EQ(Ask(0x00100127).len, 12);  // Ten modes travel in twelve bytes.
-  EXPECT_EQ(DataOf(Ask(0x01100127)), Bytes{4});
-  EXPECT_EQ(DataOf(Ask(0x00210127)).size(), 20U);
-}
-
-TEST_F(SimulatedHandTest, EchoesWritesWithTheWriteFlagClear) {
-  const Frame one = Ask(0x031301A7, {0xE8, 0x03});
-  EXPECT_EQ(one.id, 0x03130127U);
-  EXPECT_EQ(DataOf(one), (Bytes{0xE8, 0x03}));
-
-  Bytes positions(20);
-  std::iota(positions.begin(), positions.end(), std::uint8_t{1});
-  const Frame all = Ask(0x001301A7, positions, 20);
-  EXPECT_EQ(all.id, 0x00130127U);
-  EXPECT_EQ(DataOf(all), positions);
-
-  EXPECT_EQ(Ask(0x001001A7, Bytes(10, 5), 10).len, 12);
-  EXPECT_EQ(DataOf(Ask(0x00100127))[9], 5);
-  EXPECT_EQ(DataOf(Ask(0x020301A7, {0x2C, 0x01})), (Bytes{0x2C, 0x01}));
-  EXPECT_EQ(Value(Ask(0x02030127)), 300);
+TEST_F(SimulatedHandTest, AnswersEachKindOfFrameAtALengthThatCanFdHas) {
+  Play(
+      "03130127 > 0010; 00130127 > 0010*10; 02030127 > 2003; 00210127 > 1900*10;"
+      "01100127 > 04; 00100127 > 04*10 00*2; 02050127 > 00*16; 06050127 00*64 > 00*32;"
+      "031301A7 E803 > E803; 001301A7 E803*9 0102 00*44 > E803*9 0102; 020301A7 2C01 > 2C01;"
+      "02030127 > 2C01; 001001A7 04*9 05 > 04*9 05 00*2; 0A100127 > 05;"
+      "00020127 > 27 00*4; 00020100 > 27 00*4; 01060127 > 0100 00*62;"
+      "07060127 > 0200 00*62 0201 00*62; 00060127 > 0A00 00*62 0A01 00*62 0A02 00*62 0A03 00*62"
+      " 0A04 00*62 0A05 00*62 0A06 00*62 0A07 00*62 0A08 00*62 0A09 00*62;"
+      "010201A7 05 > 05; 00130127 >; 00020105 > 05 00*4");
+  Become(kBrisa);
+  hand_.GetIdentity() = {std::string(20, 'A'), "SN-1", {1, 2, 3, 4}, {5, 6, 7, 8}, 23456, 10};
+  Play("00010127 > 41*16 534E2D31 00*10 0102030405060708 A05B 0A 00*7");
 }
 
 TEST_F(SimulatedHandTest, IgnoresWhatIsNotForItOrMakesNoSense) {
-  const std::vector<std::pair<const char*, Frame>> frames{
-      {"another device", MakeFrame(0x03130128)},
-      {"another family", MakeFrame(0x03130727)},
-      {"reserved bit", MakeFrame(0x03138127)},
-      {"more than 29 bits", MakeFrame(0x23130127)},
-      {"standard identifier", MakeFrame(0x127)},
-      {"function that no hand has", MakeFrame(0x00FE0127)},
-      {"function 0", MakeFrame(0x00000127)},
-      {"motor 11", MakeFrame(0x0B130127)},
-      {"motor 31", MakeFrame(0x1F1301A7)},
-      {"write that only other models take", MakeFrame(0x002001A7)},
-      {"read of mixed control", MakeFrame(0x00140127)},
-      {"vendor record of a motor", MakeFrame(0x01010127)},
-      {"sensor 8", MakeFrame(0x08050127)},
-      {"half a value", MakeFrame(0x031301A7, {1}, 1)},
-      {"nine and a half values", MakeFrame(0x001301A7, {}, 19)},
-      {"a length that no frame has", MakeFrame(0x031301A7, {}, 200)},
-      {"new id without a byte", MakeFrame(0x010201A7, {}, 0)},
-      {"new id 0", MakeFrame(0x010201A7, {0x80})},
-      {"mixed control without elements", MakeFrame(0x001401A7, {}, 0)},
-      {"mixed control in mode 3", MakeFrame(0x001401A7, {0x61})},
-  };
-  for (const auto& [what, frame] : frames) {
-    EXPECT_TRUE(hand_.Handle(frame, now_).empty()) << what;
-  }
-  EXPECT_EQ(hand_.DeviceId(), 0x27);
+  Play(
+      "03130128 >; 03130727 >; 03138127 >; 23130127 >; 00000127 >;"  // Of others, and no identifier
+      "00130100 >; 00020180 05 >;"                                   // More than a query to all
+      "00FE0127 >; 01000127 >; 002001A7 00*64 >; 00140127 >; 01010127 >;"  // Functions
+      "0B130127 >; 0B1301A7 00*64 >; 1F1301A7 00*64 >; 08050127 >;"        // Motors and sensors
+      "031301A7 01 >; 001301A7 00*19 >; 010201A7 >; 010201A7 80 >;"        // Parts of values, id 0
+      "001401A7 >; 001401A7 61 00*63 >; 00020127 > 27 00*4");              // Mixed control
+  EXPECT_TRUE(hand_.Handle({0x031301A7, 200, {}}, now_).empty());
 }
 
 TEST_F(SimulatedHandTest, SurvivesAnyFrame) {
   std::mt19937 random(1);
   for (const ModelRow* model : kModels) {
     const std::uint32_t id = 0x27U | std::uint32_t{model->family} << 8;
-    Become(*model);
-    for (int i = 0; i < 8000; ++i) {
-      // Most frames get as far as a handler.
-      Frame frame = MakeFrame(id | (random() & 0x1F3F0080), {},
-                              static_cast<std::uint8_t>(random() % 3 == 0 ? 0 : random() % 65));
+    for (int i = 0; i < 16000; ++i) {
+      if (i % 1000 == 0) {
+        Become(*model);
+        hand_.Firmware().SetRestartTime(milliseconds(1));
+        hand_.Handle(MakeFrame(id | 0x01F10080, Hex("001000000200")), now_);
+      }
+      // Most frames get as far as a handler, and packets of an update become whole.
+      const auto any = static_cast<std::uint32_t>(random() & 0x1F3F0080);
+      const std::uint32_t parts[] = {any, (any & 0x1F000080) | 0x00F10000, 0x01F00080, 0x01F00080};
+      Frame frame = MakeFrame(id | parts[random() % 4]);
+      frame.len = static_cast<std::uint8_t>(random() % 3 == 0 ? random() % 65 : 64);
       for (auto& byte : frame.data) byte = static_cast<std::uint8_t>(random());
-      if (frame.id >> 16 != 0x0102) now_ += milliseconds(random() % 20);
-      hand_.Handle(frame, now_);
+      hand_.Handle(frame, now_ += milliseconds(random() % 20));
       hand_.TakeDue(now_);
-      if (hand_.DeviceId() != 0x27) Become(*model);
+      hand_.SetDeviceId(0x27);
     }
-    EXPECT_EQ(Ask(0x00130000 | id).id, 0x00130000 | id) << model->name;
+    Pass(seconds(1));
+    EXPECT_EQ(hand_.Handle(MakeFrame(0x00130000 | id), now_).size(), 1U) << model->name;
   }
 }
 
-TEST_F(SimulatedHandTest, MotorsTakeTimeAndArriveExactly) {
-  Ask(0x051301A7, {0x00, 0x00});
-  Pass(milliseconds(100));
-  const int early = Value(Ask(0x05130127));
+TEST_F(SimulatedHandTest, MotorsTakeTimeArriveExactlyAndKeepToTheirSpeedAndCurrent) {
+  Play("051301A7 0000 > 0000; pass 100");
+  const int early = Value("05130127");
   EXPECT_LT(early, 4096);
   EXPECT_GT(early, 2500);
-  EXPECT_LT(Value(Ask(0x05120127)), -7000);  // Closing, near the speed limit.
-  EXPECT_LT(Value(Ask(0x05220127)), -100);   // Draws current in that direction.
-  Pass(seconds(1));
-  EXPECT_EQ(Value(Ask(0x05130127)), 0);
-  EXPECT_EQ(Value(Ask(0x05120127)), 0);
-  EXPECT_EQ(Value(Ask(0x06130127)), 4096);  // Its neighbour stayed.
-  EXPECT_EQ(Value(Ask(0x05200127)), 0);     // An end that was asked for is no stall.
+  EXPECT_LT(Value("05120127"), -7000) << "near the speed limit";
+  EXPECT_LT(Value("05220127"), -100) << "current has the same direction";
+  Play("pass 1000; 05130127 > 0000; 05120127 > 0000; 06130127 > 0010; 05200127 > 0000");
+  Play(
+      "011201A7 E803 > E803; 011301A7 0000 > 0000;"  // 1000 units a second
+      "020301A7 0000 > 0000; 021301A7 0000 > 0000; pass 1000");
+  EXPECT_NEAR(Value("01130127"), 4096 - 1000, 20);
+  Play("pass 3600000; 01130127 > 0000; 02130127 > 0010");  // Motor 2 has no current.
+}
+
+TEST_F(SimulatedHandTest, IsSilentWhileItRestartsAndComesBackAtRest) {
+  hand_.JointMotor(3).PlaceAt(0);
+  hand_.JointMotor(3).SetTarget(4096);
+  hand_.Restart(now_);
+  Play(
+      "00010127 >; 00020100 >; 03130127 >; 01F101A7 000800000100 >; 05F101A7 >; pass 1999;"
+      "00010127 >; pass 1; 03130127 > 0010; 03120127 > 0000; 03200127 > 0000");
 }
 
 TEST_F(SimulatedHandTest, MotionDoesNotDependOnHowOftenTimeIsLookedAt) {
-  SimulatedHand other(kBrisa, 0x27);
-  const Frame move = MakeFrame(0x011301A7, {0x00, 0x04});
-  hand_.Handle(move, now_);
-  other.Handle(move, now_);
-  const auto end = now_ + milliseconds(333);
-  while (now_ < end) Pass(std::chrono::microseconds(700));
+  SimulatedHand other = hand_;
+  for (SimulatedHand* hand : {&hand_, &other}) hand->JointMotor(1).SetTarget(1024);
+  for (const auto end = now_ + milliseconds(333); now_ < end;) Pass(std::chrono::microseconds(700));
   other.Advance(now_);
   EXPECT_EQ(hand_.JointMotor(1).Position(), other.JointMotor(1).Position());
   EXPECT_EQ(hand_.JointMotor(1).Current(), other.JointMotor(1).Current());
 }
 
-TEST_F(SimulatedHandTest, TheSpeedLimitHolds) {
-  Ask(0x011201A7, {0xE8, 0x03});  // 1000 units a second.
-  Ask(0x011301A7, {0x00, 0x00});
-  Pass(seconds(1));
-  EXPECT_NEAR(Value(Ask(0x01130127)), 4096 - 1000, 20);
-  Pass(seconds(3600));
-  EXPECT_EQ(Value(Ask(0x01130127)), 0);
-}
-
-TEST_F(SimulatedHandTest, AnObstacleStallsTheMotorAndMovingAwayClearsTheStall) {
-  Motor& motor = PressAgainst(2, 2000, 500);
-  Pass(seconds(2));
-  EXPECT_EQ(Value(Ask(0x02130127)), 2000);
-  EXPECT_EQ(Value(Ask(0x02220127)), -500);
-  EXPECT_EQ(Value(Ask(0x02200127)), kStalled);
-  const auto warm = motor.Temperature();
-  EXPECT_GT(warm, 25);
-  motor.SetTarget(4096);
-  Pass(seconds(1));
-  EXPECT_EQ(Value(Ask(0x02130127)), 4096);
-  EXPECT_EQ(Value(Ask(0x02200127)), 0);
-  Pass(seconds(600));
-  EXPECT_EQ(Value(Ask(0x02210127)), 25);
-}
-
-TEST_F(SimulatedHandTest, AMotorThatPressesTooHardReportsOvercurrentAndThenOverheat) {
-  const Motor& motor = PressAgainst(1, 3000, 2000);
-  Pass(seconds(1));
-  EXPECT_EQ(motor.Errors(), kStalled | kOvercurrent);
-  Pass(seconds(120));
-  EXPECT_EQ(motor.Errors(), kStalled | kOvercurrent | kOverheat);
+TEST_F(SimulatedHandTest, AnObstacleStallsAMotorWhichWarmsAndHardPressingIsAnErrorOfItsOwn) {
+  for (const auto& [index, obstacle, threshold] : {std::tuple{1U, 3000, 2000}, {2U, 2000, 500}}) {
+    Motor& motor = hand_.JointMotor(index);
+    motor.SetFreeRange(obstacle, 4096);
+    motor.SetThreshold(static_cast<std::int16_t>(threshold));
+    motor.SetTarget(0);
+  }
+  Play("pass 2000; 02130127 > D007; 02220127 > 0CFE; 02200127 > 0100; 01200127 > 0500");
+  EXPECT_GT(Value("02210127"), 25);
+  hand_.JointMotor(2).SetTarget(4096);
+  Play("pass 120000; 01200127 > 0700; 02130127 > 0010; 02200127 > 0000");
   hand_.JointMotor(1).SetFault(kCommunicationException);
-  EXPECT_EQ(Value(Ask(0x01200127)), 0x17);
-}
-
-TEST_F(SimulatedHandTest, WithoutCurrentNothingMoves) {
-  Ask(0x010301A7, {0x00, 0x00});
-  Ask(0x011301A7, {0x00, 0x00});
-  Pass(seconds(5));
-  EXPECT_EQ(Value(Ask(0x01130127)), 4096);
+  Play("01200127 > 1700; pass 600000; 02210127 > 1900");
 }
 
 TEST_F(SimulatedHandTest, MixedControlAppliesEveryElementInTheFirstOnesLayout) {
-  // Mode 4: motor 1 to 1000 and motor 3 to 2000, both with 300 of current; then zeros.
-  const Frame echo = Ask(0x001401A7, {0x81, 0xE8, 0x03, 0x2C, 0x01, 0x83, 0xD0, 0x07, 0x2C, 0x01});
-  EXPECT_EQ(echo.id, 0x00140127U);
-  EXPECT_EQ(echo.len, 64);
-  EXPECT_EQ(echo.data[5], 0x83);
-  Pass(seconds(2));
-  EXPECT_EQ(Value(Ask(0x01130127)), 1000);
-  EXPECT_EQ(Value(Ask(0x03130127)), 2000);
-  EXPECT_EQ(Value(Ask(0x03030127)), 300);
-  EXPECT_EQ(Value(Ask(0x02030127)), 800);
-
-  // Mode 5: motor 1 opens at 500 units a second, until the end stops it.
-  Ask(0x001401A7, {0xA1, 0xF4, 0x01, 0x2C, 0x01});
-  Pass(seconds(1));
-  EXPECT_NEAR(Value(Ask(0x01130127)), 1500, 10);
-  EXPECT_EQ(Ask(0x01100127).data[0], 5);
-  Pass(seconds(10));
-  EXPECT_EQ(Value(Ask(0x01130127)), 4096);
-  EXPECT_EQ(Value(Ask(0x01200127)), kStalled);
-
-  // Mode 6: an element for a motor that isn't there doesn't end the frame, one cut off does.
-  Ask(0x001401A7, {0xDF, 1, 2, 3, 4, 5, 6, 0xC2, 0x00, 0x08, 0xE8, 0x03, 0x90, 0x01, 0xC3, 0, 0},
-      17);
-  Pass(seconds(1));
-  EXPECT_NEAR(Value(Ask(0x02130127)), 4096 - 1000, 20);
-  EXPECT_EQ(Ask(0x02100127).data[0], 6);
-  EXPECT_EQ(Ask(0x03100127).data[0], 4);
-}
-
-TEST_F(SimulatedHandTest, TellsWhoItIs) {
-  hand_.GetIdentity() = {"Hand", "SN-0001", {1, 2, 3, 4}, {5, 6, 7, 8}, 23456, 10};
-  const Frame vendor = Ask(0x00010127);
-  EXPECT_EQ(vendor.len, 48);
-  Bytes expected(48);
-  const std::string model = "Hand";
-  const std::string serial = "SN-0001";
-  std::copy(model.begin(), model.end(), expected.begin());
-  std::copy(serial.begin(), serial.end(), expected.begin() + 16);
-  std::iota(expected.begin() + 30, expected.begin() + 38, std::uint8_t{1});
-  expected[38] = 0xA0;
-  expected[39] = 0x5B;
-  expected[40] = 10;
-  EXPECT_EQ(DataOf(vendor), expected);
-
-  hand_.GetIdentity().product_model = "A model name that is too long";
-  const Bytes cut = DataOf(Ask(0x00010127));
-  EXPECT_EQ(std::string(cut.begin(), cut.begin() + 23), "A model name tha" + serial);
-}
-
-TEST_F(SimulatedHandTest, AnswersTheBroadcastWithItsIdAndAcknowledgesANewIdUnderTheOldOne) {
-  EXPECT_EQ(Ask(0x00020100).id, 0x00020127U);
-  EXPECT_TRUE(Send(0x00130100).empty());  // Only the device query goes to all.
-  EXPECT_TRUE(Send(0x00020180).empty());
-  const Frame acknowledgment = Ask(0x010201A7, {5});
-  EXPECT_EQ(acknowledgment.id, 0x01020127U);
-  EXPECT_EQ(acknowledgment.data[0], 5);
-  EXPECT_TRUE(Send(0x00130127).empty());
-  EXPECT_EQ(DataOf(Ask(0x00020105)), (Bytes{5, 0, 0, 0, 0}));
-}
-
-TEST_F(SimulatedHandTest, TactileSensorsFeelTheClosingHandAndAContact) {
-  const auto sum = [](const Frame& frame) {
-    return std::accumulate(frame.data.begin(), frame.data.end(), 0);
+  const auto control = [this](const std::string& elements) {
+    Play("001401A7 " + elements + " > " + elements);
   };
-  EXPECT_EQ(Ask(0x02050127).len, 16);
-  EXPECT_EQ(Ask(0x06050127).len, 32);  // 25 bytes, padded.
-  EXPECT_EQ(sum(Ask(0x02050127)), 0);
-  hand_.JointMotor(5).SetTarget(0);
-  Pass(seconds(1));
-  EXPECT_GT(sum(Ask(0x02050127)), 500);
-  EXPECT_EQ(sum(Ask(0x03050127)), 0);  // The middle finger is still open.
-  hand_.SetContact(3, 1.0);
-  EXPECT_GT(sum(Ask(0x03050127)), 500);
+  control("81 E8032C01 83 D0072C01 00*54");  // Position, current
+  Play("pass 2000; 01130127 > E803; 03130127 > D007; 03030127 > 2C01; 02030127 > 2003");
+  control("A1 F4012C01 00*59");  // Velocity, current
+  Play("pass 1000; 01100127 > 05");
+  EXPECT_NEAR(Value("01130127"), 1500, 10);
+  Play("pass 10000; 01130127 > 0010; 01200127 > 0100");
+  // All three: a motor that isn't there doesn't end the frame, an element that is cut off does.
+  control("DF 010203040506 C2 0008E8039001 C300");
+  Play("pass 1000; 02100127 > 06; 03100127 > 04");
+  EXPECT_NEAR(Value("02130127"), 4096 - 1000, 20);
 }
 
-TEST_F(SimulatedHandTest, RawTactileDataComeInNumberedFrames) {
-  const std::vector<std::size_t> lengths{16, 18, 18, 18, 18, 78, 102};
-  for (const ModelRow* model : {&kBrisa, &kQuill}) {
+TEST_F(SimulatedHandTest, TactileSensorsFeelTheirFingerClose) {
+  for (const auto& [model, motor, length, padding] :
+       {std::tuple{&kBrisa, 5U, 16U, 0}, {&kTessel, 7U, 32U, 3}}) {
     Become(*model);
-    const std::uint32_t id = 0x00060027U | std::uint32_t{model->family} << 8;
-    const std::size_t sensors = model == &kBrisa ? 7 : 6;
-    Bytes expected;
-    for (std::size_t sensor = 1; sensor <= sensors; ++sensor) {
-      hand_.SetContact(sensor, 0.1 * static_cast<double>(sensor));
-      const Bytes bytes = hand_.TactileBytes(sensor, lengths[sensor - 1]);
-      expected.insert(expected.end(), bytes.begin(), bytes.end());
-    }
-    const auto read = [&](std::uint32_t sensor, std::size_t count) {
-      const auto frames = Send(id | sensor << 24);
-      EXPECT_EQ(frames.size(), count);
-      Bytes bytes;
-      for (std::size_t i = 0; i < frames.size(); ++i) {
-        EXPECT_EQ(frames[i].id, id | sensor << 24);
-        EXPECT_EQ(frames[i].len, 64);
-        EXPECT_EQ(frames[i].data[0], count);
-        EXPECT_EQ(frames[i].data[1], i);
-        bytes.insert(bytes.end(), frames[i].data.begin() + 2, frames[i].data.end());
-      }
-      return bytes;
-    };
-    Bytes last(expected.end() - static_cast<long>(lengths[sensors - 1]), expected.end());
-    last.resize(124);
-    EXPECT_EQ(read(static_cast<std::uint32_t>(sensors), 2), last);
-    expected.resize(620);
-    EXPECT_EQ(read(0, 10), expected);
-    Bytes thumb = hand_.TactileBytes(1, 16);
-    thumb.resize(62);
-    EXPECT_EQ(read(1, 1), thumb);
+    hand_.JointMotor(motor).SetTarget(0);
+    Pass(seconds(1));
+    const Bytes index = Ask("02050127");
+    EXPECT_EQ(std::count(index.begin(), index.end(), 0), padding);
+    EXPECT_EQ(Ask("03050127"), Bytes(length)) << "the middle finger is still open";
   }
-}
-
-TEST_F(SimulatedHandTest, ATesselMovesInItsOwnRangeAndFeelsWithItsFingertips) {
-  Become(kTessel);
-  EXPECT_EQ(Value(Ask(0x07130127)), 2000);
-  const Bytes open = DataOf(Ask(0x02050127));
-  EXPECT_EQ(open, Bytes(32));  // 29 bytes, padded.
-  Ask(0x071301A7, {0x00, 0x00});
-  Ask(0x081301A7, {0xB8, 0x0B});  // 3000 is more than it can do.
-  Pass(seconds(2));
-  EXPECT_EQ(Value(Ask(0x07130127)), 0);
-  EXPECT_EQ(Value(Ask(0x08130127)), 2000);
-  const Bytes closed = DataOf(Ask(0x02050127));
-  EXPECT_EQ(std::count(closed.begin(), closed.end(), 0), 3);
-  EXPECT_EQ(DataOf(Ask(0x03050127)), open);  // The middle finger is still open.
-
-  PressAgainst(1, 1000, 700);
-  hand_.JointMotor(12).SetFault(kMotorException | kOverheat);
-  Pass(seconds(1));
-  const Frame errors = Ask(0x00200127);
-  EXPECT_EQ(errors.len, 24);
-  EXPECT_EQ(Value(errors, 0), kStalled);
-  EXPECT_EQ(Value(errors, 7), 0);  // Its end was as far as motor 8 wanted to go.
-  EXPECT_EQ(Value(errors, 11), 0x0A);
 }
 
 TEST_F(SimulatedHandTest, ReportsGoOutOnTheirPeriodAndOnceAfterALongPause) {
   Become(kTessel);
   EXPECT_FALSE(hand_.NextEvent());
-  EXPECT_EQ(Ask(0x002101A7, Bytes(24, 20), 24).len, 24);  // 0x1414 ms
+  Play("002101A7 14*24 > 14*24");
   EXPECT_EQ(hand_.NextEvent(), now_ + milliseconds(0x1414));
   EXPECT_TRUE(hand_.TakeDue(now_ + milliseconds(0x1413)).empty());
-  Ask(0x0C2001A7, {0x64, 0x00});
+  Play("0C2001A7 6400 > 6400");
   hand_.JointMotor(12).SetFault(kOvercurrent);
-  now_ += seconds(1000);
-  const auto due = hand_.TakeDue(now_);
+  const auto due = hand_.TakeDue(now_ += seconds(1000));
   ASSERT_EQ(due.size(), 2U);
-  EXPECT_EQ(due[0].id, 0x0C200127U);
-  EXPECT_EQ(DataOf(due[0]), (Bytes{kOvercurrent, 0}));
-  EXPECT_EQ(due[1].id, 0x00210127U);
-  EXPECT_EQ(due[1].len, 24);
+  EXPECT_EQ(std::pair(due[0].id, DataOf(due[0])), std::pair(0x0C200127U, Hex("0400")));
+  EXPECT_EQ(std::pair(due[1].id, DataOf(due[1])), std::pair(0x00210127U, Hex("1900*12")));
   EXPECT_EQ(hand_.NextEvent(), now_ + milliseconds(100));
-  Ask(0x002101A7);
-  Ask(0x0C2001A7);
+  Play("00200127 > 00*22 0400; 002101A7 00*24 > 00*24; 0C2001A7 0000 > 0000");
   EXPECT_FALSE(hand_.NextEvent());
 }
 
 TEST_F(SimulatedHandTest, AQuillFollowsItsWearerBetweenTheEndsThatItWasTaught) {
   Become(kQuill);
-  const auto read = [this](std::uint32_t joint) { return Value(Ask(0x00130727 | joint << 24)); };
-  std::set<int> readings;
-  for (int i = 0; i < 20; ++i) {
-    readings.insert(read(3));
-    Pass(milliseconds(150));
-  }
-  EXPECT_GT(readings.size(), 15U);
-  EXPECT_GT(*readings.rbegin() - *readings.begin(), 2000);
-
-  const auto hold = [this](double sensor) {
+  const int before = Value("03130727");
+  Pass(seconds(3));
+  EXPECT_GT(std::abs(Value("03130727") - before), 2000);
+  const auto hold = [this](double sensor, const char* script) {
     for (std::size_t joint = 1; joint <= 10; ++joint) hand_.Joint(joint).Hold(sensor);
     Pass(seconds(1));
+    Play(script);
   };
-  hold(1000);
-  EXPECT_EQ(read(3), 1000);
-  EXPECT_EQ(Ask(0x000807A7, {}, 0).id, 0x00080727U);
-  EXPECT_EQ(read(3), 0);
-  EXPECT_TRUE(Send(0x000707A7, {}, 0).size() == 1 && read(3) == 0) << "no range would be left";
-  hold(3000);
-  EXPECT_EQ(Ask(0x030707A7, {}, 0).len, 0);
-  EXPECT_EQ(read(3), 4096);
-  EXPECT_LT(read(4), 4096) << "only joint 3 was taught its maximum";
-  hold(2000);
-  EXPECT_EQ(read(3), 2048);
-  hold(500);
-  EXPECT_EQ(read(3), 0);
-  EXPECT_TRUE(Send(0x0B0707A7, {}, 0).empty());
-  EXPECT_TRUE(Send(0x030707A7).empty()) << "calibration has no data";
+  hold(1000,
+       "03130727 > E803; 000807A7 >; 03130727 > 0000;"
+       "000707A7 >; 03130727 > 0000");  // No range would be left.
+  hold(3000, "030707A7 >; 03130727 > 0010");
+  EXPECT_EQ(hand_.Handle(MakeFrame(0x030707A7), now_).size(), 1U) << "without data";
+  EXPECT_LT(Value("04130727"), 4096) << "only joint 3 was taught its maximum";
+  hold(2000, "03130727 > 0008; 0B0707A7 >; 030707A7 00*64 >");
+  hold(500, "03130727 > 0000");
   hand_.Joint(3).Release();
   Pass(milliseconds(1));
-  EXPECT_NE(read(3), 0);
+  EXPECT_NE(Value("03130727"), 0);
 }
 
-using Functions = std::set<int>;
-
-/// What the protocol says of a model.
-struct Expectation {
-  const char* name;
-  const char* product_model;
-  std::uint32_t family;
-  int active_dof;
-  int position_bytes;  ///< Of the whole hand, as CAN FD carries them.
-  int mode_bytes;
-  int summaries;  ///< Sensors that answer 0x05, and 0x06.
-  int raw_sensors;
-  Functions reads;
-  Functions writes;
-};
-
-std::ostream& operator<<(std::ostream& out, const Expectation& e) { return out << e.name; }
-
-Functions With(Functions functions, const Functions& more) {
-  functions.insert(more.begin(), more.end());
-  return functions;
-}
-
-std::vector<Expectation> Expectations() {
-  const Functions reads{1, 2, 3, 0x10, 0x12, 0x13, 0x20, 0x21, 0x22};
-  const Functions writes{2, 3, 0x10, 0x12, 0x13, 0x14, 0xF1};
-  const Functions periods{0x20, 0x21, 0x22};
-  return {
-      {"brisa", "KorvaneBrisa", 0x100, 10, 20, 12, 7, 7, With(reads, {5, 6}), writes},
-      {"tessel", "KorvaneTessel", 0x100, 12, 24, 12, 5, 0, With(reads, {5}), With(writes, periods)},
-      {"quill", "KorvaneQuill", 0x700, 0, 20, 0, 0, 6, {1, 2, 6, 0x13}, {2, 7, 8, 0xF1}},
-      {"lumen", "KorvaneLumen", 0x100, 4, 8, 4, 0, 0, reads, writes},
-      {"vanta", "KorvaneVanta", 0x100, 20, 48, 20, 0, 0, reads, writes},
+TEST_F(SimulatedHandTest, EveryModelTellsWhoItIsAndAnswersItsOwnFunctions) {
+  const std::pair<const ModelRow&, const char*> models[] = {
+      {kBrisa, R"(
+        00010127 > 4B6F7276616E654272697361 00*4 53494D 30*8 303339 01000000*2 C05D 0A 00*7;
+        07050127 > 00*32; 002001A7 00*64 >)"},
+      {kTessel, R"(
+        00010127 > 4B6F7276616E6554657373656C 00*3 53494D 30*8 303339 01000000*2 C05D 0C 00*7;
+        00130127 > D007*12; 00100127 > 04*12; 05050127 > 00*32; 06050127 >; 00060127 >;
+        01060127 >; 000701A7 >; 002001A7 00*24 > 00*24; 002101A7 00*24 > 00*24;
+        002201A7 00*24 > 00*24; 071301A7 0000 > 0000; 081301A7 B80B > B80B; pass 2000;
+        07130127 > 0000; 08130127 > D007; 00200127 > 00*24)"},
+      {kQuill, R"(
+        00010727 > 4B6F7276616E65517569 6C6C 00*4 53494D 30*8 303339 01000000*2 C05D 00 00*7;
+        001307A7 00*20 >; 00030727 >; 00100727 >; 00120727 >; 001407A7 81 00*63 >; 00200727 >;
+        00210727 >; 00220727 >; 01050727 >; 07060727 >)"},
+      {kLumen, R"(
+        00010127 > 4B6F7276616E654C756D656E 00*4 53494D 30*8 303339 01000000*2 C05D 04 00*7;
+        00130127 > 0010*4; 00100127 > 04*4; 05130127 >; 01050127 >; 01060127 >; 00060127 >;
+        002101A7 00*64 >)"},
+      {kVanta, R"(
+        00010127 > 4B6F7276616E6556616E7461 00*4 53494D 30*8 303339 01000000*2 C05D 14 00*7;
+        00130127 > 0010*20 00*8; 00100127 > 04*20; 14130127 > 0010; 01050127 >; 01060127 >;
+        002201A7 00*64 >)"},
   };
-}
-
-class EveryModel : public testing::TestWithParam<Expectation> {
- protected:
-  /// What a new hand with id 4 says. The data are a mode 4 element and, in 7 bits, another id.
-  static std::vector<Frame> Send(std::uint32_t id, std::uint8_t length = 64) {
-    SimulatedHand hand(*FindModel(GetParam().name), 4);
-    return hand.Handle(MakeFrame(id | GetParam().family | 4, {0x81}, length), {});
+  EXPECT_EQ(kModels.size(), std::size(models));
+  for (const auto& [model, script] : models) {
+    SCOPED_TRACE(model.name);
+    Become(model);
+    Play(script);
   }
-
-  static int LengthOf(std::uint32_t id) {
-    const auto replies = Send(id);
-    return replies.empty() ? 0 : replies[0].len;
-  }
-
-  static int SensorsThatAnswer(std::uint32_t id) {
-    int count = 0;
-    for (std::uint32_t sensor = 1; sensor < 32; ++sensor) {
-      count += Send(id | sensor << 24).empty() ? 0 : 1;
-    }
-    return count;
-  }
-
-  /// The functions that are answered at all, each under the hand's own id and family.
-  static Functions Answered(std::uint32_t write_flag) {
-    Functions functions;
-    for (std::uint32_t id = 0; id < 0x02000000; id += 0x10000) {
-      for (const std::uint8_t length : {std::uint8_t{0}, std::uint8_t{64}}) {
-        for (const Frame& reply : Send(id | write_flag, length)) {
-          functions.insert(static_cast<int>(id >> 16 & 0xFF));
-          const std::uint32_t flag = (reply.id >> 16 & 0xFF) == 0xF2 ? write_flag : 0;
-          EXPECT_EQ(reply.id & 0xFFFF, GetParam().family | flag | 4) << std::hex << id;
-        }
-      }
-    }
-    return functions;
-  }
-};
-
-INSTANTIATE_TEST_SUITE_P(Models, EveryModel, testing::ValuesIn(Expectations()),
-                         [](const auto& test) { return std::string(test.param.name); });
-
-TEST_P(EveryModel, TellsWhoItIs) {
-  const auto vendor = Send(0x00010000);
-  ASSERT_EQ(vendor.size(), 1U);
-  const auto& data = vendor[0].data;
-  EXPECT_STREQ(std::string(data.begin(), data.begin() + 16).c_str(), GetParam().product_model);
-  EXPECT_EQ(data[40], GetParam().active_dof);
-  EXPECT_EQ(kModels.size(), Expectations().size());
-}
-
-TEST_P(EveryModel, AnswersItsFunctionsAtTheirLengthsAndNoOthers) {
-  EXPECT_EQ(LengthOf(0x00130000), GetParam().position_bytes);
-  EXPECT_EQ(LengthOf(0x00100000), GetParam().mode_bytes);
-  EXPECT_EQ(SensorsThatAnswer(0x00050000), GetParam().summaries);
-  EXPECT_EQ(SensorsThatAnswer(0x00060000), GetParam().raw_sensors);
-  EXPECT_EQ(Answered(0), GetParam().reads);
-  EXPECT_EQ(Answered(0x80), GetParam().writes);
 }
 
 }  // namespace
