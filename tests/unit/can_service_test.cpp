@@ -395,15 +395,15 @@ TYPED_TEST(ServiceOverCan, TellsWhatFailsOnTheLinkAndNothingWithoutALink) {
 
 TYPED_TEST(ServiceOverCan, RefusesWhatIsOutOfRangeSilently) {
   using Hand = TypeParam;
-  constexpr std::uint8_t motors = std::is_same_v<Hand, Brisa> ? 10 : 4;
-  const auto past = static_cast<std::uint8_t>(motors + 1);
-  const auto few = Ramp<std::uint16_t>(motors - 1);
+  constexpr std::uint8_t kMotors = std::is_same_v<Hand, Brisa> ? 10 : 4;
+  const auto past = static_cast<std::uint8_t>(kMotors + 1);
+  const auto few = Ramp<std::uint16_t>(kMotors - 1);
   const auto many = Ramp<std::uint16_t>(past);
   const auto ten = Ramp<std::uint16_t>(10);
   const auto speeds = Ramp<short>(10);
   const auto currents = Ramp<std::uint8_t>(10);
   std::vector<typename TestFixture::Call> settings;
-  for (const auto& refused : RefusedSettings<Hand>(motors)) {
+  for (const auto& refused : RefusedSettings<Hand>(kMotors)) {
     settings.push_back({refused.name, refused.call});
   }
   this->ExpectRefusals("", "0", settings);
@@ -424,7 +424,7 @@ TYPED_TEST(ServiceOverCan, RefusesWhatIsOutOfRangeSilently) {
       {CALL(SetPosSpeedCurData(ten, Ramp<short>(11), currents))},
       {CALL(SetPosSpeedCurData(ten, speeds, Ramp<std::uint8_t>(9)))}});
   this->ExpectRefusals("", "", {
-      {CALL(SetAllJointMotorPosi(Ramp<short>(motors - 1U)))},
+      {CALL(SetAllJointMotorPosi(Ramp<short>(kMotors - 1U)))},
       {CALL(SetAllJointMotorPosi(Ramp<short>(past)))}, {CALL(SetAllActualAxisPos(few))},
       {CALL(SetAllActualAxisPos(many))}});
   // clang-format on
