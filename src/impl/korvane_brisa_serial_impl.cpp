@@ -20,7 +20,6 @@ constexpr std::size_t kFingerReading = 16;
 constexpr std::size_t kPalmReading = 25;
 constexpr std::size_t kCvpRecord = 6;
 constexpr std::size_t kCvpVelocity = 2;
-constexpr std::uint8_t kVelocityMode = 5;
 constexpr std::uint8_t kBrisaProduct = 2;
 constexpr auto kBetweenAxes = std::chrono::milliseconds(1);
 
@@ -266,11 +265,9 @@ std::vector<short> KorvaneBrisaSerialImpl::GetAllJointMotorPosi() const {
 
 void KorvaneBrisaSerialImpl::SetJointMotorVelo(std::uint8_t index, short velocity) {
   if (!CheckIndex(index)) return;
-  MixCtrl target{};
-  target.joint_index = index & 0x1F;
-  target.mix_mode = kVelocityMode;
-  target.velocity = velocity;
-  MixCtrlJointMotor({target});
+  ServiceTargets targets;
+  targets.speed[index - 1U] = velocity;
+  WriteTargets(targets);
 }
 
 short KorvaneBrisaSerialImpl::GetJointMotorVelo(std::uint8_t index) const {
@@ -282,13 +279,9 @@ short KorvaneBrisaSerialImpl::GetJointMotorVelo(std::uint8_t index) const {
 
 void KorvaneBrisaSerialImpl::SetAllJointMotorVelo(const std::vector<short>& velocities) {
   if (!CheckTen(velocities.size())) return;
-  std::vector<MixCtrl> targets(kAxes);
-  for (std::size_t i = 0; i < kAxes; ++i) {
-    targets[i].joint_index = (i + 1) & 0x1F;
-    targets[i].mix_mode = kVelocityMode;
-    targets[i].velocity = velocities[i];
-  }
-  MixCtrlJointMotor(targets);
+  ServiceTargets targets;
+  targets.speed = velocities;
+  WriteTargets(targets);
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllJointMotorVelo() const {
@@ -362,8 +355,12 @@ void KorvaneBrisaSerialImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targe
     }
     return;
   }
-  const ServiceTargets all = ToServiceTargets(targets);
-  const auto payload = ServicePayload().AddAll(all.pos).AddAll(all.speed).AddAll(all.current);
+  WriteTargets(ToServiceTargets(targets));
+}
+
+void KorvaneBrisaSerialImpl::WriteTargets(const ServiceTargets& targets) {
+  const auto payload =
+      ServicePayload().AddAll(targets.pos).AddAll(targets.speed).AddAll(targets.current);
   if (link_.Write("MixCtrlJointMotor", Command::kSetPosSpeedCurData, payload)) return;
   LogError("[Error]: Failed to send position/velocity/current request");
 }

@@ -6,6 +6,7 @@
 #include "ota/serial_update.h"
 #include "private_korvane_brisa.h"
 #include "serial/serial_link.h"
+#include "service/service_records.h"
 #include "service/service_settings.h"
 
 namespace talvera::korvane {
@@ -147,6 +148,8 @@ class KorvaneBrisaSerialImpl : public WithoutReportPeriods<WithJointAngles<Seria
  private:
   std::optional<Bytes> ReadForAxis(const char* operation, ServiceCommand command, ReplySlot slot,
                                    const char* what, std::uint8_t index) const;
+  /// A mixed command: what isn't set in it is zero.
+  void WriteTargets(const ServiceTargets& targets);
   std::optional<std::uint16_t> ReadPosition(const char* operation, std::uint8_t index) const;
 
   SerialUpdate update_;

@@ -10,28 +10,13 @@
 
 #include "impl/korvane_brisa_can_private_impl.h"
 #include "impl/korvane_lumen_can_private_impl.h"
+#include "support/service_calls.h"
 #include "support/tested_hands.h"
 #include "util/bytes.h"
 
 namespace talvera::korvane {
 
 // Records as text, for ShowCall.
-static std::string Show(const SetAllAxisPosResponse& response) {
-  using test::Show;
-  return Show(response.pos) + "|" + Show(response.second) + "|" + Show(response.third) + "|" +
-         Show(response.fourth);
-}
-static std::string Show(const AxisLimitPos& limits) {
-  return test::Show(limits.lower) + "|" + test::Show(limits.upper);
-}
-template <class Record>
-static std::string ShowBytes(const Record& record) {
-  test::Bytes bytes(sizeof record);
-  std::memcpy(bytes.data(), &record, sizeof record);
-  return test::Show(bytes);
-}
-static std::string Show(const ProductSerialNumber& number) { return ShowBytes(number); }
-static std::string Show(const FwVersion& version) { return ShowBytes(version); }
 static std::string Show(const DeviceInfo& info) { return ShowBytes(info); }
 static std::string Show(const VendorInfo& info) {
   return info.product_model + "|" + info.serial_number + "|" + info.software_version.ToString() +
@@ -138,34 +123,6 @@ struct Command {
   CanfdFrame Request() const { return FullFrame(9, request, static_cast<int>(request.size())); }
 };
 
-/// An operation as it is called, and what its failures are told under: its own name, or another.
-#define TOLD_AS(name, ...) \
-  name, [=](Hand& hand) { return ShowCall(hand, [=](Hand& called) { return called.__VA_ARGS__; }); }
-#define CALL(...) TOLD_AS(NameOf(#__VA_ARGS__), __VA_ARGS__)
-
-std::string NameOf(const std::string& call) { return call.substr(0, call.find('(')); }
-
-/// 0x1101, 0x1202 and so on, or their low bytes.
-template <class Value>
-std::vector<Value> Ramp(std::size_t count) {
-  std::vector<Value> values(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    values[i] = static_cast<Value>((i + 17) << 8 | (i + 1));
-  }
-  return values;
-}
-Bytes operator+(Bytes bytes, const Bytes& more) {
-  bytes.insert(bytes.end(), more.begin(), more.end());
-  return bytes;
-}
-Bytes RampBytes(std::size_t words) {
-  Bytes bytes;
-  for (const std::uint16_t word : Ramp<std::uint16_t>(words)) {
-    bytes = bytes + Bytes{static_cast<std::uint8_t>(word), static_cast<std::uint8_t>(word >> 8)};
-  }
-  return bytes;
-}
-
 /// The commands that both hands have; `least` is the shortest reply with all positions.
 template <class Hand>
 std::vector<Command<Hand>> CommonCommands(std::uint8_t motors, std::size_t least, bool alone,
@@ -175,17 +132,10 @@ std::vector<Command<Hand>> CommonCommands(std::uint8_t motors, std::size_t least
   const auto speeds = Ramp<std::int16_t>(10);
   const auto ten = Ramp<std::uint16_t>(10);
   const auto currents = Ramp<std::uint8_t>(10);
-  const auto number = Ramp<std::uint8_t>(19);
   using U16 = std::uint16_t;
   using U8 = std::uint8_t;
-  return {
-      {CALL(SetPowerState(7)), {1, 7}, Acknowledged},
+  std::vector<Command<Hand>> commands{
       {CALL(GetPowerState()), {2}, Byte},
-      {CALL(SetAxisHoming(motors, -4095)), {3, motors, 0x01, 0xF0}, Acknowledged},
-      {CALL(SetAxisHoming(1, 4095)), {3, 1, 0xFF, 0x0F}, Acknowledged},
-      {CALL(SetId(1)), {4, 1, 0}, Acknowledged},
-      {CALL(SetId(2046)), {4, 0xFE, 7}, Acknowledged},
-      {CALL(SaveParam()), {5}, Acknowledged},
       {CALL(SetSingleAxisPos(12, 4096)), {6, 12, 0, 0x10}, Position("0")},
       {CALL(SetSingleAxisPos(1, 0)), {6, 1, 0, 0}, Position("0")},
       {CALL(SetJointMotorPosi(motors, -2)), {6, motors, 0xFE, 0xFF}, Position("-1")},
@@ -200,41 +150,28 @@ std::vector<Command<Hand>> CommonCommands(std::uint8_t motors, std::size_t least
       {CALL(GetAllAxisVelocity()), {11}, List<U16>(10, true)},
       {CALL(GetAllAxisTemp()), {12}, List<U8>(10, true)},
       {CALL(GetErrorCode()), {13}, ErrorCode},
-      {CALL(ClearError()), {14}, Acknowledged},
-      {CALL(PlayAction(200)), {15, 200}, Acknowledged},
       {CALL(GetAllAxisPosRange()), {16}, List<U16>(motors, true)},
-      {CALL(SetRunMode(0, 255)), {21, 0, 255}, Acknowledged},
       {CALL(SetSingleActualAxisPos(10, 4096)), {22, 10, 0, 0x10}, Position("0")},
       {CALL(GetSingleActualAxisPos(10)), {23, 10}, Position("0")},
       {CALL(SetAllActualAxisPos(words)), Bytes{24} + RampBytes(motors), List<U16>(motors)},
       {CALL(GetAllActualAxisPos()), {25}, List<U16>(motors, true)},
       {CALL(GetAllLoadData()), {26}, List<U16>(10, true)},
-      {CALL(SetAxisMinPos(1, 4096)), {27, 1, 0, 0x10}, Acknowledged},
-      {CALL(SetAxisMaxPos(12, 258)), {28, 12, 2, 1}, Acknowledged},
-      {CALL(ClearAllLimitPos()), {29}, Acknowledged},
-      {CALL(SetAllRunSpeed(speeds)), Bytes{32} + RampBytes(10), Acknowledged},
-      {CALL(SetOverloadTorque(1, 300)), {33, 1, 44}, Acknowledged},
-      {CALL(SetOverloadTorque(255, 1000)), {33, 255, 232}, Acknowledged},
-      {CALL(SetOverloadProtectionTime(3, 0xABCD)), {34, 3, 0xCD}, Acknowledged},
-      {CALL(SetProtectedTorque(3, 100)), {35, 3, 100}, Acknowledged},
-      {CALL(SetMinTorque(12, 255)), {36, 12, 255}, Acknowledged},
-      {CALL(SetProtectiveCurrent(12, 3250)), {37, 12, 0xB2, 0x0C}, Acknowledged},
       {CALL(GetAllElectricMotorId()), {38}, List<U8>(10, true)},
       {CALL(GetAllSensorId()), {39}, List<U8>(7, true)},
-      {CALL(SetAllAxisCvpUploadInterval(0x1234)), {40, 0x34, 0x12}, Acknowledged},
       {CALL(GetAllAxisCvp()), {41}, List<U8>(60)},
       {CALL(GetAxisLimitPos()), {48}, Limits(motors, most_limits)},
-      {CALL(SetRightOrLeft(1)), {49, 1}, Acknowledged},
       {CALL(SetPosSpeedCurData(ten, speeds, currents)),
        Bytes{50} + RampBytes(10) + RampBytes(10) + currents, Response(motors, false)},
       {CALL(GetFingerTactileForce()), {51}, List<U8>(35)},
-      {CALL(SetTemperatureThreshold(90)), {52, 90}, Acknowledged},
       {CALL(SetControlSource(1)), {128, 1}, Byte},
       {CALL(GetControlSource()), {129}, Byte},
-      {CALL(SetProductSerialNumber(number)), Bytes{193} + number, Acknowledged},
       {CALL(GetProductSerialNumber()), {194}, SerialNumber},
       {CALL(GetFwVersion()), {205}, Versions},
   };
+  for (const auto& setting : Settings<Hand>(motors, 1)) {
+    commands.push_back({setting.name, setting.call, setting.request, Acknowledged});
+  }
+  return commands;
 }
 
 MixCtrl Target(int axis, int mode, short position, short velocity, short current) {
@@ -458,31 +395,26 @@ TYPED_TEST(ServiceOverCan, TellsWhatFailsOnTheLinkAndNothingWithoutALink) {
 
 TYPED_TEST(ServiceOverCan, RefusesWhatIsOutOfRangeSilently) {
   using Hand = TypeParam;
-  const std::uint8_t motors = std::is_same_v<Hand, Brisa> ? 10 : 4;
-  const auto past = static_cast<std::uint8_t>(motors + 1);
-  const auto few = Ramp<std::uint16_t>(motors - 1);
+  constexpr std::uint8_t kMotors = std::is_same_v<Hand, Brisa> ? 10 : 4;
+  const auto past = static_cast<std::uint8_t>(kMotors + 1);
+  const auto few = Ramp<std::uint16_t>(kMotors - 1);
   const auto many = Ramp<std::uint16_t>(past);
   const auto ten = Ramp<std::uint16_t>(10);
   const auto speeds = Ramp<short>(10);
   const auto currents = Ramp<std::uint8_t>(10);
+  std::vector<typename TestFixture::Call> settings;
+  for (const auto& refused : RefusedSettings<Hand>(kMotors)) {
+    settings.push_back({refused.name, refused.call});
+  }
+  this->ExpectRefusals("", "0", settings);
   // clang-format off
   this->ExpectRefusals("", "0", {
-      {CALL(SetAxisHoming(0, 0))}, {CALL(SetAxisHoming(past, 0))},
-      {CALL(SetAxisHoming(1, 4096))}, {CALL(SetAxisHoming(1, -4096))}, {CALL(SetId(0))},
-      {CALL(SetId(2047))}, {CALL(SetSingleAxisPos(0, 1))}, {CALL(SetSingleAxisPos(13, 1))},
+      {CALL(SetSingleAxisPos(0, 1))}, {CALL(SetSingleAxisPos(13, 1))},
       {CALL(SetSingleAxisPos(1, 4097))}, {CALL(GetSingleAxisPos(0))},
       {CALL(GetSingleAxisPos(13))}, {CALL(SetSingleActualAxisPos(0, 1))},
       {CALL(SetSingleActualAxisPos(11, 1))}, {CALL(SetSingleActualAxisPos(1, 4097))},
       {CALL(GetSingleActualAxisPos(0))}, {CALL(GetSingleActualAxisPos(11))},
-      {CALL(SetAxisMinPos(0, 0))}, {CALL(SetAxisMinPos(13, 0))}, {CALL(SetAxisMinPos(1, 4097))},
-      {CALL(SetAxisMaxPos(0, 0))}, {CALL(SetAxisMaxPos(13, 0))}, {CALL(SetAxisMaxPos(1, 4097))},
-      {CALL(SetAllRunSpeed(Ramp<short>(9)))}, {CALL(SetAllRunSpeed(Ramp<short>(11)))},
-      {CALL(SetOverloadTorque(1, 1001))}, {CALL(SetProtectedTorque(1, 101))},
-      {CALL(SetMinTorque(0, 1))}, {CALL(SetMinTorque(13, 1))},
-      {CALL(SetProtectiveCurrent(0, 1))}, {CALL(SetProtectiveCurrent(13, 1))},
-      {CALL(SetProtectiveCurrent(1, 3251))}, {CALL(SetRightOrLeft(2))},
-      {CALL(SetControlSource(2))}, {CALL(SetProductSerialNumber(Ramp<std::uint8_t>(18)))},
-      {CALL(SetProductSerialNumber(Ramp<std::uint8_t>(20)))}});
+      {CALL(SetControlSource(2))}});
   this->ExpectRefusals("", "-1", {
       {CALL(SetJointMotorPosi(0, 1))}, {CALL(SetJointMotorPosi(past, 1))},
       {CALL(GetJointMotorPosi(0))}, {CALL(GetJointMotorPosi(past))}});
@@ -492,7 +424,7 @@ TYPED_TEST(ServiceOverCan, RefusesWhatIsOutOfRangeSilently) {
       {CALL(SetPosSpeedCurData(ten, Ramp<short>(11), currents))},
       {CALL(SetPosSpeedCurData(ten, speeds, Ramp<std::uint8_t>(9)))}});
   this->ExpectRefusals("", "", {
-      {CALL(SetAllJointMotorPosi(Ramp<short>(motors - 1U)))},
+      {CALL(SetAllJointMotorPosi(Ramp<short>(kMotors - 1U)))},
       {CALL(SetAllJointMotorPosi(Ramp<short>(past)))}, {CALL(SetAllActualAxisPos(few))},
       {CALL(SetAllActualAxisPos(many))}});
   // clang-format on

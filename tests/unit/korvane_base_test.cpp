@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "korvane_brisa.h"
+#include "private_korvane.h"
 #include "support/capture.h"
 
 namespace talvera::korvane {
@@ -189,6 +190,22 @@ TEST(OperationSlots, StayWhereProgramsCallThem) {
   using T = IBR7TactileSensor1D;
   ExpectSlotsFrom(0, &T::GetSensorDataLength, &T::GetSensorOrder, &T::GetTactileSensorDataRaw,
                   &T::GetAllTactileSensorDataRaw);
+  using P = PrivateKorvane;
+  ExpectSlotsFrom(0, &P::SetPowerState, &P::GetPowerState, &P::SetAxisHoming, &P::SetId,
+                  &P::SaveParam, &P::SetSingleAxisPos, &P::GetSingleAxisPos, &P::SetAllAxisPos,
+                  &P::GetAllAxisPos, &P::GetAllAxisCurrent, &P::GetAllAxisVelocity,
+                  &P::GetAllAxisTemp, &P::GetErrorCode, &P::ClearError, &P::PlayAction,
+                  &P::GetAllAxisPosRange, &P::GetFingertipSensor, &P::GetAllFingertipSensorA,
+                  &P::GetAllFingertipSensorB, &P::GetAllFingertipSensorC, &P::SetRunMode,
+                  &P::SetSingleActualAxisPos, &P::GetSingleActualAxisPos, &P::SetAllActualAxisPos,
+                  &P::GetAllActualAxisPos, &P::GetAllLoadData, &P::SetAxisMinPos, &P::SetAxisMaxPos,
+                  &P::ClearAllLimitPos, &P::SetAllRunSpeed, &P::SetOverloadTorque,
+                  &P::SetOverloadProtectionTime, &P::SetProtectedTorque, &P::SetMinTorque,
+                  &P::SetProtectiveCurrent, &P::GetAllElectricMotorId, &P::GetAllSensorId,
+                  &P::SetAllAxisCvpUploadInterval, &P::GetAllAxisCvp, &P::GetAxisLimitPos,
+                  &P::SetRightOrLeft, &P::SetPosSpeedCurData, &P::GetFingerTactileForce,
+                  &P::SetTemperatureThreshold, &P::SetControlSource, &P::GetControlSource,
+                  &P::SetProductSerialNumber, &P::GetProductSerialNumber, &P::GetFwVersion);
   EXPECT_GT(SlotOf(&KorvaneBrisa::GetTactileSensorData), SlotOf(&B::SetHandGesture));
   EXPECT_EQ(SlotOf(&KorvaneBrisa::GetAllTactileSensorData),
             SlotOf(&KorvaneBrisa::GetTactileSensorData) + 1);
