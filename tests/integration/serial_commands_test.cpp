@@ -282,22 +282,6 @@ TEST_F(SerialCommands, TakeOlderRepliesThatNobodyRead) {
   }
 }
 
-MixCtrl Target(int axis, int mode, short position, short velocity, short current) {
-  MixCtrl target{};
-  target.joint_index = axis & 31;
-  target.mix_mode = mode & 7;
-  target.position = position;
-  target.velocity = velocity;
-  target.current = current;
-  return target;
-}
-
-Bytes Mixed(const std::map<std::size_t, int>& bytes) {
-  Bytes payload(50);
-  for (const auto& [at, value] : bytes) payload[at] = static_cast<std::uint8_t>(value);
-  return Bytes{0x32} + payload;
-}
-
 struct Writes {
   ServiceCall<Hand> call;
   std::string result;
@@ -333,13 +317,16 @@ TEST_F(SerialCommands, WriteWhatIsNotAnsweredAndBuildOperationsFromSeveralComman
       {{CALL(SetAllControlMode({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})), {0x15, 1, 1}}, "", modes},
       {{CALL(SetCurrentThreshold(1, -1)), {0x25, 1, 0xFF, 0xFF}}, ""},
       {{CALL(SetAllCurrentThreshold(ten)), {0x25, 1, 1, 17}}, "", thresholds},
-      {{CALL(SetJointMotorVelo(2, -2)), Mixed({{22, 0xFE}, {23, 0xFF}})}, ""},
+      {{CALL(SetJointMotorVelo(2, -2)), MixedPayload({{22, 0xFE}, {23, 0xFF}})}, ""},
       {{CALL(SetAllJointMotorVelo(ten)), Bytes{0x32} + Bytes(20) + RampBytes(10) + Bytes(10)}, ""},
-      {{CALL(MixCtrlJointMotor(four)), Mixed({{0, 2}, {1, 1}, {40, 1}, {18, 0xFE}, {19, 0xFF}})},
+      {{CALL(MixCtrlJointMotor(four)),
+       MixedPayload({{0, 2}, {1, 1}, {40, 1}, {18, 0xFE}, {19, 0xFF}})},
        ""},
-      {{CALL(MixCtrlJointMotor(five)), Mixed({{20, 4}, {21, 3}, {40, 1}, {38, 0xFD}, {39, 0xFF}})},
+      {{CALL(MixCtrlJointMotor(five)),
+       MixedPayload({{20, 4}, {21, 3}, {40, 1}, {38, 0xFD}, {39, 0xFF}})},
        ""},
-      {{CALL(MixCtrlJointMotor(six)), Mixed({{0, 2}, {1, 1}, {18, 0xFE}, {19, 0xFF}, {20, 4}, {21,
+      {{CALL(MixCtrlJointMotor(six)),
+       MixedPayload({{0, 2}, {1, 1}, {18, 0xFE}, {19, 0xFF}, {20, 4}, {21,
        3}, {38, 0xFD}, {39, 0xFF}, {40, 1}})}, ""},
   };
   // clang-format on

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,22 @@ inline Bytes RampBytes(std::size_t words) {
     bytes = bytes + Bytes{static_cast<std::uint8_t>(word), static_cast<std::uint8_t>(word >> 8)};
   }
   return bytes;
+}
+
+inline MixCtrl Target(int axis, int mode, short position, short velocity, short current) {
+  MixCtrl target{};
+  target.joint_index = axis & 31;
+  target.mix_mode = mode & 7;
+  target.position = position;
+  target.velocity = velocity;
+  target.current = current;
+  return target;
+}
+/// The command for all axes at once, of whose 50 bytes some aren't zero.
+inline Bytes MixedPayload(const std::map<std::size_t, int>& bytes) {
+  Bytes payload(50);
+  for (const auto& [at, value] : bytes) payload[at] = static_cast<std::uint8_t>(value);
+  return Bytes{0x32} + payload;
 }
 
 template <class Hand>

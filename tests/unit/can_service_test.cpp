@@ -174,23 +174,6 @@ std::vector<Command<Hand>> CommonCommands(std::uint8_t motors, std::size_t least
   return commands;
 }
 
-MixCtrl Target(int axis, int mode, short position, short velocity, short current) {
-  MixCtrl target{};
-  target.joint_index = axis & 31;
-  target.mix_mode = mode & 7;
-  target.position = position;
-  target.velocity = velocity;
-  target.current = current;
-  return target;
-}
-
-/// 50 bytes of which some aren't zero.
-Bytes Sparse(const std::map<std::size_t, int>& bytes) {
-  Bytes payload(50);
-  for (const auto& [at, value] : bytes) payload[at] = static_cast<std::uint8_t>(value);
-  return Bytes{50} + payload;
-}
-
 template <class Hand>
 std::vector<Command<Hand>> CommandsOf();
 
@@ -223,19 +206,19 @@ std::vector<Command<Brisa>> CommandsOf() {
       {TOLD_AS("SetProtectiveCurrent", SetCurrentThreshold(1, 3251)), {37, 1, 0xB2, 0x0C}, Nothing},
       {TOLD_AS("SetProtectiveCurrent", SetCurrentThreshold(10, -1)), {37, 10, 0, 0}, Nothing},
       {TOLD_AS("SetPosSpeedCurData", MixCtrlJointMotor(four)),
-       Sparse({{0, 2}, {1, 1}, {40, 1}, {18, 0xFE}, {19, 0xFF}}), Nothing},
+       MixedPayload({{0, 2}, {1, 1}, {40, 1}, {18, 0xFE}, {19, 0xFF}}), Nothing},
       {TOLD_AS("SetPosSpeedCurData", MixCtrlJointMotor(five)),
-       Sparse({{20, 4}, {21, 3}, {40, 1}, {38, 0xFD}, {39, 0xFF}}), Nothing},
+       MixedPayload({{20, 4}, {21, 3}, {40, 1}, {38, 0xFD}, {39, 0xFF}}), Nothing},
       {TOLD_AS("SetPosSpeedCurData", MixCtrlJointMotor(six)),
-       Sparse({{0, 2},
-               {1, 1},
-               {18, 0xFE},
-               {19, 0xFF},
-               {20, 4},
-               {21, 3},
-               {38, 0xFD},
-               {39, 0xFF},
-               {40, 1}}),
+       MixedPayload({{0, 2},
+                     {1, 1},
+                     {18, 0xFE},
+                     {19, 0xFF},
+                     {20, 4},
+                     {21, 3},
+                     {38, 0xFD},
+                     {39, 0xFF},
+                     {40, 1}}),
        Nothing},
   };
   commands.insert(commands.end(), own.begin(), own.end());
