@@ -14,8 +14,9 @@ struct AxisLimitPos {
   std::vector<std::uint16_t> upper;
 };
 
-/// What each axis did at the moment when a command for all of them was taken, as four blocks of
-/// ten values that the library passes on unread. Empty if there was no such reply.
+/// What each axis did at the moment when a command for all of them was taken, as four blocks of one
+/// value for each axis (10, or 4 of a KorvaneLumen) that the library passes on unread. Empty if
+/// there was no such reply. A KorvaneLumen may tell `pos` alone.
 struct SetAllAxisPosResponse {
   std::vector<std::uint16_t> pos;
   std::vector<std::uint16_t> second;
@@ -58,7 +59,9 @@ static_assert(sizeof(FwVersion) == 13);
 /// out of range and a link that isn't open are refused silently and send nothing; a failure of the
 /// link writes one line to the standard error stream.
 ///
-/// Over the serial link a setter's result tells only that the hand answered in time, not what.
+/// Over the serial link a setter's result tells only that the hand answered in time, not what. Over
+/// CAN FD any frame of the service protocol counts as the reply: one object for each bus, and after
+/// a time-out read once more before you believe a value.
 ///
 /// Blocking and threads are those of Korvane: every operation asks the hand, and one thread at a
 /// time may call.
@@ -127,7 +130,8 @@ class KORVANE_EXPORT PrivateKorvane {
   virtual bool SetAllRunSpeed(const std::vector<std::int16_t>& speeds) = 0;
 
   /// Protection of one axis: overload torque, at most 1000; how long an overload may last;
-  /// protected torque, at most 100; least torque; protective current, at most 3250.
+  /// protected torque, at most 100; least torque; protective current, at most 3250. Over CAN FD
+  /// only the low byte of the first two is sent: 300 arrives as 44.
   virtual bool SetOverloadTorque(std::uint8_t axis, std::uint16_t torque) = 0;
   virtual bool SetOverloadProtectionTime(std::uint8_t axis, std::uint16_t time) = 0;
   virtual bool SetProtectedTorque(std::uint8_t axis, std::uint8_t torque) = 0;

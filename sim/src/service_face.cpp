@@ -410,9 +410,17 @@ Bytes Save(const Call& call) {
   return Accepted(true);
 }
 
+/// The public protocol tells the same number.
+void PublishSerialNumber(const ServiceSettings& settings, SimulatedHand& hand) {
+  const auto& number = settings.serial_number;
+  hand.GetIdentity().serial_number.assign(number.begin(),
+                                          std::find(number.begin(), number.end(), 0));
+}
+
 Bytes SetSerialNumber(const Call& call) {
   auto& number = call.state.settings.serial_number;
   std::copy_n(call.data.begin(), number.size(), number.begin());
+  PublishSerialNumber(call.state.settings, call.hand);
   return Accepted(true);
 }
 
@@ -633,6 +641,7 @@ void ServiceFace::Restore(SimulatedHand& hand) {
   state_.settings = state_.saved;
   state_.powered = true;
   hand.SetDeviceId(PublicId(Settings().device_id));
+  PublishSerialNumber(Settings(), hand);
   for (const AxisRow& row : kAxisRows) {
     for (std::size_t i = 0; row.apply != nullptr && i < Settings().axes.size(); ++i) {
       row.apply(hand.JointMotor(i + 1), Settings().axes[i].*row.field);

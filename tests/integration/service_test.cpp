@@ -190,6 +190,7 @@ TEST_P(Service, KeepsWhatIsSavedAndForgetsTheRest) {
   EXPECT_TRUE(service_.SaveParam());
   EXPECT_TRUE(service_.SetAxisMaxPos(1, 1000));
   EXPECT_TRUE(service_.SetAxisMaxPos(2, 1000));
+  EXPECT_TRUE(service_.SetProductSerialNumber(std::vector<std::uint8_t>(19, 'z')));
   Restart();
   const U16s upper = service_.GetAxisLimitPos().upper;
   ASSERT_GE(upper.size(), 2U);
@@ -198,6 +199,9 @@ TEST_P(Service, KeepsWhatIsSavedAndForgetsTheRest) {
   const ProductSerialNumber kept = service_.GetProductSerialNumber();
   EXPECT_EQ(std::memcmp(&kept, number.data(), number.size()), 0);
   EXPECT_EQ(hand_.GetVendorInfo().serial_number, "ABCDEFGHIJKLMNOPQRS");
+  bench_->WithHand([](sim::SimulatedHand& hand) {
+    EXPECT_EQ(hand.GetIdentity().serial_number, "ABCDEFGHIJKLMNOPQRS") << "told in public too";
+  });
 }
 
 TEST_P(Service, MovesAxesWithinTheirLimits) {
