@@ -26,12 +26,10 @@ const char* ProductModel(std::uint8_t code) {
 }
 
 /// The number as text up to its first NUL byte; what can't be printed becomes a dash.
-std::string SerialNumberText(const ProductSerialNumber& number) {
-  const auto* const begin = reinterpret_cast<const std::uint8_t*>(&number);
-  std::string text;
-  for (const auto* byte = begin; byte != begin + sizeof number && *byte != 0; ++byte) {
-    text += *byte >= 32 && *byte <= 126 ? static_cast<char>(*byte) : '-';
-  }
+std::string SerialNumberText(const std::vector<std::uint8_t>& number) {
+  std::string text(number.begin(), std::find(number.begin(), number.end(), 0));
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < 32 || c > 126; }, '-');
   return text;
 }
 
@@ -69,10 +67,6 @@ void CanServiceEngine::Start(HandType hand_type, std::uint8_t device_id) {
 
 void CanServiceEngine::Tell(const char* operation, const std::string& text) const {
   LogError(Compose("[", model.class_name, "] ", operation, ": ", text));
-}
-
-void CanServiceEngine::TellUnsupported(const char* operation) const {
-  if (model.unsupported != nullptr) Tell(operation, model.unsupported);
 }
 
 CanServiceEngine::Reply CanServiceEngine::Ask(const char* operation, ServiceCommand command,
@@ -156,9 +150,7 @@ AxisLimitPos CanServiceEngine::ReadLimits() const {
 }
 
 ProductSerialNumber CanServiceEngine::ReadSerialNumber() const {
-  const Reply reply = Ask("GetProductSerialNumber", ServiceCommand::kGetProductSerialNumber);
-  const std::uint8_t* const data = DataOf(reply, 1 + sizeof(ProductSerialNumber));
-  return data != nullptr ? LoadProductSerialNumber(data) : ProductSerialNumber{};
+  return LoadProductSerialNumber(Read<std::uint8_t>(reading::kProductSerialNumber).data());
 }
 
 /// Firmware that answers with 11 bytes tells its versions one place earlier, and of the first of
@@ -183,7 +175,7 @@ VendorInfo CanServiceEngine::ReadVendorInfo() const {
   info.software_version = version.firmware;
   info.hardware_version = version.hardware;
   info.active_dof = version.last;
-  info.serial_number = SerialNumberText(ReadSerialNumber());
+  info.serial_number = SerialNumberText(Read<std::uint8_t>(reading::kProductSerialNumber));
   return info;
 }
 

@@ -27,8 +27,6 @@ struct ServiceModel {
   bool takes_positions_alone;
   /// There is a firmware update over this protocol.
   bool has_update;
-  /// What operations that the protocol doesn't have say; null for those that do nothing silently.
-  const char* unsupported = nullptr;
   /// There is a constructor for a TCP link, which is refused.
   bool has_tcp_form = true;
 };
@@ -57,9 +55,6 @@ class CanServiceEngine : public CanLink {
 
   /// "[class] operation: text" on the standard error stream.
   void Tell(const char* operation, const std::string& text) const;
-
-  /// The line of an operation that the protocol doesn't have, if there is one.
-  void TellUnsupported(const char* operation) const;
 
   Reply Ask(const char* operation, ServiceCommand command,
             const ServicePayload& payload = {}) const;

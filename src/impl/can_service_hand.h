@@ -150,9 +150,6 @@ class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEn
   /// Public operations refuse bad arguments silently here.
   static bool CheckJointCount(std::size_t count) { return count == kModel.motors; }
 
-  void TellUnsupported(const char* operation) const { engine_.TellUnsupported(operation); }
-  void RefusePeriods(const char* operation) const { TellUnsupported(operation); }
-
   bool Execute(const char* operation, Command command, const ServicePayload& payload) override {
     return engine_.IsAcknowledged(operation, command, payload);
   }

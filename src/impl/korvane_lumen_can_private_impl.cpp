@@ -108,6 +108,10 @@ std::vector<double> KorvaneLumenCanPrivateImpl::GetAllJointPos(const std::vector
 
 // --- What the protocol doesn't have ---------------------------------------------------------
 
+void LumenService::TellUnsupported(const char* operation) const {
+  engine_.Tell(operation, "Not supported for LM3 standard frame");
+}
+
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::TellNoSensors(const char* operation) const {
   engine_.Tell(operation, "LM3 不支持触觉传感器");
   return {};

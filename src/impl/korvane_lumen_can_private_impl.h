@@ -13,18 +13,26 @@ struct LumenServiceRow {
                                        /*most_limits=*/4,
                                        /*positions_reply=*/9,
                                        /*takes_positions_alone=*/true,
-                                       /*has_update=*/false,
-                                       "Not supported for LM3 standard frame"};
+                                       /*has_update=*/false};
   static constexpr std::uint8_t kHomingAxes = 4;
   static constexpr std::uint8_t kOverloadBytes = 1;
 
   static void Prepare(KorvaneLumen& /*hand*/, std::uint8_t /*id*/, HandType /*type*/) {}
 };
 
+/// What the operations of a KorvaneLumen in the service protocol are built from.
+class LumenService : public CanServiceHand<PrivateKorvaneLumen, LumenServiceRow> {
+ public:
+  using CanServiceHand::CanServiceHand;
+
+ protected:
+  void TellUnsupported(const char* operation) const;
+  void RefusePeriods(const char* operation) const { TellUnsupported(operation); }
+};
+
 /// The KorvaneLumen in the service protocol over CAN, with both of its interfaces. One object of it
 /// at a time on a bus.
-class KorvaneLumenCanPrivateImpl
-    : public WithoutReportPeriods<CanServiceHand<PrivateKorvaneLumen, LumenServiceRow>> {
+class KorvaneLumenCanPrivateImpl : public WithoutReportPeriods<LumenService> {
  public:
   using WithoutReportPeriods::WithoutReportPeriods;
 

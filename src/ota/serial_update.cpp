@@ -181,21 +181,14 @@ void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
 }
 
 bool SerialUpdate::Load(const std::string& path, std::uint32_t& size) {
-  const FirmwareFile file = ReadFirmwareFile(path);
-  if (file.error_code != 0) {
-    const bool missing = file.error_code == kCannotOpenFirmware;
-    if (!state_.Report(file.error_code, 0, OtaProgressStatus::FAILED)) {
-      LogError(Line(missing ? "Failed to read " + path : "File is empty"));
-    }
-    state_.ClearCallback();
-    return false;
-  }
-  size = static_cast<std::uint32_t>(file.bytes.size());
-  state_.Begin(PacketCount(file.bytes.size()));
-  state_.Report(0, OtaProgressStatus::FILE_LOADED);
-  state_.Fill(file);
-  state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
-  return true;
+  const auto tell = [&](int error_code) {
+    const bool missing = error_code == kCannotOpenFirmware;
+    LogError(Line(missing ? "Failed to read " + path : "File is empty"));
+  };
+  const std::size_t bytes = state_.Load(path, tell);
+  size = static_cast<std::uint32_t>(bytes);
+  if (bytes == 0) state_.ClearCallback();
+  return bytes != 0;
 }
 
 void SerialUpdate::Prepare() {

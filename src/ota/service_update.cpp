@@ -118,21 +118,12 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
     state_.Report(kUnusableCode, 0, OtaProgressStatus::FAILED);
     return false;
   }
-  const FirmwareFile file = ReadFirmwareFile(path);
-  if (file.error_code != 0) {
-    const bool told = state_.Report(file.error_code, 0, OtaProgressStatus::FAILED);
-    if (!told && file.error_code == kCannotOpenFirmware) {
-      LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
-    }
-    return false;
-  }
-  file_size = file.bytes.size();
-  state_.Begin(PacketCount(file_size));
   state_.ota_child_id = -1;
-  state_.Report(0, OtaProgressStatus::FILE_LOADED);
-  state_.Fill(file);
-  state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
-  return true;
+  file_size = state_.Load(path, [&](int error_code) {
+    if (error_code != kCannotOpenFirmware) return;
+    LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
+  });
+  return file_size != 0;
 }
 
 bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {

@@ -31,6 +31,20 @@ bool UpdateProgress::Report(int current, OtaProgressStatus status) const {
   return Report(current, Total(), status);
 }
 
+std::size_t UpdateProgress::Load(const std::string& path,
+                                 const std::function<void(int error_code)>& tell) {
+  const FirmwareFile file = ReadFirmwareFile(path);
+  if (file.error_code != 0) {
+    if (!Report(file.error_code, 0, OtaProgressStatus::FAILED)) tell(file.error_code);
+    return 0;
+  }
+  Begin(PacketCount(file.bytes.size()));
+  Report(0, OtaProgressStatus::FILE_LOADED);
+  Fill(file);
+  Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
+  return file.bytes.size();
+}
+
 void UpdateProgress::Begin(std::size_t packets) {
   {
     const std::lock_guard lock(ota_mutex);

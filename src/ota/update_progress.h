@@ -65,6 +65,10 @@ struct UpdateProgress {
   bool Report(int current, OtaProgressStatus status) const;
   bool ReportFailure(int code) const { return Report(code, OtaProgressStatus::FAILED); }
 
+  /// Reads the image, begins a run of its packets and reports both. Its size; 0 if there is none,
+  /// which is reported, or else told through `tell`.
+  std::size_t Load(const std::string& path, const std::function<void(int error_code)>& tell);
+
   /// Forgets the last run and begins one of so many packets.
   void Begin(std::size_t packets);
   /// Cuts the image into the packets to be sent.

@@ -42,6 +42,8 @@ inline constexpr ServiceReading kElectricMotorId{
 inline constexpr ServiceReading kSensorId{"GetAllSensorId", ServiceCommand::kGetAllSensorId, 7,
                                           ShortReply::kZeros};
 
+inline constexpr ServiceReading kProductSerialNumber{
+    "GetProductSerialNumber", ServiceCommand::kGetProductSerialNumber, 19, ShortReply::kZeros};
 inline constexpr ServiceReading kAxisCvp{"GetAllAxisCvp", ServiceCommand::kGetAllAxisCvp, 60};
 inline constexpr ServiceReading kFingertipSensorA{"GetAllFingertipSensorA",
                                                   ServiceCommand::kGetAllFingertipSensorA, 48};
