@@ -22,6 +22,7 @@ constexpr int kMaxRequestIntervalMs = 500;
 constexpr int kMinFrameRecvTimeoutMs = 10;
 constexpr int kMaxFrameRecvTimeoutMs = 1000;
 constexpr auto kPause = std::chrono::microseconds(500);
+constexpr int kWriteAttempts = 3;
 constexpr auto kReenumeration = std::chrono::seconds(2);
 constexpr std::size_t kReadBlockSize = 256;
 constexpr std::size_t kBufferLimit = 1023;
@@ -115,7 +116,10 @@ std::size_t UsbSerialDevice::WriteRaw(const std::uint8_t* data, std::size_t size
   EnforceRequestInterval();
   PrintFrame(data, size, true);
   std::this_thread::sleep_for(kPause);
-  const std::size_t written = write(data, size);
+  // The library looks at its 2 ms before it looks at the port, so that on a busy machine it may
+  // take nothing, and say nothing, of what the port had room for. One lost packet ends an update.
+  std::size_t written = 0;
+  for (int left = kWriteAttempts; written == 0 && left > 0; --left) written = write(data, size);
   std::this_thread::sleep_for(kPause);
   return written;
 }

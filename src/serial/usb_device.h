@@ -61,8 +61,9 @@ class UsbSerialDevice : public serial::Serial {
   /// Not while the receive thread runs, which would miss what is taken here, nor in a Reconnect.
   std::size_t ReadRaw(std::uint8_t* data, std::size_t size);
 
-  /// Sends bytes as they stand; takes at least 1 ms. Returns how many went out, fewer than `size`
-  /// if the port takes no more. Throws what the serial library throws.
+  /// Sends bytes as they stand; takes at least 1 ms, and 6 ms more if the port takes nothing.
+  /// Returns how many went out, fewer than `size` if it takes no more. Throws what the serial
+  /// library throws.
   std::size_t WriteRaw(const std::uint8_t* data, std::size_t size);
 
   /// Sends a frame with a kCrc16Ccitt trailer. `data` may be null if `size` is 0. Returns what

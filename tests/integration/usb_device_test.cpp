@@ -287,6 +287,17 @@ TEST_F(UsbDevice, PrintsFramesAndTheBufferOnDemand) {
   EXPECT_THAT(out_.Text(), ContainsRegex("\n" + time + "RCV: ee "));
 }
 
+TEST_F(UsbDevice, TellsHowMuchAFullPortTookAndWritesOnWhenItHasRoom) {
+  const Bytes block(4000, 0x5A);
+  Bytes taken;
+  while (const std::size_t count = device_.WriteRaw(block.data(), block.size())) {
+    taken.insert(taken.end(), count, 0x5A);
+  }
+  EXPECT_EQ(line_.Read(taken.size()), taken);
+  EXPECT_TRUE(Eventually([&] { return device_.WriteRaw(kPing.data(), kPing.size()) != 0; }));
+  EXPECT_EQ(line_.Read(kPing.size()), kPing);
+}
+
 TEST_F(UsbDevice, KeepsFramesOfManyThreadsWhole) {
   constexpr std::size_t kEach = 30;
   device_.Init();
