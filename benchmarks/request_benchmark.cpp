@@ -3,7 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "impl/korvane_brisa_can_impl.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
 #include "support/bus_device.h"
 
 namespace talvera::korvane {

@@ -8,13 +8,13 @@
 #include <iterator>
 #include <vector>
 
-#include "impl/korvane_brisa_can_impl.h"
-#include "impl/korvane_brisa_can_private_impl.h"
-#include "impl/korvane_lumen_can_impl.h"
-#include "impl/korvane_lumen_can_private_impl.h"
-#include "impl/korvane_quill_can_impl.h"
-#include "impl/korvane_tessel_can_impl.h"
-#include "impl/korvane_vanta_can_impl.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
+#include "protocol/can/korvane_lumen_can_impl.h"
+#include "protocol/can/korvane_quill_can_impl.h"
+#include "protocol/can/korvane_tessel_can_impl.h"
+#include "protocol/can/korvane_vanta_can_impl.h"
+#include "protocol/service/korvane_brisa_can_private_impl.h"
+#include "protocol/service/korvane_lumen_can_private_impl.h"
 #include "support/recording_device.h"
 
 using namespace talvera::korvane;

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <numeric>
 
-#include "serial/reply_cache.h"
+#include "protocol/serial/reply_cache.h"
 #include "serial/usb_device.h"
 
 using namespace talvera::korvane;

@@ -9,8 +9,8 @@
 #include <memory>
 #include <thread>
 
-#include "impl/korvane_brisa_serial_impl.h"
 #include "korvane_sim/serial_hand.h"
+#include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "serial/usb_device.h"
 #include "support/capture.h"
 #include "support/impatient_clock.h"

@@ -7,7 +7,7 @@
 #include <numeric>
 #include <thread>
 
-#include "impl/korvane_brisa_can_impl.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
 #include "support/bus_device.h"
 
 namespace talvera::korvane {

@@ -6,12 +6,12 @@
 #include <memory>
 #include <thread>
 
-#include "impl/korvane_brisa_can_impl.h"
-#include "impl/korvane_lumen_can_impl.h"
-#include "impl/korvane_quill_can_impl.h"
-#include "impl/korvane_tessel_can_impl.h"
-#include "impl/korvane_vanta_can_impl.h"
 #include "korvane_sim/in_process_adapters.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
+#include "protocol/can/korvane_lumen_can_impl.h"
+#include "protocol/can/korvane_quill_can_impl.h"
+#include "protocol/can/korvane_tessel_can_impl.h"
+#include "protocol/can/korvane_vanta_can_impl.h"
 #include "support/bus_device.h"
 #include "support/capture.h"
 

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "impl/korvane_brisa_serial_impl.h"
+#include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "serial/usb_device.h"
 #include "support/capture.h"
 #include "support/pseudo_terminal.h"

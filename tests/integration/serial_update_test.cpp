@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <map>
 
-#include "impl/korvane_brisa_serial_impl.h"
+#include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "serial/usb_device.h"
 #include "support/capture.h"
 #include "support/pseudo_terminal.h"

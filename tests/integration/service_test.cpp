@@ -9,11 +9,11 @@
 #include <memory>
 #include <thread>
 
-#include "impl/korvane_brisa_can_impl.h"
-#include "impl/korvane_brisa_can_private_impl.h"
-#include "impl/korvane_brisa_serial_impl.h"
-#include "impl/korvane_lumen_can_private_impl.h"
 #include "korvane_sim/serial_hand.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
+#include "protocol/serial/korvane_brisa_serial_impl.h"
+#include "protocol/service/korvane_brisa_can_private_impl.h"
+#include "protocol/service/korvane_lumen_can_private_impl.h"
 #include "serial/usb_device.h"
 #include "support/bus_device.h"
 #include "support/capture.h"

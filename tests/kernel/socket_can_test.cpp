@@ -15,13 +15,13 @@
 #include <vector>
 
 #include "can/can_bus_device_socket_can.h"
-#include "impl/korvane_brisa_can_impl.h"
 #include "korvane_lumen.h"
 #include "korvane_quill.h"
 #include "korvane_tessel.h"
 #include "korvane_vanta.h"
 #include "private_korvane_brisa.h"
 #include "private_korvane_lumen.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
 #include "support/process_resources.h"
 #include "support/simulator_process.h"
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "impl/korvane_brisa_can_impl.h"
-#include "impl/korvane_lumen_can_impl.h"
-#include "impl/korvane_quill_can_impl.h"
-#include "impl/korvane_tessel_can_impl.h"
-#include "impl/korvane_vanta_can_impl.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
+#include "protocol/can/korvane_lumen_can_impl.h"
+#include "protocol/can/korvane_quill_can_impl.h"
+#include "protocol/can/korvane_tessel_can_impl.h"
+#include "protocol/can/korvane_vanta_can_impl.h"
 #include "support/capture.h"
 #include "support/recording_device.h"
 

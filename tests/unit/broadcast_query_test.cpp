@@ -1,6 +1,6 @@
 // The query that finds a hand on an unknown bus.
 
-#include "impl/broadcast_query.h"
+#include "protocol/can/broadcast_query.h"
 
 #include <gtest/gtest.h>
 

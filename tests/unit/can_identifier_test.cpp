@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "impl/korvane_brisa_can_impl.h"
+#include "protocol/can/korvane_brisa_can_impl.h"
 
 namespace talvera::korvane {
 namespace {

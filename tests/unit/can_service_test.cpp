@@ -8,8 +8,8 @@
 #include <random>
 #include <stdexcept>
 
-#include "impl/korvane_brisa_can_private_impl.h"
-#include "impl/korvane_lumen_can_private_impl.h"
+#include "protocol/service/korvane_brisa_can_private_impl.h"
+#include "protocol/service/korvane_lumen_can_private_impl.h"
 #include "support/service_calls.h"
 #include "support/tested_hands.h"
 #include "util/bytes.h"

@@ -8,7 +8,7 @@
 #include <set>
 #include <tuple>
 
-#include "impl/korvane_brisa_can_private_impl.h"
+#include "protocol/service/korvane_brisa_can_private_impl.h"
 #include "support/temporary_file.h"
 #include "support/tested_hands.h"
 #include "util/bytes.h"

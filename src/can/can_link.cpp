@@ -1,0 +1,99 @@
+#include "can/can_link.h"
+
+#include <stdexcept>
+
+#include "can/can_bus_device_socket_can.h"
+#include "can/hcan_device.h"
+#include "can/zlg_usbcanfd_device.h"
+#include "korvane.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+/// Both kinds of adapters are found by an index or by a serial number.
+template <class Where>
+std::unique_ptr<CanBusDeviceBase> MakeAdapterAt(ECanDeviceType type, const Where& where,
+                                                std::uint8_t channel, std::uint8_t product_type) {
+  switch (type) {
+    case ECanDeviceType::ZLG_USBCANFD:
+      return std::make_unique<ZlgUsbcanfdDevice>(where, channel, product_type);
+    case ECanDeviceType::HCAN:
+      return std::make_unique<HcanDevice>(where, channel, product_type);
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+CanBusDeviceBase& CanLink::Transport() const {
+  if (!transport) throw std::runtime_error("no transport");
+  return *transport;
+}
+
+CanfdFrame CanLink::Request(const CanfdFrame& frame, int priority) const {
+  return Transport().SendRequestSynch(frame, priority);
+}
+
+std::vector<CanfdFrame> CanLink::RequestFrames(const CanfdFrame& frame,
+                                               std::uint8_t expected) const {
+  return Transport().SendRequestSynchMultiFrame(frame, expected);
+}
+
+int CanLink::Send(const CanfdFrame& frame) const {
+  return Transport().SendRequestWithoutReply(frame);
+}
+
+void CanLink::ShowDataDetails(bool on) const {
+  if (transport) transport->show_data_details_ = on;
+}
+
+void CanLink::SetRequestInterval(int ms) {
+  if (transport) transport->SetRequestInterval(ms);
+}
+
+int CanLink::GetRequestInterval() const { return transport ? transport->GetRequestInterval() : 0; }
+
+void CanLink::SetFrameRecvTimeout(int ms) {
+  if (transport) transport->SetFrameRecvTimeout(ms);
+}
+
+int CanLink::GetFrameRecvTimeout() const {
+  return transport ? transport->GetFrameRecvTimeout() : 0;
+}
+
+void CanLink::SetFrameSendTimeout(int ms) {
+  if (transport) transport->SetFrameSendTimeout(ms);
+}
+
+int CanLink::GetFrameSendTimeout() const {
+  return transport ? transport->GetFrameSendTimeout() : 0;
+}
+
+std::unique_ptr<CanBusDeviceBase> MakeAdapter(ECanDeviceType type, std::uint8_t adapter_index,
+                                              std::uint8_t channel, std::uint8_t product_type) {
+  return MakeAdapterAt(type, adapter_index, channel, product_type);
+}
+
+std::unique_ptr<CanBusDeviceBase> MakeAdapter(ECanDeviceType type, const std::string& serial_number,
+                                              std::uint8_t channel, std::uint8_t product_type) {
+  return MakeAdapterAt(type, serial_number, channel, product_type);
+}
+
+std::unique_ptr<CanBusDeviceBase> MakeSocketCan(const std::string& interface_name) {
+  return std::make_unique<CanBusDeviceSocketCan>(interface_name);
+}
+
+std::unique_ptr<CanBusDeviceBase> RefuseTcp(const char* class_name) {
+  LogError(Compose("[ERROR] ", class_name, ": TCP CANFD is not supported on this platform."));
+  return nullptr;
+}
+
+bool EnableConcurrentCalls(Korvane& hand) {
+  auto* const owner = dynamic_cast<CanLinkOwner*>(&hand);
+  if (owner == nullptr || !owner->Link().transport) return false;
+  owner->Link().transport->SetSerializedRequestQueue(false);
+  return true;
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,22 @@
+#include "korvane_brisa.h"
+
+#include "hand/tactile_layout.h"
+#include "solver/actuator_words.h"
+
+namespace talvera::korvane {
+
+KorvaneBrisa::~KorvaneBrisa() = default;
+
+void KorvaneBrisa::SetHandGesture(int gesture) {
+  if (solver) SetAllJointMotorPosi(ToWords(solver->SetHandGesture(gesture)));
+}
+
+std::size_t KorvaneBrisa::GetSensorDataLength(Finger finger) const {
+  return SensorDataLengthOf(finger);
+}
+
+const std::vector<Finger>& KorvaneBrisa::GetSensorOrder() const {
+  return SensorsUpTo<Finger::DORSUM>();
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,19 @@
+#include "korvane_tessel.h"
+
+#include "protocol/can/korvane_tessel_can_impl.h"
+#include "solver/actuator_words.h"
+
+namespace talvera::korvane {
+
+KorvaneTessel::~KorvaneTessel() = default;
+
+void KorvaneTessel::Reset(std::uint8_t id, HandType hand) {
+  SetMembers(*this, TesselRow::kModel.model_code, id, hand);
+  solver = std::make_unique<ts9::KorvaneTesselSolver>(mirrored);
+}
+
+void KorvaneTessel::SetHandGesture(int gesture) {
+  if (solver) SetAllJointMotorPosi(ToWords(solver->SetHandGesture(gesture)));
+}
+
+}  // namespace talvera::korvane

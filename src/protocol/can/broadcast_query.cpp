@@ -1,0 +1,107 @@
+#include "protocol/can/broadcast_query.h"
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "can/can_bus_device_socket_can.h"
+#include "can/zlg_usbcanfd_device.h"
+#include "protocol/can/can_identifier.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr std::uint8_t kBroadcastProduct = 255;
+constexpr std::uint32_t kQueryId = 0x00020100;
+constexpr auto kAnswerTime = std::chrono::milliseconds(50);
+constexpr auto kPollInterval = std::chrono::milliseconds(1);
+
+/// The first answer. Shared with the handler, which the receive thread may still be running when
+/// the query has given up.
+class FirstAnswer {
+ public:
+  void Offer(const CanfdFrame& frame) {
+    const std::lock_guard lock(mutex_);
+    if (!frame_) frame_ = frame;
+  }
+
+  std::optional<CanfdFrame> Get() const {
+    const std::lock_guard lock(mutex_);
+    return frame_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<CanfdFrame> frame_;
+};
+
+/// A hand's own record: not the echo of a write, and not from id 0, which no hand has.
+bool IsAnswer(std::uint32_t can_id) {
+  constexpr std::uint32_t kSameField = kFunctionMask | kFamilyMask | 0x1F000000;
+  const auto sender = static_cast<std::int8_t>(can_id & 0xFF);
+  return ((can_id ^ kQueryId) & kSameField) == 0 && sender > 0;
+}
+
+DeviceInfo Fail(const char* prefix, const char* what) {
+  LogError(Compose(prefix, what));
+  return {};
+}
+
+DeviceInfo AskThrough(CanBusDeviceBase& device, const char* prefix, const char* not_open) {
+  return device.IsInit() ? QueryBus(device, prefix) : Fail(prefix, not_open);
+}
+
+template <class Where>
+DeviceInfo AskZlgBus(const Where& where, std::uint8_t channel, const char* prefix) {
+  ZlgUsbcanfdDevice device(where, channel, kBroadcastProduct);
+  return AskThrough(device, prefix, "Failed to initialize CAN device for broadcast request");
+}
+
+}  // namespace
+
+DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix) {
+  const auto answer = std::make_shared<FirstAnswer>();
+  device.BindCallbacks(
+      [answer](const CanfdFrame& frame) {
+        if (IsAnswer(frame.can_id)) answer->Offer(frame);
+      },
+      [](std::uint32_t) { return kQueryId; },
+      [](std::uint32_t request, std::uint32_t received) {
+        return request == kQueryId && FunctionOf(received) == FunctionOf(kQueryId);
+      });
+  std::uint8_t data[kMaxPayload] = {};
+  if (device.SendFrame(kQueryId, data, kMaxPayload) == -1) {
+    return Fail(prefix, "Failed to send broadcast request");
+  }
+  const auto start = std::chrono::steady_clock::now();
+  while (true) {
+    if (const auto frame = answer->Get()) {
+      DeviceInfo info;
+      std::memcpy(&info, frame->data, sizeof info);
+      return info;
+    }
+    const auto waited = std::chrono::steady_clock::now() - start;
+    if (std::chrono::duration_cast<std::chrono::milliseconds>(waited) > kAnswerTime) {
+      return Fail(prefix, "Broadcast request timeout");
+    }
+    std::this_thread::sleep_for(kPollInterval);
+  }
+}
+
+DeviceInfo QueryZlgBus(std::uint8_t adapter_index, std::uint8_t channel, const char* prefix) {
+  return AskZlgBus(adapter_index, channel, prefix);
+}
+
+DeviceInfo QueryZlgBus(const std::string& serial_number, std::uint8_t channel, const char* prefix) {
+  return AskZlgBus(serial_number, channel, prefix);
+}
+
+DeviceInfo QuerySocketCanBus(const std::string& interface_name, const char* prefix) {
+  CanBusDeviceSocketCan device(interface_name);
+  return AskThrough(device, prefix, "Failed to initialize SocketCAN device for broadcast request");
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,354 @@
+#include "protocol/can/can_public_engine.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "protocol/can/can_identifier.h"
+#include "protocol/can/reply_words.h"
+#include "util/bytes.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr auto kNoControlMode = static_cast<ControlMode>(10);
+constexpr std::uint8_t kControlModeMask = 7;
+constexpr std::uint8_t kSetDeviceIdIndex = 1;
+
+/// Layout of a mixed command's elements, by mode.
+constexpr std::uint8_t kPositionCurrent = 4;
+constexpr std::uint8_t kVelocityCurrent = 5;
+constexpr std::uint8_t kPositionVelocityCurrent = 6;
+constexpr std::size_t kMaxFullElements = 8;
+constexpr std::size_t kShortElementSize = 5;
+constexpr std::size_t kMaxShortElements = kMaxPayload / kShortElementSize;
+
+/// Where the targets lie in a MixCtrl. They aren't aligned, so they are read through copies.
+constexpr std::size_t kMixPosition = 1;
+constexpr std::size_t kMixVelocity = 5;
+constexpr std::size_t kMixCurrent = 9;
+static_assert(sizeof(std::optional<short>) == 4);
+static_assert(offsetof(MixCtrl, position) == kMixPosition);
+static_assert(offsetof(MixCtrl, velocity) == kMixVelocity);
+static_assert(offsetof(MixCtrl, current) == kMixCurrent);
+
+std::uint8_t* StoreTarget(std::uint8_t* out, const MixCtrl& element, std::size_t offset) {
+  std::optional<short> target;
+  std::memcpy(&target, reinterpret_cast<const std::uint8_t*>(&element) + offset, sizeof target);
+  StoreU16(out, static_cast<std::uint16_t>(target.value()));
+  return out + 2;
+}
+
+/// Throws std::bad_optional_access if a target that the mode needs isn't set.
+std::uint8_t* StoreElement(std::uint8_t* out, const MixCtrl& element, std::uint8_t mode) {
+  std::memcpy(out++, &element, 1);
+  if (mode != kVelocityCurrent) out = StoreTarget(out, element, kMixPosition);
+  if (mode != kPositionCurrent) out = StoreTarget(out, element, kMixVelocity);
+  return StoreTarget(out, element, kMixCurrent);
+}
+
+Version LoadVersion(const std::uint8_t* bytes) {
+  return Version{bytes[0], bytes[1], bytes[2], bytes[3]};
+}
+
+std::string Text(const std::uint8_t* bytes, std::size_t size) {
+  return std::string(bytes, bytes + size);
+}
+
+/// A serial number that was never written reads as zeros or as erased flash.
+std::string SerialNumberText(const std::uint8_t* bytes, std::size_t size) {
+  const auto* const end = bytes + size;
+  const bool ascii = std::all_of(bytes, end, [](std::uint8_t byte) { return byte < 0x80; });
+  const bool written = std::any_of(bytes, end, [](std::uint8_t byte) { return byte != 0; });
+  return ascii && written ? Text(bytes, size) : "NaN";
+}
+
+}  // namespace
+
+void CanHandEngine::TellNoSuchAdapter(const HandModel&, ECanDeviceType type) {
+  LogError(Compose("[ERROR] Invalid device type: ", static_cast<int>(type),
+                   ". Expected ZLG_USBCANFD or HCAN."));
+}
+
+CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand, UpdateState& update_state,
+                             std::unique_ptr<CanBusDeviceBase> device)
+    : CanLink(std::move(device)),
+      model(row),
+      update(row.update, update_state, *this, hand),
+      hand_(hand) {}
+
+void CanHandEngine::Start(HandType hand_type, std::uint8_t device_id) {
+  SetMembers(hand_, model.model_code, device_id, hand_type);
+  update.Address(device_id);
+  hand_.connected = IsInit();
+  if (!transport || (!hand_.connected && !model.binds_without_link)) return;
+  transport->BindCallbacks(
+      [this](const CanfdFrame& frame) { ProcessMessage(frame); }, &ReplyIdOf,
+      [this](std::uint32_t request, std::uint32_t received) { return Judge(request, received); });
+}
+
+bool CanHandEngine::Judge(std::uint32_t request_id, std::uint32_t received_id) const {
+  if (model.update.replies_from == ReplySenders::kAny &&
+      AnswersUpdateRequest(request_id, received_id)) {
+    return true;
+  }
+  return AnswersRequest(request_id, received_id);
+}
+
+void CanHandEngine::ProcessMessage(const CanfdFrame& frame) {
+  if (model.sends_reports && reports_.Take(frame)) return;
+  update.OnFrame(frame);
+}
+
+// --- Frames ---------------------------------------------------------------------------------
+
+CanfdFrame CanHandEngine::ReadFrame(std::uint8_t function, std::uint8_t index) const {
+  CanfdFrame frame;
+  frame.len = kMaxPayload;
+  frame.can_id = (hand_.device_id & kDeviceIdMask) | model.family | FunctionField(function) |
+                 std::uint32_t{index} << kIndexShift;
+  return frame;
+}
+
+CanfdFrame CanHandEngine::WriteFrame(std::uint8_t function, std::uint8_t index) const {
+  CanfdFrame frame = ReadFrame(function, index);
+  frame.can_id |= kWriteFlag;
+  return frame;
+}
+
+void CanHandEngine::TellFailure(const Context& context, const std::exception& error) const {
+  const bool tagged = context.tag != nullptr && model.wording->failure_names_motor;
+  const std::string tag = tagged ? Compose("[", context.tag, ":", context.number, "]") : "";
+  LogError(
+      Compose("[ERROR][", model.class_name, "][", context.operation, "]", tag, " ", error.what()));
+}
+
+std::optional<CanfdFrame> CanHandEngine::Ask(const Context& context, const CanfdFrame& frame,
+                                             int priority) const {
+  try {
+    return Request(frame, priority);
+  } catch (const std::exception& error) {
+    TellFailure(context, error);
+    return std::nullopt;
+  }
+}
+
+/// Writes by either way. A quantity with a text of its own for a failed send has no other line.
+std::optional<CanfdFrame> CanHandEngine::Put(const Context& context, const MotorQuantity& quantity,
+                                             Way way, const CanfdFrame& frame) const {
+  if (way == Way::kWaits) return Ask(context, frame, quantity.priority);
+  try {
+    const bool has_text = quantity.send_failed != nullptr;
+    const int sent = has_text && !transport ? -1 : Send(frame);
+    if (sent == -1 && has_text) LogError(quantity.send_failed);
+  } catch (const std::exception& error) {
+    TellFailure(context, error);
+  }
+  return std::nullopt;
+}
+
+// --- Argument checks ------------------------------------------------------------------------
+
+std::string CanHandEngine::MotorCount(bool in_digits) const {
+  return in_digits ? Compose(int{model.motors}) : Compose(model.motors);
+}
+
+bool CanHandEngine::CheckIndex(std::uint8_t index) const {
+  if (index >= 1 && index <= model.motors) return true;
+  const Wording& wording = *model.wording;
+  LogError(Compose(wording.bad_index, int{index}, wording.bad_index_range,
+                   MotorCount(wording.count_in_digits), "."));
+  return false;
+}
+
+bool CanHandEngine::CheckSize(std::size_t size) const {
+  if (size == model.motors) return true;
+  LogError(Compose(model.wording->wrong_size, model.motors, model.wording->wrong_size_end));
+  return false;
+}
+
+bool CanHandEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const {
+  if (mode == kPositionVelocityCurrent) {
+    if (count <= kMaxFullElements) return true;
+    LogError(model.wording->too_many_mixed);
+    return false;
+  }
+  if (count > model.motors) {
+    LogError(Compose(model.wording->wrong_size, MotorCount(model.wording->mixed_count_in_digits),
+                     model.wording->wrong_size_end));
+    return false;
+  }
+  if (count <= kMaxShortElements) return true;
+  LogError(Compose("[Error]: A frame holds ", kMaxShortElements, " joint targets, got ", count));
+  return false;
+}
+
+// --- Motor values ---------------------------------------------------------------------------
+
+int CanHandEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index) const {
+  if (!CheckIndex(index)) return quantity.bad_index;
+  if (quantity.from_reports) return LastReport(quantity, index);
+  const auto reply =
+      Ask({quantity.get, "index", index}, ReadFrame(quantity.function, index), quantity.priority);
+  return reply ? LoadS16(reply->data) : 0;
+}
+
+/// 0 unless the last report was one of all motors and no more.
+int CanHandEngine::LastReport(const MotorQuantity& quantity, std::uint8_t index) const {
+  const auto values = reports_.Values(quantity.function);
+  return values.size() == model.motors ? values[index - 1U] : 0;
+}
+
+template <class Value>
+std::vector<Value> CanHandEngine::ReadAll(const MotorQuantity& quantity) const {
+  if (quantity.from_reports) {
+    const auto values = reports_.Values(quantity.function);
+    return {values.begin(), values.end()};
+  }
+  const auto reply = Ask({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
+  if (!reply) return {};
+  auto values = WordsOf<Value>(*reply);
+  if (values.size() > model.max_values) values.resize(model.max_values);
+  return values;
+}
+
+template std::vector<short> CanHandEngine::ReadAll(const MotorQuantity&) const;
+template std::vector<unsigned short> CanHandEngine::ReadAll(const MotorQuantity&) const;
+
+std::optional<short> CanHandEngine::WriteMotor(const MotorQuantity& quantity, std::uint8_t index,
+                                               std::uint16_t value) const {
+  if (!CheckIndex(index)) return std::nullopt;
+  CanfdFrame frame = WriteFrame(quantity.function, index);
+  StoreU16(frame.data, value);
+  const auto reply = Put({quantity.set, "index", index}, quantity, quantity.set_way, frame);
+  if (!reply) return std::nullopt;
+  return LoadS16(reply->data);
+}
+
+std::optional<CanfdFrame> CanHandEngine::WholeHandWrite(const MotorQuantity& quantity,
+                                                        const std::vector<short>& values) const {
+  CanfdFrame frame = WriteFrame(quantity.function, 0);
+  frame.len = quantity.set_all_length;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    StoreU16(frame.data + 2 * i, static_cast<std::uint16_t>(values[i]));
+  }
+  return Put({quantity.set_all}, quantity, quantity.set_all_way, frame);
+}
+
+void CanHandEngine::WriteAll(const MotorQuantity& quantity,
+                             const std::vector<short>& values) const {
+  if (CheckSize(values.size())) WholeHandWrite(quantity, values);
+}
+
+std::vector<short> CanHandEngine::WriteAllPositions(const std::vector<short>& positions) const {
+  if (positions.size() != model.motors) {
+    LogError(Compose("[ERROR][", model.class_name,
+                     "][SetAllJointMotorPosi] Invalid parameter, size must match DOF ",
+                     model.motors));
+    return {};
+  }
+  const auto reply = WholeHandWrite(model.position, positions);
+  return reply ? WordsOf<short>(*reply) : std::vector<short>{};
+}
+
+// --- Control modes --------------------------------------------------------------------------
+
+ControlMode CanHandEngine::ReadControlMode(std::uint8_t index) const {
+  const MotorQuantity& quantity = model.control_mode;
+  if (!CheckIndex(index)) return kNoControlMode;
+  const auto reply =
+      Ask({quantity.get, "index", index}, ReadFrame(quantity.function, index), quantity.priority);
+  if (!reply) return kNoControlMode;
+  return static_cast<ControlMode>(reply->data[0] & kControlModeMask);
+}
+
+std::vector<std::uint8_t> CanHandEngine::ReadAllControlModes() const {
+  const MotorQuantity& quantity = model.control_mode;
+  const auto reply = Ask({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
+  if (!reply) return {};
+  if (!model.control_modes_by_length) return {reply->data, reply->data + model.motors};
+  std::vector<std::uint8_t> modes(std::min(reply->len, model.motors));
+  std::transform(reply->data, reply->data + modes.size(), modes.begin(),
+                 [](std::uint8_t mode) { return mode & kControlModeMask; });
+  return modes;
+}
+
+void CanHandEngine::WriteControlMode(std::uint8_t index, ControlMode mode) const {
+  if (!CheckIndex(index)) return;
+  const MotorQuantity& quantity = model.control_mode;
+  CanfdFrame frame = WriteFrame(quantity.function, index);
+  frame.data[0] = static_cast<std::uint8_t>(mode);
+  Put({quantity.set, "index", index}, quantity, quantity.set_way, frame);
+}
+
+void CanHandEngine::WriteAllControlModes(const std::vector<std::uint8_t>& modes) const {
+  if (!CheckSize(modes.size())) return;
+  const MotorQuantity& quantity = model.control_mode;
+  CanfdFrame frame = WriteFrame(quantity.function, 0);
+  frame.len = quantity.set_all_length;
+  std::copy(modes.begin(), modes.end(), frame.data);
+  Put({quantity.set_all}, quantity, quantity.set_all_way, frame);
+}
+
+void CanHandEngine::WriteMixed(const std::vector<MixCtrl>& targets) const {
+  if (targets.empty()) return;
+  const std::uint8_t mode = targets.front().mix_mode;
+  if (mode < kPositionCurrent || mode > kPositionVelocityCurrent) return;
+  if (!CheckMixedCount(mode, targets.size())) return;
+  CanfdFrame frame = WriteFrame(function_code::kMixedControl, 0);
+  std::uint8_t* out = frame.data;
+  for (const MixCtrl& target : targets) out = StoreElement(out, target, mode);
+  Ask({"MixCtrlJointMotor"}, frame, model.mixed_priority);
+}
+
+// --- Identity -------------------------------------------------------------------------------
+
+VendorInfo CanHandEngine::ReadVendorInfo() const {
+  const auto reply = Ask({"GetVendorInfo"}, ReadFrame(function_code::kVendorRecord, 0));
+  if (!reply) return {};
+  const std::uint8_t* const data = reply->data;
+  VendorInfo info;
+  const auto* const model_end =
+      model.product_model_ends_at_nul ? std::find(data, data + 16, 0) : data + 16;
+  info.product_model = std::string(data, model_end);
+  info.serial_number = SerialNumberText(data + 16, 14);
+  info.hardware_version = LoadVersion(data + 30);
+  info.software_version = LoadVersion(data + 34);
+  info.supply_voltage_mv = LoadS16(data + 38);
+  info.active_dof = data[40];
+  return info;
+}
+
+DeviceInfo CanHandEngine::ReadDeviceInfo() const {
+  DeviceInfo info{};
+  try {
+    const CanfdFrame reply = Request(ReadFrame(function_code::kDeviceRecord, 0), 0);
+    std::memcpy(&info, reply.data, sizeof info);
+  } catch (const std::exception& error) {
+    const char* const text = model.wording->device_info_failed;
+    if (text == nullptr) {
+      TellFailure({"GetDeviceInfo"}, error);
+    } else {
+      LogError(Compose(text, int{hand_.device_id}, ", error: ", error.what()));
+    }
+  }
+  return info;
+}
+
+void CanHandEngine::WriteDeviceId(std::uint8_t new_id) {
+  CanfdFrame frame = WriteFrame(function_code::kDeviceRecord, kSetDeviceIdIndex);
+  frame.data[0] = new_id;
+  try {
+    if (transport && Send(frame) != -1) {
+      hand_.device_id = new_id;
+      update.Address(new_id);
+      return;
+    }
+    LogError(model.wording->set_id_failed);
+  } catch (const std::exception& error) {
+    TellFailure({"SetDeviceId"}, error);
+  }
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "can/can_link.h"
+#include "korvane.h"
+#include "protocol/can/can_update.h"
+#include "protocol/can/hand_model.h"
+#include "protocol/can/periodic_reports.h"
+
+namespace talvera::korvane {
+
+/// The public CAN protocol, carried out for any model by its row.
+///
+/// Every operation checks its arguments, builds a frame on the stack, asks the transport and
+/// decodes the answer. What fails is told in one line, and the row says what is returned.
+class CanHandEngine : public CanLink {
+ public:
+  using Update = UpdateState;
+
+  static void TellNoSuchAdapter(const HandModel& model, ECanDeviceType type);
+
+  CanHandEngine(const HandModel& model, Korvane& hand, UpdateState& update_state,
+                std::unique_ptr<CanBusDeviceBase> transport);
+
+  /// The receive thread uses what the hand holds, so the transport goes first.
+  ~CanHandEngine() { transport.reset(); }
+
+  /// Sets the common members of the hand and binds the callbacks to the transport. Called once,
+  /// when the hand is otherwise ready: frames may come in from here on.
+  void Start(HandType hand_type, std::uint8_t device_id);
+
+  int ReadMotor(const MotorQuantity& quantity, std::uint8_t index) const;
+  ControlMode ReadControlMode(std::uint8_t index) const;
+  std::vector<std::uint8_t> ReadAllControlModes() const;
+  template <class Value>
+  std::vector<Value> ReadAll(const MotorQuantity& quantity) const;
+
+  /// The reply's first value; nothing on a bad index, on failure, or if the write only sends.
+  std::optional<short> WriteMotor(const MotorQuantity& quantity, std::uint8_t index,
+                                  std::uint16_t value) const;
+  void WriteControlMode(std::uint8_t index, ControlMode mode) const;
+  void WriteAllControlModes(const std::vector<std::uint8_t>& modes) const;
+  void WriteAll(const MotorQuantity& quantity, const std::vector<short>& values) const;
+  std::vector<short> WriteAllPositions(const std::vector<short>& positions) const;
+  void WriteMixed(const std::vector<MixCtrl>& targets) const;
+
+  VendorInfo ReadVendorInfo() const;
+  DeviceInfo ReadDeviceInfo() const;
+  void WriteDeviceId(std::uint8_t new_id);
+
+  /// False, after the usual line, unless `size` is the number of motors.
+  bool CheckSize(std::size_t size) const;
+
+  CanfdFrame ReadFrame(std::uint8_t function, std::uint8_t index) const;
+  CanfdFrame WriteFrame(std::uint8_t function, std::uint8_t index) const;
+
+  /// What an operation says of itself when it fails: its name, and "[<tag>:<number>]" if it has a
+  /// tag.
+  struct Context {
+    const char* operation;
+    const char* tag = nullptr;
+    int number = 0;
+  };
+  void TellFailure(const Context& context, const std::exception& error) const;
+
+  /// The reply to `frame`; nothing after a failure, which has been told.
+  std::optional<CanfdFrame> Ask(const Context& context, const CanfdFrame& frame,
+                                int priority = 0) const;
+
+  bool Judge(std::uint32_t request_id, std::uint32_t received_id) const;
+  /// Takes a frame that no request waits for, on the receive thread.
+  void ProcessMessage(const CanfdFrame& frame);
+
+  const HandModel& model;
+  UpdateRun update;
+
+ private:
+  bool CheckIndex(std::uint8_t index) const;
+  std::string MotorCount(bool in_digits) const;
+  int LastReport(const MotorQuantity& quantity, std::uint8_t index) const;
+  std::optional<CanfdFrame> Put(const Context& context, const MotorQuantity& quantity, Way way,
+                                const CanfdFrame& frame) const;
+  std::optional<CanfdFrame> WholeHandWrite(const MotorQuantity& quantity,
+                                           const std::vector<short>& values) const;
+  bool CheckMixedCount(std::uint8_t mode, std::size_t count) const;
+
+  Korvane& hand_;
+  PeriodicReports reports_;
+};
+
+}  // namespace talvera::korvane

@@ -1,0 +1,65 @@
+#include "protocol/can/korvane_brisa_can_impl.h"
+
+#include "protocol/can/tactile_reader.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+/// The bytes of the sensor at `offset`, which is left where it is if the stream ends before them.
+std::vector<std::uint8_t> TakeSensor(const std::vector<std::uint8_t>& stream, std::size_t& offset,
+                                     std::size_t length, Finger finger) {
+  const std::size_t available = stream.size() - offset;
+  const auto begin = stream.begin() + static_cast<std::ptrdiff_t>(offset);
+  if (length > available) {
+    LogError(Compose("[Warning]: Incomplete data for sensor ", static_cast<int>(finger),
+                     ", expected ", length, " bytes, got ", available));
+    return {begin, stream.end()};
+  }
+  offset += length;
+  return {begin, begin + static_cast<std::ptrdiff_t>(length)};
+}
+
+}  // namespace
+
+void KorvaneBrisaCanImpl::ShowDataDetails(bool on) const {
+  engine_.ShowDataDetails(on);
+  solver->show_details = on;
+}
+
+std::vector<std::uint8_t> KorvaneBrisaCanImpl::GetTactileSensorData(Finger finger) const {
+  return ReadTactileSummary(engine_, finger);
+}
+
+std::vector<TactileSensorData> KorvaneBrisaCanImpl::GetAllTactileSensorData() const {
+  std::vector<TactileSensorData> records;
+  for (const Finger finger : GetSensorOrder()) {
+    records.push_back({finger, GetTactileSensorData(finger)});
+  }
+  return records;
+}
+
+TactileSensorData KorvaneBrisaCanImpl::GetTactileSensorDataRaw(Finger finger) const {
+  RequireFinger(finger);
+  return ReadTactileRaw(engine_, finger, [&] { return GetSensorDataLength(finger); });
+}
+
+std::vector<TactileSensorData> KorvaneBrisaCanImpl::GetAllTactileSensorDataRaw() const {
+  std::vector<TactileSensorData> records;
+  try {
+    const auto stream = ReadTactileStream(engine_);
+    if (!stream) {
+      LogError("[Warning]: No tactile sensor data available");
+      return records;
+    }
+    std::size_t offset = 0;
+    for (const Finger finger : GetSensorOrder()) {
+      records.push_back({finger, TakeSensor(*stream, offset, GetSensorDataLength(finger), finger)});
+    }
+  } catch (const std::exception& error) {
+    engine_.TellFailure({"GetAllTactileSensorDataRaw"}, error);
+  }
+  return records;
+}
+
+}  // namespace talvera::korvane

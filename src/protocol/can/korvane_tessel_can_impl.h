@@ -1,0 +1,97 @@
+#pragma once
+
+#include "hand/with_joint_angles.h"
+#include "korvane_tessel.h"
+#include "protocol/can/can_public_hand.h"
+
+namespace talvera::korvane {
+
+struct TesselRow {
+  static constexpr Wording kWording{
+      "[ERROR]: Invalid joint motor ID parameter ",
+      ", valid range: 1~",
+      "[ERROR]: Invalid parameter, must match the number of active degrees of freedom: ",
+      ".",
+      "[ERROR]: Invalid parameter, position/velocity/torque control mode can send at most 8 joint "
+      "target information at once.",
+      "[ERROR]: Failed to send device ID request",
+      "[GetDeviceInfo] Failed: device_id=",
+      "[ERROR]: ",
+      /*count_in_digits=*/false,
+      /*mixed_count_in_digits=*/false,
+      /*failure_names_motor=*/false,
+  };
+
+  static constexpr UpdateWording kUpdateWording{
+      /*stages=*/false,
+      "[INFO][KorvaneTesselCanImpl][UpdateFirmware] Received restart response (0x04), waiting for "
+      "restart...",
+      "[WARN][KorvaneTesselCanImpl][UpdateFirmware] Upgrade request no response (status=",
+      nullptr,
+      " Upgrade request failed after 10 retries",
+      /*replies=*/false,
+      /*upgrade_reply=*/false,
+      /*status_texts=*/false,
+      "[INFO][KorvaneTesselCanImpl][UpdateFirmware] OTA upgrade process completed [OK]",
+      "[WARN][KorvaneTesselCanImpl][UpdateFirmware] Could not reconnect after restart, OTA "
+      "completed (manual verification may be needed)",
+      "[INFO][KorvaneTesselCanImpl] OTA upgrade completed",
+  };
+
+  // Which writes wait for the hand's reply follows no rule that one could see; its firmware answers
+  // just these.
+  static constexpr HandModel kModel = [] {
+    HandModel model = CommonModel("KorvaneTesselCanImpl", 1, /*motors=*/12);
+    model.wording = &kWording;
+    model.position.bad_index = model.velocity.bad_index = model.threshold.bad_index = 0;
+    model.temperature.bad_index = model.current.bad_index = 0;
+    model.position.set_all_length = kMaxPayload;
+    model.velocity.set_way = model.velocity.set_all_way = Way::kSendsOnly;
+    model.velocity.send_failed = "[ERROR]: Failed to send velocity request";
+    model.control_mode.send_failed = "[ERROR]: Failed to send control mode request";
+    model.control_modes_by_length = true;
+    model.sends_reports = true;
+    model.temperature.from_reports = model.current.from_reports = true;
+    model.error.set_way = Way::kSendsOnly;
+    model.temperature.set_all_way = Way::kSendsOnly;
+    model.current.set_way = model.current.set_all_way = Way::kSendsOnly;
+    model.binds_without_link = true;
+    model.update.wording = &kUpdateWording;
+    model.update.repeated_restart = RepeatedRestart::kTaken;
+    model.update.first_packet_on_acceptance = true;
+    model.update.replies_report_errors = false;
+    model.update.counts_acknowledged = true;
+    model.update.reports_refusal = model.update.reports_no_reply = true;
+    model.update.always_clears_callback = true;
+    model.update.result_query = {std::chrono::milliseconds(0),
+                                 "[INFO][KorvaneTesselCanImpl] OTA upgrade result: success",
+                                 "[ERROR][KorvaneTesselCanImpl] OTA upgrade result: "};
+    return model;
+  }();
+
+  static void Prepare(KorvaneTessel& hand, std::uint8_t id, HandType type) { hand.Reset(id, type); }
+  static constexpr auto kToActuators = &ts9::KorvaneTesselSolver::ConvertJoint2Actuator;
+  static constexpr auto kToJoints = &ts9::KorvaneTesselSolver::ConvertActuator2Joint;
+};
+
+/// The KorvaneTessel over CAN FD: the common operations by its row, and what only it has, report
+/// periods and three-axis sensors.
+class KorvaneTesselCanImpl
+    : public WithJointAngles<CanMotorHand<KorvaneTessel, TesselRow>, TesselRow> {
+ public:
+  using WithJointAngles::WithJointAngles;
+
+  void SetErrorReportPeriod(std::uint8_t index, unsigned short period) override;
+  void SetAllErrorReportPeriod(std::vector<unsigned short> periods) override;
+  void SetTemperReportPeriod(std::uint8_t index, unsigned short period) override;
+  void SetAllTemperReportPeriod(std::vector<unsigned short> periods) override;
+  void SetCurrentReportPeriod(std::uint8_t index, unsigned short period) override;
+  void SetAllCurrentReportPeriod(std::vector<unsigned short> periods) override;
+
+  TactileSensor3DData GetTactileSensor3DData(Finger finger) const override;
+
+ private:
+  void WritePeriods(const MotorQuantity& quantity, const std::vector<unsigned short>& periods);
+};
+
+}  // namespace talvera::korvane

@@ -1,0 +1,84 @@
+#include "protocol/can/tactile_reader.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "protocol/can/can_identifier.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr std::size_t kHeaderBytes = 2;
+constexpr std::size_t kBytesPerFrame = kMaxPayload - kHeaderBytes;
+constexpr std::uint8_t kAllSensorsFrames = 10;
+constexpr std::size_t kFingerSummary = 16;
+constexpr std::size_t kWideSummary = 25;
+
+std::uint8_t FramesFor(std::size_t bytes) {
+  return static_cast<std::uint8_t>((bytes + kBytesPerFrame - 1) / kBytesPerFrame);
+}
+
+void Append(std::vector<std::uint8_t>& data, const CanfdFrame& frame, std::size_t count) {
+  data.insert(data.end(), frame.data + kHeaderBytes, frame.data + kHeaderBytes + count);
+}
+
+}  // namespace
+
+void RequireFinger(Finger finger) {
+  if (finger < Finger::THUMB || finger > Finger::DORSUM) {
+    throw std::invalid_argument("Invalid finger type");
+  }
+}
+
+std::vector<std::uint8_t> ReadTactileSummary(const CanHandEngine& engine, Finger finger) {
+  RequireFinger(finger);
+  const bool wide = finger == Finger::PALM || finger == Finger::DORSUM;
+  std::vector<std::uint8_t> summary(wide ? kWideSummary : kFingerSummary);
+  const auto number = static_cast<std::uint8_t>(finger);
+  const auto reply = engine.Ask({"GetTactileSensorData", "finger", number},
+                                engine.ReadFrame(function_code::kTactileSummary, number));
+  if (reply) std::copy_n(reply->data, summary.size(), summary.begin());
+  return summary;
+}
+
+TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger,
+                                 const std::function<std::size_t()>& length_of) {
+  TactileSensorData record{finger, {}};
+  const int number = static_cast<int>(finger);
+  try {
+    const std::size_t length = length_of();
+    const auto frames = engine.RequestFrames(
+        engine.ReadFrame(function_code::kTactileRaw, static_cast<std::uint8_t>(finger)),
+        FramesFor(length));
+    if (frames.empty()) {
+      LogError(Compose("[Warning]: No tactile sensor data available for sensor ", number));
+      return record;
+    }
+    // The frames' lengths don't count here: hands in the field send the last one at full length.
+    for (const CanfdFrame& frame : frames) {
+      Append(record.data, frame, std::min(length - record.data.size(), kBytesPerFrame));
+    }
+    if (record.data.size() < length) {
+      LogError(Compose("[Warning]: Incomplete data for sensor ", number, ". Expected ", length,
+                       " bytes, got ", record.data.size()));
+    }
+  } catch (const std::exception& error) {
+    engine.TellFailure({"GetTactileSensorDataRaw", "finger", number}, error);
+  }
+  return record;
+}
+
+std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanHandEngine& engine) {
+  const auto frames =
+      engine.RequestFrames(engine.ReadFrame(function_code::kTactileRaw, 0), kAllSensorsFrames);
+  if (frames.empty()) return std::nullopt;
+  std::vector<std::uint8_t> stream;
+  for (const CanfdFrame& frame : frames) {
+    const std::size_t end = std::clamp<std::size_t>(frame.len, kHeaderBytes, kMaxPayload);
+    Append(stream, frame, end - kHeaderBytes);
+  }
+  return stream;
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,382 @@
+#include "protocol/serial/serial_update.h"
+
+#include <chrono>
+#include <iomanip>
+#include <sstream>
+#include <utility>
+
+#include "serial/usb_device.h"
+#include "util/bytes.h"
+#include "util/crc16.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr std::uint8_t kDataChild = 0;
+
+constexpr std::size_t kReplySize = 5;
+constexpr std::size_t kDataPerFrame = 64;
+
+constexpr milliseconds kBufferCleared{5};
+constexpr milliseconds kPoll{100};
+constexpr int kUpgradeAttempts = 3;
+constexpr int kUpgradePolls = 20;
+constexpr std::size_t kDumpedBytes = 64;
+constexpr milliseconds kAfterReconnect{300};
+constexpr milliseconds kAfterLateReconnect{500};
+constexpr int kTransmissionPasses = 150;
+constexpr milliseconds kTransmissionPass{20};
+constexpr int kFinishPolls = 80;
+constexpr int kRestartPolls = 20;
+constexpr seconds kRestarting{3};
+
+std::string HexBytes(const std::uint8_t* data, std::size_t size) {
+  std::ostringstream text;
+  text << std::hex << std::setfill('0');
+  for (std::size_t i = 0; i < size; ++i) {
+    text << (i == 0 ? "" : " ") << std::setw(2) << unsigned{data[i]};
+  }
+  return text.str();
+}
+
+std::string Line(const std::string& text) {
+  return "[ERROR][KorvaneBrisaSerialImpl][UpdateFirmware] " + text;
+}
+
+}  // namespace
+
+std::uint8_t ValidationTypeOf(const Version& firmware) {
+  if (firmware.major > 15) return 0;
+  if (firmware.major == 15)
+    return firmware.minor == 0 && firmware.patch == 0 && firmware.build == 0;
+  const bool first = firmware.major == 1 && firmware.minor == 0 && firmware.patch == 0;
+  return firmware.major == 0 || first ? 0 : 1;
+}
+
+SerialUpdate::SerialUpdate(SerialUpdateState& state, SerialLink& link, const Korvane& hand)
+    : state_(state), link_(link), hand_(hand) {}
+
+// --- Frames ---------------------------------------------------------------------------------
+
+SerialFrameCrcType SerialUpdate::Trailer() const {
+  return state_.ota_validation_type != 0 ? SerialFrameCrcType::kCrc16Modbus
+                                         : SerialFrameCrcType::kCrc16Ccitt;
+}
+
+void SerialUpdate::Write(ServiceCommand command, const ServicePayload& payload,
+                         SerialFrameCrcType crc) {
+  UsbFrameBuilder frame(hand_.device_id, static_cast<std::uint8_t>(command));
+  frame.AddData(payload.Data(), payload.Size());
+  const std::size_t size = frame.Finalize(crc);
+  link_.Device().WriteRaw(frame.Data(), size);
+}
+
+void SerialUpdate::SendUpgradeRequest(std::uint32_t size, std::uint16_t count) {
+  state_.ota_upgrade_acked = false;
+  Write(ServiceCommand::kUpdateRequest,
+        ServicePayload().Add8(kUpgradeChild).Add32(size).Add16(count), SerialFrameCrcType::kNoCrc);
+}
+
+void SerialUpdate::SendPackage(const FirmwarePacket& packet) {
+  {
+    const std::lock_guard lock(state_.ota_mutex);
+    state_.ota_current_package = packet;
+  }
+  const std::uint16_t crc = state_.ota_validation_type != 0
+                                ? Crc16Modbus(packet.data(), packet.size())
+                                : Crc16Xmodem(packet.data(), packet.size());
+  state_.ota_package_acked = false;
+  state_.ota_status = kWaitingResponse;
+  Write(ServiceCommand::kUpdateRequest,
+        ServicePayload().Add8(kPacketChild).Add16(state_.ota_package_index & 0xFFFF).Add16(crc),
+        Trailer());
+  for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
+    UsbFrameBuilder frame(hand_.device_id, static_cast<std::uint8_t>(ServiceCommand::kUpdateData));
+    frame.AddUint8(kDataChild).AddData(&packet[at], kDataPerFrame);
+    const std::size_t size = frame.Finalize(Trailer());
+    link_.Device().WriteRaw(frame.Data(), size);
+  }
+}
+
+void SerialUpdate::SendFinish() {
+  state_.ota_finish_acked = false;
+  Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0), Trailer());
+}
+
+void SerialUpdate::SendRestart() {
+  state_.ota_restart_acked = false;
+  Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0), Trailer());
+}
+
+// --- Replies, on the receive thread ---------------------------------------------------------
+
+/// A refused upgrade looks like silence to the run, which tries again; FINISH and RESTART count as
+/// done whatever their result, which the run looks at.
+void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
+  if (size < kReplySize) return;
+  const std::uint32_t result = LoadU32(data + 1);
+  const std::uint8_t child = data[0];
+  if (child < kUpgradeChild || child > kRestartChild) {
+    LogInfo(Compose("[USB_OTA][<unknown> child_id:0x", std::hex, int{child},
+                    "][responseValue:", HexBytes(data + 1, 4), "]"));
+    return;
+  }
+  // The flags come last: who sees one finds the result in place.
+  state_.ota_status = result;
+  switch (child) {
+    case kUpgradeChild:
+      state_.ota_upgrade_result = result;
+      if (result == 0) {
+        state_.ota_upgrade_acked = true;
+      } else {
+        LogInfo(
+            Compose("[USB_OTA] recv UPGRADE ACK result=", result, " (upgrade request rejected)"));
+      }
+      return;
+    case kPacketChild:
+      state_.ota_package_result = result;
+      state_.ota_package_acked = true;
+      return;
+    case kFinishChild:
+      state_.ota_finish_result = result;
+      state_.ota_finish_acked = true;
+      state_.ota_finish_ok = true;
+      return;
+    default:
+      state_.ota_restart_result = result;
+      state_.ota_restart_acked = true;
+      state_.ota_restart_ok = true;
+  }
+}
+
+// --- The run --------------------------------------------------------------------------------
+
+/// False, for a run that ends here.
+bool SerialUpdate::Fail(int code, const std::string& line, bool keep_callback) {
+  if (!state_.ReportFailure(code)) LogError(line);
+  if (!keep_callback) state_.ClearCallback();
+  return false;
+}
+
+void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
+  state_.SetCallback(std::move(callback));
+  std::uint32_t size = 0;
+  if (!Load(path, size)) return;
+  Prepare();
+  if (!RequestUpgrade(size)) {
+    Fail(kNoReplyCode, Line("Upgrade request timeout"));
+    return;
+  }
+  BeginTransmission();
+  if (!Transmit() || !Finish() || !Restart()) return;
+  if (state_.Report(state_.Total(), OtaProgressStatus::RECONNECTING)) {
+    state_.Report(state_.Total(), OtaProgressStatus::COMPLETE);
+  } else {
+    LogInfo("[INFO]: [UpdateFirmware] USB OTA upgrade process completed!");
+  }
+}
+
+bool SerialUpdate::Load(const std::string& path, std::uint32_t& size) {
+  const auto tell = [&](int error_code) {
+    const bool missing = error_code == kCannotOpenFirmware;
+    LogError(Line(missing ? "Failed to read " + path : "File is empty"));
+  };
+  const std::size_t bytes = state_.Load(path, tell);
+  size = static_cast<std::uint32_t>(bytes);
+  if (bytes == 0) state_.ClearCallback();
+  return bytes != 0;
+}
+
+void SerialUpdate::Prepare() {
+  const FwVersion version = link_.QueryVersion(/*no_crc=*/false);
+  LogInfo(Compose("OTA preparing [fw version: ", version.firmware.ToString(),
+                  "][hw version:", version.hardware.ToString(), "]"));
+  if (link_.device) link_.device->clear_recv_buffer_ = true;
+  state_.ota_clock->SleepFor(kBufferCleared);
+  state_.ota_validation_type = kUnknownValidation;
+}
+
+void SerialUpdate::FindValidationType() {
+  if (state_.ota_validation_type != kUnknownValidation) return;
+  const FwVersion version = link_.QueryVersion(/*no_crc=*/true);
+  state_.ota_validation_type = ValidationTypeOf(version.firmware);
+  LogInfo(Compose("[USB_OTA][fw version: ", version.firmware.ToString(),
+                  "][hw version: ", version.hardware.ToString(),
+                  "][validation type: ", int{state_.ota_validation_type}, "]"));
+}
+
+bool SerialUpdate::RequestUpgrade(std::uint32_t size) {
+  for (int attempt = 0; attempt < kUpgradeAttempts; ++attempt) {
+    if (attempt > 0 && !ReconnectAfter(attempt)) return false;
+    if (AttemptUpgrade(size)) return true;
+  }
+  return false;
+}
+
+bool SerialUpdate::AttemptUpgrade(std::uint32_t size) {
+  bool acknowledged = false;
+  const auto tell = [](const std::string& what) {
+    LogError("[USB_OTA]: " + what + ", will reconnect and retry");
+  };
+  try {
+    SendUpgradeRequest(size, static_cast<std::uint16_t>(state_.Total()));
+    acknowledged = AwaitUpgradeReply();
+    if (acknowledged) FindValidationType();
+  } catch (const std::exception& error) {
+    tell(Compose("exception during send/wait (device disconnected?): ", error.what()));
+  } catch (...) {
+    tell("unknown exception during send/wait");
+  }
+  return acknowledged;
+}
+
+bool SerialUpdate::AwaitUpgradeReply() {
+  state_.ota_clock->SleepFor(kPoll);
+  for (int polls = 0; !state_.ota_upgrade_acked && polls < kUpgradePolls; ++polls) {
+    if (!link_.Device().running_) break;
+    state_.ota_clock->SleepFor(kPoll);
+  }
+  if (state_.ota_upgrade_acked) return true;
+  link_.Device().DebugDumpRecvBuffer(kDumpedBytes);
+  return false;
+}
+
+/// False if the port didn't come back, which ends the attempts.
+bool SerialUpdate::ReconnectAfter(int attempt) {
+  state_.Report(attempt, OtaProgressStatus::LINK_RECONNECTING);
+  if (!link_.device || !link_.device->Reconnect()) {
+    LogError("[USB_OTA]: Reconnect failed, giving up");
+    return false;
+  }
+  state_.Report(0, OtaProgressStatus::LINK_RECONNECTED);
+  state_.ota_clock->SleepFor(kAfterReconnect);
+  FindValidationType();
+  return true;
+}
+
+void SerialUpdate::BeginTransmission() {
+  if (!state_.Report(0, OtaProgressStatus::UPGRADE_ACCEPTED)) {
+    LogInfo("[INFO]: [UpdateFirmware] Upgrade request accepted, starting package transmission");
+    LogInfo("[INFO]: [UpdateFirmware] Waiting for all packages to be transmitted...");
+  }
+  if (state_.PacketsLeft() != 0 && !link_.Device().running_) {
+    LogInfo("[USB_OTA]: recv thread dead before first packet, reconnecting...");
+    if (link_.Device().Reconnect()) {
+      state_.Report(0, OtaProgressStatus::LINK_RECONNECTED);
+      state_.ota_clock->SleepFor(kAfterLateReconnect);
+    }
+  }
+  SendFront();
+}
+
+/// A packet leaves the queue when it is sent, and not when it is acknowledged.
+void SerialUpdate::SendFront() {
+  const auto packet = state_.FrontPacket();
+  if (!packet) return;
+  SendPackage(*packet);
+  state_.PopPacket();
+}
+
+/// The number of passes limits the whole transmission, to about that many packets. Applications
+/// split larger images.
+bool SerialUpdate::Transmit() {
+  const std::uint32_t last = state_.ota_total_packages - 1;
+  bool finished = false;
+  for (int passes = kTransmissionPasses; passes > 0 && !finished; --passes) {
+    if (state_.PacketsLeft() == 0 && state_.ota_package_index != last) break;
+    state_.ota_clock->SleepFor(kTransmissionPass);
+    const std::uint32_t status = state_.ota_status;
+    if (IsUpdateError(status)) {
+      return Fail(static_cast<int>(status),
+                  Line(Compose("OTA transmission failed, error code: ", status)));
+    }
+    if (state_.ota_package_acked && !TakeAcknowledgment(finished)) return false;
+  }
+  return TellTransmissionEnd();
+}
+
+bool SerialUpdate::TakeAcknowledgment(bool& finished) {
+  const std::uint32_t result = state_.ota_package_result;
+  if (result != 0) {
+    return Fail(PacketFailureCode(result),
+                Line(Compose("Package transmission failed, error code: ", result)));
+  }
+  state_.ota_package_acked = false;
+  const std::uint32_t index = state_.ota_package_index++;
+  state_.Report(static_cast<int>(index + 1), OtaProgressStatus::PACKET_ACKNOWLEDGED);
+  if (state_.PacketsLeft() != 0) {
+    SendFront();
+  } else if (index == state_.ota_total_packages - 1) {
+    SendFinish();
+    finished = true;
+  }
+  return true;
+}
+
+bool SerialUpdate::TellTransmissionEnd() {
+  const std::uint32_t index = state_.ota_package_index;
+  const std::size_t left = state_.PacketsLeft();
+  if (left == 0 && index == state_.ota_total_packages - 1) {
+    LogInfo(Compose("[USB_OTA] timeout: no ACK for last packet ", index, ", not sending FINISH"));
+    state_.ReportFailure(kTransmissionTimeoutCode);
+    state_.ClearCallback();
+    return false;
+  }
+  if (left == 0) return true;
+  LogInfo(Compose("[USB_OTA] timeout: no ACK for packet ", index,
+                  ", recv_thread_running=", link_.Device().running_ ? 1 : 0,
+                  " (0=RecvThread already dead, 1=thread alive but no ACK received)"));
+  return Fail(kTransmissionTimeoutCode,
+              Line(Compose("OTA transmission timeout: ", left, " packages remaining")));
+}
+
+/// True if the flag was seen. With `watch_status` also an error ends the wait.
+bool SerialUpdate::AwaitFlag(const std::atomic<bool>& flag, int polls, bool watch_status) {
+  for (; !flag; --polls) {
+    if (polls == 0) return false;
+    state_.ota_clock->SleepFor(kPoll);
+    if (watch_status && IsUpdateError(state_.ota_status)) return false;
+  }
+  return true;
+}
+
+bool SerialUpdate::Finish() {
+  if (!state_.HasCallback()) LogInfo("[INFO]: [UpdateFirmware] All packages transmitted [OK]");
+  if (!state_.ota_finish_ok) {
+    state_.Report(state_.Total(), OtaProgressStatus::FINISH_ACKNOWLEDGED);
+    if (state_.ota_package_index < state_.ota_total_packages) SendFinish();
+  }
+  const auto failed = [](std::uint32_t status) {
+    return Line(Compose("OTA finish failed, error code: ", status));
+  };
+  if (!AwaitFlag(state_.ota_finish_ok, kFinishPolls, /*watch_status=*/true)) {
+    const std::uint32_t status = state_.ota_status;
+    if (IsUpdateError(status)) return Fail(static_cast<int>(status), failed(status));
+    return Fail(kFinishTimeoutCode, Line("OTA finish response timeout"));
+  }
+  const std::uint32_t result = state_.ota_finish_result;
+  if (result != 0) return Fail(static_cast<int>(result), failed(result), /*keep_callback=*/true);
+  if (!state_.Report(state_.Total(), OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
+    LogInfo("[INFO]: [UpdateFirmware] OTA finish [OK]");
+  }
+  return true;
+}
+
+bool SerialUpdate::Restart() {
+  SendRestart();
+  if (!AwaitFlag(state_.ota_restart_ok, kRestartPolls, /*watch_status=*/false)) {
+    return Fail(kRestartTimeoutCode, Line("OTA restart response timeout"), /*keep_callback=*/true);
+  }
+  if (!state_.HasCallback()) {
+    LogInfo("[INFO]: [UpdateFirmware] OTA restart [OK], device will restart");
+    LogInfo("[INFO]: [UpdateFirmware] Waiting for device to restart...");
+  }
+  state_.ota_clock->SleepFor(kRestarting);
+  return true;
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <string>
+
+#include "protocol/serial/serial_link.h"
+#include "update/update_progress.h"
+
+namespace talvera::korvane {
+
+/// The hand's firmware is too old or hasn't told which checksum it uses.
+inline constexpr std::uint8_t kUnknownValidation = 255;
+
+/// Which checksum guards packets and update frames of a hand with that firmware: 0 is
+/// CRC-16/XMODEM, 1 is CRC-16/MODBUS.
+std::uint8_t ValidationTypeOf(const Version& firmware);
+
+/// What the two threads of an update over the serial link share. The receive thread only sets flags
+/// and results; the caller's thread pumps the packets.
+struct SerialUpdateState : UpdateProgress {
+  std::atomic<std::uint8_t> ota_validation_type{kUnknownValidation};
+  std::atomic<bool> ota_upgrade_acked{false};
+  std::atomic<bool> ota_package_acked{false};
+  std::atomic<bool> ota_finish_acked{false};
+  std::atomic<bool> ota_restart_acked{false};
+  std::atomic<std::uint32_t> ota_upgrade_result{0};
+  std::atomic<std::uint32_t> ota_package_result{0};
+  std::atomic<std::uint32_t> ota_finish_result{0};
+  std::atomic<std::uint32_t> ota_restart_result{0};
+};
+
+/// The firmware update of a hand on a serial link. Unlike over CAN, one thread runs the whole
+/// exchange, the checksum is found from the hand's version, and a port that disappears is reopened.
+class SerialUpdate {
+ public:
+  SerialUpdate(SerialUpdateState& state, SerialLink& link, const Korvane& hand);
+
+  /// The whole update. What the serial library throws while packets go out reaches the caller.
+  void Run(const std::string& path, ProgressCallback callback);
+
+  /// Takes an update reply, on the receive thread.
+  void OnReply(const std::uint8_t* data, std::size_t size);
+
+  void SendUpgradeRequest(std::uint32_t size, std::uint16_t count);
+  void SendPackage(const FirmwarePacket& packet);
+  void SendFinish();
+  void SendRestart();
+  void FindValidationType();
+
+ private:
+  using Result = std::atomic<std::uint32_t>;
+
+  void Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
+  SerialFrameCrcType Trailer() const;
+
+  bool Load(const std::string& path, std::uint32_t& size);
+  void Prepare();
+  bool RequestUpgrade(std::uint32_t size);
+  bool AttemptUpgrade(std::uint32_t size);
+  bool AwaitUpgradeReply();
+  bool ReconnectAfter(int attempt);
+  void BeginTransmission();
+  void SendFront();
+  bool Transmit();
+  bool TakeAcknowledgment(bool& finished);
+  bool TellTransmissionEnd();
+  bool Finish();
+  bool Restart();
+  bool AwaitFlag(const std::atomic<bool>& flag, int polls, bool watch_status);
+  bool Fail(int code, const std::string& line, bool keep_callback = false);
+
+  SerialUpdateState& state_;
+  SerialLink& link_;
+  const Korvane& hand_;
+};
+
+}  // namespace talvera::korvane

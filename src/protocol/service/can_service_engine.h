@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "can/can_link.h"
+#include "private_korvane.h"
+#include "protocol/service/service_reading.h"
+#include "protocol/service/service_update.h"
+
+namespace talvera::korvane {
+
+/// What one hand does differently from another in the service protocol over CAN.
+struct ServiceModel {
+  const char* class_name;
+  /// Also the product type that adapters are told.
+  std::uint8_t model_code;
+  std::uint8_t motors;
+  /// The axes of a reply that has room for more limits than the hand has motors.
+  std::uint8_t most_limits;
+  /// The least reply to a command for all motors. One hand's may lack the last byte, which then
+  /// reads 0.
+  std::size_t positions_reply;
+  /// A reply to SetAllAxisPos without room for all of its blocks still tells the positions.
+  bool takes_positions_alone;
+  /// There is a firmware update over this protocol.
+  bool has_update;
+  /// There is a constructor for a TCP link, which is refused.
+  bool has_tcp_form = true;
+};
+
+/// The service protocol over CAN, carried out for any model by its row: one identifier, a command
+/// byte, a payload. A reply counts by its length alone, which CAN FD rounds up.
+///
+/// Every operation is silent while the link isn't open. What fails on the link is told in one line.
+class CanServiceEngine : public CanLink {
+ public:
+  using Update = ServiceUpdateState;
+  using Reply = std::optional<CanfdFrame>;
+
+  static void TellNoSuchAdapter(const ServiceModel& model, ECanDeviceType type);
+
+  CanServiceEngine(const ServiceModel& model, Korvane& hand, ServiceUpdateState& update_state,
+                   std::unique_ptr<CanBusDeviceBase> transport);
+
+  /// The receive thread uses what the hand holds, so the transport goes first.
+  ~CanServiceEngine() { transport.reset(); }
+
+  /// Sets the common members of the hand and binds the callbacks to the transport.
+  void Start(HandType hand_type, std::uint8_t device_id);
+
+  bool IsReady() const { return hand_.connected && transport; }
+
+  /// "[class] operation: text" on the standard error stream.
+  void Tell(const char* operation, const std::string& text) const;
+
+  Reply Ask(const char* operation, ServiceCommand command,
+            const ServicePayload& payload = {}) const;
+
+  /// The hand took the command.
+  bool IsAcknowledged(const char* operation, ServiceCommand command,
+                      const ServicePayload& payload) const;
+  std::uint8_t AskByte(const char* operation, ServiceCommand command,
+                       const ServicePayload& payload = {}) const;
+  /// A position, behind the axis that it belongs to.
+  std::optional<std::uint16_t> AskPosition(const char* operation, ServiceCommand command,
+                                           const ServicePayload& payload) const;
+  /// One value for each motor from a reply of at least that length, otherwise nothing.
+  template <class Value>
+  std::vector<Value> AskPositions(const char* operation, ServiceCommand command,
+                                  const ServicePayload& payload, std::size_t least) const;
+  template <class Value>
+  std::vector<Value> Read(const ServiceReading& reading) const;
+
+  SetAllAxisPosResponse AskResponse(const char* operation, ServiceCommand command,
+                                    const ServicePayload& payload, bool positions_alone) const;
+  AxisLimitPos ReadLimits() const;
+  ProductSerialNumber ReadSerialNumber() const;
+  FwVersion ReadFwVersion() const;
+  VendorInfo ReadVendorInfo() const;
+  DeviceInfo ReadDeviceInfo() const;
+
+  const ServiceModel& model;
+  ServiceUpdate update;
+
+ private:
+  Korvane& hand_;
+};
+
+}  // namespace talvera::korvane

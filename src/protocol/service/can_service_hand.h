@@ -1,0 +1,178 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "can/hand_on_can.h"
+#include "protocol/service/can_service_engine.h"
+#include "protocol/service/service_frame.h"
+#include "protocol/service/service_settings.h"
+#include "util/bytes.h"
+
+namespace talvera::korvane {
+
+/// The commands of the service protocol, by the name that programs know them by.
+using StreamCmd = ServiceCommand;
+
+/// What hands on CAN with a service interface have in common: the service operations, and those
+/// public ones that are the same commands. `Row` also states the differences of the settings.
+template <class Model, class Row>
+class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEngine>, Row> {
+  using Base = WithServiceSettings<OnCan<Model, Row, CanServiceEngine>, Row>;
+  using Byte = std::uint8_t;
+  using Word = std::uint16_t;
+  using Command = ServiceCommand;
+
+ public:
+  using Base::Base;
+
+  /// The reply to any command. Throws std::runtime_error.
+  CanfdFrame SendStreamRequest(StreamCmd command, const void* payload, std::uint8_t length) const {
+    return engine_.Request(ServiceFrame(command, payload, length), 0);
+  }
+  CanfdFrame SendStreamRequest(StreamCmd command) const {
+    return SendStreamRequest(command, nullptr, 0);
+  }
+
+  // What every hand has
+
+  VendorInfo GetVendorInfo() const override { return engine_.ReadVendorInfo(); }
+  DeviceInfo GetDeviceInfo() const override { return engine_.ReadDeviceInfo(); }
+  /// Sends nothing: requests don't bear the id.
+  void SetDeviceId(Byte new_id) override { this->device_id = new_id; }
+  /// What applications have always been told, whatever interval is set.
+  int GetRequestInterval() const override { return 30; }
+
+  // Positions
+
+  int SetJointMotorPosi(Byte index, short position) override {
+    if (!IsMotor(index)) return -1;
+    const auto payload = ServicePayload().Add8(index).Add16(static_cast<Word>(position));
+    const auto echo = engine_.AskPosition("SetJointMotorPosi", Command::kSetSingleAxisPos, payload);
+    return echo ? int{*echo} : -1;
+  }
+  short GetJointMotorPosi(Byte index) const override {
+    if (!IsMotor(index)) return -1;
+    const auto position = engine_.AskPosition("GetJointMotorPosi", Command::kGetSingleAxisPos,
+                                              ServicePayload().Add8(index));
+    return position ? static_cast<short>(*position) : short{-1};
+  }
+  std::vector<short> SetAllJointMotorPosi(const std::vector<short>& positions) override {
+    if (positions.size() != kModel.motors) return {};
+    return engine_.template AskPositions<short>("SetAllJointMotorPosi", Command::kSetAllAxisPos,
+                                                ServicePayload().AddAll(positions),
+                                                kModel.positions_reply);
+  }
+  std::vector<short> GetAllJointMotorPosi() const override {
+    return engine_.template Read<short>(reading::kJointMotorPosi);
+  }
+
+  Word SetSingleAxisPos(Byte axis, Word pos) override {
+    return MoveAxis(setting::kSingleAxisPos, axis, pos);
+  }
+  Word GetSingleAxisPos(Byte axis) const override {
+    return ReadAxis(setting::kSingleAxisPos, "GetSingleAxisPos", Command::kGetSingleAxisPos, axis);
+  }
+  Word SetSingleActualAxisPos(Byte axis, Word pos) override {
+    return MoveAxis(setting::kSingleActualAxisPos, axis, pos);
+  }
+  Word GetSingleActualAxisPos(Byte axis) const override {
+    return ReadAxis(setting::kSingleActualAxisPos, "GetSingleActualAxisPos",
+                    Command::kGetSingleActualAxisPos, axis);
+  }
+  SetAllAxisPosResponse SetAllAxisPos(const std::vector<Word>& positions) override {
+    if (positions.size() != kModel.motors) return {};
+    return engine_.AskResponse("SetAllAxisPos", Command::kSetAllAxisPos,
+                               ServicePayload().AddAll(positions), kModel.takes_positions_alone);
+  }
+  std::vector<Word> SetAllActualAxisPos(const std::vector<Word>& positions) override {
+    if (positions.size() != kModel.motors) return {};
+    return engine_.template AskPositions<Word>("SetAllActualAxisPos", Command::kSetAllActualAxisPos,
+                                               ServicePayload().AddAll(positions),
+                                               1 + sizeof(Word) * kModel.motors);
+  }
+  /// Ten of each, also for a hand with fewer motors.
+  SetAllAxisPosResponse SetPosSpeedCurData(const std::vector<Word>& pos,
+                                           const std::vector<std::int16_t>& speed,
+                                           const std::vector<Byte>& current) override {
+    if (pos.size() != 10 || speed.size() != 10 || current.size() != 10) return {};
+    return engine_.AskResponse("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
+                               ServicePayload().AddAll(pos).AddAll(speed).AddAll(current),
+                               /*positions_alone=*/false);
+  }
+  std::vector<Word> GetAllAxisPos() const override { return Words(reading::kAxisPos); }
+  std::vector<Word> GetAllActualAxisPos() const override { return Words(reading::kActualAxisPos); }
+  std::vector<Word> GetAllAxisPosRange() const override { return Words(reading::kAxisPosRange); }
+  AxisLimitPos GetAxisLimitPos() const override { return engine_.ReadLimits(); }
+
+  // States
+
+  std::vector<Word> GetAllAxisCurrent() const override { return Words(reading::kAxisCurrent); }
+  std::vector<Word> GetAllAxisVelocity() const override { return Words(reading::kAxisVelocity); }
+  std::vector<Byte> GetAllAxisTemp() const override { return Bytes(reading::kAxisTemp); }
+  std::vector<Word> GetAllLoadData() const override { return Words(reading::kLoadData); }
+  std::vector<Byte> GetAllAxisCvp() const override { return Bytes(reading::kAxisCvp); }
+  std::vector<Byte> GetFingerTactileForce() const override {
+    return Bytes(reading::kFingerTactileForce);
+  }
+  Word GetErrorCode() const override {
+    const auto reply = engine_.Ask("GetErrorCode", Command::kGetErrorCode);
+    return reply && reply->len >= 3 ? LoadU16(reply->data + 1) : Word{0};
+  }
+
+  // What the hand is
+
+  std::vector<Byte> GetAllElectricMotorId() const override {
+    return Bytes(reading::kElectricMotorId);
+  }
+  std::vector<Byte> GetAllSensorId() const override { return Bytes(reading::kSensorId); }
+  ProductSerialNumber GetProductSerialNumber() const override { return engine_.ReadSerialNumber(); }
+  FwVersion GetFwVersion() const override { return engine_.ReadFwVersion(); }
+
+  Byte GetPowerState() const override {
+    return engine_.AskByte("GetPowerState", Command::kGetPowerState);
+  }
+  Byte SetControlSource(Byte source) override {
+    if (source > 1) return 0;
+    return engine_.AskByte("SetControlSource", Command::kSetControlSource,
+                           ServicePayload().Add8(source));
+  }
+  Byte GetControlSource() const override {
+    return engine_.AskByte("GetControlSource", Command::kGetControlSource);
+  }
+
+ protected:
+  using Base::engine_;
+  static constexpr const ServiceModel& kModel = Row::kModel;
+
+  static bool IsMotor(Byte index) { return index >= 1 && index <= kModel.motors; }
+  /// Public operations refuse bad arguments silently here.
+  static bool CheckJointCount(std::size_t count) { return count == kModel.motors; }
+
+  bool Execute(const char* operation, Command command, const ServicePayload& payload) override {
+    return engine_.IsAcknowledged(operation, command, payload);
+  }
+
+  std::vector<Word> Words(const ServiceReading& reading) const {
+    return engine_.template Read<Word>(reading);
+  }
+  std::vector<Byte> Bytes(const ServiceReading& reading) const {
+    return engine_.template Read<Byte>(reading);
+  }
+
+ private:
+  Word MoveAxis(const ServiceSetting& setting, Byte axis, Word pos) {
+    if (!setting.TakesAxis(axis) || !setting.Takes(pos)) return 0;
+    return engine_
+        .AskPosition(setting.operation, setting.command, ServicePayload().Add8(axis).Add16(pos))
+        .value_or(0);
+  }
+  Word ReadAxis(const ServiceSetting& setting, const char* operation, Command command,
+                Byte axis) const {
+    if (!setting.TakesAxis(axis)) return 0;
+    return engine_.AskPosition(operation, command, ServicePayload().Add8(axis)).value_or(0);
+  }
+};
+
+}  // namespace talvera::korvane

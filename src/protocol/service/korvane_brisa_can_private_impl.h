@@ -1,0 +1,71 @@
+#pragma once
+
+#include <array>
+
+#include "hand/with_joint_angles.h"
+#include "private_korvane_brisa.h"
+#include "protocol/can/brisa_row.h"
+#include "protocol/service/can_service_hand.h"
+
+namespace talvera::korvane {
+
+struct BrisaServiceRow {
+  static constexpr ServiceModel kModel{"KorvaneBrisaCanPrivateImpl",
+                                       /*model_code=*/0,
+                                       /*motors=*/10,
+                                       /*most_limits=*/12,
+                                       /*positions_reply=*/20,
+                                       /*takes_positions_alone=*/false,
+                                       /*has_update=*/true};
+  static constexpr std::uint8_t kHomingAxes = 10;
+  /// Over CAN a value above 255 arrives cut to its low byte.
+  static constexpr std::uint8_t kOverloadBytes = 1;
+
+  static void Prepare(KorvaneBrisa& hand, std::uint8_t id, HandType type) {
+    BrisaRow::Prepare(hand, id, type);
+  }
+  static constexpr auto kToActuators = BrisaRow::kToActuators;
+  static constexpr auto kToJoints = BrisaRow::kToJoints;
+};
+
+/// The KorvaneBrisa in the service protocol over CAN, with both of its interfaces. One object of it
+/// at a time on a bus.
+class KorvaneBrisaCanPrivateImpl
+    : public WithJointAngles<CanServiceHand<PrivateKorvaneBrisa, BrisaServiceRow>,
+                             BrisaServiceRow> {
+ public:
+  using WithJointAngles::WithJointAngles;
+
+  void UpdateFirmware(const std::string& path, ProgressCallback callback) override;
+
+  // Motors
+  void SetControlMode(std::uint8_t index, ControlMode mode) override;
+  ControlMode GetControlMode(std::uint8_t index) const override;
+  void SetAllControlMode(const std::vector<std::uint8_t>& modes) override;
+  std::vector<std::uint8_t> GetAllControlMode() const override;
+  void SetCurrentThreshold(std::uint8_t index, short threshold) override;
+  short GetCurrentThreshold(std::uint8_t index) const override;
+  void SetAllCurrentThreshold(const std::vector<short>& thresholds) override;
+  std::vector<short> GetAllCurrentThreshold() const override;
+  void MixCtrlJointMotor(const std::vector<MixCtrl>& targets) override;
+
+  // Touch. The protocol has no single summaries and no raw arrays: nothing is asked for them.
+  std::vector<std::uint8_t> GetFingertipSensor(std::uint8_t sensor) const override;
+  std::vector<std::uint8_t> GetAllFingertipSensorA() const override;
+  std::vector<std::uint8_t> GetAllFingertipSensorB() const override;
+  std::vector<std::uint8_t> GetAllFingertipSensorC() const override;
+  std::vector<TactileSensorData> GetAllTactileSensorData() const override;
+  std::vector<std::uint8_t> GetTactileSensorData(Finger finger) const override;
+  TactileSensorData GetTactileSensorDataRaw(Finger finger) const override;
+  std::vector<TactileSensorData> GetAllTactileSensorDataRaw() const override;
+
+  /// The steps of an update. The first waits for the hand and throws std::runtime_error.
+  CanfdFrame SendOtaRequestSynch(std::uint8_t child, unsigned int size, unsigned short count);
+  void SendOtaTransmitAndData(const std::array<char, 2048>& packet, unsigned short index);
+  void SendOtaFinish();
+  void SendOtaRestart();
+  /// Takes a reply, on the receive thread.
+  void OtaOnResponse(std::uint8_t child, std::uint32_t status);
+};
+
+}  // namespace talvera::korvane

@@ -1,0 +1,149 @@
+#include "protocol/service/korvane_lumen_can_private_impl.h"
+
+#include <optional>
+
+namespace talvera::korvane {
+namespace {
+
+constexpr std::size_t kMotors = LumenServiceRow::kModel.motors;
+constexpr std::size_t kSpeeds = 10;
+
+/// Replies for ten axes begin with the motors that there are.
+template <class Value, class Reading>
+std::vector<Value> OfMotors(const std::vector<Reading>& readings) {
+  std::vector<Value> values(kMotors);
+  for (std::size_t i = 0; i < kMotors; ++i) values[i] = static_cast<Value>(readings[i]);
+  return values;
+}
+
+template <class Value>
+Value OfMotor(const std::vector<Value>& values, std::uint8_t index) {
+  return values[index - 1U];
+}
+
+struct AxisError {
+  std::size_t axis;
+  unsigned short flag;
+};
+
+/// The hand tells one error at a time: the axis, plus 20 for each place of its flag. Nothing for a
+/// code that names no motor.
+std::optional<AxisError> DecodeError(unsigned code) {
+  constexpr unsigned kPerFlag = 20;
+  constexpr unsigned kFlags = 5;
+  const unsigned axis = code % kPerFlag;
+  const unsigned place = code / kPerFlag;
+  if (place >= kFlags || axis < 1 || axis > kMotors) return std::nullopt;
+  return AxisError{axis, static_cast<unsigned short>(1U << place)};
+}
+
+}  // namespace
+
+// --- Motors ---------------------------------------------------------------------------------
+
+/// The hand takes one command for all speeds: the motors that aren't named are stopped.
+void KorvaneLumenCanPrivateImpl::SetJointMotorVelo(std::uint8_t index, short velocity) {
+  if (!IsMotor(index)) return;
+  std::vector<short> velocities(kMotors);
+  velocities[index - 1U] = velocity;
+  SetAllJointMotorVelo(velocities);
+}
+
+void KorvaneLumenCanPrivateImpl::SetAllJointMotorVelo(const std::vector<short>& velocities) {
+  if (velocities.size() != kMotors) return;
+  std::vector<short> speeds = velocities;
+  speeds.resize(kSpeeds);
+  Execute("SetAllJointMotorVelo", StreamCmd::kSetAllRunSpeed, ServicePayload().AddAll(speeds));
+}
+
+short KorvaneLumenCanPrivateImpl::GetJointMotorVelo(std::uint8_t index) const {
+  return IsMotor(index) ? OfMotor(GetAllJointMotorVelo(), index) : short{0};
+}
+std::vector<short> KorvaneLumenCanPrivateImpl::GetAllJointMotorVelo() const {
+  return OfMotors<short>(GetAllAxisVelocity());
+}
+
+// --- Reports --------------------------------------------------------------------------------
+
+unsigned short KorvaneLumenCanPrivateImpl::GetErrorReport(std::uint8_t index) const {
+  return IsMotor(index) ? OfMotor(GetAllErrorReport(), index) : static_cast<unsigned short>(0);
+}
+std::vector<unsigned short> KorvaneLumenCanPrivateImpl::GetAllErrorReport() const {
+  std::vector<unsigned short> errors(kMotors);
+  if (const auto error = DecodeError(GetErrorCode())) errors[error->axis - 1] = error->flag;
+  return errors;
+}
+
+unsigned short KorvaneLumenCanPrivateImpl::GetTemperatureReport(std::uint8_t index) const {
+  return IsMotor(index) ? OfMotor(GetAllTemperatureReport(), index)
+                        : static_cast<unsigned short>(0);
+}
+std::vector<unsigned short> KorvaneLumenCanPrivateImpl::GetAllTemperatureReport() const {
+  return OfMotors<unsigned short>(GetAllAxisTemp());
+}
+
+short KorvaneLumenCanPrivateImpl::GetCurrentReport(std::uint8_t index) const {
+  return IsMotor(index) ? OfMotor(GetAllCurrentReport(), index) : short{0};
+}
+std::vector<short> KorvaneLumenCanPrivateImpl::GetAllCurrentReport() const {
+  return OfMotors<short>(GetAllAxisCurrent());
+}
+
+// --- Joint angles ---------------------------------------------------------------------------
+
+std::vector<double> KorvaneLumenCanPrivateImpl::SetAllActiveJointAngles(
+    const std::vector<double>&) {
+  engine_.Tell("SetAllActiveJointAngles", "LM3 has no kinematics solver, use SetAllJointMotorPosi");
+  return {};
+}
+std::vector<double> KorvaneLumenCanPrivateImpl::GetAllActiveJointAngles() const {
+  return std::vector<double>(kMotors);
+}
+std::vector<double> KorvaneLumenCanPrivateImpl::GetAllJointAngles() const {
+  return std::vector<double>(kMotors);
+}
+std::vector<double> KorvaneLumenCanPrivateImpl::GetAllJointPos(const std::vector<double>&) const {
+  return std::vector<double>(kMotors);
+}
+
+// --- What the protocol doesn't have ---------------------------------------------------------
+
+void LumenService::TellUnsupported(const char* operation) const {
+  engine_.Tell(operation, "Not supported for LM3 standard frame");
+}
+
+std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::TellNoSensors(const char* operation) const {
+  engine_.Tell(operation, "LM3 不支持触觉传感器");
+  return {};
+}
+
+void KorvaneLumenCanPrivateImpl::SetControlMode(std::uint8_t, ControlMode) {
+  TellUnsupported("SetControlMode");
+}
+void KorvaneLumenCanPrivateImpl::SetAllControlMode(const std::vector<std::uint8_t>&) {
+  TellUnsupported("SetAllControlMode");
+}
+void KorvaneLumenCanPrivateImpl::SetCurrentThreshold(std::uint8_t, short) {
+  TellUnsupported("SetCurrentThreshold");
+}
+void KorvaneLumenCanPrivateImpl::SetAllCurrentThreshold(const std::vector<short>&) {
+  TellUnsupported("SetAllCurrentThreshold");
+}
+void KorvaneLumenCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>&) {
+  TellUnsupported("MixCtrlJointMotor");
+}
+
+std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetFingertipSensor(std::uint8_t) const {
+  return TellNoSensors("GetFingertipSensor");
+}
+std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorA() const {
+  return TellNoSensors("GetAllFingertipSensorA");
+}
+std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorB() const {
+  return TellNoSensors("GetAllFingertipSensorB");
+}
+std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorC() const {
+  return TellNoSensors("GetAllFingertipSensorC");
+}
+
+}  // namespace talvera::korvane

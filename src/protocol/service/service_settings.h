@@ -1,0 +1,102 @@
+#pragma once
+
+#include "private_korvane.h"
+#include "protocol/service/service_command.h"
+
+namespace talvera::korvane {
+
+/// In what the settings of one hand on one link differ from those of another.
+struct SerialBrisaSettings {
+  /// The axes that have a homing offset.
+  static constexpr std::uint8_t kHomingAxes = 10;
+  /// The bytes of an overload torque or time that are sent.
+  static constexpr std::uint8_t kOverloadBytes = 2;
+};
+
+/// The settings of the service interface, over one way to send a command. `Base` is a service
+/// class, `Settings` a type like the one above.
+template <class Base, class Settings>
+class WithServiceSettings : public Base {
+  using Byte = std::uint8_t;
+  using Word = std::uint16_t;
+
+ public:
+  using Base::Base;
+
+  bool SetPowerState(Byte state) override { return Set(setting::kPowerState, state); }
+  bool SetId(Word id) override { return Set(setting::kId, id); }
+  bool PlayAction(Byte action) override { return Set(setting::kPlayAction, action); }
+  bool SetRightOrLeft(Byte side) override { return Set(setting::kRightOrLeft, side); }
+  bool SetTemperatureThreshold(Byte threshold) override {
+    return Set(setting::kTemperatureThreshold, threshold);
+  }
+  bool SetAllAxisCvpUploadInterval(Word interval) override {
+    return Set(setting::kCvpUploadInterval, interval);
+  }
+
+  bool SetRunMode(Byte axis, Byte mode) override { return Set(setting::kRunMode, axis, mode); }
+  bool SetAxisMinPos(Byte axis, Word pos) override { return Set(setting::kAxisMinPos, axis, pos); }
+  bool SetAxisMaxPos(Byte axis, Word pos) override { return Set(setting::kAxisMaxPos, axis, pos); }
+  bool SetMinTorque(Byte axis, Byte value) override {
+    return Set(setting::kMinTorque, axis, value);
+  }
+  bool SetAxisHoming(Byte axis, std::int16_t value) override {
+    return axis <= Settings::kHomingAxes && Set(setting::kAxisHoming, axis, value);
+  }
+  bool SaveParam() override { return Execute("SaveParam", ServiceCommand::kSaveParam, {}); }
+  bool SetOverloadTorque(Byte axis, Word torque) override {
+    return Set(Shortened(setting::kOverloadTorque), axis, torque);
+  }
+  bool ClearError() override { return Execute("ClearError", ServiceCommand::kClearError, {}); }
+  bool SetOverloadProtectionTime(Byte axis, Word time) override {
+    return Set(Shortened(setting::kOverloadProtectionTime), axis, time);
+  }
+  bool ClearAllLimitPos() override {
+    return Execute("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos, {});
+  }
+  bool SetProtectedTorque(Byte axis, Byte torque) override {
+    return Set(setting::kProtectedTorque, axis, torque);
+  }
+  bool SetAllRunSpeed(const std::vector<std::int16_t>& speeds) override {
+    return speeds.size() == 10 && Execute("SetAllRunSpeed", ServiceCommand::kSetAllRunSpeed,
+                                          ServicePayload().AddAll(speeds));
+  }
+  bool SetProtectiveCurrent(Byte axis, Word current) override {
+    return Set(setting::kProtectiveCurrent, axis, current);
+  }
+  bool SetProductSerialNumber(const std::vector<Byte>& number) override {
+    return number.size() == sizeof(ProductSerialNumber) &&
+           Execute("SetProductSerialNumber", ServiceCommand::kSetProductSerialNumber,
+                   ServicePayload().AddAll(number));
+  }
+
+ protected:
+  /// Sends the command and waits. True if the hand took it, as far as the link tells. False,
+  /// silently, while the link isn't open.
+  virtual bool Execute(const char* operation, ServiceCommand command,
+                       const ServicePayload& payload) = 0;
+
+  bool Set(const ServiceSetting& setting, int value) {
+    return setting.Takes(value) &&
+           Execute(setting.operation, setting.command, Value(setting, ServicePayload(), value));
+  }
+
+  bool Set(const ServiceSetting& setting, Byte axis, int value) {
+    return setting.TakesAxis(axis) && setting.Takes(value) &&
+           Execute(setting.operation, setting.command,
+                   Value(setting, ServicePayload().Add8(axis), value));
+  }
+
+ private:
+  static constexpr ServiceSetting Shortened(ServiceSetting setting) {
+    setting.value_bytes = Settings::kOverloadBytes;
+    return setting;
+  }
+
+  static ServicePayload Value(const ServiceSetting& setting, ServicePayload payload, int value) {
+    const auto bits = static_cast<unsigned>(value);
+    return setting.value_bytes == 1 ? payload.Add8(bits) : payload.Add16(bits);
+  }
+};
+
+}  // namespace talvera::korvane

@@ -1,0 +1,203 @@
+#include "protocol/service/service_update.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "can/can_link.h"
+#include "protocol/service/service_frame.h"
+#include "util/bytes.h"
+#include "util/crc16.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::size_t kReplyLength = 6;
+constexpr std::size_t kDataPerFrame = kMaxPayload - 1;
+constexpr int kUnusableCode = -1;
+
+// The pacing is all there is of flow control.
+constexpr milliseconds kAfterChecksum{10};
+constexpr milliseconds kAfterDataFrame{5};
+
+constexpr milliseconds kPoll{500};
+constexpr int kPacketPolls = 600;
+constexpr int kFlagPolls = 60;
+constexpr milliseconds kBeforeReconnect{100};
+constexpr int kReconnectAttempts = 10;
+
+bool IsReply(const CanfdFrame& frame) {
+  return frame.len >= kReplyLength &&
+         frame.data[0] == static_cast<std::uint8_t>(ServiceCommand::kUpdateReply);
+}
+
+}  // namespace
+
+ServiceUpdate::ServiceUpdate(const char* class_name, ServiceUpdateState& state, const CanLink& link,
+                             Korvane& hand)
+    : class_name_(class_name), state_(state), link_(link), hand_(hand) {}
+
+// --- Frames ---------------------------------------------------------------------------------
+
+CanfdFrame ServiceUpdate::Request(std::uint8_t child, std::uint32_t file_size,
+                                  std::uint16_t packets) const {
+  const auto payload = ServicePayload().Add8(child).Add32(file_size).Add16(packets);
+  return link_.Request(ServiceFrame(ServiceCommand::kUpdateRequest, payload), 0);
+}
+
+void ServiceUpdate::SendPacket(const FirmwarePacket& packet, std::uint16_t number) const {
+  const std::uint16_t crc = Crc16Modbus(packet.data(), packet.size());
+  link_.Send(ServiceFrame(ServiceCommand::kUpdateRequest,
+                          ServicePayload().Add8(kPacketChild).Add16(number).Add16(crc)));
+  state_.ota_clock->SleepFor(kAfterChecksum);
+  for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
+    const std::size_t size = std::min(kDataPerFrame, packet.size() - at);
+    link_.Send(ServiceFrame(ServiceCommand::kUpdateData, &packet[at], size));
+    state_.ota_clock->SleepFor(kAfterDataFrame);
+  }
+}
+
+void ServiceUpdate::SendFinish() const {
+  link_.Send(
+      ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0)));
+}
+
+void ServiceUpdate::SendRestart() const {
+  link_.Send(
+      ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0)));
+}
+
+// --- Replies, on the receive thread ---------------------------------------------------------
+
+void ServiceUpdate::OnFrame(const CanfdFrame& frame) {
+  if ((frame.can_id & kCanIdMask) != kServiceId || !IsReply(frame)) return;
+  OnResponse(frame.data[1], LoadU32(frame.data + 2));
+}
+
+void ServiceUpdate::OnResponse(std::uint8_t child, std::uint32_t status) {
+  state_.ota_status = status;
+  state_.ota_child_id = child;
+  state_.ota_package_result = status;
+  if (child == kFinishChild && status == 0) state_.ota_finish_ok = true;
+  if (child == kRestartChild && status == 0) state_.ota_restart_ok = true;
+  state_.ota_responded = true;
+}
+
+// --- The run --------------------------------------------------------------------------------
+
+/// However it ends, the callback goes with it.
+void ServiceUpdate::Run(const std::string& path, ProgressCallback callback) {
+  state_.SetCallback(std::move(callback));
+  if (Attempt(path)) Reconnect();
+  state_.ClearCallback();
+}
+
+bool ServiceUpdate::Attempt(const std::string& path) {
+  std::size_t file_size = 0;
+  if (!Load(path, file_size) || !RequestUpgrade(file_size) || !Transmit()) return false;
+  state_.Report(state_.Total(), OtaProgressStatus::FINISH_ACKNOWLEDGED);
+  SendFinish();
+  if (!AwaitFlag(state_.ota_finish_ok)) {
+    state_.ReportFailure(kFinishTimeoutCode);
+    return false;
+  }
+  SendRestart();
+  if (!AwaitFlag(state_.ota_restart_ok)) {
+    state_.ReportFailure(kRestartTimeoutCode);
+    return false;
+  }
+  return true;
+}
+
+bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
+  if (!hand_.connected || !link_.transport) {
+    state_.Report(kUnusableCode, 0, OtaProgressStatus::FAILED);
+    return false;
+  }
+  state_.ota_child_id = -1;
+  file_size = state_.Load(path, [&](int error_code) {
+    if (error_code != kCannotOpenFirmware) return;
+    LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
+  });
+  return file_size != 0;
+}
+
+bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
+  CanfdFrame reply;
+  try {
+    reply = Request(kUpgradeChild, static_cast<std::uint32_t>(file_size),
+                    static_cast<std::uint16_t>(state_.Total()));
+  } catch (const std::exception& error) {
+    LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware upgrade request: ", error.what()));
+  }
+  const std::uint32_t status = LoadU32(reply.data + 2);
+  if (!IsReply(reply)) {
+    state_.ReportFailure(kNoReplyCode);
+  } else if (status != 0) {
+    state_.ReportFailure(static_cast<int>(status));
+  } else {
+    state_.Report(0, OtaProgressStatus::UPGRADE_ACCEPTED);
+    return true;
+  }
+  return false;
+}
+
+/// Each packet has its own time, in which its repetitions count too: a reply that speaks of
+/// something else has the packet sent again.
+bool ServiceUpdate::Transmit() {
+  int polls = 0;
+  while (const auto packet = state_.FrontPacket()) {
+    const bool answered = SendAndAwait(*packet, polls);
+    if (answered && state_.ota_child_id == kPacketChild) {
+      if (!TakeAcknowledgment()) return false;
+      polls = 0;
+    } else if (!answered || ++polls >= kPacketPolls) {
+      state_.ReportFailure(kTransmissionTimeoutCode);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool ServiceUpdate::SendAndAwait(const FirmwarePacket& packet, int& polls) {
+  state_.ota_responded = false;
+  SendPacket(packet, static_cast<std::uint16_t>(state_.ota_package_index));
+  for (; !state_.ota_responded && polls < kPacketPolls; ++polls) {
+    state_.ota_clock->SleepFor(kPoll);
+  }
+  return state_.ota_responded;
+}
+
+bool ServiceUpdate::TakeAcknowledgment() {
+  const std::uint32_t result = state_.ota_package_result;
+  if (result != 0) {
+    state_.ReportFailure(PacketFailureCode(result));
+    return false;
+  }
+  state_.PopPacket();
+  const std::uint32_t acknowledged = ++state_.ota_package_index;
+  state_.Report(static_cast<int>(acknowledged), OtaProgressStatus::PACKET_ACKNOWLEDGED);
+  return true;
+}
+
+bool ServiceUpdate::AwaitFlag(const std::atomic<bool>& flag) {
+  for (int polls = 0; !flag && polls < kFlagPolls; ++polls) state_.ota_clock->SleepFor(kPoll);
+  return flag;
+}
+
+/// Waits until the hand answers again. One that doesn't has an update that counts as done.
+void ServiceUpdate::Reconnect() {
+  state_.ota_clock->SleepFor(kBeforeReconnect);
+  for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
+    state_.Report(state_.Total(), OtaProgressStatus::RECONNECTING);
+    if (!hand_.GetVendorInfo().product_model.empty()) break;
+    state_.ota_clock->SleepFor(kPoll);
+  }
+  state_.Report(state_.Total(), OtaProgressStatus::COMPLETE);
+}
+
+}  // namespace talvera::korvane

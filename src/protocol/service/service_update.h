@@ -1,0 +1,58 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "can/can_frame.h"
+#include "korvane.h"
+#include "update/update_progress.h"
+
+namespace talvera::korvane {
+
+class CanLink;
+
+/// What an update over the service protocol keeps besides its progress. The flags are raised last:
+/// who sees one finds the rest in place.
+struct ServiceUpdateState : UpdateProgress {
+  std::atomic<std::int32_t> ota_child_id{-1};
+  std::atomic<std::uint32_t> ota_package_result{kWaitingResponse};
+  std::atomic<bool> ota_responded{false};
+};
+
+/// The firmware update of one hand over the service protocol. The caller's thread runs the whole of
+/// it and waits for each acknowledgment itself; the receive thread only leaves replies.
+class ServiceUpdate {
+ public:
+  ServiceUpdate(const char* class_name, ServiceUpdateState& state, const CanLink& link,
+                Korvane& hand);
+
+  void Run(const std::string& path, ProgressCallback callback);
+
+  /// Takes a frame that no request waits for, on the receive thread.
+  void OnFrame(const CanfdFrame& frame);
+  void OnResponse(std::uint8_t child, std::uint32_t status);
+
+  /// The reply to a request of the update. Throws std::runtime_error.
+  CanfdFrame Request(std::uint8_t child, std::uint32_t file_size, std::uint16_t packets) const;
+  void SendPacket(const FirmwarePacket& packet, std::uint16_t number) const;
+  void SendFinish() const;
+  void SendRestart() const;
+
+ private:
+  bool Attempt(const std::string& path);
+  bool Load(const std::string& path, std::size_t& file_size);
+  bool RequestUpgrade(std::size_t file_size);
+  bool Transmit();
+  bool SendAndAwait(const FirmwarePacket& packet, int& polls);
+  bool TakeAcknowledgment();
+  bool AwaitFlag(const std::atomic<bool>& flag);
+  void Reconnect();
+
+  const char* class_name_;
+  ServiceUpdateState& state_;
+  const CanLink& link_;
+  Korvane& hand_;
+};
+
+}  // namespace talvera::korvane
