@@ -1,9 +1,6 @@
 #include "can/can_bus_device.h"
 
 #include <algorithm>
-#include <ctime>
-#include <iomanip>
-#include <iostream>
 #include <stdexcept>
 #include <system_error>
 
@@ -26,11 +23,9 @@ std::int64_t SystemNanoseconds() {
 /// Identifier byte 2: what the frame is about.
 std::uint8_t MessageType(std::uint32_t can_id) { return static_cast<std::uint8_t>(can_id >> 16); }
 
-std::string Hex(std::uint32_t value) { return Compose(std::hex, value); }
-
 /// data[at] of the first frame, 0 when there is none.
-unsigned FirstFrameByte(const std::vector<CanfdFrame>& frames, std::size_t at) {
-  return frames.empty() ? 0U : frames.front().data[at];
+std::uint8_t FirstFrameByte(const std::vector<CanfdFrame>& frames, std::size_t at) {
+  return frames.empty() ? std::uint8_t{0} : frames.front().data[at];
 }
 
 /// Runs what calls an application's or a protocol class's function. The receive thread goes on,
@@ -54,25 +49,9 @@ std::mutex CanBusDeviceBase::s_data_details_log_mutex_;
 
 std::string FormatFrame(const CanfdFrame& frame) {
   const bool extended = frame.can_id > kMaxStandardId;
-  std::ostringstream text;
-  text << "[CANID:" << std::hex << std::setfill('0') << std::setw(extended ? 8 : 3)
-       << (extended ? frame.can_id & kCanIdMask : frame.can_id) << "][DATA:";
-  for (std::size_t i = 0; i < std::min(frame.len, kMaxPayload); ++i) {
-    text << std::setw(2) << static_cast<unsigned>(frame.data[i]) << ' ';
-  }
-  text << ']';
-  return text.str();
-}
-
-std::string FormatTimestamp(std::chrono::system_clock::time_point time) {
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-  const auto microseconds =
-      std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count() %
-      1'000'000;
-  std::tm local{};
-  localtime_r(&seconds, &local);
-  return Compose('[', std::put_time(&local, "%Y-%m-%d %H:%M:%S"), '.', std::setfill('0'),
-                 std::setw(6), microseconds, ']');
+  return Compose("[CANID:", std::hex, std::setfill('0'), std::setw(extended ? 8 : 3),
+                 extended ? frame.can_id & kCanIdMask : frame.can_id,
+                 "][DATA:", HexBytes(frame.data, std::min(frame.len, kMaxPayload)), ']');
 }
 
 /// One request in flight. The constructor waits for its turn and sends; whatever ends the exchange
@@ -304,26 +283,24 @@ std::string CanBusDeviceBase::DescribeMissingFrame(std::uint32_t request_id, std
                                                    std::uint8_t index, std::uint8_t total,
                                                    const std::vector<CanfdFrame>& result) {
   const std::lock_guard lock(request_mutex_);
-  std::ostringstream text;
-  text << "[DEBUG][MultiFrame] timeout waiting for frame " << unsigned{index} << '/'
-       << unsigned{total} << " | req_id=0x" << Hex(request_id) << " | rep_id=0x" << Hex(key)
-       << " | frames_received=" << result.size()
-       << " | first_frame_data[0]=" << FirstFrameByte(result, 0)
-       << " data[1]=" << FirstFrameByte(result, 1);
+  std::string text = Compose(
+      "[DEBUG][MultiFrame] timeout waiting for frame ", index, '/', total, " | req_id=0x",
+      Hex(request_id), " | rep_id=0x", Hex(key), " | frames_received=", result.size(),
+      " | first_frame_data[0]=", FirstFrameByte(result, 0), " data[1]=", FirstFrameByte(result, 1));
   const auto entry = umap_multiframe_rep_.find(key);
   if (entry == umap_multiframe_rep_.end()) {
-    text << " | umap_multiframe_rep_ empty for this rep_id";
+    text += " | umap_multiframe_rep_ empty for this rep_id";
   } else {
-    text << " | umap_multiframe_rep_ has frames: [";
-    for (const auto& stored : entry->second) text << unsigned{stored.first} << ' ';
-    text << ']';
+    text += " | umap_multiframe_rep_ has frames: [";
+    for (const auto& stored : entry->second) text += Compose(stored.first, ' ');
+    text += ']';
   }
   const auto single = umap_rep_.find(key);
   if (single != umap_rep_.end()) {
-    text << " | umap_rep_ has frame with data[0]=" << unsigned{single->second.data[0]}
-         << " data[1]=" << unsigned{single->second.data[1]};
+    text += Compose(" | umap_rep_ has frame with data[0]=", single->second.data[0],
+                    " data[1]=", single->second.data[1]);
   }
-  return text.str();
+  return text;
 }
 
 void CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& rules) {
@@ -406,7 +383,7 @@ void CanBusDeviceBase::LogBareFrame(const CanfdFrame& frame) const {
   if (!show_data_details_.load(std::memory_order_acquire)) return;
   const std::string text = "RCV: " + FormatFrame(frame);
   const std::lock_guard lock(s_data_details_log_mutex_);
-  std::cout << text << std::flush;
+  LogInfoText(text);
 }
 
 }  // namespace talvera::korvane

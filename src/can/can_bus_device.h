@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "can/can_frame.h"
+#include "util/text.h"
 
 namespace talvera::korvane {
 
@@ -193,8 +194,5 @@ class CanBusDeviceBase {
 /// "[CANID:..][DATA:..]": the identifier in 3 hexadecimal digits up to 0x7FF and in 8 above it,
 /// then every payload byte followed by a blank.
 std::string FormatFrame(const CanfdFrame& frame);
-
-/// "[YYYY-MM-DD HH:MM:SS.uuuuuu]", local time.
-std::string FormatTimestamp(std::chrono::system_clock::time_point time);
 
 }  // namespace talvera::korvane

@@ -82,7 +82,7 @@ std::optional<HcanDeviceInfo> ReadDeviceInfo(int index) {
   info.hardware_type = FieldText(record.hardware_type, sizeof record.hardware_type);
   info.channels = record.channels == 0 ? kUsualChannels : record.channels;
   LogInfo(Compose("[HCAN] Found device ", index, ": ", info.hardware_type,
-                  ", SN=", info.serial_number, ", Channels=", int{info.channels}));
+                  ", SN=", info.serial_number, ", Channels=", info.channels));
   return info;
 }
 
@@ -137,13 +137,13 @@ HcanDevice::HcanDevice(const std::string& serial_number, std::uint8_t channel,
   }
   if (channel >= device->channels) {
     running_ = false;
-    LogError(Compose("[HCAN ERROR] Channel ", int{channel}, " exceeds available channels (",
-                     int{device->channels}, ") for device ", device->adapter_index));
+    LogError(Compose("[HCAN ERROR] Channel ", channel, " exceeds available channels (",
+                     device->channels, ") for device ", device->adapter_index));
     return;
   }
   adapter_index_ = static_cast<std::uint8_t>(device->adapter_index);
   LogInfo(Compose("[HCAN] Found device by serial number: dev_id=", device->adapter_index,
-                  ", channel_id=", int{channel}, ", SN=", device->serial_number));
+                  ", channel_id=", channel, ", SN=", device->serial_number));
   OpenAndReceive();
 }
 
@@ -156,8 +156,8 @@ void HcanDevice::OpenAndReceive() {
   if (product_type_ == kBroadcastProduct) return;
   if (HcanDevice::OpenDevice() == -1) return;
   if (!StartReceiveThread(recv_thread_)) return;
-  LogInfo(Compose("[HCAN] Receive thread started for device ", int{adapter_index_}, " channel ",
-                  int{channel_id_}));
+  LogInfo(Compose("[HCAN] Receive thread started for device ", adapter_index_, " channel ",
+                  channel_id_));
 }
 
 std::vector<HcanDeviceInfo> HcanDevice::ScanHcanDevices() {
@@ -200,7 +200,7 @@ int HcanDevice::OpenDevice() {
   if (in_use != DeviceRefCounts().end() && in_use->second > 0) {
     ++counted_;
     ++in_use->second;
-    LogInfo(Compose("[HCAN] Device ", int{adapter_index_}, " ch ", int{channel_id_},
+    LogInfo(Compose("[HCAN] Device ", adapter_index_, " ch ", channel_id_,
                     " already opened, ref_count=", in_use->second));
     return 0;
   }
@@ -211,7 +211,7 @@ int HcanDevice::OpenDevice() {
   }
   ++counted_;
   DeviceRefCounts()[adapter_index_] = 1;
-  LogInfo(Compose("[HCAN] Device ", int{adapter_index_}, " channel ", int{channel_id_},
+  LogInfo(Compose("[HCAN] Device ", adapter_index_, " channel ", channel_id_,
                   " opened successfully (CANFD mode)"));
   return 0;
 }
@@ -224,17 +224,16 @@ bool HcanDevice::OpenChannel() const {
     return false;
   }
   if (adapter_index_ >= count) {
-    LogError(
-        Compose("[HCAN ERROR] Device ID ", int{adapter_index_}, " exceeds device count ", count));
+    LogError(Compose("[HCAN ERROR] Device ID ", adapter_index_, " exceeds device count ", count));
     return false;
   }
   const int result = CanBus().open_device(adapter_index_, channel_id_);
   if (result < 0) {
-    LogError(Compose("[HCAN ERROR] Failed to open device ", int{adapter_index_}, ", channel ",
-                     int{channel_id_}, ", ret=", result));
+    LogError(Compose("[HCAN ERROR] Failed to open device ", adapter_index_, ", channel ",
+                     channel_id_, ", ret=", result));
     return false;
   }
-  LogInfo(Compose("[HCAN] Device ", int{adapter_index_}, ", channel ", int{channel_id_},
+  LogInfo(Compose("[HCAN] Device ", adapter_index_, ", channel ", channel_id_,
                   " opened successfully, ret=", result));
   return true;
 }
@@ -250,14 +249,14 @@ bool HcanDevice::CheckClock() const {
 }
 
 bool HcanDevice::InitialiseChannel() const {
-  LogInfo(Compose("[HCAN] Setting CANFD config, product_type_=", int{product_type_}));
+  LogInfo(Compose("[HCAN] Setting CANFD config, product_type_=", product_type_));
   LogInfo(product_type_ == kTesselProduct ? "[HCAN] TS9: 1M@80%, 5M@80% (80MHz)"
                                           : "[HCAN] 1M@80%, 5M@75% (80MHz)");
   auto config = InitialisationRecord(product_type_);
   const int result = CanBus().init(adapter_index_, channel_id_, config.data());
   if (result < 0) {
     LogError(Compose("[HCAN ERROR] Failed to initialize CANFD device, ret=", result,
-                     ", product_type_=", int{product_type_}));
+                     ", product_type_=", product_type_));
     return false;
   }
   LogInfo(Compose("[HCAN] Device initialized successfully, ret=", result));
@@ -271,11 +270,10 @@ int HcanDevice::CloseDevice() {
   int& count = DeviceRefCounts()[adapter_index_];
   if (count < 1) return 0;
   --count;
-  LogInfo(Compose("[HCAN] Device ", int{adapter_index_}, " ch ", int{channel_id_},
-                  " ref_count=", count));
+  LogInfo(Compose("[HCAN] Device ", adapter_index_, " ch ", channel_id_, " ref_count=", count));
   if (count > 0) return 0;
   CanBus().close_device(adapter_index_, channel_id_);
-  LogInfo(Compose("[HCAN] Device ", int{adapter_index_}, " closed"));
+  LogInfo(Compose("[HCAN] Device ", adapter_index_, " closed"));
   return 0;
 }
 
@@ -297,8 +295,8 @@ int HcanDevice::SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len
 }
 
 void HcanDevice::RecvFrame() {
-  LogInfo(Compose("[HCAN] RecvFrame thread started for device ", int{adapter_index_}, " channel ",
-                  int{channel_id_}));
+  LogInfo(Compose("[HCAN] RecvFrame thread started for device ", adapter_index_, " channel ",
+                  channel_id_));
   std::array<std::uint8_t, kReceiveCapacity * kFrameSize> records;
   while (!stop_flag_) {
     records.fill(0);

@@ -75,9 +75,8 @@ std::optional<CanfdDeviceInfo> ReadBoardInfo(std::uint8_t index) {
   info.hardware_type = TrimmedText(&board[kBoardHardwareType], kBoardHardwareTypeSize);
   info.channels = board[kBoardChannels];
   info.device_type = kDeviceType;
-  LogInfo(Compose("[INFO]: Found device ", int{index}, " (type=", kDeviceType,
-                  "): ", info.hardware_type, ", SN=", info.serial_number,
-                  ", Channels=", int{info.channels}));
+  LogInfo(Compose("[INFO]: Found device ", index, " (type=", kDeviceType, "): ", info.hardware_type,
+                  ", SN=", info.serial_number, ", Channels=", info.channels));
   return info;
 }
 
@@ -204,7 +203,7 @@ void ZlgUsbcanfdDevice::Scan() {
 
 /// "device <i> channel <c>"
 std::string ZlgUsbcanfdDevice::Place() const {
-  return Compose("device ", int{adapter_index_}, " channel ", int{channel_id_});
+  return Compose("device ", adapter_index_, " channel ", channel_id_);
 }
 
 int ZlgUsbcanfdDevice::SetParameter(std::uint32_t command, int value) const {
@@ -223,7 +222,7 @@ int ZlgUsbcanfdDevice::OpenDevice() {
     already_open = entry != table.canfd_device_info_cache.end() && entry->second.opened;
   }
   if (already_open) {
-    LogInfo(Compose("[INFO]: Device ", int{adapter_index_}, " already open, reusing."));
+    LogInfo(Compose("[INFO]: Device ", adapter_index_, " already open, reusing."));
   } else if (!MarkOpened()) {
     return -1;
   }
@@ -242,17 +241,17 @@ int ZlgUsbcanfdDevice::OpenDevice() {
   LogInfo(Compose("[INFO]: Start canfd ", Place(), " successfully."));
   ++counted_;
   ++entry.ref_count;
-  LogInfo(Compose("[INFO]: Device ", int{adapter_index_}, " ref count: ", entry.ref_count));
+  LogInfo(Compose("[INFO]: Device ", adapter_index_, " ref count: ", entry.ref_count));
   return 0;
 }
 
 /// Opens the physical device and records that it is open.
 bool ZlgUsbcanfdDevice::MarkOpened() {
   if (UsbCanFd().open_device(device_type_, adapter_index_, 0) == 0) {
-    LogError(Compose("[ERROR]: Open device ", int{adapter_index_}, " usbcanfd failed!"));
+    LogError(Compose("[ERROR]: Open device ", adapter_index_, " usbcanfd failed!"));
     return false;
   }
-  LogInfo(Compose("[INFO]: Open device ", int{adapter_index_}, " usbcanfd successfully."));
+  LogInfo(Compose("[INFO]: Open device ", adapter_index_, " usbcanfd successfully."));
   CanfdDeviceTable& table = CanfdDevices();
   const std::lock_guard lock(table.scan_cache_mutex_);
   const auto [entry, created] = table.canfd_device_info_cache.try_emplace(adapter_index_);
@@ -307,14 +306,14 @@ int ZlgUsbcanfdDevice::CloseDevice() {
   }
   if (in_use >= 1) {
     --entry->second.ref_count;
-    LogInfo(Compose("[INFO]: Device ", int{adapter_index_}, " ref count: ", in_use - 1));
+    LogInfo(Compose("[INFO]: Device ", adapter_index_, " ref count: ", in_use - 1));
     if (in_use > 1) return result;
   }
   if (known) entry->second.ref_count = 0;
   if (UsbCanFd().close_device(device_type_, adapter_index_) != 0) {
-    LogInfo(Compose("[INFO]: Close canfd device ", int{adapter_index_}, " successfully."));
+    LogInfo(Compose("[INFO]: Close canfd device ", adapter_index_, " successfully."));
   } else {
-    LogError(Compose("[ERROR]: Close canfd device ", int{adapter_index_}, " failed!"));
+    LogError(Compose("[ERROR]: Close canfd device ", adapter_index_, " failed!"));
     result = -1;
   }
   return result;
@@ -333,9 +332,9 @@ int ZlgUsbcanfdDevice::SendFrame(std::uint32_t id, std::uint8_t* data, std::uint
       UsbCanFd().transmit_fd(device_type_, adapter_index_, channel_id_, record.data(), 1);
   if (sent == 1) return 0;
   LogError(Compose("[ZLG CAN ERROR] VCI_TransmitFD failed: returned ", sent,
-                   " (expected 1), device_type=", device_type_, ", canfd_id=", int{adapter_index_},
-                   ", channel_id=", int{channel_id_}, ", id=0x", std::hex, std::setfill('0'),
-                   std::setw(8), id, std::dec, ", len=", int{len}));
+                   " (expected 1), device_type=", device_type_, ", canfd_id=", adapter_index_,
+                   ", channel_id=", channel_id_, ", id=0x", std::hex, std::setfill('0'),
+                   std::setw(8), id, std::dec, ", len=", len));
   return -1;
 }
 

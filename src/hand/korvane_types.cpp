@@ -5,8 +5,8 @@
 namespace talvera::korvane {
 
 std::string Version::ToString() const {
-  const std::string text = Compose(int{major}, '.', int{minor}, '.', int{patch});
-  return build != 0 ? Compose(text, '.', int{build}) : text;
+  const std::string text = Compose(major, '.', minor, '.', patch);
+  return build != 0 ? Compose(text, '.', build) : text;
 }
 
 std::string VendorInfo::ToString() const {
@@ -14,7 +14,7 @@ std::string VendorInfo::ToString() const {
                  "]\n\t[Hardware Version: ", hardware_version.ToString(),
                  "]\n\t[Software Version: ", software_version.ToString(),
                  "]\n\t[Supply Voltage: ", supply_voltage_mv,
-                 "mV]\n\t[Active Degrees of Freedom: ", int{active_dof}, "]\n");
+                 "mV]\n\t[Active Degrees of Freedom: ", active_dof, "]\n");
 }
 
 }  // namespace talvera::korvane

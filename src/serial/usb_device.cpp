@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iomanip>
 #include <string>
 
-#include "can/can_bus_device.h"
 #include "util/bytes.h"
 #include "util/log.h"
 
@@ -38,13 +36,6 @@ const std::string& RefuseOtherFiles(const std::string& port) {
     throw serial::IOException(__FILE__, __LINE__, ENOTTY);
   }
   return port;
-}
-
-std::string HexBytes(const std::uint8_t* bytes, std::size_t size) {
-  std::ostringstream text;
-  text << std::hex << std::setfill('0');
-  for (std::size_t i = 0; i < size; ++i) text << std::setw(2) << unsigned{bytes[i]} << ' ';
-  return text.str();
 }
 
 }  // namespace
@@ -244,7 +235,7 @@ std::size_t UsbSerialDevice::AcceptedSize(const std::uint8_t* bytes, std::size_t
   if (TrailerPasses(bytes)) return size;
   LogError(Compose("[USB] drop frame: CRC mismatch recv=0x", std::hex,
                    LoadU16(bytes + size - kUsbFrameTrailerSize), " child_id=0x",
-                   unsigned{bytes[kUsbFrameData]}));
+                   bytes[kUsbFrameData]));
   return 0;
 }
 

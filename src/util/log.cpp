@@ -18,4 +18,6 @@ void LogErrorText(const std::string& text) { Write(std::cerr, text); }
 
 void LogInfo(const std::string& line) { Write(std::cout, line + "\n"); }
 
+void LogInfoText(const std::string& text) { Write(std::cout, text); }
+
 }  // namespace talvera::korvane

@@ -151,20 +151,21 @@ std::optional<CanfdFrame> CanHandEngine::Put(const Context& context, const Motor
 // --- Argument checks ------------------------------------------------------------------------
 
 std::string CanHandEngine::MotorCount(bool in_digits) const {
-  return in_digits ? Compose(int{model.motors}) : Compose(model.motors);
+  return in_digits ? Compose(model.motors) : Compose(RawByte{model.motors});
 }
 
 bool CanHandEngine::CheckIndex(std::uint8_t index) const {
   if (index >= 1 && index <= model.motors) return true;
   const Wording& wording = *model.wording;
-  LogError(Compose(wording.bad_index, int{index}, wording.bad_index_range,
+  LogError(Compose(wording.bad_index, index, wording.bad_index_range,
                    MotorCount(wording.count_in_digits), "."));
   return false;
 }
 
 bool CanHandEngine::CheckSize(std::size_t size) const {
   if (size == model.motors) return true;
-  LogError(Compose(model.wording->wrong_size, model.motors, model.wording->wrong_size_end));
+  LogError(
+      Compose(model.wording->wrong_size, RawByte{model.motors}, model.wording->wrong_size_end));
   return false;
 }
 
@@ -245,7 +246,7 @@ std::vector<short> CanHandEngine::WriteAllPositions(const std::vector<short>& po
   if (positions.size() != model.motors) {
     LogError(Compose("[ERROR][", model.class_name,
                      "][SetAllJointMotorPosi] Invalid parameter, size must match DOF ",
-                     model.motors));
+                     RawByte{model.motors}));
     return {};
   }
   const auto reply = WholeHandWrite(model.position, positions);
@@ -330,7 +331,7 @@ DeviceInfo CanHandEngine::ReadDeviceInfo() const {
     if (text == nullptr) {
       TellFailure({"GetDeviceInfo"}, error);
     } else {
-      LogError(Compose(text, int{hand_.device_id}, ", error: ", error.what()));
+      LogError(Compose(text, hand_.device_id, ", error: ", error.what()));
     }
   }
   return info;

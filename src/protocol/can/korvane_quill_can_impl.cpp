@@ -35,7 +35,7 @@ void KorvaneQuillCanImpl::SetMaxPositionCalibration(std::uint8_t joint) {
 void KorvaneQuillCanImpl::CalibrateJoint(std::uint8_t function, const char* end,
                                          std::uint8_t joint) const {
   if (joint >= 1 && joint <= kJoints) return Calibrate(function, end, joint);
-  LogError(Compose("[Error]: Invalid joint index ", int{joint}, ". Valid range is 1-", kJoints));
+  LogError(Compose("[Error]: Invalid joint index ", joint, ". Valid range is 1-", kJoints));
 }
 
 /// Joint 0 stands for all of them.
@@ -50,7 +50,7 @@ void KorvaneQuillCanImpl::Calibrate(std::uint8_t function, const char* end,
     engine_.TellFailure({lower ? "SetMinPositionCalibration" : "SetMaxPositionCalibration"}, error);
     return;
   }
-  const std::string which = joint == 0 ? "" : Compose(" for joint ", int{joint});
+  const std::string which = joint == 0 ? "" : Compose(" for joint ", joint);
   LogError(Compose("[Error]: Failed to send ", end, " position calibration request", which));
 }
 

@@ -36,7 +36,7 @@ bool CheckIndex(std::uint8_t index, const char* what = kMotorIndex) {
 
 /// "get motor current failed, joint_motor_index: 3"
 void TellReadFailed(const char* what, std::uint8_t index) {
-  LogInfo(Compose("get ", what, " failed, joint_motor_index: ", int{index}));
+  LogInfo(Compose("get ", what, " failed, joint_motor_index: ", index));
 }
 
 bool CheckTen(std::size_t count) {

@@ -34,13 +34,9 @@ constexpr int kFinishPolls = 80;
 constexpr int kRestartPolls = 20;
 constexpr seconds kRestarting{3};
 
-std::string HexBytes(const std::uint8_t* data, std::size_t size) {
-  std::ostringstream text;
-  text << std::hex << std::setfill('0');
-  for (std::size_t i = 0; i < size; ++i) {
-    text << (i == 0 ? "" : " ") << std::setw(2) << unsigned{data[i]};
-  }
-  return text.str();
+std::string WithoutLastBlank(std::string text) {
+  text.pop_back();
+  return text;
 }
 
 std::string Line(const std::string& text) {
@@ -121,8 +117,8 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
   const std::uint32_t result = LoadU32(data + 1);
   const std::uint8_t child = data[0];
   if (child < kUpgradeChild || child > kRestartChild) {
-    LogInfo(Compose("[USB_OTA][<unknown> child_id:0x", std::hex, int{child},
-                    "][responseValue:", HexBytes(data + 1, 4), "]"));
+    LogInfo(Compose("[USB_OTA][<unknown> child_id:0x", std::hex, child,
+                    "][responseValue:", WithoutLastBlank(HexBytes(data + 1, 4)), "]"));
     return;
   }
   // The flags come last: who sees one finds the result in place.
@@ -206,7 +202,7 @@ void SerialUpdate::FindValidationType() {
   state_.ota_validation_type = ValidationTypeOf(version.firmware);
   LogInfo(Compose("[USB_OTA][fw version: ", version.firmware.ToString(),
                   "][hw version: ", version.hardware.ToString(),
-                  "][validation type: ", int{state_.ota_validation_type}, "]"));
+                  "][validation type: ", state_.ota_validation_type.load(), "]"));
 }
 
 bool SerialUpdate::RequestUpgrade(std::uint32_t size) {
