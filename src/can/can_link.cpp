@@ -5,7 +5,6 @@
 #include "can/can_bus_device_socket_can.h"
 #include "can/hcan_device.h"
 #include "can/zlg_usbcanfd_device.h"
-#include "korvane.h"
 #include "util/log.h"
 
 namespace talvera::korvane {
@@ -87,13 +86,6 @@ std::unique_ptr<CanBusDeviceBase> MakeSocketCan(const std::string& interface_nam
 std::unique_ptr<CanBusDeviceBase> RefuseTcp(const char* class_name) {
   LogError(Compose("[ERROR] ", class_name, ": TCP CANFD is not supported on this platform."));
   return nullptr;
-}
-
-bool EnableConcurrentCalls(Korvane& hand) {
-  auto* const owner = dynamic_cast<CanLinkOwner*>(&hand);
-  if (owner == nullptr || !owner->Link().transport) return false;
-  owner->Link().transport->SetSerializedRequestQueue(false);
-  return true;
 }
 
 }  // namespace talvera::korvane

@@ -1,7 +1,4 @@
-#include "private_korvane.h"
-
 #include "private_korvane_brisa.h"
-#include "private_korvane_lumen.h"
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 
 namespace talvera::korvane {
@@ -13,10 +10,6 @@ std::unique_ptr<KorvaneBrisaSerialImpl> OnSerialPort(HandType hand, unsigned cha
 }
 
 }  // namespace
-
-PrivateKorvane::~PrivateKorvane() = default;
-PrivateKorvaneBrisa::~PrivateKorvaneBrisa() = default;
-PrivateKorvaneLumen::~PrivateKorvaneLumen() = default;
 
 // The two links differ in nothing but the name of the port.
 

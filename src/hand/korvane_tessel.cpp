@@ -1,6 +1,6 @@
 #include "korvane_tessel.h"
 
-#include "protocol/can/korvane_tessel_can_impl.h"
+#include "hand/hand_members.h"
 #include "solver/actuator_words.h"
 
 namespace talvera::korvane {
@@ -8,7 +8,7 @@ namespace talvera::korvane {
 KorvaneTessel::~KorvaneTessel() = default;
 
 void KorvaneTessel::Reset(std::uint8_t id, HandType hand) {
-  SetMembers(*this, TesselRow::kModel.model_code, id, hand);
+  SetMembers(*this, model_code::kTessel, id, hand);
   solver = std::make_unique<ts9::KorvaneTesselSolver>(mirrored);
 }
 

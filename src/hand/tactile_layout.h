@@ -1,11 +1,31 @@
 #pragma once
 
 #include <cstddef>
+#include <stdexcept>
 #include <vector>
 
 #include "korvane_types.h"
 
 namespace talvera::korvane {
+
+/// A finger of the enumeration, which an application may have cast from any number.
+constexpr bool IsFinger(Finger finger) {
+  return finger >= Finger::THUMB && finger <= Finger::DORSUM;
+}
+
+/// Throws std::invalid_argument ("Invalid finger type") for anything else.
+inline void RequireFinger(Finger finger) {
+  if (!IsFinger(finger)) throw std::invalid_argument("Invalid finger type");
+}
+
+/// Bytes in the summary of a one-axis sensor: that of a finger, and that of the palm or dorsum.
+inline constexpr std::size_t kFingerSummaryBytes = 16;
+inline constexpr std::size_t kPalmSummaryBytes = 25;
+
+constexpr std::size_t SummaryBytesOf(Finger finger) {
+  return finger == Finger::PALM || finger == Finger::DORSUM ? kPalmSummaryBytes
+                                                            : kFingerSummaryBytes;
+}
 
 struct SensorDataLength {
   Finger finger;

@@ -2,14 +2,14 @@
 
 #include <vector>
 
+#include "hand/kinematics.h"
 #include "solver/actuator_words.h"
 
 namespace talvera::korvane {
 
-/// Hands with a solver: joint angles to actuator inputs and back, by the solver's operations
-/// `Row::kToActuators` and `Row::kToJoints`. `Base` tells of a wrong number of angles in
-/// CheckJointCount.
-template <class Base, class Row>
+/// Hands with a solver: joint angles to actuator inputs and back, by `Kinematics` of the model.
+/// `Base` logs a wrong number of angles in CheckJointCount.
+template <class Base, class Kinematics>
 class WithJointAngles : public Base {
  public:
   using Base::Base;
@@ -17,12 +17,13 @@ class WithJointAngles : public Base {
   /// The angles that the hand echoed; none, silently, if the echo isn't one of all motors.
   std::vector<double> SetAllActiveJointAngles(const std::vector<double>& angles) override {
     if (!this->CheckJointCount(angles.size())) return {};
-    const auto echo = this->SetAllJointMotorPosi(ToWords(((*solver).*Row::kToActuators)(angles)));
-    if (echo.size() != Row::kModel.motors) return {};
-    return ((*solver).*Row::kToJoints)(ToInts(echo));
+    const auto echo =
+        this->SetAllJointMotorPosi(ToWords(((*solver).*Kinematics::kToActuators)(angles)));
+    if (echo.size() != Kinematics::kMotors) return {};
+    return ((*solver).*Kinematics::kToJoints)(ToInts(echo));
   }
   std::vector<double> GetAllActiveJointAngles() const override {
-    return ((*solver).*Row::kToJoints)(ToInts(this->GetAllJointMotorPosi()));
+    return ((*solver).*Kinematics::kToJoints)(ToInts(this->GetAllJointMotorPosi()));
   }
   std::vector<double> GetAllJointAngles() const override {
     return solver->GetAllJointPos(this->GetAllActiveJointAngles());

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "hand/mixed_targets.h"
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/reply_words.h"
 #include "util/bytes.h"
@@ -16,36 +17,21 @@ constexpr auto kNoControlMode = static_cast<ControlMode>(10);
 constexpr std::uint8_t kControlModeMask = 7;
 constexpr std::uint8_t kSetDeviceIdIndex = 1;
 
-/// Layout of a mixed command's elements, by mode.
-constexpr std::uint8_t kPositionCurrent = 4;
-constexpr std::uint8_t kVelocityCurrent = 5;
-constexpr std::uint8_t kPositionVelocityCurrent = 6;
-constexpr std::size_t kMaxFullElements = 8;
+/// An element of a mixed command with two targets: its motor, then two values.
 constexpr std::size_t kShortElementSize = 5;
 constexpr std::size_t kMaxShortElements = kMaxPayload / kShortElementSize;
 
-/// Where the targets lie in a MixCtrl. They aren't aligned, so they are read through copies.
-constexpr std::size_t kMixPosition = 1;
-constexpr std::size_t kMixVelocity = 5;
-constexpr std::size_t kMixCurrent = 9;
-static_assert(sizeof(std::optional<short>) == 4);
-static_assert(offsetof(MixCtrl, position) == kMixPosition);
-static_assert(offsetof(MixCtrl, velocity) == kMixVelocity);
-static_assert(offsetof(MixCtrl, current) == kMixCurrent);
-
-std::uint8_t* StoreTarget(std::uint8_t* out, const MixCtrl& element, std::size_t offset) {
-  std::optional<short> target;
-  std::memcpy(&target, reinterpret_cast<const std::uint8_t*>(&element) + offset, sizeof target);
-  StoreU16(out, static_cast<std::uint16_t>(target.value()));
+std::uint8_t* StoreTarget(std::uint8_t* out, const MixCtrl& element, MixTarget which) {
+  StoreU16(out, static_cast<std::uint16_t>(TargetOf(element, which).value()));
   return out + 2;
 }
 
 /// Throws std::bad_optional_access if a target that the mode needs isn't set.
 std::uint8_t* StoreElement(std::uint8_t* out, const MixCtrl& element, std::uint8_t mode) {
   std::memcpy(out++, &element, 1);
-  if (mode != kVelocityCurrent) out = StoreTarget(out, element, kMixPosition);
-  if (mode != kPositionCurrent) out = StoreTarget(out, element, kMixVelocity);
-  return StoreTarget(out, element, kMixCurrent);
+  if (mode != mix_mode::kVelocityCurrent) out = StoreTarget(out, element, MixTarget::kPosition);
+  if (mode != mix_mode::kPositionCurrent) out = StoreTarget(out, element, MixTarget::kVelocity);
+  return StoreTarget(out, element, MixTarget::kCurrent);
 }
 
 Version LoadVersion(const std::uint8_t* bytes) {
@@ -170,8 +156,8 @@ bool CanHandEngine::CheckSize(std::size_t size) const {
 }
 
 bool CanHandEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const {
-  if (mode == kPositionVelocityCurrent) {
-    if (count <= kMaxFullElements) return true;
+  if (mode == mix_mode::kPositionVelocityCurrent) {
+    if (count <= kMaxFullTargets) return true;
     LogError(model.wording->too_many_mixed);
     return false;
   }
@@ -295,7 +281,7 @@ void CanHandEngine::WriteAllControlModes(const std::vector<std::uint8_t>& modes)
 void CanHandEngine::WriteMixed(const std::vector<MixCtrl>& targets) const {
   if (targets.empty()) return;
   const std::uint8_t mode = targets.front().mix_mode;
-  if (mode < kPositionCurrent || mode > kPositionVelocityCurrent) return;
+  if (mode < mix_mode::kPositionCurrent || mode > mix_mode::kPositionVelocityCurrent) return;
   if (!CheckMixedCount(mode, targets.size())) return;
   CanfdFrame frame = WriteFrame(function_code::kMixedControl, 0);
   std::uint8_t* out = frame.data;

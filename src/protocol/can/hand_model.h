@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "hand/hand_members.h"
 #include "korvane.h"
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/can_update.h"
@@ -131,14 +132,6 @@ constexpr HandModel CommonModel(const char* class_name, std::uint8_t model_code,
   model.update.class_name = class_name;
   model.update.family = model.family;
   return model;
-}
-
-/// What a hand is, as its common members tell it.
-inline void SetMembers(Korvane& hand, std::uint8_t model_code, std::uint8_t device_id,
-                       HandType type) {
-  hand.model_code = model_code;
-  hand.device_id = device_id;
-  hand.mirrored = type == HandType::LEFT;
 }
 
 }  // namespace talvera::korvane

@@ -1,5 +1,6 @@
 #include "protocol/can/korvane_brisa_can_impl.h"
 
+#include "hand/tactile_layout.h"
 #include "protocol/can/tactile_reader.h"
 #include "util/log.h"
 

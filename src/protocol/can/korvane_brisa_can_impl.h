@@ -2,15 +2,29 @@
 
 #include "hand/with_joint_angles.h"
 #include "korvane_brisa.h"
-#include "protocol/can/brisa_row.h"
 #include "protocol/can/can_public_hand.h"
 
 namespace talvera::korvane {
 
+struct BrisaRow {
+  static constexpr HandModel kModel = [] {
+    HandModel model =
+        CommonModel("KorvaneBrisaCanImpl", model_code::kBrisa, BrisaKinematics::kMotors);
+    model.update.checksum_fallback = true;
+    model.update.replies_from = ReplySenders::kAny;
+    return model;
+  }();
+
+  static void Prepare(KorvaneBrisa& hand, std::uint8_t /*id*/, HandType type) {
+    BrisaKinematics::MakeSolver(hand, type);
+  }
+};
+
 /// The KorvaneBrisa over CAN FD: the common operations by its row, and what only it has, one-axis
 /// tactile sensors and a solver with a log.
 class KorvaneBrisaCanImpl
-    : public WithJointAngles<WithoutReportPeriods<CanMotorHand<KorvaneBrisa, BrisaRow>>, BrisaRow> {
+    : public WithJointAngles<WithoutReportPeriods<CanMotorHand<KorvaneBrisa, BrisaRow>>,
+                             BrisaKinematics> {
  public:
   using WithJointAngles::WithJointAngles;
 

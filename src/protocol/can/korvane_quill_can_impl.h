@@ -17,7 +17,7 @@ struct QuillRow {
   }();
 
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneQuillCanImpl", 2, /*motors=*/10);
+    HandModel model = CommonModel("KorvaneQuillCanImpl", model_code::kQuill, /*motors=*/10);
     model.family = model.update.family = 0x700;
     model.wording = &kWording;
     model.max_values = model.motors;

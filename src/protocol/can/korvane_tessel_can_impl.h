@@ -41,7 +41,8 @@ struct TesselRow {
   // Which writes wait for the hand's reply follows no rule that one could see; its firmware answers
   // just these.
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneTesselCanImpl", 1, /*motors=*/12);
+    HandModel model =
+        CommonModel("KorvaneTesselCanImpl", model_code::kTessel, TesselKinematics::kMotors);
     model.wording = &kWording;
     model.position.bad_index = model.velocity.bad_index = model.threshold.bad_index = 0;
     model.temperature.bad_index = model.current.bad_index = 0;
@@ -70,14 +71,12 @@ struct TesselRow {
   }();
 
   static void Prepare(KorvaneTessel& hand, std::uint8_t id, HandType type) { hand.Reset(id, type); }
-  static constexpr auto kToActuators = &ts9::KorvaneTesselSolver::ConvertJoint2Actuator;
-  static constexpr auto kToJoints = &ts9::KorvaneTesselSolver::ConvertActuator2Joint;
 };
 
 /// The KorvaneTessel over CAN FD: the common operations by its row, and what only it has, report
 /// periods and three-axis sensors.
 class KorvaneTesselCanImpl
-    : public WithJointAngles<CanMotorHand<KorvaneTessel, TesselRow>, TesselRow> {
+    : public WithJointAngles<CanMotorHand<KorvaneTessel, TesselRow>, TesselKinematics> {
  public:
   using WithJointAngles::WithJointAngles;
 

@@ -1,8 +1,8 @@
 #include "protocol/can/tactile_reader.h"
 
 #include <algorithm>
-#include <stdexcept>
 
+#include "hand/tactile_layout.h"
 #include "protocol/can/can_identifier.h"
 #include "util/log.h"
 
@@ -12,8 +12,6 @@ namespace {
 constexpr std::size_t kHeaderBytes = 2;
 constexpr std::size_t kBytesPerFrame = kMaxPayload - kHeaderBytes;
 constexpr std::uint8_t kAllSensorsFrames = 10;
-constexpr std::size_t kFingerSummary = 16;
-constexpr std::size_t kWideSummary = 25;
 
 std::uint8_t FramesFor(std::size_t bytes) {
   return static_cast<std::uint8_t>((bytes + kBytesPerFrame - 1) / kBytesPerFrame);
@@ -25,16 +23,9 @@ void Append(std::vector<std::uint8_t>& data, const CanfdFrame& frame, std::size_
 
 }  // namespace
 
-void RequireFinger(Finger finger) {
-  if (finger < Finger::THUMB || finger > Finger::DORSUM) {
-    throw std::invalid_argument("Invalid finger type");
-  }
-}
-
 std::vector<std::uint8_t> ReadTactileSummary(const CanHandEngine& engine, Finger finger) {
   RequireFinger(finger);
-  const bool wide = finger == Finger::PALM || finger == Finger::DORSUM;
-  std::vector<std::uint8_t> summary(wide ? kWideSummary : kFingerSummary);
+  std::vector<std::uint8_t> summary(SummaryBytesOf(finger));
   const auto number = static_cast<std::uint8_t>(finger);
   const auto reply = engine.Ask({"GetTactileSensorData", "finger", number},
                                 engine.ReadFrame(function_code::kTactileSummary, number));

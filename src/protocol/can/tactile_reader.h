@@ -23,7 +23,4 @@ TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger,
 /// All that the hand sends of all its sensors, in reading order; nothing if it is silent.
 std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanHandEngine& engine);
 
-/// Throws std::invalid_argument ("Invalid finger type") for a finger outside 1 to 7.
-void RequireFinger(Finger finger);
-
 }  // namespace talvera::korvane

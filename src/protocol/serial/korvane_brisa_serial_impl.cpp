@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <stdexcept>
 #include <thread>
 
+#include "hand/hand_members.h"
+#include "hand/tactile_layout.h"
 #include "protocol/service/service_records.h"
 #include "serial/usb_device.h"
 #include "util/log.h"
@@ -14,10 +15,8 @@ namespace {
 
 using Command = ServiceCommand;
 
-constexpr std::size_t kAxes = 10;
+constexpr std::size_t kAxes = BrisaKinematics::kMotors;
 constexpr std::uint16_t kNoPosition = 0xFFFF;
-constexpr std::size_t kFingerReading = 16;
-constexpr std::size_t kPalmReading = 25;
 constexpr std::size_t kCvpRecord = 6;
 constexpr std::size_t kCvpVelocity = 2;
 constexpr std::uint8_t kBrisaProduct = 2;
@@ -123,8 +122,8 @@ std::vector<std::uint16_t> SerialBrisa::ReadServiceWords(const char* operation,
 KorvaneBrisaSerialImpl::KorvaneBrisaSerialImpl(HandType hand_type, unsigned char id,
                                                const std::string& port, int baud)
     : update_(*this, link_, *this) {
-  SetMembers(*this, BrisaRow::kModel.model_code, id, hand_type);
-  BrisaRow::Prepare(*this, id, hand_type);
+  SetMembers(*this, model_code::kBrisa, id, hand_type);
+  BrisaKinematics::MakeSolver(*this, hand_type);
   connected = link_.Open(port, baud,
                          [this](std::uint8_t command, const std::uint8_t* data, std::size_t size) {
                            OnProtocolData(command, data, size);
@@ -421,11 +420,7 @@ std::vector<short> KorvaneBrisaSerialImpl::GetAllForceReport() const {
 
 /// Any hand on the port answers. A reading of another length is cut, or filled up with zeros.
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetTactileSensorData(Finger finger) const {
-  if (finger < Finger::THUMB || finger > Finger::DORSUM) {
-    throw std::invalid_argument("Invalid finger type");
-  }
-  const bool wide = finger == Finger::PALM || finger == Finger::DORSUM;
-  const std::size_t size = wide ? kPalmReading : kFingerReading;
+  RequireFinger(finger);
   const auto number = static_cast<std::uint8_t>(static_cast<std::uint8_t>(finger) - 1);
   link_.replies.AwaitSensor(number);
   std::optional<Bytes> reply;
@@ -434,11 +429,11 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetTactileSensorData(Finger fi
     reply = link_.replies.Take(ReplySlot::kSensor);
   }
   if (!reply) {
-    LogInfo(Compose("get joint sensor data failed, finger type: ",
-                    int{static_cast<std::uint8_t>(finger)}));
+    LogInfo(
+        Compose("get joint sensor data failed, finger type: ", static_cast<std::uint8_t>(finger)));
   }
   Bytes reading = reply.value_or(Bytes());
-  reading.resize(size);
+  reading.resize(SummaryBytesOf(finger));
   return reading;
 }
 
@@ -531,7 +526,7 @@ std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisPosRange() const {
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingertipSensor(std::uint8_t sensor) const {
   const auto finger = static_cast<Finger>(sensor);
-  if (!link_.IsReady() || finger < Finger::THUMB || finger > Finger::DORSUM) return {};
+  if (!link_.IsReady() || !IsFinger(finger)) return {};
   return GetTactileSensorData(finger);
 }
 

@@ -3,7 +3,6 @@
 #include "hand/refuses_report_periods.h"
 #include "hand/with_joint_angles.h"
 #include "private_korvane_brisa.h"
-#include "protocol/can/brisa_row.h"
 #include "protocol/serial/serial_link.h"
 #include "protocol/serial/serial_update.h"
 #include "protocol/service/service_records.h"
@@ -41,8 +40,9 @@ class SerialBrisa : public WithServiceSettings<PrivateKorvaneBrisa, SerialBrisaS
 ///
 /// The application's thread writes a frame and waits for any frame; the receive thread keeps what
 /// each frame brings, and the application's thread then reads what is kept.
-class KorvaneBrisaSerialImpl : public WithoutReportPeriods<WithJointAngles<SerialBrisa, BrisaRow>>,
-                               public SerialUpdateState {
+class KorvaneBrisaSerialImpl
+    : public WithoutReportPeriods<WithJointAngles<SerialBrisa, BrisaKinematics>>,
+      public SerialUpdateState {
  public:
   KorvaneBrisaSerialImpl(HandType hand_type, unsigned char device_id, const std::string& port,
                          int baud);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "hand/tactile_layout.h"
 #include "protocol/service/service_command.h"
 
 namespace talvera::korvane {
@@ -70,8 +71,8 @@ void ReplyCache::Store(std::uint8_t command, const std::uint8_t* data, std::size
 
 /// Some hands put the sensor's number in front of the reading, others don't.
 void ReplyCache::StoreSensor(const std::uint8_t* data, std::size_t size) {
-  const bool with_number = size == 17 || size == 26;
-  if (!with_number && size != 16 && size != 25) return;
+  const bool with_number = size == 1 + kFingerSummaryBytes || size == 1 + kPalmSummaryBytes;
+  if (!with_number && size != kFingerSummaryBytes && size != kPalmSummaryBytes) return;
   if (with_number && awaited_sensor_ == data[0]) {
     awaited_sensor_.reset();
     ++data;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <exception>
 
-#include "protocol/can/hand_model.h"
+#include "hand/hand_members.h"
 #include "protocol/service/service_frame.h"
 #include "protocol/service/service_records.h"
 #include "util/bytes.h"

@@ -9,7 +9,6 @@
 namespace talvera::korvane {
 namespace {
 
-constexpr short kMaxThreshold = 3250;
 /// The first sensor whose block is of the larger kind.
 constexpr std::uint8_t kFirstWideSensor = 6;
 constexpr std::size_t kFingerReply = 18;
@@ -51,7 +50,7 @@ std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetAllControlMode() const 
 
 void KorvaneBrisaCanPrivateImpl::SetCurrentThreshold(std::uint8_t index, short threshold) {
   if (!IsMotor(index)) return;
-  threshold = std::clamp(threshold, short{0}, kMaxThreshold);
+  threshold = std::clamp(threshold, short{0}, setting::kMaxProtectiveCurrent);
   SetProtectiveCurrent(index, static_cast<std::uint16_t>(threshold));
 }
 

@@ -2,9 +2,9 @@
 
 #include <array>
 
+#include "hand/hand_members.h"
 #include "hand/with_joint_angles.h"
 #include "private_korvane_brisa.h"
-#include "protocol/can/brisa_row.h"
 #include "protocol/service/can_service_hand.h"
 
 namespace talvera::korvane {
@@ -21,18 +21,16 @@ struct BrisaServiceRow {
   /// Over CAN a value above 255 arrives cut to its low byte.
   static constexpr std::uint8_t kOverloadBytes = 1;
 
-  static void Prepare(KorvaneBrisa& hand, std::uint8_t id, HandType type) {
-    BrisaRow::Prepare(hand, id, type);
+  static void Prepare(KorvaneBrisa& hand, std::uint8_t /*id*/, HandType type) {
+    BrisaKinematics::MakeSolver(hand, type);
   }
-  static constexpr auto kToActuators = BrisaRow::kToActuators;
-  static constexpr auto kToJoints = BrisaRow::kToJoints;
 };
 
 /// The KorvaneBrisa in the service protocol over CAN, with both of its interfaces. One object of it
 /// at a time on a bus.
 class KorvaneBrisaCanPrivateImpl
     : public WithJointAngles<CanServiceHand<PrivateKorvaneBrisa, BrisaServiceRow>,
-                             BrisaServiceRow> {
+                             BrisaKinematics> {
  public:
   using WithJointAngles::WithJointAngles;
 

@@ -121,6 +121,7 @@ struct ServiceSetting {
 namespace setting {
 
 inline constexpr int kMaxPos = 4096;
+inline constexpr short kMaxProtectiveCurrent = 3250;
 
 inline constexpr ServiceSetting kPowerState{"SetPowerState", ServiceCommand::kSetPowerState};
 inline constexpr ServiceSetting kAxisHoming{
@@ -144,8 +145,13 @@ inline constexpr ServiceSetting kProtectedTorque{"SetProtectedTorque",
                                                  ServiceCommand::kSetProtectedTorque, 0, 100};
 inline constexpr ServiceSetting kMinTorque{
     "SetMinTorque", ServiceCommand::kSetMinTorque, 0, 0xFF, 1, 1, 12};
-inline constexpr ServiceSetting kProtectiveCurrent{
-    "SetProtectiveCurrent", ServiceCommand::kSetProtectiveCurrent, 0, 3250, 2, 1, 12};
+inline constexpr ServiceSetting kProtectiveCurrent{"SetProtectiveCurrent",
+                                                   ServiceCommand::kSetProtectiveCurrent,
+                                                   0,
+                                                   kMaxProtectiveCurrent,
+                                                   2,
+                                                   1,
+                                                   12};
 inline constexpr ServiceSetting kCvpUploadInterval{
     "SetAllAxisCvpUploadInterval", ServiceCommand::kSetAllAxisCvpUploadInterval, 0, 0xFFFF, 2};
 inline constexpr ServiceSetting kRightOrLeft{"SetRightOrLeft", ServiceCommand::kSetRightOrLeft, 0,

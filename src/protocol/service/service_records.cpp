@@ -1,17 +1,13 @@
 #include "protocol/service/service_records.h"
 
-#include <cstring>
-
+#include "hand/mixed_targets.h"
+#include "hand/tactile_layout.h"
 #include "util/bytes.h"
 
 namespace talvera::korvane {
 namespace {
 
-constexpr std::uint8_t kPositionMode = 4;
-constexpr std::uint8_t kVelocityMode = 5;
-constexpr std::uint8_t kPositionVelocityMode = 6;
 constexpr std::size_t kAxes = 10;
-constexpr std::size_t kFullTargets = 8;
 
 std::vector<std::uint8_t> Bytes(const std::uint8_t* data, std::size_t count) {
   return {data, data + count};
@@ -19,20 +15,18 @@ std::vector<std::uint8_t> Bytes(const std::uint8_t* data, std::size_t count) {
 
 Version LoadShortVersion(const std::uint8_t* data) { return {data[0], data[1], data[2], 0}; }
 
+/// The sensors from `first` to `last`, whose summaries are of one size, if the group holds them
+/// all.
 void AppendGroup(std::vector<TactileSensorData>& sensors, const std::vector<std::uint8_t>& group,
-                 int first, int last, std::size_t block) {
-  if (group.size() < block * static_cast<std::size_t>(last - first + 1)) return;
+                 Finger first, Finger last) {
+  const std::size_t size = SummaryBytesOf(first);
+  const int count = static_cast<int>(last) - static_cast<int>(first) + 1;
+  if (group.size() < size * static_cast<std::size_t>(count)) return;
   const std::uint8_t* data = group.data();
-  for (int finger = first; finger <= last; ++finger, data += block) {
-    sensors.push_back({static_cast<Finger>(finger), Bytes(data, block)});
+  for (int finger = static_cast<int>(first); finger <= static_cast<int>(last); ++finger) {
+    sensors.push_back({static_cast<Finger>(finger), Bytes(data, size)});
+    data += size;
   }
-}
-
-/// A packed record's optional isn't aligned, so it is read through a copy.
-std::optional<short> Target(const MixCtrl& record, std::size_t offset) {
-  std::optional<short> target;
-  std::memcpy(&target, reinterpret_cast<const std::uint8_t*>(&record) + offset, sizeof target);
-  return target;
 }
 
 }  // namespace
@@ -72,15 +66,15 @@ std::vector<TactileSensorData> SplitFingertipGroups(const std::vector<std::uint8
                                                     const std::vector<std::uint8_t>& b,
                                                     const std::vector<std::uint8_t>& c) {
   std::vector<TactileSensorData> sensors;
-  AppendGroup(sensors, a, 1, 3, 16);
-  AppendGroup(sensors, b, 4, 5, 16);
-  AppendGroup(sensors, c, 6, 7, 25);
+  AppendGroup(sensors, a, Finger::THUMB, Finger::MIDDLE);
+  AppendGroup(sensors, b, Finger::RING, Finger::LITTLE);
+  AppendGroup(sensors, c, Finger::PALM, Finger::DORSUM);
   return sensors;
 }
 
 std::size_t MaxMixedTargets(std::uint8_t mode) {
-  if (mode == kPositionVelocityMode) return kFullTargets;
-  return mode == kPositionMode || mode == kVelocityMode ? kAxes : 0;
+  if (mode == mix_mode::kPositionVelocityCurrent) return kMaxFullTargets;
+  return mode == mix_mode::kPositionCurrent || mode == mix_mode::kVelocityCurrent ? kAxes : 0;
 }
 
 ServiceTargets ToServiceTargets(const std::vector<MixCtrl>& targets) {
@@ -90,13 +84,13 @@ ServiceTargets ToServiceTargets(const std::vector<MixCtrl>& targets) {
   for (const MixCtrl& target : targets) {
     const std::size_t axis = target.joint_index;
     if (axis < 1 || axis > kAxes) continue;
-    const auto position = Target(target, offsetof(MixCtrl, position));
-    const auto velocity = Target(target, offsetof(MixCtrl, velocity));
-    const auto current = Target(target, offsetof(MixCtrl, current));
-    if (mode != kVelocityMode && position) {
+    const auto position = TargetOf(target, MixTarget::kPosition);
+    const auto velocity = TargetOf(target, MixTarget::kVelocity);
+    const auto current = TargetOf(target, MixTarget::kCurrent);
+    if (mode != mix_mode::kVelocityCurrent && position) {
       all.pos[axis - 1] = static_cast<std::uint16_t>(*position);
     }
-    if (mode != kPositionMode && velocity) all.speed[axis - 1] = *velocity;
+    if (mode != mix_mode::kPositionCurrent && velocity) all.speed[axis - 1] = *velocity;
     if (current) {
       all.current[axis - 1] =
           *current < 256 ? std::uint8_t{0} : static_cast<std::uint8_t>(*current >> 8);
