@@ -338,7 +338,7 @@ bool CanBusDeviceBase::StoreReply(const CanfdFrame& frame, const DispatchRules& 
     if (!rules.consume_every_match) break;
     id = pending_req_ids_.erase(id);
   }
-  if (!matched && rules.tell_unmatched) {
+  if (!matched && rules.log_unmatched) {
     LogError(Compose("[CAN] recv can_id=0x", Hex(frame_id), " did not match any request"));
   }
   return matched;

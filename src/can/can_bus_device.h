@@ -30,7 +30,7 @@ struct DispatchRules {
   /// otherwise the walk stops at the first match, which stays for the requester to erase.
   bool consume_every_match = false;
   /// An unmatched frame is told on the standard error stream.
-  bool tell_unmatched = false;
+  bool log_unmatched = false;
   /// The frame log has neither timestamp nor end of line.
   bool bare_log = false;
 };

@@ -7,7 +7,7 @@ namespace talvera::korvane {
 
 /// Hands that send no reports on a period: the six setters only say so, by RefusePeriods of `Base`.
 template <class Base>
-class WithoutReportPeriods : public Base {
+class RefusesReportPeriods : public Base {
  public:
   using Base::Base;
 

@@ -164,13 +164,13 @@ void UsbSerialDevice::RecvThread() {
     KeepNewest(0);
     while (running_) ReceivePass();
   } catch (const std::exception& error) {
-    TellDeath(error.what());
+    LogDeath(error.what());
   } catch (...) {
-    TellDeath("unknown");
+    LogDeath("unknown");
   }
 }
 
-void UsbSerialDevice::TellDeath(const char* what) {
+void UsbSerialDevice::LogDeath(const char* what) {
   LogError(Compose("[USB] RecvThread [exception:", what, "][ort_open:", isOpen() ? 1 : 0,
                    "][recv_buffer_pos_:", recv_buffer_pos_, ']'));
   running_ = false;

@@ -134,7 +134,7 @@ class UsbSerialDevice : public serial::Serial {
   void StartThread();
   void StopThread();
   void ReceivePass();
-  void TellDeath(const char* what);
+  void LogDeath(const char* what);
 
   std::size_t DeliverFrames(std::size_t available);
   std::size_t AcceptedSize(const std::uint8_t* bytes, std::size_t available);

@@ -578,7 +578,7 @@ TEST_P(HandUpdate, TakesRepliesOfTheSendersThatItsModelListensTo) {
   Disturb(0ms, /*foreign=*/1);
   EXPECT_EQ(Update() == Clean(), !model_.any_sender);
   const test::Rig<KorvaneBase> rig(kId, HandType::RIGHT, true, model_.hand.make);
-  const auto& index = dynamic_cast<UpdateState&>(*rig.hand).ota_package_index;
+  const auto& index = dynamic_cast<CanUpdateState&>(*rig.hand).ota_package_index;
   // With the write flag and one of the adapter too.
   for (const auto& [id, taken] : {std::pair{ReplyId(2), true},
                                   {ReplyId(2) | 0x80000080, true},
@@ -622,7 +622,7 @@ TEST_P(HandUpdate, AsksForTheResultTenTimesAtMost) {
     const auto reply = test::FullFrame(id, {static_cast<std::uint8_t>(status)}, 4);
     rig.device->script = [=](const CanfdFrame&) { return std::vector{reply}; };
     if (status == 99) rig.device->script = test::Throws(std::runtime_error("gone"));
-    auto& state = dynamic_cast<UpdateState&>(*rig.hand);
+    auto& state = dynamic_cast<CanUpdateState&>(*rig.hand);
     test::VirtualClock clock(1);
     state.ota_clock = &clock;
     const auto start = clock.Now();

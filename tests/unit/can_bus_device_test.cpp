@@ -108,7 +108,7 @@ class OnEachAdapter : public testing::TestWithParam<Adapter> {
   }
 
   std::string UnmatchedLine(const std::string& id) const {
-    if (!rules_.tell_unmatched) return "";
+    if (!rules_.log_unmatched) return "";
     return "[CAN] recv can_id=0x" + id + " did not match any request\n";
   }
 

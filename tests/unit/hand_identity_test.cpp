@@ -69,7 +69,7 @@ TEST_P(HandObjects, DropFramesThatAreNotForThem) {
   });
   EXPECT_TRUE(device_.TakeSent().empty());
   EXPECT_EQ(told.out + told.err, "");
-  EXPECT_EQ(dynamic_cast<UpdateState&>(hand_).ota_status, 99U);
+  EXPECT_EQ(dynamic_cast<CanUpdateState&>(hand_).ota_status, 99U);
 }
 
 /// The receive thread of the transport uses the solver.

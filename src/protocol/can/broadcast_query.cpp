@@ -23,7 +23,7 @@ constexpr auto kPollInterval = std::chrono::milliseconds(1);
 /// the query has given up.
 class FirstAnswer {
  public:
-  void Offer(const CanfdFrame& frame) {
+  void StoreIfFirst(const CanfdFrame& frame) {
     const std::lock_guard lock(mutex_);
     if (!frame_) frame_ = frame;
   }
@@ -66,7 +66,7 @@ DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix) {
   const auto answer = std::make_shared<FirstAnswer>();
   device.BindCallbacks(
       [answer](const CanfdFrame& frame) {
-        if (IsAnswer(frame.can_id)) answer->Offer(frame);
+        if (IsAnswer(frame.can_id)) answer->StoreIfFirst(frame);
       },
       [](std::uint32_t) { return kQueryId; },
       [](std::uint32_t request, std::uint32_t received) {

@@ -52,21 +52,21 @@ std::string SerialNumberText(const std::uint8_t* bytes, std::size_t size) {
 
 }  // namespace
 
-void CanHandEngine::TellNoSuchAdapter(const HandModel&, ECanDeviceType type) {
+void CanPublicEngine::LogNoSuchAdapter(const HandModel&, ECanDeviceType type) {
   LogError(Compose("[ERROR] Invalid device type: ", static_cast<int>(type),
                    ". Expected ZLG_USBCANFD or HCAN."));
 }
 
-CanHandEngine::CanHandEngine(const HandModel& row, Korvane& hand, UpdateState& update_state,
-                             std::unique_ptr<CanBusDeviceBase> device)
+CanPublicEngine::CanPublicEngine(const HandModel& row, Korvane& hand, CanUpdateState& update_state,
+                                 std::unique_ptr<CanBusDeviceBase> device)
     : CanLink(std::move(device)),
       model(row),
-      update(row.update, update_state, *this, hand),
+      update_run(row.update_rules, update_state, *this, hand),
       hand_(hand) {}
 
-void CanHandEngine::Start(HandType hand_type, std::uint8_t device_id) {
+void CanPublicEngine::Start(HandType hand_type, std::uint8_t device_id) {
   SetMembers(hand_, model.model_code, device_id, hand_type);
-  update.Address(device_id);
+  update_run.Address(device_id);
   hand_.connected = IsInit();
   if (!transport || (!hand_.connected && !model.binds_without_link)) return;
   transport->BindCallbacks(
@@ -74,22 +74,22 @@ void CanHandEngine::Start(HandType hand_type, std::uint8_t device_id) {
       [this](std::uint32_t request, std::uint32_t received) { return Judge(request, received); });
 }
 
-bool CanHandEngine::Judge(std::uint32_t request_id, std::uint32_t received_id) const {
-  if (model.update.replies_from == ReplySenders::kAny &&
+bool CanPublicEngine::Judge(std::uint32_t request_id, std::uint32_t received_id) const {
+  if (model.update_rules.replies_from == ReplySenders::kAny &&
       AnswersUpdateRequest(request_id, received_id)) {
     return true;
   }
   return AnswersRequest(request_id, received_id);
 }
 
-void CanHandEngine::ProcessMessage(const CanfdFrame& frame) {
-  if (model.sends_reports && reports_.Take(frame)) return;
-  update.OnFrame(frame);
+void CanPublicEngine::ProcessMessage(const CanfdFrame& frame) {
+  if (model.sends_reports && reports_.StoreIfReport(frame)) return;
+  update_run.OnFrame(frame);
 }
 
 // --- Frames ---------------------------------------------------------------------------------
 
-CanfdFrame CanHandEngine::ReadFrame(std::uint8_t function, std::uint8_t index) const {
+CanfdFrame CanPublicEngine::ReadFrame(std::uint8_t function, std::uint8_t index) const {
   CanfdFrame frame;
   frame.len = kMaxPayload;
   frame.can_id = (hand_.device_id & kDeviceIdMask) | model.family | FunctionField(function) |
@@ -97,50 +97,52 @@ CanfdFrame CanHandEngine::ReadFrame(std::uint8_t function, std::uint8_t index) c
   return frame;
 }
 
-CanfdFrame CanHandEngine::WriteFrame(std::uint8_t function, std::uint8_t index) const {
+CanfdFrame CanPublicEngine::WriteFrame(std::uint8_t function, std::uint8_t index) const {
   CanfdFrame frame = ReadFrame(function, index);
   frame.can_id |= kWriteFlag;
   return frame;
 }
 
-void CanHandEngine::TellFailure(const Context& context, const std::exception& error) const {
+void CanPublicEngine::LogFailure(const Context& context, const std::exception& error) const {
   const bool tagged = context.tag != nullptr && model.wording->failure_names_motor;
   const std::string tag = tagged ? Compose("[", context.tag, ":", context.number, "]") : "";
   LogError(
       Compose("[ERROR][", model.class_name, "][", context.operation, "]", tag, " ", error.what()));
 }
 
-std::optional<CanfdFrame> CanHandEngine::Ask(const Context& context, const CanfdFrame& frame,
-                                             int priority) const {
+std::optional<CanfdFrame> CanPublicEngine::RequestOrLog(const Context& context,
+                                                        const CanfdFrame& frame,
+                                                        int priority) const {
   try {
     return Request(frame, priority);
   } catch (const std::exception& error) {
-    TellFailure(context, error);
+    LogFailure(context, error);
     return std::nullopt;
   }
 }
 
 /// Writes by either way. A quantity with a text of its own for a failed send has no other line.
-std::optional<CanfdFrame> CanHandEngine::Put(const Context& context, const MotorQuantity& quantity,
-                                             Way way, const CanfdFrame& frame) const {
-  if (way == Way::kWaits) return Ask(context, frame, quantity.priority);
+std::optional<CanfdFrame> CanPublicEngine::WriteOrLog(const Context& context,
+                                                      const MotorQuantity& quantity, Way way,
+                                                      const CanfdFrame& frame) const {
+  if (way == Way::kWaits) return RequestOrLog(context, frame, quantity.priority);
   try {
     const bool has_text = quantity.send_failed != nullptr;
     const int sent = has_text && !transport ? -1 : Send(frame);
     if (sent == -1 && has_text) LogError(quantity.send_failed);
   } catch (const std::exception& error) {
-    TellFailure(context, error);
+    LogFailure(context, error);
   }
   return std::nullopt;
 }
 
 // --- Argument checks ------------------------------------------------------------------------
 
-std::string CanHandEngine::MotorCount(bool in_digits) const {
+std::string CanPublicEngine::MotorCount(bool in_digits) const {
   return in_digits ? Compose(model.motors) : Compose(RawByte{model.motors});
 }
 
-bool CanHandEngine::CheckIndex(std::uint8_t index) const {
+bool CanPublicEngine::CheckIndex(std::uint8_t index) const {
   if (index >= 1 && index <= model.motors) return true;
   const Wording& wording = *model.wording;
   LogError(Compose(wording.bad_index, index, wording.bad_index_range,
@@ -148,14 +150,14 @@ bool CanHandEngine::CheckIndex(std::uint8_t index) const {
   return false;
 }
 
-bool CanHandEngine::CheckSize(std::size_t size) const {
+bool CanPublicEngine::CheckSize(std::size_t size) const {
   if (size == model.motors) return true;
   LogError(
       Compose(model.wording->wrong_size, RawByte{model.motors}, model.wording->wrong_size_end));
   return false;
 }
 
-bool CanHandEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const {
+bool CanPublicEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const {
   if (mode == mix_mode::kPositionVelocityCurrent) {
     if (count <= kMaxFullTargets) return true;
     LogError(model.wording->too_many_mixed);
@@ -173,62 +175,63 @@ bool CanHandEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const 
 
 // --- Motor values ---------------------------------------------------------------------------
 
-int CanHandEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index) const {
+int CanPublicEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index) const {
   if (!CheckIndex(index)) return quantity.bad_index;
   if (quantity.from_reports) return LastReport(quantity, index);
-  const auto reply =
-      Ask({quantity.get, "index", index}, ReadFrame(quantity.function, index), quantity.priority);
+  const auto reply = RequestOrLog({quantity.get, "index", index},
+                                  ReadFrame(quantity.function, index), quantity.priority);
   return reply ? LoadS16(reply->data) : 0;
 }
 
 /// 0 unless the last report was one of all motors and no more.
-int CanHandEngine::LastReport(const MotorQuantity& quantity, std::uint8_t index) const {
+int CanPublicEngine::LastReport(const MotorQuantity& quantity, std::uint8_t index) const {
   const auto values = reports_.Values(quantity.function);
   return values.size() == model.motors ? values[index - 1U] : 0;
 }
 
 template <class Value>
-std::vector<Value> CanHandEngine::ReadAll(const MotorQuantity& quantity) const {
+std::vector<Value> CanPublicEngine::ReadAll(const MotorQuantity& quantity) const {
   if (quantity.from_reports) {
     const auto values = reports_.Values(quantity.function);
     return {values.begin(), values.end()};
   }
-  const auto reply = Ask({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
+  const auto reply =
+      RequestOrLog({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
   if (!reply) return {};
   auto values = WordsOf<Value>(*reply);
   if (values.size() > model.max_values) values.resize(model.max_values);
   return values;
 }
 
-template std::vector<short> CanHandEngine::ReadAll(const MotorQuantity&) const;
-template std::vector<unsigned short> CanHandEngine::ReadAll(const MotorQuantity&) const;
+template std::vector<short> CanPublicEngine::ReadAll(const MotorQuantity&) const;
+template std::vector<unsigned short> CanPublicEngine::ReadAll(const MotorQuantity&) const;
 
-std::optional<short> CanHandEngine::WriteMotor(const MotorQuantity& quantity, std::uint8_t index,
-                                               std::uint16_t value) const {
+std::optional<short> CanPublicEngine::WriteMotor(const MotorQuantity& quantity, std::uint8_t index,
+                                                 std::uint16_t value) const {
   if (!CheckIndex(index)) return std::nullopt;
   CanfdFrame frame = WriteFrame(quantity.function, index);
   StoreU16(frame.data, value);
-  const auto reply = Put({quantity.set, "index", index}, quantity, quantity.set_way, frame);
+  const auto reply = WriteOrLog({quantity.set, "index", index}, quantity, quantity.set_way, frame);
   if (!reply) return std::nullopt;
   return LoadS16(reply->data);
 }
 
-std::optional<CanfdFrame> CanHandEngine::WholeHandWrite(const MotorQuantity& quantity,
-                                                        const std::vector<short>& values) const {
+std::optional<CanfdFrame> CanPublicEngine::WholeHandWrite(const MotorQuantity& quantity,
+                                                          const std::vector<short>& values) const {
   CanfdFrame frame = WriteFrame(quantity.function, 0);
   frame.len = quantity.set_all_length;
   for (std::size_t i = 0; i < values.size(); ++i) {
     StoreU16(frame.data + 2 * i, static_cast<std::uint16_t>(values[i]));
   }
-  return Put({quantity.set_all}, quantity, quantity.set_all_way, frame);
+  return WriteOrLog({quantity.set_all}, quantity, quantity.set_all_way, frame);
 }
 
-void CanHandEngine::WriteAll(const MotorQuantity& quantity,
-                             const std::vector<short>& values) const {
+void CanPublicEngine::WriteAll(const MotorQuantity& quantity,
+                               const std::vector<short>& values) const {
   if (CheckSize(values.size())) WholeHandWrite(quantity, values);
 }
 
-std::vector<short> CanHandEngine::WriteAllPositions(const std::vector<short>& positions) const {
+std::vector<short> CanPublicEngine::WriteAllPositions(const std::vector<short>& positions) const {
   if (positions.size() != model.motors) {
     LogError(Compose("[ERROR][", model.class_name,
                      "][SetAllJointMotorPosi] Invalid parameter, size must match DOF ",
@@ -241,18 +244,19 @@ std::vector<short> CanHandEngine::WriteAllPositions(const std::vector<short>& po
 
 // --- Control modes --------------------------------------------------------------------------
 
-ControlMode CanHandEngine::ReadControlMode(std::uint8_t index) const {
+ControlMode CanPublicEngine::ReadControlMode(std::uint8_t index) const {
   const MotorQuantity& quantity = model.control_mode;
   if (!CheckIndex(index)) return kNoControlMode;
-  const auto reply =
-      Ask({quantity.get, "index", index}, ReadFrame(quantity.function, index), quantity.priority);
+  const auto reply = RequestOrLog({quantity.get, "index", index},
+                                  ReadFrame(quantity.function, index), quantity.priority);
   if (!reply) return kNoControlMode;
   return static_cast<ControlMode>(reply->data[0] & kControlModeMask);
 }
 
-std::vector<std::uint8_t> CanHandEngine::ReadAllControlModes() const {
+std::vector<std::uint8_t> CanPublicEngine::ReadAllControlModes() const {
   const MotorQuantity& quantity = model.control_mode;
-  const auto reply = Ask({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
+  const auto reply =
+      RequestOrLog({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
   if (!reply) return {};
   if (!model.control_modes_by_length) return {reply->data, reply->data + model.motors};
   std::vector<std::uint8_t> modes(std::min(reply->len, model.motors));
@@ -261,24 +265,24 @@ std::vector<std::uint8_t> CanHandEngine::ReadAllControlModes() const {
   return modes;
 }
 
-void CanHandEngine::WriteControlMode(std::uint8_t index, ControlMode mode) const {
+void CanPublicEngine::WriteControlMode(std::uint8_t index, ControlMode mode) const {
   if (!CheckIndex(index)) return;
   const MotorQuantity& quantity = model.control_mode;
   CanfdFrame frame = WriteFrame(quantity.function, index);
   frame.data[0] = static_cast<std::uint8_t>(mode);
-  Put({quantity.set, "index", index}, quantity, quantity.set_way, frame);
+  WriteOrLog({quantity.set, "index", index}, quantity, quantity.set_way, frame);
 }
 
-void CanHandEngine::WriteAllControlModes(const std::vector<std::uint8_t>& modes) const {
+void CanPublicEngine::WriteAllControlModes(const std::vector<std::uint8_t>& modes) const {
   if (!CheckSize(modes.size())) return;
   const MotorQuantity& quantity = model.control_mode;
   CanfdFrame frame = WriteFrame(quantity.function, 0);
   frame.len = quantity.set_all_length;
   std::copy(modes.begin(), modes.end(), frame.data);
-  Put({quantity.set_all}, quantity, quantity.set_all_way, frame);
+  WriteOrLog({quantity.set_all}, quantity, quantity.set_all_way, frame);
 }
 
-void CanHandEngine::WriteMixed(const std::vector<MixCtrl>& targets) const {
+void CanPublicEngine::WriteMixed(const std::vector<MixCtrl>& targets) const {
   if (targets.empty()) return;
   const std::uint8_t mode = targets.front().mix_mode;
   if (mode < mix_mode::kPositionCurrent || mode > mix_mode::kPositionVelocityCurrent) return;
@@ -286,13 +290,13 @@ void CanHandEngine::WriteMixed(const std::vector<MixCtrl>& targets) const {
   CanfdFrame frame = WriteFrame(function_code::kMixedControl, 0);
   std::uint8_t* out = frame.data;
   for (const MixCtrl& target : targets) out = StoreElement(out, target, mode);
-  Ask({"MixCtrlJointMotor"}, frame, model.mixed_priority);
+  RequestOrLog({"MixCtrlJointMotor"}, frame, model.mixed_priority);
 }
 
 // --- Identity -------------------------------------------------------------------------------
 
-VendorInfo CanHandEngine::ReadVendorInfo() const {
-  const auto reply = Ask({"GetVendorInfo"}, ReadFrame(function_code::kVendorRecord, 0));
+VendorInfo CanPublicEngine::ReadVendorInfo() const {
+  const auto reply = RequestOrLog({"GetVendorInfo"}, ReadFrame(function_code::kVendorRecord, 0));
   if (!reply) return {};
   const std::uint8_t* const data = reply->data;
   VendorInfo info;
@@ -307,7 +311,7 @@ VendorInfo CanHandEngine::ReadVendorInfo() const {
   return info;
 }
 
-DeviceInfo CanHandEngine::ReadDeviceInfo() const {
+DeviceInfo CanPublicEngine::ReadDeviceInfo() const {
   DeviceInfo info{};
   try {
     const CanfdFrame reply = Request(ReadFrame(function_code::kDeviceRecord, 0), 0);
@@ -315,7 +319,7 @@ DeviceInfo CanHandEngine::ReadDeviceInfo() const {
   } catch (const std::exception& error) {
     const char* const text = model.wording->device_info_failed;
     if (text == nullptr) {
-      TellFailure({"GetDeviceInfo"}, error);
+      LogFailure({"GetDeviceInfo"}, error);
     } else {
       LogError(Compose(text, hand_.device_id, ", error: ", error.what()));
     }
@@ -323,18 +327,18 @@ DeviceInfo CanHandEngine::ReadDeviceInfo() const {
   return info;
 }
 
-void CanHandEngine::WriteDeviceId(std::uint8_t new_id) {
+void CanPublicEngine::WriteDeviceId(std::uint8_t new_id) {
   CanfdFrame frame = WriteFrame(function_code::kDeviceRecord, kSetDeviceIdIndex);
   frame.data[0] = new_id;
   try {
     if (transport && Send(frame) != -1) {
       hand_.device_id = new_id;
-      update.Address(new_id);
+      update_run.Address(new_id);
       return;
     }
     LogError(model.wording->set_id_failed);
   } catch (const std::exception& error) {
-    TellFailure({"SetDeviceId"}, error);
+    LogFailure({"SetDeviceId"}, error);
   }
 }
 

@@ -16,17 +16,17 @@ namespace talvera::korvane {
 ///
 /// Every operation checks its arguments, builds a frame on the stack, asks the transport and
 /// decodes the answer. What fails is told in one line, and the row says what is returned.
-class CanHandEngine : public CanLink {
+class CanPublicEngine : public CanLink {
  public:
-  using Update = UpdateState;
+  using UpdateState = CanUpdateState;
 
-  static void TellNoSuchAdapter(const HandModel& model, ECanDeviceType type);
+  static void LogNoSuchAdapter(const HandModel& model, ECanDeviceType type);
 
-  CanHandEngine(const HandModel& model, Korvane& hand, UpdateState& update_state,
-                std::unique_ptr<CanBusDeviceBase> transport);
+  CanPublicEngine(const HandModel& model, Korvane& hand, CanUpdateState& update_state,
+                  std::unique_ptr<CanBusDeviceBase> transport);
 
   /// The receive thread uses what the hand holds, so the transport goes first.
-  ~CanHandEngine() { transport.reset(); }
+  ~CanPublicEngine() { transport.reset(); }
 
   /// Sets the common members of the hand and binds the callbacks to the transport. Called once,
   /// when the hand is otherwise ready: frames may come in from here on.
@@ -64,25 +64,25 @@ class CanHandEngine : public CanLink {
     const char* tag = nullptr;
     int number = 0;
   };
-  void TellFailure(const Context& context, const std::exception& error) const;
+  void LogFailure(const Context& context, const std::exception& error) const;
 
   /// The reply to `frame`; nothing after a failure, which has been told.
-  std::optional<CanfdFrame> Ask(const Context& context, const CanfdFrame& frame,
-                                int priority = 0) const;
+  std::optional<CanfdFrame> RequestOrLog(const Context& context, const CanfdFrame& frame,
+                                         int priority = 0) const;
 
   bool Judge(std::uint32_t request_id, std::uint32_t received_id) const;
   /// Takes a frame that no request waits for, on the receive thread.
   void ProcessMessage(const CanfdFrame& frame);
 
   const HandModel& model;
-  UpdateRun update;
+  CanUpdate update_run;
 
  private:
   bool CheckIndex(std::uint8_t index) const;
   std::string MotorCount(bool in_digits) const;
   int LastReport(const MotorQuantity& quantity, std::uint8_t index) const;
-  std::optional<CanfdFrame> Put(const Context& context, const MotorQuantity& quantity, Way way,
-                                const CanfdFrame& frame) const;
+  std::optional<CanfdFrame> WriteOrLog(const Context& context, const MotorQuantity& quantity,
+                                       Way way, const CanfdFrame& frame) const;
   std::optional<CanfdFrame> WholeHandWrite(const MotorQuantity& quantity,
                                            const std::vector<short>& values) const;
   bool CheckMixedCount(std::uint8_t mode, std::size_t count) const;

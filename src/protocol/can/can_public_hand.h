@@ -16,9 +16,9 @@ namespace talvera::korvane {
 
 /// The operations that every hand on CAN has, over the engine.
 template <class Model, class Row>
-class CanHand : public OnCan<Model, Row, CanHandEngine> {
+class CanPublicHand : public HandOnCan<Model, Row, CanPublicEngine> {
  public:
-  using OnCan<Model, Row, CanHandEngine>::OnCan;
+  using HandOnCan<Model, Row, CanPublicEngine>::HandOnCan;
 
   VendorInfo GetVendorInfo() const override { return engine_.ReadVendorInfo(); }
   DeviceInfo GetDeviceInfo() const override { return engine_.ReadDeviceInfo(); }
@@ -32,16 +32,16 @@ class CanHand : public OnCan<Model, Row, CanHandEngine> {
   }
 
   void UpdateFirmware(const std::string& path, ProgressCallback callback) override {
-    engine_.update.Run(path, std::move(callback));
+    engine_.update_run.Run(path, std::move(callback));
   }
 
   /// Asks the hand, up to ten times a second apart, how its last update ended.
-  void GetUpgradeResult() { engine_.update.QueryResult(); }
+  void GetUpgradeResult() { engine_.update_run.QueryResult(); }
 
   /// The steps of an update, as the receive thread takes them.
-  void SendPackage() { engine_.update.SendPackage(); }
-  void SendFinishRequest() { engine_.update.SendFinishRequest(); }
-  void SendRestartRequest() { engine_.update.SendRestartRequest(); }
+  void SendPackage() { engine_.update_run.SendPackage(); }
+  void SendFinishRequest() { engine_.update_run.SendFinishRequest(); }
+  void SendRestartRequest() { engine_.update_run.SendRestartRequest(); }
 
   /// What the transport calls, on its receive thread.
   unsigned int GetMatchedRepId(unsigned int request_id) { return ReplyIdOf(request_id); }
@@ -51,16 +51,16 @@ class CanHand : public OnCan<Model, Row, CanHandEngine> {
   void ProcessMsg(const CanfdFrame& frame) { engine_.ProcessMessage(frame); }
 
  protected:
-  using OnCan<Model, Row, CanHandEngine>::engine_;
+  using HandOnCan<Model, Row, CanPublicEngine>::engine_;
 
   bool CheckJointCount(std::size_t count) const { return engine_.CheckSize(count); }
 };
 
 /// The operations of hands whose motors can be commanded.
 template <class Model, class Row>
-class CanMotorHand : public CanHand<Model, Row> {
+class CanPublicMotorHand : public CanPublicHand<Model, Row> {
  public:
-  using CanHand<Model, Row>::CanHand;
+  using CanPublicHand<Model, Row>::CanPublicHand;
 
   int SetJointMotorPosi(std::uint8_t index, short position) override {
     return engine_.WriteMotor(kModel.position, index, Unsigned(position)).value_or(-1);
@@ -132,7 +132,7 @@ class CanMotorHand : public CanHand<Model, Row> {
   }
 
  protected:
-  using CanHand<Model, Row>::engine_;
+  using CanPublicHand<Model, Row>::engine_;
 
   /// The lines name one model, whichever model it is, and the first of them in another spelling;
   /// log filters in the field match them as they are.

@@ -79,42 +79,40 @@ SendTurns::Turn::~Turn() {
   clock_.NotifyAll(turns_.passed_on_);
 }
 
-UpdateRun::UpdateRun(const UpdateRules& rules, UpdateState& state, const CanLink& link,
+CanUpdate::CanUpdate(const UpdateRules& rules, CanUpdateState& state, const CanLink& link,
                      Korvane& hand)
     : rules_(rules), state_(state), link_(link), hand_(hand) {}
 
 // --- Telling --------------------------------------------------------------------------------
 
-void UpdateRun::TellError(const char* operation, const std::string& text) const {
+void CanUpdate::LogRunError(const char* operation, const std::string& text) const {
   if (rules_.wording == nullptr) return;
   LogError(Compose("[ERROR][", rules_.class_name, "][", operation, "]", text));
 }
 
-void UpdateRun::TellStatus(std::uint8_t child, std::uint32_t status) const {
+void CanUpdate::LogStatusText(std::uint8_t child, std::uint32_t status) const {
   const char* const text = StatusText(child, status);
   if (text != nullptr && rules_.wording != nullptr && rules_.wording->status_texts) LogError(text);
 }
 
-void UpdateRun::TellStage(const std::string& line) const {
+void CanUpdate::LogStage(const std::string& line) const {
   if (rules_.wording != nullptr && rules_.wording->stages) LogInfo(line);
 }
 
-void UpdateRun::TellReply(const std::string& line) const {
-  if (TellsReplies()) LogInfo(line);
+void CanUpdate::LogReply(const std::string& line) const {
+  if (LogsReplies()) LogInfo(line);
 }
 
-bool UpdateRun::TellsReplies() const {
-  return rules_.wording != nullptr && rules_.wording->replies;
-}
+bool CanUpdate::LogsReplies() const { return rules_.wording != nullptr && rules_.wording->replies; }
 
 /// Reports an error that a reply told, unless the run does that. True if lines have to tell it.
-bool UpdateRun::IsLeftToLines(int code) const {
-  return rules_.replies_report_errors && !state_.ReportFailure(code) && TellsReplies();
+bool CanUpdate::IsLeftToLines(int code) const {
+  return rules_.replies_report_errors && !state_.ReportFailure(code) && LogsReplies();
 }
 
 // --- Sending --------------------------------------------------------------------------------
 
-CanfdFrame UpdateRun::Frame(std::uint8_t function, std::uint8_t child) const {
+CanfdFrame CanUpdate::Frame(std::uint8_t function, std::uint8_t child) const {
   CanfdFrame frame;
   frame.len = kMaxPayload;
   frame.can_id = (device_id_ & kDeviceIdMask) | kWriteFlag | rules_.family |
@@ -122,11 +120,11 @@ CanfdFrame UpdateRun::Frame(std::uint8_t function, std::uint8_t child) const {
   return frame;
 }
 
-CanfdFrame UpdateRun::RequestFrame(std::uint8_t child) const {
+CanfdFrame CanUpdate::RequestFrame(std::uint8_t child) const {
   return Frame(function_code::kUpdateRequest, child);
 }
 
-CanfdFrame UpdateRun::UpgradeFrame(std::size_t file_size) const {
+CanfdFrame CanUpdate::UpgradeFrame(std::size_t file_size) const {
   CanfdFrame frame = RequestFrame(kUpgradeChild);
   frame.len = 6;
   StoreU32(frame.data, static_cast<std::uint32_t>(file_size));
@@ -134,7 +132,7 @@ CanfdFrame UpdateRun::UpgradeFrame(std::size_t file_size) const {
   return frame;
 }
 
-CanfdFrame UpdateRun::ChecksumFrame(const FirmwarePacket& packet, std::uint32_t number) const {
+CanfdFrame CanUpdate::ChecksumFrame(const FirmwarePacket& packet, std::uint32_t number) const {
   CanfdFrame frame = RequestFrame(kPacketChild);
   StoreU16(frame.data, static_cast<std::uint16_t>(number));
   StoreU16(frame.data + 2, state_.ota_use_modbus_crc ? Crc16Modbus(packet.data(), packet.size())
@@ -142,7 +140,7 @@ CanfdFrame UpdateRun::ChecksumFrame(const FirmwarePacket& packet, std::uint32_t 
   return frame;
 }
 
-void UpdateRun::SendPackage() {
+void CanUpdate::SendPackage() {
   FirmwarePacket packet;
   std::uint32_t number = 0;
   bool found = false;
@@ -152,20 +150,20 @@ void UpdateRun::SendPackage() {
     if (found) packet = state_.ota_current_package = state_.ota_packages.front();
     number = state_.ota_package_index;
   }
-  if (!found) return TellError("SendPackage", " No packages to send");
+  if (!found) return LogRunError("SendPackage", " No packages to send");
   const CanfdFrame checksum = ChecksumFrame(packet, number);
   const SendTurns::Turn turn(turns_, *state_.ota_clock);
   state_.ota_status = kWaitingResponse;
   try {
     link_.Send(checksum);
   } catch (const std::exception& error) {
-    return TellError("SendPackage", Compose(" Failed to send checksum request: ", error.what()));
+    return LogRunError("SendPackage", Compose(" Failed to send checksum request: ", error.what()));
   }
   state_.ota_clock->SleepFor(kAfterChecksum);
   SendPacketData(packet);
 }
 
-void UpdateRun::SendPacketData(const FirmwarePacket& packet) const {
+void CanUpdate::SendPacketData(const FirmwarePacket& packet) const {
   CanfdFrame frame = Frame(function_code::kUpdateData, kUpgradeChild);
   for (std::size_t number = 0; number < packet.size() / kMaxPayload; ++number) {
     std::copy_n(&packet[number * kMaxPayload], kMaxPayload, frame.data);
@@ -173,37 +171,37 @@ void UpdateRun::SendPacketData(const FirmwarePacket& packet) const {
       link_.Send(frame);
     } catch (const std::exception& error) {
       // The hand's checksum catches the gap.
-      TellError("SendPackage", Compose("[frame:", number, "] ", error.what()));
+      LogRunError("SendPackage", Compose("[frame:", number, "] ", error.what()));
     }
     state_.ota_clock->SleepFor(kAfterDataFrame);
   }
 }
 
-void UpdateRun::SendOrTell(const CanfdFrame& frame, const char* operation) const {
+void CanUpdate::SendOrTell(const CanfdFrame& frame, const char* operation) const {
   const SendTurns::Turn turn(turns_, *state_.ota_clock);
   state_.ota_status = kWaitingResponse;
   try {
     link_.Send(frame);
   } catch (const std::exception& error) {
-    TellError(operation, Compose(" ", error.what()));
+    LogRunError(operation, Compose(" ", error.what()));
   }
 }
 
-void UpdateRun::SendFinishRequest() { SendOrTell(RequestFrame(kFinishChild), "SendFinishRequest"); }
+void CanUpdate::SendFinishRequest() { SendOrTell(RequestFrame(kFinishChild), "SendFinishRequest"); }
 
-void UpdateRun::SendRestartRequest() {
+void CanUpdate::SendRestartRequest() {
   SendOrTell(RequestFrame(kRestartChild), "SendRestartRequest");
 }
 
 // --- Replies, on the receive thread ---------------------------------------------------------
 
-bool UpdateRun::IsOwnReply(std::uint32_t id) const {
+bool CanUpdate::IsOwnReply(std::uint32_t id) const {
   if (rules_.replies_from == ReplySenders::kAny) return true;
   if (((id ^ device_id_) & kDeviceIdMask) != 0) return false;
   return rules_.replies_from == ReplySenders::kOwnId || (id & kFamilyMask) == rules_.family;
 }
 
-void UpdateRun::OnFrame(const CanfdFrame& frame) {
+void CanUpdate::OnFrame(const CanfdFrame& frame) {
   const std::uint32_t id = frame.can_id & kCanIdMask;
   if (FunctionOf(id) != function_code::kUpdateReply || frame.len < kStatusBytes) return;
   if (!IsOwnReply(id)) return;
@@ -225,12 +223,12 @@ void UpdateRun::OnFrame(const CanfdFrame& frame) {
 }
 
 /// The watching thread tests the status first: with it the child must already stand.
-void UpdateRun::Store(std::uint8_t child, std::uint32_t status) {
+void CanUpdate::Store(std::uint8_t child, std::uint32_t status) {
   state_.ota_child_id = child;
   state_.ota_status = status;
 }
 
-void UpdateRun::OnUpgradeReply(std::uint32_t status) {
+void CanUpdate::OnUpgradeReply(std::uint32_t status) {
   state_.ota_accepted = status == 0;
   Store(kUpgradeChild, status);
   if (rules_.wording != nullptr && rules_.wording->upgrade_reply) {
@@ -239,18 +237,18 @@ void UpdateRun::OnUpgradeReply(std::uint32_t status) {
   }
   if (status == 0) {
     if (!state_.Report(0, OtaProgressStatus::UPGRADE_ACCEPTED)) {
-      TellReply("[INFO]: [ProcessMsg] OTA upgrade request accepted (status=0, child_id=UPGRADE)");
+      LogReply("[INFO]: [ProcessMsg] OTA upgrade request accepted (status=0, child_id=UPGRADE)");
     }
     if (rules_.first_packet_on_acceptance) SendPackage();
   } else if (IsLeftToLines(static_cast<int>(status))) {
-    TellError("ProcessMsg",
-              Compose(" OTA upgrade request rejected, error code: ", status, ", child_id: 1"));
+    LogRunError("ProcessMsg",
+                Compose(" OTA upgrade request rejected, error code: ", status, ", child_id: 1"));
   }
 }
 
-void UpdateRun::OnPacketReply(std::uint32_t status) {
+void CanUpdate::OnPacketReply(std::uint32_t status) {
   Store(kPacketChild, status);
-  if (status != 0) return TellPacketFailure(status);
+  if (status != 0) return ReportPacketFailure(status);
   const std::uint32_t index = state_.ota_package_index;
   const bool report_first = !rules_.counts_acknowledged;
   if (report_first) ReportPacket(index);
@@ -270,38 +268,38 @@ void UpdateRun::OnPacketReply(std::uint32_t status) {
   }
 }
 
-void UpdateRun::ReportPacket(std::uint32_t number) const {
+void CanUpdate::ReportPacket(std::uint32_t number) const {
   if (state_.Report(static_cast<int>(number), OtaProgressStatus::PACKET_ACKNOWLEDGED)) return;
-  TellReply(
+  LogReply(
       Compose("[INFO]: [ProcessMsg] Packet ", number, "/", state_.Total(), " transmitted [OK]"));
 }
 
 /// The packet stays where it is: Run decides what becomes of it.
-void UpdateRun::TellPacketFailure(std::uint32_t status) const {
+void CanUpdate::ReportPacketFailure(std::uint32_t status) const {
   if (!IsLeftToLines(PacketFailureCode(status))) return;
-  TellError("ProcessMsg", Compose(" Packet ", state_.ota_package_index + 1, "/", state_.Total(),
-                                  " transmission failed, error code: ", status));
-  TellStatus(kPacketChild, status);
+  LogRunError("ProcessMsg", Compose(" Packet ", state_.ota_package_index + 1, "/", state_.Total(),
+                                    " transmission failed, error code: ", status));
+  LogStatusText(kPacketChild, status);
 }
 
-void UpdateRun::OnFinishReply(std::uint32_t status) {
+void CanUpdate::OnFinishReply(std::uint32_t status) {
   Store(kFinishChild, status);
-  if (status != 0) return TellFinishFailure(status);
+  if (status != 0) return ReportFinishFailure(status);
   state_.ota_finish_ok = true;
   if (!state_.Report(static_cast<int>(state_.ota_package_index),
                      OtaProgressStatus::FINISH_ACKNOWLEDGED)) {
-    TellReply("[INFO]: [ProcessMsg][child_id:3][status: 0] OTA finished [OK]");
+    LogReply("[INFO]: [ProcessMsg][child_id:3][status: 0] OTA finished [OK]");
   }
   SendRestartRequest();
 }
 
-void UpdateRun::TellFinishFailure(std::uint32_t status) const {
+void CanUpdate::ReportFinishFailure(std::uint32_t status) const {
   if (!IsLeftToLines(static_cast<int>(status))) return;
-  TellError("ProcessMsg", Compose("[child_id:3][status: ", status, "] OTA finish [NG]"));
-  TellStatus(kFinishChild, status);
+  LogRunError("ProcessMsg", Compose("[child_id:3][status: ", status, "] OTA finish [NG]"));
+  LogStatusText(kFinishChild, status);
 }
 
-void UpdateRun::OnRestartReply(std::uint32_t status) {
+void CanUpdate::OnRestartReply(std::uint32_t status) {
   const bool repeated = state_.ota_status == 0 && state_.ota_child_id == kRestartChild;
   if (repeated && rules_.repeated_restart != RepeatedRestart::kTaken) {
     if (rules_.repeated_restart == RepeatedRestart::kIgnored) return;
@@ -312,16 +310,16 @@ void UpdateRun::OnRestartReply(std::uint32_t status) {
     state_.ota_restart_ok = true;
     if (!state_.Report(static_cast<int>(state_.ota_package_index),
                        OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
-      TellReply("[INFO]: [ProcessMsg][child_id: 4][status: 0] Restart acknowledged");
+      LogReply("[INFO]: [ProcessMsg][child_id: 4][status: 0] Restart acknowledged");
     }
   } else if (!state_.HasCallback()) {
     // Run turns it into a failed update; the line has always been an informative one.
-    TellReply(Compose("[INFO]: [ProcessMsg][child_id: 4][status: ", status,
-                      "] Restart response received"));
+    LogReply(Compose("[INFO]: [ProcessMsg][child_id: 4][status: ", status,
+                     "] Restart response received"));
   }
 }
 
-void UpdateRun::OnLateResult(std::uint32_t status) {
+void CanUpdate::OnLateResult(std::uint32_t status) {
   const char* const text = rules_.wording != nullptr ? rules_.wording->late_result : nullptr;
   if (text == nullptr) return;
   Store(kResultChild, status);
@@ -330,14 +328,14 @@ void UpdateRun::OnLateResult(std::uint32_t status) {
 
 // --- The run, on the caller's thread --------------------------------------------------------
 
-void UpdateRun::Run(const std::string& path, ProgressCallback callback) {
+void CanUpdate::Run(const std::string& path, ProgressCallback callback) {
   Address(hand_.device_id);
   state_.SetCallback(std::move(callback));
   state_.ota_use_modbus_crc = true;
   if (Attempt(path) || rules_.always_clears_callback) state_.ClearCallback();
 }
 
-bool UpdateRun::Attempt(const std::string& path) {
+bool CanUpdate::Attempt(const std::string& path) {
   std::size_t file_size = 0;
   if (!LoadPackets(path, file_size)) {
     state_.ClearCallback();
@@ -348,11 +346,11 @@ bool UpdateRun::Attempt(const std::string& path) {
     state_.ClearCallback();
     return false;
   }
-  TellStage(
+  LogStage(
       "[INFO]: [UpdateFirmware] Upgrade request accepted (UPGRADE response), starting package "
       "transmission");
   SendPackage();
-  TellStage("[INFO]: [UpdateFirmware] Waiting for all packages to be transmitted...");
+  LogStage("[INFO]: [UpdateFirmware] Waiting for all packages to be transmitted...");
   if (!AwaitTransmission()) return false;
   if (!AwaitFlag(state_.ota_finish_ok, "finish", kFinishTimeoutCode)) return false;
   if (!AwaitFlag(state_.ota_restart_ok, "restart", kRestartTimeoutCode)) return false;
@@ -360,12 +358,13 @@ bool UpdateRun::Attempt(const std::string& path) {
   return true;
 }
 
-bool UpdateRun::LoadPackets(const std::string& path, std::size_t& file_size) {
+bool CanUpdate::LoadPackets(const std::string& path, std::size_t& file_size) {
   const FirmwareFile file = ReadFirmwareFile(path);
   if (file.error_code != 0) {
     if (!state_.Report(file.error_code, 0, OtaProgressStatus::FAILED)) {
-      TellError("UpdateFirmware", file.error_code == kCannotOpenFirmware ? " Failed to read " + path
-                                                                         : " File is empty");
+      LogRunError("UpdateFirmware", file.error_code == kCannotOpenFirmware
+                                        ? " Failed to read " + path
+                                        : " File is empty");
     }
     return false;
   }
@@ -374,24 +373,24 @@ bool UpdateRun::LoadPackets(const std::string& path, std::size_t& file_size) {
   state_.ota_child_id = -1;
   state_.ota_accepted = false;
   if (!state_.Report(0, OtaProgressStatus::FILE_LOADED)) {
-    TellStage(Compose("[INFO]: [UpdateFirmware] Firmware file loaded: ", file_size, " bytes, ",
-                      state_.Total(), " packets"));
+    LogStage(Compose("[INFO]: [UpdateFirmware] Firmware file loaded: ", file_size, " bytes, ",
+                     state_.Total(), " packets"));
   }
   state_.Fill(file);
   return true;
 }
 
-bool UpdateRun::RequestUpgrade(std::size_t file_size) {
-  TellStage(Compose("[INFO]: [UpdateFirmware] Firmware length: ", file_size,
-                    " bytes, Package num: ", state_.Total()));
+bool CanUpdate::RequestUpgrade(std::size_t file_size) {
+  LogStage(Compose("[INFO]: [UpdateFirmware] Firmware length: ", file_size,
+                   " bytes, Package num: ", state_.Total()));
   if (!state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE)) {
-    TellStage("[INFO]: [UpdateFirmware] Sending upgrade request (0x01)...");
+    LogStage("[INFO]: [UpdateFirmware] Sending upgrade request (0x01)...");
   }
   const CanfdFrame upgrade = UpgradeFrame(file_size);
   try {
     link_.Send(upgrade);
   } catch (const std::exception& error) {
-    TellError("UpdateFirmware", Compose(" Failed to send upgrade request: ", error.what()));
+    LogRunError("UpdateFirmware", Compose(" Failed to send upgrade request: ", error.what()));
     return false;
   }
   state_.ota_clock->SleepFor(kAfterFirstUpgrade);
@@ -399,40 +398,40 @@ bool UpdateRun::RequestUpgrade(std::size_t file_size) {
 }
 
 /// Where the receive thread sends the first packet, its request has already replaced the status.
-bool UpdateRun::IsAccepted() const {
+bool CanUpdate::IsAccepted() const {
   if (rules_.first_packet_on_acceptance) return state_.ota_accepted;
   return state_.ota_status == 0 && state_.ota_child_id == kUpgradeChild;
 }
 
-bool UpdateRun::AwaitAcceptance(const CanfdFrame& upgrade) {
+bool CanUpdate::AwaitAcceptance(const CanfdFrame& upgrade) {
   for (int attempt = 0; attempt < kUpgradeAttempts;) {
     if (IsAccepted()) return true;
     const std::uint32_t status = state_.ota_status;
     const std::int32_t child = state_.ota_child_id;
-    if (child == kUpgradeChild && IsUpdateError(status)) return TellRefusal(status);
+    if (child == kUpgradeChild && IsUpdateError(status)) return ReportRefusal(status);
     if (attempt == 0 && child == kRestartChild && status == 0) {
       if (rules_.wording != nullptr) LogInfo(rules_.wording->restarting_first);
       state_.ota_clock->SleepFor(kDeviceRestarting);
     } else if (attempt > kSilentAttempts) {
-      TellRetry(status, child);
+      LogRetry(status, child);
     }
     ResendUpgrade(upgrade, attempt);
     if (++attempt < kUpgradeAttempts) state_.ota_clock->SleepFor(kPoll);
   }
-  if (rules_.wording != nullptr) TellError("UpdateFirmware", rules_.wording->no_reply);
+  if (rules_.wording != nullptr) LogRunError("UpdateFirmware", rules_.wording->no_reply);
   if (rules_.reports_no_reply) state_.ReportFailure(kNoReplyCode);
   return false;
 }
 
 /// False, for a run that ends here.
-bool UpdateRun::TellRefusal(std::uint32_t status) const {
-  TellError("UpdateFirmware", Compose(" Upgrade request rejected, error code: ", status));
-  TellStatus(kUpgradeChild, status);
+bool CanUpdate::ReportRefusal(std::uint32_t status) const {
+  LogRunError("UpdateFirmware", Compose(" Upgrade request rejected, error code: ", status));
+  LogStatusText(kUpgradeChild, status);
   if (rules_.reports_refusal) state_.ReportFailure(static_cast<int>(status));
   return false;
 }
 
-void UpdateRun::TellRetry(std::uint32_t status, std::int32_t child) const {
+void CanUpdate::LogRetry(std::uint32_t status, std::int32_t child) const {
   const UpdateWording* const wording = rules_.wording;
   if (wording == nullptr) return;
   const bool silent = status == kWaitingResponse && child == -1;
@@ -440,35 +439,35 @@ void UpdateRun::TellRetry(std::uint32_t status, std::int32_t child) const {
   LogError(Compose(wording->retrying, status, ", child_id=", child, "), retrying..."));
 }
 
-void UpdateRun::ResendUpgrade(const CanfdFrame& upgrade, int attempt) const {
+void CanUpdate::ResendUpgrade(const CanfdFrame& upgrade, int attempt) const {
   try {
     link_.Send(upgrade);
-    TellStage(Compose("[DEBUG]: [UpdateFirmware] Sent UPGRADE request (attempt ", attempt, ")"));
+    LogStage(Compose("[DEBUG]: [UpdateFirmware] Sent UPGRADE request (attempt ", attempt, ")"));
   } catch (const std::exception& error) {
-    TellError("UpdateFirmware", Compose(" Failed to resend upgrade request: ", error.what()));
+    LogRunError("UpdateFirmware", Compose(" Failed to resend upgrade request: ", error.what()));
   }
 }
 
 /// A resent request may have been refused after the first one was accepted.
-bool UpdateRun::StillAccepted() {
+bool CanUpdate::StillAccepted() {
   const std::uint32_t status = state_.ota_status;
   const bool replaced =
       rules_.first_packet_on_acceptance && (state_.ota_accepted || status == kWaitingResponse);
   if (status == 0 || replaced) return true;
   if (!state_.ReportFailure(static_cast<int>(status))) {
-    TellError("UpdateFirmware", Compose(" Upgrade request failed, status: ", status));
+    LogRunError("UpdateFirmware", Compose(" Upgrade request failed, status: ", status));
   }
   return false;
 }
 
-bool UpdateRun::AwaitTransmission() {
+bool CanUpdate::AwaitTransmission() {
   bool fell_back = false;
   int countdown = kTransmissionPolls;
   while (state_.PacketsLeft() != 0) {
     if (--countdown == 0) {
       if (!state_.ReportFailure(kTransmissionTimeoutCode)) {
-        TellError("UpdateFirmware", Compose(" OTA transmission timeout: ", state_.PacketsLeft(),
-                                            " packages remaining"));
+        LogRunError("UpdateFirmware", Compose(" OTA transmission timeout: ", state_.PacketsLeft(),
+                                              " packages remaining"));
       }
       state_.ClearCallback();
       return false;
@@ -482,16 +481,16 @@ bool UpdateRun::AwaitTransmission() {
       continue;
     }
     if (!state_.ReportFailure(static_cast<int>(status))) {
-      TellError("UpdateFirmware", Compose(" OTA transmission failed, error code: ", status));
+      LogRunError("UpdateFirmware", Compose(" OTA transmission failed, error code: ", status));
     }
     return false;
   }
-  if (!state_.HasCallback()) TellStage("[INFO]: [UpdateFirmware] All packages transmitted [OK]");
+  if (!state_.HasCallback()) LogStage("[INFO]: [UpdateFirmware] All packages transmitted [OK]");
   return true;
 }
 
 /// Sends the first packet again with the other checksum, which some hands' boot loaders use.
-bool UpdateRun::FallBack() {
+bool CanUpdate::FallBack() {
   if (!rules_.checksum_fallback || state_.ota_package_index != 0 || !state_.ota_use_modbus_crc) {
     return false;
   }
@@ -504,11 +503,11 @@ bool UpdateRun::FallBack() {
   return true;
 }
 
-bool UpdateRun::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int timeout_code) {
+bool CanUpdate::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int timeout_code) {
   for (int polls = 0; !flag; ++polls) {
     if (polls == kFlagPolls) {
       if (!state_.ReportFailure(timeout_code)) {
-        TellError("UpdateFirmware", Compose(" OTA ", stage, " response timeout"));
+        LogRunError("UpdateFirmware", Compose(" OTA ", stage, " response timeout"));
       }
       return false;
     }
@@ -516,7 +515,7 @@ bool UpdateRun::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int 
     const std::uint32_t status = state_.ota_status;
     if (!IsUpdateError(status)) continue;
     if (!state_.ReportFailure(static_cast<int>(status))) {
-      TellError("UpdateFirmware", Compose(" OTA ", stage, " failed, error code: ", status));
+      LogRunError("UpdateFirmware", Compose(" OTA ", stage, " failed, error code: ", status));
     }
     return false;
   }
@@ -524,7 +523,7 @@ bool UpdateRun::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int 
 }
 
 /// The link stays as it is: the hand is silent while it restarts, and is asked until it answers.
-void UpdateRun::Reconnect() {
+void CanUpdate::Reconnect() {
   state_.ota_clock->SleepFor(kBeforeReconnect);
   for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
     state_.Report(state_.Total(), OtaProgressStatus::RECONNECTING);
@@ -534,31 +533,31 @@ void UpdateRun::Reconnect() {
     } catch (const std::exception&) {
       // no answer, like a silent hand
     }
-    if (!info.product_model.empty()) return TellReconnected(info);
+    if (!info.product_model.empty()) return ReportReconnected(info);
     state_.ota_clock->SleepFor(kPoll);
   }
   // The hand acknowledged the restart, so the update counts as done.
   if (state_.Report(state_.Total(), OtaProgressStatus::COMPLETE)) return;
   if (rules_.wording != nullptr) LogError(rules_.wording->not_reconnected);
-  TellStage(
+  LogStage(
       "[INFO]: [UpdateFirmware] OTA upgrade process completed (device may need manual "
       "verification)");
 }
 
-void UpdateRun::TellReconnected(const VendorInfo& info) {
+void CanUpdate::ReportReconnected(const VendorInfo& info) {
   if (state_.Report(state_.Total(), OtaProgressStatus::COMPLETE)) return;
-  TellStage("[INFO]: [UpdateFirmware] Device reconnected after restart");
-  TellStage("[INFO]: [UpdateFirmware] Vendor Info: " + info.ToString());
+  LogStage("[INFO]: [UpdateFirmware] Device reconnected after restart");
+  LogStage("[INFO]: [UpdateFirmware] Vendor Info: " + info.ToString());
   if (rules_.wording != nullptr) LogInfo(rules_.wording->completed);
 }
 
-void UpdateRun::QueryResult() {
+void CanUpdate::QueryResult() {
   const bool speaks = rules_.wording != nullptr;
   for (int attempt = 1; attempt <= kResultTries; ++attempt) {
     try {
       const CanfdFrame reply = link_.Request(RequestFrame(kResultChild), 0);
       state_.ota_status = LoadU32(reply.data);
-      if (TellResult(state_.ota_status)) return;
+      if (LogResult(state_.ota_status)) return;
     } catch (const std::exception& error) {
       if (speaks) {
         LogError(Compose("[WARN][", rules_.class_name, "][GetUpgradeResult][retry:", attempt,
@@ -567,11 +566,11 @@ void UpdateRun::QueryResult() {
     }
     if (attempt < kResultTries) state_.ota_clock->SleepFor(rules_.result_query.pause);
   }
-  TellError("GetUpgradeResult", " Failed to get upgrade result after 10 retries");
+  LogRunError("GetUpgradeResult", " Failed to get upgrade result after 10 retries");
 }
 
 /// True if the query ends with this answer.
-bool UpdateRun::TellResult(std::uint32_t status) const {
+bool CanUpdate::LogResult(std::uint32_t status) const {
   const ResultQuery& query = rules_.result_query;
   if (query.success != nullptr) {
     status == 0 ? LogInfo(query.success) : LogError(Compose(query.failure, status));

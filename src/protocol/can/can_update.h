@@ -95,7 +95,7 @@ struct UpdateRules {
 
 /// What the two threads of an update over CAN share: the caller's, which sends the first request
 /// and then watches, and the receive thread, on which each acknowledgment sends what comes next.
-struct UpdateState : UpdateProgress {
+struct CanUpdateState : UpdateProgress {
   std::atomic<std::int32_t> ota_child_id{-1};
   std::atomic<bool> ota_use_modbus_crc{true};
   /// The last reply to the upgrade request was a good one.
@@ -133,10 +133,10 @@ class SendTurns {
 /// A run cuts the file into packets, asks the hand into upgrade mode, streams the packets, each
 /// guarded by a checksum and acknowledged, tells the hand to finish and to restart, and waits for
 /// it to answer again. Only the order of messages is enforced; there is no state but the place in
-/// Run and what the replies left in UpdateState.
-class UpdateRun {
+/// Run and what the replies left in CanUpdateState.
+class CanUpdate {
  public:
-  UpdateRun(const UpdateRules& rules, UpdateState& state, const CanLink& link, Korvane& hand);
+  CanUpdate(const UpdateRules& rules, CanUpdateState& state, const CanLink& link, Korvane& hand);
 
   /// The whole update, on the caller's thread.
   void Run(const std::string& path, ProgressCallback callback);
@@ -167,15 +167,15 @@ class UpdateRun {
   bool RequestUpgrade(std::size_t file_size);
   bool AwaitAcceptance(const CanfdFrame& upgrade);
   bool IsAccepted() const;
-  bool TellRefusal(std::uint32_t status) const;
-  void TellRetry(std::uint32_t status, std::int32_t child) const;
+  bool ReportRefusal(std::uint32_t status) const;
+  void LogRetry(std::uint32_t status, std::int32_t child) const;
   void ResendUpgrade(const CanfdFrame& upgrade, int attempt) const;
   bool StillAccepted();
   bool AwaitTransmission();
   bool FallBack();
   bool AwaitFlag(const std::atomic<bool>& flag, const char* stage, int timeout_code);
   void Reconnect();
-  void TellReconnected(const VendorInfo& info);
+  void ReportReconnected(const VendorInfo& info);
 
   void OnUpgradeReply(std::uint32_t status);
   void OnPacketReply(std::uint32_t status);
@@ -185,19 +185,19 @@ class UpdateRun {
   void Store(std::uint8_t child, std::uint32_t status);
   void ReportPacket(std::uint32_t number) const;
   void OnLateResult(std::uint32_t status);
-  void TellPacketFailure(std::uint32_t status) const;
-  void TellFinishFailure(std::uint32_t status) const;
-  bool TellResult(std::uint32_t status) const;
+  void ReportPacketFailure(std::uint32_t status) const;
+  void ReportFinishFailure(std::uint32_t status) const;
+  bool LogResult(std::uint32_t status) const;
 
-  void TellError(const char* operation, const std::string& text) const;
-  void TellStatus(std::uint8_t child, std::uint32_t status) const;
-  void TellStage(const std::string& line) const;
-  void TellReply(const std::string& line) const;
-  bool TellsReplies() const;
+  void LogRunError(const char* operation, const std::string& text) const;
+  void LogStatusText(std::uint8_t child, std::uint32_t status) const;
+  void LogStage(const std::string& line) const;
+  void LogReply(const std::string& line) const;
+  bool LogsReplies() const;
   bool IsLeftToLines(int code) const;
 
   const UpdateRules& rules_;
-  UpdateState& state_;
+  CanUpdateState& state_;
   const CanLink& link_;
   Korvane& hand_;
   std::atomic<std::uint8_t> device_id_{0};

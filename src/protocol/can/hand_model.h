@@ -91,7 +91,7 @@ struct HandModel {
   /// There is a constructor for a TCP link, which is refused.
   bool has_tcp_form = true;
 
-  UpdateRules update = {};
+  UpdateRules update_rules = {};
 };
 
 inline constexpr Wording kChineseWording{
@@ -129,8 +129,8 @@ constexpr HandModel CommonModel(const char* class_name, std::uint8_t model_code,
   model.control_mode.set_way = model.control_mode.set_all_way = Way::kSendsOnly;
   model.control_mode.set_all_length = motors;
   model.control_mode.send_failed = "[Error]: Failed to send control mode request";
-  model.update.class_name = class_name;
-  model.update.family = model.family;
+  model.update_rules.class_name = class_name;
+  model.update_rules.family = model.family;
   return model;
 }
 

@@ -58,7 +58,7 @@ std::vector<TactileSensorData> KorvaneBrisaCanImpl::GetAllTactileSensorDataRaw()
       records.push_back({finger, TakeSensor(*stream, offset, GetSensorDataLength(finger), finger)});
     }
   } catch (const std::exception& error) {
-    engine_.TellFailure({"GetAllTactileSensorDataRaw"}, error);
+    engine_.LogFailure({"GetAllTactileSensorDataRaw"}, error);
   }
   return records;
 }

@@ -10,8 +10,8 @@ struct BrisaRow {
   static constexpr HandModel kModel = [] {
     HandModel model =
         CommonModel("KorvaneBrisaCanImpl", model_code::kBrisa, BrisaKinematics::kMotors);
-    model.update.checksum_fallback = true;
-    model.update.replies_from = ReplySenders::kAny;
+    model.update_rules.checksum_fallback = true;
+    model.update_rules.replies_from = ReplySenders::kAny;
     return model;
   }();
 
@@ -23,7 +23,7 @@ struct BrisaRow {
 /// The KorvaneBrisa over CAN FD: the common operations by its row, and what only it has, one-axis
 /// tactile sensors and a solver with a log.
 class KorvaneBrisaCanImpl
-    : public WithJointAngles<WithoutReportPeriods<CanMotorHand<KorvaneBrisa, BrisaRow>>,
+    : public WithJointAngles<RefusesReportPeriods<CanPublicMotorHand<KorvaneBrisa, BrisaRow>>,
                              BrisaKinematics> {
  public:
   using WithJointAngles::WithJointAngles;

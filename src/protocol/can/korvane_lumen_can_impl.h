@@ -24,12 +24,13 @@ struct LumenRow {
     // Commands and what they are judged by overtake reports that wait.
     model.position.priority = model.velocity.priority = 1;
     model.control_mode.priority = model.threshold.priority = model.mixed_priority = 1;
-    model.update.wording = &kUpdateWording;
-    model.update.repeated_restart = RepeatedRestart::kIgnored;
-    model.update.reports_no_reply = true;
-    model.update.always_clears_callback = true;
-    model.update.result_query.success = "[INFO][KorvaneLumenCanImpl] OTA upgrade result: success";
-    model.update.result_query.failure = "[ERROR][KorvaneLumenCanImpl] OTA upgrade result: ";
+    model.update_rules.wording = &kUpdateWording;
+    model.update_rules.repeated_restart = RepeatedRestart::kIgnored;
+    model.update_rules.reports_no_reply = true;
+    model.update_rules.always_clears_callback = true;
+    model.update_rules.result_query.success =
+        "[INFO][KorvaneLumenCanImpl] OTA upgrade result: success";
+    model.update_rules.result_query.failure = "[ERROR][KorvaneLumenCanImpl] OTA upgrade result: ";
     return model;
   }();
 
@@ -37,9 +38,10 @@ struct LumenRow {
 };
 
 /// The KorvaneLumen over CAN FD: all by its row, but for what needs a solver.
-class KorvaneLumenCanImpl : public WithoutReportPeriods<CanMotorHand<KorvaneLumen, LumenRow>> {
+class KorvaneLumenCanImpl
+    : public RefusesReportPeriods<CanPublicMotorHand<KorvaneLumen, LumenRow>> {
  public:
-  using WithoutReportPeriods::WithoutReportPeriods;
+  using RefusesReportPeriods::RefusesReportPeriods;
 
   std::vector<double> SetAllActiveJointAngles(const std::vector<double>& angles) override;
   std::vector<double> GetAllActiveJointAngles() const override;

@@ -47,7 +47,7 @@ void KorvaneQuillCanImpl::Calibrate(std::uint8_t function, const char* end,
     if (engine_.transport && engine_.Send(frame) != -1) return;
   } catch (const std::exception& error) {
     const bool lower = function == function_code::kMinCalibration;
-    engine_.TellFailure({lower ? "SetMinPositionCalibration" : "SetMaxPositionCalibration"}, error);
+    engine_.LogFailure({lower ? "SetMinPositionCalibration" : "SetMaxPositionCalibration"}, error);
     return;
   }
   const std::string which = joint == 0 ? "" : Compose(" for joint ", joint);
@@ -84,7 +84,7 @@ std::vector<TactileSensorData> KorvaneQuillCanImpl::GetAllTactileSensorDataRaw()
       offset += length;
     }
   } catch (const std::exception& error) {
-    engine_.TellFailure({"GetAllTactileSensorDataRaw"}, error);
+    engine_.LogFailure({"GetAllTactileSensorDataRaw"}, error);
   }
   return records;
 }

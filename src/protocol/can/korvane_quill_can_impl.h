@@ -18,16 +18,16 @@ struct QuillRow {
 
   static constexpr HandModel kModel = [] {
     HandModel model = CommonModel("KorvaneQuillCanImpl", model_code::kQuill, /*motors=*/10);
-    model.family = model.update.family = 0x700;
+    model.family = model.update_rules.family = 0x700;
     model.wording = &kWording;
     model.max_values = model.motors;
     model.product_model_ends_at_nul = true;
     model.has_tcp_form = false;
-    model.update.wording = nullptr;
-    model.update.replies_from = ReplySenders::kOwnIdAndFamily;
-    model.update.repeated_restart = RepeatedRestart::kIgnored;
-    model.update.reports_refusal = model.update.reports_no_reply = true;
-    model.update.always_clears_callback = true;
+    model.update_rules.wording = nullptr;
+    model.update_rules.replies_from = ReplySenders::kOwnIdAndFamily;
+    model.update_rules.repeated_restart = RepeatedRestart::kIgnored;
+    model.update_rules.reports_refusal = model.update_rules.reports_no_reply = true;
+    model.update_rules.always_clears_callback = true;
     return model;
   }();
 
@@ -36,9 +36,9 @@ struct QuillRow {
 
 /// The KorvaneQuill over CAN FD: position readings by its row, and what only it has, calibration
 /// and its own reading of the tactile sensors.
-class KorvaneQuillCanImpl : public CanHand<KorvaneQuill, QuillRow> {
+class KorvaneQuillCanImpl : public CanPublicHand<KorvaneQuill, QuillRow> {
  public:
-  using CanHand::CanHand;
+  using CanPublicHand::CanPublicHand;
 
   void ShowDataDetails(bool on) const override;
 

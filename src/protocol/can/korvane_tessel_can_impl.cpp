@@ -47,7 +47,7 @@ TactileSensor3DData KorvaneTesselCanImpl::GetTactileSensor3DData(Finger finger) 
     LogError("[ERROR]: Invalid finger type");
     return record;
   }
-  const auto reply = engine_.Ask(
+  const auto reply = engine_.RequestOrLog(
       {"GetTactileSensor3DData"},
       engine_.ReadFrame(function_code::kTactileSummary, static_cast<std::uint8_t>(finger)));
   if (reply) std::memcpy(record.data, reply->data, sizeof record.data);

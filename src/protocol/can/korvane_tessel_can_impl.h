@@ -57,16 +57,16 @@ struct TesselRow {
     model.temperature.set_all_way = Way::kSendsOnly;
     model.current.set_way = model.current.set_all_way = Way::kSendsOnly;
     model.binds_without_link = true;
-    model.update.wording = &kUpdateWording;
-    model.update.repeated_restart = RepeatedRestart::kTaken;
-    model.update.first_packet_on_acceptance = true;
-    model.update.replies_report_errors = false;
-    model.update.counts_acknowledged = true;
-    model.update.reports_refusal = model.update.reports_no_reply = true;
-    model.update.always_clears_callback = true;
-    model.update.result_query = {std::chrono::milliseconds(0),
-                                 "[INFO][KorvaneTesselCanImpl] OTA upgrade result: success",
-                                 "[ERROR][KorvaneTesselCanImpl] OTA upgrade result: "};
+    model.update_rules.wording = &kUpdateWording;
+    model.update_rules.repeated_restart = RepeatedRestart::kTaken;
+    model.update_rules.first_packet_on_acceptance = true;
+    model.update_rules.replies_report_errors = false;
+    model.update_rules.counts_acknowledged = true;
+    model.update_rules.reports_refusal = model.update_rules.reports_no_reply = true;
+    model.update_rules.always_clears_callback = true;
+    model.update_rules.result_query = {std::chrono::milliseconds(0),
+                                       "[INFO][KorvaneTesselCanImpl] OTA upgrade result: success",
+                                       "[ERROR][KorvaneTesselCanImpl] OTA upgrade result: "};
     return model;
   }();
 
@@ -76,7 +76,7 @@ struct TesselRow {
 /// The KorvaneTessel over CAN FD: the common operations by its row, and what only it has, report
 /// periods and three-axis sensors.
 class KorvaneTesselCanImpl
-    : public WithJointAngles<CanMotorHand<KorvaneTessel, TesselRow>, TesselKinematics> {
+    : public WithJointAngles<CanPublicMotorHand<KorvaneTessel, TesselRow>, TesselKinematics> {
  public:
   using WithJointAngles::WithJointAngles;
 

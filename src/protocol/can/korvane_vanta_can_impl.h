@@ -16,9 +16,10 @@ struct VantaRow {
 };
 
 /// The KorvaneVanta over CAN FD: all by its row, with stand-ins for a kinematics that isn't known.
-class KorvaneVantaCanImpl : public WithoutReportPeriods<CanMotorHand<KorvaneVanta, VantaRow>> {
+class KorvaneVantaCanImpl
+    : public RefusesReportPeriods<CanPublicMotorHand<KorvaneVanta, VantaRow>> {
  public:
-  using WithoutReportPeriods::WithoutReportPeriods;
+  using RefusesReportPeriods::RefusesReportPeriods;
 
   std::vector<double> GetAllActiveJointAngles() const override;
   std::vector<double> SetAllActiveJointAngles(const std::vector<double>& angles) override;

@@ -10,7 +10,7 @@ namespace {
 constexpr std::uint32_t kWholeHandMask = 0xFFFF0000;
 
 /// One line for each bit that is set. A standing fault repeats its lines with every report.
-void TellFaults(unsigned motor, std::uint8_t bits) {
+void LogFaults(unsigned motor, std::uint8_t bits) {
   static constexpr const char* kFaults[] = {" stalled!", " overheat!", " overcurrent!",
                                             " motor exception!", " communication exception!"};
   unsigned bit = 0;
@@ -21,19 +21,19 @@ void TellFaults(unsigned motor, std::uint8_t bits) {
 
 }  // namespace
 
-bool PeriodicReports::Take(const CanfdFrame& frame) {
+bool PeriodicReports::StoreIfReport(const CanfdFrame& frame) {
   const std::uint32_t id = frame.can_id & kCanIdMask;
   switch (id & kWholeHandMask) {
     case FunctionField(function_code::kTemperature):
-      Keep(temperature_, frame);
+      Store(temperature_, frame);
       return true;
     case FunctionField(function_code::kCurrent):
-      Keep(current_, frame);
+      Store(current_, frame);
       return true;
     case FunctionField(function_code::kError): {
       unsigned motor = 0;
       for (const std::uint16_t word : WordsOf<unsigned short>(frame)) {
-        TellFaults(++motor, static_cast<std::uint8_t>(word));
+        LogFaults(++motor, static_cast<std::uint8_t>(word));
       }
       return true;
     }
@@ -41,11 +41,11 @@ bool PeriodicReports::Take(const CanfdFrame& frame) {
       break;
   }
   if (FunctionOf(id) != function_code::kError) return false;
-  TellFaults(IndexOf(id), frame.data[0]);
+  LogFaults(IndexOf(id), frame.data[0]);
   return true;
 }
 
-void PeriodicReports::Keep(Cache& cache, const CanfdFrame& frame) {
+void PeriodicReports::Store(Cache& cache, const CanfdFrame& frame) {
   auto values = WordsOf<unsigned short>(frame);
   const std::lock_guard lock(cache.mutex);
   cache.values.swap(values);

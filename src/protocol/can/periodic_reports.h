@@ -16,7 +16,7 @@ namespace talvera::korvane {
 class PeriodicReports {
  public:
   /// True if the frame was a report.
-  bool Take(const CanfdFrame& frame);
+  bool StoreIfReport(const CanfdFrame& frame);
 
   /// The values of the last report with that function code, as many as it held; none before the
   /// first. They may be of any age.
@@ -28,7 +28,7 @@ class PeriodicReports {
     std::vector<std::uint16_t> values;
   };
 
-  static void Keep(Cache& cache, const CanfdFrame& frame);
+  static void Store(Cache& cache, const CanfdFrame& frame);
 
   Cache temperature_;
   Cache current_;

@@ -23,17 +23,17 @@ void Append(std::vector<std::uint8_t>& data, const CanfdFrame& frame, std::size_
 
 }  // namespace
 
-std::vector<std::uint8_t> ReadTactileSummary(const CanHandEngine& engine, Finger finger) {
+std::vector<std::uint8_t> ReadTactileSummary(const CanPublicEngine& engine, Finger finger) {
   RequireFinger(finger);
   std::vector<std::uint8_t> summary(SummaryBytesOf(finger));
   const auto number = static_cast<std::uint8_t>(finger);
-  const auto reply = engine.Ask({"GetTactileSensorData", "finger", number},
-                                engine.ReadFrame(function_code::kTactileSummary, number));
+  const auto reply = engine.RequestOrLog({"GetTactileSensorData", "finger", number},
+                                         engine.ReadFrame(function_code::kTactileSummary, number));
   if (reply) std::copy_n(reply->data, summary.size(), summary.begin());
   return summary;
 }
 
-TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger,
+TactileSensorData ReadTactileRaw(const CanPublicEngine& engine, Finger finger,
                                  const std::function<std::size_t()>& length_of) {
   TactileSensorData record{finger, {}};
   const int number = static_cast<int>(finger);
@@ -55,12 +55,12 @@ TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger,
                        " bytes, got ", record.data.size()));
     }
   } catch (const std::exception& error) {
-    engine.TellFailure({"GetTactileSensorDataRaw", "finger", number}, error);
+    engine.LogFailure({"GetTactileSensorDataRaw", "finger", number}, error);
   }
   return record;
 }
 
-std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanHandEngine& engine) {
+std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanPublicEngine& engine) {
   const auto frames =
       engine.RequestFrames(engine.ReadFrame(function_code::kTactileRaw, 0), kAllSensorsFrames);
   if (frames.empty()) return std::nullopt;

@@ -13,14 +13,14 @@ namespace talvera::korvane {
 
 /// The summary of one sensor; all zero on failure. Throws std::invalid_argument for a finger
 /// outside 1 to 7.
-std::vector<std::uint8_t> ReadTactileSummary(const CanHandEngine& engine, Finger finger);
+std::vector<std::uint8_t> ReadTactileSummary(const CanPublicEngine& engine, Finger finger);
 
 /// The raw array of one sensor, `length()` bytes unless the hand is silent or its reply is cut off.
 /// What `length` throws is told like any other failure: an application may have overridden it.
-TactileSensorData ReadTactileRaw(const CanHandEngine& engine, Finger finger,
+TactileSensorData ReadTactileRaw(const CanPublicEngine& engine, Finger finger,
                                  const std::function<std::size_t()>& length);
 
 /// All that the hand sends of all its sensors, in reading order; nothing if it is silent.
-std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanHandEngine& engine);
+std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanPublicEngine& engine);
 
 }  // namespace talvera::korvane

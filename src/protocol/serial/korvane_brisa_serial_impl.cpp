@@ -34,7 +34,7 @@ bool CheckIndex(std::uint8_t index, const char* what = kMotorIndex) {
 }
 
 /// "get motor current failed, joint_motor_index: 3"
-void TellReadFailed(const char* what, std::uint8_t index) {
+void LogReadFailed(const char* what, std::uint8_t index) {
   LogInfo(Compose("get ", what, " failed, joint_motor_index: ", index));
 }
 
@@ -43,7 +43,7 @@ bool CheckTen(std::size_t count) {
   return count == kAxes;
 }
 
-void TellNotFully(const char* operation) {
+void LogNotFullySupported(const char* operation) {
   LogError(Compose("[Warning]: ", operation, " is not fully supported via USB."));
 }
 
@@ -218,7 +218,7 @@ std::optional<KorvaneBrisaSerialImpl::Bytes> KorvaneBrisaSerialImpl::ReadForAxis
     const char* operation, ServiceCommand command, ReplySlot slot, const char* what,
     std::uint8_t index) const {
   auto reply = Read(operation, command, slot);
-  if (!reply) TellReadFailed(what, index);
+  if (!reply) LogReadFailed(what, index);
   return reply;
 }
 
@@ -230,7 +230,7 @@ std::optional<std::uint16_t> KorvaneBrisaSerialImpl::ReadPosition(const char* op
       return LoadU16(reply->data());
     }
   }
-  TellReadFailed("joint motor posi", index);
+  LogReadFailed("joint motor posi", index);
   return std::nullopt;
 }
 
@@ -298,7 +298,7 @@ void KorvaneBrisaSerialImpl::SetControlMode(std::uint8_t index, ControlMode mode
 }
 
 ControlMode KorvaneBrisaSerialImpl::GetControlMode(std::uint8_t index) const {
-  if (CheckIndex(index)) TellNotFully("GetControlMode");
+  if (CheckIndex(index)) LogNotFullySupported("GetControlMode");
   return ControlMode::MODE_0;
 }
 
@@ -311,17 +311,17 @@ void KorvaneBrisaSerialImpl::SetAllControlMode(const std::vector<std::uint8_t>& 
 }
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllControlMode() const {
-  TellNotFully("GetAllControlMode");
+  LogNotFullySupported("GetAllControlMode");
   return std::vector<std::uint8_t>(kAxes);
 }
 
 short KorvaneBrisaSerialImpl::GetCurrentThreshold(std::uint8_t index) const {
-  if (CheckIndex(index)) TellNotFully("GetCurrentThreshold");
+  if (CheckIndex(index)) LogNotFullySupported("GetCurrentThreshold");
   return 0;
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentThreshold() const {
-  TellNotFully("GetAllCurrentThreshold");
+  LogNotFullySupported("GetAllCurrentThreshold");
   return std::vector<short>(kAxes);
 }
 

@@ -41,7 +41,7 @@ class SerialBrisa : public WithServiceSettings<PrivateKorvaneBrisa, SerialBrisaS
 /// The application's thread writes a frame and waits for any frame; the receive thread keeps what
 /// each frame brings, and the application's thread then reads what is kept.
 class KorvaneBrisaSerialImpl
-    : public WithoutReportPeriods<WithJointAngles<SerialBrisa, BrisaKinematics>>,
+    : public RefusesReportPeriods<WithJointAngles<SerialBrisa, BrisaKinematics>>,
       public SerialUpdateState {
  public:
   KorvaneBrisaSerialImpl(HandType hand_type, unsigned char device_id, const std::string& port,

@@ -17,7 +17,7 @@ UsbFrameBuilder FrameOf(std::uint16_t device_id, ServiceCommand command,
   return frame;
 }
 
-void TellFailure(const char* operation, const std::exception& error) {
+void LogFailure(const char* operation, const std::exception& error) {
   LogError(Compose("[KorvaneBrisaSerialImpl] ", operation, ": ", error.what()));
 }
 
@@ -63,7 +63,7 @@ bool SerialLink::RequestTo(std::uint16_t device_id, const char* operation, Servi
     const std::size_t size = frame.Finalize(crc);
     return Device().SendRequestWithReply(frame.Data(), size);
   } catch (const std::exception& error) {
-    TellFailure(operation, error);
+    LogFailure(operation, error);
     return false;
   }
 }
@@ -76,7 +76,7 @@ bool SerialLink::Write(const char* operation, ServiceCommand command,
     const std::size_t size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
     return device->WriteRaw(frame.Data(), size) == size;
   } catch (const std::exception& error) {
-    TellFailure(operation, error);
+    LogFailure(operation, error);
     return false;
   }
 }

@@ -292,7 +292,7 @@ bool SerialUpdate::Transmit() {
     }
     if (state_.ota_package_acked && !TakeAcknowledgment(finished)) return false;
   }
-  return TellTransmissionEnd();
+  return ReportTransmissionEnd();
 }
 
 bool SerialUpdate::TakeAcknowledgment(bool& finished) {
@@ -313,7 +313,7 @@ bool SerialUpdate::TakeAcknowledgment(bool& finished) {
   return true;
 }
 
-bool SerialUpdate::TellTransmissionEnd() {
+bool SerialUpdate::ReportTransmissionEnd() {
   const std::uint32_t index = state_.ota_package_index;
   const std::size_t left = state_.PacketsLeft();
   if (left == 0 && index == state_.ota_total_packages - 1) {

@@ -64,7 +64,7 @@ class SerialUpdate {
   void SendFront();
   bool Transmit();
   bool TakeAcknowledgment(bool& finished);
-  bool TellTransmissionEnd();
+  bool ReportTransmissionEnd();
   bool Finish();
   bool Restart();
   bool AwaitFlag(const std::atomic<bool>& flag, int polls, bool watch_status);

@@ -44,7 +44,7 @@ std::vector<Value> Values(const std::uint8_t* data, std::size_t count) {
 
 }  // namespace
 
-void CanServiceEngine::TellNoSuchAdapter(const ServiceModel& model, ECanDeviceType /*type*/) {
+void CanServiceEngine::LogNoSuchAdapter(const ServiceModel& model, ECanDeviceType /*type*/) {
   LogError(Compose("[ERROR] ", model.class_name, ": invalid device type"));
 }
 
@@ -53,7 +53,7 @@ CanServiceEngine::CanServiceEngine(const ServiceModel& row, Korvane& hand,
                                    std::unique_ptr<CanBusDeviceBase> device)
     : CanLink(std::move(device)),
       model(row),
-      update(row.class_name, update_state, *this, hand),
+      update_run(row.class_name, update_state, *this, hand),
       hand_(hand) {}
 
 void CanServiceEngine::Start(HandType hand_type, std::uint8_t device_id) {
@@ -61,51 +61,51 @@ void CanServiceEngine::Start(HandType hand_type, std::uint8_t device_id) {
   hand_.connected = IsInit();
   if (!transport) return;
   CanBusDeviceBase::ProcessMessage process;
-  if (model.has_update) process = [this](const CanfdFrame& frame) { update.OnFrame(frame); };
+  if (model.has_update) process = [this](const CanfdFrame& frame) { update_run.OnFrame(frame); };
   transport->BindCallbacks(std::move(process), &StandardFrameRepId, &StandardFrameMatch);
 }
 
-void CanServiceEngine::Tell(const char* operation, const std::string& text) const {
+void CanServiceEngine::LogLine(const char* operation, const std::string& text) const {
   LogError(Compose("[", model.class_name, "] ", operation, ": ", text));
 }
 
-CanServiceEngine::Reply CanServiceEngine::Ask(const char* operation, ServiceCommand command,
-                                              const ServicePayload& payload) const {
+CanServiceEngine::Reply CanServiceEngine::RequestOrLog(const char* operation,
+                                                       ServiceCommand command,
+                                                       const ServicePayload& payload) const {
   if (!IsReady()) return std::nullopt;
   try {
     return Request(ServiceFrame(command, payload), 0);
   } catch (const std::exception& error) {
-    Tell(operation, error.what());
+    LogLine(operation, error.what());
     return std::nullopt;
   }
 }
 
 bool CanServiceEngine::IsAcknowledged(const char* operation, ServiceCommand command,
                                       const ServicePayload& payload) const {
-  return AskByte(operation, command, payload) == kAccepted;
+  return ReadByte(operation, command, payload) == kAccepted;
 }
 
-std::uint8_t CanServiceEngine::AskByte(const char* operation, ServiceCommand command,
-                                       const ServicePayload& payload) const {
-  const Reply reply = Ask(operation, command, payload);
+std::uint8_t CanServiceEngine::ReadByte(const char* operation, ServiceCommand command,
+                                        const ServicePayload& payload) const {
+  const Reply reply = RequestOrLog(operation, command, payload);
   const std::uint8_t* const data = DataOf(reply, 2);
   return data != nullptr ? data[0] : std::uint8_t{0};
 }
 
-std::optional<std::uint16_t> CanServiceEngine::AskPosition(const char* operation,
-                                                           ServiceCommand command,
-                                                           const ServicePayload& payload) const {
-  const Reply reply = Ask(operation, command, payload);
+std::optional<std::uint16_t> CanServiceEngine::RequestPosition(
+    const char* operation, ServiceCommand command, const ServicePayload& payload) const {
+  const Reply reply = RequestOrLog(operation, command, payload);
   const std::uint8_t* const data = DataOf(reply, 4);
   if (data == nullptr) return std::nullopt;
   return LoadU16(data + 1);
 }
 
 template <class Value>
-std::vector<Value> CanServiceEngine::AskPositions(const char* operation, ServiceCommand command,
-                                                  const ServicePayload& payload,
-                                                  std::size_t least) const {
-  const Reply reply = Ask(operation, command, payload);
+std::vector<Value> CanServiceEngine::RequestPositions(const char* operation, ServiceCommand command,
+                                                      const ServicePayload& payload,
+                                                      std::size_t least) const {
+  const Reply reply = RequestOrLog(operation, command, payload);
   const std::uint8_t* const data = DataOf(reply, least);
   if (data == nullptr) return {};
   return Values<Value>(data, model.motors);
@@ -114,26 +114,27 @@ std::vector<Value> CanServiceEngine::AskPositions(const char* operation, Service
 template <class Value>
 std::vector<Value> CanServiceEngine::Read(const ServiceReading& reading) const {
   const std::size_t count = reading.count != 0 ? reading.count : model.motors;
-  const Reply reply = Ask(reading.operation, reading.command);
+  const Reply reply = RequestOrLog(reading.operation, reading.command);
   const std::uint8_t* const data = DataOf(reply, 1 + count * sizeof(Value));
   if (data != nullptr) return Values<Value>(data, count);
   return std::vector<Value>(reading.short_reply == ShortReply::kZeros ? count : 0);
 }
 
-template std::vector<short> CanServiceEngine::AskPositions(const char*, ServiceCommand,
-                                                           const ServicePayload&,
-                                                           std::size_t) const;
-template std::vector<std::uint16_t> CanServiceEngine::AskPositions(const char*, ServiceCommand,
-                                                                   const ServicePayload&,
-                                                                   std::size_t) const;
+template std::vector<short> CanServiceEngine::RequestPositions(const char*, ServiceCommand,
+                                                               const ServicePayload&,
+                                                               std::size_t) const;
+template std::vector<std::uint16_t> CanServiceEngine::RequestPositions(const char*, ServiceCommand,
+                                                                       const ServicePayload&,
+                                                                       std::size_t) const;
 template std::vector<short> CanServiceEngine::Read(const ServiceReading&) const;
 template std::vector<std::uint16_t> CanServiceEngine::Read(const ServiceReading&) const;
 template std::vector<std::uint8_t> CanServiceEngine::Read(const ServiceReading&) const;
 
-SetAllAxisPosResponse CanServiceEngine::AskResponse(const char* operation, ServiceCommand command,
-                                                    const ServicePayload& payload,
-                                                    bool positions_alone) const {
-  const Reply reply = Ask(operation, command, payload);
+SetAllAxisPosResponse CanServiceEngine::RequestAxisResponse(const char* operation,
+                                                            ServiceCommand command,
+                                                            const ServicePayload& payload,
+                                                            bool positions_alone) const {
+  const Reply reply = RequestOrLog(operation, command, payload);
   const std::size_t axes = model.motors;
   if (const auto* const data = DataOf(reply, 1 + 6 * axes)) return LoadAxisResponse(data, axes);
   const std::uint8_t* const data = positions_alone ? DataOf(reply, 1 + 2 * axes) : nullptr;
@@ -142,7 +143,7 @@ SetAllAxisPosResponse CanServiceEngine::AskResponse(const char* operation, Servi
 }
 
 AxisLimitPos CanServiceEngine::ReadLimits() const {
-  const Reply reply = Ask("GetAxisLimitPos", ServiceCommand::kGetAxisLimitPos);
+  const Reply reply = RequestOrLog("GetAxisLimitPos", ServiceCommand::kGetAxisLimitPos);
   for (const std::size_t axes : {model.most_limits, model.motors}) {
     if (const auto* const data = DataOf(reply, 1 + 4 * axes)) return LoadAxisLimits(data, axes);
   }
@@ -156,7 +157,7 @@ ProductSerialNumber CanServiceEngine::ReadSerialNumber() const {
 /// Firmware that answers with 11 bytes tells its versions one place earlier, and of the first of
 /// them only one number.
 FwVersion CanServiceEngine::ReadFwVersion() const {
-  const Reply reply = Ask("GetFwVersion", ServiceCommand::kGetFwVersion);
+  const Reply reply = RequestOrLog("GetFwVersion", ServiceCommand::kGetFwVersion);
   const std::uint8_t* const data = DataOf(reply, kVersionReply);
   if (data == nullptr) return {};
   if (reply->len > kVersionReply) return LoadFwVersion(data);
@@ -167,7 +168,7 @@ FwVersion CanServiceEngine::ReadFwVersion() const {
 
 VendorInfo CanServiceEngine::ReadVendorInfo() const {
   VendorInfo info;
-  const Reply reply = Ask("GetVendorInfo", ServiceCommand::kGetFwVersion);
+  const Reply reply = RequestOrLog("GetVendorInfo", ServiceCommand::kGetFwVersion);
   const std::uint8_t* const data = DataOf(reply, kVersionReply);
   if (data == nullptr) return info;
   const FwVersion version = LoadFwVersion(data);

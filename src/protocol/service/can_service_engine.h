@@ -37,10 +37,10 @@ struct ServiceModel {
 /// Every operation is silent while the link isn't open. What fails on the link is told in one line.
 class CanServiceEngine : public CanLink {
  public:
-  using Update = ServiceUpdateState;
+  using UpdateState = ServiceUpdateState;
   using Reply = std::optional<CanfdFrame>;
 
-  static void TellNoSuchAdapter(const ServiceModel& model, ECanDeviceType type);
+  static void LogNoSuchAdapter(const ServiceModel& model, ECanDeviceType type);
 
   CanServiceEngine(const ServiceModel& model, Korvane& hand, ServiceUpdateState& update_state,
                    std::unique_ptr<CanBusDeviceBase> transport);
@@ -54,28 +54,29 @@ class CanServiceEngine : public CanLink {
   bool IsReady() const { return hand_.connected && transport; }
 
   /// "[class] operation: text" on the standard error stream.
-  void Tell(const char* operation, const std::string& text) const;
+  void LogLine(const char* operation, const std::string& text) const;
 
-  Reply Ask(const char* operation, ServiceCommand command,
-            const ServicePayload& payload = {}) const;
+  Reply RequestOrLog(const char* operation, ServiceCommand command,
+                     const ServicePayload& payload = {}) const;
 
   /// The hand took the command.
   bool IsAcknowledged(const char* operation, ServiceCommand command,
                       const ServicePayload& payload) const;
-  std::uint8_t AskByte(const char* operation, ServiceCommand command,
-                       const ServicePayload& payload = {}) const;
+  std::uint8_t ReadByte(const char* operation, ServiceCommand command,
+                        const ServicePayload& payload = {}) const;
   /// A position, behind the axis that it belongs to.
-  std::optional<std::uint16_t> AskPosition(const char* operation, ServiceCommand command,
-                                           const ServicePayload& payload) const;
+  std::optional<std::uint16_t> RequestPosition(const char* operation, ServiceCommand command,
+                                               const ServicePayload& payload) const;
   /// One value for each motor from a reply of at least that length, otherwise nothing.
   template <class Value>
-  std::vector<Value> AskPositions(const char* operation, ServiceCommand command,
-                                  const ServicePayload& payload, std::size_t least) const;
+  std::vector<Value> RequestPositions(const char* operation, ServiceCommand command,
+                                      const ServicePayload& payload, std::size_t least) const;
   template <class Value>
   std::vector<Value> Read(const ServiceReading& reading) const;
 
-  SetAllAxisPosResponse AskResponse(const char* operation, ServiceCommand command,
-                                    const ServicePayload& payload, bool positions_alone) const;
+  SetAllAxisPosResponse RequestAxisResponse(const char* operation, ServiceCommand command,
+                                            const ServicePayload& payload,
+                                            bool positions_alone) const;
   AxisLimitPos ReadLimits() const;
   ProductSerialNumber ReadSerialNumber() const;
   FwVersion ReadFwVersion() const;
@@ -83,7 +84,7 @@ class CanServiceEngine : public CanLink {
   DeviceInfo ReadDeviceInfo() const;
 
   const ServiceModel& model;
-  ServiceUpdate update;
+  ServiceUpdate update_run;
 
  private:
   Korvane& hand_;

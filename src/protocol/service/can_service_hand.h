@@ -18,8 +18,8 @@ using StreamCmd = ServiceCommand;
 /// What hands on CAN with a service interface have in common: the service operations, and those
 /// public ones that are the same commands. `Row` also states the differences of the settings.
 template <class Model, class Row>
-class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEngine>, Row> {
-  using Base = WithServiceSettings<OnCan<Model, Row, CanServiceEngine>, Row>;
+class CanServiceHand : public WithServiceSettings<HandOnCan<Model, Row, CanServiceEngine>, Row> {
+  using Base = WithServiceSettings<HandOnCan<Model, Row, CanServiceEngine>, Row>;
   using Byte = std::uint8_t;
   using Word = std::uint16_t;
   using Command = ServiceCommand;
@@ -49,20 +49,21 @@ class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEn
   int SetJointMotorPosi(Byte index, short position) override {
     if (!IsMotor(index)) return -1;
     const auto payload = ServicePayload().Add8(index).Add16(static_cast<Word>(position));
-    const auto echo = engine_.AskPosition("SetJointMotorPosi", Command::kSetSingleAxisPos, payload);
+    const auto echo =
+        engine_.RequestPosition("SetJointMotorPosi", Command::kSetSingleAxisPos, payload);
     return echo ? int{*echo} : -1;
   }
   short GetJointMotorPosi(Byte index) const override {
     if (!IsMotor(index)) return -1;
-    const auto position = engine_.AskPosition("GetJointMotorPosi", Command::kGetSingleAxisPos,
-                                              ServicePayload().Add8(index));
+    const auto position = engine_.RequestPosition("GetJointMotorPosi", Command::kGetSingleAxisPos,
+                                                  ServicePayload().Add8(index));
     return position ? static_cast<short>(*position) : short{-1};
   }
   std::vector<short> SetAllJointMotorPosi(const std::vector<short>& positions) override {
     if (positions.size() != kModel.motors) return {};
-    return engine_.template AskPositions<short>("SetAllJointMotorPosi", Command::kSetAllAxisPos,
-                                                ServicePayload().AddAll(positions),
-                                                kModel.positions_reply);
+    return engine_.template RequestPositions<short>("SetAllJointMotorPosi", Command::kSetAllAxisPos,
+                                                    ServicePayload().AddAll(positions),
+                                                    kModel.positions_reply);
   }
   std::vector<short> GetAllJointMotorPosi() const override {
     return engine_.template Read<short>(reading::kJointMotorPosi);
@@ -83,23 +84,24 @@ class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEn
   }
   SetAllAxisPosResponse SetAllAxisPos(const std::vector<Word>& positions) override {
     if (positions.size() != kModel.motors) return {};
-    return engine_.AskResponse("SetAllAxisPos", Command::kSetAllAxisPos,
-                               ServicePayload().AddAll(positions), kModel.takes_positions_alone);
+    return engine_.RequestAxisResponse("SetAllAxisPos", Command::kSetAllAxisPos,
+                                       ServicePayload().AddAll(positions),
+                                       kModel.takes_positions_alone);
   }
   std::vector<Word> SetAllActualAxisPos(const std::vector<Word>& positions) override {
     if (positions.size() != kModel.motors) return {};
-    return engine_.template AskPositions<Word>("SetAllActualAxisPos", Command::kSetAllActualAxisPos,
-                                               ServicePayload().AddAll(positions),
-                                               1 + sizeof(Word) * kModel.motors);
+    return engine_.template RequestPositions<Word>(
+        "SetAllActualAxisPos", Command::kSetAllActualAxisPos, ServicePayload().AddAll(positions),
+        1 + sizeof(Word) * kModel.motors);
   }
   /// Ten of each, also for a hand with fewer motors.
   SetAllAxisPosResponse SetPosSpeedCurData(const std::vector<Word>& pos,
                                            const std::vector<std::int16_t>& speed,
                                            const std::vector<Byte>& current) override {
     if (pos.size() != 10 || speed.size() != 10 || current.size() != 10) return {};
-    return engine_.AskResponse("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
-                               ServicePayload().AddAll(pos).AddAll(speed).AddAll(current),
-                               /*positions_alone=*/false);
+    return engine_.RequestAxisResponse("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
+                                       ServicePayload().AddAll(pos).AddAll(speed).AddAll(current),
+                                       /*positions_alone=*/false);
   }
   std::vector<Word> GetAllAxisPos() const override { return Words(reading::kAxisPos); }
   std::vector<Word> GetAllActualAxisPos() const override { return Words(reading::kActualAxisPos); }
@@ -117,7 +119,7 @@ class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEn
     return Bytes(reading::kFingerTactileForce);
   }
   Word GetErrorCode() const override {
-    const auto reply = engine_.Ask("GetErrorCode", Command::kGetErrorCode);
+    const auto reply = engine_.RequestOrLog("GetErrorCode", Command::kGetErrorCode);
     return reply && reply->len >= 3 ? LoadU16(reply->data + 1) : Word{0};
   }
 
@@ -131,15 +133,15 @@ class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEn
   FwVersion GetFwVersion() const override { return engine_.ReadFwVersion(); }
 
   Byte GetPowerState() const override {
-    return engine_.AskByte("GetPowerState", Command::kGetPowerState);
+    return engine_.ReadByte("GetPowerState", Command::kGetPowerState);
   }
   Byte SetControlSource(Byte source) override {
     if (source > 1) return 0;
-    return engine_.AskByte("SetControlSource", Command::kSetControlSource,
-                           ServicePayload().Add8(source));
+    return engine_.ReadByte("SetControlSource", Command::kSetControlSource,
+                            ServicePayload().Add8(source));
   }
   Byte GetControlSource() const override {
-    return engine_.AskByte("GetControlSource", Command::kGetControlSource);
+    return engine_.ReadByte("GetControlSource", Command::kGetControlSource);
   }
 
  protected:
@@ -163,15 +165,15 @@ class CanServiceHand : public WithServiceSettings<OnCan<Model, Row, CanServiceEn
 
  private:
   Word MoveAxis(const ServiceSetting& setting, Byte axis, Word pos) {
-    if (!setting.TakesAxis(axis) || !setting.Takes(pos)) return 0;
+    if (!setting.HasAxis(axis) || !setting.InRange(pos)) return 0;
     return engine_
-        .AskPosition(setting.operation, setting.command, ServicePayload().Add8(axis).Add16(pos))
+        .RequestPosition(setting.operation, setting.command, ServicePayload().Add8(axis).Add16(pos))
         .value_or(0);
   }
   Word ReadAxis(const ServiceSetting& setting, const char* operation, Command command,
                 Byte axis) const {
-    if (!setting.TakesAxis(axis)) return 0;
-    return engine_.AskPosition(operation, command, ServicePayload().Add8(axis)).value_or(0);
+    if (!setting.HasAxis(axis)) return 0;
+    return engine_.RequestPosition(operation, command, ServicePayload().Add8(axis)).value_or(0);
   }
 };
 

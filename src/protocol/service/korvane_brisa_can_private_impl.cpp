@@ -14,7 +14,7 @@ constexpr std::uint8_t kFirstWideSensor = 6;
 constexpr std::size_t kFingerReply = 18;
 constexpr std::size_t kWideReply = 27;
 
-void TellNotFully(const char* operation) {
+void LogNotFullySupported(const char* operation) {
   LogError(Compose("[", BrisaServiceRow::kModel.class_name, "] ", operation,
                    " is not fully supported."));
 }
@@ -23,7 +23,7 @@ void TellNotFully(const char* operation) {
 
 void KorvaneBrisaCanPrivateImpl::UpdateFirmware(const std::string& path,
                                                 ProgressCallback callback) {
-  engine_.update.Run(path, std::move(callback));
+  engine_.update_run.Run(path, std::move(callback));
 }
 
 // --- Motors ---------------------------------------------------------------------------------
@@ -39,12 +39,12 @@ void KorvaneBrisaCanPrivateImpl::SetAllControlMode(const std::vector<std::uint8_
 }
 
 ControlMode KorvaneBrisaCanPrivateImpl::GetControlMode(std::uint8_t) const {
-  TellNotFully("GetControlMode");
+  LogNotFullySupported("GetControlMode");
   return ControlMode::MODE_0;
 }
 
 std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetAllControlMode() const {
-  TellNotFully("GetAllControlMode");
+  LogNotFullySupported("GetAllControlMode");
   return std::vector<std::uint8_t>(kModel.motors);
 }
 
@@ -61,19 +61,19 @@ void KorvaneBrisaCanPrivateImpl::SetAllCurrentThreshold(const std::vector<short>
 }
 
 short KorvaneBrisaCanPrivateImpl::GetCurrentThreshold(std::uint8_t) const {
-  TellNotFully("GetCurrentThreshold");
+  LogNotFullySupported("GetCurrentThreshold");
   return 0;
 }
 
 std::vector<short> KorvaneBrisaCanPrivateImpl::GetAllCurrentThreshold() const {
-  TellNotFully("GetAllCurrentThreshold");
+  LogNotFullySupported("GetAllCurrentThreshold");
   return std::vector<short>(kModel.motors);
 }
 
 void KorvaneBrisaCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targets) {
   if (targets.empty()) return;
   const std::size_t most = MaxMixedTargets(targets.front().mix_mode);
-  if (most == 0) return engine_.Tell("MixCtrlJointMotor", "Invalid control mode.");
+  if (most == 0) return engine_.LogLine("MixCtrlJointMotor", "Invalid control mode.");
   if (targets.size() > most) return;
   const ServiceTargets all = ToServiceTargets(targets);
   SetPosSpeedCurData(all.pos, all.speed, all.current);
@@ -83,8 +83,8 @@ void KorvaneBrisaCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& t
 
 std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetFingertipSensor(
     std::uint8_t sensor) const {
-  const auto reply = engine_.Ask("GetFingertipSensor", StreamCmd::kGetFingertipSensor,
-                                 ServicePayload().Add8(sensor));
+  const auto reply = engine_.RequestOrLog("GetFingertipSensor", StreamCmd::kGetFingertipSensor,
+                                          ServicePayload().Add8(sensor));
   const std::size_t size = sensor < kFirstWideSensor ? kFingerReply : kWideReply;
   if (!reply || reply->len < size) return {};
   return {reply->data + 1, reply->data + size};
@@ -120,21 +120,21 @@ std::vector<TactileSensorData> KorvaneBrisaCanPrivateImpl::GetAllTactileSensorDa
 
 CanfdFrame KorvaneBrisaCanPrivateImpl::SendOtaRequestSynch(std::uint8_t child, unsigned int size,
                                                            unsigned short count) {
-  return engine_.update.Request(child, size, count);
+  return engine_.update_run.Request(child, size, count);
 }
 
 void KorvaneBrisaCanPrivateImpl::SendOtaTransmitAndData(const std::array<char, 2048>& packet,
                                                         unsigned short index) {
   FirmwarePacket bytes;
   std::copy(packet.begin(), packet.end(), bytes.begin());
-  engine_.update.SendPacket(bytes, index);
+  engine_.update_run.SendPacket(bytes, index);
 }
 
-void KorvaneBrisaCanPrivateImpl::SendOtaFinish() { engine_.update.SendFinish(); }
-void KorvaneBrisaCanPrivateImpl::SendOtaRestart() { engine_.update.SendRestart(); }
+void KorvaneBrisaCanPrivateImpl::SendOtaFinish() { engine_.update_run.SendFinish(); }
+void KorvaneBrisaCanPrivateImpl::SendOtaRestart() { engine_.update_run.SendRestart(); }
 
 void KorvaneBrisaCanPrivateImpl::OtaOnResponse(std::uint8_t child, std::uint32_t status) {
-  engine_.update.OnResponse(child, status);
+  engine_.update_run.OnResponse(child, status);
 }
 
 }  // namespace talvera::korvane

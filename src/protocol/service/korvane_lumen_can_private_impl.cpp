@@ -93,7 +93,8 @@ std::vector<short> KorvaneLumenCanPrivateImpl::GetAllCurrentReport() const {
 
 std::vector<double> KorvaneLumenCanPrivateImpl::SetAllActiveJointAngles(
     const std::vector<double>&) {
-  engine_.Tell("SetAllActiveJointAngles", "LM3 has no kinematics solver, use SetAllJointMotorPosi");
+  engine_.LogLine("SetAllActiveJointAngles",
+                  "LM3 has no kinematics solver, use SetAllJointMotorPosi");
   return {};
 }
 std::vector<double> KorvaneLumenCanPrivateImpl::GetAllActiveJointAngles() const {
@@ -108,42 +109,42 @@ std::vector<double> KorvaneLumenCanPrivateImpl::GetAllJointPos(const std::vector
 
 // --- What the protocol doesn't have ---------------------------------------------------------
 
-void LumenService::TellUnsupported(const char* operation) const {
-  engine_.Tell(operation, "Not supported for LM3 standard frame");
+void LumenService::LogUnsupported(const char* operation) const {
+  engine_.LogLine(operation, "Not supported for LM3 standard frame");
 }
 
-std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::TellNoSensors(const char* operation) const {
-  engine_.Tell(operation, "LM3 不支持触觉传感器");
+std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::LogNoSensors(const char* operation) const {
+  engine_.LogLine(operation, "LM3 不支持触觉传感器");
   return {};
 }
 
 void KorvaneLumenCanPrivateImpl::SetControlMode(std::uint8_t, ControlMode) {
-  TellUnsupported("SetControlMode");
+  LogUnsupported("SetControlMode");
 }
 void KorvaneLumenCanPrivateImpl::SetAllControlMode(const std::vector<std::uint8_t>&) {
-  TellUnsupported("SetAllControlMode");
+  LogUnsupported("SetAllControlMode");
 }
 void KorvaneLumenCanPrivateImpl::SetCurrentThreshold(std::uint8_t, short) {
-  TellUnsupported("SetCurrentThreshold");
+  LogUnsupported("SetCurrentThreshold");
 }
 void KorvaneLumenCanPrivateImpl::SetAllCurrentThreshold(const std::vector<short>&) {
-  TellUnsupported("SetAllCurrentThreshold");
+  LogUnsupported("SetAllCurrentThreshold");
 }
 void KorvaneLumenCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>&) {
-  TellUnsupported("MixCtrlJointMotor");
+  LogUnsupported("MixCtrlJointMotor");
 }
 
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetFingertipSensor(std::uint8_t) const {
-  return TellNoSensors("GetFingertipSensor");
+  return LogNoSensors("GetFingertipSensor");
 }
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorA() const {
-  return TellNoSensors("GetAllFingertipSensorA");
+  return LogNoSensors("GetAllFingertipSensorA");
 }
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorB() const {
-  return TellNoSensors("GetAllFingertipSensorB");
+  return LogNoSensors("GetAllFingertipSensorB");
 }
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorC() const {
-  return TellNoSensors("GetAllFingertipSensorC");
+  return LogNoSensors("GetAllFingertipSensorC");
 }
 
 }  // namespace talvera::korvane

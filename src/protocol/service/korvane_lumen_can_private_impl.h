@@ -26,15 +26,15 @@ class LumenService : public CanServiceHand<PrivateKorvaneLumen, LumenServiceRow>
   using CanServiceHand::CanServiceHand;
 
  protected:
-  void TellUnsupported(const char* operation) const;
-  void RefusePeriods(const char* operation) const { TellUnsupported(operation); }
+  void LogUnsupported(const char* operation) const;
+  void RefusePeriods(const char* operation) const { LogUnsupported(operation); }
 };
 
 /// The KorvaneLumen in the service protocol over CAN, with both of its interfaces. One object of it
 /// at a time on a bus.
-class KorvaneLumenCanPrivateImpl : public WithoutReportPeriods<LumenService> {
+class KorvaneLumenCanPrivateImpl : public RefusesReportPeriods<LumenService> {
  public:
-  using WithoutReportPeriods::WithoutReportPeriods;
+  using RefusesReportPeriods::RefusesReportPeriods;
 
   // Motors
   void SetJointMotorVelo(std::uint8_t index, short velocity) override;
@@ -68,7 +68,7 @@ class KorvaneLumenCanPrivateImpl : public WithoutReportPeriods<LumenService> {
   std::vector<std::uint8_t> GetAllFingertipSensorC() const override;
 
  private:
-  std::vector<std::uint8_t> TellNoSensors(const char* operation) const;
+  std::vector<std::uint8_t> LogNoSensors(const char* operation) const;
 };
 
 }  // namespace talvera::korvane

@@ -114,8 +114,8 @@ struct ServiceSetting {
   std::uint8_t first_axis = 0;
   std::uint8_t last_axis = 0xFF;
 
-  constexpr bool Takes(int value) const { return value >= min && value <= max; }
-  constexpr bool TakesAxis(int axis) const { return axis >= first_axis && axis <= last_axis; }
+  constexpr bool InRange(int value) const { return value >= min && value <= max; }
+  constexpr bool HasAxis(int axis) const { return axis >= first_axis && axis <= last_axis; }
 };
 
 namespace setting {

@@ -77,12 +77,12 @@ class WithServiceSettings : public Base {
                        const ServicePayload& payload) = 0;
 
   bool Set(const ServiceSetting& setting, int value) {
-    return setting.Takes(value) &&
+    return setting.InRange(value) &&
            Execute(setting.operation, setting.command, Value(setting, ServicePayload(), value));
   }
 
   bool Set(const ServiceSetting& setting, Byte axis, int value) {
-    return setting.TakesAxis(axis) && setting.Takes(value) &&
+    return setting.HasAxis(axis) && setting.InRange(value) &&
            Execute(setting.operation, setting.command,
                    Value(setting, ServicePayload().Add8(axis), value));
   }
