@@ -156,7 +156,7 @@ class HandUpdate : public testing::TestWithParam<Model> {
   void UseTransport(std::unique_ptr<CanBusDeviceBase> transport) {
     hand_ = model_.hand.make(HandType::RIGHT, kId, std::move(transport));
     hand_->SetFrameRecvTimeout(1000);
-    state_ = dynamic_cast<UpdateState*>(hand_.get());
+    state_ = dynamic_cast<CanUpdateState*>(hand_.get());
     state_->ota_clock = &clock_;
   }
 
@@ -293,7 +293,7 @@ class HandUpdate : public testing::TestWithParam<Model> {
   Reports reports_;
   test::Streams written_;
   std::unique_ptr<KorvaneBase> hand_;
-  UpdateState* state_ = nullptr;
+  CanUpdateState* state_ = nullptr;
 };
 
 INSTANTIATE_TEST_SUITE_P(, HandUpdate,
