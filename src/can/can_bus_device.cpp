@@ -376,14 +376,14 @@ void CanBusDeviceBase::LogFrame(const char* tag, const CanfdFrame& frame) const 
   const std::string line =
       FormatTimestamp(std::chrono::system_clock::now()) + tag + FormatFrame(frame);
   const std::lock_guard lock(s_data_details_log_mutex_);
-  LogInfo(line);
+  LogDetail(line);
 }
 
 void CanBusDeviceBase::LogBareFrame(const CanfdFrame& frame) const {
   if (!show_data_details_.load(std::memory_order_acquire)) return;
   const std::string text = "RCV: " + FormatFrame(frame);
   const std::lock_guard lock(s_data_details_log_mutex_);
-  LogInfoText(text);
+  LogDetailText(text);
 }
 
 }  // namespace talvera::korvane

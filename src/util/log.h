@@ -2,7 +2,11 @@
 
 #include <string>
 
+#include "korvane_log.h"
 #include "util/text.h"
+
+// Every line of the library passes here, on its way to the standard streams or to the sink that the
+// application has set. What goes to the error stream is an error or, by how it begins, a warning.
 
 namespace talvera::korvane {
 
@@ -15,7 +19,10 @@ void LogErrorText(const std::string& text);
 /// Writes one whole line to the standard output stream.
 void LogInfo(const std::string& line);
 
-/// Writes a text as it stands, without a line end, to the standard output stream.
-void LogInfoText(const std::string& text);
+/// The same for frames and the like.
+void LogDetail(const std::string& line);
+
+/// Writes such a text as it stands, without a line end, to the standard output stream.
+void LogDetailText(const std::string& text);
 
 }  // namespace talvera::korvane

@@ -1,0 +1,205 @@
+#include "util/diagnostics.h"
+
+#include <algorithm>
+#include <iterator>
+#include <vector>
+
+#include "korvane.h"
+#include "util/text.h"
+
+namespace talvera::korvane {
+namespace diagnostics_internal {
+
+/// What one thread knows of its operations on one hand.
+struct OperationRecord {
+  std::weak_ptr<const char> hand;
+  /// The outermost operation, and how many are open inside each other.
+  const char* operation = "";
+  int depth = 0;
+  Failure last;
+  FailureWatch* watch = nullptr;
+
+  void Begin(const char* name) {
+    if (depth++ > 0) return;
+    operation = name;
+    last.kind = FailureKind::NONE;
+    if (watch != nullptr) watch->thrown_ = false;
+  }
+
+  /// Only the first failure of an operation counts.
+  void Fail(FailureKind kind, const std::string& text, int system_error, bool thrown) {
+    if (last.kind == FailureKind::NONE) last = {kind, operation, text, system_error};
+    if (watch != nullptr) watch->thrown_ = watch->thrown_ || thrown;
+  }
+
+  /// A watch learns of a failure when its operation is over, as an operation may still succeed.
+  void End() {
+    if (--depth > 0) return;
+    const bool first = watch != nullptr && watch->first_.kind == FailureKind::NONE;
+    if (first && last.kind != FailureKind::NONE) watch->first_ = last;
+  }
+
+  void AddWatch(FailureWatch& added) {
+    added.outer_ = watch;
+    watch = &added;
+  }
+
+  void RemoveWatch(const FailureWatch& removed) { watch = removed.outer_; }
+};
+
+}  // namespace diagnostics_internal
+
+namespace {
+
+using diagnostics_internal::OperationRecord;
+
+/// With so many records a thread looks for those of hands that are gone before it adds one.
+constexpr std::size_t kManyRecords = 16;
+
+/// The records of one thread, each in its place as long as the hand lives.
+class ThreadRecords {
+ public:
+  OperationRecord& Of(const std::shared_ptr<const char>& hand) {
+    for (const auto& record : records_) {
+      if (IsOf(*record, hand)) return *record;
+    }
+    if (records_.size() >= kManyRecords) ForgetGoneHands();
+    records_.push_back(std::make_unique<OperationRecord>());
+    records_.back()->hand = hand;
+    return *records_.back();
+  }
+
+ private:
+  static bool IsOf(const OperationRecord& record, const std::shared_ptr<const char>& hand) {
+    return !record.hand.owner_before(hand) && !hand.owner_before(record.hand);
+  }
+
+  void ForgetGoneHands() {
+    const auto gone = [](const auto& record) { return record->hand.expired(); };
+    records_.erase(std::remove_if(records_.begin(), records_.end(), gone), records_.end());
+  }
+
+  std::vector<std::unique_ptr<OperationRecord>> records_;
+};
+
+/// Null once the thread's other objects are being destroyed: objects with static storage may call
+/// hands later than that, and nobody can ask any more how it ended.
+ThreadRecords* RecordsOfThisThread() {
+  // Without destructors of their own, so that both can be looked at until the thread is over.
+  static thread_local ThreadRecords* records = nullptr;
+  static thread_local bool over = false;
+  struct Owner {
+    ~Owner() {
+      delete records;
+      records = nullptr;
+      over = true;
+    }
+  };
+  if (records == nullptr && !over) {
+    static thread_local const Owner owner;
+    static_cast<void>(owner);
+    records = new ThreadRecords;
+  }
+  return records;
+}
+
+void Fail(const HandDiagnostics& hand, FailureKind kind, const std::string& text, int system_error,
+          bool thrown) {
+  if (kind == FailureKind::BAD_REPLY) hand.CountBadReply();
+  if (OperationRecord* const record = hand.Record()) record->Fail(kind, text, system_error, thrown);
+}
+
+const DiagnosedHand* Diagnosed(const Korvane& hand) {
+  return dynamic_cast<const DiagnosedHand*>(&hand);
+}
+
+}  // namespace
+
+OperationRecord* HandDiagnostics::Record() const {
+  ThreadRecords* const records = RecordsOfThisThread();
+  return records != nullptr ? &records->Of(identity_) : nullptr;
+}
+
+OperationScope::OperationScope(const HandDiagnostics& hand, const char* name)
+    : record_(hand.Record()) {
+  if (record_ != nullptr) record_->Begin(name);
+}
+
+OperationScope::~OperationScope() {
+  if (record_ != nullptr) record_->End();
+}
+
+void OperationScope::Succeed() {
+  if (record_ != nullptr) record_->last.kind = FailureKind::NONE;
+}
+
+void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
+                   int system_error) {
+  Fail(hand, kind, text, system_error, /*thrown=*/false);
+}
+
+void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
+                  int system_error) {
+  Fail(hand, kind, text, system_error, /*thrown=*/true);
+}
+
+void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
+                   const std::string& text) {
+  const auto* const link_error = dynamic_cast<const LinkError*>(&error);
+  const FailureKind kind = link_error != nullptr ? link_error->Kind() : FailureKind::SEND_FAILED;
+  RecordFailure(hand, kind, text, link_error != nullptr ? link_error->SystemError() : 0);
+}
+
+void RecordNotSupported(const Korvane& hand, const char* operation) {
+  const DiagnosedHand* const diagnosed = Diagnosed(hand);
+  if (diagnosed == nullptr) return;
+  const OperationScope scope(diagnosed->diagnostics, operation);
+  RecordFailure(diagnosed->diagnostics, FailureKind::NOT_SUPPORTED,
+                Compose(operation, " is not supported by this hand on its link"));
+}
+
+// --- What applications call -----------------------------------------------------------------
+
+diagnostics_internal::FailureWatch::FailureWatch(const Korvane& hand) : record_(nullptr) {
+  const DiagnosedHand* const diagnosed = Diagnosed(hand);
+  if (diagnosed != nullptr) record_ = diagnosed->diagnostics.Record();
+  if (record_ != nullptr) record_->AddWatch(*this);
+}
+
+diagnostics_internal::FailureWatch::~FailureWatch() {
+  if (record_ != nullptr) record_->RemoveWatch(*this);
+}
+
+Failure LastFailure(const Korvane& hand) {
+  const DiagnosedHand* const diagnosed = Diagnosed(hand);
+  const OperationRecord* const record =
+      diagnosed != nullptr ? diagnosed->diagnostics.Record() : nullptr;
+  const bool failed = record != nullptr && record->last.kind != FailureKind::NONE;
+  return failed ? record->last : Failure();
+}
+
+LinkStatistics StatisticsOf(const Korvane& hand) {
+  LinkStatistics statistics;
+  const DiagnosedHand* const diagnosed = Diagnosed(hand);
+  const LinkCounters* const counters = diagnosed != nullptr ? diagnosed->Counters() : nullptr;
+  if (counters == nullptr) return statistics;
+  statistics.requests = counters->requests;
+  statistics.replies = counters->replies;
+  statistics.send_failures = counters->send_failures;
+  statistics.timeouts = counters->timeouts;
+  statistics.bad_replies = diagnosed->diagnostics.BadReplies();
+  statistics.unmatched_frames = counters->unmatched_frames;
+  statistics.last_reply = std::chrono::steady_clock::time_point(counters->last_reply.load());
+  statistics.link_lost = counters->link_lost;
+  return statistics;
+}
+
+const char* ToString(FailureKind kind) {
+  static constexpr const char* kNames[] = {"NONE",      "BAD_ARGUMENT", "NOT_SUPPORTED",
+                                           "NO_LINK",   "SEND_FAILED",  "NO_REPLY",
+                                           "BAD_REPLY", "REFUSED"};
+  const auto index = static_cast<std::size_t>(kind);
+  return index < std::size(kNames) ? kNames[index] : "unknown";
+}
+
+}  // namespace talvera::korvane

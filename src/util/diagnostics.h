@@ -1,0 +1,111 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "korvane_diagnostics.h"
+
+namespace talvera::korvane {
+
+/// What a link throws inside the library: what its text says, for people, and the same for
+/// programs.
+class LinkError : public std::runtime_error {
+ public:
+  LinkError(FailureKind kind, const std::string& text, int system_error = 0)
+      : std::runtime_error(text), kind_(kind), system_error_(system_error) {}
+
+  FailureKind Kind() const { return kind_; }
+  int SystemError() const { return system_error_; }
+
+ private:
+  FailureKind kind_;
+  int system_error_;
+};
+
+/// What a link counts. Written by the threads that send and receive, read by any.
+struct LinkCounters {
+  std::atomic<std::uint64_t> requests{0};
+  std::atomic<std::uint64_t> replies{0};
+  std::atomic<std::uint64_t> send_failures{0};
+  std::atomic<std::uint64_t> timeouts{0};
+  std::atomic<std::uint64_t> unmatched_frames{0};
+  std::atomic<std::chrono::steady_clock::duration> last_reply{};
+  std::atomic<bool> link_lost{false};
+
+  void CountReply() {
+    ++replies;
+    last_reply = std::chrono::steady_clock::now().time_since_epoch();
+  }
+};
+
+/// Identifies one hand to the records of failures, which each thread keeps for itself: LastFailure
+/// speaks of the calling thread's operations only, so that nothing here needs a lock.
+class HandDiagnostics {
+ public:
+  HandDiagnostics() = default;
+  HandDiagnostics(const HandDiagnostics&) = delete;
+  HandDiagnostics& operator=(const HandDiagnostics&) = delete;
+
+  /// The calling thread's record of this hand; null while the thread ends.
+  diagnostics_internal::OperationRecord* Record() const;
+
+  void CountBadReply() const { ++bad_replies_; }
+  std::uint64_t BadReplies() const { return bad_replies_; }
+
+ private:
+  /// By which a thread knows the hand, also when another one has come to its address.
+  std::shared_ptr<const char> identity_ = std::make_shared<const char>('\0');
+  mutable std::atomic<std::uint64_t> bad_replies_{0};
+};
+
+/// One operation on a hand, from its first line to its last. The outermost one on a thread is what
+/// the application called: it begins without a failure, and the first failure recorded in it is the
+/// operation's.
+class OperationScope {
+ public:
+  /// `name` outlives the scope.
+  OperationScope(const HandDiagnostics& hand, const char* name);
+  ~OperationScope();
+  OperationScope(const OperationScope&) = delete;
+  OperationScope& operator=(const OperationScope&) = delete;
+
+  /// The operation succeeded, whatever failed on the way, such as the requests that a hand left
+  /// unanswered while it restarted.
+  void Succeed();
+
+ private:
+  diagnostics_internal::OperationRecord* record_;
+};
+
+/// Records how the calling thread's present operation on the hand failed.
+void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
+                   int system_error = 0);
+
+/// The same, of an operation that tells it by an exception.
+void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
+                  int system_error = 0);
+
+/// The same, with what an exception of the link says of itself. `text` is the line that was logged.
+void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
+                   const std::string& text);
+
+/// Records an operation that a hand doesn't have. Called by the defaults, which do nothing else.
+void RecordNotSupported(const Korvane& hand, const char* operation);
+
+/// By which the functions of korvane_diagnostics.h find what a hand records, whatever its class.
+class DiagnosedHand {
+ public:
+  /// Null for a hand without a link.
+  virtual const LinkCounters* Counters() const = 0;
+
+  HandDiagnostics diagnostics;
+
+ protected:
+  ~DiagnosedHand() = default;
+};
+
+}  // namespace talvera::korvane
