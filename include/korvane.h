@@ -129,7 +129,7 @@ class KORVANE_EXPORT Korvane {
 ///     empty    an empty vector, a record of empty texts and zeros, or one of zeros
 ///
 /// Most failure values are readings that a hand may give too: a 0 alone doesn't tell "no answer".
-/// An empty vector does, so prefer the operations for all motors where it matters.
+/// An empty vector does, so prefer the operations for all motors wherever the table says "empty".
 ///
 /// Units: position units are told by the model classes; joint angles are radians. The units of
 /// velocities, currents, thresholds, temperatures and report periods are the hand's and aren't

@@ -21,13 +21,13 @@ namespace talvera::korvane {
 ///
 /// Made by one of the CanFactories. For blocking, failures and threads see Korvane.
 ///
-/// Positions are 0 to 2000. Every motor is open, with its joint at 0.0 rad, at 2000, and fully
-/// closed, or bent, near 0. Which motor drives which active joint of the solver:
+/// Positions are 0 to 2000. With all joints at 0.0 rad, which is gesture 0, every motor stands at
+/// 2000: there the fingers are open, and bent towards 0. Which end of the thumb's motors is open
+/// the solver's tables don't tell. Which motor drives which active joint of the solver:
 ///
 ///     motor      joint                                       inputs at the joint's limits
-///     1, 2       4 and 5: first finger, sideways, knuckle    0.0: 2000 both; knuckle 1.35: 10
-///     both;
-///                                                            sideways: about 450 between them
+///     1, 2       4 and 5: first finger, sideways, knuckle    0.0: 2000 both; knuckle 1.35: both
+///                                                            10; sideways: one 450 below the other
 ///     3, 4       7 and 8: second finger, sideways, knuckle   as motors 1 and 2
 ///     5          1: thumb                                    0.0: 2000, -1.39: 140 (LEFT 0)
 ///     6          0: thumb                                    0.0: 2000, 0.94: 25 (LEFT 2000)

@@ -45,8 +45,8 @@ namespace talvera::korvane {
 ///     UpdateFirmware                               callback(-1, 0, FAILED)   -
 ///
 /// 1. One command for all motors: it stops the others.
-/// 2. The hand tells one error at a time. 3. `supply_voltage_mv` is always 0. If only the second
-///    request fails the serial number is empty.
+/// 2. The hand tells one error at a time.
+/// 3. The supply voltage is always 0. If only the second request fails the serial number is empty.
 /// 4. Nothing is sent: the object tells, and keeps, its own `device_id`. Zeros while the link isn't
 ///    open. To give the hand another identifier, see PrivateKorvane::SetId.
 ///
