@@ -28,6 +28,12 @@ namespace talvera::korvane {
 /// hand calls EnableConcurrentCalls once, before they start; from then on any thread may call any
 /// operation at any time, and requests go out one after the other. Two hands are independent of
 /// each other. A hand must not be destroyed while a call on it runs.
+///
+/// One object for each hand: over CAN FD replies look like requests. Where two objects, or two
+/// programs, ask the same hand on one bus, each may take the other's request for the reply to its
+/// own, and then reads zeros without any failure, or a target that the other commanded. One program
+/// asks a hand; others get from it what they need. PrivateKorvane, and a serial port, are stricter
+/// still.
 class KORVANE_EXPORT Korvane {
  public:
   /// 0 KorvaneBrisa, 1 KorvaneTessel, 2 KorvaneQuill, 3 KorvaneLumen, 4 KorvaneVanta.
@@ -39,7 +45,10 @@ class KORVANE_EXPORT Korvane {
   /// True for HandType::LEFT.
   bool mirrored = false;
 
-  /// The link could be opened. Says nothing of whether a hand answers on it.
+  /// The link could be opened. Says nothing of whether a hand answers on it, and stays as it is
+  /// when an adapter is pulled out. An object on a SocketCAN interface goes on talking to the one
+  /// that has gone, also if a new one bears its name: once the adapter is plugged in again, make
+  /// the hand object anew.
   bool connected = false;
 
   Korvane() = default;
@@ -56,7 +65,10 @@ class KORVANE_EXPORT Korvane {
   /// also the solver's log. Doesn't block. May be called at any time from any thread.
   virtual void ShowDataDetails(bool on) const = 0;
 
-  /// Minimum time between two requests, held to 0..100 ms; 0 at first. Doesn't block.
+  /// Minimum time between two requests, held to 0..100 ms (0..500 ms on a serial port); 0 at first.
+  /// After EnableConcurrentCalls each waiting thread keeps the interval for itself, so that
+  /// requests of several threads may follow each other at once: a hand that needs the gap is called
+  /// from one thread. Doesn't block.
   virtual void SetRequestInterval(int ms) = 0;
 
   /// The request interval in force, in milliseconds. Doesn't block.
@@ -99,6 +111,30 @@ class KORVANE_EXPORT Korvane {
 /// 16-bit actuator units that reach the hand unchanged; joint angles are radians. A vector holds
 /// one element for each motor, motor 1 first; one of the wrong size is refused with a line on the
 /// standard error stream, and so is a bad index: nothing is sent then.
+///
+/// What stands below holds over CAN FD. The header of each model class has a table of what its
+/// operations return when they fail, on each of its links, and whether they wait, since models and
+/// links differ there. The words of those tables:
+///
+///     bad      a motor that doesn't exist, a vector of the wrong size or another argument that is
+///              refused: nothing is sent
+///     silent   the hand doesn't answer within the frame receive time-out, or over CAN FD the link
+///              isn't open or can't send
+///     waits    "yes": asks the hand, see Korvane; "no": sends and returns, so that nothing tells
+///              whether a hand was there; "-": sends nothing
+///     line     returns nothing, and writes a line
+///     none     returns nothing, and writes nothing: the failure goes unseen, but for a frame that
+///              couldn't even be sent, of which most operations write a line
+///     last     the last value that the hand ever told this object, 0 before the first
+///     empty    an empty vector, a record of empty texts and zeros, or one of zeros
+///
+/// Most failure values are readings that a hand may give too: a 0 alone doesn't tell "no answer".
+/// An empty vector does, so prefer the operations for all motors wherever the table says "empty".
+///
+/// Units: position units are told by the model classes; joint angles are radians. The units of
+/// velocities, currents, thresholds, temperatures and report periods are the hand's and aren't
+/// known to the library, which passes the numbers on as they are. To find one out, measure beside
+/// the hand, as PrivateKorvane describes.
 class KORVANE_EXPORT KorvaneBase : public virtual Korvane {
  public:
   /// Moves one motor. Asks the hand. Returns the position that the hand echoes; -1 on a bad index

@@ -89,34 +89,34 @@ class KORVANE_EXPORT KorvaneBrisaSolver {
   const bool mirrored;
 
   /// Calibration of the hand, by joint: actuator inputs at the ends of the linear scale.
-  const std::vector<int> actuator_at_max;
-  const std::vector<int> actuator_at_min;
+  const std::vector<int> actuator_at_max;  ///< At `linear_max`.
+  const std::vector<int> actuator_at_min;  ///< At `linear_min`.
 
   /// See CheckActuatorInput.
-  const int actuator_lower = 4096;
-  const int actuator_upper = 0;
+  const int actuator_lower = 4096;  ///< The greater one.
+  const int actuator_upper = 0;     ///< The smaller one.
 
   /// Calibration of the hand, by joint: limits of the joint positions [rad], limits of the same
   /// joints on the scale that is linear in the actuator input, sign between the two sides.
-  const std::vector<double> joint_max;
-  const std::vector<double> joint_min;
-  const std::vector<double> linear_max;
-  const std::vector<double> linear_min;
-  const std::vector<int> direction;
+  const std::vector<double> joint_max;   ///< Upper limit [rad].
+  const std::vector<double> joint_min;   ///< Lower limit [rad].
+  const std::vector<double> linear_max;  ///< Upper limit on the linear scale.
+  const std::vector<double> linear_min;  ///< Lower limit on the linear scale.
+  const std::vector<int> direction;      ///< 1 or -1.
 
   /// Calibration of the hand: polynomials for CalculatePower. "Coupling" gives a passive joint
   /// from the joint that drives it, "forward" leads from joint position to linear scale, "inverse"
   /// back. The thumb ones are for joint 2. `thumb_tip_inverse_a` serves applications only.
-  const std::vector<double> distal_coupling;
-  const std::vector<double> flexion_forward;
-  const std::vector<double> flexion_inverse;
-  const std::vector<double> thumb_tip_coupling_a;
-  const std::vector<double> thumb_tip_coupling_b;
-  const std::vector<double> thumb_tip_inverse_a;
-  const std::vector<double> thumb_forward_plain;
-  const std::vector<double> thumb_forward_mirrored;
-  const std::vector<double> thumb_inverse_plain;
-  const std::vector<double> thumb_inverse_mirrored;
+  const std::vector<double> distal_coupling;         ///< Flexion of a finger to its distal joint.
+  const std::vector<double> flexion_forward;         ///< Joints 4, 5, 7 and 9.
+  const std::vector<double> flexion_inverse;         ///< Joints 4, 5, 7 and 9.
+  const std::vector<double> thumb_tip_coupling_a;    ///< Joint 2 to the first passive joint.
+  const std::vector<double> thumb_tip_coupling_b;    ///< Joint 2 to the second one.
+  const std::vector<double> thumb_tip_inverse_a;     ///< Not used by the library.
+  const std::vector<double> thumb_forward_plain;     ///< Joint 2.
+  const std::vector<double> thumb_forward_mirrored;  ///< Joint 2, mirrored hand.
+  const std::vector<double> thumb_inverse_plain;     ///< Joint 2.
+  const std::vector<double> thumb_inverse_mirrored;  ///< Joint 2, mirrored hand.
 
   /// Whether ActiveJointPos2ActuatorInput reports positions beyond their limits. Off at first; may
   /// be written at any time from any thread.

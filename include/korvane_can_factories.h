@@ -49,8 +49,12 @@ class KORVANE_EXPORT CanFactories {
 template <class Hand>
 class KORVANE_EXPORT CanBroadcasts {
  public:
-  /// On a ZLG adapter, found as by CanFactories::createHandByZlgcan.
+  /// On a ZLG adapter, found as by CanFactories::createHandByZlgcan. Not on a channel that a hand
+  /// object of this process uses: the query opens the channel anew and stops it when it is done,
+  /// and that hand then hears nothing more until it is made anew.
   static DeviceInfo GetDeviceInfoFromBroadcast(std::uint8_t adapter_index, std::uint8_t channel);
+
+  /// The same on the first ZLG adapter whose serial number contains `serial_number`.
   static DeviceInfo GetDeviceInfoFromBroadcast(const std::string& serial_number,
                                                std::uint8_t channel);
 

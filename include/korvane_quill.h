@@ -20,6 +20,27 @@ namespace talvera::korvane {
 /// incomplete and those after it.
 ///
 /// Made by one of the CanFactories. For blocking, failures and threads see Korvane.
+///
+/// Readings are 0 to 4096. Which reading belongs to which joint, and which end is open, isn't known
+/// to the library: bend one joint after the other and look. SetMinPositionCalibration teaches the
+/// device which pose it reads as the lower end.
+///
+/// What the operations return when they fail; KorvaneBase explains the words:
+///
+///     over CAN FD                                  bad          silent       waits
+///     GetJointMotorPosi                            -1           0            yes
+///     GetAllJointMotorPosi (1)                                  empty        yes
+///     SetMinPositionCalibration,
+///       SetMaxPositionCalibration                  line         none         no
+///     GetTactileSensorDataRaw                      line,no data no data      yes
+///     GetAllTactileSensorDataRaw                                empty (2)    yes
+///     GetVendorInfo, GetDeviceInfo                              empty        yes
+///     SetDeviceId                                               none         no
+///     SetJointMotorPosi                                         always -1    -
+///     all other operations of KorvaneBase          0, MODE_0, empty or none  -
+///
+/// 1. As many as the reply holds, at most 10.
+/// 2. Without a line. A single sensor gives one.
 class KORVANE_EXPORT KorvaneQuill : public KorvaneBase,
                                     public IBR7TactileSensor1D,
                                     public CanFactories<KorvaneQuill> {
@@ -27,14 +48,17 @@ class KORVANE_EXPORT KorvaneQuill : public KorvaneBase,
   std::size_t GetSensorDataLength(Finger finger) const override;
   const std::vector<Finger>& GetSensorOrder() const override;
 
-  /// Tells the device that all joints, or joint `joint` (1 to 10), stand at the lower end of their
-  /// range now. Sends one frame and waits for no answer. One line on failure, and for a joint that
-  /// doesn't exist.
+  /// Tells the device that all joints stand at the lower end of their range now. Sends one frame
+  /// and waits for no answer. One line if it couldn't be sent.
   virtual void SetMinPositionCalibration() = 0;
+
+  /// The same for joint `joint`, 1 to 10. One line for a joint that doesn't exist.
   virtual void SetMinPositionCalibration(std::uint8_t joint) = 0;
 
-  /// The same for the upper end.
+  /// Tells the device that all joints stand at the upper end of their range now, in the same way.
   virtual void SetMaxPositionCalibration() = 0;
+
+  /// The same for joint `joint`, 1 to 10. One line for a joint that doesn't exist.
   virtual void SetMaxPositionCalibration(std::uint8_t joint) = 0;
 
   ~KorvaneQuill() override;

@@ -20,6 +20,58 @@ namespace talvera::korvane {
 /// model the reports of each reach every object.
 ///
 /// Made by one of the CanFactories. For blocking, failures and threads see Korvane.
+///
+/// Positions are 0 to 2000. With all joints at 0.0 rad, which is gesture 0, every motor stands at
+/// 2000: there the fingers are open, and bent towards 0. Which end of the thumb's motors is open
+/// the solver's tables don't tell. Which motor drives which active joint of the solver:
+///
+///     motor      joint                                       inputs at the joint's limits
+///     1, 2       4 and 5: first finger, sideways, knuckle    0.0: 2000 both; knuckle 1.35: both
+///                                                            10; sideways: one 450 below the other
+///     3, 4       7 and 8: second finger, sideways, knuckle   as motors 1 and 2
+///     5          1: thumb                                    0.0: 2000, -1.39: 140 (LEFT 0)
+///     6          0: thumb                                    0.0: 2000, 0.94: 25 (LEFT 2000)
+///     7          6: first finger, middle joint               0.0: 2000, 1.53: 31
+///     8          9: second finger, middle joint              0.0: 2000, 1.82: 0
+///     9          10: third finger                            0.0: 2000, 1.55: 0
+///     10         11: fourth finger                           0.0: 2000, 1.54: 0
+///     11         3: thumb                                    0.0: 2000, -1.29: 9
+///     12         2: thumb                                    0.0: 2000, -0.83: 52
+///
+/// The inputs of motors 7 and 8 also depend a little on the finger's other two joints.
+///
+/// What the operations return when they fail; KorvaneBase explains the words:
+///
+///     over CAN FD                                  bad          silent       waits
+///     SetJointMotorPosi                            -1           -1           yes
+///     GetJointMotorPosi, GetJointMotorVelo,
+///       GetCurrentThreshold, GetErrorReport        0            0            yes
+///     GetControlMode                               10           10           yes
+///     SetAllJointMotorPosi,
+///       SetAllActiveJointAngles                    empty        empty        yes
+///     GetAllJointMotorPosi, GetAllJointMotorVelo,
+///       GetAllControlMode (1),
+///       GetAllCurrentThreshold, GetAllErrorReport,
+///       GetAllActiveJointAngles, GetAllJointAngles              empty        yes
+///     GetTemperatureReport, GetCurrentReport       0            last (2)     -
+///     GetAllTemperatureReport,
+///       GetAllCurrentReport                                     last (2)     -
+///     SetCurrentThreshold, SetAllCurrentThreshold,
+///       MixCtrlJointMotor, SetHandGesture,
+///       SetAllErrorReportPeriod,
+///       SetTemperReportPeriod                      line         line         yes
+///     SetJointMotorVelo, SetAllJointMotorVelo,
+///       SetControlMode, SetAllControlMode,
+///       SetErrorReportPeriod,
+///       SetAllTemperReportPeriod,
+///       SetCurrentReportPeriod,
+///       SetAllCurrentReportPeriod                  line         none         no
+///     GetTactileSensor3DData                       line, zeros  zeros        yes
+///     GetVendorInfo, GetDeviceInfo                              empty        yes
+///     SetDeviceId                                               none         no
+///
+/// 1. As many as the reply has bytes, at most 12.
+/// 2. Of any age; empty before the first report. See above.
 class KORVANE_EXPORT KorvaneTessel : public KorvaneBase,
                                      public CanFactories<KorvaneTessel>,
                                      public CanBroadcasts<KorvaneTessel> {

@@ -144,46 +144,47 @@ class KORVANE_EXPORT KorvaneTesselSolver {
   const bool mirrored;
 
   /// Calibration of the hand, by joint: limits of the positions [rad].
-  const std::vector<double> joint_max;
-  const std::vector<double> joint_min;
+  const std::vector<double> joint_max;  ///< Upper limit [rad].
+  const std::vector<double> joint_min;  ///< Lower limit [rad].
 
   /// Calibration of the hand, by motor: limits of the lengths [m], and the inputs there.
-  const std::vector<double> motor_length_max;
-  const std::vector<double> motor_length_min;
-  const std::vector<int> motor_input_at_max;
-  const std::vector<int> motor_input_at_min;
+  const std::vector<double> motor_length_max;  ///< Greatest length [m].
+  const std::vector<double> motor_length_min;  ///< Least length [m].
+  const std::vector<int> motor_input_at_max;   ///< At the greatest length.
+  const std::vector<int> motor_input_at_min;   ///< At the least length.
 
-  /// Calibration of the hand: polynomials for PredictPoly. "Forward" leads from a joint [rad] to
-  /// its motor [mm], "inverse" back, "coupling" from an active joint to one that is coupled to it.
-  const std::vector<double> thumb_forward_0;
-  const std::vector<double> thumb_forward_1;
-  const std::vector<double> thumb_forward_2;
-  const std::vector<double> thumb_forward_3;
-  const std::vector<double> thumb_inverse_0;
-  const std::vector<double> thumb_inverse_1;
-  const std::vector<double> thumb_inverse_2;
-  const std::vector<double> thumb_inverse_3;
-  const std::vector<double> single_forward;
-  const std::vector<double> single_inverse;
-  const std::vector<double> coupling_thumb;
-  const std::vector<double> coupling_first;
-  const std::vector<double> coupling_second;
-  const std::vector<double> coupling_last_a;
-  const std::vector<double> coupling_last_b;
+  /// Calibration of the hand, motors counted from 1: polynomials for PredictPoly. "Forward" leads
+  /// from a joint [rad] to its motor [mm], "inverse" back, "coupling" from an active joint to one
+  /// that is coupled to it.
+  const std::vector<double> thumb_forward_0;  ///< Joint 0 to motor 6.
+  const std::vector<double> thumb_forward_1;  ///< Joint 1 to motor 5.
+  const std::vector<double> thumb_forward_2;  ///< Joint 2 to motor 12.
+  const std::vector<double> thumb_forward_3;  ///< Joint 3 to motor 11.
+  const std::vector<double> thumb_inverse_0;  ///< Motor 6 to joint 0.
+  const std::vector<double> thumb_inverse_1;  ///< Motor 5 to joint 1.
+  const std::vector<double> thumb_inverse_2;  ///< Motor 12 to joint 2.
+  const std::vector<double> thumb_inverse_3;  ///< Motor 11 to joint 3.
+  const std::vector<double> single_forward;   ///< Joints 10 and 11 to motors 9 and 10.
+  const std::vector<double> single_inverse;   ///< Motors 9 and 10 to joints 10 and 11.
+  const std::vector<double> coupling_thumb;   ///< From joint 3.
+  const std::vector<double> coupling_first;   ///< From joint 6.
+  const std::vector<double> coupling_second;  ///< From joint 9.
+  const std::vector<double> coupling_last_a;  ///< From the fourth finger.
+  const std::vector<double> coupling_last_b;  ///< From the fourth finger.
 
   /// Calibration of the hand: fits for PredictPoly33, between a finger's sideways joint and knuckle
   /// [rad] and their two motors [m].
-  const std::vector<double> abad_mcp_forward_a;
-  const std::vector<double> abad_mcp_forward_b;
-  const std::vector<double> abad_mcp_inverse_a;
-  const std::vector<double> abad_mcp_inverse_b;
+  const std::vector<double> abad_mcp_forward_a;  ///< To motors 1 and 3.
+  const std::vector<double> abad_mcp_forward_b;  ///< To motors 2 and 4.
+  const std::vector<double> abad_mcp_inverse_a;  ///< To the sideways joint.
+  const std::vector<double> abad_mcp_inverse_b;  ///< To the knuckle.
 
   /// Calibration of the hand: fits for FingerPIPFitPredict, between a finger's sideways joint and
   /// knuckle with its middle joint [rad] and its third motor [m].
-  const std::vector<double> pip_forward_first;
-  const std::vector<double> pip_inverse_first;
-  const std::vector<double> pip_forward_second;
-  const std::vector<double> pip_inverse_second;
+  const std::vector<double> pip_forward_first;   ///< To motor 7.
+  const std::vector<double> pip_inverse_first;   ///< To joint 6.
+  const std::vector<double> pip_forward_second;  ///< To motor 8.
+  const std::vector<double> pip_inverse_second;  ///< To joint 9.
 };
 
 template <class Number>

@@ -59,10 +59,10 @@ enum class OtaProgressStatus : int {
 
 /// A version of hardware or software, one byte a part.
 struct KORVANE_EXPORT Version {
-  std::uint8_t major;
-  std::uint8_t minor;
-  std::uint8_t patch;
-  std::uint8_t build;
+  std::uint8_t major;  ///< First number.
+  std::uint8_t minor;  ///< Second number.
+  std::uint8_t patch;  ///< Third number.
+  std::uint8_t build;  ///< Fourth number, 0 where a link doesn't tell it.
 
   /// "major.minor.patch", followed by ".build" unless build is 0.
   std::string ToString() const;
@@ -70,10 +70,10 @@ struct KORVANE_EXPORT Version {
 
 /// What a hand is. See Korvane::GetVendorInfo.
 struct KORVANE_EXPORT VendorInfo {
-  std::string product_model;  ///< As the hand sent it; over CAN 16 bytes, NUL bytes included.
-  std::string serial_number;  ///< "NaN" if the hand holds none.
-  Version hardware_version{};
-  Version software_version{};
+  std::string product_model;    ///< As the hand sent it; over CAN 16 bytes, NUL bytes included.
+  std::string serial_number;    ///< "NaN" if the hand holds none.
+  Version hardware_version{};   ///< Version of the hardware.
+  Version software_version{};   ///< Version of the firmware.
   short supply_voltage_mv = 0;  ///< Millivolts.
   std::uint8_t active_dof = 0;  ///< Active degrees of freedom.
 
@@ -83,20 +83,20 @@ struct KORVANE_EXPORT VendorInfo {
 
 /// Answer to a device query. All zero means that no hand answered: 0 is no valid id.
 struct DeviceInfo {
-  std::uint8_t device_id;
-  std::uint8_t reserved[4];
+  std::uint8_t device_id;    ///< The id of the hand that answered.
+  std::uint8_t reserved[4];  ///< As the hand sent it over CAN FD; zeros from other links.
 };
 static_assert(sizeof(DeviceInfo) == 5);
 
 /// One reading of a one-axis tactile sensor, in the order in which the hand sent the bytes.
 struct TactileSensorData {
-  Finger finger;
-  std::vector<std::uint8_t> data;
+  Finger finger;                   ///< Which sensor.
+  std::vector<std::uint8_t> data;  ///< Its bytes; empty if nothing was read.
 };
 
 /// One reading of a three-axis fingertip sensor, opaque to the host. All zero if nothing was read.
 struct TactileSensor3DData {
-  std::uint8_t data[29];
+  std::uint8_t data[29];  ///< In the order in which the hand sent them.
 };
 static_assert(sizeof(TactileSensor3DData) == 29);
 

@@ -19,6 +19,35 @@ namespace talvera::korvane {
 /// more is refused.
 ///
 /// Made by one of the CanFactories. For blocking, failures and threads see Korvane.
+///
+/// Positions are 0 to 4096. Which motor moves what, and which end of its range is open, isn't known
+/// to the library: move one motor by a few units, with the hand free, and look. (The simulated hand
+/// opens towards 4096; a real one need not.)
+///
+/// What the operations return when they fail; KorvaneBase explains the words:
+///
+///     over CAN FD                                  bad          silent       waits
+///     SetJointMotorPosi                            -1           -1           yes
+///     GetJointMotorPosi, GetJointMotorVelo,
+///       GetCurrentThreshold, GetCurrentReport      -1           0            yes
+///     GetTemperatureReport                         65535        0            yes
+///     GetErrorReport                               0            0            yes
+///     GetControlMode                               10           10           yes
+///     SetAllJointMotorPosi                         empty        empty        yes
+///     GetAllJointMotorPosi, GetAllJointMotorVelo,
+///       GetAllControlMode, GetAllCurrentThreshold,
+///       GetAllErrorReport, GetAllTemperatureReport,
+///       GetAllCurrentReport                                     empty        yes
+///     SetJointMotorVelo, SetAllJointMotorVelo,
+///       SetCurrentThreshold,
+///       SetAllCurrentThreshold, MixCtrlJointMotor  line         line         yes
+///     SetControlMode, SetAllControlMode            line         none         no
+///     six report period setters                    line         line         -
+///     SetAllActiveJointAngles                                   line, empty  -
+///     GetAllActiveJointAngles, GetAllJointAngles                line, zeros  -
+///     GetAllJointPos, SetHandGesture                            none         -
+///     GetVendorInfo, GetDeviceInfo                              empty        yes
+///     SetDeviceId                                               none         no
 class KORVANE_EXPORT KorvaneVanta : public KorvaneBase,
                                     public CanFactories<KorvaneVanta>,
                                     public CanBroadcasts<KorvaneVanta> {

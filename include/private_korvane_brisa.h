@@ -15,14 +15,49 @@ namespace talvera::korvane {
 /// speaks to it there meanwhile: neither requests nor replies name the hand, and replies aren't
 /// told apart. The `device_id` of an object over CAN FD is only what GetDeviceInfo returns.
 ///
-/// Over CAN FD the public operations are carried out by service commands. Velocities, reports, raw
-/// arrays and single tactile summaries don't exist there: these operations send nothing and return
-/// an empty or zero result. Control modes and thresholds can be set but not read, a mixed command's
-/// current loses its low byte, bad arguments are refused silently, and GetRequestInterval returns
-/// 30 whatever was set. SetJointMotorPosi and GetJointMotorPosi return -1 on failure. The callback
-/// of UpdateFirmware gets (-1, 0, FAILED) while the link isn't open, counts acknowledged packets
-/// from 1, and gets FINISH_ACKNOWLEDGED before the hand is asked to finish; all of it runs on the
-/// caller's thread.
+/// PrivateKorvane tells what the service operations do and return on each link. On a serial port
+/// the public operations are those of KorvaneBrisa there. Over CAN FD they are carried out by
+/// service commands, with other failure values than those of KorvaneBrisa; KorvaneBase explains the
+/// words:
+///
+///     over CAN FD                                  bad          silent       waits
+///     SetJointMotorPosi, GetJointMotorPosi         -1           -1           yes
+///     SetAllJointMotorPosi, GetAllJointMotorPosi   empty        empty        yes
+///     SetAllActiveJointAngles                      empty        empty        yes
+///     GetAllActiveJointAngles, GetAllJointAngles                empty        yes
+///     SetControlMode, SetCurrentThreshold (1)      none         line         yes
+///     SetAllControlMode, SetAllCurrentThreshold    none         ten lines    yes, 10 times
+///     GetControlMode, GetCurrentThreshold                       always 0     -
+///     GetAllControlMode, GetAllCurrentThreshold                 ten zeros    -
+///     MixCtrlJointMotor (2)                        none         line         yes
+///     SetJointMotorVelo, SetAllJointMotorVelo,
+///       six report period setters                               none         -
+///     GetJointMotorVelo, GetErrorReport,
+///       GetTemperatureReport, GetCurrentReport                  always 0     -
+///     GetAllJointMotorVelo, GetAllErrorReport,
+///       GetAllTemperatureReport,
+///       GetAllCurrentReport                                     always empty -
+///     GetTactileSensorData,
+///       GetAllTactileSensorDataRaw                              always empty -
+///     GetTactileSensorDataRaw                                   no data      -
+///     GetAllTactileSensorData (3)                               empty        yes, 3 times
+///     GetVendorInfo (4)                                         empty        yes, twice
+///     GetDeviceInfo (5)                                         own id       -
+///     SetDeviceId (5)                                           none         -
+///
+/// 1. A threshold is held to 0 to 3250.
+/// 2. One command for all axes: position, velocity and current of whatever isn't named are sent as
+///    0. Of the current only the high byte is sent. A target that isn't set is 0; nothing is
+///    thrown. A mode other than 4 to 6 gives a line.
+/// 3. A group of sensors (1 to 3, 4 and 5, 6 and 7) that wasn't read is left out.
+/// 4. The supply voltage is always 0. If only the second request fails the serial number is empty.
+/// 5. Nothing is sent: the object tells, and keeps, its own `device_id`. Zeros while the link isn't
+///    open. To give the hand another identifier, see PrivateKorvane::SetId.
+///
+/// There GetRequestInterval returns 30 whatever was set, and ShowDataDetails leaves the solver
+/// alone. The callback of UpdateFirmware gets (-1, 0, FAILED) while the link isn't open, counts
+/// acknowledged packets from 1, and gets FINISH_ACKNOWLEDGED before the hand is asked to finish;
+/// all of it runs on the caller's thread.
 class KORVANE_EXPORT PrivateKorvaneBrisa : public KorvaneBrisa,
                                            public PrivateKorvane,
                                            public CanFactories<PrivateKorvaneBrisa> {
@@ -31,10 +66,12 @@ class KORVANE_EXPORT PrivateKorvaneBrisa : public KorvaneBrisa,
   using CanFactories<PrivateKorvaneBrisa>::createHandByHcan;
   using CanFactories<PrivateKorvaneBrisa>::createHandSocketCan;
 
-  /// A hand on a serial port, as KorvaneBrisa::createHandByUsb.
+  /// A hand on a serial port, as KorvaneBrisa::createHandByRs485.
   static std::unique_ptr<PrivateKorvaneBrisa> createHandByRs485(HandType hand,
                                                                 unsigned char device_id,
                                                                 const std::string& port, int baud);
+
+  /// A hand on a serial port, as KorvaneBrisa::createHandByUsb.
   static std::unique_ptr<PrivateKorvaneBrisa> createHandByUsb(HandType hand,
                                                               unsigned char device_id,
                                                               const std::string& port, int baud);
