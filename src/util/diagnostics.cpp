@@ -153,8 +153,8 @@ void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
 void RecordNotSupported(const Korvane& hand, const char* operation) {
   const DiagnosedHand* const diagnosed = Diagnosed(hand);
   if (diagnosed == nullptr) return;
-  const OperationScope scope(diagnosed->diagnostics, operation);
-  RecordFailure(diagnosed->diagnostics, FailureKind::NOT_SUPPORTED,
+  const OperationScope scope(diagnosed->Diagnostics(), operation);
+  RecordFailure(diagnosed->Diagnostics(), FailureKind::NOT_SUPPORTED,
                 Compose(operation, " is not supported by this hand on its link"));
 }
 
@@ -162,7 +162,7 @@ void RecordNotSupported(const Korvane& hand, const char* operation) {
 
 diagnostics_internal::FailureWatch::FailureWatch(const Korvane& hand) : record_(nullptr) {
   const DiagnosedHand* const diagnosed = Diagnosed(hand);
-  if (diagnosed != nullptr) record_ = diagnosed->diagnostics.Record();
+  if (diagnosed != nullptr) record_ = diagnosed->Diagnostics().Record();
   if (record_ != nullptr) record_->AddWatch(*this);
 }
 
@@ -173,7 +173,7 @@ diagnostics_internal::FailureWatch::~FailureWatch() {
 Failure LastFailure(const Korvane& hand) {
   const DiagnosedHand* const diagnosed = Diagnosed(hand);
   const OperationRecord* const record =
-      diagnosed != nullptr ? diagnosed->diagnostics.Record() : nullptr;
+      diagnosed != nullptr ? diagnosed->Diagnostics().Record() : nullptr;
   const bool failed = record != nullptr && record->last.kind != FailureKind::NONE;
   return failed ? record->last : Failure();
 }
@@ -187,7 +187,7 @@ LinkStatistics StatisticsOf(const Korvane& hand) {
   statistics.replies = counters->replies;
   statistics.send_failures = counters->send_failures;
   statistics.timeouts = counters->timeouts;
-  statistics.bad_replies = diagnosed->diagnostics.BadReplies();
+  statistics.bad_replies = diagnosed->Diagnostics().BadReplies();
   statistics.unmatched_frames = counters->unmatched_frames;
   statistics.last_reply = std::chrono::steady_clock::time_point(counters->last_reply.load());
   statistics.link_lost = counters->link_lost;

@@ -99,10 +99,9 @@ void RecordNotSupported(const Korvane& hand, const char* operation);
 /// By which the functions of korvane_diagnostics.h find what a hand records, whatever its class.
 class DiagnosedHand {
  public:
+  virtual const HandDiagnostics& Diagnostics() const = 0;
   /// Null for a hand without a link.
   virtual const LinkCounters* Counters() const = 0;
-
-  HandDiagnostics diagnostics;
 
  protected:
   ~DiagnosedHand() = default;
