@@ -63,9 +63,9 @@ class CanBusDeviceBase::Exchange {
     std::unique_lock lock(device_.request_mutex_);
     device_.drain_cv_.wait(
         lock, [this] { return device_.pending_req_ids_.empty() && !device_.exchange_running_; });
-    CanfdFrame outgoing = frame;
-    if (device_.SendFrame(outgoing.can_id, outgoing.data, outgoing.len) == -1) {
-      throw std::runtime_error(FormatFrame(frame) + " request send failed");
+    ++device_.counters_.requests;
+    if (device_.Transmit(frame) == -1) {
+      throw device_.SendError(FormatFrame(frame) + " request send failed");
     }
     device_.pending_req_ids_.insert(id_);
     if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
@@ -154,8 +154,24 @@ void CanBusDeviceBase::EnforceRequestInterval() {
 
 int CanBusDeviceBase::SendRequestWithoutReply(const CanfdFrame& frame) {
   EnforceRequestInterval();
+  return Transmit(frame);
+}
+
+/// Sends one frame of the hand, counts a failure and shows the frame to the tap.
+int CanBusDeviceBase::Transmit(const CanfdFrame& frame) {
   CanfdFrame outgoing = frame;
-  return SendFrame(outgoing.can_id, outgoing.data, outgoing.len);
+  const int result = SendFrame(outgoing.can_id, outgoing.data, outgoing.len);
+  if (result == -1) {
+    ++counters_.send_failures;
+  } else {
+    tap_.Show(true, frame.can_id, frame.data, std::min(frame.len, kMaxPayload));
+  }
+  return result;
+}
+
+LinkError CanBusDeviceBase::SendError(const std::string& text) {
+  const int system_error = SystemError();
+  return {IsInit() ? FailureKind::SEND_FAILED : FailureKind::NO_LINK, text, system_error};
 }
 
 CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {
@@ -167,14 +183,16 @@ CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {
   while (true) {
     if (const auto reply = TakeReply(key)) {
       exchange.Finish();
+      counters_.CountReply();
       last_request_time_ = SystemNanoseconds();
       return *reply;
     }
     const std::int64_t remaining = timer.RemainingMs();
     if (remaining <= 0) {
       exchange.Finish();
-      throw std::runtime_error(
-          Compose(FormatFrame(frame), " request timeout (", timer.TimeoutMs(), "ms)"));
+      ++counters_.timeouts;
+      throw LinkError(FailureKind::NO_REPLY,
+                      Compose(FormatFrame(frame), " request timeout (", timer.TimeoutMs(), "ms)"));
     }
     reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
   }
@@ -212,41 +230,57 @@ std::optional<CanfdFrame> CanBusDeviceBase::TakeMultiFrame(std::uint32_t key, st
 std::vector<CanfdFrame> CanBusDeviceBase::SendRequestSynchMultiFrame(const CanfdFrame& frame,
                                                                      std::uint8_t expected_frames) {
   EnforceRequestInterval();
-  std::vector<CanfdFrame> result;
-  result.reserve(expected_frames);
+  return RequestFrames(frame, expected_frames).frames;
+}
+
+CanBusDeviceBase::GatheredFrames CanBusDeviceBase::RequestFrames(const CanfdFrame& frame,
+                                                                 std::uint8_t expected_frames) {
+  GatheredFrames result;
+  result.frames.reserve(expected_frames);
+  const auto log = [](const std::exception& error) {
+    LogError(Compose("[ERROR][CanBusDeviceBase][SendRequestSynchMultiFrame] ", error.what()));
+  };
   try {
     GatherFrames(frame, expected_frames, result);
+  } catch (const LinkError& error) {
+    log(error);
+    result.error = error;
   } catch (const std::exception& error) {
-    LogError(Compose("[ERROR][CanBusDeviceBase][SendRequestSynchMultiFrame] ", error.what()));
+    log(error);
+    result.error = LinkError(FailureKind::BAD_REPLY, error.what());
   }
   return result;
 }
 
 void CanBusDeviceBase::GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames,
-                                    std::vector<CanfdFrame>& result) {
+                                    GatheredFrames& result) {
   const Exchange exchange(*this, frame, true);
   LogFrame(" SND (MultiFrame): ", frame);
   const std::uint32_t key = ReplyKey(frame.can_id);
   const std::uint8_t total = AwaitFirstFrame(frame, key, expected_frames, result);
+  if (result.error) return;
+  counters_.CountReply();
   for (std::uint8_t index = 1; index < total; ++index) {
     const auto next = AwaitLaterFrame(key, index);
     if (!next) {
-      LogError(DescribeMissingFrame(frame.can_id, key, index, total, result));
+      const auto text = DescribeMissingFrame(frame.can_id, key, index, total, result.frames);
+      LogError(text);
+      result.error = LinkError(FailureKind::BAD_REPLY, text);
       return;
     }
-    result.push_back(*next);
+    result.frames.push_back(*next);
   }
 }
 
 /// Returns how many frames the reply has in all, as far as the caller wants them.
 std::uint8_t CanBusDeviceBase::AwaitFirstFrame(const CanfdFrame& frame, std::uint32_t key,
                                                std::uint8_t expected_frames,
-                                               std::vector<CanfdFrame>& result) {
+                                               GatheredFrames& result) {
   const ReplyTimer timer(*this);
   std::unique_lock lock(request_mutex_);
   while (true) {
     if (const auto first = TakeMultiFrame(key, 0)) {
-      result.push_back(*first);
+      result.frames.push_back(*first);
       return std::min(first->data[0], expected_frames);
     }
     if (const auto single = TakeSingleFrame(key)) {
@@ -258,12 +292,18 @@ std::uint8_t CanBusDeviceBase::AwaitFirstFrame(const CanfdFrame& frame, std::uin
         umap_multiframe_rep_[key][0] = *single;
         return count;
       }
-      result.push_back(*single);
+      result.frames.push_back(*single);
       return 0;
     }
     const std::int64_t remaining = timer.RemainingMs();
-    if (remaining < 0) throw std::runtime_error(FormatFrame(frame) + " first frame timeout");
-    if (remaining == 0) return 0;
+    if (remaining <= 0) {
+      ++counters_.timeouts;
+      const LinkError error(FailureKind::NO_REPLY, FormatFrame(frame) + " first frame timeout");
+      if (remaining < 0) throw error;
+      // Ends in silence when it is noticed to the millisecond, as it always has.
+      result.error = error;
+      return 0;
+    }
     reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
   }
 }
@@ -309,6 +349,7 @@ void CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& ru
   } else {
     LogFrame(" RCV: ", frame);
   }
+  tap_.Show(false, frame.can_id & kCanIdMask, frame.data, frame.len);
   if (rules.process_every_frame) HandOver(frame);
   bool matched = true;
   Guarded("RecvFrame", [&] { matched = StoreReply(frame, rules); });
@@ -338,6 +379,7 @@ bool CanBusDeviceBase::StoreReply(const CanfdFrame& frame, const DispatchRules& 
     if (!rules.consume_every_match) break;
     id = pending_req_ids_.erase(id);
   }
+  if (!matched) ++counters_.unmatched_frames;
   if (!matched && rules.log_unmatched) {
     LogError(Compose("[CAN] recv can_id=0x", Hex(frame_id), " did not match any request"));
   }

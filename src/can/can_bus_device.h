@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "can/can_frame.h"
+#include "util/diagnostics.h"
+#include "util/frame_tap.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
@@ -98,6 +100,16 @@ class CanBusDeviceBase {
   std::vector<CanfdFrame> SendRequestSynchMultiFrame(const CanfdFrame& frame,
                                                      std::uint8_t expected_frames);
 
+  /// The same, with what went wrong if the reply isn't whole.
+  struct GatheredFrames {
+    std::vector<CanfdFrame> frames;
+    std::optional<LinkError> error;
+  };
+  GatheredFrames RequestFrames(const CanfdFrame& frame, std::uint8_t expected_frames);
+
+  /// How a frame that couldn't be sent failed. For the thread that sent it, right after that.
+  LinkError SendError(const std::string& text);
+
   /// Waits until `request_interval_ms_` has passed since the last request, and marks a new one.
   void EnforceRequestInterval();
 
@@ -144,6 +156,9 @@ class CanBusDeviceBase {
   std::condition_variable serialized_queue_cv_;
   std::atomic<std::uint64_t> serialized_sequence_{0};
 
+  LinkCounters counters_;
+  FrameTap tap_;
+
   /// Keeps the frame logs of all adapters in the process from interleaving.
   static std::mutex s_data_details_log_mutex_;
 
@@ -158,6 +173,9 @@ class CanBusDeviceBase {
   /// "[time]<tag>[CANID:..][DATA:..]" on the standard output stream, if the frame log is on.
   void LogFrame(const char* tag, const CanfdFrame& frame) const;
 
+  /// errno of a SendFrame that has just failed on this thread, where the system gave one.
+  virtual int SystemError() const { return 0; }
+
   /// "RCV: [CANID:..][DATA:..]" and nothing else.
   void LogBareFrame(const CanfdFrame& frame) const;
 
@@ -171,10 +189,10 @@ class CanBusDeviceBase {
   std::optional<CanfdFrame> TakeSingleFrame(std::uint32_t key);
   std::optional<CanfdFrame> TakeMultiFrame(std::uint32_t key, std::uint8_t index);
 
-  void GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames,
-                    std::vector<CanfdFrame>& result);
+  int Transmit(const CanfdFrame& frame);
+  void GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames, GatheredFrames& result);
   std::uint8_t AwaitFirstFrame(const CanfdFrame& frame, std::uint32_t key,
-                               std::uint8_t expected_frames, std::vector<CanfdFrame>& result);
+                               std::uint8_t expected_frames, GatheredFrames& result);
   std::optional<CanfdFrame> AwaitLaterFrame(std::uint32_t key, std::uint8_t index);
   std::string DescribeMissingFrame(std::uint32_t request_id, std::uint32_t key, std::uint8_t index,
                                    std::uint8_t total, const std::vector<CanfdFrame>& result);

@@ -1,7 +1,5 @@
 #include "can/can_link.h"
 
-#include <stdexcept>
-
 #include "can/can_bus_device_socket_can.h"
 #include "can/hcan_device.h"
 #include "can/zlg_usbcanfd_device.h"
@@ -26,7 +24,7 @@ std::unique_ptr<CanBusDeviceBase> MakeAdapterAt(ECanDeviceType type, const Where
 }  // namespace
 
 CanBusDeviceBase& CanLink::Transport() const {
-  if (!transport) throw std::runtime_error("no transport");
+  if (!transport) throw LinkError(FailureKind::NO_LINK, "no transport");
   return *transport;
 }
 
@@ -34,39 +32,57 @@ CanfdFrame CanLink::Request(const CanfdFrame& frame, int priority) const {
   return Transport().SendRequestSynch(frame, priority);
 }
 
-std::vector<CanfdFrame> CanLink::RequestFrames(const CanfdFrame& frame,
-                                               std::uint8_t expected) const {
-  return Transport().SendRequestSynchMultiFrame(frame, expected);
+CanBusDeviceBase::GatheredFrames CanLink::RequestFrames(const CanfdFrame& frame,
+                                                        std::uint8_t expected) const {
+  return Transport().RequestFrames(frame, expected);
 }
 
 int CanLink::Send(const CanfdFrame& frame) const {
   return Transport().SendRequestWithoutReply(frame);
 }
 
+/// The transport, for a setting; null, which is recorded in silence, if there is none.
+CanBusDeviceBase* CanLink::TransportOrFailure() const {
+  if (!transport) RecordFailure(diagnostics, FailureKind::NO_LINK, "no transport");
+  return transport.get();
+}
+
 void CanLink::ShowDataDetails(bool on) const {
-  if (transport) transport->show_data_details_ = on;
+  const OperationScope scope(diagnostics, __func__);
+  if (auto* const device = TransportOrFailure()) device->show_data_details_ = on;
 }
 
 void CanLink::SetRequestInterval(int ms) {
-  if (transport) transport->SetRequestInterval(ms);
+  const OperationScope scope(diagnostics, __func__);
+  if (auto* const device = TransportOrFailure()) device->SetRequestInterval(ms);
 }
 
-int CanLink::GetRequestInterval() const { return transport ? transport->GetRequestInterval() : 0; }
+int CanLink::GetRequestInterval() const {
+  const OperationScope scope(diagnostics, __func__);
+  const auto* const device = TransportOrFailure();
+  return device != nullptr ? device->GetRequestInterval() : 0;
+}
 
 void CanLink::SetFrameRecvTimeout(int ms) {
-  if (transport) transport->SetFrameRecvTimeout(ms);
+  const OperationScope scope(diagnostics, __func__);
+  if (auto* const device = TransportOrFailure()) device->SetFrameRecvTimeout(ms);
 }
 
 int CanLink::GetFrameRecvTimeout() const {
-  return transport ? transport->GetFrameRecvTimeout() : 0;
+  const OperationScope scope(diagnostics, __func__);
+  const auto* const device = TransportOrFailure();
+  return device != nullptr ? device->GetFrameRecvTimeout() : 0;
 }
 
 void CanLink::SetFrameSendTimeout(int ms) {
-  if (transport) transport->SetFrameSendTimeout(ms);
+  const OperationScope scope(diagnostics, __func__);
+  if (auto* const device = TransportOrFailure()) device->SetFrameSendTimeout(ms);
 }
 
 int CanLink::GetFrameSendTimeout() const {
-  return transport ? transport->GetFrameSendTimeout() : 0;
+  const OperationScope scope(diagnostics, __func__);
+  const auto* const device = TransportOrFailure();
+  return device != nullptr ? device->GetFrameSendTimeout() : 0;
 }
 
 std::unique_ptr<CanBusDeviceBase> MakeAdapter(ECanDeviceType type, std::uint8_t adapter_index,

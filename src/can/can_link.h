@@ -20,12 +20,15 @@ class CanLink {
   /// The reply to `frame`. Throws std::runtime_error.
   CanfdFrame Request(const CanfdFrame& frame, int priority) const;
 
-  /// As CanBusDeviceBase::SendRequestSynchMultiFrame. Throws std::runtime_error only if there is no
-  /// transport.
-  std::vector<CanfdFrame> RequestFrames(const CanfdFrame& frame, std::uint8_t expected) const;
+  /// As CanBusDeviceBase::RequestFrames. Throws std::runtime_error only if there is no transport.
+  CanBusDeviceBase::GatheredFrames RequestFrames(const CanfdFrame& frame,
+                                                 std::uint8_t expected) const;
 
   /// -1 if the frame couldn't be sent. Throws std::runtime_error if there is no transport.
   int Send(const CanfdFrame& frame) const;
+
+  /// How a Send that gave -1 failed. For the thread that called it, right after that.
+  LinkError SendError(const std::string& text) const { return Transport().SendError(text); }
 
   void ShowDataDetails(bool on) const;
   void SetRequestInterval(int ms);
@@ -36,8 +39,10 @@ class CanLink {
   int GetFrameSendTimeout() const;
 
   std::unique_ptr<CanBusDeviceBase> transport;
+  HandDiagnostics diagnostics;
 
  private:
+  CanBusDeviceBase* TransportOrFailure() const;
   CanBusDeviceBase& Transport() const;
 };
 

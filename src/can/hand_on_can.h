@@ -14,7 +14,10 @@ namespace talvera::korvane {
 /// class that applications see, `Row` a type with the model's row as `kModel`, and `Engine` carries
 /// out the protocol.
 template <class Model, class Row, class Engine>
-class HandOnCan : public Model, public CanLinkOwner, public Engine::UpdateState {
+class HandOnCan : public Model,
+                  public CanLinkOwner,
+                  public DiagnosedHand,
+                  public Engine::UpdateState {
  public:
   using RowType = Row;
 
@@ -55,6 +58,10 @@ class HandOnCan : public Model, public CanLinkOwner, public Engine::UpdateState 
   void ShowDataDetails(bool on) const override { engine_.ShowDataDetails(on); }
 
   CanLink& Link() override { return engine_; }
+  const HandDiagnostics& Diagnostics() const override { return engine_.diagnostics; }
+  const LinkCounters* Counters() const override {
+    return engine_.transport ? &engine_.transport->counters_ : nullptr;
+  }
 
  protected:
   Engine engine_;

@@ -1,5 +1,3 @@
-#include <stdexcept>
-
 #include "can/can_bus_device.h"
 
 // The queue in front of the request engine: of all callers that wait on one device, the request
@@ -42,7 +40,8 @@ CanfdFrame CanBusDeviceBase::SendRequestSynch(const CanfdFrame& frame, int prior
     const auto winner = ElectItem();
     if (!winner) {
       WithdrawItem(item);
-      throw std::runtime_error("CAN serialized request queue was disabled while waiting");
+      throw LinkError(FailureKind::NO_LINK,
+                      "CAN serialized request queue was disabled while waiting");
     }
     const ExchangeResult result = RunExchange(winner->frame);
     if (winner == item) {

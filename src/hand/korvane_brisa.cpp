@@ -2,12 +2,14 @@
 
 #include "hand/tactile_layout.h"
 #include "solver/actuator_words.h"
+#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
 KorvaneBrisa::~KorvaneBrisa() = default;
 
 void KorvaneBrisa::SetHandGesture(int gesture) {
+  const OperationScope operation(*this, __func__);
   if (solver) SetAllJointMotorPosi(ToWords(solver->SetHandGesture(gesture)));
 }
 

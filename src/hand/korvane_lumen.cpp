@@ -1,5 +1,6 @@
 #include "korvane_lumen.h"
 
+#include "util/diagnostics.h"
 #include "util/log.h"
 
 namespace talvera::korvane {
@@ -7,9 +8,12 @@ namespace talvera::korvane {
 KorvaneLumen::~KorvaneLumen() = default;
 
 void KorvaneLumen::SetHandGesture(int /*gesture*/) {
-  LogError(
+  static constexpr char kLine[] =
       "[Warning]: SetHandGesture is not supported for Korvane Lumen S (no kinematics solver "
-      "available). Please use SetAllJointMotorPosi() to set motor positions directly.");
+      "available). Please use SetAllJointMotorPosi() to set motor positions directly.";
+  const OperationScope operation(*this, __func__);
+  LogError(kLine);
+  RecordFailure(*this, FailureKind::NOT_SUPPORTED, kLine);
 }
 
 }  // namespace talvera::korvane

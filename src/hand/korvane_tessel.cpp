@@ -2,6 +2,7 @@
 
 #include "hand/hand_members.h"
 #include "solver/actuator_words.h"
+#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
@@ -13,6 +14,7 @@ void KorvaneTessel::Reset(std::uint8_t id, HandType hand) {
 }
 
 void KorvaneTessel::SetHandGesture(int gesture) {
+  const OperationScope operation(*this, __func__);
   if (solver) SetAllJointMotorPosi(ToWords(solver->SetHandGesture(gesture)));
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "korvane_types.h"
+#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
@@ -13,9 +14,13 @@ constexpr bool IsFinger(Finger finger) {
   return finger >= Finger::THUMB && finger <= Finger::DORSUM;
 }
 
-/// Throws std::invalid_argument ("Invalid finger type") for anything else.
-inline void RequireFinger(Finger finger) {
-  if (!IsFinger(finger)) throw std::invalid_argument("Invalid finger type");
+/// Throws std::invalid_argument ("Invalid finger type") for anything else, which is recorded as the
+/// failure of the operation on that hand.
+inline void RequireFinger(Finger finger, const HandDiagnostics& hand) {
+  if (IsFinger(finger)) return;
+  const std::invalid_argument error("Invalid finger type");
+  RecordThrown(hand, FailureKind::BAD_ARGUMENT, error.what());
+  throw error;
 }
 
 /// Bytes in the summary of a one-axis sensor: that of a finger, and that of the palm or dorsum.

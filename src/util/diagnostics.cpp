@@ -113,6 +113,11 @@ const DiagnosedHand* Diagnosed(const Korvane& hand) {
   return dynamic_cast<const DiagnosedHand*>(&hand);
 }
 
+OperationRecord* RecordOf(const Korvane& hand) {
+  const DiagnosedHand* const diagnosed = Diagnosed(hand);
+  return diagnosed != nullptr ? diagnosed->Diagnostics().Record() : nullptr;
+}
+
 }  // namespace
 
 OperationRecord* HandDiagnostics::Record() const {
@@ -122,6 +127,10 @@ OperationRecord* HandDiagnostics::Record() const {
 
 OperationScope::OperationScope(const HandDiagnostics& hand, const char* name)
     : record_(hand.Record()) {
+  if (record_ != nullptr) record_->Begin(name);
+}
+
+OperationScope::OperationScope(const Korvane& hand, const char* name) : record_(RecordOf(hand)) {
   if (record_ != nullptr) record_->Begin(name);
 }
 
@@ -151,18 +160,20 @@ void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
 }
 
 void RecordNotSupported(const Korvane& hand, const char* operation) {
-  const DiagnosedHand* const diagnosed = Diagnosed(hand);
-  if (diagnosed == nullptr) return;
-  const OperationScope scope(diagnosed->Diagnostics(), operation);
-  RecordFailure(diagnosed->Diagnostics(), FailureKind::NOT_SUPPORTED,
+  const OperationScope scope(hand, operation);
+  RecordFailure(hand, FailureKind::NOT_SUPPORTED,
                 Compose(operation, " is not supported by this hand on its link"));
+}
+
+void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text) {
+  if (const auto* const diagnosed = Diagnosed(hand)) {
+    RecordFailure(diagnosed->Diagnostics(), kind, text);
+  }
 }
 
 // --- What applications call -----------------------------------------------------------------
 
-diagnostics_internal::FailureWatch::FailureWatch(const Korvane& hand) : record_(nullptr) {
-  const DiagnosedHand* const diagnosed = Diagnosed(hand);
-  if (diagnosed != nullptr) record_ = diagnosed->Diagnostics().Record();
+diagnostics_internal::FailureWatch::FailureWatch(const Korvane& hand) : record_(RecordOf(hand)) {
   if (record_ != nullptr) record_->AddWatch(*this);
 }
 
@@ -171,9 +182,7 @@ diagnostics_internal::FailureWatch::~FailureWatch() {
 }
 
 Failure LastFailure(const Korvane& hand) {
-  const DiagnosedHand* const diagnosed = Diagnosed(hand);
-  const OperationRecord* const record =
-      diagnosed != nullptr ? diagnosed->Diagnostics().Record() : nullptr;
+  const OperationRecord* const record = RecordOf(hand);
   const bool failed = record != nullptr && record->last.kind != FailureKind::NONE;
   return failed ? record->last : Failure();
 }

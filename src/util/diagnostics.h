@@ -69,6 +69,7 @@ class OperationScope {
  public:
   /// `name` outlives the scope.
   OperationScope(const HandDiagnostics& hand, const char* name);
+  OperationScope(const Korvane& hand, const char* name);
   ~OperationScope();
   OperationScope(const OperationScope&) = delete;
   OperationScope& operator=(const OperationScope&) = delete;
@@ -84,6 +85,7 @@ class OperationScope {
 /// Records how the calling thread's present operation on the hand failed.
 void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                    int system_error = 0);
+void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text);
 
 /// The same, of an operation that tells it by an exception.
 void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::string& text,

@@ -16,6 +16,8 @@ namespace {
 constexpr auto kNoControlMode = static_cast<ControlMode>(10);
 constexpr std::uint8_t kControlModeMask = 7;
 constexpr std::uint8_t kSetDeviceIdIndex = 1;
+constexpr const char* kMixedOperation = "MixCtrlJointMotor";
+constexpr const char* kNoReport = "no report of all motors has come from the hand yet";
 
 /// An element of a mixed command with two targets: its motor, then two values.
 constexpr std::size_t kShortElementSize = 5;
@@ -106,8 +108,15 @@ CanfdFrame CanPublicEngine::WriteFrame(std::uint8_t function, std::uint8_t index
 void CanPublicEngine::LogFailure(const Context& context, const std::exception& error) const {
   const bool tagged = context.tag != nullptr && model.wording->failure_names_motor;
   const std::string tag = tagged ? Compose("[", context.tag, ":", context.number, "]") : "";
-  LogError(
-      Compose("[ERROR][", model.class_name, "][", context.operation, "]", tag, " ", error.what()));
+  const std::string line =
+      Compose("[ERROR][", model.class_name, "][", context.operation, "]", tag, " ", error.what());
+  LogError(line);
+  RecordFailure(diagnostics, error, line);
+}
+
+void CanPublicEngine::Fail(FailureKind kind, const std::string& line, int system_error) const {
+  LogError(line);
+  RecordFailure(diagnostics, kind, line, system_error);
 }
 
 std::optional<CanfdFrame> CanPublicEngine::RequestOrLog(const Context& context,
@@ -127,9 +136,17 @@ std::optional<CanfdFrame> CanPublicEngine::WriteOrLog(const Context& context,
                                                       const CanfdFrame& frame) const {
   if (way == Way::kWaits) return RequestOrLog(context, frame, quantity.priority);
   try {
-    const bool has_text = quantity.send_failed != nullptr;
-    const int sent = has_text && !transport ? -1 : Send(frame);
-    if (sent == -1 && has_text) LogError(quantity.send_failed);
+    if (Send(frame) == -1) throw SendError("request send failed");
+  } catch (const LinkError& error) {
+    const bool no_transport = !transport;
+    if (quantity.send_failed != nullptr) {
+      Fail(error.Kind(), quantity.send_failed, error.SystemError());
+    } else if (no_transport) {
+      LogFailure(context, error);
+    } else {
+      // Such a write has no line for a frame that couldn't be sent.
+      RecordFailure(diagnostics, error, error.what());
+    }
   } catch (const std::exception& error) {
     LogFailure(context, error);
   }
@@ -145,37 +162,40 @@ std::string CanPublicEngine::MotorCount(bool in_digits) const {
 bool CanPublicEngine::CheckIndex(std::uint8_t index) const {
   if (index >= 1 && index <= model.motors) return true;
   const Wording& wording = *model.wording;
-  LogError(Compose(wording.bad_index, index, wording.bad_index_range,
-                   MotorCount(wording.count_in_digits), "."));
+  Fail(FailureKind::BAD_ARGUMENT, Compose(wording.bad_index, index, wording.bad_index_range,
+                                          MotorCount(wording.count_in_digits), "."));
   return false;
 }
 
 bool CanPublicEngine::CheckSize(std::size_t size) const {
   if (size == model.motors) return true;
-  LogError(
-      Compose(model.wording->wrong_size, RawByte{model.motors}, model.wording->wrong_size_end));
+  Fail(FailureKind::BAD_ARGUMENT,
+       Compose(model.wording->wrong_size, RawByte{model.motors}, model.wording->wrong_size_end));
   return false;
 }
 
 bool CanPublicEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const {
   if (mode == mix_mode::kPositionVelocityCurrent) {
     if (count <= kMaxFullTargets) return true;
-    LogError(model.wording->too_many_mixed);
+    Fail(FailureKind::BAD_ARGUMENT, model.wording->too_many_mixed);
     return false;
   }
   if (count > model.motors) {
-    LogError(Compose(model.wording->wrong_size, MotorCount(model.wording->mixed_count_in_digits),
-                     model.wording->wrong_size_end));
+    Fail(FailureKind::BAD_ARGUMENT,
+         Compose(model.wording->wrong_size, MotorCount(model.wording->mixed_count_in_digits),
+                 model.wording->wrong_size_end));
     return false;
   }
   if (count <= kMaxShortElements) return true;
-  LogError(Compose("[Error]: A frame holds ", kMaxShortElements, " joint targets, got ", count));
+  Fail(FailureKind::BAD_ARGUMENT,
+       Compose("[Error]: A frame holds ", kMaxShortElements, " joint targets, got ", count));
   return false;
 }
 
 // --- Motor values ---------------------------------------------------------------------------
 
 int CanPublicEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index) const {
+  const auto operation = Operation(quantity.get);
   if (!CheckIndex(index)) return quantity.bad_index;
   if (quantity.from_reports) return LastReport(quantity, index);
   const auto reply = RequestOrLog({quantity.get, "index", index},
@@ -186,13 +206,17 @@ int CanPublicEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index
 /// 0 unless the last report was one of all motors and no more.
 int CanPublicEngine::LastReport(const MotorQuantity& quantity, std::uint8_t index) const {
   const auto values = reports_.Values(quantity.function);
-  return values.size() == model.motors ? values[index - 1U] : 0;
+  if (values.size() == model.motors) return values[index - 1U];
+  RecordFailure(diagnostics, FailureKind::NO_REPLY, kNoReport);
+  return 0;
 }
 
 template <class Value>
 std::vector<Value> CanPublicEngine::ReadAll(const MotorQuantity& quantity) const {
+  const auto operation = Operation(quantity.get_all);
   if (quantity.from_reports) {
     const auto values = reports_.Values(quantity.function);
+    if (values.empty()) RecordFailure(diagnostics, FailureKind::NO_REPLY, kNoReport);
     return {values.begin(), values.end()};
   }
   const auto reply =
@@ -208,6 +232,7 @@ template std::vector<unsigned short> CanPublicEngine::ReadAll(const MotorQuantit
 
 std::optional<short> CanPublicEngine::WriteMotor(const MotorQuantity& quantity, std::uint8_t index,
                                                  std::uint16_t value) const {
+  const auto operation = Operation(quantity.set);
   if (!CheckIndex(index)) return std::nullopt;
   CanfdFrame frame = WriteFrame(quantity.function, index);
   StoreU16(frame.data, value);
@@ -228,14 +253,17 @@ std::optional<CanfdFrame> CanPublicEngine::WholeHandWrite(const MotorQuantity& q
 
 void CanPublicEngine::WriteAll(const MotorQuantity& quantity,
                                const std::vector<short>& values) const {
+  const auto operation = Operation(quantity.set_all);
   if (CheckSize(values.size())) WholeHandWrite(quantity, values);
 }
 
 std::vector<short> CanPublicEngine::WriteAllPositions(const std::vector<short>& positions) const {
+  const auto operation = Operation(model.position.set_all);
   if (positions.size() != model.motors) {
-    LogError(Compose("[ERROR][", model.class_name,
-                     "][SetAllJointMotorPosi] Invalid parameter, size must match DOF ",
-                     RawByte{model.motors}));
+    Fail(FailureKind::BAD_ARGUMENT,
+         Compose("[ERROR][", model.class_name,
+                 "][SetAllJointMotorPosi] Invalid parameter, size must match DOF ",
+                 RawByte{model.motors}));
     return {};
   }
   const auto reply = WholeHandWrite(model.position, positions);
@@ -245,6 +273,7 @@ std::vector<short> CanPublicEngine::WriteAllPositions(const std::vector<short>& 
 // --- Control modes --------------------------------------------------------------------------
 
 ControlMode CanPublicEngine::ReadControlMode(std::uint8_t index) const {
+  const auto operation = Operation(model.control_mode.get);
   const MotorQuantity& quantity = model.control_mode;
   if (!CheckIndex(index)) return kNoControlMode;
   const auto reply = RequestOrLog({quantity.get, "index", index},
@@ -254,6 +283,7 @@ ControlMode CanPublicEngine::ReadControlMode(std::uint8_t index) const {
 }
 
 std::vector<std::uint8_t> CanPublicEngine::ReadAllControlModes() const {
+  const auto operation = Operation(model.control_mode.get_all);
   const MotorQuantity& quantity = model.control_mode;
   const auto reply =
       RequestOrLog({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
@@ -266,6 +296,7 @@ std::vector<std::uint8_t> CanPublicEngine::ReadAllControlModes() const {
 }
 
 void CanPublicEngine::WriteControlMode(std::uint8_t index, ControlMode mode) const {
+  const auto operation = Operation(model.control_mode.set);
   if (!CheckIndex(index)) return;
   const MotorQuantity& quantity = model.control_mode;
   CanfdFrame frame = WriteFrame(quantity.function, index);
@@ -274,6 +305,7 @@ void CanPublicEngine::WriteControlMode(std::uint8_t index, ControlMode mode) con
 }
 
 void CanPublicEngine::WriteAllControlModes(const std::vector<std::uint8_t>& modes) const {
+  const auto operation = Operation(model.control_mode.set_all);
   if (!CheckSize(modes.size())) return;
   const MotorQuantity& quantity = model.control_mode;
   CanfdFrame frame = WriteFrame(quantity.function, 0);
@@ -283,19 +315,29 @@ void CanPublicEngine::WriteAllControlModes(const std::vector<std::uint8_t>& mode
 }
 
 void CanPublicEngine::WriteMixed(const std::vector<MixCtrl>& targets) const {
-  if (targets.empty()) return;
-  const std::uint8_t mode = targets.front().mix_mode;
-  if (mode < mix_mode::kPositionCurrent || mode > mix_mode::kPositionVelocityCurrent) return;
+  const auto operation = Operation(kMixedOperation);
+  const std::uint8_t mode = targets.empty() ? std::uint8_t{0} : targets.front().mix_mode;
+  if (mode < mix_mode::kPositionCurrent || mode > mix_mode::kPositionVelocityCurrent) {
+    // Does nothing, in silence.
+    return RecordFailure(diagnostics, FailureKind::BAD_ARGUMENT,
+                         "no targets, or a mode that isn't 4, 5 or 6");
+  }
   if (!CheckMixedCount(mode, targets.size())) return;
   CanfdFrame frame = WriteFrame(function_code::kMixedControl, 0);
   std::uint8_t* out = frame.data;
-  for (const MixCtrl& target : targets) out = StoreElement(out, target, mode);
-  RequestOrLog({"MixCtrlJointMotor"}, frame, model.mixed_priority);
+  try {
+    for (const MixCtrl& target : targets) out = StoreElement(out, target, mode);
+  } catch (const std::bad_optional_access&) {
+    RecordThrown(diagnostics, FailureKind::BAD_ARGUMENT, "a target that the mode needs isn't set");
+    throw;
+  }
+  RequestOrLog({kMixedOperation}, frame, model.mixed_priority);
 }
 
 // --- Identity -------------------------------------------------------------------------------
 
 VendorInfo CanPublicEngine::ReadVendorInfo() const {
+  const auto operation = Operation("GetVendorInfo");
   const auto reply = RequestOrLog({"GetVendorInfo"}, ReadFrame(function_code::kVendorRecord, 0));
   if (!reply) return {};
   const std::uint8_t* const data = reply->data;
@@ -312,6 +354,7 @@ VendorInfo CanPublicEngine::ReadVendorInfo() const {
 }
 
 DeviceInfo CanPublicEngine::ReadDeviceInfo() const {
+  const auto operation = Operation("GetDeviceInfo");
   DeviceInfo info{};
   try {
     const CanfdFrame reply = Request(ReadFrame(function_code::kDeviceRecord, 0), 0);
@@ -321,22 +364,24 @@ DeviceInfo CanPublicEngine::ReadDeviceInfo() const {
     if (text == nullptr) {
       LogFailure({"GetDeviceInfo"}, error);
     } else {
-      LogError(Compose(text, hand_.device_id, ", error: ", error.what()));
+      const std::string line = Compose(text, hand_.device_id, ", error: ", error.what());
+      LogError(line);
+      RecordFailure(diagnostics, error, line);
     }
   }
   return info;
 }
 
 void CanPublicEngine::WriteDeviceId(std::uint8_t new_id) {
+  const auto operation = Operation("SetDeviceId");
   CanfdFrame frame = WriteFrame(function_code::kDeviceRecord, kSetDeviceIdIndex);
   frame.data[0] = new_id;
   try {
-    if (transport && Send(frame) != -1) {
-      hand_.device_id = new_id;
-      update_run.Address(new_id);
-      return;
-    }
-    LogError(model.wording->set_id_failed);
+    if (Send(frame) == -1) throw SendError("request send failed");
+    hand_.device_id = new_id;
+    update_run.Address(new_id);
+  } catch (const LinkError& error) {
+    Fail(error.Kind(), model.wording->set_id_failed, error.SystemError());
   } catch (const std::exception& error) {
     LogFailure({"SetDeviceId"}, error);
   }

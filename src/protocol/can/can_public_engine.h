@@ -66,6 +66,13 @@ class CanPublicEngine : public CanLink {
   };
   void LogFailure(const Context& context, const std::exception& error) const;
 
+  /// One operation on the hand, for as long as what this returns lives. Every operation that may
+  /// fail has one, so that its failure is recorded under its name.
+  OperationScope Operation(const char* name) const { return {diagnostics, name}; }
+
+  /// Logs the line and records it as the failure of the operation.
+  void Fail(FailureKind kind, const std::string& line, int system_error = 0) const;
+
   /// The reply to `frame`; nothing after a failure, which has been told.
   std::optional<CanfdFrame> RequestOrLog(const Context& context, const CanfdFrame& frame,
                                          int priority = 0) const;

@@ -136,11 +136,12 @@ class CanPublicMotorHand : public CanPublicHand<Model, Row> {
 
   /// The lines name one model, whichever model it is, and the first of them in another spelling;
   /// log filters in the field match them as they are.
-  static void RefusePeriods(std::string_view operation) {
-    const char* const model =
-        operation == "SetErrorReportPeriod" ? "Korvane Brisa" : "KorvaneBrisa";
-    LogError(Compose("[Error]: ", operation, " is not supported by ", model,
-                     " (BR7) when DISABLE_FUNC is enabled."));
+  void RefusePeriods(const char* name) const {
+    const auto operation = engine_.Operation(name);
+    const bool first = std::string_view(name) == "SetErrorReportPeriod";
+    engine_.Fail(FailureKind::NOT_SUPPORTED, Compose("[Error]: ", name, " is not supported by ",
+                                                     first ? "Korvane Brisa" : "KorvaneBrisa",
+                                                     " (BR7) when DISABLE_FUNC is enabled."));
   }
 
  private:

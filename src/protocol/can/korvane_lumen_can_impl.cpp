@@ -5,31 +5,33 @@
 namespace talvera::korvane {
 namespace {
 
-std::vector<double> Refuse(const char* operation, const char* instead) {
-  LogError(Compose("[Warning]: ", operation,
-                   " is not supported for Korvane Lumen S (no kinematics solver available).",
-                   instead));
+std::vector<double> Refuse(const CanPublicEngine& engine, const char* name, const char* instead) {
+  const auto operation = engine.Operation(name);
+  engine.Fail(
+      FailureKind::NOT_SUPPORTED,
+      Compose("[Warning]: ", name,
+              " is not supported for Korvane Lumen S (no kinematics solver available).", instead));
   return {};
 }
 
 }  // namespace
 
 std::vector<double> KorvaneLumenCanImpl::SetAllActiveJointAngles(const std::vector<double>&) {
-  return Refuse("SetAllActiveJointAngles",
+  return Refuse(engine_, "SetAllActiveJointAngles",
                 " Please use SetAllJointMotorPosi() instead to set motor positions directly.");
 }
 
 std::vector<double> KorvaneLumenCanImpl::GetAllActiveJointAngles() const {
-  return Refuse("GetAllActiveJointAngles",
+  return Refuse(engine_, "GetAllActiveJointAngles",
                 " Please use GetAllJointMotorPosi() instead to get motor positions directly.");
 }
 
 std::vector<double> KorvaneLumenCanImpl::GetAllJointAngles() const {
-  return Refuse("GetAllJointAngles", "");
+  return Refuse(engine_, "GetAllJointAngles", "");
 }
 
 std::vector<double> KorvaneLumenCanImpl::GetAllJointPos(const std::vector<double>&) const {
-  return Refuse("GetAllJointPos", "");
+  return Refuse(engine_, "GetAllJointPos", "");
 }
 
 }  // namespace talvera::korvane

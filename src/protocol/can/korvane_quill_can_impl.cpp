@@ -10,6 +10,11 @@ constexpr int kJoints = QuillRow::kModel.motors;
 constexpr Finger kQuillSensorOrder[] = {Finger::THUMB, Finger::INDEX,  Finger::MIDDLE,
                                         Finger::RING,  Finger::LITTLE, Finger::PALM};
 
+const char* CalibrationName(std::uint8_t function) {
+  return function == function_code::kMinCalibration ? "SetMinPositionCalibration"
+                                                    : "SetMaxPositionCalibration";
+}
+
 }  // namespace
 
 void KorvaneQuillCanImpl::ShowDataDetails(bool on) const {
@@ -34,31 +39,37 @@ void KorvaneQuillCanImpl::SetMaxPositionCalibration(std::uint8_t joint) {
 
 void KorvaneQuillCanImpl::CalibrateJoint(std::uint8_t function, const char* end,
                                          std::uint8_t joint) const {
+  const auto operation = engine_.Operation(CalibrationName(function));
   if (joint >= 1 && joint <= kJoints) return Calibrate(function, end, joint);
-  LogError(Compose("[Error]: Invalid joint index ", joint, ". Valid range is 1-", kJoints));
+  engine_.Fail(FailureKind::BAD_ARGUMENT,
+               Compose("[Error]: Invalid joint index ", joint, ". Valid range is 1-", kJoints));
 }
 
 /// Joint 0 stands for all of them.
 void KorvaneQuillCanImpl::Calibrate(std::uint8_t function, const char* end,
                                     std::uint8_t joint) const {
+  const auto operation = engine_.Operation(CalibrationName(function));
   CanfdFrame frame = engine_.WriteFrame(function, joint);
   frame.len = 0;
   try {
-    if (engine_.transport && engine_.Send(frame) != -1) return;
+    if (engine_.Send(frame) == -1) throw engine_.SendError("request send failed");
+  } catch (const LinkError& error) {
+    const std::string which = joint == 0 ? "" : Compose(" for joint ", joint);
+    engine_.Fail(error.Kind(),
+                 Compose("[Error]: Failed to send ", end, " position calibration request", which),
+                 error.SystemError());
   } catch (const std::exception& error) {
-    const bool lower = function == function_code::kMinCalibration;
-    engine_.LogFailure({lower ? "SetMinPositionCalibration" : "SetMaxPositionCalibration"}, error);
-    return;
+    engine_.LogFailure({CalibrationName(function)}, error);
   }
-  const std::string which = joint == 0 ? "" : Compose(" for joint ", joint);
-  LogError(Compose("[Error]: Failed to send ", end, " position calibration request", which));
 }
 
 // --- Tactile sensors ------------------------------------------------------------------------
 
 TactileSensorData KorvaneQuillCanImpl::GetTactileSensorDataRaw(Finger finger) const {
+  const auto operation = engine_.Operation(__func__);
   if (finger < Finger::THUMB || finger > Finger::PALM) {
-    LogError(
+    engine_.Fail(
+        FailureKind::BAD_ARGUMENT,
         Compose("[Error]: Invalid sensor finger index for Quill (must be 0x01-0x06, no Dorsum): ",
                 static_cast<int>(finger)));
     return {finger, {}};
@@ -68,15 +79,17 @@ TactileSensorData KorvaneQuillCanImpl::GetTactileSensorDataRaw(Finger finger) co
 
 /// A sensor whose reading is cut off ends the walk and is left out.
 std::vector<TactileSensorData> KorvaneQuillCanImpl::GetAllTactileSensorDataRaw() const {
+  const auto operation = engine_.Operation(__func__);
   std::vector<TactileSensorData> records;
   try {
-    const auto stream = ReadTactileStream(engine_).value_or(std::vector<std::uint8_t>());
+    const auto stream = ReadTactileStream(engine_, "").value_or(std::vector<std::uint8_t>());
     std::size_t offset = 0;
     for (const Finger finger : kQuillSensorOrder) {
       if (offset >= stream.size()) break;
       const std::size_t length = GetSensorDataLength(finger);
       if (length > stream.size() - offset) {
-        LogError(Compose("[Warning]: Incomplete data for sensor ", static_cast<int>(finger)));
+        engine_.Fail(FailureKind::BAD_REPLY,
+                     Compose("[Warning]: Incomplete data for sensor ", static_cast<int>(finger)));
         break;
       }
       const auto begin = stream.begin() + static_cast<std::ptrdiff_t>(offset);

@@ -36,15 +36,17 @@ void KorvaneTesselCanImpl::WritePeriods(const MotorQuantity& quantity,
 }
 
 TactileSensor3DData KorvaneTesselCanImpl::GetTactileSensor3DData(Finger finger) const {
+  const auto operation = engine_.Operation(__func__);
   TactileSensor3DData record{};
   if (finger == Finger::PALM || finger == Finger::DORSUM) {
-    LogError(
+    engine_.Fail(
+        FailureKind::BAD_ARGUMENT,
         "[ERROR]: Korvane Tessel does not support PALM or DORSUM sensors. Only THUMB, INDEX, "
         "MIDDLE, RING, LITTLE are supported.");
     return record;
   }
   if (finger < Finger::THUMB || finger > Finger::LITTLE) {
-    LogError("[ERROR]: Invalid finger type");
+    engine_.Fail(FailureKind::BAD_ARGUMENT, "[ERROR]: Invalid finger type");
     return record;
   }
   const auto reply = engine_.RequestOrLog(

@@ -20,7 +20,9 @@ std::vector<std::uint8_t> ReadTactileSummary(const CanPublicEngine& engine, Fing
 TactileSensorData ReadTactileRaw(const CanPublicEngine& engine, Finger finger,
                                  const std::function<std::size_t()>& length);
 
-/// All that the hand sends of all its sensors, in reading order; nothing if it is silent.
-std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanPublicEngine& engine);
+/// All that the hand sends of all its sensors, in reading order; nothing if it is silent, for which
+/// `no_data` is logged unless it is empty.
+std::optional<std::vector<std::uint8_t>> ReadTactileStream(const CanPublicEngine& engine,
+                                                           const char* no_data);
 
 }  // namespace talvera::korvane

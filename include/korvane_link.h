@@ -1,0 +1,31 @@
+#pragma once
+
+#include "korvane_export.h"
+
+/// How a hand waits for what its link brings.
+namespace talvera::korvane {
+
+class Korvane;
+
+/// How frames are received.
+enum class Receiving {
+  /// As it has always been, and at first. A SocketCAN hand reads its socket without a pause, which
+  /// takes a core for each hand. A serial hand waits for the bytes that it has room for, so that a
+  /// reply comes about 23 ms late at 115200 baud, and a reply that is there before the request has
+  /// been written to its end is lost.
+  AS_EVER,
+  /// A SocketCAN hand sleeps until its socket has a frame. A serial hand reads what has arrived,
+  /// and
+  /// any frame since the request began to be written answers it. A hand on a USB adapter sleeps in
+  /// the adapter's library either way.
+  BY_EVENTS,
+};
+
+/// How this hand receives from now on. Nothing for a hand without a link. Any thread, at any time;
+/// a request that waits meanwhile goes on. Takes up to 50 ms to show.
+KORVANE_EXPORT void SetReceiving(Korvane& hand, Receiving how);
+
+/// The same for all hands that the process makes from now on. Any thread, at any time.
+KORVANE_EXPORT void SetDefaultReceiving(Receiving how);
+
+}  // namespace talvera::korvane

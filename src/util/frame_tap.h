@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "korvane_observe.h"
+
+namespace talvera::korvane {
+
+/// Shows the frames of a link to the application's function, if there is one.
+class FrameTap {
+ public:
+  using Function = std::function<void(const FrameEvent&)>;
+
+  void Set(Function function) {
+    auto next = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
+    const std::lock_guard lock(mutex_);
+    is_set_ = next != nullptr;
+    function_.swap(next);
+  }
+
+  void Show(bool sent, std::uint32_t id, const std::uint8_t* data, std::size_t size) const {
+    if (!is_set_.load(std::memory_order_relaxed)) return;
+    // A copy, so that the function runs without the lock and stays whole while it runs.
+    const auto function = Current();
+    if (function) (*function)({sent, std::chrono::system_clock::now(), id, data, size});
+  }
+
+ private:
+  std::shared_ptr<const Function> Current() const {
+    const std::lock_guard lock(mutex_);
+    return function_;
+  }
+
+  std::atomic<bool> is_set_{false};
+  mutable std::mutex mutex_;
+  std::shared_ptr<const Function> function_;
+};
+
+}  // namespace talvera::korvane
