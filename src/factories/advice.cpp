@@ -114,8 +114,9 @@ std::string AdviceOn(const Failure& failure) {
   for (const AdviceRow& row : kRows) {
     if (!Fits(row, failure)) continue;
     std::string advice = row.advice;
-    for (std::size_t at; (at = advice.find("{}")) != std::string::npos;) {
-      advice.replace(at, 2, WordAt(failure.text, row.text));
+    const std::string word = row.text.empty() ? "" : WordAt(failure.text, row.text);
+    for (std::size_t at = 0; (at = advice.find("{}", at)) != std::string::npos; at += word.size()) {
+      advice.replace(at, 2, word);
     }
     return advice;
   }
