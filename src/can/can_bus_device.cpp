@@ -38,7 +38,7 @@ void Guarded(const char* where, Action&& action) {
   } catch (const std::exception& error) {
     what = error.what();
   } catch (...) {
-    // has no text to tell
+    // has no text
   }
   LogError(Compose("[ERROR][CanBusDeviceBase][", where, "] ", what));
 }
@@ -157,10 +157,8 @@ int CanBusDeviceBase::SendRequestWithoutReply(const CanfdFrame& frame) {
   return Transmit(frame);
 }
 
-/// Sends one frame of the hand, counts a failure and shows the frame to the tap.
-int CanBusDeviceBase::Transmit(const CanfdFrame& frame) {
-  CanfdFrame outgoing = frame;
-  const int result = SendFrame(outgoing.can_id, outgoing.data, outgoing.len);
+int CanBusDeviceBase::Transmit(CanfdFrame frame) {
+  const int result = SendFrame(frame.can_id, frame.data, frame.len);
   if (result == -1) {
     ++counters_.send_failures;
   } else {
@@ -170,8 +168,7 @@ int CanBusDeviceBase::Transmit(const CanfdFrame& frame) {
 }
 
 LinkError CanBusDeviceBase::SendError(const std::string& text) {
-  const int system_error = SystemError();
-  return {IsInit() ? FailureKind::SEND_FAILED : FailureKind::NO_LINK, text, system_error};
+  return {IsInit() ? FailureKind::SEND_FAILED : FailureKind::NO_LINK, text, system_error_};
 }
 
 CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {

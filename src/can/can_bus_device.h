@@ -18,24 +18,12 @@
 #include <vector>
 
 #include "can/can_frame.h"
+#include "can/dispatch_rules.h"
 #include "util/diagnostics.h"
 #include "util/frame_tap.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
-
-/// How an adapter's receive dispatch differs from the others. See CanBusDeviceBase::Dispatch.
-struct DispatchRules {
-  /// Every frame goes to `process_msg_`, before it is matched; otherwise unmatched ones only.
-  bool process_every_frame = false;
-  /// A matched identifier leaves the pending set at once and the walk goes on to its end;
-  /// otherwise the walk stops at the first match, which stays for the requester to erase.
-  bool consume_every_match = false;
-  /// An unmatched frame is told on the standard error stream.
-  bool log_unmatched = false;
-  /// The frame log has neither timestamp nor end of line.
-  bool bare_log = false;
-};
 
 /// Blocking requests over an adapter that can only send and receive single frames.
 ///
@@ -74,7 +62,8 @@ class CanBusDeviceBase {
   virtual int CloseDevice() = 0;
   /// The body of the receive thread.
   virtual void RecvFrame() = 0;
-  /// Sends one frame. -1 on failure, and for more than 64 bytes.
+  /// Sends one frame. -1 on failure, and for more than 64 bytes. `data` holds 64 bytes whatever
+  /// `len` is: an adapter that knows only the lengths of CAN FD sends the next one.
   virtual int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) = 0;
   virtual void SetFrameSendTimeout(int /*ms*/) {}
   virtual int GetFrameSendTimeout() const { return 0; }
@@ -107,7 +96,7 @@ class CanBusDeviceBase {
   };
   GatheredFrames RequestFrames(const CanfdFrame& frame, std::uint8_t expected_frames);
 
-  /// How a frame that couldn't be sent failed. For the thread that sent it, right after that.
+  /// How the last frame that couldn't be sent failed.
   LinkError SendError(const std::string& text);
 
   /// Waits until `request_interval_ms_` has passed since the last request, and marks a new one.
@@ -158,12 +147,16 @@ class CanBusDeviceBase {
 
   LinkCounters counters_;
   FrameTap tap_;
+  /// errno of what failed last, opening or sending, where the system gave one.
+  std::atomic<int> system_error_{0};
+  /// The line that says why the device couldn't be opened; empty if it could. Set by OpenDevice.
+  std::string open_failure_;
 
   /// Keeps the frame logs of all adapters in the process from interleaving.
   static std::mutex s_data_details_log_mutex_;
 
  protected:
-  /// Starts `thread` on RecvFrame. False if the system has no thread to give, which is told.
+  /// Starts `thread` on RecvFrame. False, after a line, if the system has no thread to give.
   bool StartReceiveThread(std::unique_ptr<std::thread>& thread);
 
   /// Ends RecvFrame, joins and frees its thread. Every adapter's destructor begins with it, while
@@ -172,9 +165,6 @@ class CanBusDeviceBase {
 
   /// "[time]<tag>[CANID:..][DATA:..]" on the standard output stream, if the frame log is on.
   void LogFrame(const char* tag, const CanfdFrame& frame) const;
-
-  /// errno of a SendFrame that has just failed on this thread, where the system gave one.
-  virtual int SystemError() const { return 0; }
 
   /// "RCV: [CANID:..][DATA:..]" and nothing else.
   void LogBareFrame(const CanfdFrame& frame) const;
@@ -189,7 +179,8 @@ class CanBusDeviceBase {
   std::optional<CanfdFrame> TakeSingleFrame(std::uint32_t key);
   std::optional<CanfdFrame> TakeMultiFrame(std::uint32_t key, std::uint8_t index);
 
-  int Transmit(const CanfdFrame& frame);
+  /// The way of every frame of the request engine to the adapter. What SendFrame returned.
+  int Transmit(CanfdFrame frame);
   void GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames, GatheredFrames& result);
   std::uint8_t AwaitFirstFrame(const CanfdFrame& frame, std::uint32_t key,
                                std::uint8_t expected_frames, GatheredFrames& result);
