@@ -340,7 +340,7 @@ std::string CanBusDeviceBase::DescribeMissingFrame(std::uint32_t request_id, std
   return text;
 }
 
-void CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& rules) {
+bool CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& rules) {
   if (rules.bare_log) {
     LogBareFrame(frame);
   } else {
@@ -351,6 +351,12 @@ void CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& ru
   bool matched = true;
   Guarded("RecvFrame", [&] { matched = StoreReply(frame, rules); });
   if (!matched && !rules.process_every_frame) HandOver(frame);
+  return matched;
+}
+
+void CanBusDeviceBase::LogUnmatched(const CanfdFrame& frame) {
+  LogError(Compose("[CAN] recv can_id=0x", Hex(frame.can_id & kCanIdMask),
+                   " did not match any request"));
 }
 
 /// True if a pending request took the frame.
@@ -377,9 +383,7 @@ bool CanBusDeviceBase::StoreReply(const CanfdFrame& frame, const DispatchRules& 
     id = pending_req_ids_.erase(id);
   }
   if (!matched) ++counters_.unmatched_frames;
-  if (!matched && rules.log_unmatched) {
-    LogError(Compose("[CAN] recv can_id=0x", Hex(frame_id), " did not match any request"));
-  }
+  if (!matched && rules.log_unmatched) LogUnmatched(frame);
   return matched;
 }
 
@@ -406,6 +410,7 @@ bool CanBusDeviceBase::StartReceiveThread(std::unique_ptr<std::thread>& thread) 
 
 void CanBusDeviceBase::StopReceiveThread(std::unique_ptr<std::thread>& thread) {
   stop_flag_ = true;
+  WakeReceiver();
   if (thread && thread->joinable()) thread->join();
   thread.reset();
 }

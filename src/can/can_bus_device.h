@@ -19,8 +19,7 @@
 
 #include "can/can_frame.h"
 #include "can/dispatch_rules.h"
-#include "util/diagnostics.h"
-#include "util/frame_tap.h"
+#include "util/observable_link.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
@@ -35,7 +34,7 @@ namespace talvera::korvane {
 /// four tables and the three callbacks; it is held while a frame is sent, so that a fast reply
 /// can't be looked at before its request is recorded. Lock order: an item's mutex,
 /// `serialized_queue_mutex_`, `request_mutex_`, the log mutex.
-class CanBusDeviceBase {
+class CanBusDeviceBase : public ObservableLink {
  public:
   using ProcessMessage = std::function<void(const CanfdFrame&)>;
   using MatchJudge = std::function<bool(std::uint32_t request_id, std::uint32_t frame_id)>;
@@ -115,8 +114,12 @@ class CanBusDeviceBase {
   void SetSerializedRequestQueue(bool enabled);
 
   /// Takes one received frame: stores it for the request that it answers, or hands it to
-  /// `process_msg_`. Called on the receive thread. Nothing that a callback throws gets out.
-  void Dispatch(const CanfdFrame& frame, const DispatchRules& rules);
+  /// `process_msg_`. Called on the receive thread. Nothing that a callback throws gets out. True if
+  /// it answered a request.
+  bool Dispatch(const CanfdFrame& frame, const DispatchRules& rules);
+
+  /// Logs that nobody waited for a frame.
+  static void LogUnmatched(const CanfdFrame& frame);
 
   std::atomic<bool> stop_flag_{false};
   ProcessMessage process_msg_;
@@ -145,8 +148,6 @@ class CanBusDeviceBase {
   std::condition_variable serialized_queue_cv_;
   std::atomic<std::uint64_t> serialized_sequence_{0};
 
-  LinkCounters counters_;
-  FrameTap tap_;
   /// errno of what failed last, opening or sending, where the system gave one.
   std::atomic<int> system_error_{0};
   /// The line that says why the device couldn't be opened; empty if it could. Set by OpenDevice.

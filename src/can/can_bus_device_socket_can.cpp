@@ -4,11 +4,14 @@
 #include <linux/can.h>
 #include <linux/can/raw.h>
 #include <net/if.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "util/log.h"
@@ -29,9 +32,12 @@ CanfdFrame ToCanfdFrame(const canfd_frame& raw, std::size_t bytes_read) {
 }  // namespace
 
 CanBusDeviceSocketCan::CanBusDeviceSocketCan(const std::string& interface_name)
-    : interface_name_(interface_name) {
+    : interface_name_(interface_name), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  wake_receiver_ = [this] { eventfd_write(wake_.Get(), 1); };
   if (CanBusDeviceSocketCan::OpenDevice() == -1) {
-    LogError("[ERROR]: Failed to open SocketCAN device: " + interface_name_);
+    const std::string line = "[ERROR]: Failed to open SocketCAN device: " + interface_name_;
+    LogError(line);
+    if (open_failure_.empty()) open_failure_ = line;
     return;
   }
   LogInfo("[INFO]: SocketCAN device " + interface_name_ + " opened successfully.");
@@ -47,13 +53,12 @@ int CanBusDeviceSocketCan::OpenDevice() {
   if (open_) return 0;
   socket_fd_ = socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
   if (socket_fd_ < 0) {
-    LogError("[ERROR]: Failed to create CAN socket");
-    return -1;
+    return OpenFailed("[ERROR]: Failed to create CAN socket");
   }
   fcntl(socket_fd_, F_SETFL, fcntl(socket_fd_, F_GETFL, 0) | O_NONBLOCK);
   const int index = FindInterface();
   if (index < 0) {
-    LogError("[ERROR]: Failed to get interface index for " + interface_name_);
+    OpenFailed("[ERROR]: Failed to get interface index for " + interface_name_);
     return AbandonSocket();
   }
   const int enabled = 1;
@@ -65,10 +70,20 @@ int CanBusDeviceSocketCan::OpenDevice() {
   address.can_family = AF_CAN;
   address.can_ifindex = index;
   const int bound = bind(socket_fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  if (bound < 0) return AbandonSocket();
+  if (bound < 0) {
+    system_error_ = errno;
+    return AbandonSocket();
+  }
   // Last, as from here on other threads send and receive through the socket.
   open_ = true;
   return bound;
+}
+
+int CanBusDeviceSocketCan::OpenFailed(const std::string& line) {
+  system_error_ = errno;
+  open_failure_ = line;
+  LogError(line);
+  return -1;
 }
 
 int CanBusDeviceSocketCan::FindInterface() const {
@@ -95,17 +110,42 @@ int CanBusDeviceSocketCan::SendFrame(std::uint32_t id, std::uint8_t* data, std::
   frame.can_id = id > kMaxStandardId ? id | CAN_EFF_FLAG : id;
   frame.len = len;
   std::copy_n(data, len, frame.data);
-  return write(socket_fd_, &frame, sizeof frame) < 1 ? -1 : 0;
+  if (write(socket_fd_, &frame, sizeof frame) >= 1) return 0;
+  NoteError(errno);
+  return -1;
 }
 
 void CanBusDeviceSocketCan::RecvFrame() {
-  // The socket never blocks and the loop never sleeps: that costs a core for each hand and keeps
-  // the time from the wire to the waiting request at its least.
+  // The socket never blocks. Unless the application asked for events the loop never sleeps: that
+  // costs a core for each hand and keeps the time from the wire to the waiting request at its
+  // least.
   while (!stop_flag_) {
+    if (by_events_) AwaitFrame();
     canfd_frame raw{};
     const ssize_t bytes = open_ ? read(socket_fd_, &raw, sizeof raw) : -1;
+    if (bytes < 0 && open_ && errno != EAGAIN) NoteError(errno);
     if (bytes > 0) Dispatch(ToCanfdFrame(raw, static_cast<std::size_t>(bytes)), kSocketCanDispatch);
   }
+}
+
+void CanBusDeviceSocketCan::AwaitFrame() const {
+  // The time-out is for a socket that is closed meanwhile.
+  constexpr int kMostMs = 50;
+  pollfd watched[] = {{open_ ? socket_fd_ : -1, POLLIN, 0}, {wake_.Get(), POLLIN, 0}};
+  poll(watched, std::size(watched), kMostMs);
+  eventfd_t count = 0;
+  if (watched[1].revents != 0) eventfd_read(wake_.Get(), &count);
+}
+
+/// An interface that was unregistered takes its sockets with it for good; one that is down may come
+/// back.
+void CanBusDeviceSocketCan::NoteError(int system_error) {
+  system_error_ = system_error;
+  if (system_error == ENODEV || system_error == ENXIO) counters_.link_lost = true;
+}
+
+CanBusDeviceSocketCan::Descriptor::~Descriptor() {
+  if (fd_ >= 0) close(fd_);
 }
 
 }  // namespace talvera::korvane

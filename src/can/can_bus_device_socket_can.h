@@ -26,13 +26,34 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   int socket_fd_ = -1;
 
  private:
+  /// A file descriptor, closed with the object that holds it.
+  class Descriptor {
+   public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor();
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int Get() const { return fd_; }
+
+   private:
+    int fd_;
+  };
+
   int FindInterface() const;
+  /// Logs why the socket can't be had, and keeps it for those who ask later. Returns -1.
+  int OpenFailed(const std::string& line);
+  /// Sleeps until the socket has a frame or an error, or the receive thread is woken.
+  void AwaitFrame() const;
+  void NoteError(int system_error);
   /// Closes a socket that can't be used. Returns -1.
   int AbandonSocket();
 
   /// The socket is ready, and ours. The descriptor keeps its value when it is closed, and the
   /// number may then belong to another file of the process.
   std::atomic<bool> open_{false};
+
+  /// Readable when the receive thread is to look around.
+  Descriptor wake_;
 };
 
 }  // namespace talvera::korvane

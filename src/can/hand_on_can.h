@@ -16,7 +16,7 @@ namespace talvera::korvane {
 template <class Model, class Row, class Engine>
 class HandOnCan : public Model,
                   public CanLinkOwner,
-                  public DiagnosedHand,
+                  public ObservableHand,
                   public Engine::UpdateState {
  public:
   using RowType = Row;
@@ -59,9 +59,7 @@ class HandOnCan : public Model,
 
   CanLink& Link() override { return engine_; }
   const HandDiagnostics& Diagnostics() const override { return engine_.diagnostics; }
-  const LinkCounters* Counters() const override {
-    return engine_.transport ? &engine_.transport->counters_ : nullptr;
-  }
+  ObservableLink* Observable() const override { return engine_.transport.get(); }
 
  protected:
   Engine engine_;

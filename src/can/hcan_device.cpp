@@ -142,6 +142,7 @@ HcanDevice::~HcanDevice() {
 void HcanDevice::OpenAndReceive() {
   if (product_type_ == kBroadcastProduct) return;
   if (HcanDevice::OpenDevice() == -1) return;
+  TakeSeat("hcan");
   if (!StartReceiveThread(recv_thread_)) return;
   LogInfo(Compose("[HCAN] Receive thread started for device ", adapter_index_, " channel ",
                   channel_id_));

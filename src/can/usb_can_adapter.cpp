@@ -19,19 +19,40 @@ void UsbCanAdapter::SetFrameSendTimeout(int ms) {
   send_timeout_ms_ = std::clamp(ms, 0, kMaxSendTimeoutMs);
 }
 
+void UsbCanAdapter::TakeSeat(const char* library) {
+  const auto channel =
+      UsbCanChannel::Named(Compose(library, ' ', adapter_index_, ' ', channel_id_));
+  wake_receiver_ = [channel] { channel->Wake(); };
+  seat_.emplace(channel);
+}
+
 void UsbCanAdapter::ReceiveFrames(const Reception& reception, const DispatchRules& rules) {
   std::array<std::uint8_t, kReceiveCapacity * kFrameRecordSize> records;
-  while (!stop_flag_) {
+  const auto read = [&] {
+    std::vector<CanfdFrame> frames;
     records.fill(0);
     const std::int64_t count = reception.read(records.data(), kReceiveCapacity, kReceiveWaitMs);
     if (count <= 0 || count > kReceiveCapacity) {
       std::this_thread::sleep_for(kIdleSleep);
-      continue;
+      return frames;
     }
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-      Dispatch(reception.to_frame(&records[i * kFrameRecordSize]), rules);
+      frames.push_back(reception.to_frame(&records[i * kFrameRecordSize]));
     }
+    return frames;
+  };
+  while (!stop_flag_) {
+    for (const auto& frame : seat_->Next(read)) DispatchShared(*frame, rules);
   }
+}
+
+/// A frame that another object took isn't a stray one: whether it is shows when all have seen it.
+void UsbCanAdapter::DispatchShared(SharedFrame& shared, DispatchRules rules) {
+  if (!shared.for_one && rules.log_unmatched) {
+    rules.log_unmatched = false;
+    shared.if_unmatched = &LogUnmatched;
+  }
+  if (Dispatch(shared.frame, rules)) shared.matched = true;
 }
 
 void TrimTrailingSpaces(std::string& text) { text.erase(text.find_last_not_of(' ') + 1); }

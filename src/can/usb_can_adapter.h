@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "can/can_bus_device.h"
+#include "can/usb_can_channel.h"
 
 namespace talvera::korvane {
 
@@ -46,12 +48,21 @@ class UsbCanAdapter : public CanBusDeviceBase {
   /// device on which somebody else's hand is.
   bool HoldsChannel() const { return times_opened_ > 0; }
 
+  /// Has this object hear what any object of the process reads on its channel. `library` names the
+  /// adapter's library. Before the receive thread starts, so that no reply is missed.
+  void TakeSeat(const char* library);
+
   /// Dispatches what comes in, until the object is destroyed.
   void ReceiveFrames(const Reception& reception, const DispatchRules& rules);
 
   /// How often OpenDevice succeeded with no CloseDevice since: this object's part in the count of
   /// the device. Changes under the adapter's `device_mutex_`.
   std::atomic<int> times_opened_{0};
+
+ private:
+  void DispatchShared(SharedFrame& shared, DispatchRules rules);
+
+  std::optional<UsbCanChannel::Seat> seat_;
 };
 
 void TrimTrailingSpaces(std::string& text);

@@ -171,7 +171,9 @@ ZlgUsbcanfdDevice::~ZlgUsbcanfdDevice() {
 }
 
 void ZlgUsbcanfdDevice::OpenAndReceive() {
-  if (Open() != -1) StartReceiveThread(recv_thread_);
+  if (Open() == -1) return;
+  TakeSeat("zlg");
+  StartReceiveThread(recv_thread_);
 }
 
 bool ZlgUsbcanfdDevice::TakeFromCache() {

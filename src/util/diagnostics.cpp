@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "korvane.h"
+#include "util/observable_link.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
@@ -109,13 +110,18 @@ void Fail(const HandDiagnostics& hand, FailureKind kind, const std::string& text
   if (OperationRecord* const record = hand.Record()) record->Fail(kind, text, system_error, thrown);
 }
 
-const DiagnosedHand* Diagnosed(const Korvane& hand) {
-  return dynamic_cast<const DiagnosedHand*>(&hand);
+const ObservableHand* Observable(const Korvane& hand) {
+  return dynamic_cast<const ObservableHand*>(&hand);
+}
+
+ObservableLink* LinkOf(const Korvane& hand) {
+  const ObservableHand* const observable = Observable(hand);
+  return observable != nullptr ? observable->Observable() : nullptr;
 }
 
 OperationRecord* RecordOf(const Korvane& hand) {
-  const DiagnosedHand* const diagnosed = Diagnosed(hand);
-  return diagnosed != nullptr ? diagnosed->Diagnostics().Record() : nullptr;
+  const ObservableHand* const observable = Observable(hand);
+  return observable != nullptr ? observable->Diagnostics().Record() : nullptr;
 }
 
 }  // namespace
@@ -166,8 +172,8 @@ void RecordNotSupported(const Korvane& hand, const char* operation) {
 }
 
 void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text) {
-  if (const auto* const diagnosed = Diagnosed(hand)) {
-    RecordFailure(diagnosed->Diagnostics(), kind, text);
+  if (const auto* const observable = Observable(hand)) {
+    RecordFailure(observable->Diagnostics(), kind, text);
   }
 }
 
@@ -189,19 +195,31 @@ Failure LastFailure(const Korvane& hand) {
 
 LinkStatistics StatisticsOf(const Korvane& hand) {
   LinkStatistics statistics;
-  const DiagnosedHand* const diagnosed = Diagnosed(hand);
-  const LinkCounters* const counters = diagnosed != nullptr ? diagnosed->Counters() : nullptr;
-  if (counters == nullptr) return statistics;
-  statistics.requests = counters->requests;
-  statistics.replies = counters->replies;
-  statistics.send_failures = counters->send_failures;
-  statistics.timeouts = counters->timeouts;
-  statistics.bad_replies = diagnosed->Diagnostics().BadReplies();
-  statistics.unmatched_frames = counters->unmatched_frames;
-  statistics.last_reply = std::chrono::steady_clock::time_point(counters->last_reply.load());
-  statistics.link_lost = counters->link_lost;
+  const ObservableLink* const link = LinkOf(hand);
+  if (link == nullptr) return statistics;
+  const LinkCounters& counters = link->counters_;
+  statistics.requests = counters.requests;
+  statistics.replies = counters.replies;
+  statistics.send_failures = counters.send_failures;
+  statistics.timeouts = counters.timeouts;
+  statistics.bad_replies = Observable(hand)->Diagnostics().BadReplies();
+  statistics.unmatched_frames = counters.unmatched_frames;
+  statistics.last_reply = std::chrono::steady_clock::time_point(counters.last_reply.load());
+  statistics.link_lost = counters.link_lost;
   return statistics;
 }
+
+void ObserveFrames(Korvane& hand, std::function<void(const FrameEvent&)> tap) {
+  ObservableLink* const link = LinkOf(hand);
+  if (link != nullptr) link->tap_.Set(std::move(tap));
+}
+
+void SetReceiving(Korvane& hand, Receiving how) {
+  ObservableLink* const link = LinkOf(hand);
+  if (link != nullptr) link->SetReceiving(how);
+}
+
+void SetDefaultReceiving(Receiving how) { DefaultReceiving() = how; }
 
 const char* ToString(FailureKind kind) {
   static constexpr const char* kNames[] = {"NONE",      "BAD_ARGUMENT", "NOT_SUPPORTED",

@@ -98,15 +98,4 @@ void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
 /// Records an operation that a hand doesn't have. Called by the defaults, which do nothing else.
 void RecordNotSupported(const Korvane& hand, const char* operation);
 
-/// By which the functions of korvane_diagnostics.h find what a hand records, whatever its class.
-class DiagnosedHand {
- public:
-  virtual const HandDiagnostics& Diagnostics() const = 0;
-  /// Null for a hand without a link.
-  virtual const LinkCounters* Counters() const = 0;
-
- protected:
-  ~DiagnosedHand() = default;
-};
-
 }  // namespace talvera::korvane
