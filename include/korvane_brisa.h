@@ -115,10 +115,17 @@ class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
   /// RS-485. The port is opened at once; like the factories over CAN FD this never fails on a
   /// missing device.
   ///
+  /// The port belongs to one hand object, also among programs; a second one isn't connected, and a
+  /// line says why.
+  ///
+  /// UpdateFirmware may throw over this link: what the serial library throws when the cable goes in
+  /// the middle of a packet, a serial::SerialException, reaches the caller; catch it as a
+  /// std::exception. The update has then failed, and nothing more is reported.
+  ///
   /// Requests and replies aren't matched on this link: a request is answered by any frame, and a
   /// read takes the last reply of its kind that nobody has read. So one thread may call, also after
-  /// EnableConcurrentCalls, which has no effect, and nobody else may use the port: of two readers
-  /// each gets a part of the bytes, and both miss replies.
+  /// EnableConcurrentCalls, which has no effect, and no program without this library may use the
+  /// port: of two readers each gets a part of the bytes, and both miss replies.
   ///
   /// The first bytes that look like the head of a frame decide for the life of the object which
   /// hand's id it accepts. Noise on the line, such as when a cable is plugged in, can be such a
