@@ -85,7 +85,7 @@ namespace talvera::korvane {
 ///     GetAllTactileSensorData (7)                               empty        yes, 3 times
 ///     GetTactileSensorDataRaw                      no data      no data      -
 ///     GetAllTactileSensorDataRaw                                empty        -
-///     GetVendorInfo                                             empty        yes, twice
+///     GetVendorInfo (9)                                         empty        yes, twice
 ///     GetDeviceInfo (8)                                         zeros        yes, or -
 ///     SetDeviceId (8)                                           none         no
 ///
@@ -104,6 +104,8 @@ namespace talvera::korvane {
 /// 8. The id is the one whose frames the port accepts: that of the first frame that came in, for
 ///    the life of the object. GetDeviceInfo asks only while there was none, and returns that id
 ///    also when the hand has gone. After SetDeviceId make a new object.
+/// 9. An answer that nobody has read counts too, such as the one that GetDeviceInfo waited for: a
+///    second call shows whether the hand is still there.
 ///
 /// Serial reads that fail write their line to the standard output stream.
 class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
