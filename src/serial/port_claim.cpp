@@ -49,8 +49,8 @@ void CheckSpeed(int descriptor, unsigned baud) {
   serial_struct settings{};
   Check(ioctl(descriptor, TIOCGSERIAL, &settings));
   settings.custom_divisor = settings.baud_base / static_cast<int>(baud);
-  settings.flags &= ~ASYNC_SPD_MASK;
-  settings.flags |= ASYNC_SPD_CUST;
+  settings.flags &= ~static_cast<int>(ASYNC_SPD_MASK);
+  settings.flags |= static_cast<int>(ASYNC_SPD_CUST);
   Check(ioctl(descriptor, TIOCSSERIAL, &settings));
 }
 
