@@ -41,6 +41,9 @@ class KORVANE_EXPORT CanFactories {
   /// polls without a pause, which takes one core for each hand.
   static std::unique_ptr<Hand> createHandSocketCan(HandType hand, std::uint8_t device_id,
                                                    const std::string& interface_name = "can0");
+
+ protected:
+  ~CanFactories() = default;
 };
 
 /// Queries that need no hand object, as static operations of the model class `Hand`. Each asks
@@ -60,6 +63,31 @@ class KORVANE_EXPORT CanBroadcasts {
 
   /// On a SocketCAN interface.
   static DeviceInfo GetDeviceInfoFromBroadcastSocketCan(const std::string& interface_name);
+
+ protected:
+  ~CanBroadcasts() = default;
 };
+
+class KORVANE_EXPORT KorvaneBrisa;
+class KORVANE_EXPORT KorvaneTessel;
+class KORVANE_EXPORT KorvaneQuill;
+class KORVANE_EXPORT KorvaneLumen;
+class KORVANE_EXPORT KorvaneVanta;
+class KORVANE_EXPORT PrivateKorvaneBrisa;
+class KORVANE_EXPORT PrivateKorvaneLumen;
+
+// These are in the library, and there are no others.
+extern template class CanFactories<KorvaneBrisa>;
+extern template class CanFactories<KorvaneTessel>;
+extern template class CanFactories<KorvaneQuill>;
+extern template class CanFactories<KorvaneLumen>;
+extern template class CanFactories<KorvaneVanta>;
+extern template class CanFactories<PrivateKorvaneBrisa>;
+extern template class CanFactories<PrivateKorvaneLumen>;
+
+extern template class CanBroadcasts<KorvaneBrisa>;
+extern template class CanBroadcasts<KorvaneTessel>;
+extern template class CanBroadcasts<KorvaneLumen>;
+extern template class CanBroadcasts<KorvaneVanta>;
 
 }  // namespace talvera::korvane

@@ -38,7 +38,7 @@ void Guarded(const char* where, Action&& action) {
   } catch (const std::exception& error) {
     what = error.what();
   } catch (...) {
-    // has no text to tell
+    // has no text
   }
   LogError(Compose("[ERROR][CanBusDeviceBase][", where, "] ", what));
 }
@@ -63,8 +63,7 @@ class CanBusDeviceBase::Exchange {
     std::unique_lock lock(device_.request_mutex_);
     device_.drain_cv_.wait(
         lock, [this] { return device_.pending_req_ids_.empty() && !device_.exchange_running_; });
-    CanfdFrame outgoing = frame;
-    if (device_.SendFrame(outgoing.can_id, outgoing.data, outgoing.len) == -1) {
+    if (device_.Transmit(frame) == -1) {
       throw std::runtime_error(FormatFrame(frame) + " request send failed");
     }
     device_.pending_req_ids_.insert(id_);
@@ -154,8 +153,7 @@ void CanBusDeviceBase::EnforceRequestInterval() {
 
 int CanBusDeviceBase::SendRequestWithoutReply(const CanfdFrame& frame) {
   EnforceRequestInterval();
-  CanfdFrame outgoing = frame;
-  return SendFrame(outgoing.can_id, outgoing.data, outgoing.len);
+  return Transmit(frame);
 }
 
 CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {

@@ -18,22 +18,10 @@
 #include <vector>
 
 #include "can/can_frame.h"
+#include "can/dispatch_rules.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
-
-/// How an adapter's receive dispatch differs from the others. See CanBusDeviceBase::Dispatch.
-struct DispatchRules {
-  /// Every frame goes to `process_msg_`, before it is matched; otherwise unmatched ones only.
-  bool process_every_frame = false;
-  /// A matched identifier leaves the pending set at once and the walk goes on to its end;
-  /// otherwise the walk stops at the first match, which stays for the requester to erase.
-  bool consume_every_match = false;
-  /// An unmatched frame is told on the standard error stream.
-  bool log_unmatched = false;
-  /// The frame log has neither timestamp nor end of line.
-  bool bare_log = false;
-};
 
 /// Blocking requests over an adapter that can only send and receive single frames.
 ///
@@ -72,7 +60,8 @@ class CanBusDeviceBase {
   virtual int CloseDevice() = 0;
   /// The body of the receive thread.
   virtual void RecvFrame() = 0;
-  /// Sends one frame. -1 on failure, and for more than 64 bytes.
+  /// Sends one frame. -1 on failure, and for more than 64 bytes. `data` holds 64 bytes whatever
+  /// `len` is: an adapter that knows only the lengths of CAN FD sends the next one.
   virtual int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) = 0;
   virtual void SetFrameSendTimeout(int /*ms*/) {}
   virtual int GetFrameSendTimeout() const { return 0; }
@@ -148,7 +137,7 @@ class CanBusDeviceBase {
   static std::mutex s_data_details_log_mutex_;
 
  protected:
-  /// Starts `thread` on RecvFrame. False if the system has no thread to give, which is told.
+  /// Starts `thread` on RecvFrame. False, after a line, if the system has no thread to give.
   bool StartReceiveThread(std::unique_ptr<std::thread>& thread);
 
   /// Ends RecvFrame, joins and frees its thread. Every adapter's destructor begins with it, while
@@ -165,6 +154,9 @@ class CanBusDeviceBase {
   class Exchange;
   class ReplyTimer;
   struct ExchangeResult;
+
+  /// The way of every frame of the request engine to the adapter. What SendFrame returned.
+  int Transmit(CanfdFrame frame) { return SendFrame(frame.can_id, frame.data, frame.len); }
 
   std::uint32_t ReplyKey(std::uint32_t request_id);
   std::optional<CanfdFrame> TakeReply(std::uint32_t key);

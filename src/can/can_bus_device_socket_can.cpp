@@ -16,10 +16,6 @@
 namespace talvera::korvane {
 namespace {
 
-// Every frame of the interface arrives; the match judge sorts them out. The log of this adapter
-// has always been the bare form, and tools that read it expect that.
-constexpr DispatchRules kRules{false, false, false, true};
-
 CanfdFrame ToCanfdFrame(const canfd_frame& raw, std::size_t bytes_read) {
   const std::size_t available = bytes_read - std::min(bytes_read, offsetof(canfd_frame, data));
   CanfdFrame frame;
@@ -54,7 +50,6 @@ int CanBusDeviceSocketCan::OpenDevice() {
     LogError("[ERROR]: Failed to create CAN socket");
     return -1;
   }
-  open_ = true;
   fcntl(socket_fd_, F_SETFL, fcntl(socket_fd_, F_GETFL, 0) | O_NONBLOCK);
   const int index = FindInterface();
   if (index < 0) {
@@ -62,14 +57,18 @@ int CanBusDeviceSocketCan::OpenDevice() {
     return AbandonSocket();
   }
   const int enabled = 1;
-  // A kernel without CAN FD still carries frames of up to 8 bytes.
+  // A kernel without CAN FD still carries frames of up to 8 bytes. There is no filter: the match
+  // judge sorts out which frame answers which request.
   static_cast<void>(
       setsockopt(socket_fd_, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, sizeof enabled));
   sockaddr_can address{};
   address.can_family = AF_CAN;
   address.can_ifindex = index;
   const int bound = bind(socket_fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  return bound < 0 ? AbandonSocket() : bound;
+  if (bound < 0) return AbandonSocket();
+  // Last, as from here on other threads send and receive through the socket.
+  open_ = true;
+  return bound;
 }
 
 int CanBusDeviceSocketCan::FindInterface() const {
@@ -79,7 +78,8 @@ int CanBusDeviceSocketCan::FindInterface() const {
 }
 
 int CanBusDeviceSocketCan::AbandonSocket() {
-  CanBusDeviceSocketCan::CloseDevice();
+  open_ = false;
+  close(socket_fd_);
   socket_fd_ = -1;
   return -1;
 }
@@ -104,7 +104,7 @@ void CanBusDeviceSocketCan::RecvFrame() {
   while (!stop_flag_) {
     canfd_frame raw{};
     const ssize_t bytes = open_ ? read(socket_fd_, &raw, sizeof raw) : -1;
-    if (bytes > 0) Dispatch(ToCanfdFrame(raw, static_cast<std::size_t>(bytes)), kRules);
+    if (bytes > 0) Dispatch(ToCanfdFrame(raw, static_cast<std::size_t>(bytes)), kSocketCanDispatch);
   }
 }
 

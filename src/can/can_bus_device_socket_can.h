@@ -11,8 +11,8 @@ namespace talvera::korvane {
 /// interface open two.
 class CanBusDeviceSocketCan : public CanBusDeviceBase {
  public:
-  /// Opens `interface_name`, of which at most 15 characters count. A failure is told on the
-  /// standard error stream and leaves IsInit() false.
+  /// Opens `interface_name`, of which at most 15 characters count. A failure is logged on
+  /// the standard error stream and leaves IsInit() false.
   explicit CanBusDeviceSocketCan(const std::string& interface_name);
   ~CanBusDeviceSocketCan() override;
 
@@ -27,10 +27,11 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
 
  private:
   int FindInterface() const;
+  /// Closes a socket that can't be used. Returns -1.
   int AbandonSocket();
 
-  /// The descriptor keeps its value when it is closed, and the number may then belong to another
-  /// file of the process: this flag says whether it is still ours.
+  /// The socket is ready, and ours. The descriptor keeps its value when it is closed, and the
+  /// number may then belong to another file of the process.
   std::atomic<bool> open_{false};
 };
 

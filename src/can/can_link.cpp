@@ -25,6 +25,12 @@ std::unique_ptr<CanBusDeviceBase> MakeAdapterAt(ECanDeviceType type, const Where
 
 }  // namespace
 
+void CanLink::Close() {
+  // reset() would clear the pointer first.
+  delete transport.get();
+  static_cast<void>(transport.release());
+}
+
 CanBusDeviceBase& CanLink::Transport() const {
   if (!transport) throw std::runtime_error("no transport");
   return *transport;

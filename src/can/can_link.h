@@ -9,8 +9,8 @@
 
 namespace talvera::korvane {
 
-/// A hand's hold on its transport, which may be missing: then requests fail with "no transport",
-/// settings do nothing and read as 0.
+/// The connection of a hand to its transport. Without a transport requests fail with "no
+/// transport", settings do nothing and read as 0.
 class CanLink {
  public:
   explicit CanLink(std::unique_ptr<CanBusDeviceBase> device) : transport(std::move(device)) {}
@@ -37,11 +37,17 @@ class CanLink {
 
   std::unique_ptr<CanBusDeviceBase> transport;
 
+ protected:
+  /// Destroys the transport, which joins the receive thread. What stands on a link and hears of
+  /// frames calls it first of all in its destructor. Until the thread has ended the pointer stays
+  /// as it is, since a frame that comes late may make that thread send.
+  void Close();
+
  private:
   CanBusDeviceBase& Transport() const;
 };
 
-/// By which EnableConcurrentCalls finds the transport of a hand, whatever its model.
+/// What every hand on CAN is too: gives its link, whatever its model.
 class CanLinkOwner {
  public:
   virtual CanLink& Link() = 0;

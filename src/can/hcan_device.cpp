@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <thread>
 
 #include "can/canbus_library.h"
 #include "util/bytes.h"
@@ -19,19 +18,12 @@ constexpr int kRefusedClockHz = 36'000'000;
 /// A send time-out of 0 stands for it.
 constexpr int kDefaultSendTimeoutMs = 100;
 
-constexpr DispatchRules kRules{true, true, false, false};
-
 // The frame record.
-constexpr std::size_t kFrameSize = 80;
 constexpr std::size_t kFrameFlags = 8;
 constexpr std::size_t kFrameDlc = 9;
 constexpr std::size_t kFrameKind = 10;
 constexpr std::size_t kFrameData = 16;
 constexpr std::uint32_t kExtendedFrame = 0x80000000U;
-
-constexpr int kReceiveCapacity = 256;
-constexpr int kReceiveWaitMs = 50;
-constexpr auto kIdleSleep = std::chrono::microseconds(100);
 
 /// What CAN_ReadDevInfo fills. The one place to correct when a device disagrees.
 struct DeviceInfoRecord {
@@ -67,12 +59,6 @@ std::array<std::uint8_t, 20> InitialisationRecord(std::uint8_t product_type) {
   return record;
 }
 
-std::string FieldText(const char* bytes, std::size_t size) {
-  std::string text(bytes, std::find(bytes, bytes + size, '\0'));
-  TrimTrailingSpaces(text);
-  return text;
-}
-
 std::optional<HcanDeviceInfo> ReadDeviceInfo(int index) {
   DeviceInfoRecord record{};
   if (CanBus().read_dev_info(index, &record) < 0) return std::nullopt;
@@ -81,8 +67,6 @@ std::optional<HcanDeviceInfo> ReadDeviceInfo(int index) {
   info.serial_number = FieldText(record.serial_number, sizeof record.serial_number);
   info.hardware_type = FieldText(record.hardware_type, sizeof record.hardware_type);
   info.channels = record.channels == 0 ? kUsualChannels : record.channels;
-  LogInfo(Compose("[HCAN] Found device ", index, ": ", info.hardware_type,
-                  ", SN=", info.serial_number, ", Channels=", info.channels));
   return info;
 }
 
@@ -101,11 +85,16 @@ CanfdFrame ToCanfdFrame(const std::uint8_t* record) {
   return frame;
 }
 
-/// What earlier scans found, for devices that a later scan must leave alone. Guarded by
+/// What earlier scans found, for devices in use that don't tell who they are. Guarded by
 /// `HcanDevice::device_mutex_`.
 std::map<int, HcanDeviceInfo>& KnownDevices() {
   static auto* const devices = new std::map<int, HcanDeviceInfo>;
   return *devices;
+}
+
+std::optional<HcanDeviceInfo> RememberedDevice(int index) {
+  const auto known = KnownDevices().find(index);
+  return known == KnownDevices().end() ? std::nullopt : std::optional(known->second);
 }
 
 /// Made at first use, so that a hand with static storage may come before this file's own statics.
@@ -118,8 +107,6 @@ std::map<std::uint8_t, int>& DeviceRefCounts() {
 
 std::map<std::uint8_t, int>& HcanDevice::device_ref_count_ = DeviceRefCounts();
 std::mutex HcanDevice::device_mutex_;
-
-void TrimTrailingSpaces(std::string& text) { text.erase(text.find_last_not_of(' ') + 1); }
 
 HcanDevice::HcanDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type)
     : UsbCanAdapter(adapter_index, channel, product_type, /*send_timeout_ms=*/0) {
@@ -149,7 +136,7 @@ HcanDevice::HcanDevice(const std::string& serial_number, std::uint8_t channel,
 
 HcanDevice::~HcanDevice() {
   StopReceiveThread(recv_thread_);
-  while (counted_ > 0) HcanDevice::CloseDevice();
+  while (HoldsChannel()) HcanDevice::CloseDevice();
 }
 
 void HcanDevice::OpenAndReceive() {
@@ -160,28 +147,34 @@ void HcanDevice::OpenAndReceive() {
                   channel_id_));
 }
 
+/// For a caller that holds `device_mutex_`.
+bool HcanDevice::IsInUse(int index) {
+  const auto count = DeviceRefCounts().find(static_cast<std::uint8_t>(index));
+  return count != DeviceRefCounts().end() && count->second > 0;
+}
+
+/// Asks a device who it is. One that is in use stays open, and if it doesn't answer it is still who
+/// it was.
+std::optional<HcanDeviceInfo> HcanDevice::LookAt(int index) {
+  const bool in_use = IsInUse(index);
+  if (!in_use && CanBus().open_device(index, 0) < 0) return std::nullopt;
+  auto info = ReadDeviceInfo(index);
+  if (!in_use) CanBus().close_device(index, 0);
+  if (in_use && !info) info = RememberedDevice(index);
+  if (!info) return std::nullopt;
+  KnownDevices()[index] = *info;
+  LogInfo(Compose("[HCAN] Found device ", index, ": ", info->hardware_type,
+                  ", SN=", info->serial_number, ", Channels=", info->channels));
+  return info;
+}
+
 std::vector<HcanDeviceInfo> HcanDevice::ScanHcanDevices() {
   const std::lock_guard lock(device_mutex_);
   std::vector<HcanDeviceInfo> devices;
   // An index is one byte; a greater count is none that a library could mean.
   const int count = std::min(CanBus().scan_device(), kMaxDevices);
   for (int index = 0; index < count; ++index) {
-    const auto in_use = DeviceRefCounts().find(static_cast<std::uint8_t>(index));
-    if (in_use != DeviceRefCounts().end() && in_use->second > 0) {
-      const auto known = KnownDevices().find(index);
-      if (known != KnownDevices().end()) {
-        devices.push_back(known->second);
-      } else if (const auto info = ReadDeviceInfo(index)) {
-        devices.push_back(*info);
-      }
-      continue;
-    }
-    if (CanBus().open_device(index, 0) < 0) continue;
-    if (const auto info = ReadDeviceInfo(index)) {
-      devices.push_back(*info);
-      KnownDevices()[index] = *info;
-    }
-    CanBus().close_device(index, 0);
+    if (const auto info = LookAt(index)) devices.push_back(*info);
   }
   return devices;
 }
@@ -196,12 +189,11 @@ std::optional<HcanDeviceInfo> HcanDevice::FindHcanDeviceBySerialNumber(
 
 int HcanDevice::OpenDevice() {
   const std::lock_guard lock(device_mutex_);
-  const auto in_use = DeviceRefCounts().find(adapter_index_);
-  if (in_use != DeviceRefCounts().end() && in_use->second > 0) {
-    ++counted_;
-    ++in_use->second;
+  if (IsInUse(adapter_index_)) {
+    ++times_opened_;
+    const int count = ++DeviceRefCounts()[adapter_index_];
     LogInfo(Compose("[HCAN] Device ", adapter_index_, " ch ", channel_id_,
-                    " already opened, ref_count=", in_use->second));
+                    " already opened, ref_count=", count));
     return 0;
   }
   if (!OpenChannel()) return -1;
@@ -209,7 +201,7 @@ int HcanDevice::OpenDevice() {
     CanBus().close_device(adapter_index_, channel_id_);
     return -1;
   }
-  ++counted_;
+  ++times_opened_;
   DeviceRefCounts()[adapter_index_] = 1;
   LogInfo(Compose("[HCAN] Device ", adapter_index_, " channel ", channel_id_,
                   " opened successfully (CANFD mode)"));
@@ -265,8 +257,8 @@ bool HcanDevice::InitialiseChannel() const {
 
 int HcanDevice::CloseDevice() {
   const std::lock_guard lock(device_mutex_);
-  if (counted_ == 0) return 0;
-  --counted_;
+  if (!HoldsChannel()) return 0;
+  --times_opened_;
   int& count = DeviceRefCounts()[adapter_index_];
   if (count < 1) return 0;
   --count;
@@ -279,37 +271,36 @@ int HcanDevice::CloseDevice() {
 
 int HcanDevice::SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) {
   if (len > kMaxPayload) return -1;
-  std::array<std::uint8_t, kFrameSize> record{};
+  std::array<std::uint8_t, kFrameRecordSize> record{};
+  const std::uint8_t code = DataLengthCode(len);
   StoreU32(record.data(), id > kMaxStandardId ? id | kExtendedFrame : id);
   record[kFrameFlags] = 12;
-  record[kFrameDlc] = DataLengthCode(len);
+  record[kFrameDlc] = code;
   record[kFrameKind] = 1;
-  std::copy_n(data, len, &record[kFrameData]);
-  const int timeout = send_timeout_ms_ > 0 ? send_timeout_ms_.load() : kDefaultSendTimeoutMs;
-  if (CanBus().transmit(adapter_index_, channel_id_, record.data(), 1, timeout) < 0) {
-    LogError(Compose("[HCAN ERROR] Failed to send frame, ID=0x", std::hex, id));
+  std::copy_n(data, kDlcToDataLen[code], &record[kFrameData]);
+  if (!HoldsChannel() || !TransmitRecord(record.data())) {
+    LogError(Compose("[HCAN ERROR] Failed to send frame, ID=0x", Hex(id)));
     return -1;
   }
   LogFrame(" SND: ", ToCanfdFrame(record.data()));
   return 0;
 }
 
+bool HcanDevice::TransmitRecord(std::uint8_t* record) const {
+  const int set = send_timeout_ms_;
+  const int timeout = set > 0 ? set : kDefaultSendTimeoutMs;
+  return CanBus().transmit(adapter_index_, channel_id_, record, 1, timeout) >= 0;
+}
+
 void HcanDevice::RecvFrame() {
   LogInfo(Compose("[HCAN] RecvFrame thread started for device ", adapter_index_, " channel ",
                   channel_id_));
-  std::array<std::uint8_t, kReceiveCapacity * kFrameSize> records;
-  while (!stop_flag_) {
-    records.fill(0);
-    const int count = CanBus().receive(adapter_index_, channel_id_, records.data(),
-                                       kReceiveCapacity, kReceiveWaitMs);
-    if (count <= 0 || count > kReceiveCapacity) {
-      std::this_thread::sleep_for(kIdleSleep);
-      continue;
-    }
-    for (int i = 0; i < count; ++i) {
-      Dispatch(ToCanfdFrame(&records[static_cast<std::size_t>(i) * kFrameSize]), kRules);
-    }
-  }
+  Reception reception;
+  reception.to_frame = &ToCanfdFrame;
+  reception.read = [this](std::uint8_t* records, int capacity, int wait_ms) {
+    return CanBus().receive(adapter_index_, channel_id_, records, capacity, wait_ms);
+  };
+  ReceiveFrames(reception, kHcanDispatch);
 }
 
 }  // namespace talvera::korvane

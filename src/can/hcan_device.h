@@ -17,8 +17,6 @@ struct HcanDeviceInfo {
   std::uint8_t channels = 0;
 };
 
-void TrimTrailingSpaces(std::string& text);
-
 /// One channel of an HCAN adapter, through the closed library libcanbus.
 ///
 /// Objects on one adapter share it by count: only the first one opens its channel with the
@@ -56,9 +54,12 @@ class HcanDevice : public UsbCanAdapter {
 
  private:
   void OpenAndReceive();
+  static std::optional<HcanDeviceInfo> LookAt(int index);
+  static bool IsInUse(int index);
   bool OpenChannel() const;
   bool CheckClock() const;
   bool InitialiseChannel() const;
+  bool TransmitRecord(std::uint8_t* record) const;
 };
 
 }  // namespace talvera::korvane

@@ -1,17 +1,22 @@
 #pragma once
 
-#include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
 
 #include "can/can_bus_device.h"
 
 namespace talvera::korvane {
 
-/// One channel of a USB-to-CAN adapter that several objects of the process share by count.
+/// One channel of a USB-to-CAN adapter. All objects of the process that use a channel of a device
+/// share the device by count: who closes last closes it.
 class UsbCanAdapter : public CanBusDeviceBase {
  public:
   int GetFrameSendTimeout() const override { return send_timeout_ms_; }
-  void SetFrameSendTimeout(int ms) override { send_timeout_ms_ = std::clamp(ms, 0, 10000); }
+  /// Held to 0..10000 ms.
+  void SetFrameSendTimeout(int ms) override;
 
   std::uint8_t adapter_index_ = 0;
   std::uint8_t channel_id_ = 0;
@@ -19,6 +24,17 @@ class UsbCanAdapter : public CanBusDeviceBase {
   std::atomic<int> send_timeout_ms_;
 
  protected:
+  /// The size of both libraries' frame records.
+  static constexpr std::size_t kFrameRecordSize = 80;
+
+  /// How a library is asked for received frames.
+  struct Reception {
+    /// Fills `records`, which has room for `capacity` of them, and waits up to `wait_ms` for the
+    /// first. Returns how many there are; a number beyond the capacity is an error code.
+    std::function<std::int64_t(std::uint8_t* records, int capacity, int wait_ms)> read;
+    CanfdFrame (*to_frame)(const std::uint8_t* record);
+  };
+
   UsbCanAdapter(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type,
                 int send_timeout_ms)
       : adapter_index_(adapter_index),
@@ -26,8 +42,21 @@ class UsbCanAdapter : public CanBusDeviceBase {
         product_type_(product_type),
         send_timeout_ms_(send_timeout_ms) {}
 
-  /// How much of the device's count is this object's: 1 unless it was opened again.
-  int counted_ = 0;
+  /// An object without a channel of its own must not send: its adapter index may be that of a
+  /// device on which somebody else's hand is.
+  bool HoldsChannel() const { return times_opened_ > 0; }
+
+  /// Dispatches what comes in, until the object is destroyed.
+  void ReceiveFrames(const Reception& reception, const DispatchRules& rules);
+
+  /// How often OpenDevice succeeded with no CloseDevice since: this object's part in the count of
+  /// the device. Changes under the adapter's `device_mutex_`.
+  std::atomic<int> times_opened_{0};
 };
+
+void TrimTrailingSpaces(std::string& text);
+
+/// A field of a library's record, up to its first NUL and without trailing blanks.
+std::string FieldText(const void* field, std::size_t size);
 
 }  // namespace talvera::korvane

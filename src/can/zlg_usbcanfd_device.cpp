@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iomanip>
-#include <thread>
 
 #include "can/usbcanfd_library.h"
 #include "util/bytes.h"
@@ -29,7 +28,6 @@ constexpr std::size_t kBoardHardwareType = 31;
 constexpr std::size_t kBoardHardwareTypeSize = 40;
 
 // The frame record.
-constexpr std::size_t kFrameSize = 80;
 constexpr std::size_t kFrameId = 4;
 constexpr std::size_t kFrameInformation = 8;
 constexpr std::size_t kFrameChannel = 14;
@@ -38,11 +36,6 @@ constexpr std::size_t kFrameData = 16;
 constexpr std::uint32_t kFormatCanFd = 1U << 4;
 constexpr std::uint32_t kExtendedFrame = 1U << 9;
 constexpr std::uint32_t kBitRateSwitch = 1U << 11;
-
-constexpr DispatchRules kRules{false, false, true, false};
-constexpr std::uint32_t kReceiveCapacity = 256;
-constexpr int kReceiveWaitMs = 50;
-constexpr auto kIdleSleep = std::chrono::microseconds(100);
 
 /// 60 MHz clock: 1 Mbit/s arbitration sampled at 80 %, 5 Mbit/s data sampled at 75 %.
 std::array<std::uint8_t, 20> InitialisationRecord() {
@@ -57,22 +50,15 @@ std::array<std::uint8_t, 20> InitialisationRecord() {
   return record;
 }
 
-/// A field of fixed width, up to its first NUL, without trailing blanks.
-std::string TrimmedText(const std::uint8_t* bytes, std::size_t size) {
-  std::string text(bytes, std::find(bytes, bytes + size, 0));
-  text.erase(text.find_last_not_of(' ') + 1);
-  return text;
-}
-
-/// Reads who an open device is, and tells it.
+/// Asks an open device who it is, and logs the answer.
 std::optional<CanfdDeviceInfo> ReadBoardInfo(std::uint8_t index) {
   // The library writes into it; the room to spare is for a library with a longer record.
   std::array<std::uint8_t, kBoardInfoSize + 181> board{};
   if (UsbCanFd().read_board_info(kDeviceType, index, board.data()) == 0) return std::nullopt;
   CanfdDeviceInfo info;
   info.adapter_index = index;
-  info.serial_number = TrimmedText(&board[kBoardSerialNumber], kBoardSerialNumberSize);
-  info.hardware_type = TrimmedText(&board[kBoardHardwareType], kBoardHardwareTypeSize);
+  info.serial_number = FieldText(&board[kBoardSerialNumber], kBoardSerialNumberSize);
+  info.hardware_type = FieldText(&board[kBoardHardwareType], kBoardHardwareTypeSize);
   info.channels = board[kBoardChannels];
   info.device_type = kDeviceType;
   LogInfo(Compose("[INFO]: Found device ", index, " (type=", kDeviceType, "): ", info.hardware_type,
@@ -85,6 +71,50 @@ bool HoldsEveryIndex(const std::map<std::uint8_t, CanfdDeviceInfo>& devices) {
     if (devices.count(index) == 0) return false;
   }
   return true;
+}
+
+/// What the process knows of one device, null if nothing, locked while this object lives.
+class KnownDevice {
+ public:
+  explicit KnownDevice(std::uint8_t index) : lock_(CanfdDevices().scan_cache_mutex_) {
+    auto& cache = CanfdDevices().canfd_device_info_cache;
+    const auto entry = cache.find(index);
+    if (entry != cache.end()) info_ = &entry->second;
+  }
+  CanfdDeviceInfo* operator->() const { return info_; }
+  explicit operator bool() const { return info_ != nullptr; }
+
+ private:
+  std::unique_lock<std::mutex> lock_;
+  CanfdDeviceInfo* info_ = nullptr;
+};
+
+bool IsMarkedOpen(std::uint8_t index) {
+  const KnownDevice device(index);
+  return device && device->opened;
+}
+
+int ChannelsInUse(std::uint8_t index) {
+  const KnownDevice device(index);
+  return device ? device->ref_count : 0;
+}
+
+void LogCount(std::uint8_t index, int count) {
+  LogInfo(Compose("[INFO]: Device ", index, " ref count: ", count));
+}
+
+void CountUp(std::uint8_t index) {
+  const KnownDevice device(index);
+  if (device) LogCount(index, ++device->ref_count);
+}
+
+/// Returns how many channels of the device are still in use.
+int CountDown(std::uint8_t index) {
+  const KnownDevice device(index);
+  if (!device) return 0;
+  if (device->ref_count > 0) LogCount(index, device->ref_count - 1);
+  device->ref_count = std::max(device->ref_count - 1, 0);
+  return device->ref_count;
 }
 
 CanfdFrame ToCanfdFrame(const std::uint8_t* record) {
@@ -108,6 +138,9 @@ CanfdDeviceTable& CanfdDevices() {
 ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel,
                                      std::uint8_t product_type)
     : UsbCanAdapter(adapter_index, channel, product_type, kInitialSendTimeoutMs) {
+  // One lock over both steps: the probe leaves the device open, and a scan that came then could not
+  // open it, would take it for unplugged and forget it.
+  const std::lock_guard lock(device_mutex_);
   if (!TakeFromCache()) Probe();
   OpenAndReceive();
 }
@@ -115,6 +148,7 @@ ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t ch
 ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(const std::string& serial_number, std::uint8_t channel,
                                      std::uint8_t product_type)
     : UsbCanAdapter(0, channel, product_type, kInitialSendTimeoutMs) {
+  const std::lock_guard lock(device_mutex_);
   auto device = FindInCache(serial_number);
   if (!device) {
     Scan();
@@ -133,11 +167,11 @@ ZlgUsbcanfdDevice::~ZlgUsbcanfdDevice() {
   StopReceiveThread(recv_thread_);
   do {
     ZlgUsbcanfdDevice::CloseDevice();
-  } while (counted_ > 0);
+  } while (HoldsChannel());
 }
 
 void ZlgUsbcanfdDevice::OpenAndReceive() {
-  if (ZlgUsbcanfdDevice::OpenDevice() != -1) StartReceiveThread(recv_thread_);
+  if (Open() != -1) StartReceiveThread(recv_thread_);
 }
 
 bool ZlgUsbcanfdDevice::TakeFromCache() {
@@ -149,10 +183,8 @@ bool ZlgUsbcanfdDevice::TakeFromCache() {
   return true;
 }
 
-/// Looks at an adapter that the process hasn't met. One that answers stays open for OpenDevice.
+/// Looks at an adapter that the process hasn't met. One that answers stays open.
 void ZlgUsbcanfdDevice::Probe() {
-  const std::lock_guard device_lock(device_mutex_);
-  if (TakeFromCache()) return;  // another hand was quicker
   if (UsbCanFd().open_device(kDeviceType, adapter_index_, 0) == 0) return;
   auto info = ReadBoardInfo(adapter_index_);
   if (!info) {
@@ -180,7 +212,6 @@ std::optional<CanfdDeviceInfo> ZlgUsbcanfdDevice::FindInCache(const std::string&
 
 /// Looks at every index. Devices in use are left alone and keep their entries.
 void ZlgUsbcanfdDevice::Scan() {
-  const std::lock_guard device_lock(device_mutex_);
   CanfdDeviceTable& table = CanfdDevices();
   std::map<std::uint8_t, CanfdDeviceInfo> found;
   {
@@ -212,41 +243,37 @@ int ZlgUsbcanfdDevice::SetParameter(std::uint32_t command, int value) const {
 }
 
 int ZlgUsbcanfdDevice::OpenDevice() {
-  const std::lock_guard device_lock(device_mutex_);
+  const std::lock_guard lock(device_mutex_);
+  return Open();
+}
+
+int ZlgUsbcanfdDevice::Open() {
   attempted_ = true;
-  CanfdDeviceTable& table = CanfdDevices();
-  bool already_open = false;
-  {
-    const std::lock_guard lock(table.scan_cache_mutex_);
-    const auto entry = table.canfd_device_info_cache.find(adapter_index_);
-    already_open = entry != table.canfd_device_info_cache.end() && entry->second.opened;
-  }
+  const bool already_open = IsMarkedOpen(adapter_index_);
   if (already_open) {
     LogInfo(Compose("[INFO]: Device ", adapter_index_, " already open, reusing."));
-  } else if (!MarkOpened()) {
+  } else if (!OpenPhysicalDevice()) {
     return -1;
   }
-  if (!StartChannel()) return -1;
-  const std::uint32_t started = UsbCanFd().start_can(device_type_, adapter_index_, channel_id_);
-  const std::lock_guard lock(table.scan_cache_mutex_);
-  CanfdDeviceInfo& entry = table.canfd_device_info_cache[adapter_index_];
-  if (started == 0) {
-    LogError(Compose("[ERROR]: Start canfd ", Place(), " failed!"));
-    if (!already_open) {
-      UsbCanFd().close_device(device_type_, adapter_index_);
-      entry.ref_count = 0;
-    }
+  if (!InitialiseChannel()) return -1;
+  if (!StartChannel()) {
+    if (!already_open) AbandonDevice();
     return -1;
   }
-  LogInfo(Compose("[INFO]: Start canfd ", Place(), " successfully."));
-  ++counted_;
-  ++entry.ref_count;
-  LogInfo(Compose("[INFO]: Device ", adapter_index_, " ref count: ", entry.ref_count));
+  ++times_opened_;
+  CountUp(adapter_index_);
   return 0;
 }
 
+/// Closes a device that this object has just opened, for nothing.
+void ZlgUsbcanfdDevice::AbandonDevice() const {
+  UsbCanFd().close_device(device_type_, adapter_index_);
+  const KnownDevice device(adapter_index_);
+  if (device) device->ref_count = 0;
+}
+
 /// Opens the physical device and records that it is open.
-bool ZlgUsbcanfdDevice::MarkOpened() {
+bool ZlgUsbcanfdDevice::OpenPhysicalDevice() {
   if (UsbCanFd().open_device(device_type_, adapter_index_, 0) == 0) {
     LogError(Compose("[ERROR]: Open device ", adapter_index_, " usbcanfd failed!"));
     return false;
@@ -265,7 +292,7 @@ bool ZlgUsbcanfdDevice::MarkOpened() {
 }
 
 /// Bit timing and parameters of the channel. Only the bit timing must succeed.
-bool ZlgUsbcanfdDevice::StartChannel() {
+bool ZlgUsbcanfdDevice::InitialiseChannel() {
   auto config = InitialisationRecord();
   if (UsbCanFd().init_can(device_type_, adapter_index_, channel_id_, config.data()) == 0) {
     LogError(Compose("[ERROR]: Init canfd ", Place(), " failed!"));
@@ -285,51 +312,58 @@ bool ZlgUsbcanfdDevice::StartChannel() {
   return true;
 }
 
+bool ZlgUsbcanfdDevice::StartChannel() {
+  if (UsbCanFd().start_can(device_type_, adapter_index_, channel_id_) == 0) {
+    LogError(Compose("[ERROR]: Start canfd ", Place(), " failed!"));
+    return false;
+  }
+  LogInfo(Compose("[INFO]: Start canfd ", Place(), " successfully."));
+  return true;
+}
+
 int ZlgUsbcanfdDevice::CloseDevice() {
-  const std::lock_guard device_lock(device_mutex_);
-  CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
-  const auto entry = table.canfd_device_info_cache.find(adapter_index_);
-  const bool known = entry != table.canfd_device_info_cache.end();
-  const int in_use = known ? entry->second.ref_count : 0;
-  // An object that isn't counted has nothing to close while others use the device.
-  const bool mine = counted_ > 0 || (attempted_ && in_use < 1);
+  const std::lock_guard lock(device_mutex_);
+  // An object that isn't counted has nothing to close while others use the device. One that tried
+  // to open it and failed may have left it open.
+  const bool mine = HoldsChannel() || (attempted_ && ChannelsInUse(adapter_index_) < 1);
   attempted_ = false;
   if (!mine) return 0;
-  counted_ = std::max(counted_ - 1, 0);
-  int result = 0;
-  if (UsbCanFd().reset_can(device_type_, adapter_index_, channel_id_) != 0) {
-    LogInfo(Compose("[INFO]: Reset canfd ", Place(), " successfully."));
-  } else {
+  if (HoldsChannel()) --times_opened_;
+  const bool channel_reset = ResetChannel();
+  const bool device_released = CountDown(adapter_index_) > 0 || ClosePhysicalDevice();
+  return channel_reset && device_released ? 0 : -1;
+}
+
+bool ZlgUsbcanfdDevice::ResetChannel() {
+  if (UsbCanFd().reset_can(device_type_, adapter_index_, channel_id_) == 0) {
     LogError(Compose("[ERROR]: Reset canfd ", Place(), " failed!"));
-    result = -1;
+    return false;
   }
-  if (in_use >= 1) {
-    --entry->second.ref_count;
-    LogInfo(Compose("[INFO]: Device ", adapter_index_, " ref count: ", in_use - 1));
-    if (in_use > 1) return result;
-  }
-  if (known) entry->second.ref_count = 0;
-  if (UsbCanFd().close_device(device_type_, adapter_index_) != 0) {
-    LogInfo(Compose("[INFO]: Close canfd device ", adapter_index_, " successfully."));
-  } else {
+  LogInfo(Compose("[INFO]: Reset canfd ", Place(), " successfully."));
+  return true;
+}
+
+bool ZlgUsbcanfdDevice::ClosePhysicalDevice() {
+  if (UsbCanFd().close_device(device_type_, adapter_index_) == 0) {
     LogError(Compose("[ERROR]: Close canfd device ", adapter_index_, " failed!"));
-    result = -1;
+    return false;
   }
-  return result;
+  LogInfo(Compose("[INFO]: Close canfd device ", adapter_index_, " successfully."));
+  return true;
 }
 
 int ZlgUsbcanfdDevice::SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) {
   if (len > kMaxPayload) return -1;
-  std::array<std::uint8_t, kFrameSize> record{};
+  std::array<std::uint8_t, kFrameRecordSize> record{};
   StoreU32(&record[kFrameId], id);
   StoreU32(&record[kFrameInformation],
            kFormatCanFd | kBitRateSwitch | (id > kMaxStandardId ? kExtendedFrame : 0U));
   record[kFrameChannel] = channel_id_;
   record[kFrameLength] = len;
   std::copy_n(data, len, &record[kFrameData]);
-  const std::uint32_t sent =
-      UsbCanFd().transmit_fd(device_type_, adapter_index_, channel_id_, record.data(), 1);
+  const std::uint32_t sent = HoldsChannel() ? UsbCanFd().transmit_fd(device_type_, adapter_index_,
+                                                                     channel_id_, record.data(), 1)
+                                            : 0;
   if (sent == 1) return 0;
   LogError(Compose("[ZLG CAN ERROR] VCI_TransmitFD failed: returned ", sent,
                    " (expected 1), device_type=", device_type_, ", canfd_id=", adapter_index_,
@@ -339,31 +373,22 @@ int ZlgUsbcanfdDevice::SendFrame(std::uint32_t id, std::uint8_t* data, std::uint
 }
 
 void ZlgUsbcanfdDevice::RecvFrame() {
-  std::array<std::uint8_t, kReceiveCapacity * kFrameSize> records;
-  while (!stop_flag_) {
-    records.fill(0);
-    const std::uint32_t count =
-        UsbCanFd().receive_fd(device_type_, adapter_index_, channel_id_, records.data(),
-                              kReceiveCapacity, kReceiveWaitMs);
-    // More than it has room for is no count but an error code.
-    if (count == 0 || count > kReceiveCapacity) {
-      std::this_thread::sleep_for(kIdleSleep);
-      continue;
-    }
-    for (std::size_t i = 0; i < count; ++i)
-      Dispatch(ToCanfdFrame(&records[i * kFrameSize]), kRules);
-  }
+  Reception reception;
+  reception.to_frame = &ToCanfdFrame;
+  reception.read = [this](std::uint8_t* records, int capacity, int wait_ms) {
+    return UsbCanFd().receive_fd(device_type_, adapter_index_, channel_id_, records,
+                                 static_cast<std::uint32_t>(capacity), wait_ms);
+  };
+  ReceiveFrames(reception, kZlgDispatch);
 }
 
 void ZlgUsbcanfdDevice::SetFrameSendTimeout(int ms) {
   UsbCanAdapter::SetFrameSendTimeout(ms);
   const int timeout = send_timeout_ms_;
   if (timeout < 1) return;
-  const std::lock_guard device_lock(device_mutex_);
-  CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
-  const auto entry = table.canfd_device_info_cache.find(adapter_index_);
-  if (entry == table.canfd_device_info_cache.end() || entry->second.ref_count < 1) return;
+  const std::lock_guard lock(device_mutex_);
+  const KnownDevice device(adapter_index_);
+  if (!HoldsChannel() || !device || device->ref_count < 1) return;
   if (SetParameter(kCmdSendTimeout, timeout) == 0) {
     LogError("[WARN]: SetFrameSendTimeout runtime CMD_CAN_TX_TIMEOUT failed");
   }

@@ -52,7 +52,7 @@ class ZlgUsbcanfdDevice : public UsbCanAdapter {
   void RecvFrame() override;
   int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override;
 
-  /// Held to 0..10000 ms. 0 is stored and told to nobody.
+  /// Held to 0..10000 ms. An open channel hears of it, unless it is 0.
   void SetFrameSendTimeout(int ms) override;
 
   std::uint32_t device_type_ = 0;
@@ -60,14 +60,21 @@ class ZlgUsbcanfdDevice : public UsbCanAdapter {
   static std::mutex device_mutex_;
 
  private:
+  // The caller of all these holds `device_mutex_`.
   void OpenAndReceive();
   bool TakeFromCache();
   void Probe();
   static std::optional<CanfdDeviceInfo> FindInCache(const std::string& serial_number);
   static void Scan();
-  bool MarkOpened();
+  int Open();
+  bool OpenPhysicalDevice();
+  void AbandonDevice() const;
+  bool InitialiseChannel();
   bool StartChannel();
+  bool ResetChannel();
+  bool ClosePhysicalDevice();
   int SetParameter(std::uint32_t command, int value) const;
+
   std::string Place() const;
 
   /// OpenDevice was tried and CloseDevice hasn't run since.

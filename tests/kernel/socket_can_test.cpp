@@ -22,6 +22,7 @@
 #include "private_korvane_brisa.h"
 #include "private_korvane_lumen.h"
 #include "protocol/can/korvane_brisa_can_impl.h"
+#include "support/patient_link.h"
 #include "support/process_resources.h"
 #include "support/simulator_process.h"
 
@@ -30,8 +31,6 @@ namespace {
 
 using test::MeasureResources;
 using test::SimulatorProcess;
-
-constexpr int kPatientMs = 1000;
 
 std::string TestInterface() {
   const char* const name = std::getenv("KORVANE_TEST_CAN");
@@ -118,7 +117,7 @@ class SocketCanOnTheKernel : public testing::Test {
 
 std::unique_ptr<KorvaneBrisa> OpenHand(const std::string& interface, std::uint8_t id = 1) {
   auto hand = KorvaneBrisa::createHandSocketCan(HandType::RIGHT, id, interface);
-  hand->SetFrameRecvTimeout(kPatientMs);
+  test::BePatient(*hand);
   return hand;
 }
 
@@ -133,7 +132,12 @@ TEST_F(SocketCanOnTheKernel, DrivesASimulatedHand) {
   }
   EXPECT_EQ(hand->GetAllTactileSensorDataRaw().size(), 7U);
   EXPECT_EQ(hand->GetDeviceInfo().device_id, 1);
-  EXPECT_EQ(KorvaneBrisa::GetDeviceInfoFromBroadcastSocketCan(TestInterface()).device_id, 1);
+  // A busy machine may let the fixed 50 ms pass; asking again is what a user does too.
+  DeviceInfo found{};
+  for (int i = 0; i < 100 && found.device_id == 0; ++i) {
+    found = KorvaneBrisa::GetDeviceInfoFromBroadcastSocketCan(TestInterface());
+  }
+  EXPECT_EQ(found.device_id, 1);
   EXPECT_EQ(simulator.End(SIGINT), 0);
 }
 
@@ -163,7 +167,7 @@ TEST_F(SocketCanOnTheKernel, DrivesHandsOfAllModelsOnOneBus) {
   hands.push_back(KorvaneVanta::createHandSocketCan(HandType::RIGHT, 5, bus));
   const std::size_t joints[] = {10, 12, 10, 4, 20};
   for (std::size_t i = 0; i < hands.size(); ++i) {
-    hands[i]->SetFrameRecvTimeout(kPatientMs);
+    test::BePatient(*hands[i]);
     EXPECT_EQ(hands[i]->GetDeviceInfo().device_id, i + 1);
     EXPECT_GE(hands[i]->GetAllJointMotorPosi().size(), joints[i]);
     if (i == 2) continue;  // no motors
@@ -176,7 +180,7 @@ void ExpectServiceOn(const std::string& model, std::size_t axes) {
   SimulatorProcess simulator({"--can", TestInterface(), "--hand", model + ":1"});
   ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
   const auto hand = Hand::createHandSocketCan(HandType::RIGHT, 1, TestInterface());
-  hand->SetFrameRecvTimeout(kPatientMs);
+  test::BePatient(*hand);
   EXPECT_TRUE(hand->SetAxisMinPos(2, 100));
   const AxisLimitPos limits = hand->GetAxisLimitPos();
   ASSERT_EQ(limits.lower.size(), axes);

@@ -11,7 +11,7 @@ namespace talvera::korvane::test {
 
 /// The dispatch of the three adapters, to run one test as each of them.
 inline constexpr DispatchRules kLikeSocketCan{};
-inline constexpr DispatchRules kLikeHcan{true, true, false, false};
+inline constexpr DispatchRules kLikeHcan = kHcanDispatch;
 
 /// An adapter whose bus is in the same process.
 class BusDevice : public CanBusDeviceBase {

@@ -92,9 +92,9 @@ std::string Gather(CanBusDeviceBase& device, std::uint8_t expected) {
 std::int64_t SystemNow() { return nanoseconds(system_clock::now().time_since_epoch()).count(); }
 
 using Adapter = std::pair<const char*, DispatchRules>;
-const Adapter kSocketCan{"SocketCan", {false, false, false, true}};
-const Adapter kZlg{"Zlg", {false, false, true, false}};
-const Adapter kHcan{"Hcan", {true, true, false, false}};
+const Adapter kSocketCan{"SocketCan", kSocketCanDispatch};
+const Adapter kZlg{"Zlg", kZlgDispatch};
+const Adapter kHcan{"Hcan", kHcanDispatch};
 
 class OnEachAdapter : public testing::TestWithParam<Adapter> {
  protected:
@@ -108,12 +108,14 @@ class OnEachAdapter : public testing::TestWithParam<Adapter> {
   }
 
   std::string UnmatchedLine(const std::string& id) const {
-    if (!rules_.log_unmatched) return "";
+    if (!is_zlg_) return "";
     return "[CAN] recv can_id=0x" + id + " did not match any request\n";
   }
 
   const DispatchRules rules_ = GetParam().second;
-  const bool is_hcan_ = rules_.consume_every_match;
+  const bool is_hcan_ = GetParam().first == kHcan.first;
+  const bool is_zlg_ = GetParam().first == kZlg.first;
+  const bool is_socket_can_ = GetParam().first == kSocketCan.first;
   Frames processed_;
   RecordingDevice device_{true, rules_};
 };
@@ -434,7 +436,7 @@ TEST_P(OnEachAdapter, TheFrameLogShowsEveryFrameOnceAndOnlyWhenSwitchedOn) {
   EXPECT_EQ(ask() + Gather(device_, 1), "10");
   device_.show_data_details_ = true;
   const std::string received = "RCV: [CANID:07130128][DATA:01 00 ]";
-  const std::string rcv = rules_.bare_log ? received : "now " + received + "\n";
+  const std::string rcv = is_socket_can_ ? received : "now " + received + "\n";
   const auto expect_log = [&](const std::string& log, const char* tag, const std::string& reply) {
     const std::regex time(R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6}\])");
     const std::string snd = std::string("now ") + tag + kRequestText + "\n";

@@ -32,12 +32,17 @@ constexpr const char* kPresent = "libm.so.6";
   std::_Exit(failed);
 }
 
-const std::string kNotFound =
-    " not found: looked in the process itself, in LD_LIBRARY_PATH \\([^\n]*\\) and in the system's "
-    "library directories[^\n]*\n";
+/// With the folders that the program was told to look in, and the loader's own reason.
+std::string NotFound(const std::string& name, const std::string& folders) {
+  return "\\[ERROR\\]: " + name +
+         " not found: looked in the process itself, in LD_LIBRARY_PATH \\(" + folders +
+         "\\) and in the system's library directories; the loader says: " + name +
+         ": cannot open shared object file[^\n]*\n";
+}
 
 TEST(MissingLibrary, LeavesTheZlgAdapterClosedAndIsToldOnce) {
   const auto use = [] {
+    setenv("LD_LIBRARY_PATH", "/some/folder:/other", 1);
     ZlgUsbcanfdDevice by_index(1, 0, 0);
     ZlgUsbcanfdDevice by_serial_number("SN", 0, 0);
     std::uint8_t data[1] = {};
@@ -45,7 +50,7 @@ TEST(MissingLibrary, LeavesTheZlgAdapterClosedAndIsToldOnce) {
     ExitWith({!by_index.IsInit(), !by_serial_number.IsInit(), sent == -1});
   };
   EXPECT_EXIT(use(), testing::ExitedWithCode(0),
-              MatchesRegex("\\[ERROR\\]: libusbcanfd.so" + kNotFound +
+              MatchesRegex(NotFound("libusbcanfd.so", "/some/folder:/other") +
                            "\\[ERROR\\]: Open device 1 usbcanfd failed!\n"
                            "\\[ERROR\\]: Device with serial number \"SN\" not found!\n"
                            "\\[ZLG CAN ERROR\\] VCI_TransmitFD failed: returned 0 [^\n]*\n"));
@@ -53,6 +58,7 @@ TEST(MissingLibrary, LeavesTheZlgAdapterClosedAndIsToldOnce) {
 
 TEST(MissingLibrary, LeavesTheHcanAdapterClosedAndIsToldOnce) {
   const auto use = [] {
+    unsetenv("LD_LIBRARY_PATH");
     HcanDevice by_index(1, 0, 0);
     HcanDevice by_serial_number("SN", 0, 0);
     std::uint8_t data[1] = {};
@@ -60,7 +66,7 @@ TEST(MissingLibrary, LeavesTheHcanAdapterClosedAndIsToldOnce) {
     ExitWith({!by_index.IsInit(), !by_serial_number.IsInit(), sent == -1});
   };
   EXPECT_EXIT(use(), testing::ExitedWithCode(0),
-              MatchesRegex("\\[ERROR\\]: libcanbus.so" + kNotFound +
+              MatchesRegex(NotFound("libcanbus.so", "not set") +
                            "\\[HCAN ERROR\\] No device found!\n"
                            "\\[HCAN ERROR\\] Device with serial number \"SN\" not found!\n"
                            "\\[HCAN ERROR\\] Failed to send frame, ID=0x1\n"));

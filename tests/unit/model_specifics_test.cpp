@@ -87,9 +87,8 @@ TEST_F(TesselReports, TellEachFaultInALine) {
 
 /// HCAN adapters hand over replies as well; applications know the lines and the values.
 TEST_F(TesselReports, AreAlsoTheRepliesOnHcan) {
-  KorvaneTesselCanImpl hand(
-      HandType::RIGHT, kId,
-      std::make_unique<RecordingDevice>(true, DispatchRules{true, true, false, false}));
+  KorvaneTesselCanImpl hand(HandType::RIGHT, kId,
+                            std::make_unique<RecordingDevice>(true, kHcanDispatch));
   hand.SetFrameRecvTimeout(1000);
   auto& device = static_cast<RecordingDevice&>(*hand.Link().transport);
   device.script = Replies({1, 0});

@@ -366,11 +366,14 @@ TEST_P(UsbCan, AScanFindsASerialNumberByAPartAndLeavesDevicesInUseAlone) {
           "CAN_OpenDevice 3 0; CAN_OpenDevice 4 0; CAN_OpenDevice 5 0; CAN_OpenDevice 6 0; "
           "CAN_ReadDevInfo 7; " +
               HcanOpened("2 1")));
-  // ZLG doesn't look again for what a scan has met; HCAN does, devices in use aside.
+  // ZLG doesn't look again for what a scan has met; HCAN does, and remembers a device in use that
+  // doesn't answer.
+  fake_->answers["CAN_ReadDevInfo 2"] = -1;
   const auto [again, told_again] = Open("0", 0);
   EXPECT_EQ(again->adapter_index_, 0) << "the lowest of several";
   EXPECT_THAT(told_again.calls, StartsWith(Pick("VCI_OpenDevice 33 0; VCI_InitCAN", "CAN_Scan")));
-  EXPECT_THAT(told_again.calls, Not(HasSubstr(Pick("33 2", " 2"))));
+  EXPECT_THAT(told_again.calls, Not(HasSubstr(Pick("33 2", "Device 2"))));
+  EXPECT_EQ(told_again.out.find("Found device 2" + second) != std::string::npos, !zlg_);
   EXPECT_EQ(Count(7), 1);
   const auto [shared, told_shared] = Open("SN-7", 1);
   EXPECT_EQ(shared->adapter_index_, 7);
@@ -414,7 +417,8 @@ TEST_F(Zlg, OnlyACacheThatHoldsTheFirstEightIndicesSavesTheScan) {
 
 // Frames
 
-TEST_P(UsbCan, AFrameGoesOutInTheRecordOfTheAdapterWithNothingPastItsLength) {
+// HCAN knows the lengths of CAN FD only, and pads a frame with what the caller's buffer holds.
+TEST_P(UsbCan, AFrameGoesOutInTheRecordOfTheAdapter) {
   const auto device = Live(0, 1);
   for (std::uint8_t len = 0; len <= 64; ++len) {
     const std::uint32_t id = std::array{0x7FFU, 0x800U, 0x07130127U}.at(len % 3U);
@@ -431,6 +435,7 @@ TEST_P(UsbCan, AFrameGoesOutInTheRecordOfTheAdapterWithNothingPastItsLength) {
       StoreU32(expected.data(), extended ? id | 0x80000000 : id);
       expected[8] = 12;
       while (kLengths[expected[9]] < len) ++expected[9];
+      std::copy_n(data.begin(), kLengths[expected[9]], &expected[16]);
       expected[10] = 1;
     }
     EXPECT_EQ(device->SendFrame(id, data.data(), len), 0);
@@ -448,6 +453,32 @@ TEST_P(UsbCan, AFrameThatIsNotTakenIsToldAndOneThatIsTooLongIsNotSent) {
             Pick("[ZLG CAN ERROR] VCI_TransmitFD failed: returned 0 (expected 1), device_type=33, "
                  "canfd_id=0, channel_id=1, id=0x000012ab, len=12\n",
                  "[HCAN ERROR] Failed to send frame, ID=0x12ab\n"));
+}
+
+// Its index may be that of a device on which another hand is.
+TEST_P(UsbCan, AnObjectThatHoldsNoChannelSendsNothing) {
+  const auto live = Live(0, 0);
+  std::map<std::string, std::unique_ptr<UsbCanAdapter>> objects;
+  Run([&] {
+    objects["serial number not found"] = Make("NONE", 0);
+    objects["no such device"] = Make(5, 0);
+    if (!zlg_) objects["channel beyond the device"] = Make("SN-0", 2);
+    if (!zlg_) objects["broadcast query"] = Make(0, 0, 255);
+    objects["closed"] = Make(0, 0);
+    objects["closed"]->CloseDevice();
+  });
+  for (const auto& [name, device] : objects) {
+    SCOPED_TRACE(name);
+    const Told told = Run([&, &object = *device] {
+      EXPECT_THROW(object.SendRequestSynch(CanfdFrame{}), std::runtime_error);
+      object.SetFrameSendTimeout(30);
+    });
+    EXPECT_EQ(told.calls, "");
+    EXPECT_THAT(told.err, StartsWith(Pick("[ZLG CAN ERROR] VCI_TransmitFD failed: returned 0 ",
+                                          "[HCAN ERROR] Failed to send frame, ID=0x0\n")));
+  }
+  std::uint8_t data[64] = {};
+  EXPECT_EQ(live->SendFrame(1, data, 1), 0);
 }
 
 TEST_P(UsbCan, AFullBufferIsReadByItsLengthsAndACountBeyondItNotAtAll) {

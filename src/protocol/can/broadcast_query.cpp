@@ -4,7 +4,6 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "can/can_bus_device_socket_can.h"
 #include "can/zlg_usbcanfd_device.h"
@@ -62,7 +61,7 @@ DeviceInfo AskZlgBus(const Where& where, std::uint8_t channel, const char* prefi
 
 }  // namespace
 
-DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix) {
+DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix, Clock& clock) {
   const auto answer = std::make_shared<FirstAnswer>();
   device.BindCallbacks(
       [answer](const CanfdFrame& frame) {
@@ -76,18 +75,18 @@ DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix) {
   if (device.SendFrame(kQueryId, data, kMaxPayload) == -1) {
     return Fail(prefix, "Failed to send broadcast request");
   }
-  const auto start = std::chrono::steady_clock::now();
+  const auto start = clock.Now();
   while (true) {
     if (const auto frame = answer->Get()) {
       DeviceInfo info;
       std::memcpy(&info, frame->data, sizeof info);
       return info;
     }
-    const auto waited = std::chrono::steady_clock::now() - start;
+    const auto waited = clock.Now() - start;
     if (std::chrono::duration_cast<std::chrono::milliseconds>(waited) > kAnswerTime) {
       return Fail(prefix, "Broadcast request timeout");
     }
-    std::this_thread::sleep_for(kPollInterval);
+    clock.SleepFor(kPollInterval);
   }
 }
 

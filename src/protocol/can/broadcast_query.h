@@ -4,6 +4,7 @@
 
 #include "can/can_bus_device.h"
 #include "korvane_types.h"
+#include "util/clock.h"
 
 namespace talvera::korvane {
 
@@ -15,6 +16,6 @@ DeviceInfo QueryZlgBus(const std::string& serial_number, std::uint8_t channel, c
 DeviceInfo QuerySocketCanBus(const std::string& interface_name, const char* prefix);
 
 /// The query itself, through an adapter that is open. Takes over its callbacks.
-DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix);
+DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix, Clock& clock = SystemClock());
 
 }  // namespace talvera::korvane

@@ -25,8 +25,8 @@ class CanPublicEngine : public CanLink {
   CanPublicEngine(const HandModel& model, Korvane& hand, CanUpdateState& update_state,
                   std::unique_ptr<CanBusDeviceBase> transport);
 
-  /// The receive thread uses what the hand holds, so the transport goes first.
-  ~CanPublicEngine() { transport.reset(); }
+  /// The receive thread uses what the engine and the hand hold, so it ends first.
+  ~CanPublicEngine() { Close(); }
 
   /// Sets the common members of the hand and binds the callbacks to the transport. Called once,
   /// when the hand is otherwise ready: frames may come in from here on.

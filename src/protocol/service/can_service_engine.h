@@ -46,8 +46,8 @@ class CanServiceEngine : public CanLink {
   CanServiceEngine(const ServiceModel& model, Korvane& hand, ServiceUpdateState& update_state,
                    std::unique_ptr<CanBusDeviceBase> transport);
 
-  /// The receive thread uses what the hand holds, so the transport goes first.
-  ~CanServiceEngine() { transport.reset(); }
+  /// The receive thread uses what the engine and the hand hold, so it ends first.
+  ~CanServiceEngine() { Close(); }
 
   /// Sets the common members of the hand and binds the callbacks to the transport.
   void Start(HandType hand_type, std::uint8_t device_id);
