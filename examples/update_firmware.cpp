@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <mutex>
 #include <string>
 
@@ -91,6 +92,14 @@ class ProgressDisplay {
     std::fflush(stdout);
   }
 
+  /// For what isn't reported: over a serial port the update throws when the cable goes.
+  void ShowLost(const char* what) {
+    const std::lock_guard lock(mutex_);
+    EndBar();
+    failure_ = std::string("the link to the hand was lost: ") + what;
+    complete_ = false;
+  }
+
   bool Complete() const { return complete_; }
   /// Why the update failed, as far as the library told.
   const std::string& Failure() const { return failure_; }
@@ -151,15 +160,20 @@ int main(int argc, char** argv) {
   }
   std::printf("Updating hand %d from version %s:\n", where.id,
               before.software_version.ToString().c_str());
-  hand->UpdateFirmware(file, [&](int current, int total, OtaProgressStatus status) {
-    display.Show(current, total, status);
-  });
-
-  const auto after = hand->GetVendorInfo();
+  try {
+    hand->UpdateFirmware(file, [&](int current, int total, OtaProgressStatus status) {
+      display.Show(current, total, status);
+    });
+  } catch (const std::exception& error) {
+    display.ShowLost(error.what());
+  }
   if (!display.Complete()) {
     std::printf("FAILED: %s\n", display.Failure().c_str());
     return EXIT_FAILURE;
   }
+  // Over a serial port the first answer may be an older one that nobody has read.
+  hand->GetVendorInfo();
+  const auto after = hand->GetVendorInfo();
   if (after.product_model.empty()) {
     std::printf("FAILED: the hand took the firmware but doesn't answer yet; check it by hand\n");
     return EXIT_FAILURE;

@@ -85,7 +85,7 @@ namespace talvera::korvane {
 ///     GetAllTactileSensorData (7)                               empty        yes, 3 times
 ///     GetTactileSensorDataRaw                      no data      no data      -
 ///     GetAllTactileSensorDataRaw                                empty        -
-///     GetVendorInfo                                             empty        yes, twice
+///     GetVendorInfo (9)                                         empty        yes, twice
 ///     GetDeviceInfo (8)                                         zeros        yes, or -
 ///     SetDeviceId (8)                                           none         no
 ///
@@ -104,6 +104,8 @@ namespace talvera::korvane {
 /// 8. The id is the one whose frames the port accepts: that of the first frame that came in, for
 ///    the life of the object. GetDeviceInfo asks only while there was none, and returns that id
 ///    also when the hand has gone. After SetDeviceId make a new object.
+/// 9. An answer that nobody has read counts too, such as the one that GetDeviceInfo waited for: a
+///    second call shows whether the hand is still there.
 ///
 /// Serial reads that fail write their line to the standard output stream.
 class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
@@ -115,10 +117,17 @@ class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
   /// RS-485. The port is opened at once; like the factories over CAN FD this never fails on a
   /// missing device.
   ///
+  /// The port belongs to one hand object, also among programs; a second one isn't connected, and a
+  /// line says why.
+  ///
+  /// UpdateFirmware may throw over this link: what the serial library throws when the cable goes in
+  /// the middle of a packet, a serial::SerialException, reaches the caller; catch it as a
+  /// std::exception. The update has then failed, and nothing more is reported.
+  ///
   /// Requests and replies aren't matched on this link: a request is answered by any frame, and a
   /// read takes the last reply of its kind that nobody has read. So one thread may call, also after
-  /// EnableConcurrentCalls, which has no effect, and nobody else may use the port: of two readers
-  /// each gets a part of the bytes, and both miss replies.
+  /// EnableConcurrentCalls, which has no effect, and no program without this library may use the
+  /// port: of two readers each gets a part of the bytes, and both miss replies.
   ///
   /// The first bytes that look like the head of a frame decide for the life of the object which
   /// hand's id it accepts. Noise on the line, such as when a cable is plugged in, can be such a

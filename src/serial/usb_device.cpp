@@ -1,11 +1,9 @@
 #include "serial/usb_device.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "util/bytes.h"
 #include "util/log.h"
@@ -28,42 +26,35 @@ constexpr std::size_t kKeptWithoutFrame = 128;
 
 serial::Timeout PortTimeout() { return serial::Timeout(serial::Timeout::max(), 2, 0, 2, 0); }
 
-/// The serial library loses a descriptor each time that it opens what it then can't set up as a
-/// terminal, so that an application that tries a wrong path again and again would run out of them.
-const std::string& RefuseOtherFiles(const std::string& port) {
-  struct stat status {};
-  if (stat(port.c_str(), &status) == 0 && !S_ISCHR(status.st_mode)) {
-    throw serial::IOException(__FILE__, __LINE__, ENOTTY);
-  }
-  return port;
-}
-
 }  // namespace
 
 UsbSerialDevice::UsbSerialDevice(std::string_view port, unsigned int baud)
-    : Serial(RefuseOtherFiles(std::string(port)), baud, PortTimeout(), serial::eightbits,
-             serial::parity_none, serial::stopbits_one, serial::flowcontrol_none) {}
+    : Serial("", baud, PortTimeout(), serial::eightbits, serial::parity_none, serial::stopbits_one,
+             serial::flowcontrol_none) {
+  setPort(std::string(port));
+  if (!port.empty()) OpenPort();
+}
 
-UsbSerialDevice::~UsbSerialDevice() { StopThread(); }
+UsbSerialDevice::~UsbSerialDevice() { StopReceiving(); }
 
 // The port
 
 void UsbSerialDevice::Init() {
   const bool open = isOpen();
   LogInfo(Compose("[USB][serial port: ", getPort(), "] init ", open ? "[ok]" : "[failed]"));
-  if (open && !recv_thread_.joinable()) StartThread();
+  if (open && !recv_thread_.joinable()) StartReceiving();
 }
 
 bool UsbSerialDevice::Reconnect() {
   try {
-    StopThread();
+    StopReceiving();
     ClosePort();
     LogInfo(Compose("[USB] Reconnect: waiting ", kReenumeration.count(),
                     "s for device re-enumeration..."));
     clock_->SleepFor(kReenumeration);
     OpenPort();
     KeepNewest(0);
-    StartThread();
+    StartReceiving();
     LogInfo(Compose("[USB][serial port: ", getPort(), "] reconnect [ok]"));
     return true;
   } catch (const std::exception& error) {
@@ -77,21 +68,23 @@ bool UsbSerialDevice::Reconnect() {
 // not held up until the device is back.
 void UsbSerialDevice::OpenPort() {
   const std::lock_guard lock(write_mutex_);
-  RefuseOtherFiles(getPort());
+  PortClaim claim(getPort(), getBaudrate());
   open();
+  claim_ = std::move(claim);
 }
 
 void UsbSerialDevice::ClosePort() {
   const std::lock_guard lock(write_mutex_);
   if (isOpen()) close();
+  claim_ = PortClaim();
 }
 
-void UsbSerialDevice::StartThread() {
+void UsbSerialDevice::StartReceiving() {
   running_ = true;
   recv_thread_ = std::thread(&UsbSerialDevice::RecvThread, this);
 }
 
-void UsbSerialDevice::StopThread() {
+void UsbSerialDevice::StopReceiving() {
   running_ = false;
   if (recv_thread_.joinable()) recv_thread_.join();
 }
@@ -277,7 +270,7 @@ void UsbSerialDevice::KeepNewest(std::size_t count) {
   recv_buffer_pos_ = count;
 }
 
-// Telling
+// Showing what goes over the line
 
 void UsbSerialDevice::PrintFrame(const std::uint8_t* data, std::size_t size, bool is_send) const {
   if (!print_frames_) return;

@@ -11,18 +11,8 @@
 #include <string_view>
 #include <thread>
 
-// One packaging of the serial library puts its header into a folder and brings integer types of its
-// own; another one does neither, and names a file that it doesn't install unless it is told that
-// the system's types will do.
-#ifndef HAVE_STDINT_H
-#define HAVE_STDINT_H 1
-#endif
-#if __has_include(<serial/serial.h>)
-#include <serial/serial.h>
-#else
-#include <serial.h>
-#endif
-
+#include "serial/port_claim.h"
+#include "serial/serial_library.h"
 #include "serial/usb_frame.h"
 #include "util/clock.h"
 
@@ -44,8 +34,9 @@ class UsbSerialDevice : public serial::Serial {
   using FrameCallback =
       std::function<void(std::uint8_t command, const std::uint8_t* data, std::size_t size)>;
 
-  /// Opens `port` at once, 8N1 without flow control. Throws what the serial library throws. An
-  /// empty name opens nothing.
+  /// Opens `port` at once, 8N1 without flow control, for this object alone among those of all
+  /// programs that use this class. Throws what the serial library throws. An empty name opens
+  /// nothing.
   UsbSerialDevice(std::string_view port, unsigned int baud);
   UsbSerialDevice(const UsbSerialDevice&) = delete;
   UsbSerialDevice& operator=(const UsbSerialDevice&) = delete;
@@ -57,6 +48,10 @@ class UsbSerialDevice : public serial::Serial {
   /// Closes the port, waits 2 s for the device to come back under its name, and opens it again.
   /// False, with a line on the standard error stream, if it didn't: the port is then closed.
   bool Reconnect();
+
+  /// Ends the receive thread, and with it all calls of the callback. Called by the owner before it
+  /// changes what the callback reads, and by the destructor.
+  void StopReceiving();
 
   /// Not while the receive thread runs, which would miss what is taken here, nor in a Reconnect.
   std::size_t ReadRaw(std::uint8_t* data, std::size_t size);
@@ -131,8 +126,7 @@ class UsbSerialDevice : public serial::Serial {
  private:
   void OpenPort();
   void ClosePort();
-  void StartThread();
-  void StopThread();
+  void StartReceiving();
   void ReceivePass();
   void LogDeath(const char* what);
 
@@ -144,6 +138,8 @@ class UsbSerialDevice : public serial::Serial {
   void KeepNewest(std::size_t count);
 
   std::mutex recv_buffer_mutex_;
+  /// Held while the port is open.
+  PortClaim claim_;
 };
 
 }  // namespace talvera::korvane

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -78,13 +79,14 @@ const std::string kThirteenZeros = kTenZeros + " 0 0 0";
 
 class SerialCommands : public testing::Test {
  protected:
-  SerialCommands() { hand_ = Open(line_.Path()); }
+  SerialCommands() { Reopen(); }
 
-  static std::unique_ptr<Hand> Open(const std::string& path) {
-    std::unique_ptr<Hand> hand;
-    CaptureStreams([&] { hand = std::make_unique<Hand>(HandType::RIGHT, kId, path, kBaud); });
-    hand->SetFrameRecvTimeout(1000);
-    return hand;
+  /// A new hand object, to which nothing has been said yet.
+  void Reopen() {
+    hand_.reset();
+    CaptureStreams(
+        [&] { hand_ = std::make_unique<Hand>(HandType::RIGHT, kId, line_.Path(), kBaud); });
+    Device().frame_recv_timeout_ms_ = 60'000;
   }
 
   /// What `call` returns while the other end answers each command by the table; `requests_` is
@@ -244,7 +246,7 @@ TEST_F(SerialCommands, ReadRepliesOfTheRightSizeOnly) {
     const std::uint8_t command = read.call.request[0];
     for (std::size_t size = read.size == 0 ? 0 : read.size - 1; size <= read.size + 1; ++size) {
       SCOPED_TRACE(read.call.name + " " + std::to_string(size));
-      hand_ = Open(line_.Path());
+      Reopen();
       answers_ = {{command, Counting(command, size)}};
       const bool taken = read.exact ? size == read.size : size >= read.size;
       EXPECT_EQ(Run(read.call.call), taken ? read.result : read.failed);
@@ -272,7 +274,7 @@ TEST_F(SerialCommands, TakeOlderRepliesThatNobodyRead) {
       "GetAxisLimitPos SetPosSpeedCurData ";
   for (const Read& read : Reads()) {
     if (read.size == 0) continue;
-    hand_ = Open(line_.Path());
+    Reopen();
     Say(Counting(read.call.request[0], read.size));
     answers_ = {{read.call.request[0], {0x55}}};
     const bool stale = forgets.find(read.call.name + " ") == std::string::npos;
@@ -331,7 +333,7 @@ TEST_F(SerialCommands, WriteWhatIsNotAnsweredAndBuildOperationsFromSeveralComman
   };
   // clang-format on
   for (const Writes& row : rows) {
-    hand_ = Open(line_.Path());
+    Reopen();
     EXPECT_EQ(Run(row.call.call), row.result) << row.call.name;
     Frames expected{FrameOf(row.call.request)};
     expected.insert(expected.end(), row.more.begin(), row.more.end());
@@ -364,7 +366,7 @@ TEST_F(SerialCommands, ReadTactileSensorsOfAnyHandWithTheirNumberInFrontOrNot) {
            {1, Counting(0x11, 18), zeros16},
            {7, Counting(0x11, 24), zeros25},
            {7, Counting(0x11, 27), zeros25}}) {
-    hand_ = Open(line_.Path());
+    Reopen();
     answers_ = {{0x11, reply}};
     EXPECT_EQ(read(finger), expected) << finger << " " << reply.size();
     EXPECT_EQ(requests_, Frames{FrameOf({0x11, static_cast<std::uint8_t>(finger - 1)}, 0x7FF)});
@@ -413,13 +415,85 @@ TEST_F(SerialCommands, TellWhatTheHandIs) {
   const auto device = [this] { return Run([](Hand& hand) { return Show(hand.GetDeviceInfo()); }); };
   EXPECT_EQ(device(), "33");
   EXPECT_EQ(requests_, Frames{}) << "the id is known";
-  hand_ = Open(line_.Path());
+  Reopen();
   EXPECT_EQ(device(), "33");
   EXPECT_EQ(requests_, Frames{FrameOf({0xCD}, 0x7FF)});
-  hand_ = Open(line_.Path());
+  Reopen();
   hand_->SetFrameRecvTimeout(10);
   answers_ = {};
   EXPECT_EQ(device(), "0");
+}
+
+// What the hand said before counts also when it is silent now.
+TEST_F(SerialCommands, TellWhatTheHandIsByWhatItSaidBefore) {
+  Say(Counting(0xCD, 10));
+  Say(Bytes{0xC2} + Bytes(19, 'q'));
+  hand_->SetFrameRecvTimeout(10);
+  const auto vendor = [this] { return Run([](Hand& hand) { return Show(hand.GetVendorInfo()); }); };
+  EXPECT_EQ(vendor(), "TS9|qqqqqqqqqqqqqqqqqqq|4.5.6|7.8.9|10");
+  EXPECT_EQ(told_.out, "");
+  EXPECT_EQ(vendor(), "||0.0.0|0.0.0|0") << "only once";
+  EXPECT_EQ(told_.out, "get vendor info failed.\n");
+}
+
+/// The number in front of a reading is looked for once after each request.
+TEST_F(SerialCommands, TakeTheNumberOfASensorOnce) {
+  const auto read = [](Hand& hand) { return Show(hand.GetTactileSensorData(Finger::MIDDLE)); };
+  answers_ = {{0x11, Bytes{0x11, 2} + Bytes(16, 7)}};
+  EXPECT_EQ(Run(read), Show(Bytes(16, 7)));
+  Say(Bytes{0x11, 2} + Bytes(16, 7));
+  answers_ = {{0x11, {0x55}}};
+  EXPECT_EQ(Run(read), Show(Bytes{2} + Bytes(15, 7)));
+}
+
+TEST_F(SerialCommands, WriteTheStepsOfAnUpdate) {
+  const auto frame = [](const Bytes& command, bool modbus) {
+    Bytes bytes = FrameOf(command);
+    bytes.resize(bytes.size() - 2);
+    const std::uint16_t crc = (modbus ? Crc16Modbus : Crc16Xmodem)(bytes.data(), bytes.size());
+    return bytes + Bytes{static_cast<std::uint8_t>(crc), static_cast<std::uint8_t>(crc >> 8)};
+  };
+  std::array<char, 2048> packet;
+  for (std::size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<char>(i * 7);
+  const Bytes bytes(packet.begin(), packet.end());
+  hand_->ota_package_index = 0x102;
+  for (const bool modbus : {true, false}) {
+    hand_->ota_validation_type = modbus ? 255 : 0;
+    const std::uint16_t crc = (modbus ? Crc16Modbus : Crc16Xmodem)(bytes.data(), bytes.size());
+    Frames expected{
+        FrameOf({0xF1, 1, 4, 3, 2, 1, 6, 5}),
+        frame({0xF1, 2, 2, 1, static_cast<std::uint8_t>(crc), static_cast<std::uint8_t>(crc >> 8)},
+              modbus)};
+    expected[0][13] = expected[0][14] = 0x55;
+    for (auto at = bytes.begin(); at != bytes.end(); at += 64) {
+      expected.push_back(frame(Bytes{0xF0, 0} + Bytes(at, at + 64), modbus));
+    }
+    expected.push_back(frame({0xF1, 3, 0, 0, 0, 0}, modbus));
+    expected.push_back(frame({0xF1, 4, 0, 0, 0, 0}, modbus));
+    Run([&](Hand& hand) {
+      hand.SendOtaUpgradeRequest(0x01020304, 0x506);
+      hand.SendOtaPackage(packet);
+      hand.SendOtaFinish();
+      hand.SendOtaRestart();
+      hand.QueryOtaResult();
+      return "";
+    });
+    EXPECT_EQ(requests_, expected);
+  }
+}
+
+TEST_F(SerialCommands, HandTheirSettingsToThePort) {
+  for (const bool on : {true, false}) {
+    hand_->ShowDataDetails(on);
+    EXPECT_EQ(Device().print_frames_, on);
+    EXPECT_EQ(hand_->solver->show_details, on);
+  }
+  hand_->SetRequestInterval(501);
+  hand_->SetFrameRecvTimeout(9);
+  hand_->SetFrameSendTimeout(9);
+  EXPECT_EQ(hand_->GetRequestInterval(), 500);
+  EXPECT_EQ(hand_->GetFrameRecvTimeout(), 10);
+  EXPECT_EQ(hand_->GetFrameSendTimeout(), 0);
 }
 
 struct Says {

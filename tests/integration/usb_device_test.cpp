@@ -2,10 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <future>
+#include <iterator>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -133,9 +138,28 @@ TEST_F(UsbDevice, TellsItsPortAndCarriesFramesBothWays) {
 
 TEST(UsbDevicePort, ThatCantBeOpenedThrowsAndLeavesNothingBehind) {
   const test::TemporaryFile file({1});
+  const PseudoTerminal line;
+  const PseudoTerminal used;
+  const UsbSerialDevice user(used.Path(), kBaud);
+  const struct {
+    std::string port;
+    unsigned baud;
+    const char* text;
+  } refused[] = {{"/nonexistent/port", kBaud, "No such file"},
+                 {file.Path(), kBaud, "Inappropriate ioctl"},
+                 {"/dev/null", kBaud, "Inappropriate ioctl"},
+                 {line.Path(), 12345, "Inappropriate ioctl"},
+                 {used.Path(), kBaud, "in use by another hand object or program"}};
   const auto before = MeasureResources();
-  EXPECT_THROW(UsbSerialDevice("/nonexistent/port", kBaud), serial::IOException);
-  EXPECT_THROW(UsbSerialDevice(file.Path(), kBaud), serial::IOException);
+  for (int i = 0; i < 2000; ++i) {
+    const auto& [port, baud, text] = refused[static_cast<std::size_t>(i) % std::size(refused)];
+    try {
+      const UsbSerialDevice device(port, baud);
+      ADD_FAILURE() << port;
+    } catch (const serial::IOException& error) {
+      EXPECT_THAT(error.what(), HasSubstr(text));
+    }
+  }
   EXPECT_EQ(MeasureResources().descriptors, before.descriptors);
   UsbSerialDevice none("", kBaud);
   const auto written = test::CaptureStreams([&] { none.Init(); });
@@ -144,6 +168,33 @@ TEST(UsbDevicePort, ThatCantBeOpenedThrowsAndLeavesNothingBehind) {
   for (int i = 0; i < 2; ++i) {
     EXPECT_THROW(none.WriteRaw(kPing.data(), kPing.size()), serial::PortNotOpenedException);
   }
+}
+
+// The serial library would end the process with a descriptor of 1024 or more.
+TEST(UsbDevicePort, IsRefusedWhereItsDescriptorWouldBeTooLarge) {
+  constexpr int kTooLarge = 1024;
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 2 * kTooLarge);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  PseudoTerminal line;
+  std::vector<int> files{dup(STDIN_FILENO)};
+  while (files.back() >= 0 && files.back() < kTooLarge) files.push_back(dup(STDIN_FILENO));
+  ASSERT_EQ(files.back(), kTooLarge);
+  for (const bool fits : {false, false, true}) {
+    try {
+      UsbSerialDevice device(line.Path(), kBaud);
+      EXPECT_TRUE(fits);
+      line.Write(kPing);
+      EXPECT_TRUE(Eventually([&] { return device.available() == kPing.size(); }));
+    } catch (const serial::IOException& error) {
+      EXPECT_FALSE(fits);
+      EXPECT_THAT(error.what(), HasSubstr("a serial port needs a descriptor below 1024"));
+    }
+    close(files[files.size() - 2]);  // A port takes two.
+    files.erase(files.end() - 2);
+  }
+  for (const int file : files) close(file);
 }
 
 TEST_F(UsbDevice, HoldsItsTimesToTheirLimits) {
@@ -239,6 +290,21 @@ TEST_F(UsbDevice, AReconnectThatFailsLeavesThePortClosedUntilOneSucceeds) {
   EXPECT_EQ(device_.filter_device_id_, 1);
 }
 
+TEST_F(UsbDevice, KeepsItsPortForItselfButNotWhileItReconnects) {
+  const auto open_again = [this] { return std::make_unique<UsbSerialDevice>(line_.Path(), kBaud); };
+  std::unique_ptr<UsbSerialDevice> other;
+  device_.Init();
+  EXPECT_THROW(open_again(), serial::IOException);
+  EXPECT_FALSE(ReconnectAndMeanwhile([&] { other = open_again(); }));
+  EXPECT_THAT(err_.Text(),
+              ContainsRegex("Reconnect failed: .+ the port is in use by another hand"));
+  other.reset();
+  EXPECT_TRUE(ReconnectAndMeanwhile([] {}));
+  EXPECT_THROW(open_again(), serial::IOException);
+  line_.Write(kPosition);
+  EXPECT_EQ(Next(), kPositionFrame) << "all bytes are still its own";
+}
+
 // Reading
 
 // Settled: a silent line keeps what is to be cleared, until one block more has come.
@@ -305,7 +371,11 @@ TEST_F(UsbDevice, KeepsFramesOfManyThreadsWhole) {
   std::vector<std::future<void>> writers;
   for (const Bytes* frame : {&kPing, &kPosition, &kPing}) {
     writers.push_back(std::async(std::launch::async, [this, frame] {
-      for (std::size_t i = 0; i < kEach; ++i) device_.WriteRaw(frame->data(), frame->size());
+      for (std::size_t i = 0; i < kEach; ++i) {
+        // On a busy machine the port may take nothing, even three times.
+        while (device_.WriteRaw(frame->data(), frame->size()) == 0) {
+        }
+      }
     }));
   }
   EXPECT_EQ(writers[0].wait_for(milliseconds(100)), std::future_status::timeout);

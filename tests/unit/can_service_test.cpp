@@ -429,10 +429,11 @@ TYPED_TEST(ServiceOverCan, IsAHandOfItsModelWhoseRequestsDoNotBearItsId) {
   hand.SetRequestInterval(0);
   hand.SetFrameRecvTimeout(5000);
   EXPECT_EQ(hand.GetFrameRecvTimeout(), 1000);
-  hand.ShowDataDetails(true);
-  EXPECT_TRUE(this->rig_.device->show_data_details_);
+  for (const bool on : {true, false}) {
+    hand.ShowDataDetails(on);
+    EXPECT_EQ(this->rig_.device->show_data_details_, on);
+  }
   EXPECT_TRUE(this->rig_.device->TakeSent().empty());
-  hand.ShowDataDetails(false);
   // Any frame under the identifier is the reply, and no other.
   this->rig_.device->script = [](const CanfdFrame&) {
     return std::vector<CanfdFrame>{FullFrame(8, {2, 5}, 2), FullFrame(0x90009, {2, 6}, 2),

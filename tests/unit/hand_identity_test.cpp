@@ -209,8 +209,12 @@ TEST_P(HandObjects, HandTheirSettingsToTheTransportWhichHoldsThemToItsLimits) {
     EXPECT_EQ(hand_.GetFrameRecvTimeout(), timeout);
     EXPECT_EQ(device_.request_interval_ms_, interval);
     EXPECT_EQ(device_.frame_recv_timeout_ms_, timeout);
-    hand_.ShowDataDetails(given > 5);
-    EXPECT_EQ(device_.show_data_details_, given > 5);
+  }
+  const auto* const brisa = dynamic_cast<KorvaneBrisa*>(&hand_);
+  for (const bool on : {true, false}) {
+    hand_.ShowDataDetails(on);
+    EXPECT_EQ(device_.show_data_details_, on);
+    EXPECT_TRUE(!brisa || brisa->solver->show_details == on);
   }
   hand_.SetFrameSendTimeout(123456);
   EXPECT_EQ(hand_.GetFrameSendTimeout(), 123456) << "the adapter's business, not the hand's";

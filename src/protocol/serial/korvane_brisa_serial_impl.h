@@ -2,39 +2,11 @@
 
 #include "hand/refuses_report_periods.h"
 #include "hand/with_joint_angles.h"
-#include "private_korvane_brisa.h"
-#include "protocol/serial/serial_link.h"
+#include "protocol/serial/serial_brisa.h"
 #include "protocol/serial/serial_update.h"
 #include "protocol/service/service_records.h"
-#include "protocol/service/service_settings.h"
 
 namespace talvera::korvane {
-
-/// What the operations of a KorvaneBrisa on a serial link are built from.
-class SerialBrisa : public WithServiceSettings<PrivateKorvaneBrisa, SerialBrisaSettings> {
- public:
-  SerialBrisa() : link_(*this) {}
-
- protected:
-  using Bytes = ReplyCache::Bytes;
-
-  bool CheckJointCount(std::size_t count) const;
-  static void RefusePeriods(const char* operation);
-  bool Execute(const char* operation, ServiceCommand command,
-               const ServicePayload& payload) override;
-
-  /// The reply to a read; nothing if no frame came in time, or none of that kind.
-  std::optional<Bytes> Read(const char* operation, ServiceCommand command, ReplySlot slot) const;
-  /// The same for a service operation, silent while the link isn't open. Only a reply that comes
-  /// after the request counts if `forget` is set.
-  std::optional<Bytes> ReadService(const char* operation, ServiceCommand command, ReplySlot slot,
-                                   bool forget = false, const ServicePayload& payload = {}) const;
-  std::vector<std::uint16_t> ReadServiceWords(const char* operation, ServiceCommand command,
-                                              ReplySlot slot, bool forget = false,
-                                              const ServicePayload& payload = {}) const;
-
-  SerialLink link_;
-};
 
 /// The KorvaneBrisa on a USB or RS-485 serial link, with both of its interfaces.
 ///
@@ -106,20 +78,11 @@ class KorvaneBrisaSerialImpl
   std::vector<std::uint16_t> GetAllAxisVelocity() const override;
   std::vector<std::uint8_t> GetAllAxisTemp() const override;
   std::uint16_t GetErrorCode() const override;
-  std::vector<std::uint16_t> GetAllAxisPosRange() const override;
   std::vector<std::uint8_t> GetFingertipSensor(std::uint8_t sensor) const override;
-  std::vector<std::uint8_t> GetAllFingertipSensorA() const override;
-  std::vector<std::uint8_t> GetAllFingertipSensorB() const override;
-  std::vector<std::uint8_t> GetAllFingertipSensorC() const override;
   std::uint16_t SetSingleActualAxisPos(std::uint8_t axis, std::uint16_t pos) override;
   std::uint16_t GetSingleActualAxisPos(std::uint8_t axis) const override;
   std::vector<std::uint16_t> SetAllActualAxisPos(
       const std::vector<std::uint16_t>& positions) override;
-  std::vector<std::uint16_t> GetAllActualAxisPos() const override;
-  std::vector<std::uint16_t> GetAllLoadData() const override;
-  std::vector<std::uint8_t> GetAllElectricMotorId() const override;
-  std::vector<std::uint8_t> GetAllSensorId() const override;
-  std::vector<std::uint8_t> GetAllAxisCvp() const override;
   AxisLimitPos GetAxisLimitPos() const override;
   SetAllAxisPosResponse SetPosSpeedCurData(const std::vector<std::uint16_t>& pos,
                                            const std::vector<std::int16_t>& speed,
@@ -146,11 +109,11 @@ class KorvaneBrisaSerialImpl
   UsbSerialDevice* Device() const { return link_.device.get(); }
 
  private:
-  std::optional<Bytes> ReadForAxis(const char* operation, ServiceCommand command, ReplySlot slot,
-                                   const char* what, std::uint8_t index) const;
+  /// The reply to a read of all axes, of which one is wanted; its failure is logged.
+  std::optional<Bytes> ReadForAxis(const char* operation, ServiceCommand command, const char* what,
+                                   std::uint8_t index) const;
   /// A mixed command: what isn't set in it is zero.
   void WriteTargets(const ServiceTargets& targets);
-  std::optional<std::uint16_t> ReadPosition(const char* operation, std::uint8_t index) const;
 
   SerialUpdate update_;
 };

@@ -1,57 +1,79 @@
 #include "protocol/serial/reply_cache.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "hand/tactile_layout.h"
-#include "protocol/service/service_command.h"
 
 namespace talvera::korvane {
 namespace {
 
-/// Which reply leaves which bytes where. Hands send some replies in one size only, and longer ones
-/// of the others are taken for what they begin with.
+/// What of the reply to a command is kept, and where. Hands send some replies in one size only;
+/// those of the others that are longer count by what they begin with.
 struct ReplyRow {
   ServiceCommand command;
-  bool exact;
-  std::uint8_t size;
   ReplySlot slot;
-  std::uint8_t offset;
-  std::uint8_t width;
+  std::uint8_t size = 0;
+  bool exact = false;
+  std::uint8_t offset = 0;
+  std::uint8_t width = 0;
+
+  constexpr ReplyRow AtLeast(std::uint8_t bytes) const {
+    return {command, slot, bytes, /*exact=*/false, /*offset=*/0, /*width=*/bytes};
+  }
+  constexpr ReplyRow Exactly(std::uint8_t bytes) const {
+    return {command, slot, bytes, /*exact=*/true, /*offset=*/0, /*width=*/bytes};
+  }
+  /// All of the size is kept unless a row names a part of it.
+  constexpr ReplyRow Part(std::uint8_t first, std::uint8_t bytes) const {
+    return {command, slot, size, exact, first, bytes};
+  }
+
+  bool Accepts(std::size_t received) const { return exact ? received == size : received >= size; }
 };
 
 using Command = ServiceCommand;
 
+// clang-format off
 constexpr ReplyRow kReplies[] = {
-    {Command::kGetPowerState, false, 1, ReplySlot::kPowerState, 0, 1},
-    {Command::kSetSingleAxisPos, false, 3, ReplySlot::kAxisPosition, 1, 2},
-    {Command::kGetSingleAxisPos, false, 3, ReplySlot::kAxisPosition, 1, 2},
-    {Command::kSetAllAxisPos, true, 60, ReplySlot::kPositionResponse, 0, 60},
-    {Command::kSetAllAxisPos, true, 60, ReplySlot::kPositions, 0, 20},
-    {Command::kGetAllAxisPos, true, 20, ReplySlot::kPositions, 0, 20},
-    {Command::kGetAllAxisCurrent, true, 20, ReplySlot::kCurrents, 0, 20},
-    {Command::kGetAllAxisForce, true, 20, ReplySlot::kForces, 0, 20},
-    {Command::kGetAllAxisTemp, false, 10, ReplySlot::kTemperatures, 0, 10},
-    {Command::kGetErrorCode, true, 2, ReplySlot::kErrors, 0, 2},
-    {Command::kGetAllAxisPosRange, false, 20, ReplySlot::kPositionRanges, 0, 20},
-    {Command::kGetAllFingertipSensorA, false, 48, ReplySlot::kSensorsA, 0, 48},
-    {Command::kGetAllFingertipSensorB, false, 32, ReplySlot::kSensorsB, 0, 32},
-    {Command::kGetAllFingertipSensorC, false, 50, ReplySlot::kSensorsC, 0, 50},
-    {Command::kSetAllActualAxisPos, false, 60, ReplySlot::kActualResponse, 0, 60},
-    {Command::kGetAllActualAxisPos, false, 20, ReplySlot::kActualPositions, 0, 20},
-    {Command::kGetAllLoadData, false, 20, ReplySlot::kLoads, 0, 20},
-    {Command::kGetAllElectricMotorId, false, 10, ReplySlot::kMotorIds, 0, 10},
-    {Command::kGetAllSensorId, false, 7, ReplySlot::kSensorIds, 0, 7},
-    {Command::kGetAllAxisCvp, true, 60, ReplySlot::kCvp, 0, 60},
-    {Command::kGetAxisLimitPos, false, 40, ReplySlot::kLimits, 0, 40},
-    {Command::kSetPosSpeedCurData, true, 60, ReplySlot::kTargetResponse, 0, 60},
-    {Command::kSetPosSpeedCurData, true, 60, ReplySlot::kPositions, 0, 20},
-    {Command::kGetControlSource, false, 1, ReplySlot::kControlSource, 0, 1},
-    {Command::kGetProductSerialNumber, false, 19, ReplySlot::kSerialNumber, 0, 19},
-    {Command::kGetFwVersion, false, 10, ReplySlot::kDeviceInfo, 0, 10},
-    {Command::kGetFwVersion, false, 10, ReplySlot::kVersion, 0, 10},
+    ReplyRow{Command::kGetPowerState, ReplySlot::kPowerState}.AtLeast(1),
+    ReplyRow{Command::kSetSingleAxisPos, ReplySlot::kAxisPosition}.AtLeast(3).Part(1, 2),
+    ReplyRow{Command::kGetSingleAxisPos, ReplySlot::kAxisPosition}.AtLeast(3).Part(1, 2),
+    ReplyRow{Command::kSetAllAxisPos, ReplySlot::kPositionResponse}.Exactly(60),
+    ReplyRow{Command::kSetAllAxisPos, ReplySlot::kPositions}.Exactly(60).Part(0, 20),
+    ReplyRow{Command::kGetAllAxisPos, ReplySlot::kPositions}.Exactly(20),
+    ReplyRow{Command::kGetAllAxisCurrent, ReplySlot::kCurrents}.Exactly(20),
+    ReplyRow{Command::kGetAllAxisForce, ReplySlot::kForces}.Exactly(20),
+    ReplyRow{Command::kGetAllAxisTemp, ReplySlot::kTemperatures}.AtLeast(10),
+    ReplyRow{Command::kGetErrorCode, ReplySlot::kErrors}.Exactly(2),
+    ReplyRow{Command::kGetAllAxisPosRange, ReplySlot::kPositionRanges}.AtLeast(20),
+    ReplyRow{Command::kGetAllFingertipSensorA, ReplySlot::kSensorsA}.AtLeast(48),
+    ReplyRow{Command::kGetAllFingertipSensorB, ReplySlot::kSensorsB}.AtLeast(32),
+    ReplyRow{Command::kGetAllFingertipSensorC, ReplySlot::kSensorsC}.AtLeast(50),
+    ReplyRow{Command::kSetAllActualAxisPos, ReplySlot::kActualResponse}.AtLeast(60),
+    ReplyRow{Command::kGetAllActualAxisPos, ReplySlot::kActualPositions}.AtLeast(20),
+    ReplyRow{Command::kGetAllLoadData, ReplySlot::kLoads}.AtLeast(20),
+    ReplyRow{Command::kGetAllElectricMotorId, ReplySlot::kMotorIds}.AtLeast(10),
+    ReplyRow{Command::kGetAllSensorId, ReplySlot::kSensorIds}.AtLeast(7),
+    ReplyRow{Command::kGetAllAxisCvp, ReplySlot::kCvp}.Exactly(60),
+    ReplyRow{Command::kGetAxisLimitPos, ReplySlot::kLimits}.AtLeast(40),
+    ReplyRow{Command::kSetPosSpeedCurData, ReplySlot::kTargetResponse}.Exactly(60),
+    ReplyRow{Command::kSetPosSpeedCurData, ReplySlot::kPositions}.Exactly(60).Part(0, 20),
+    ReplyRow{Command::kGetControlSource, ReplySlot::kControlSource}.AtLeast(1),
+    ReplyRow{Command::kGetProductSerialNumber, ReplySlot::kSerialNumber}.AtLeast(19),
+    ReplyRow{Command::kGetFwVersion, ReplySlot::kDeviceInfo}.AtLeast(10),
+    ReplyRow{Command::kGetFwVersion, ReplySlot::kVersion}.AtLeast(10),
 };
+// clang-format on
 
 }  // namespace
+
+ReplySlot SlotOf(ServiceCommand command) {
+  if (command == Command::kGetFingertipSensor) return ReplySlot::kSensor;
+  return std::find_if(std::begin(kReplies), std::end(kReplies),
+                      [&](const ReplyRow& row) { return row.command == command; })
+      ->slot;
+}
 
 ReplyCache::ReplyCache() {
   for (const ReplyRow& row : kReplies) At(row.slot).data.resize(row.width);
@@ -62,7 +84,7 @@ void ReplyCache::Store(std::uint8_t command, const std::uint8_t* data, std::size
   if (static_cast<Command>(command) == Command::kGetFingertipSensor) StoreSensor(data, size);
   for (const ReplyRow& row : kReplies) {
     if (static_cast<Command>(command) != row.command) continue;
-    if (row.exact ? size != row.size : size < row.size) continue;
+    if (!row.Accepts(size)) continue;
     Cache& cache = At(row.slot);
     std::copy_n(data + row.offset, row.width, cache.data.begin());
     cache.fresh = true;

@@ -6,6 +6,8 @@
 #include <optional>
 #include <vector>
 
+#include "protocol/service/service_command.h"
+
 namespace talvera::korvane {
 
 /// What the replies of the serial link leave behind. Some replies leave two things.
@@ -38,6 +40,9 @@ enum class ReplySlot : std::uint8_t {
   kCount,
 };
 
+/// Where the cache keeps the reply to a command; the first place if there are two.
+ReplySlot SlotOf(ServiceCommand command);
+
 /// The last reply of each kind, and whether it has been read. Written by the receive thread, read
 /// by any thread.
 ///
@@ -52,16 +57,17 @@ class ReplyCache {
   /// Keeps what the frame holds; frames of unknown commands or of a wrong size are ignored.
   void Store(std::uint8_t command, const std::uint8_t* data, std::size_t size);
 
-  /// The last reply if nobody has read it yet.
+  /// Returns the last reply of this kind and marks it as read; nothing if it was read before.
   std::optional<Bytes> Take(ReplySlot slot);
 
   /// The last reply as it stands, all zero before the first.
   Bytes Last(ReplySlot slot) const;
 
-  /// Makes the last reply one that has been read.
+  /// Marks the last reply of this kind as read.
   void Forget(ReplySlot slot);
 
-  /// The next tactile reply may begin with this number, which isn't part of the reading.
+  /// The next tactile reply that begins with this number has it in front of the reading, of which
+  /// it isn't a part.
   void AwaitSensor(std::uint8_t number);
 
  private:

@@ -26,12 +26,10 @@ void LogFailure(const char* operation, const std::exception& error) {
 SerialLink::SerialLink(const Korvane& hand) : hand_(hand) {}
 SerialLink::~SerialLink() = default;
 
-bool SerialLink::Open(
-    const std::string& port, int baud,
-    std::function<void(std::uint8_t, const std::uint8_t*, std::size_t)> callback) {
-  const auto tell = [&](const char* what) {
-    device.reset();
-    LogError(Compose("[Error]: Failed to open USB serial port ", port, ": ", what));
+bool SerialLink::Open(const std::string& port, int baud, FrameCallback callback) {
+  const auto fail = [&](const char* why) {
+    Close();
+    LogError(Compose("[Error]: Failed to open USB serial port ", port, ": ", why));
     return false;
   };
   try {
@@ -40,10 +38,16 @@ bool SerialLink::Open(
     device->Init();
     return device->isOpen();
   } catch (const std::exception& error) {
-    return tell(error.what());
+    return fail(error.what());
   } catch (...) {
-    return tell("Unknown exception");
+    return fail("Unknown exception");
   }
+}
+
+// The callback may read `device`, which therefore stays as it is until no callback can run.
+void SerialLink::Close() {
+  if (device) device->StopReceiving();
+  device.reset();
 }
 
 UsbSerialDevice& SerialLink::Device() const {
@@ -79,6 +83,18 @@ bool SerialLink::Write(const char* operation, ServiceCommand command,
     LogFailure(operation, error);
     return false;
   }
+}
+
+std::optional<ReplyCache::Bytes> SerialLink::Read(const char* operation, ServiceCommand command,
+                                                  const ServicePayload& payload) const {
+  if (!Request(operation, command, payload)) return std::nullopt;
+  return replies.Take(SlotOf(command));
+}
+
+std::optional<ReplyCache::Bytes> SerialLink::ReadOrTakeEarlier(const char* operation,
+                                                               ServiceCommand command) const {
+  Request(operation, command, {});
+  return replies.Take(SlotOf(command));
 }
 
 FwVersion SerialLink::QueryVersion(bool no_crc) const {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "korvane.h"
@@ -13,34 +15,48 @@ namespace talvera::korvane {
 
 class UsbSerialDevice;
 
-/// A hand's hold on its serial port, which may be missing, and what the port has brought.
+/// The serial port of a hand, if it could be opened, and the replies that have arrived on it. All
+/// requests of the hand go through this class.
 class SerialLink {
  public:
+  /// Called on the receive thread with the command and the data of each frame.
+  using FrameCallback = std::function<void(std::uint8_t, const std::uint8_t*, std::size_t)>;
+
   explicit SerialLink(const Korvane& hand);
   ~SerialLink();
 
-  /// Opens the port; frames go to `callback` on the receive thread from then on. False, after a
-  /// line, if that failed.
-  bool Open(const std::string& port, int baud,
-            std::function<void(std::uint8_t, const std::uint8_t*, std::size_t)> callback);
+  /// Opens the port and starts to receive. If that fails, logs why and returns false.
+  bool Open(const std::string& port, int baud, FrameCallback callback);
 
-  /// What service operations ask first.
+  /// Ends the receive thread, then gives the port up.
+  void Close();
+
+  /// Whether service operations are carried out at all.
   bool IsReady() const { return hand_.connected && device; }
 
   /// The port. Throws std::runtime_error ("no transport") if there is none.
   UsbSerialDevice& Device() const;
 
-  /// True if some frame came in time. A failure of the port is told.
+  /// Sends a command and waits. True if some frame came in time. A failure of the port is logged.
   bool Request(const char* operation, ServiceCommand command, const ServicePayload& payload,
                SerialFrameCrcType crc = SerialFrameCrcType::kCrc16Ccitt) const;
-  /// The same to another id than the hand's.
+  /// The same, to another id than the hand's.
   bool RequestTo(std::uint16_t device_id, const char* operation, ServiceCommand command,
                  const ServicePayload& payload, SerialFrameCrcType crc) const;
 
-  /// Doesn't wait. False after a short write, a failure of the port, which is told, or without one.
+  /// Sends a command and doesn't wait. False if the port took less than all of it, failed, which is
+  /// logged, or isn't there.
   bool Write(const char* operation, ServiceCommand command, const ServicePayload& payload) const;
 
-  /// The versions of the hand; all zero without an answer.
+  /// Sends a command and waits. Nothing if no frame came in time, or no reply to such a command has
+  /// come that wasn't read before.
+  std::optional<ReplyCache::Bytes> Read(const char* operation, ServiceCommand command,
+                                        const ServicePayload& payload = {}) const;
+  /// The same, but a reply that came earlier counts also when no frame comes now.
+  std::optional<ReplyCache::Bytes> ReadOrTakeEarlier(const char* operation,
+                                                     ServiceCommand command) const;
+
+  /// Asks for the versions of the hand; all zero if it hasn't told any.
   FwVersion QueryVersion(bool no_crc) const;
 
   std::unique_ptr<UsbSerialDevice> device;

@@ -20,13 +20,13 @@ struct ServiceModel {
   std::uint8_t motors;
   /// The axes of a reply that has room for more limits than the hand has motors.
   std::uint8_t most_limits;
-  /// The least reply to a command for all motors. One hand's may lack the last byte, which then
-  /// reads 0.
+  /// The shortest reply to a command for all motors that counts. One hand's may lack the last byte,
+  /// which then reads 0.
   std::size_t positions_reply;
   /// A reply to SetAllAxisPos without room for all of its blocks still tells the positions.
-  bool takes_positions_alone;
+  bool takes_positions_alone = false;
   /// There is a firmware update over this protocol.
-  bool has_update;
+  bool has_update = false;
   /// There is a constructor for a TCP link, which is refused.
   bool has_tcp_form = true;
 };
@@ -34,7 +34,8 @@ struct ServiceModel {
 /// The service protocol over CAN, carried out for any model by its row: one identifier, a command
 /// byte, a payload. A reply counts by its length alone, which CAN FD rounds up.
 ///
-/// Every operation is silent while the link isn't open. What fails on the link is told in one line.
+/// Every operation is silent while the link isn't open. What fails on the link is logged in one
+/// line.
 class CanServiceEngine : public CanLink {
  public:
   using UpdateState = ServiceUpdateState;

@@ -7,6 +7,7 @@
 #include "can/hand_on_can.h"
 #include "protocol/service/can_service_engine.h"
 #include "protocol/service/service_frame.h"
+#include "protocol/service/service_readings.h"
 #include "protocol/service/service_settings.h"
 #include "util/bytes.h"
 
@@ -18,8 +19,10 @@ using StreamCmd = ServiceCommand;
 /// What hands on CAN with a service interface have in common: the service operations, and those
 /// public ones that are the same commands. `Row` also states the differences of the settings.
 template <class Model, class Row>
-class CanServiceHand : public WithServiceSettings<HandOnCan<Model, Row, CanServiceEngine>, Row> {
-  using Base = WithServiceSettings<HandOnCan<Model, Row, CanServiceEngine>, Row>;
+class CanServiceHand : public WithServiceReadings<
+                           WithServiceSettings<HandOnCan<Model, Row, CanServiceEngine>, Row>> {
+  using Base =
+      WithServiceReadings<WithServiceSettings<HandOnCan<Model, Row, CanServiceEngine>, Row>>;
   using Byte = std::uint8_t;
   using Word = std::uint16_t;
   using Command = ServiceCommand;
@@ -103,20 +106,18 @@ class CanServiceHand : public WithServiceSettings<HandOnCan<Model, Row, CanServi
                                        ServicePayload().AddAll(pos).AddAll(speed).AddAll(current),
                                        /*positions_alone=*/false);
   }
-  std::vector<Word> GetAllAxisPos() const override { return Words(reading::kAxisPos); }
-  std::vector<Word> GetAllActualAxisPos() const override { return Words(reading::kActualAxisPos); }
-  std::vector<Word> GetAllAxisPosRange() const override { return Words(reading::kAxisPosRange); }
+  std::vector<Word> GetAllAxisPos() const override { return ReadWords(reading::kAxisPos); }
   AxisLimitPos GetAxisLimitPos() const override { return engine_.ReadLimits(); }
 
   // States
 
-  std::vector<Word> GetAllAxisCurrent() const override { return Words(reading::kAxisCurrent); }
-  std::vector<Word> GetAllAxisVelocity() const override { return Words(reading::kAxisVelocity); }
-  std::vector<Byte> GetAllAxisTemp() const override { return Bytes(reading::kAxisTemp); }
-  std::vector<Word> GetAllLoadData() const override { return Words(reading::kLoadData); }
-  std::vector<Byte> GetAllAxisCvp() const override { return Bytes(reading::kAxisCvp); }
+  std::vector<Word> GetAllAxisCurrent() const override { return ReadWords(reading::kAxisCurrent); }
+  std::vector<Word> GetAllAxisVelocity() const override {
+    return ReadWords(reading::kAxisVelocity);
+  }
+  std::vector<Byte> GetAllAxisTemp() const override { return ReadBytes(reading::kAxisTemp); }
   std::vector<Byte> GetFingerTactileForce() const override {
-    return Bytes(reading::kFingerTactileForce);
+    return ReadBytes(reading::kFingerTactileForce);
   }
   Word GetErrorCode() const override {
     const auto reply = engine_.RequestOrLog("GetErrorCode", Command::kGetErrorCode);
@@ -125,10 +126,6 @@ class CanServiceHand : public WithServiceSettings<HandOnCan<Model, Row, CanServi
 
   // What the hand is
 
-  std::vector<Byte> GetAllElectricMotorId() const override {
-    return Bytes(reading::kElectricMotorId);
-  }
-  std::vector<Byte> GetAllSensorId() const override { return Bytes(reading::kSensorId); }
   ProductSerialNumber GetProductSerialNumber() const override { return engine_.ReadSerialNumber(); }
   FwVersion GetFwVersion() const override { return engine_.ReadFwVersion(); }
 
@@ -156,10 +153,10 @@ class CanServiceHand : public WithServiceSettings<HandOnCan<Model, Row, CanServi
     return engine_.IsAcknowledged(operation, command, payload);
   }
 
-  std::vector<Word> Words(const ServiceReading& reading) const {
+  std::vector<Word> ReadWords(const ServiceReading& reading) const override {
     return engine_.template Read<Word>(reading);
   }
-  std::vector<Byte> Bytes(const ServiceReading& reading) const {
+  std::vector<Byte> ReadBytes(const ServiceReading& reading) const override {
     return engine_.template Read<Byte>(reading);
   }
 

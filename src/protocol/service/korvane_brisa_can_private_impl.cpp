@@ -90,16 +90,6 @@ std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetFingertipSensor(
   return {reply->data + 1, reply->data + size};
 }
 
-std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetAllFingertipSensorA() const {
-  return Bytes(reading::kFingertipSensorA);
-}
-std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetAllFingertipSensorB() const {
-  return Bytes(reading::kFingertipSensorB);
-}
-std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetAllFingertipSensorC() const {
-  return Bytes(reading::kFingertipSensorC);
-}
-
 std::vector<TactileSensorData> KorvaneBrisaCanPrivateImpl::GetAllTactileSensorData() const {
   const auto a = GetAllFingertipSensorA();
   const auto b = GetAllFingertipSensorB();

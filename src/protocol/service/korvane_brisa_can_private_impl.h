@@ -10,13 +10,16 @@
 namespace talvera::korvane {
 
 struct BrisaServiceRow {
-  static constexpr ServiceModel kModel{"KorvaneBrisaCanPrivateImpl",
-                                       /*model_code=*/0,
-                                       /*motors=*/10,
-                                       /*most_limits=*/12,
-                                       /*positions_reply=*/20,
-                                       /*takes_positions_alone=*/false,
-                                       /*has_update=*/true};
+  static constexpr ServiceModel kModel = [] {
+    ServiceModel model{};
+    model.class_name = "KorvaneBrisaCanPrivateImpl";
+    model.model_code = model_code::kBrisa;
+    model.motors = 10;
+    model.most_limits = 12;
+    model.positions_reply = 20;
+    model.has_update = true;
+    return model;
+  }();
   static constexpr std::uint8_t kHomingAxes = 10;
   /// Over CAN a value above 255 arrives cut to its low byte.
   static constexpr std::uint8_t kOverloadBytes = 1;
@@ -49,9 +52,6 @@ class KorvaneBrisaCanPrivateImpl
 
   // Touch. The protocol has no single summaries and no raw arrays: nothing is asked for them.
   std::vector<std::uint8_t> GetFingertipSensor(std::uint8_t sensor) const override;
-  std::vector<std::uint8_t> GetAllFingertipSensorA() const override;
-  std::vector<std::uint8_t> GetAllFingertipSensorB() const override;
-  std::vector<std::uint8_t> GetAllFingertipSensorC() const override;
   std::vector<TactileSensorData> GetAllTactileSensorData() const override;
   std::vector<std::uint8_t> GetTactileSensorData(Finger finger) const override;
   TactileSensorData GetTactileSensorDataRaw(Finger finger) const override;

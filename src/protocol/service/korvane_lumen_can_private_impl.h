@@ -1,5 +1,6 @@
 #pragma once
 
+#include "hand/hand_members.h"
 #include "hand/refuses_report_periods.h"
 #include "private_korvane_lumen.h"
 #include "protocol/service/can_service_hand.h"
@@ -7,13 +8,16 @@
 namespace talvera::korvane {
 
 struct LumenServiceRow {
-  static constexpr ServiceModel kModel{"KorvaneLumenCanPrivateImpl",
-                                       /*model_code=*/3,
-                                       /*motors=*/4,
-                                       /*most_limits=*/4,
-                                       /*positions_reply=*/9,
-                                       /*takes_positions_alone=*/true,
-                                       /*has_update=*/false};
+  static constexpr ServiceModel kModel = [] {
+    ServiceModel model{};
+    model.class_name = "KorvaneLumenCanPrivateImpl";
+    model.model_code = model_code::kLumen;
+    model.motors = 4;
+    model.most_limits = 4;
+    model.positions_reply = 9;
+    model.takes_positions_alone = true;
+    return model;
+  }();
   static constexpr std::uint8_t kHomingAxes = 4;
   static constexpr std::uint8_t kOverloadBytes = 1;
 

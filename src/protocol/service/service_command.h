@@ -104,7 +104,8 @@ class ServicePayload {
 };
 
 /// A command that sets one value, of the whole hand or of one axis, and is only acknowledged. What
-/// is out of range is refused before anything is sent.
+/// is out of range is refused before anything is sent. By default any value goes, in one byte, and
+/// any axis.
 struct ServiceSetting {
   const char* operation;
   ServiceCommand command;
@@ -114,50 +115,72 @@ struct ServiceSetting {
   std::uint8_t first_axis = 0;
   std::uint8_t last_axis = 0xFF;
 
+  constexpr ServiceSetting Range(int least, int most) const {
+    ServiceSetting setting = *this;
+    setting.min = least;
+    setting.max = most;
+    return setting;
+  }
+  constexpr ServiceSetting Bytes(std::uint8_t count) const {
+    ServiceSetting setting = *this;
+    setting.value_bytes = count;
+    return setting;
+  }
+  constexpr ServiceSetting Axes(std::uint8_t first, std::uint8_t last) const {
+    ServiceSetting setting = *this;
+    setting.first_axis = first;
+    setting.last_axis = last;
+    return setting;
+  }
+
   constexpr bool InRange(int value) const { return value >= min && value <= max; }
   constexpr bool HasAxis(int axis) const { return axis >= first_axis && axis <= last_axis; }
 };
 
 namespace setting {
 
+using Command = ServiceCommand;
+
 inline constexpr int kMaxPos = 4096;
 inline constexpr short kMaxProtectiveCurrent = 3250;
 
-inline constexpr ServiceSetting kPowerState{"SetPowerState", ServiceCommand::kSetPowerState};
-inline constexpr ServiceSetting kAxisHoming{
-    "SetAxisHoming", ServiceCommand::kSetAxisHoming, -4095, 4095, 2, 1};
-inline constexpr ServiceSetting kId{"SetId", ServiceCommand::kSetId, 1, 2046, 2};
-inline constexpr ServiceSetting kPlayAction{"PlayAction", ServiceCommand::kPlayAction};
-inline constexpr ServiceSetting kSingleAxisPos{
-    "SetSingleAxisPos", ServiceCommand::kSetSingleAxisPos, 0, kMaxPos, 2, 1, 12};
-inline constexpr ServiceSetting kSingleActualAxisPos{
-    "SetSingleActualAxisPos", ServiceCommand::kSetSingleActualAxisPos, 0, kMaxPos, 2, 1, 10};
-inline constexpr ServiceSetting kRunMode{"SetRunMode", ServiceCommand::kSetRunMode};
-inline constexpr ServiceSetting kAxisMinPos{
-    "SetAxisMinPos", ServiceCommand::kSetAxisMinPos, 0, kMaxPos, 2, 1, 12};
-inline constexpr ServiceSetting kAxisMaxPos{
-    "SetAxisMaxPos", ServiceCommand::kSetAxisMaxPos, 0, kMaxPos, 2, 1, 12};
-inline constexpr ServiceSetting kOverloadTorque{"SetOverloadTorque",
-                                                ServiceCommand::kSetOverloadTorque, 0, 1000, 2};
-inline constexpr ServiceSetting kOverloadProtectionTime{
-    "SetOverloadProtectionTime", ServiceCommand::kSetOverloadProtectionTime, 0, 0xFFFF, 2};
-inline constexpr ServiceSetting kProtectedTorque{"SetProtectedTorque",
-                                                 ServiceCommand::kSetProtectedTorque, 0, 100};
-inline constexpr ServiceSetting kMinTorque{
-    "SetMinTorque", ServiceCommand::kSetMinTorque, 0, 0xFF, 1, 1, 12};
-inline constexpr ServiceSetting kProtectiveCurrent{"SetProtectiveCurrent",
-                                                   ServiceCommand::kSetProtectiveCurrent,
-                                                   0,
-                                                   kMaxProtectiveCurrent,
-                                                   2,
-                                                   1,
-                                                   12};
-inline constexpr ServiceSetting kCvpUploadInterval{
-    "SetAllAxisCvpUploadInterval", ServiceCommand::kSetAllAxisCvpUploadInterval, 0, 0xFFFF, 2};
-inline constexpr ServiceSetting kRightOrLeft{"SetRightOrLeft", ServiceCommand::kSetRightOrLeft, 0,
-                                             1};
-inline constexpr ServiceSetting kTemperatureThreshold{"SetTemperatureThreshold",
-                                                      ServiceCommand::kSetTemperatureThreshold};
+// clang-format off
+inline constexpr auto kPowerState =
+    ServiceSetting{"SetPowerState", Command::kSetPowerState};
+/// How many axes have a homing offset is the hand's.
+inline constexpr auto kAxisHoming =
+    ServiceSetting{"SetAxisHoming", Command::kSetAxisHoming}.Range(-4095, 4095).Bytes(2).Axes(1, 0xFF);
+inline constexpr auto kId =
+    ServiceSetting{"SetId", Command::kSetId}.Range(1, 2046).Bytes(2);
+inline constexpr auto kPlayAction =
+    ServiceSetting{"PlayAction", Command::kPlayAction};
+inline constexpr auto kSingleAxisPos =
+    ServiceSetting{"SetSingleAxisPos", Command::kSetSingleAxisPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 12);
+inline constexpr auto kSingleActualAxisPos =
+    ServiceSetting{"SetSingleActualAxisPos", Command::kSetSingleActualAxisPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 10);
+inline constexpr auto kRunMode =
+    ServiceSetting{"SetRunMode", Command::kSetRunMode};
+inline constexpr auto kAxisMinPos =
+    ServiceSetting{"SetAxisMinPos", Command::kSetAxisMinPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 12);
+inline constexpr auto kAxisMaxPos =
+    ServiceSetting{"SetAxisMaxPos", Command::kSetAxisMaxPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 12);
+inline constexpr auto kOverloadTorque =
+    ServiceSetting{"SetOverloadTorque", Command::kSetOverloadTorque}.Range(0, 1000).Bytes(2);
+inline constexpr auto kOverloadProtectionTime =
+    ServiceSetting{"SetOverloadProtectionTime", Command::kSetOverloadProtectionTime}.Bytes(2);
+inline constexpr auto kProtectedTorque =
+    ServiceSetting{"SetProtectedTorque", Command::kSetProtectedTorque}.Range(0, 100);
+inline constexpr auto kMinTorque =
+    ServiceSetting{"SetMinTorque", Command::kSetMinTorque}.Axes(1, 12);
+inline constexpr auto kProtectiveCurrent =
+    ServiceSetting{"SetProtectiveCurrent", Command::kSetProtectiveCurrent}.Range(0, kMaxProtectiveCurrent).Bytes(2).Axes(1, 12);
+inline constexpr auto kCvpUploadInterval =
+    ServiceSetting{"SetAllAxisCvpUploadInterval", Command::kSetAllAxisCvpUploadInterval}.Bytes(2);
+inline constexpr auto kRightOrLeft =
+    ServiceSetting{"SetRightOrLeft", Command::kSetRightOrLeft}.Range(0, 1);
+inline constexpr auto kTemperatureThreshold =
+    ServiceSetting{"SetTemperatureThreshold", Command::kSetTemperatureThreshold};
+// clang-format on
 
 }  // namespace setting
 }  // namespace talvera::korvane

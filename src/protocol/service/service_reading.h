@@ -6,53 +6,67 @@
 
 namespace talvera::korvane {
 
-/// What the reply to a read is made of when it is too short.
+/// What the reply to a read is made of when it is too short, over CAN. On a serial line there is
+/// then no result at all.
 enum class ShortReply : bool { kNothing, kZeros };
 
-/// A command over CAN that reads a fixed number of values.
+/// A command without data that reads a fixed number of values.
 struct ServiceReading {
   const char* operation;
   ServiceCommand command;
   /// 0 for one value of each motor of the hand.
   std::size_t count = 0;
   ShortReply short_reply = ShortReply::kNothing;
+
+  constexpr ServiceReading Values(std::size_t number) const {
+    return {operation, command, number, short_reply};
+  }
+  constexpr ServiceReading OrZeros() const {
+    return {operation, command, count, ShortReply::kZeros};
+  }
 };
 
 namespace reading {
 
-inline constexpr ServiceReading kAxisPos{"GetAllAxisPos", ServiceCommand::kGetAllAxisPos};
-inline constexpr ServiceReading kJointMotorPosi{"GetAllJointMotorPosi",
-                                                ServiceCommand::kGetAllAxisPos};
-inline constexpr ServiceReading kAxisPosRange{
-    "GetAllAxisPosRange", ServiceCommand::kGetAllAxisPosRange, 0, ShortReply::kZeros};
-inline constexpr ServiceReading kActualAxisPos{
-    "GetAllActualAxisPos", ServiceCommand::kGetAllActualAxisPos, 0, ShortReply::kZeros};
+using Command = ServiceCommand;
+
+// clang-format off
+inline constexpr auto kAxisPos =
+    ServiceReading{"GetAllAxisPos", Command::kGetAllAxisPos};
+inline constexpr auto kJointMotorPosi =
+    ServiceReading{"GetAllJointMotorPosi", Command::kGetAllAxisPos};
+inline constexpr auto kAxisPosRange =
+    ServiceReading{"GetAllAxisPosRange", Command::kGetAllAxisPosRange}.OrZeros();
+inline constexpr auto kActualAxisPos =
+    ServiceReading{"GetAllActualAxisPos", Command::kGetAllActualAxisPos}.OrZeros();
 
 // Records of ten axes, also of hands that have fewer.
-inline constexpr ServiceReading kAxisCurrent{
-    "GetAllAxisCurrent", ServiceCommand::kGetAllAxisCurrent, 10, ShortReply::kZeros};
-inline constexpr ServiceReading kAxisVelocity{
-    "GetAllAxisVelocity", ServiceCommand::kGetAllAxisVelocity, 10, ShortReply::kZeros};
-inline constexpr ServiceReading kAxisTemp{"GetAllAxisTemp", ServiceCommand::kGetAllAxisTemp, 10,
-                                          ShortReply::kZeros};
-inline constexpr ServiceReading kLoadData{"GetAllLoadData", ServiceCommand::kGetAllLoadData, 10,
-                                          ShortReply::kZeros};
-inline constexpr ServiceReading kElectricMotorId{
-    "GetAllElectricMotorId", ServiceCommand::kGetAllElectricMotorId, 10, ShortReply::kZeros};
-inline constexpr ServiceReading kSensorId{"GetAllSensorId", ServiceCommand::kGetAllSensorId, 7,
-                                          ShortReply::kZeros};
+inline constexpr auto kAxisCurrent =
+    ServiceReading{"GetAllAxisCurrent", Command::kGetAllAxisCurrent}.Values(10).OrZeros();
+inline constexpr auto kAxisVelocity =
+    ServiceReading{"GetAllAxisVelocity", Command::kGetAllAxisVelocity}.Values(10).OrZeros();
+inline constexpr auto kAxisTemp =
+    ServiceReading{"GetAllAxisTemp", Command::kGetAllAxisTemp}.Values(10).OrZeros();
+inline constexpr auto kLoadData =
+    ServiceReading{"GetAllLoadData", Command::kGetAllLoadData}.Values(10).OrZeros();
+inline constexpr auto kElectricMotorId =
+    ServiceReading{"GetAllElectricMotorId", Command::kGetAllElectricMotorId}.Values(10).OrZeros();
 
-inline constexpr ServiceReading kProductSerialNumber{
-    "GetProductSerialNumber", ServiceCommand::kGetProductSerialNumber, 19, ShortReply::kZeros};
-inline constexpr ServiceReading kAxisCvp{"GetAllAxisCvp", ServiceCommand::kGetAllAxisCvp, 60};
-inline constexpr ServiceReading kFingertipSensorA{"GetAllFingertipSensorA",
-                                                  ServiceCommand::kGetAllFingertipSensorA, 48};
-inline constexpr ServiceReading kFingertipSensorB{"GetAllFingertipSensorB",
-                                                  ServiceCommand::kGetAllFingertipSensorB, 32};
-inline constexpr ServiceReading kFingertipSensorC{"GetAllFingertipSensorC",
-                                                  ServiceCommand::kGetAllFingertipSensorC, 50};
-inline constexpr ServiceReading kFingerTactileForce{"GetFingerTactileForce",
-                                                    ServiceCommand::kGetFingerTactileForce, 35};
+inline constexpr auto kSensorId =
+    ServiceReading{"GetAllSensorId", Command::kGetAllSensorId}.Values(7).OrZeros();
+inline constexpr auto kProductSerialNumber =
+    ServiceReading{"GetProductSerialNumber", Command::kGetProductSerialNumber}.Values(19).OrZeros();
+inline constexpr auto kAxisCvp =
+    ServiceReading{"GetAllAxisCvp", Command::kGetAllAxisCvp}.Values(60);
+inline constexpr auto kFingertipSensorA =
+    ServiceReading{"GetAllFingertipSensorA", Command::kGetAllFingertipSensorA}.Values(48);
+inline constexpr auto kFingertipSensorB =
+    ServiceReading{"GetAllFingertipSensorB", Command::kGetAllFingertipSensorB}.Values(32);
+inline constexpr auto kFingertipSensorC =
+    ServiceReading{"GetAllFingertipSensorC", Command::kGetAllFingertipSensorC}.Values(50);
+inline constexpr auto kFingerTactileForce =
+    ServiceReading{"GetFingerTactileForce", Command::kGetFingerTactileForce}.Values(35);
+// clang-format on
 
 }  // namespace reading
 }  // namespace talvera::korvane

@@ -88,9 +88,8 @@ class WithServiceSettings : public Base {
   }
 
  private:
-  static constexpr ServiceSetting Shortened(ServiceSetting setting) {
-    setting.value_bytes = Settings::kOverloadBytes;
-    return setting;
+  static constexpr ServiceSetting Shortened(const ServiceSetting& setting) {
+    return setting.Bytes(Settings::kOverloadBytes);
   }
 
   static ServicePayload Value(const ServiceSetting& setting, ServicePayload payload, int value) {

@@ -1,0 +1,136 @@
+#include "protocol/serial/korvane_brisa_serial_impl.h"
+
+#include "hand/tactile_layout.h"
+#include "protocol/service/service_records.h"
+#include "util/log.h"
+
+// The service operations of the KorvaneBrisa on a serial link, without those that are the same on
+// each link.
+
+namespace talvera::korvane {
+namespace {
+
+using Command = ServiceCommand;
+
+std::vector<std::uint16_t> Unsigned(const std::vector<short>& values) {
+  return {values.begin(), values.end()};
+}
+
+}  // namespace
+
+std::uint8_t KorvaneBrisaSerialImpl::GetPowerState() const {
+  const auto reply = ReadService("GetPowerState", Command::kGetPowerState);
+  return reply ? reply->front() : std::uint8_t{0};
+}
+
+std::uint16_t KorvaneBrisaSerialImpl::SetSingleAxisPos(std::uint8_t axis, std::uint16_t pos) {
+  if (!link_.IsReady() || !IsAxis(axis) || pos > setting::kMaxPos) return kNoReading;
+  SetJointMotorPosi(axis, static_cast<short>(pos));
+  return GetSingleAxisPos(axis);
+}
+
+std::uint16_t KorvaneBrisaSerialImpl::GetSingleAxisPos(std::uint8_t axis) const {
+  if (!link_.IsReady()) return kNoReading;
+  return ReadPosition("GetSingleAxisPos", axis).value_or(kNoReading);
+}
+
+std::uint16_t KorvaneBrisaSerialImpl::SetSingleActualAxisPos(std::uint8_t axis, std::uint16_t pos) {
+  return SetSingleAxisPos(axis, pos);
+}
+
+std::uint16_t KorvaneBrisaSerialImpl::GetSingleActualAxisPos(std::uint8_t axis) const {
+  return GetSingleAxisPos(axis);
+}
+
+SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetAllAxisPos(
+    const std::vector<std::uint16_t>& positions) {
+  if (positions.size() != kAxes) return {};
+  const auto reply =
+      ReadService("SetAllAxisPos", Command::kSetAllAxisPos, ServicePayload().AddAll(positions));
+  return reply ? LoadAxisResponse(reply->data(), kAxes) : SetAllAxisPosResponse{};
+}
+
+std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisPos() const {
+  return link_.IsReady() ? Unsigned(GetAllJointMotorPosi()) : std::vector<std::uint16_t>();
+}
+
+std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisCurrent() const {
+  return link_.IsReady() ? Unsigned(GetAllCurrentReport()) : std::vector<std::uint16_t>();
+}
+
+std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisVelocity() const {
+  return link_.IsReady() ? Unsigned(GetAllJointMotorVelo()) : std::vector<std::uint16_t>();
+}
+
+std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllAxisTemp() const {
+  if (!link_.IsReady()) return {};
+  std::vector<std::uint8_t> temperatures;
+  temperatures.reserve(kAxes);
+  for (const unsigned short value : GetAllTemperatureReport()) {
+    temperatures.push_back(static_cast<std::uint8_t>(value));
+  }
+  return temperatures;
+}
+
+std::uint16_t KorvaneBrisaSerialImpl::GetErrorCode() const {
+  if (!link_.IsReady()) return 0;
+  unsigned mask = 0;
+  unsigned axis = 0;
+  for (const unsigned short error : GetAllErrorReport()) mask |= (error & 1U) << axis++;
+  return static_cast<std::uint16_t>(mask);
+}
+
+std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingertipSensor(std::uint8_t sensor) const {
+  const auto finger = static_cast<Finger>(sensor);
+  if (!link_.IsReady() || !IsFinger(finger)) return {};
+  return GetTactileSensorData(finger);
+}
+
+std::vector<std::uint16_t> KorvaneBrisaSerialImpl::SetAllActualAxisPos(
+    const std::vector<std::uint16_t>& positions) {
+  if (positions.size() != kAxes) return {};
+  return ReadServiceWords("SetAllActualAxisPos", Command::kSetAllActualAxisPos,
+                          ServicePayload().AddAll(positions));
+}
+
+AxisLimitPos KorvaneBrisaSerialImpl::GetAxisLimitPos() const {
+  const auto reply = ReadService("GetAxisLimitPos", Command::kGetAxisLimitPos);
+  return reply ? LoadAxisLimits(reply->data(), kAxes) : AxisLimitPos{};
+}
+
+SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetPosSpeedCurData(
+    const std::vector<std::uint16_t>& pos, const std::vector<std::int16_t>& speed,
+    const std::vector<std::uint8_t>& current) {
+  if (pos.size() != kAxes || speed.size() != kAxes || current.size() != kAxes) return {};
+  const auto reply = ReadService("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
+                                 ServicePayload().AddAll(pos).AddAll(speed).AddAll(current));
+  return reply ? LoadAxisResponse(reply->data(), kAxes) : SetAllAxisPosResponse{};
+}
+
+std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingerTactileForce() const {
+  LogError(
+      "[KorvaneBrisaSerialImpl] GetFingerTactileForce: Not implemented for USB (br7_hmi has no "
+      "matching cmd)");
+  return {};
+}
+
+std::uint8_t KorvaneBrisaSerialImpl::SetControlSource(std::uint8_t source) {
+  if (source > 1) return 0;
+  const bool taken =
+      Execute("SetControlSource", Command::kSetControlSource, ServicePayload().Add8(source));
+  return taken ? 1 : 0;
+}
+
+std::uint8_t KorvaneBrisaSerialImpl::GetControlSource() const {
+  const auto reply = ReadService("GetControlSource", Command::kGetControlSource);
+  return reply ? reply->front() : std::uint8_t{0};
+}
+
+ProductSerialNumber KorvaneBrisaSerialImpl::GetProductSerialNumber() const {
+  const auto reply = ReadService("GetProductSerialNumber", Command::kGetProductSerialNumber);
+  return reply ? LoadProductSerialNumber(reply->data()) : ProductSerialNumber{};
+}
+
+FwVersion KorvaneBrisaSerialImpl::GetFwVersion() const { return GetFwVersionInternal(false); }
+
+}  // namespace talvera::korvane

@@ -1,0 +1,80 @@
+#include "protocol/serial/serial_brisa.h"
+
+#include "protocol/service/service_records.h"
+#include "util/bytes.h"
+#include "util/log.h"
+
+namespace talvera::korvane {
+namespace {
+
+using Command = ServiceCommand;
+
+/// For these only a reply counts that comes after the request. For all others one that came before
+/// it does too, if nobody has read it: applications rely on getting reports that way.
+bool CountsNewRepliesOnly(Command command) {
+  return command == Command::kSetAllAxisPos || command == Command::kSetAllActualAxisPos ||
+         command == Command::kGetAllActualAxisPos || command == Command::kGetAxisLimitPos ||
+         command == Command::kSetPosSpeedCurData;
+}
+
+}  // namespace
+
+// --- Refusals -------------------------------------------------------------------------------
+
+// Lines about single axes go to the standard output stream, as they always have.
+bool SerialBrisa::CheckIndex(std::uint8_t index, const char* what) {
+  if (!IsAxis(index)) LogInfo(Compose("the ", what, " index input error, should be 1 -10, "));
+  return IsAxis(index);
+}
+
+bool SerialBrisa::CheckJointCount(std::size_t count) {
+  if (count != kAxes) LogError("[Error]: 无效参数，需与主动自由度数量 10 相匹配.");
+  return count == kAxes;
+}
+
+void SerialBrisa::RefusePeriods(const char* operation) {
+  LogError(Compose("[Error]: ", operation, " is not supported by KorvaneBrisa (BR7) via USB."));
+}
+
+void SerialBrisa::LogReadFailed(const char* what, std::uint8_t index) {
+  LogInfo(Compose("get ", what, " failed, joint_motor_index: ", index));
+}
+
+// --- Requests -------------------------------------------------------------------------------
+
+bool SerialBrisa::Execute(const char* operation, Command command, const ServicePayload& payload) {
+  return link_.IsReady() && link_.Request(operation, command, payload);
+}
+
+std::optional<SerialBrisa::Bytes> SerialBrisa::ReadService(const char* operation, Command command,
+                                                           const ServicePayload& payload) const {
+  if (!link_.IsReady()) return std::nullopt;
+  if (CountsNewRepliesOnly(command)) link_.replies.Forget(SlotOf(command));
+  return link_.Read(operation, command, payload);
+}
+
+SerialBrisa::Words SerialBrisa::ReadServiceWords(const char* operation, Command command,
+                                                 const ServicePayload& payload) const {
+  const auto reply = ReadService(operation, command, payload);
+  return reply ? ServiceWords<std::uint16_t>(reply->data(), kAxes) : Words();
+}
+
+SerialBrisa::Words SerialBrisa::ReadWords(const ServiceReading& reading) const {
+  return ReadServiceWords(reading.operation, reading.command);
+}
+
+SerialBrisa::Bytes SerialBrisa::ReadBytes(const ServiceReading& reading) const {
+  return ReadService(reading.operation, reading.command).value_or(Bytes());
+}
+
+std::optional<std::uint16_t> SerialBrisa::ReadPosition(const char* operation,
+                                                       std::uint8_t index) const {
+  if (!CheckIndex(index, "joint")) return std::nullopt;
+  const auto reply =
+      link_.Read(operation, Command::kGetSingleAxisPos, ServicePayload().Add8(index));
+  if (reply) return LoadU16(reply->data());
+  LogReadFailed("joint motor posi", index);
+  return std::nullopt;
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "private_korvane_brisa.h"
+#include "protocol/serial/serial_link.h"
+#include "protocol/service/service_readings.h"
+#include "protocol/service/service_settings.h"
+
+namespace talvera::korvane {
+
+/// What the operations of a KorvaneBrisa on a serial link are built from: how it sends settings,
+/// reads, and what it logs when it refuses.
+class SerialBrisa
+    : public WithServiceReadings<WithServiceSettings<PrivateKorvaneBrisa, SerialBrisaSettings>> {
+ public:
+  SerialBrisa() : link_(*this) {}
+
+ protected:
+  using Bytes = ReplyCache::Bytes;
+  using Words = std::vector<std::uint16_t>;
+
+  static constexpr std::size_t kAxes = 10;
+  /// What a position or a temperature that couldn't be read is.
+  static constexpr std::uint16_t kNoReading = 0xFFFF;
+
+  static bool IsAxis(std::uint8_t index) { return index >= 1 && index <= kAxes; }
+  /// False, after a line, for an index that no axis has. `what` is how the line calls it.
+  static bool CheckIndex(std::uint8_t index, const char* what = "joint motor");
+  /// False, after a line, unless there is one value for each axis.
+  static bool CheckJointCount(std::size_t count);
+  static void RefusePeriods(const char* operation);
+  /// "get motor current failed, joint_motor_index: 3"
+  static void LogReadFailed(const char* what, std::uint8_t index);
+
+  /// Whatever frame comes in time counts as consent.
+  bool Execute(const char* operation, ServiceCommand command,
+               const ServicePayload& payload) override;
+
+  /// The reply to a read of a service operation, which is silent while the link isn't open.
+  std::optional<Bytes> ReadService(const char* operation, ServiceCommand command,
+                                   const ServicePayload& payload = {}) const;
+  /// One value of two bytes for each axis; empty on failure.
+  Words ReadServiceWords(const char* operation, ServiceCommand command,
+                         const ServicePayload& payload = {}) const;
+  Words ReadWords(const ServiceReading& reading) const override;
+  Bytes ReadBytes(const ServiceReading& reading) const override;
+
+  /// The position of one axis. A bad index or no reply is logged.
+  std::optional<std::uint16_t> ReadPosition(const char* operation, std::uint8_t index) const;
+
+  SerialLink link_;
+};
+
+}  // namespace talvera::korvane

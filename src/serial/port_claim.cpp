@@ -1,0 +1,93 @@
+#include "serial/port_claim.h"
+
+#include <fcntl.h>
+#include <linux/serial.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+#include "serial/serial_library.h"
+
+namespace talvera::korvane {
+namespace {
+
+/// The speeds that the library sets in the usual way. Any other one it asks of the driver.
+constexpr unsigned kUsualSpeeds[] = {
+    0,      50,      75,      110,     134,     150,     200,     300,     600,    1200,   1800,
+    2400,   4800,    9600,    19200,   38400,   57600,   115200,  230400,  460800, 500000, 576000,
+    921600, 1000000, 1152000, 1500000, 2000000, 2500000, 3000000, 3500000, 4000000};
+
+template <class Reason>
+[[noreturn]] void Refuse(Reason reason) {
+  throw serial::IOException(__FILE__, __LINE__, reason);
+}
+
+void Check(int result) {
+  if (result < 0) Refuse(errno);
+}
+
+/// The library opens the port a second time, and gets the next descriptor that is free.
+void CheckRoomForDescriptor(int descriptor) {
+  const int next = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  Check(next);
+  close(next);
+  if (next >= FD_SETSIZE)
+    Refuse("too many open files: a serial port needs a descriptor below 1024");
+}
+
+/// Sets an unusual speed just as the library is going to.
+void CheckSpeed(int descriptor, unsigned baud) {
+  if (std::find(std::begin(kUsualSpeeds), std::end(kUsualSpeeds), baud) != std::end(kUsualSpeeds)) {
+    return;
+  }
+  serial_struct settings{};
+  Check(ioctl(descriptor, TIOCGSERIAL, &settings));
+  settings.custom_divisor = settings.baud_base / static_cast<int>(baud);
+  settings.flags &= ~static_cast<int>(ASYNC_SPD_MASK);
+  settings.flags |= static_cast<int>(ASYNC_SPD_CUST);
+  Check(ioctl(descriptor, TIOCSSERIAL, &settings));
+}
+
+void CheckTerminal(int descriptor) {
+  termios settings{};
+  Check(tcgetattr(descriptor, &settings));
+}
+
+/// The lock belongs to this opening of the port, so that it excludes other objects of this process
+/// too, and ends with the process however that ends.
+void Lock(int descriptor) {
+  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
+  Refuse("the port is in use by another hand object or program");
+}
+
+}  // namespace
+
+PortClaim::PortClaim(const std::string& port, unsigned baud)
+    : descriptor_(open(port.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY)) {
+  Check(descriptor_);
+  try {
+    CheckTerminal(descriptor_);
+    Lock(descriptor_);
+    CheckRoomForDescriptor(descriptor_);
+    CheckSpeed(descriptor_, baud);
+  } catch (...) {
+    close(descriptor_);
+    throw;
+  }
+}
+
+/// A child of this process that hasn't started its program yet may share the descriptor: so the
+/// lock is given back by itself.
+PortClaim::~PortClaim() {
+  if (descriptor_ < 0) return;
+  flock(descriptor_, LOCK_UN);
+  close(descriptor_);
+}
+
+}  // namespace talvera::korvane

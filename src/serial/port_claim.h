@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+namespace talvera::korvane {
+
+/// Claims a serial port for one object: as long as it lives, a second claim of the port fails, in
+/// this program or in another one, which would otherwise take half of the bytes. Programs that
+/// don't ask aren't kept out.
+///
+/// It also refuses what the serial library would trip over: a descriptor that its `fd_set` has no
+/// room for, which would end the process, and a port that it can't set up, of which it would lose
+/// the descriptor.
+class PortClaim {
+ public:
+  PortClaim() = default;
+  /// Throws serial::IOException if the port can't be claimed.
+  PortClaim(const std::string& port, unsigned baud);
+  PortClaim(PortClaim&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+  PortClaim& operator=(PortClaim&& other) noexcept {
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+  }
+  ~PortClaim();
+
+ private:
+  int descriptor_ = -1;
+};
+
+}  // namespace talvera::korvane
