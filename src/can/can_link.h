@@ -47,12 +47,6 @@ class CanLink {
   /// as it is, since a frame that comes late may make that thread send.
   void Close();
 
- protected:
-  /// Destroys the transport, which joins the receive thread. What stands on a link and hears of
-  /// frames calls it first of all in its destructor. Until the thread has ended the pointer stays
-  /// as it is, since a frame that comes late may make that thread send.
-  void Close();
-
  private:
   CanBusDeviceBase* TransportOrFailure() const;
   CanBusDeviceBase& Transport() const;

@@ -15,6 +15,7 @@
 #include "serial/serial_library.h"
 #include "serial/usb_frame.h"
 #include "util/clock.h"
+#include "util/observable_link.h"
 
 namespace talvera::korvane {
 
@@ -29,7 +30,7 @@ namespace talvera::korvane {
 ///
 /// A read takes what has arrived and then waits as long as the rest of 256 bytes would need on the
 /// wire, so that a reply comes late on a slow line: by 23 ms at 115200 baud, by 260 ms at 9600.
-class UsbSerialDevice : public serial::Serial {
+class UsbSerialDevice : public serial::Serial, public ObservableLink {
  public:
   using FrameCallback =
       std::function<void(std::uint8_t command, const std::uint8_t* data, std::size_t size)>;

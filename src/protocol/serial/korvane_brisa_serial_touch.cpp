@@ -10,7 +10,7 @@ namespace talvera::korvane {
 
 /// Any hand on the port answers. A reading of another length is cut, or filled up with zeros.
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetTactileSensorData(Finger finger) const {
-  RequireFinger(finger);
+  RequireFinger(finger, link_.diagnostics);
   const auto number = static_cast<std::uint8_t>(static_cast<std::uint8_t>(finger) - 1);
   link_.replies.AwaitSensor(number);
   std::optional<Bytes> reply;

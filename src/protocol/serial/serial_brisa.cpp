@@ -1,6 +1,7 @@
 #include "protocol/serial/serial_brisa.h"
 
 #include "protocol/service/service_records.h"
+#include "serial/usb_device.h"
 #include "util/bytes.h"
 #include "util/log.h"
 
@@ -39,6 +40,8 @@ void SerialBrisa::RefusePeriods(const char* operation) {
 void SerialBrisa::LogReadFailed(const char* what, std::uint8_t index) {
   LogInfo(Compose("get ", what, " failed, joint_motor_index: ", index));
 }
+
+ObservableLink* SerialBrisa::Observable() const { return link_.device.get(); }
 
 // --- Requests -------------------------------------------------------------------------------
 

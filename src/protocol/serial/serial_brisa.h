@@ -7,15 +7,22 @@
 #include "protocol/serial/serial_link.h"
 #include "protocol/service/service_readings.h"
 #include "protocol/service/service_settings.h"
+#include "util/observable_link.h"
 
 namespace talvera::korvane {
+
+/// A KorvaneBrisa whose failures are recorded.
+struct ObservableBrisa : PrivateKorvaneBrisa, ObservableHand {};
 
 /// What the operations of a KorvaneBrisa on a serial link are built from: how it sends settings,
 /// reads, and what it logs when it refuses.
 class SerialBrisa
-    : public WithServiceReadings<WithServiceSettings<PrivateKorvaneBrisa, SerialBrisaSettings>> {
+    : public WithServiceReadings<WithServiceSettings<ObservableBrisa, SerialBrisaSettings>> {
  public:
   SerialBrisa() : link_(*this) {}
+
+  const HandDiagnostics& Diagnostics() const override { return link_.diagnostics; }
+  ObservableLink* Observable() const override;
 
  protected:
   using Bytes = ReplyCache::Bytes;

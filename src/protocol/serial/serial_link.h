@@ -10,6 +10,7 @@
 #include "protocol/serial/reply_cache.h"
 #include "protocol/service/service_command.h"
 #include "serial/usb_frame.h"
+#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
@@ -61,6 +62,7 @@ class SerialLink {
 
   std::unique_ptr<UsbSerialDevice> device;
   mutable ReplyCache replies;
+  HandDiagnostics diagnostics;
 
  private:
   const Korvane& hand_;
