@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korvane.h"
@@ -13,10 +14,15 @@ namespace talvera::korvane::test {
 
 template <class Hand>
 struct AnyOperation {
+  using Call = std::function<void(Hand&)>;
+
+  AnyOperation(std::string operation, Call good, Call bad = {})
+      : name(std::move(operation)), call(std::move(good)), bad_call(std::move(bad)) {}
+
   std::string name;
-  std::function<void(Hand&)> call;
+  Call call;
   /// The same with an argument that no hand takes; empty where there is none.
-  std::function<void(Hand&)> bad_call = nullptr;
+  Call bad_call;
 };
 
 using HandOperation = AnyOperation<KorvaneBase>;
