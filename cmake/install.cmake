@@ -4,11 +4,17 @@ include(CMakePackageConfigHelpers)
 set(korvane_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/korvane)
 
 install(TARGETS korvane EXPORT korvane-targets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT korvane)
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT korvane
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT korvane)
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/korvane COMPONENT korvane
   FILES_MATCHING PATTERN "*.h")
 install(EXPORT korvane-targets NAMESPACE korvane:: DESTINATION ${korvane_cmake_dir} COMPONENT korvane)
 
+# Only who links the static library needs what it is made of.
+set(korvane_find_dependencies)
+if(korvane_kind STREQUAL STATIC)
+  file(READ packaging/static-dependencies.cmake korvane_find_dependencies)
+endif()
 configure_package_config_file(packaging/korvane-config.cmake.in
   ${PROJECT_BINARY_DIR}/korvane-config.cmake INSTALL_DESTINATION ${korvane_cmake_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/korvane-config-version.cmake

@@ -4,9 +4,11 @@ target_compile_options(korvane_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   # The solvers give the same digits on every machine only if no multiply and add are fused.
   -ffp-contract=off
+  # No path of this machine in what is given away; a debugger needs them.
+  $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>
   $<$<BOOL:${KORVANE_WERROR}>:-Werror>)
 
 if(KORVANE_SANITIZE)
-  add_compile_options(-fsanitize=${KORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g)
+  add_compile_options(-fsanitize=${KORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1)
   add_link_options(-fsanitize=${KORVANE_SANITIZE})
 endif()

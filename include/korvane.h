@@ -7,6 +7,7 @@
 
 #include "korvane_export.h"
 #include "korvane_types.h"
+#include "korvane_version.h"
 
 namespace talvera::korvane {
 

@@ -7,11 +7,17 @@
 #include <korvane_brisa_solver.h>
 #include <korvane_export.h>
 #include <korvane_types.h>
+#include <korvane_version.h>
 #include <ota_load.h>
 
 #include <cstdio>
+#include <cstring>
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::printf("%s headers, %s library\n", KORVANE_VERSION, talvera::korvane::korvane_version());
+    return 0;
+  }
   using talvera::korvane::HandType;
   using talvera::korvane::KorvaneBrisa;
   const auto hand = KorvaneBrisa::createHandByZlgcan(HandType::RIGHT, 1);

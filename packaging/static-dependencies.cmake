@@ -1,0 +1,13 @@
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+if(NOT TARGET korvane::serial)
+  find_library(KORVANE_SERIAL_LIBRARY NAMES cxx-serial serial)
+  if(NOT KORVANE_SERIAL_LIBRARY)
+    set(korvane_FOUND FALSE)
+    set(korvane_NOT_FOUND_MESSAGE "the static libkorvane needs the serial library (libcxx-serial-dev)")
+    return()
+  endif()
+  add_library(korvane::serial UNKNOWN IMPORTED)
+  set_target_properties(korvane::serial PROPERTIES IMPORTED_LOCATION "${KORVANE_SERIAL_LIBRARY}")
+endif()
+

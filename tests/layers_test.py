@@ -1,0 +1,101 @@
+#!/usr/bin/env python3
+"""Fails when an include points up.  usage: layers_test.py [FOLDER_OF_THE_PROJECT]
+
+The rooms of src/ stand on each other in the order below; those of one line don't know each other.
+All may include the public headers. First the test proves on a small tree that it finds what it is
+for.
+"""
+
+import pathlib
+import re
+import sys
+import tempfile
+
+LEVELS = [{"util"}, {"can", "serial", "solver"}, {"update"}, {"hand"}, {"protocol/can"}, {"protocol/service"},
+          {"protocol/serial"}, {"factories"}]
+LEVEL = {room: level for level, rooms in enumerate(LEVELS) for room in rooms}
+OUTSIDE = {"examples", "tools", "python", "ros2"}  # use the library as any program does
+FOLDERS = {"src", "include", "sim"} | OUTSIDE
+SEARCHED = ("src", "include", "sim/src", "sim/include")
+INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^">]+)[">]', re.M)
+
+
+def area_of(path):
+    """Which part of the project a file belongs to: a room of src/, or a name of its own."""
+    parts = path.parts
+    if parts[0] == "src":
+        return "/".join(parts[1:3] if parts[1] == "protocol" else parts[1:2])
+    if parts[0] == "sim":
+        return "sim/include" if parts[1] == "include" else "sim"
+    return parts[0]
+
+
+def may_include(user, used):
+    if user in LEVEL:
+        return used == "include" or used == user or LEVEL.get(used, len(LEVELS)) < LEVEL[user]
+    if user == "sim":
+        return used in ("sim", "sim/include", "util")
+    if user in OUTSIDE:
+        return used in ("include", "sim/include", user)
+    return used == user
+
+
+def target_of(root, file, quote, name):
+    """The file of the project that an include names, relative to the root; None for one of the system."""
+    folders = ([file.parent] if quote == '"' else []) + [root / folder for folder in SEARCHED]
+    for folder in folders:
+        path = (folder / name).resolve()
+        if path.is_file() and path.is_relative_to(root):
+            return path.relative_to(root)
+    return None
+
+
+def faults_of(root):
+    root = root.resolve()
+    files = sorted(path for folder in FOLDERS for path in (root / folder).rglob("*") if path.suffix in (".h", ".cpp"))
+    for file in files:
+        user = area_of(file.relative_to(root))
+        if file.is_relative_to(root / "src") and user not in LEVEL:
+            yield f"{file.relative_to(root)}: is in none of the rooms"
+            continue
+        for quote, name in INCLUDE.findall(file.read_text()):
+            target = target_of(root, file, quote, name)
+            if target and not may_include(user, area_of(target)):
+                yield f"{file.relative_to(root)}: may not include {target}"
+
+
+GOOD = {
+    "include/korvane.h": "",
+    "src/util/text.h": "#include <string>",
+    "src/can/bus.h": '#include "util/text.h"\n#include "korvane.h"',
+    "src/serial/port.h": '#include "can_of_worms.h"',
+    "src/protocol/can/engine.h": '#include "can/bus.h"',
+    "sim/src/hand.cpp": '#include "util/text.h"',
+    "examples/motion.cpp": "#include <korvane.h>",
+}
+BAD = {
+    "src/util/text.cpp": '#include "can/bus.h"',
+    "src/serial/port.cpp": '#include "can/bus.h"',
+    "src/can/bus.cpp": '#include "../protocol/can/engine.h"',
+    "include/korvane_types.h": '#include "util/text.h"',
+    "sim/src/bus.cpp": '#include "can/bus.h"',
+    "sim/src/world.cpp": "#include <korvane.h>",
+    "examples/tour.cpp": '#  include "util/text.h"',
+    "src/attic/old.cpp": "",
+}
+
+
+def proves_itself():
+    with tempfile.TemporaryDirectory() as folder:
+        root = pathlib.Path(folder)
+        for name, text in {**GOOD, **BAD}.items():
+            (root / name).parent.mkdir(parents=True, exist_ok=True)
+            (root / name).write_text(text + "\n")
+        return {fault.split(":")[0] for fault in faults_of(root)} == BAD.keys()
+
+
+if not proves_itself():
+    sys.exit("the test doesn't find what it is for")
+faults = list(faults_of(pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else ".")))
+print(*faults, sep="\n")
+sys.exit(bool(faults))
