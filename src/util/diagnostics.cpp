@@ -54,9 +54,6 @@ namespace {
 
 using diagnostics_internal::OperationRecord;
 
-/// With so many records a thread looks for those of hands that are gone before it adds one.
-constexpr std::size_t kManyRecords = 16;
-
 /// The records of one thread, each in its place as long as the hand lives.
 class ThreadRecords {
  public:
@@ -64,7 +61,7 @@ class ThreadRecords {
     for (const auto& record : records_) {
       if (IsOf(*record, hand)) return *record;
     }
-    if (records_.size() >= kManyRecords) ForgetGoneHands();
+    ForgetGoneHands();
     records_.push_back(std::make_unique<OperationRecord>());
     records_.back()->hand = hand;
     return *records_.back();
