@@ -190,7 +190,8 @@ TEST_F(SimulatedHandTest, ReportsGoOutOnTheirPeriodAndOnceAfterALongPause) {
   EXPECT_TRUE(hand_.TakeDue(now_ + milliseconds(0x1413)).empty());
   Play("0C2001A7 6400 > 6400");
   hand_.JointMotor(12).SetFault(kOvercurrent);
-  const auto due = hand_.TakeDue(now_ += seconds(1000));
+  now_ += seconds(1000);
+  const auto due = hand_.TakeDue(now_ + std::chrono::microseconds(900));
   ASSERT_EQ(due.size(), 2U);
   EXPECT_EQ(std::pair(due[0].id, DataOf(due[0])), std::pair(0x0C200127U, Hex("0400")));
   EXPECT_EQ(std::pair(due[1].id, DataOf(due[1])), std::pair(0x00210127U, Hex("1900*12")));
