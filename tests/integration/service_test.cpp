@@ -15,6 +15,7 @@
 #include "protocol/service/korvane_lumen_can_private_impl.h"
 #include "support/bus_device.h"
 #include "support/capture.h"
+#include "util/clock.h"
 
 namespace talvera::korvane {
 namespace {
@@ -78,7 +79,12 @@ class SerialBench : public Bench {
 
  private:
   explicit SerialBench(std::unique_ptr<sim::SerialHand> device)
-      : Bench(MakeSerial(device->Path())), device_(std::move(device)) {}
+      : Bench(MakeSerial(device->Path())), device_(std::move(device)) {
+    // A reply that comes before the library waits for it is lost.
+    sim::SerialFaults slow;
+    slow.delay = milliseconds(10);
+    device_->SetFaults(slow);
+  }
 
   static std::unique_ptr<KorvaneBase> MakeSerial(const std::string& path) {
     std::unique_ptr<KorvaneBase> hand;
@@ -99,18 +105,19 @@ struct Place {
 
 class Service : public testing::TestWithParam<Place> {
  protected:
-  /// A hand may restart, or its line may just have been opened.
-  void AwaitAnswer() {
-    hand_.SetFrameRecvTimeout(20);
+  /// A line that was just opened may take a moment. The wait is long, since a reply that came after
+  /// it would be taken for that to the next request.
+  void SetUp() override {
+    hand_.SetFrameRecvTimeout(1000);
     CaptureStreams([&] {
       while (hand_.GetVendorInfo().product_model.empty()) std::this_thread::yield();
     });
-    hand_.SetFrameRecvTimeout(1000);
   }
-  void SetUp() override { AwaitAnswer(); }
   void Restart() {
     bench_->Restart();
-    AwaitAnswer();
+    for (bool silent = true; silent;) {
+      bench_->WithHand([&](auto& hand) { silent = hand.IsSilent(SystemClock().Now()); });
+    }
   }
 
   U16s All(std::uint16_t value) const { return U16s(GetParam().axes, value); }
