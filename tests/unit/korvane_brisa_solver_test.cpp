@@ -15,26 +15,16 @@ namespace {
 using Ints = std::vector<int>;
 using Doubles = std::vector<double>;
 
-struct ForwardRow {
+template <class Given, class Expected>
+struct Row {
   bool mirrored;
-  Doubles joint_pos;
-  Ints actuator_input;
+  Given given;
+  Expected expected;
 };
-struct InverseRow {
-  bool mirrored;
-  Ints actuator_input;
-  Doubles joint_pos;
-};
-struct AllJointsRow {
-  bool mirrored;
-  Doubles active;
-  Doubles all;
-};
-struct GestureRow {
-  bool mirrored;
-  int gesture;
-  Ints actuator_input;
-};
+using ForwardRow = Row<Doubles, Ints>;
+using InverseRow = Row<Ints, Doubles>;
+using AllJointsRow = Row<Doubles, Doubles>;
+using GestureRow = Row<int, Ints>;
 #include "brisa_solver_table.inc"
 
 constexpr double kTolerance = 1e-12;
@@ -76,7 +66,7 @@ std::string OutputOf(const std::function<void()>& action) {
 
 TEST(KorvaneBrisaSolver, GivesTheActuatorInputsOfAnIndependentCalculation) {
   for (const ForwardRow& row : kForwardRows) {
-    EXPECT_EQ(Side(row.mirrored).ActiveJointPos2ActuatorInput(row.joint_pos), row.actuator_input)
+    EXPECT_EQ(Side(row.mirrored).ActiveJointPos2ActuatorInput(row.given), row.expected)
         << "row " << &row - kForwardRows;
   }
 }
@@ -84,14 +74,14 @@ TEST(KorvaneBrisaSolver, GivesTheActuatorInputsOfAnIndependentCalculation) {
 TEST(KorvaneBrisaSolver, GivesTheJointPositionsOfAnIndependentCalculation) {
   for (const InverseRow& row : kInverseRows) {
     SCOPED_TRACE(&row - kInverseRows);
-    ExpectNear(Side(row.mirrored).ActuatorInput2ActiveJointPos(row.actuator_input), row.joint_pos);
+    ExpectNear(Side(row.mirrored).ActuatorInput2ActiveJointPos(row.given), row.expected);
   }
 }
 
 TEST(KorvaneBrisaSolver, DerivesTheSixteenJointsOfAnIndependentCalculation) {
   for (const AllJointsRow& row : kAllJointsRows) {
     SCOPED_TRACE(&row - kAllJointsRows);
-    ExpectNear(Side(row.mirrored).GetAllJointPos(row.active), row.all);
+    ExpectNear(Side(row.mirrored).GetAllJointPos(row.given), row.expected);
   }
   EXPECT_EQ(Plain().GetAllJointPos(Doubles(10, 0.0)), Doubles(16, 0.0));
   // No operation uses this table, but applications invert the thumb's coupling with it.
@@ -101,8 +91,8 @@ TEST(KorvaneBrisaSolver, DerivesTheSixteenJointsOfAnIndependentCalculation) {
 
 TEST(KorvaneBrisaSolver, GivesTheGesturesOfAnIndependentCalculation) {
   for (const GestureRow& row : kGestureRows) {
-    EXPECT_EQ(Side(row.mirrored).SetHandGesture(row.gesture), row.actuator_input)
-        << "mirrored " << row.mirrored << " gesture " << row.gesture;
+    EXPECT_EQ(Side(row.mirrored).SetHandGesture(row.given), row.expected)
+        << "mirrored " << row.mirrored << " gesture " << row.given;
   }
 }
 
