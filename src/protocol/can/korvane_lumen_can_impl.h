@@ -8,8 +8,8 @@ namespace talvera::korvane {
 struct LumenRow {
   static constexpr UpdateWording kUpdateWording = [] {
     UpdateWording wording = kFullUpdateWording;
-    wording.replies = false;
-    wording.retrying_silent =
+    wording.logs_replies = false;
+    wording.retrying_silent_hand =
         "[WARN]: [UpdateFirmware] No OTA response from device (status=WAITING_RESPONSE, "
         "child_id=-1). Retrying... Check: device supports OTA, firmware compatible, CAN "
         "connection.";

@@ -119,11 +119,14 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
     return false;
   }
   state_.ota_child_id = -1;
-  file_size = state_.Load(path, [&](int error_code) {
+  file_size = state_.ReportOrLogLoad(path, [&](int error_code) {
     if (error_code != kCannotOpenFirmware) return;
     LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
   });
-  return file_size != 0;
+  if (file_size == 0) return false;
+  state_.Report(0, OtaProgressStatus::FILE_LOADED);
+  state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
+  return true;
 }
 
 bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
