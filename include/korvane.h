@@ -129,8 +129,8 @@ class KORVANE_EXPORT Korvane {
   /// that was given.
   ///
   /// The callback may still be called when UpdateFirmware has returned: over CAN a call that the
-  /// receive thread is making goes on; and a KorvaneBrisa or KorvaneVanta whose update failed, other
-  /// than by -2, -3 or -6, keeps it for late replies. What it uses must live until the next
+  /// receive thread is making goes on; and a KorvaneBrisa or KorvaneVanta whose update failed,
+  /// other than by -2, -3 or -6, keeps it for late replies. What it uses must live until the next
   /// UpdateFirmware of this hand has returned, or the hand is destroyed.
   ///
   /// The callback must not throw, destroy the hand or call UpdateFirmware. On the receive thread it

@@ -72,7 +72,7 @@ enum class OtaProgressStatus : int {
   RESTART_ACKNOWLEDGED = 6,  ///< The hand is about to restart, or to be asked to.
   RECONNECTING = 7,          ///< The hand restarts. The first argument is the number of packets.
   LINK_RECONNECTED = 8,      ///< The serial port was reopened. First argument 0.
-  LINK_RECONNECTING = 9,     ///< The port is about to be reopened; the number of the attempt from 1.
+  LINK_RECONNECTING = 9,  ///< The port is about to be reopened; the number of the attempt from 1.
 };
 
 /// A version of hardware or software, one byte a part.

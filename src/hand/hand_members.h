@@ -6,7 +6,7 @@
 
 namespace talvera::korvane {
 
-/// Korvane::model_code of each model, which is also the product type that adapters are told.
+/// Korvane::model_code of each model, which is also the product type that an adapter object holds.
 namespace model_code {
 inline constexpr std::uint8_t kBrisa = 0;
 inline constexpr std::uint8_t kTessel = 1;
@@ -25,7 +25,7 @@ inline void StoreDeviceId(Korvane& hand, std::uint8_t device_id) {
   __atomic_store_n(&hand.device_id, device_id, __ATOMIC_SEQ_CST);
 }
 
-/// Sets what a hand is, as its common members tell it.
+/// Sets the common members of a hand, but for `connected`.
 inline void SetMembers(Korvane& hand, std::uint8_t model_code, std::uint8_t device_id,
                        HandType type) {
   hand.model_code = model_code;

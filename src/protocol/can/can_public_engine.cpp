@@ -120,7 +120,8 @@ std::optional<CanfdFrame> CanPublicEngine::RequestOrLog(const Context& context,
   }
 }
 
-/// Writes by either way. A quantity with a text of its own for a failed send has no other line.
+/// Sends a write and, if `way` says so, returns its reply. A quantity with a text of its own for a
+/// failed send has no other line for a missing transport either.
 std::optional<CanfdFrame> CanPublicEngine::WriteOrLog(const Context& context,
                                                       const MotorQuantity& quantity, Way way,
                                                       const CanfdFrame& frame) const {
@@ -182,7 +183,7 @@ int CanPublicEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index
   return reply ? LoadS16(reply->data) : 0;
 }
 
-/// 0 unless the last report was one of all motors and no more.
+/// The motor's value in the last report; 0 unless that report was one of all motors and no more.
 int CanPublicEngine::LastReport(const MotorQuantity& quantity, std::uint8_t index) const {
   const auto values = reports_.Values(quantity.function);
   return values.size() == model.motors ? values[index - 1U] : 0;

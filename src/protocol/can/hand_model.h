@@ -8,7 +8,7 @@
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/update_rules.h"
 
-// What one hand model says and does differently from another, as data. The engine reads these
+// How one hand model differs from another in what it logs and does, as data. The engine reads these
 // rows; nothing else in the library asks which model a hand is.
 
 namespace talvera::korvane {
@@ -24,7 +24,7 @@ struct MotorQuantity {
   const char* get_all = nullptr;
   const char* set = nullptr;
   const char* set_all = nullptr;
-  /// What reading a motor that doesn't exist returns.
+  /// The value returned for a motor that doesn't exist.
   int bad_index = -1;
   /// Priority in the serialized queue.
   int priority = 0;
@@ -49,7 +49,7 @@ struct Wording {
   const char* set_id_failed = nullptr;
   /// The line of a failed GetDeviceInfo, up to the hand's id; null for the usual line.
   const char* device_info_failed = nullptr;
-  /// What the lines of a broadcast query begin with.
+  /// The beginning of the lines of a broadcast query.
   const char* broadcast_prefix = "[Error]: ";
   /// The number of motors is an 8-bit count, and most messages have always shown it as that byte.
   bool count_in_digits = false;
@@ -60,7 +60,7 @@ struct Wording {
 
 struct HandModel {
   const char* class_name = nullptr;
-  /// Also the product type that adapters are told.
+  /// Also the product type that an adapter object holds.
   std::uint8_t model_code = 0;
   std::uint8_t motors = 0;
   /// The family field of the identifier, in place.
@@ -75,8 +75,8 @@ struct HandModel {
   MotorQuantity temperature;
   MotorQuantity current;
 
-  /// A reply with all control modes counts by its length, and by the three bits of a mode;
-  /// otherwise there is a byte for each motor, as it came.
+  /// Reading all control modes takes as many bytes of the reply as its length says, and three bits
+  /// of each; otherwise a whole byte for each motor, whatever the length.
   bool control_modes_by_length = false;
   /// The product model of the vendor record ends at its first NUL byte; otherwise all 16 bytes of
   /// the field are handed on.

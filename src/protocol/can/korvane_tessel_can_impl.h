@@ -42,8 +42,7 @@ struct TesselRow {
     return wording;
   }();
 
-  // Which writes wait for the hand's reply follows no rule that one could see; its firmware answers
-  // just these.
+  // Which writes wait for the hand's reply follows no rule: its firmware answers just these.
   static constexpr HandModel kModel = [] {
     HandModel model =
         CommonModel("KorvaneTesselCanImpl", model_code::kTessel, TesselKinematics::kMotors);

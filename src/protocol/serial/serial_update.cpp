@@ -116,8 +116,9 @@ void SerialUpdate::SendRestart() {
 
 // --- Replies, on the receive thread ---------------------------------------------------------
 
-/// A refused upgrade looks like silence to the run, which tries again; FINISH and RESTART count as
-/// done whatever their result, which the run looks at.
+/// A refused upgrade request sets no flag, so that the run sees a silent hand and tries again. The
+/// replies to the finish and restart requests set theirs whatever the result: the run tests that of
+/// the finish request.
 void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
   if (size < kReplySize) return;
   const std::uint32_t result = LoadU32(data + 1);
@@ -127,7 +128,7 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
                     "][responseValue:", WithoutLastBlank(HexBytes(data + 1, 4)), "]"));
     return;
   }
-  // The flags come last: who sees one finds the result in place.
+  // The flag is set last: when the run sees it the result stands too.
   state_.ota_status = result;
   switch (child) {
     case kUpgradeChild:
@@ -254,7 +255,7 @@ bool SerialUpdate::AwaitUpgradeReply() {
   return false;
 }
 
-/// False if the port didn't come back, which ends the attempts.
+/// Opens the port again. False if that failed, which ends the attempts.
 bool SerialUpdate::ReconnectAfter(int attempt) {
   state_.Report(attempt, OtaProgressStatus::LINK_RECONNECTING);
   if (!link_.device || !link_.device->Reconnect()) {

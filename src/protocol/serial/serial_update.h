@@ -9,7 +9,7 @@
 
 namespace talvera::korvane {
 
-/// The hand's firmware is too old or hasn't told which checksum it uses.
+/// It isn't known yet which checksum the hand's firmware uses.
 inline constexpr std::uint8_t kUnknownValidation = 255;
 
 /// Which checksum guards packets and update frames of a hand with that firmware: 0 is

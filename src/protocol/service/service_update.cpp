@@ -89,7 +89,7 @@ void ServiceUpdate::OnResponse(std::uint8_t child, std::uint32_t status) {
 
 // --- The run --------------------------------------------------------------------------------
 
-/// However it ends, the callback goes with it.
+/// Clears the callback at every end.
 void ServiceUpdate::Run(const std::string& path, ProgressCallback callback) {
   state_.SetCallback(std::move(callback));
   if (Attempt(path)) Reconnect();
@@ -149,8 +149,8 @@ bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
   return false;
 }
 
-/// Each packet has its own time, in which its repetitions count too: a reply that speaks of
-/// something else has the packet sent again.
+/// Sends the packets one by one. Each has 300 s, its repetitions included: after a reply to
+/// something else the packet is sent again.
 bool ServiceUpdate::Transmit() {
   int polls = 0;
   while (const auto packet = state_.FrontPacket()) {
