@@ -14,7 +14,7 @@ class WithJointAngles : public Base {
  public:
   using Base::Base;
 
-  /// The angles that the hand echoed; none, silently, if the echo isn't one of all motors.
+  /// Returns the angles that the hand echoed; none, silently, unless the echo has all motors.
   std::vector<double> SetAllActiveJointAngles(const std::vector<double>& angles) override {
     if (!this->CheckJointCount(angles.size())) return {};
     const auto echo =
