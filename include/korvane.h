@@ -91,10 +91,51 @@ class KORVANE_EXPORT Korvane {
   /// Replaces the firmware of the hand by the file at `path`.
   ///
   /// Blocks until the update ends, which may take minutes; leave the hand alone meanwhile.
-  /// `callback` is called with (current, total, status), see OtaProgressStatus; it runs on the
-  /// caller's thread and on the library's receive thread, and must not throw. Without one the same
-  /// events are written to the standard streams. A model that can't update itself calls
-  /// callback(-1, 0, FAILED) and returns.
+  /// `callback` is called with (current, total, status); OtaProgressStatus has a table of the
+  /// statuses by link. Without a callback the same events are written to the standard streams. A
+  /// model that can't update itself calls callback(-1, 0, FAILED) and returns.
+  ///
+  /// With FAILED, `current` says why ("service" is the service interface over CAN):
+  ///
+  /// | current | reason                                                                         |
+  /// |---------|--------------------------------------------------------------------------------|
+  /// | -1      | service: there is no link                                                      |
+  /// | -2      | the file can't be opened                                                       |
+  /// | -3      | the file is empty, is no regular file, can't be measured, or is too large for  |
+  /// |         | the memory                                                                     |
+  /// | -4      | no acknowledgment of the finish request; CAN and service: in 30 s, serial: 8 s |
+  /// |         | serial: also, no good reply to three upgrade requests                          |
+  /// |         | service: also, no reply to the upgrade request                                 |
+  /// |         | KorvaneTessel, KorvaneQuill, KorvaneLumen: also, none to it in 5 s             |
+  /// | -5      | no acknowledgment of the restart; CAN and service: in 30 s, serial: 2 s        |
+  /// | -6      | packets not acknowledged; CAN: all in 300 s, service: each in 300 s,           |
+  /// |         | serial: in 150 passes, in each of which at most one packet goes out            |
+  /// | -7      | a packet failed the hand's check                                               |
+  /// | others  | the status that the hand replied, as a signed number                           |
+  ///
+  /// FAILED isn't always the last report. Over CAN the receive thread reports an error status when
+  /// the reply comes, and the update reports it once more when it ends, a failed check then as 1; a
+  /// KorvaneTessel reports it only then, and so a failed check as 1. A KorvaneBrisa sends a first
+  /// packet that failed the check again with the other checksum, so that success may follow a -7.
+  /// Over serial a failed check mostly shows as 1.
+  ///
+  /// Nor does every failure have a report. Over CAN an upgrade request that can't be sent has only
+  /// its line, and with a KorvaneBrisa or KorvaneVanta one that nothing answers, too. Over serial
+  /// what the serial library throws when the cable goes in the middle of a packet, or after it, is
+  /// derived from std::exception and reaches the caller of UpdateFirmware, without a report.
+  ///
+  /// Threads: over CAN the statuses 3 to 6 and the FAILED of a reply come on the library's receive
+  /// thread, the others on the caller's, and both may call at the same time. Over serial and on the
+  /// service interface all calls come on the caller's thread. All go to the one function object
+  /// that was given.
+  ///
+  /// The callback may still be called when UpdateFirmware has returned: over CAN a call that the
+  /// receive thread is making goes on; and a KorvaneBrisa or KorvaneVanta whose update failed,
+  /// other than by -2, -3 or -6, keeps it for late replies. What it uses must live until the next
+  /// UpdateFirmware of this hand has returned, or the hand is destroyed.
+  ///
+  /// The callback must not throw, destroy the hand or call UpdateFirmware. On the receive thread it
+  /// must not ask the hand: the reply couldn't come in.
   virtual void UpdateFirmware(const std::string& path,
                               std::function<void(int, int, OtaProgressStatus)> callback);
 

@@ -41,20 +41,38 @@ enum class Finger : std::uint8_t {
 /// The two kinds of USB CAN FD adapters. SocketCAN interfaces have factories of their own.
 enum class ECanDeviceType : int { ZLG_USBCANFD = 0, HCAN = 1 };
 
-/// Third argument of the progress callback of Korvane::UpdateFirmware.
+/// Third argument of the progress callback of Korvane::UpdateFirmware. It says what the first
+/// argument means; the second is the number of packets, 0 before the file is read.
+///
+/// Where the links differ ("service" is the service interface over CAN):
+///
+/// | Status | CAN                         | Serial                     | Service                  |
+/// |--------|-----------------------------|----------------------------|--------------------------|
+/// | 4      | number of the packet from 0 | packets acknowledged       | packets acknowledged     |
+/// | 5      | the hand acknowledged       | asked, not acknowledged    | not yet asked            |
+/// | 6      | the hand acknowledged       | 5 acknowledged, restart    | never                    |
+/// |        |                             | not yet asked              |                          |
+/// | 7      | before each of up to 10     | once; the hand isn't asked | before each of up to 10  |
+/// |        | queries whether it is back  |                            | queries                  |
+/// | 0      | the hand is back, or didn't | right after 7              | as CAN                   |
+/// |        | answer 10 queries           |                            |                          |
+/// | 8, 9   | never                       | around each reconnection   | never                    |
+///
+/// A KorvaneTessel reports 4 with the number of packets acknowledged. The first argument of 5 and 6
+/// is how many packets have been acknowledged over CAN, all of them otherwise. A reply that comes
+/// twice may be reported twice.
 enum class OtaProgressStatus : int {
-  FAILED = -1,               ///< The first argument is an error code.
-  COMPLETE = 0,              ///< The update is done.
-  FILE_LOADED = 1,           ///< The image was read and cut into packets.
-  REQUESTING_UPGRADE = 2,    ///< About to ask the hand for an update.
-  UPGRADE_ACCEPTED = 3,      ///< The hand is ready for packets.
-  PACKET_ACKNOWLEDGED = 4,   ///< One packet arrived and passed its check. The first argument is its
-                             ///< number from 0; with a KorvaneTessel, how many have arrived.
-  FINISH_ACKNOWLEDGED = 5,   ///< The hand holds the whole image.
-  RESTART_ACKNOWLEDGED = 6,  ///< The hand is about to restart.
-  RECONNECTING = 7,          ///< Asking the restarted hand for its identity.
-  LINK_RECONNECTED = 8,      ///< Serial link only.
-  LINK_RECONNECTING = 9,     ///< Serial link only; the first argument is the attempt.
+  FAILED = -1,               ///< The first argument is an error code; see UpdateFirmware.
+  COMPLETE = 0,              ///< The update is done. The first argument is the number of packets.
+  FILE_LOADED = 1,           ///< The image was read and cut into packets. First argument 0.
+  REQUESTING_UPGRADE = 2,    ///< About to ask the hand for an update. First argument 0.
+  UPGRADE_ACCEPTED = 3,      ///< The hand is ready for packets. First argument 0.
+  PACKET_ACKNOWLEDGED = 4,   ///< One packet arrived and passed its check; which one, see above.
+  FINISH_ACKNOWLEDGED = 5,   ///< The hand holds the whole image, or is asked whether it does.
+  RESTART_ACKNOWLEDGED = 6,  ///< The hand is about to restart, or to be asked to.
+  RECONNECTING = 7,          ///< The hand restarts. The first argument is the number of packets.
+  LINK_RECONNECTED = 8,      ///< The serial port was reopened. First argument 0.
+  LINK_RECONNECTING = 9,  ///< The port is about to be reopened; the number of the attempt from 1.
 };
 
 /// A version of hardware or software, one byte a part.

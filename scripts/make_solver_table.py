@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Prints the values that the solver tests compare with.
 
-    scripts/make_solver_table.py brisa > tests/unit/data/brisa_solver_table.inc
-    scripts/make_solver_table.py tessel > tests/unit/data/tessel_solver_table.inc
+    scripts/make_solver_table.py brisa|tessel
 
-An independent calculation, kept apart from the C++ code on purpose: correct each by the
+Run when the tests are configured. An independent calculation, kept apart from the C++ code on purpose: correct each by the
 calibration of the hand, never one by the other. Python's floats are IEEE doubles and are not
 contracted, so that truncated values can be compared exactly. The random numbers have a fixed seed.
 """
@@ -315,13 +314,6 @@ def print_brisa():
               for hand in hands for margin in [0] * 5 + [3000] * 3]
     numbers = [-2**31, -1, *range(len(GESTURES) + 1), 2**31 - 1]
 
-    sides = []
-    for hand in hands:
-        limits = [list(column) for pairs in (hand.joint, hand.linear) for column in zip(*pairs)]
-        sides.append((hand.mirrored, *limits, hand.at_min, hand.at_max,
-                      FLEXION_FORWARD, hand.thumb_forward))
-
-    table("SideRow kSideRows", sides)
     table("ForwardRow kForwardRows", [(h.mirrored, j, h.to_actuator(j)) for h, j in joints])
     table("InverseRow kInverseRows", [(h.mirrored, v, h.to_joint(v)) for h, v in inputs])
     table("AllJointsRow kAllJointsRows", [(h.mirrored, j, h.all_joints(j)) for h, j in joints[::3]])
@@ -351,9 +343,6 @@ def print_tessel():
             lengths = inputs_to_lengths(v)
             back = hand.to_joint(lengths)
             inverse.append((hand.mirrored, back, all_tessel_joints(back), lengths, v))
-    # Lengths of whole inputs, where a last digit decides how they are truncated.
-    wholes = [[round(t - t * random.randint(0, INPUT_TOP) / INPUT_TOP, 9) for t in TRAVEL]
-              for _ in range(12)]
     tables = {"joint_min": [low for low, _ in TESSEL_LIMITS],
               "joint_max": [high for _, high in TESSEL_LIMITS],
               "motor_length_min": [min(t, 0.0) for t in TRAVEL],
@@ -365,7 +354,6 @@ def print_tessel():
     print("};")
     table("ConversionRow kForwardRows", forward)
     table("ConversionRow kInverseRows", inverse)
-    table("LengthRow kLengthRows", [(lengths, lengths_to_inputs(lengths)) for lengths in wholes])
     table("GestureRow kGestureRows", [(h.mirrored, n, h.gesture(n))
                                       for h in hands for n in [-2**31, -1, *range(5), 2**31 - 1]])
 
@@ -375,7 +363,6 @@ def main():
     if len(sys.argv) != 2 or sys.argv[1] not in printers:
         sys.exit("usage: scripts/make_solver_table.py brisa|tessel")
     random.seed(7)
-    print("// Made by scripts/make_solver_table.py; don't edit.")
     printers[sys.argv[1]]()
 
 

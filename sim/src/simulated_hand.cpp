@@ -165,7 +165,8 @@ std::vector<Frame> SimulatedHand::TakeDue(TimePoint now) {
   for (auto& [key, report] : reports_) {
     if (report.due > now) continue;
     report.due += report.period;
-    if (report.due <= now) report.due = now + report.period;
+    // From the step that the hand has reached, as a new report does: an earlier one stays first.
+    if (report.due <= now) report.due = *time_ + report.period;
     if (IsSilent(now)) continue;
     frames.push_back(
         QuantityFrame(static_cast<Function>(key >> 8), static_cast<std::uint8_t>(key)));

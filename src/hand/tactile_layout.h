@@ -9,7 +9,7 @@
 
 namespace talvera::korvane {
 
-/// A finger of the enumeration, which an application may have cast from any number.
+/// Whether `finger` is one of the enumeration: an application may have cast it from any number.
 constexpr bool IsFinger(Finger finger) {
   return finger >= Finger::THUMB && finger <= Finger::DORSUM;
 }

@@ -15,7 +15,7 @@ class WithJointAngles : public Base {
  public:
   using Base::Base;
 
-  /// The angles that the hand echoed; none, silently, if the echo isn't one of all motors.
+  /// Returns the angles that the hand echoed; none, silently, unless the echo has all motors.
   std::vector<double> SetAllActiveJointAngles(const std::vector<double>& angles) override {
     const OperationScope operation(this->Diagnostics(), __func__);
     if (!this->CheckJointCount(angles.size())) return {};

@@ -121,7 +121,7 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   std::atomic<int> frame_recv_timeout_ms_{50};
   /// Asks the receive thread to forget what it has of an incomplete frame.
   std::atomic<bool> clear_recv_buffer_{false};
-  /// By which Reconnect waits.
+  /// The clock of the waits in Reconnect and of the pauses around each write.
   Clock* clock_ = &SystemClock();
 
  private:

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
-#include <vector>
 
 namespace talvera::korvane {
 
@@ -15,18 +15,16 @@ inline constexpr int kCannotReadFirmware = -3;
 
 /// A firmware file as read.
 struct FirmwareFile {
-  /// 0, or why there are no bytes to speak of.
+  /// 0, or why there are no packets.
   int error_code = 0;
   /// The file got shorter, or failed, while it was read. What is missing stands as zeros.
   bool read_failed = false;
-  std::vector<std::uint8_t> bytes;
+  std::size_t size = 0;
+  /// The file in order. The last packet is filled up with 0xFF, which is what erased flash reads.
+  std::deque<FirmwarePacket> packets;
 };
 
+/// Reads the file at `path`. Never throws: a file that there is no memory for can't be read.
 FirmwareFile ReadFirmwareFile(const std::string& path);
-
-std::size_t PacketCount(std::size_t file_size);
-
-/// Packet number `index`, counted from 0. Erased flash reads 0xFF, and so does the padding.
-FirmwarePacket CutPacket(const std::vector<std::uint8_t>& bytes, std::size_t index);
 
 }  // namespace talvera::korvane

@@ -1,5 +1,7 @@
 #include "ota_load.h"
 
+#include <new>
+
 #include "update/firmware_file.h"
 
 namespace talvera::korvane {
@@ -8,16 +10,14 @@ FirmwareImage LoadFirmwareOnly(const std::string& path) {
   FirmwareImage image;
   const FirmwareFile file = ReadFirmwareFile(path);
   image.error_code = file.error_code;
-  if (file.error_code != 0) return image;
-  const std::size_t count = PacketCount(file.bytes.size());
-  image.packet_count = static_cast<std::int32_t>(count);
-  image.file_size = static_cast<std::int64_t>(file.bytes.size());
-  if (file.read_failed) {
+  image.packet_count = static_cast<std::int32_t>(file.packets.size());
+  image.file_size = static_cast<std::int64_t>(file.size);
+  try {
+    if (!file.read_failed) image.packets.assign(file.packets.begin(), file.packets.end());
+  } catch (const std::bad_alloc&) {
     image.error_code = kCannotReadFirmware;
-    return image;
   }
-  image.packets.reserve(count);
-  for (std::size_t i = 0; i < count; ++i) image.packets.push_back(CutPacket(file.bytes, i));
+  if (file.read_failed) image.error_code = kCannotReadFirmware;
   return image;
 }
 

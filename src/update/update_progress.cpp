@@ -5,25 +5,27 @@
 namespace talvera::korvane {
 
 void UpdateProgress::SetCallback(ProgressCallback callback) {
+  std::shared_ptr<const ProgressCallback> holder;
+  if (callback) holder = std::make_shared<const ProgressCallback>(std::move(callback));
   const std::lock_guard lock(ota_mutex);
-  ota_progress_callback.swap(callback);
+  ota_progress_callback.swap(holder);
 }
 
 void UpdateProgress::ClearCallback() { SetCallback(nullptr); }
 
 bool UpdateProgress::HasCallback() const {
   const std::lock_guard lock(ota_mutex);
-  return static_cast<bool>(ota_progress_callback);
+  return ota_progress_callback != nullptr;
 }
 
 bool UpdateProgress::Report(int current, int total, OtaProgressStatus status) const {
-  ProgressCallback callback;
+  std::shared_ptr<const ProgressCallback> callback;
   {
     const std::lock_guard lock(ota_mutex);
     callback = ota_progress_callback;
   }
   if (!callback) return false;
-  callback(current, total, status);
+  (*callback)(current, total, status);
   return true;
 }
 
@@ -31,37 +33,21 @@ bool UpdateProgress::Report(int current, OtaProgressStatus status) const {
   return Report(current, Total(), status);
 }
 
-std::size_t UpdateProgress::Load(const std::string& path,
-                                 const std::function<void(int error_code)>& tell) {
-  const FirmwareFile file = ReadFirmwareFile(path);
+std::size_t UpdateProgress::ReportOrLogLoad(
+    const std::string& path, const std::function<void(int error_code)>& log_failure) {
+  FirmwareFile file = ReadFirmwareFile(path);
   if (file.error_code != 0) {
-    if (!Report(file.error_code, 0, OtaProgressStatus::FAILED)) tell(file.error_code);
+    if (!Report(file.error_code, 0, OtaProgressStatus::FAILED)) log_failure(file.error_code);
     return 0;
   }
-  Begin(PacketCount(file.bytes.size()));
-  Report(0, OtaProgressStatus::FILE_LOADED);
-  Fill(file);
-  Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
-  return file.bytes.size();
-}
-
-void UpdateProgress::Begin(std::size_t packets) {
-  {
-    const std::lock_guard lock(ota_mutex);
-    ota_packages.clear();
-  }
-  ota_total_packages = static_cast<std::uint32_t>(packets);
+  const std::lock_guard lock(ota_mutex);
+  ota_total_packages = static_cast<std::uint32_t>(file.packets.size());
   ota_package_index = 0;
   ota_status = kWaitingResponse;
   ota_finish_ok = false;
   ota_restart_ok = false;
-}
-
-void UpdateProgress::Fill(const FirmwareFile& file) {
-  const std::lock_guard lock(ota_mutex);
-  for (std::size_t i = 0; i < PacketCount(file.bytes.size()); ++i) {
-    ota_packages.push_back(CutPacket(file.bytes, i));
-  }
+  ota_packages.swap(file.packets);
+  return file.size;
 }
 
 std::size_t UpdateProgress::PacketsLeft() const {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <thread>
@@ -14,14 +13,11 @@
 #include "serial/usb_device.h"
 #include "support/capture.h"
 #include "support/impatient_clock.h"
-#include "support/temporary_file.h"
 
 namespace talvera::korvane {
 namespace {
 
 using test::CaptureStreams;
-using test::FirmwareBytes;
-using test::TemporaryFile;
 
 constexpr std::uint8_t kId = 0x21;
 constexpr int kPatientMs = 1000;
@@ -32,7 +28,7 @@ class BrisaOnSerial : public testing::Test {
       : link_(std::filesystem::temp_directory_path() /
               ("korvane-serial-" + std::to_string(getpid()) + "-" +
                testing::UnitTest::GetInstance()->current_test_info()->name())),
-        device_(MakeHand(), link_.string()) {
+        device_({sim::kBrisa, kId}, link_.string()) {
     Open();
   }
 
@@ -43,14 +39,7 @@ class BrisaOnSerial : public testing::Test {
           std::make_unique<KorvaneBrisaSerialImpl>(HandType::RIGHT, kId, link_.string(), 115200);
     });
     hand_->SetFrameRecvTimeout(kPatientMs);
-    hand_->ota_clock = &clock_;
     hand_->Device()->clock_ = &clock_;
-  }
-
-  static sim::SimulatedHand MakeHand() {
-    sim::SimulatedHand hand(sim::kBrisa, kId);
-    hand.Firmware().SetRestartTime(std::chrono::milliseconds(10));
-    return hand;
   }
 
   /// Asks until the answer is the expected one: a reply that comes before the library waits for it
@@ -67,33 +56,6 @@ class BrisaOnSerial : public testing::Test {
   sim::SerialHand device_;
   std::unique_ptr<KorvaneBrisaSerialImpl> hand_;
 };
-
-TEST_F(BrisaOnSerial, MovesAndTellsWhereItIs) {
-  ASSERT_TRUE(hand_->connected);
-  EXPECT_EQ(hand_->SetJointMotorPosi(3, 1234), 0);
-  ExpectInTheEnd([&] { return hand_->GetJointMotorPosi(3); }, 1234);
-  const std::vector<short> targets{0, 100, 200, 300, 400, 500, 600, 700, 800, 900};
-  hand_->SetAllJointMotorPosi(targets);
-  ExpectInTheEnd([&] { return hand_->GetAllJointMotorPosi(); }, targets);
-  EXPECT_EQ(hand_->GetAllJointAngles().size(), 16U);
-  ExpectInTheEnd([&] { return hand_->GetAllTemperatureReport().size(); }, 10U);
-  ExpectInTheEnd([&] { return hand_->GetAllCurrentReport().size(); }, 10U);
-  ExpectInTheEnd([&] { return hand_->GetAllForceReport().size(); }, 10U);
-  ExpectInTheEnd([&] { return hand_->GetAllJointMotorVelo().size(); }, 10U);
-  ExpectInTheEnd([&] { return hand_->GetAllErrorReport(); }, std::vector<unsigned short>(10));
-}
-
-TEST_F(BrisaOnSerial, IsItselfAndFeels) {
-  VendorInfo vendor;
-  ExpectInTheEnd([&] { return (vendor = hand_->GetVendorInfo()).product_model; }, "BR7");
-  EXPECT_EQ(vendor.software_version.ToString(), "1.0.0");
-  EXPECT_EQ(vendor.active_dof, 10);
-  EXPECT_EQ(hand_->GetDeviceInfo().device_id, kId);
-  const auto length = [&](Finger finger) { return hand_->GetTactileSensorData(finger).size(); };
-  EXPECT_EQ(length(Finger::THUMB), 16U);
-  EXPECT_EQ(length(Finger::PALM), 25U);
-  ExpectInTheEnd([&] { return hand_->GetAllTactileSensorData().size(); }, 7U);
-}
 
 /// All factories that take the name of a port make a hand with both interfaces there.
 TEST_F(BrisaOnSerial, ComesFromEachFactory) {
@@ -131,16 +93,6 @@ TEST_F(BrisaOnSerial, GoesWhileRepliesComeIn) {
   }
 }
 
-TEST_F(BrisaOnSerial, GoesOnThroughNoiseAndPieces) {
-  sim::SerialFaults faults;
-  faults.junk = 0.5;
-  faults.merge = true;
-  faults.split = std::chrono::microseconds(20);
-  device_.SetFaults(faults);
-  hand_->SetJointMotorPosi(5, 777);
-  ExpectInTheEnd([&] { return hand_->GetJointMotorPosi(5); }, 777);
-}
-
 TEST_F(BrisaOnSerial, FailsInItsTimeWhenThePortDisappears) {
   device_.Unplug();
   hand_->SetFrameRecvTimeout(10);
@@ -168,53 +120,6 @@ TEST_F(BrisaOnSerial, TwoThreadsMayReadAtOnce) {
     for (int i = 0; i < 20; ++i) hand_->GetAllCurrentReport();
     other.join();
   });
-}
-
-TEST_F(BrisaOnSerial, TakesNewFirmware) {
-  const auto image = FirmwareBytes(2 * 2048 + 100);
-  const TemporaryFile file(image);
-  std::vector<std::pair<int, int>> reports;
-  CaptureStreams([&] {
-    hand_->UpdateFirmware(file.Path(), [&](int current, int total, OtaProgressStatus status) {
-      EXPECT_EQ(total, 3);
-      reports.emplace_back(current, static_cast<int>(status));
-    });
-  });
-  const std::vector<std::pair<int, int>> expected{{0, 1}, {0, 2}, {0, 3}, {1, 4}, {2, 4},
-                                                  {3, 4}, {3, 6}, {3, 7}, {3, 0}};
-  reports.erase(std::remove(reports.begin(), reports.end(), std::pair(3, 5)), reports.end());
-  EXPECT_EQ(reports, expected);
-  device_.WithHand(
-      [&](sim::SimulatedHand& hand) { EXPECT_EQ(hand.Firmware().InstalledImage(), image); });
-}
-
-TEST(BrisaWithoutAPort, IsHarmless) {
-  std::unique_ptr<KorvaneBrisaSerialImpl> hand;
-  std::vector<std::pair<int, int>> reports;
-  const TemporaryFile file(FirmwareBytes(10));
-  const auto written = CaptureStreams([&] {
-    hand = std::make_unique<KorvaneBrisaSerialImpl>(HandType::LEFT, kId, "/no/such/port", 115200);
-    EXPECT_FALSE(hand->connected);
-    EXPECT_EQ(hand->SetJointMotorPosi(1, 1), -1);
-    EXPECT_EQ(hand->GetJointMotorPosi(1), -1);
-    EXPECT_EQ(hand->GetAllJointMotorPosi(), std::vector<short>(10));
-    EXPECT_EQ(hand->GetDeviceInfo().device_id, 0);
-    EXPECT_FALSE(hand->SaveParam());
-    hand->SetControlMode(1, ControlMode::MODE_1);
-    hand->SetDeviceId(3);
-    hand->SetFrameRecvTimeout(20);
-    EXPECT_EQ(hand->GetFrameRecvTimeout(), 0);
-    hand->UpdateFirmware(file.Path(), [&](int current, int, OtaProgressStatus status) {
-      reports.emplace_back(current, static_cast<int>(status));
-    });
-  });
-  EXPECT_EQ(written.err.find("[Error]: Failed to open USB serial port /no/such/port: "), 0U);
-  EXPECT_NE(written.err.find("[KorvaneBrisaSerialImpl] GetJointMotorPosi: no transport\n"),
-            std::string::npos);
-  EXPECT_NE(written.err.find("[Error]: Failed to send control mode request\n"), std::string::npos);
-  EXPECT_EQ(hand->device_id, kId);
-  ASSERT_FALSE(reports.empty());
-  EXPECT_EQ(reports.back(), std::pair(-4, -1));
 }
 
 }  // namespace

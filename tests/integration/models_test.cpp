@@ -7,18 +7,11 @@
 #include <thread>
 
 #include "korvane_sim/in_process_adapters.h"
-#include "protocol/can/korvane_brisa_can_impl.h"
-#include "protocol/can/korvane_lumen_can_impl.h"
-#include "protocol/can/korvane_quill_can_impl.h"
-#include "protocol/can/korvane_tessel_can_impl.h"
-#include "protocol/can/korvane_vanta_can_impl.h"
 #include "support/bus_device.h"
-#include "support/capture.h"
+#include "support/tested_hands.h"
 
 namespace talvera::korvane {
 namespace {
-
-using test::BusDevice;
 
 constexpr int kPatientMs = 1000;
 constexpr std::uint8_t kId = 0x21;
@@ -26,45 +19,38 @@ constexpr std::uint8_t kId = 0x21;
 using AnyHand = std::unique_ptr<KorvaneBase>;
 
 struct Model {
-  const char* name;
+  test::TestedHand tested;
   const sim::ModelRow* row;
-  std::size_t joints;
   AnyHand (*by_zlg)(std::uint8_t adapter);
   AnyHand (*by_hcan)(std::uint8_t adapter);
-  AnyHand (*on_bus)(sim::VirtualBus& bus, std::uint8_t id);
 };
 
-template <class Hand, class Impl>
-Model ModelOf(const char* name, const sim::ModelRow& row, std::size_t joints) {
-  return {name,
-          &row,
-          joints,
+void PrintTo(const Model& model, std::ostream* out) { *out << model.row->name; }
+
+template <class Hand>
+Model ModelOf(const test::TestedHand& tested, const sim::ModelRow& row) {
+  return {tested, &row,
           [](std::uint8_t adapter) -> AnyHand {
             return Hand::createHandByZlgcan(HandType::LEFT, kId, adapter);
           },
           [](std::uint8_t adapter) -> AnyHand {
             return Hand::createHandByHcan(HandType::LEFT, kId, adapter);
-          },
-          [](sim::VirtualBus& bus, std::uint8_t id) -> AnyHand {
-            return std::make_unique<Impl>(HandType::LEFT, id, std::make_unique<BusDevice>(bus));
           }};
 }
 
 const std::vector<Model>& Models() {
-  static const std::vector<Model> models{
-      ModelOf<KorvaneBrisa, KorvaneBrisaCanImpl>("Brisa", sim::kBrisa, 10),
-      ModelOf<KorvaneTessel, KorvaneTesselCanImpl>("Tessel", sim::kTessel, 12),
-      ModelOf<KorvaneQuill, KorvaneQuillCanImpl>("Quill", sim::kQuill, 10),
-      ModelOf<KorvaneLumen, KorvaneLumenCanImpl>("Lumen", sim::kLumen, 4),
-      ModelOf<KorvaneVanta, KorvaneVantaCanImpl>("Vanta", sim::kVanta, 20),
-  };
+  static const std::vector<Model> models{ModelOf<KorvaneBrisa>(test::kBrisa, sim::kBrisa),
+                                         ModelOf<KorvaneTessel>(test::kTessel, sim::kTessel),
+                                         ModelOf<KorvaneQuill>(test::kQuill, sim::kQuill),
+                                         ModelOf<KorvaneLumen>(test::kLumen, sim::kLumen),
+                                         ModelOf<KorvaneVanta>(test::kVanta, sim::kVanta)};
   return models;
 }
 
 /// The bus pads the forty bytes of a KorvaneVanta to forty-eight; the hand's own values come first.
 std::vector<short> OwnValues(std::vector<short> values, const Model& model) {
-  EXPECT_GE(values.size(), model.joints);
-  values.resize(model.joints);
+  EXPECT_GE(values.size(), model.tested.motors);
+  values.resize(model.tested.motors);
   return values;
 }
 
@@ -82,7 +68,7 @@ void ExpectIsItself(const KorvaneBase& hand, const Model& model, std::uint8_t id
 
 /// A hand without motors answers with the default of all hands.
 void ExpectMoves(KorvaneBase& hand, const Model& model) {
-  const std::vector<short> targets(model.joints, 700);
+  const std::vector<short> targets(model.tested.motors, 700);
   if (model.row == &sim::kQuill) {
     EXPECT_EQ(hand.SetAllJointMotorPosi(targets), std::vector<short>());
     return;
@@ -91,13 +77,13 @@ void ExpectMoves(KorvaneBase& hand, const Model& model) {
   while (OwnValues(hand.GetAllJointMotorPosi(), model) != targets) std::this_thread::yield();
   hand.SetControlMode(1, ControlMode::POSITION_CURRENT);
   EXPECT_EQ(hand.GetControlMode(1), ControlMode::POSITION_CURRENT);
-  EXPECT_GE(hand.GetAllErrorReport().size(), model.joints);
+  EXPECT_GE(hand.GetAllErrorReport().size(), model.tested.motors);
 }
 
 class EveryModel : public testing::TestWithParam<Model> {};
 
 INSTANTIATE_TEST_SUITE_P(Is, EveryModel, testing::ValuesIn(Models()),
-                         [](const auto& tested) { return tested.param.name; });
+                         testing::PrintToStringParamName());
 
 TEST_P(EveryModel, MovesOverBothAdapters) {
   const test::StreamCapture out(stdout);
@@ -118,7 +104,8 @@ TEST(DifferentHandsOnOneBus, AnswerForThemselves) {
   for (std::size_t i = 0; i < Models().size(); ++i) {
     const auto id = static_cast<std::uint8_t>(kId + i);
     bus.Add({*Models()[i].row, id});
-    hands.push_back(Patient(Models()[i].on_bus(bus, id)));
+    const auto make = Models()[i].tested.make;
+    hands.push_back(Patient(make(HandType::LEFT, id, std::make_unique<test::BusDevice>(bus))));
   }
   auto& tessel = *hands[1];
   tessel.SetAllTemperReportPeriod(std::vector<unsigned short>(12, 1));
@@ -130,32 +117,6 @@ TEST(DifferentHandsOnOneBus, AnswerForThemselves) {
   // Not the echo of the periods, which lands where a report would.
   while (tessel.GetTemperatureReport(12) <= 1) std::this_thread::yield();
   while (tessel.GetAllCurrentReport().size() != 12) std::this_thread::yield();
-}
-
-TEST(TesselOnItsBus, TellsTheFaultsThatTheHandReports) {
-  sim::VirtualBus bus;
-  bus.Add({sim::kTessel, kId});
-  bus.WithHand(0,
-               [](sim::SimulatedHand& hand) { hand.JointMotor(5).SetFault(sim::kMotorException); });
-  AnyHand hand = Patient(Models()[1].on_bus(bus, kId));
-  const auto written = test::CaptureStreams([&] {
-    hand->SetAllErrorReportPeriod(std::vector<unsigned short>(12, 1));
-    hand->SetAllTemperReportPeriod(std::vector<unsigned short>(12, 1));
-    // The first report of faults is due before the first one of temperatures, which are above 1,
-    // the period whose echo comes first.
-    while (hand->GetTemperatureReport(1) <= 1) std::this_thread::yield();
-    hand.reset();
-  });
-  EXPECT_NE(written.err.find("[ERROR]: Joint motor 5 motor exception!\n"), std::string::npos);
-}
-
-TEST(QuillOnItsBus, IsTaughtItsEnds) {
-  sim::VirtualBus bus;
-  bus.Add({sim::kQuill, kId});
-  KorvaneQuillCanImpl hand(HandType::LEFT, kId, std::make_unique<BusDevice>(bus));
-  hand.SetFrameRecvTimeout(kPatientMs);
-  EXPECT_EQ(hand.GetAllTactileSensorDataRaw().size(), 6U);
-  EXPECT_EQ(hand.GetTactileSensorDataRaw(Finger::PALM).data.size(), 78U);
 }
 
 }  // namespace

@@ -257,15 +257,6 @@ TEST_F(SerialCommands, ReadRepliesOfTheRightSizeOnly) {
   }
 }
 
-TEST_F(SerialCommands, SayWhatGotNoReplyAndReturnTheirFailureValues) {
-  hand_->SetFrameRecvTimeout(10);
-  for (const Read& read : Reads()) {
-    EXPECT_EQ(Run(read.call.call), read.failed) << read.call.name;
-    EXPECT_EQ(told_.out, read.Text());
-    EXPECT_EQ(told_.err, "");
-  }
-}
-
 /// Reports that come unasked are taken for the next read of their kind, but by those operations
 /// that forget them first.
 TEST_F(SerialCommands, TakeOlderRepliesThatNobodyRead) {

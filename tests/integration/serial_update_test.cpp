@@ -14,9 +14,8 @@
 
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "serial/usb_device.h"
-#include "support/capture.h"
 #include "support/pseudo_terminal.h"
-#include "support/temporary_file.h"
+#include "support/update_run.h"
 #include "util/bytes.h"
 #include "util/log.h"
 
@@ -26,6 +25,8 @@ namespace {
 using namespace std::chrono_literals;
 using std::string;
 using std::to_string;
+using test::FirstWords;
+using test::kThreePackets;
 using testing::EndsWith;
 using testing::HasSubstr;
 using Bytes = std::vector<std::uint8_t>;
@@ -34,7 +35,7 @@ using Duration = std::chrono::nanoseconds;
 
 constexpr std::uint8_t kId = 0x21;
 constexpr int kBaud = 921600;  // So fast that reads hardly wait.
-constexpr std::size_t kPacket = 2048, kThreePackets = 2 * kPacket + 100;
+constexpr std::size_t kPacket = 2048;
 constexpr Duration kAccepted = 105ms, kDone = 3365ms;
 /// What a run over three packets reports ("current/total=status") and requests if all goes well.
 const string kGood = "0/3=1 0/3=2 0/3=3 1/3=4 2/3=4 3/3=4 3/3=5 3/3=6 3/3=7 3/3=0 ";
@@ -57,9 +58,9 @@ const string kNoUpgrade = kError + "Upgrade request timeout\n";
 
 class SerialUpdateRun : public testing::Test, public Clock {
  protected:
-  struct Outcome {
-    string reports, wire;
-    test::Streams written;
+  /// What the hand has of an update.
+  struct Received {
+    string wire;
     TimePoint now{};
     Bytes image;
     std::map<int, unsigned> requests;  ///< How many there were to each child.
@@ -73,29 +74,26 @@ class SerialUpdateRun : public testing::Test, public Clock {
     hand_->ota_clock = this;
     if (hand_->Device() != nullptr) hand_->Device()->clock_ = this;
   }
-  const Outcome& Run(const string& path, bool reports = true) {
+  const test::UpdateOutcome& Run(const string& path, bool reports = true) {
     run_ = {};
-    const ProgressCallback callback = [this](int current, int total, OtaProgressStatus status) {
-      const string report = Compose(current, "/", total, "=", static_cast<int>(status), " ");
-      run_.reports += report;
+    runner_.on_report = [this](const string& report) {
       if (report != unplugs_at_) return;
       line_.Unplug();
       while (hand_->Device()->running_) std::this_thread::yield();
     };
-    run_.written =
-        test::CaptureStreams([&] { hand_->UpdateFirmware(path, reports ? callback : nullptr); });
-    return run_;
+    return runner_.Run(*hand_, *this, path, reports);
   }
-  const Outcome& Update(std::size_t size = kThreePackets, bool reports = true) {
+  const test::UpdateOutcome& Update(std::size_t size = kThreePackets, bool reports = true) {
     return Run(test::TemporaryFile(test::FirmwareBytes(size)).Path(), reports);
   }
+  const test::Streams& Written() const { return runner_.Outcome().written; }
   const string& SilentErrors() { return Update(kThreePackets, false).written.err; }
   void Expect(const string& reports, const string& wire, Duration took, bool keeps = true) {
-    EXPECT_EQ(run_.reports, reports);
+    EXPECT_EQ(runner_.Outcome().reports, reports);
     EXPECT_EQ(run_.wire, wire);
-    Bytes image = test::FirmwareBytes(kThreePackets);
+    Bytes image = test::PaddedImage(kThreePackets);
     const auto packets = std::count_if(wire.begin(), wire.end(), isdigit);
-    image.resize(static_cast<std::size_t>(packets) * kPacket, 0xFF);
+    image.resize(static_cast<std::size_t>(packets) * kPacket);
     EXPECT_EQ(run_.image, image);
     EXPECT_EQ(Duration(run_.now.time_since_epoch()).count(), took.count());
     EXPECT_EQ(hand_->HasCallback(), keeps);
@@ -106,14 +104,16 @@ class SerialUpdateRun : public testing::Test, public Clock {
     SCOPED_TRACE(to_string(at) + line);
     faults_ = {{{child, at}, replies}};
     EXPECT_THAT(Update().written.out, EndsWith(kKnown + out));
-    const string wire = kGoodWire.substr(0, good * 3 + (good < 7 ? 3 : 0));
-    Expect(kGood.substr(0, good * 6) + to_string(code) + "/3=-1 ", wire, kAccepted + wait, keeps);
+    const string wire = FirstWords(kGoodWire, good + (good < 7 ? 1 : 0));
+    Expect(FirstWords(kGood, good) + to_string(code) + "/3=-1 ", wire, kAccepted + wait, keeps);
     EXPECT_EQ(SilentErrors(), line.empty() ? "" : kError + line + "\n");
   }
   TimePoint Now() const override { return run_.now; }
   void WaitUntil(std::unique_lock<std::mutex>&, std::condition_variable&, TimePoint) override {}
   void NotifyAll(std::condition_variable&) override {}
+  /// The port's own pauses around each write are left out.
   void SleepFor(Duration duration) override {
+    if (duration < 1ms) return;
     run_.now += duration;
     if (duration == 2s && comes_back_ && access(line_.Path().c_str(), F_OK) != 0) line_.Plug();
     if (hand_->Device() && hand_->Device()->running_) Step();
@@ -164,7 +164,8 @@ class SerialUpdateRun : public testing::Test, public Clock {
     while (device.recv_buffer_pos_ != 0U) std::this_thread::yield();
   }
 
-  Outcome run_;
+  Received run_;
+  test::UpdateRunner runner_;
   Bytes version_{1, 0, 0, 2, 0, 0, 4, 5, 6, 10};  ///< What queries get.
   /// What the hand replies to which request to which child, in place of what it should.
   std::map<std::pair<int, unsigned>, Replies> faults_;
@@ -201,7 +202,7 @@ TEST_F(SerialUpdateRun, InstallsTheImageWithTheChecksumOfTheHandsVersion) {
       Update(packets == 1 ? kPacket : kThreePackets, !reports.empty());
       if (type == 0) std::replace(wire.begin(), wire.end(), 'm', 'x');
       Expect(reports, wire, kDone - (3 - packets) * 20ms, !reports.empty());
-      EXPECT_EQ(run_.written.err + run_.written.out,
+      EXPECT_EQ(Written().err + Written().out,
                 Compose("OTA preparing [fw version: ", before, "[USB_OTA][fw version: ", text,
                         "][hw version: 4.5.6][validation type: ", int{type}, "]\n",
                         reports.empty() ? stages : ""));
@@ -240,7 +241,7 @@ TEST_F(SerialUpdateRun, HasTimeForAHundredAndFiftyPackets) {
   string reports = "0/151=1 0/151=2 0/151=3 ";
   for (int index = 1; index <= 150; ++index) reports += to_string(index) + "/151=4 ";
   EXPECT_EQ(Update(151 * kPacket).reports, reports + "-6/151=-1 ");
-  EXPECT_THAT(run_.written.out, EndsWith(" no ACK for last packet 150, not sending FINISH\n"));
+  EXPECT_THAT(Written().out, EndsWith(" no ACK for last packet 150, not sending FINISH\n"));
   EXPECT_EQ(run_.requests[3], 0U);
 }
 
@@ -279,14 +280,14 @@ TEST_F(SerialUpdateRun, ReconnectsWhenThePortGoesBeforeTheFirstPacket) {
   Expect("0/3=1 0/3=2 0/3=3 0/3=8 " + kGood.substr(18), "Vx U- 0m 1m 2m Fm Rm ", kDone + 2500ms);
   unplugs_at_ = "1/3=4 ";
   EXPECT_ANY_THROW(Update()) << "a packet can't be written";
-  Expect(kGood.substr(0, 24), "Vx U- V- 0m ", kAccepted + 20ms);
+  Expect(FirstWords(kGood, 4), "Vx U- V- 0m ", kAccepted + 20ms);
 }
 
 TEST_F(SerialUpdateRun, EndsWithoutAnImageOrAPort) {
   const test::TemporaryFile empty({});
   for (const bool missing : {false, true}) {
     const string path = missing ? "/no/such/file" : empty.Path();
-    EXPECT_EQ(Run(path).written.out + run_.written.err, "");
+    EXPECT_EQ(Run(path).written.out + Written().err, "");
     Expect(missing ? "-2/0=-1 " : "-3/0=-1 ", "", 0ms, false);
     EXPECT_EQ(Run(path, false).written.err,
               Compose(kError, missing ? "Failed to read " + path : "File is empty", "\n"));

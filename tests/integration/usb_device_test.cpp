@@ -218,14 +218,6 @@ TEST_F(UsbDevice, HoldsItsTimesToTheirLimits) {
 
 // Requests
 
-TEST_F(UsbDevice, AnyFrameThatComesDuringTheWaitAnswers) {
-  device_.Init();
-  auto answer = WaitingRequest();
-  line_.Write(kPosition);
-  EXPECT_TRUE(answer.get());
-  EXPECT_EQ(Next(), kPositionFrame);
-}
-
 // Settled: the flag is cleared after the write.
 TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitIsLost) {
   device_.frame_recv_timeout_ms_ = 10;
@@ -235,20 +227,6 @@ TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitIsLost) {
   device_.reply_received_ = true;
   lock.unlock();
   EXPECT_FALSE(answer.get());
-}
-
-TEST_F(UsbDevice, ARequestOnAPortThatDisappearsFailsInItsTime) {
-  device_.Init();
-  device_.frame_recv_timeout_ms_ = 200;
-  const auto start = std::chrono::steady_clock::now();
-  auto answer = WaitingRequest();
-  line_.Unplug();
-  EXPECT_FALSE(answer.get());
-  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(200));
-  EXPECT_TRUE(Eventually([this] { return !device_.running_; }));
-  EXPECT_THAT(err_.Text(), ContainsRegex("^\\[USB\\] RecvThread \\[exception:.+\\]\\[ort_open:1\\]"
-                                         "\\[recv_buffer_pos_:0\\]\n$"));
-  EXPECT_ANY_THROW(device_.SendRequestWithReply(kPing.data(), kPing.size()));
 }
 
 // Reconnecting

@@ -141,19 +141,6 @@ TEST_F(SocketCanOnTheKernel, DrivesASimulatedHand) {
   EXPECT_EQ(simulator.End(SIGINT), 0);
 }
 
-TEST_F(SocketCanOnTheKernel, DrivesTenHandsOnOneBus) {
-  std::vector<std::string> arguments{"--can", TestInterface()};
-  for (int id = 1; id <= 10; ++id) {
-    arguments.insert(arguments.end(), {"--hand", "brisa:" + std::to_string(id)});
-  }
-  SimulatorProcess simulator(arguments);
-  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
-  std::vector<std::unique_ptr<KorvaneBrisa>> hands;
-  for (std::uint8_t id = 1; id <= 10; ++id) hands.push_back(OpenHand(TestInterface(), id));
-  for (const auto& hand : hands) hand->SetCurrentThreshold(1, hand->device_id);
-  for (const auto& hand : hands) EXPECT_EQ(hand->GetCurrentThreshold(1), hand->device_id);
-}
-
 TEST_F(SocketCanOnTheKernel, DrivesHandsOfAllModelsOnOneBus) {
   SimulatorProcess simulator({"--can", TestInterface(), "--hand", "brisa:1", "--hand", "tessel:2",
                               "--hand", "quill:3", "--hand", "lumen:4", "--hand", "vanta:5"});

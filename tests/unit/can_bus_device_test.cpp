@@ -138,16 +138,6 @@ TEST_P(OnEachAdapter, AReplyThatComesBeforeSendFrameReturnsIsNotMissed) {
   EXPECT_THAT(device_.pending_req_ids_, IsEmpty());
 }
 
-TEST_P(OnEachAdapter, ADuplicateReplyLeavesNothingForTheNextRequest) {
-  device_.script = AnswerWith("1 1 1");
-  const StreamCapture err(stderr);  // the adapter that tells unmatched frames
-  for (int i = 0; i < 20; ++i) {
-    ASSERT_EQ(Ask(device_), "1");
-    device_.Settle();
-    ASSERT_THAT(device_.umap_rep_, IsEmpty());
-  }
-}
-
 TEST_P(OnEachAdapter, RequestsOfSeveralThreadsGoOneAtATimeAndEachGetsItsOwnReply) {
   std::atomic<int> own_replies{0}, overlaps{0};
   device_.script = [&](const CanfdFrame& sent) {
@@ -374,14 +364,6 @@ TEST_P(OnEachAdapter, AnUnmatchedFrameGoesToTheCallbackOnlyAndWithoutAJudgeEvery
   EXPECT_EQ(Dispatch(MakeFrame(0x80000A12)), UnmatchedLine("a12"));
   EXPECT_THAT(device_.umap_rep_, IsEmpty());
   EXPECT_EQ(device_.pending_req_ids_.size(), 1U);
-}
-
-TEST_P(OnEachAdapter, WithoutAReplyKeyFunctionAMatchIsToldOnceAndHandedToNobody) {
-  device_.matched_rep_id_ = nullptr;
-  device_.pending_req_ids_ = {kRequestId};
-  EXPECT_EQ(Dispatch(MakeFrame(kReplyId)),
-            is_hcan_ ? "" : kError + "[RecvFrame] bad_function_call\n");
-  EXPECT_EQ(processed_.size(), is_hcan_ ? 1U : 0U) << "there it doesn't match at all";
 }
 
 TEST_P(OnEachAdapter, WhatCallbacksThrowIsToldInOneLineAndGoesNoFurther) {

@@ -564,26 +564,6 @@ TEST_F(BrisaOverCan, BuildsPublicOperationsFromSeveralCommands) {
   EXPECT_EQ(sensors[4].data.front(), 26);
 }
 
-TEST_F(BrisaOverCan, TurnsJointAnglesIntoPositionsAndBack) {
-  device_.script = [](const CanfdFrame& sent) {
-    CanfdFrame echo = sent;
-    if (sent.data[0] == 9) std::fill(echo.data + 1, echo.data + 21, std::uint8_t{4});
-    echo.len = 24;
-    return std::vector<CanfdFrame>{echo};
-  };
-  const std::vector<double> angles(10, 0.25);
-  const auto inputs = hand_.solver->ActiveJointPos2ActuatorInput(angles);
-  const auto echoed = hand_.SetAllActiveJointAngles(angles);
-  EXPECT_EQ(echoed, hand_.solver->ActuatorInput2ActiveJointPos({inputs.begin(), inputs.end()}));
-  const auto sent = device_.TakeSent();
-  ASSERT_EQ(sent.size(), 1U);
-  EXPECT_EQ(sent[0].data[0], 8);
-  EXPECT_EQ(LoadS16(sent[0].data + 19), inputs[9]);
-  const auto active = hand_.solver->ActuatorInput2ActiveJointPos(std::vector<int>(10, 0x404));
-  EXPECT_EQ(hand_.GetAllActiveJointAngles(), active);
-  EXPECT_EQ(hand_.GetAllJointAngles(), hand_.solver->GetAllJointPos(active));
-}
-
 TEST_F(LumenOverCan, SaysWhatTheProtocolHasNoCommandFor) {
   using Hand = Lumen;
   const std::string no = ": Not supported for LM3 standard frame";

@@ -5,13 +5,18 @@
 
 #include <array>
 #include <cstring>
+#include <locale>
+#include <optional>
 #include <stdexcept>
 #include <typeinfo>
 
 #include "can/can_bus_device_socket_can.h"
 #include "can/hcan_device.h"
 #include "can/zlg_usbcanfd_device.h"
+#include "protocol/serial/korvane_brisa_serial_impl.h"
+#include "support/temporary_file.h"
 #include "support/tested_hands.h"
+#include "util/text.h"
 
 namespace talvera::korvane {
 namespace {
@@ -58,20 +63,6 @@ TEST_P(HandObjects, BindToTheirTransportAndSendNothing) {
   }
 }
 
-TEST_P(HandObjects, DropFramesThatAreNotForThem) {
-  std::vector<std::uint32_t> ids{0, Id(0x00230000), Id(0x01130000), 0x1FFFFFFF, 0xFFFFFFFF};
-  if (!is_brisa_) ids.push_back(Id(0x01F20000) ^ 1);
-  if (is_quill_) ids.push_back(0x01F20100 | kId);
-  const Streams told = CaptureStreams([&] {
-    for (const std::uint32_t id : ids) {
-      for (const int len : {0, 64, 255}) device_.Receive(FullFrame(id, {}, len));
-    }
-  });
-  EXPECT_TRUE(device_.TakeSent().empty());
-  EXPECT_EQ(told.out + told.err, "");
-  EXPECT_EQ(dynamic_cast<CanUpdateState&>(hand_).ota_status, 99U);
-}
-
 /// The receive thread of the transport uses the solver.
 template <class Impl>
 void ExpectSolver() {
@@ -95,11 +86,6 @@ TEST(HandSolvers, AreOfTheSideOfTheHandAndOutliveItsTransport) {
 template <class Impl>
 constexpr bool kHasTcpForm = std::is_constructible_v<Impl, HandType, std::uint8_t, std::string,
                                                      unsigned short, std::uint8_t>;
-template <class Impl, class = void>
-constexpr bool kHasBroadcast = false;
-template <class Impl>
-constexpr bool
-    kHasBroadcast<Impl, std::void_t<decltype(&Impl::GetDeviceInfoFromBroadcastSocketCan)>> = true;
 
 /// `visit` gets a null pointer to the implementation class: its static operations are the model's.
 template <class Visitor>
@@ -109,20 +95,6 @@ void ForEachHand(const Visitor& visit) {
   visit(static_cast<KorvaneQuillCanImpl*>(nullptr), kQuill);
   visit(static_cast<KorvaneLumenCanImpl*>(nullptr), kLumen);
   visit(static_cast<KorvaneVantaCanImpl*>(nullptr), kVanta);
-}
-
-TEST(HandClasses, DifferInTheirTcpFormTheirBroadcastsAndWhatTheyTakeForAReply) {
-  ForEachHand([](auto type, const TestedHand& tested) {
-    using Impl = std::remove_pointer_t<decltype(type)>;
-    EXPECT_EQ(kHasTcpForm<Impl>, tested.model_code != 2 && tested.model_code != 4);
-    EXPECT_EQ(kHasBroadcast<Impl>, tested.model_code != 2);
-    Impl hand(HandType::RIGHT, 0x11, nullptr);
-    EXPECT_EQ(hand.JudgeMsgMatch(0x01F10180, 0x01F20127), tested.model_code == 0);
-    EXPECT_TRUE(hand.JudgeMsgMatch(0x031307A7, 0x03130727));
-    EXPECT_TRUE(hand.JudgeMsgMatch(0x00130127, 0x101081A7));
-    EXPECT_FALSE(hand.JudgeMsgMatch(0x00130127, 0x00138127));
-    EXPECT_EQ(hand.GetMatchedRepId(0x13F10180), 0x03F20180U);
-  });
 }
 
 TEST(HandClasses, LeaveTheTransportOutWhenTheLinkIsOfNoKnownKind) {
@@ -177,24 +149,6 @@ TEST(HandFactories, GiveAHandThatFailsWhenTheDeviceIsMissing) {
     }
   });
   EXPECT_NE(errors.Text().find("[HCAN ERROR] Device with serial number"), std::string::npos);
-}
-
-TEST(HandBroadcasts, FindNobodyThroughAnAdapterThatIsntThere) {
-  const StreamCapture output(stdout);
-  ForEachHand([&](auto type, const TestedHand& tested) {
-    using Impl = std::remove_pointer_t<decltype(type)>;
-    if constexpr (kHasBroadcast<Impl>) {
-      const auto expect_line = [&](auto ask, const char* adapter) {
-        const std::string told = Told([&] { EXPECT_EQ(ask().device_id, 0); });
-        const std::string prefix = tested.model_code == 1 ? "[ERROR]: " : "[Error]: ";
-        const std::string line = " device for broadcast request\n";
-        EXPECT_NE(told.find(prefix + "Failed to initialize " + adapter + line), std::string::npos);
-      };
-      expect_line([] { return Impl::GetDeviceInfoFromBroadcastSocketCan("nowhere"); }, "SocketCAN");
-      expect_line([] { return Impl::GetDeviceInfoFromBroadcast("no such adapter", 0); }, "CAN");
-      expect_line([] { return Impl::GetDeviceInfoFromBroadcast(7, 0); }, "CAN");
-    }
-  });
 }
 
 TEST_P(HandObjects, HandTheirSettingsToTheTransportWhichHoldsThemToItsLimits) {
@@ -339,6 +293,49 @@ TEST_P(HandObjects, KeepTheirIdWhenANewOneCouldntBeSent) {
   device_.script = Throws(std::logic_error("adapter broke"));
   expect_failure(hand_, tested_.OfClass() + "[SetDeviceId] adapter broke\n");
   expect_failure(*without_transport_, not_sent);
+}
+
+// --- The application's locale ---------------------------------------------------------------
+
+/// Puts a comma after every digit.
+struct Grouping : std::numpunct<char> {
+  char do_thousands_sep() const override { return ','; }
+  std::string do_grouping() const override { return "\1"; }
+  char do_decimal_point() const override { return '!'; }
+};
+
+/// Texts with numbers from different parts of the library.
+std::string TextsWithNumbers() {
+  const Rig<KorvaneTesselCanImpl> rig(kId);
+  rig.hand->SetFrameRecvTimeout(10);
+  const TemporaryFile image(FirmwareBytes(5000));
+  KorvaneBrisaCanImpl brisa(HandType::RIGHT, kId, NoTransport());
+  std::optional<KorvaneBrisaSerialImpl> serial;  // The serial library words its own failures.
+  CaptureStreams([&] { serial.emplace(HandType::LEFT, kId, "/no/such/port", 115200); });
+  const Streams streams = CaptureStreams([&] {
+    rig.hand->GetVendorInfo();
+    rig.hand->GetJointMotorPosi(100);
+    rig.device->Receive(FullFrame(0x0C200127, {1}, 2));
+    rig.hand->solver->ConvertActuator2Joint({12345});
+    brisa.GetTactileSensorDataRaw(Finger::PALM);
+    brisa.UpdateFirmware(image.Path(), nullptr);
+    serial->GetJointMotorPosi(123);
+    brisa.solver->SetHandGesture(2);
+  });
+  const auto time = std::chrono::system_clock::time_point(std::chrono::hours(400000));
+  return streams.out + streams.err + FormatTimestamp(time) +
+         VendorInfo{"", "", {10, 20, 30, 40}, {}, 24000, 12}.ToString();
+}
+
+TEST(Locales, ChangeNoText) {
+  const std::string expected = TextsWithNumbers();
+  const auto before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  const std::string texts = TextsWithNumbers();
+  std::locale::global(before);
+  EXPECT_EQ(texts, expected);
+  EXPECT_NE(texts.find("24000mV"), std::string::npos);
+  EXPECT_NE(texts.find("timeout (10ms)"), std::string::npos);
+  EXPECT_NE(texts.find("5000 bytes, 3 packets"), std::string::npos);
 }
 
 }  // namespace

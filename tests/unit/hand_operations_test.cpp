@@ -362,18 +362,6 @@ TEST_P(HandOperations, GoBeforeOlderRequestsOfLowerPriorityOnly) {
   }
 }
 
-TEST_P(HandOperations, LeaveRepliesToOthersAsideAndTakeAPairedOne) {
-  device_.script = [](const CanfdFrame& sent) {
-    std::vector<CanfdFrame> frames;
-    for (const unsigned other : {0x1U, 0x8000U, 0x10000U, 0x1000000U, 0x600U, 0x10030001U}) {
-      frames.push_back(FullFrame(sent.can_id ^ other, {1}));
-    }
-    frames.push_back(FullFrame(sent.can_id ^ 0x10038080U, {7}));
-    return frames;
-  };
-  EXPECT_EQ(hand_.GetJointMotorPosi(4), 7);
-}
-
 TEST_P(MotorHands, RefuseVectorsOfAnotherSizeThanTheHandHasMotors) {
   std::vector<Operation> operations = model_.operations;
   if (model_.class_name == kTessel.class_name || model_.class_name == kBrisa.class_name) {
@@ -410,20 +398,6 @@ TEST(ReportPeriods, AreRefusedByHandsThatSendNoReports) {
     }
     EXPECT_TRUE(hands.device_.TakeSent().empty());
   }
-}
-
-TEST(QuillOperations, LeaveAloneTheMotorsThatItDoesNotHave) {
-  const HandPair<Hand> hands(kQuill.make);
-  const Streams told = CaptureStreams([&] {
-    for (const Operation& operation : MotorOperations(10)) {
-      const std::string& name = operation.name;
-      if (name == "GetJointMotorPosi" || name == "GetAllJointMotorPosi") continue;
-      EXPECT_EQ(operation.call(hands.hand_, 99), name == "GetControlMode" ? "0" : operation.failed);
-    }
-    hands.hand_.SetHandGesture(1);
-  });
-  EXPECT_TRUE(hands.device_.TakeSent().empty());
-  EXPECT_EQ(told.out + told.err, "");
 }
 
 TEST_P(MotorHands, LayOutMixedCommandsByTheModeOfTheirFirstElement) {

@@ -54,21 +54,6 @@ TEST_F(TesselReports, AreWhatReadingATemperatureOrACurrentGives) {
   EXPECT_TRUE(device_.TakeSent().empty());
 }
 
-TEST_F(TesselReports, AreOfTheWholeHandAndOfItsOwnMotors) {
-  Receive(0x00210127, Bytes(24, 1), 24);
-  Receive(0x00220127, Bytes(24, 2), 24);
-  Receive(0x01210127, Bytes(24, 3), 24);
-  Receive(0x01220127, Bytes(24, 3), 24);
-  EXPECT_EQ(hand_.GetTemperatureReport(5), 0x0101);
-  EXPECT_EQ(hand_.GetCurrentReport(5), 0x0202);
-  for (const std::uint8_t index : {std::uint8_t{0}, std::uint8_t{13}}) {
-    const std::string line = "[ERROR]: Invalid joint motor ID parameter " + std::to_string(index) +
-                             ", valid range: 1~\x0C.\n";
-    EXPECT_EQ(Told([&] { EXPECT_EQ(hand_.GetTemperatureReport(index), 0); }), line);
-    EXPECT_EQ(Told([&] { EXPECT_EQ(hand_.GetCurrentReport(index), 0); }), line);
-  }
-}
-
 TEST_F(TesselReports, TellEachFaultInALine) {
   const auto line = [](int motor, const std::string& fault) {
     return "[ERROR]: Joint motor " + std::to_string(motor) + " " + fault + "!\n";
@@ -141,6 +126,15 @@ TEST(VantaAngles, AreStandIns) {
     EXPECT_EQ(Told([&] { hand->SetHandGesture(1); }), "");
   }
   EXPECT_TRUE(hands.device_.TakeSent().empty());
+}
+
+TEST(VantaAngles, OfAllJointsAreThoseOfTheActiveOnesAsAnApplicationMayDefineThem) {
+  struct WithAngles : KorvaneVantaCanImpl {
+    using KorvaneVantaCanImpl::KorvaneVantaCanImpl;
+    std::vector<double> GetAllActiveJointAngles() const override { return {0.5}; }
+  };
+  const WithAngles hand(HandType::RIGHT, kId, NoTransport());
+  EXPECT_EQ(hand.GetAllJointAngles(), std::vector<double>{0.5});
 }
 
 TEST(VantaMixedControl, RefusesMoreElementsThanAFrameHolds) {

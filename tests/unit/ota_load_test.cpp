@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "support/allocation_hook.h"
 #include "support/capture.h"
 #include "support/temporary_file.h"
 #include "util/crc16.h"
@@ -52,6 +53,7 @@ TEST(LoadFirmwareOnly, TellsWhyAFileIsNoImageAndNeverThrowsOrPrints) {
                                      {"/tmp", -3},
                                      {"/dev/zero", -3},
                                      {pipe, -3},
+                                     {"/proc/self/mem", -3},  // can't be measured
                                      {"", -2}}) {
       const FirmwareImage image = LoadFirmwareOnly(path);
       EXPECT_EQ(image.error_code, code) << path;
@@ -62,6 +64,32 @@ TEST(LoadFirmwareOnly, TellsWhyAFileIsNoImageAndNeverThrowsOrPrints) {
   });
   unlink(pipe.c_str());
   EXPECT_EQ(written.out + written.err, "");
+}
+
+TEST(LoadFirmwareOnly, GivesUpOnAFileThatCannotBeReadOrKept) {
+  if (!test::AllocationHook::Works()) GTEST_SKIP() << "a sanitizer allocates";
+  const std::size_t size = 5000;
+  const TemporaryFile file(FirmwareBytes(size));
+  bool failed = true;
+  for (int allocation = 1; failed; ++allocation) {
+    FirmwareImage image;
+    {
+      const test::AllocationHook none_left(1, allocation, &test::ThrowBadAlloc);
+      image = LoadFirmwareOnly(file.Path());
+      failed = none_left.Ran();
+    }
+    EXPECT_EQ(image.error_code, failed ? -3 : 0) << allocation;
+    EXPECT_EQ(image.packets.size(), failed ? 0U : 3U);
+  }
+  // The stream's buffer is the first piece of that size, the bytes of the file are the second.
+  const test::AllocationHook shrinks(size, 2,
+                                     [&] { EXPECT_EQ(truncate(file.Path().c_str(), 1), 0); });
+  const FirmwareImage image = LoadFirmwareOnly(file.Path());
+  EXPECT_TRUE(shrinks.Ran());
+  EXPECT_EQ(image.error_code, -3);
+  EXPECT_EQ(image.packet_count, 3);
+  EXPECT_EQ(image.file_size, 5000);
+  EXPECT_TRUE(image.packets.empty());
 }
 
 // The check values of the two checksums' own definitions.

@@ -126,29 +126,5 @@ TEST_F(SerializedQueue, DisablingItTakesTheCallersOwnItemOutAndNoOther) {
   EXPECT_EQ(device_.serialized_queue_, std::deque{other});
 }
 
-TEST_F(SerializedQueue, OnlyRequestsOfOneFrameReplyPassThroughItAndNoneOnceDisabled) {
-  const auto left = Enqueue('a', 9);
-  device_.SendRequestWithoutReply(MakeFrame('b'));
-  EXPECT_EQ(device_.SendRequestSynchMultiFrame(MakeFrame('c'), 1).size(), 1U);
-  device_.SetSerializedRequestQueue(false);
-  EXPECT_EQ(Request('d', -1), "d");
-  EXPECT_EQ(TakeSent(), "bcd");
-  EXPECT_EQ(device_.serialized_sequence_, 1U);
-  device_.SetSerializedRequestQueue(true);
-  EXPECT_EQ(Request('e'), "e");
-  EXPECT_TRUE(left->done);
-}
-
-TEST_F(SerializedQueue, BothWaysKeepTheRequestInterval) {
-  device_.SetRequestInterval(20);
-  for (const bool enabled : {true, false}) {
-    device_.SetSerializedRequestQueue(enabled);
-    Request('a');
-    const std::int64_t before = device_.last_request_time_;
-    Request('b');
-    EXPECT_GE(device_.last_request_time_ - before, 19'000'000);  // slept on another clock
-  }
-}
-
 }  // namespace
 }  // namespace talvera::korvane

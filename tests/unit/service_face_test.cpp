@@ -40,7 +40,8 @@ const std::pair<const char*, const char*> kScripts[] = {
     {"limits, homing, actions and power", R"(
         1B 03E803 > 01; 1C 03D007 > 01; 1B 03D107 > 00; 03 056400 > 01; 03 060010 > 00;
         08 00*20 > 0010*4 9C0F 0010*5 00*40; pass 3000; 07 03 > 03E803; 07 05 > 050000;
-        17 05 > 056400; 16 05E803 > 056400; 0F 01 > 01; pass 3000; 07 03 > 03D007; 1D > 01;
+        17 05 > 056400; 16 05E803 > 056400; pass 3000; 07 05 > 058403; 06 05F401 > 058403;
+        pass 3000; 17 05 > 055802; 0F 01 > 01; pass 3000; 07 03 > 03D007; 1D > 01;
         01 00 > 01; 02 > 00; 0F 02 > 00; 06 030000 > 03D007; pass 3000; 07 03 > 03D007)"},
     {"a mixed motion leaves alone what it doesn't mean", R"(
         15 0105 > 0105; 32 00*4 0008 00*14 0CFE 00*28 > 0010*10 00*40; pass 20000;
@@ -105,16 +106,6 @@ struct HandOnCan {
   VirtualBus bus{clock};
   std::unique_ptr<VirtualBus::Port> port = bus.Open();
 };
-
-TEST(ServiceOnCanTest, FramesArePaddedAndLumenHasFourAxes) {
-  HandOnCan(kBrisa).Play(R"(
-      08 0010*10 > 08 0010*10 00*43; F1 01 A00F0000 0200 > F2 01 00*4; F1 02 0000 F5FB >;
-      F0 FF*63 >; F1 03 > F2 03 02 00*3; F1 04 > F2 04 00*4; 02 >)");
-  HandOnCan(kLumen).Play(R"(
-      >; 12 >; 7E >; F0 00*63 >; 15 0304 > 15 01; 06 050000 > 06 00; 21 042C > 21 01;
-      08 00*11 > 08 0010*4 00*23; 0A > 0A 00*23; 30 > 30 00*8 0010*4 00*3;
-      32 00*50 > 32 0010*4 00*23; 34 19 > 34 01; 0D > 0D 1500)");
-}
 
 TEST(ServiceOnCanTest, BothProtocolsSeeTheSameHandWhichRestartsIntoWhatWasSaved) {
   for (const std::string restart : {"restart", "F1 04 > F2 04 00*4", "04F10181: > 00*4"}) {

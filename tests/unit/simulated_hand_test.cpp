@@ -121,15 +121,6 @@ TEST_F(SimulatedHandTest, MotorsTakeTimeArriveExactlyAndKeepToTheirSpeedAndCurre
   Play("pass 3600000; 01130127 > 0000; 02130127 > 0010");  // Motor 2 has no current.
 }
 
-TEST_F(SimulatedHandTest, IsSilentWhileItRestartsAndComesBackAtRest) {
-  hand_.JointMotor(3).PlaceAt(0);
-  hand_.JointMotor(3).SetTarget(4096);
-  hand_.Restart(now_);
-  Play(
-      "00010127 >; 00020100 >; 03130127 >; 01F101A7 000800000100 >; 05F101A7 >; pass 1999;"
-      "00010127 >; pass 1; 03130127 > 0010; 03120127 > 0000; 03200127 > 0000");
-}
-
 TEST_F(SimulatedHandTest, MotionDoesNotDependOnHowOftenTimeIsLookedAt) {
   SimulatedHand other = hand_;
   for (SimulatedHand* hand : {&hand_, &other}) hand->JointMotor(1).SetTarget(1024);
@@ -165,21 +156,9 @@ TEST_F(SimulatedHandTest, MixedControlAppliesEveryElementInTheFirstOnesLayout) {
   EXPECT_NEAR(Value("01130127"), 1500, 10);
   Play("pass 10000; 01130127 > 0010; 01200127 > 0100");
   // All three: a motor that isn't there doesn't end the frame, an element that is cut off does.
-  control("DF 010203040506 C2 0008E8039001 C300");
-  Play("pass 1000; 02100127 > 06; 03100127 > 04");
+  control("DF 010203040506 C2 0008E8039001 CA 0008E8039001 C30000");
+  Play("pass 1000; 02100127 > 06; 0A100127 > 06; 03100127 > 04");
   EXPECT_NEAR(Value("02130127"), 4096 - 1000, 20);
-}
-
-TEST_F(SimulatedHandTest, TactileSensorsFeelTheirFingerClose) {
-  for (const auto& [model, motor, length, padding] :
-       {std::tuple{&kBrisa, 5U, 16U, 0}, {&kTessel, 7U, 32U, 3}}) {
-    Become(*model);
-    hand_.JointMotor(motor).SetTarget(0);
-    Pass(seconds(1));
-    const Bytes index = Ask("02050127");
-    EXPECT_EQ(std::count(index.begin(), index.end(), 0), padding);
-    EXPECT_EQ(Ask("03050127"), Bytes(length)) << "the middle finger is still open";
-  }
 }
 
 TEST_F(SimulatedHandTest, ReportsGoOutOnTheirPeriodAndOnceAfterALongPause) {
@@ -190,7 +169,8 @@ TEST_F(SimulatedHandTest, ReportsGoOutOnTheirPeriodAndOnceAfterALongPause) {
   EXPECT_TRUE(hand_.TakeDue(now_ + milliseconds(0x1413)).empty());
   Play("0C2001A7 6400 > 6400");
   hand_.JointMotor(12).SetFault(kOvercurrent);
-  const auto due = hand_.TakeDue(now_ += seconds(1000));
+  now_ += seconds(1000);
+  const auto due = hand_.TakeDue(now_ + std::chrono::microseconds(900));
   ASSERT_EQ(due.size(), 2U);
   EXPECT_EQ(std::pair(due[0].id, DataOf(due[0])), std::pair(0x0C200127U, Hex("0400")));
   EXPECT_EQ(std::pair(due[1].id, DataOf(due[1])), std::pair(0x00210127U, Hex("1900*12")));
@@ -220,38 +200,6 @@ TEST_F(SimulatedHandTest, AQuillFollowsItsWearerBetweenTheEndsThatItWasTaught) {
   hand_.Joint(3).Release();
   Pass(milliseconds(1));
   EXPECT_NE(Value("03130727"), 0);
-}
-
-TEST_F(SimulatedHandTest, EveryModelTellsWhoItIsAndAnswersItsOwnFunctions) {
-  const std::pair<const ModelRow&, const char*> models[] = {
-      {kBrisa, R"(
-        00010127 > 4B6F7276616E654272697361 00*4 53494D 30*8 303339 01000000*2 C05D 0A 00*7;
-        07050127 > 00*32; 002001A7 00*64 >)"},
-      {kTessel, R"(
-        00010127 > 4B6F7276616E6554657373656C 00*3 53494D 30*8 303339 01000000*2 C05D 0C 00*7;
-        00130127 > D007*12; 00100127 > 04*12; 05050127 > 00*32; 06050127 >; 00060127 >;
-        01060127 >; 000701A7 >; 002001A7 00*24 > 00*24; 002101A7 00*24 > 00*24;
-        002201A7 00*24 > 00*24; 071301A7 0000 > 0000; 081301A7 B80B > B80B; pass 2000;
-        07130127 > 0000; 08130127 > D007; 00200127 > 00*24)"},
-      {kQuill, R"(
-        00010727 > 4B6F7276616E65517569 6C6C 00*4 53494D 30*8 303339 01000000*2 C05D 00 00*7;
-        001307A7 00*20 >; 00030727 >; 00100727 >; 00120727 >; 001407A7 81 00*63 >; 00200727 >;
-        00210727 >; 00220727 >; 01050727 >; 07060727 >)"},
-      {kLumen, R"(
-        00010127 > 4B6F7276616E654C756D656E 00*4 53494D 30*8 303339 01000000*2 C05D 04 00*7;
-        00130127 > 0010*4; 00100127 > 04*4; 05130127 >; 01050127 >; 01060127 >; 00060127 >;
-        002101A7 00*64 >)"},
-      {kVanta, R"(
-        00010127 > 4B6F7276616E6556616E7461 00*4 53494D 30*8 303339 01000000*2 C05D 14 00*7;
-        00130127 > 0010*20 00*8; 00100127 > 04*20; 14130127 > 0010; 01050127 >; 01060127 >;
-        002201A7 00*64 >)"},
-  };
-  EXPECT_EQ(kModels.size(), std::size(models));
-  for (const auto& [model, script] : models) {
-    SCOPED_TRACE(model.name);
-    Become(model);
-    Play(script);
-  }
 }
 
 }  // namespace

@@ -53,25 +53,14 @@ class TactileSensors : public testing::TestWithParam<TestedHand>, protected Hand
  protected:
   TactileSensors() : HandPair(GetParam().make) {}
 
-  const std::string of_class_ = GetParam().OfClass();
   const std::uint32_t raw_ = 0x00060000 | GetParam().family;
   const bool is_brisa_ = GetParam().class_name == kBrisa.class_name;
   const std::vector<Finger>& order_ = is_brisa_ ? kSeven : kSix;
   const IBR7TactileSensor1D& hand_ = dynamic_cast<IBR7TactileSensor1D&>(*rig_.hand);
-  const IBR7TactileSensor1D& without_ = dynamic_cast<IBR7TactileSensor1D&>(*without_transport_);
 };
 
 INSTANTIATE_TEST_SUITE_P(Both, TactileSensors, testing::Values(kBrisa, kQuill),
                          testing::PrintToStringParamName());
-
-TEST_P(TactileSensors, AreKnown) {
-  EXPECT_EQ(hand_.GetSensorOrder(), order_);
-  EXPECT_EQ(&hand_.GetSensorOrder(), &without_.GetSensorOrder());
-  std::uint8_t finger = 0;
-  for (const std::size_t length : {0U, 16U, 18U, 18U, 18U, 18U, 78U, is_brisa_ ? 102U : 0U, 0U}) {
-    EXPECT_EQ(hand_.GetSensorDataLength(static_cast<Finger>(finger++)), length);
-  }
-}
 
 TEST_P(TactileSensors, AreReadFromAsManyFramesAsTheirRawArrayTakes) {
   const StreamCapture errors(stderr);
@@ -117,33 +106,16 @@ TEST_P(TactileSensors, AreCutFromTheStreamOfAllInTheirOrder) {
   EXPECT_EQ(test::Show(device_.TakeSent()), test::Show({Request(raw_)}));
 }
 
-TEST_P(TactileSensors, GiveNothingWhenTheyFail) {
-  const auto expect_none = [](const IBR7TactileSensor1D& hand) {
-    return Told([&] {
-      EXPECT_EQ(Show({hand.GetTactileSensorDataRaw(Finger::MIDDLE)}), "3: \n");
-      EXPECT_TRUE(hand.GetAllTactileSensorDataRaw().empty());
-    });
-  };
-  const std::string none = "[Warning]: No tactile sensor data available";
-  const std::string one = none + " for sensor 3\n";
-  const std::string all = is_brisa_ ? none + "\n" : "";  // The other says nothing.
-  const std::string transport = "[ERROR][CanBusDeviceBase][SendRequestSynchMultiFrame] ";
-  const std::string not_sent = " request send failed\n";
-  device_.script = CantSend();
-  EXPECT_EQ(expect_none(hand_), transport + FrameText(Request(raw_, Finger::MIDDLE)) + not_sent +
-                                    one + transport + FrameText(Request(raw_)) + not_sent + all);
-  device_.script = Throws(std::runtime_error("adapter broke"));
-  const std::string broke = transport + "adapter broke\n";
-  EXPECT_EQ(expect_none(hand_), broke + one + broke + all);
-  EXPECT_EQ(expect_none(without_), of_class_ +
-                                       "[GetTactileSensorDataRaw][finger:3] no transport\n" +
-                                       of_class_ + "[GetAllTactileSensorDataRaw] no transport\n");
-  // A silent hand: a line of the transport's before each, unless a wait ends to the millisecond.
-  rig_.hand->SetFrameRecvTimeout(10);
-  device_.script = RepliesInFrames({});
-  const std::string lines = expect_none(hand_);
-  EXPECT_NE(lines.find(one), std::string::npos);
-  EXPECT_EQ(lines.find(none + "\n") != std::string::npos, is_brisa_);
+/// HCAN keeps one frame of a reply.
+TEST_P(TactileSensors, GiveOneFrameOfTheirRawArrayOverHcan) {
+  auto adapter = std::make_unique<RecordingDevice>(true, DispatchRules{true, true, false, false});
+  adapter->script = RepliesInFrames(RawFrames(78));
+  const auto hand = GetParam().make(HandType::RIGHT, kId, std::move(adapter));
+  hand->SetFrameRecvTimeout(100);
+  const auto& touch = dynamic_cast<const IBR7TactileSensor1D&>(*hand);
+  EXPECT_THAT(
+      Told([&] { EXPECT_EQ(touch.GetTactileSensorDataRaw(Finger::PALM).data, Counting(62)); }),
+      testing::EndsWith("sensor 6. Expected 78 bytes, got 62\n"));
 }
 
 TEST(BrisaTactile, GivesTheRemainderToEverySensorThatItIsTooShortFor) {
@@ -226,41 +198,22 @@ TEST(BrisaTactile, AsksOverriddenOperationsForTheSensorsAndKeepsWhatItHasWhenThe
                 "[GetTactileSensorDataRaw][finger:6] broken palm\n");
 }
 
+TEST(BrisaTactile, TakesTenFramesOfAllSensorsAndNoMore) {
+  const Rig<BrisaWithOtherSensors> rig(kId);
+  rig.hand->order.assign(9, Finger::DORSUM);  // 630 bytes, and ten frames hold 620
+  rig.device->script = RepliesInFrames(RawFrames(682));
+  EXPECT_EQ(Told([&] {
+              EXPECT_EQ(rig.hand->GetAllTactileSensorDataRaw().back().data, Counting(60, 560));
+            }),
+            "[Warning]: Incomplete data for sensor 7, expected 70 bytes, got 60\n");
+}
+
 TEST(QuillTactile, WalksItsOwnOrderAndKeepsWhatItHasWhenAnOverriddenOperationThrows) {
   const Rig<OtherSensors<KorvaneQuillCanImpl>> rig(kId);
   rig.device->script = RepliesInFrames(RawFrames(166));
   const auto read = [&] { return rig.hand->GetAllTactileSensorDataRaw().size(); };
   EXPECT_EQ(Told([&] { EXPECT_EQ(read(), 5U); }),
             kQuill.OfClass() + "[GetAllTactileSensorDataRaw] broken palm\n");
-}
-
-// --- Fingers that don't exist ---------------------------------------------------------------
-
-TEST(BrisaTactile, ThrowsForThemBeforeItSendsAnything) {
-  const HandPair<KorvaneBrisaCanImpl> hands;
-  const auto throws = testing::ThrowsMessage<std::invalid_argument>("Invalid finger type");
-  for (const int number : {0, 8, 255}) {
-    const auto finger = static_cast<Finger>(number);
-    for (const auto* const hand : hands.both_) {
-      EXPECT_THAT([&] { hand->GetTactileSensorData(finger); }, throws);
-      EXPECT_THAT([&] { hand->GetTactileSensorDataRaw(finger); }, throws);
-    }
-  }
-  EXPECT_TRUE(hands.device_.TakeSent().empty());
-}
-
-TEST(QuillTactile, RefusesThemWithALineAndSendsNothing) {
-  const Rig<KorvaneQuillCanImpl> rig(kId);
-  for (const int finger : {0, 7, 8, 255}) {
-    const std::string number = std::to_string(finger);
-    const StreamCapture errors(stderr);
-    const auto record = rig.hand->GetTactileSensorDataRaw(static_cast<Finger>(finger));
-    EXPECT_EQ(Show({record}), number + ": \n");
-    EXPECT_EQ(errors.Text(),
-              "[Error]: Invalid sensor finger index for Quill (must be 0x01-0x06, no Dorsum): " +
-                  number + "\n");
-  }
-  EXPECT_TRUE(rig.device->TakeSent().empty());
 }
 
 TEST(BrisaTactile, ReadsSummariesOneByOneWhateverTheLengthOfTheReplyAlsoWhenSomeFail) {
@@ -306,16 +259,32 @@ TEST(TesselTactile, ReadsTwentyNineBytesOfAFingertipWhateverTheLengthOfTheReply)
             failed + "no transport\n");
 }
 
-TEST(TesselTactile, RefusesWhatIsNoFingertipWithALineAndSendsNothing) {
-  const Rig<KorvaneTesselCanImpl> rig(kId);
-  for (const int finger : {6, 7, 0, 8, 255}) {
-    EXPECT_EQ(Told([&] { EXPECT_EQ(Read3D(*rig.hand, finger), Bytes(29)); }),
-              finger == 6 || finger == 7
-                  ? "[ERROR]: Korvane Tessel does not support PALM or DORSUM sensors. Only THUMB, "
-                    "INDEX, MIDDLE, RING, LITTLE are supported.\n"
-                  : "[ERROR]: Invalid finger type\n");
+/// A finger that a model doesn't have is refused before anything is sent.
+TEST(TactileRefusals, AreOfTheFingersThatAModelDoesNotHave) {
+  const Rig<KorvaneBrisaCanImpl> brisa(kId);
+  const Rig<KorvaneQuillCanImpl> quill(kId);
+  const Rig<KorvaneTesselCanImpl> tessel(kId);
+  const auto throws = testing::ThrowsMessage<std::invalid_argument>("Invalid finger type");
+  for (const int number : {0, 6, 7, 8, 255}) {
+    const auto finger = static_cast<Finger>(number);
+    const bool exists = number == 6 || number == 7;
+    if (!exists) {
+      EXPECT_THAT([&] { brisa.hand->GetTactileSensorData(finger); }, throws);
+      EXPECT_THAT([&] { brisa.hand->GetTactileSensorDataRaw(finger); }, throws);
+    }
+    EXPECT_EQ(Told([&] { EXPECT_EQ(Read3D(*tessel.hand, number), Bytes(29)); }),
+              exists ? "[ERROR]: Korvane Tessel does not support PALM or DORSUM sensors. Only "
+                       "THUMB, INDEX, MIDDLE, RING, LITTLE are supported.\n"
+                     : "[ERROR]: Invalid finger type\n");
+    if (number == 6) continue;
+    const auto read = [&] { return Show({quill.hand->GetTactileSensorDataRaw(finger)}); };
+    EXPECT_EQ(Told([&] { EXPECT_EQ(read(), std::to_string(number) + ": \n"); }),
+              "[Error]: Invalid sensor finger index for Quill (must be 0x01-0x06, no Dorsum): " +
+                  std::to_string(number) + "\n");
   }
-  EXPECT_TRUE(rig.device->TakeSent().empty());
+  for (auto* const device : {brisa.device, quill.device, tessel.device}) {
+    EXPECT_TRUE(device->TakeSent().empty());
+  }
 }
 
 }  // namespace

@@ -18,8 +18,8 @@ constexpr std::uint32_t kQueryId = 0x00020100;
 constexpr auto kAnswerTime = std::chrono::milliseconds(50);
 constexpr auto kPollInterval = std::chrono::milliseconds(1);
 
-/// The first answer. Shared with the handler, which the receive thread may still be running when
-/// the query has given up.
+/// Keeps the first answer. Shared with the handler of frames, which the receive thread may still be
+/// running when the query has given up.
 class FirstAnswer {
  public:
   void StoreIfFirst(const CanfdFrame& frame) {
@@ -37,7 +37,8 @@ class FirstAnswer {
   std::optional<CanfdFrame> frame_;
 };
 
-/// A hand's own record: not the echo of a write, and not from id 0, which no hand has.
+/// Whether a frame is a hand's own record: not the echo of a write, and not from id 0, which no
+/// hand has.
 bool IsAnswer(std::uint32_t can_id) {
   constexpr std::uint32_t kSameField = kFunctionMask | kFamilyMask | 0x1F000000;
   const auto sender = static_cast<std::int8_t>(can_id & 0xFF);

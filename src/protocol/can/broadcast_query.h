@@ -15,7 +15,7 @@ DeviceInfo QueryZlgBus(std::uint8_t adapter_index, std::uint8_t channel, const c
 DeviceInfo QueryZlgBus(const std::string& serial_number, std::uint8_t channel, const char* prefix);
 DeviceInfo QuerySocketCanBus(const std::string& interface_name, const char* prefix);
 
-/// The query itself, through an adapter that is open. Takes over its callbacks.
+/// Asks through an adapter that is open, and replaces its callbacks.
 DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix, Clock& clock = SystemClock());
 
 }  // namespace talvera::korvane

@@ -49,7 +49,7 @@ constexpr std::uint8_t IndexOf(std::uint32_t can_id) {
   return static_cast<std::uint8_t>(can_id >> kIndexShift);
 }
 
-/// The identifier under which the reply to a request is filed.
+/// The identifier under which the transport keeps the reply to a request.
 constexpr std::uint32_t ReplyIdOf(std::uint32_t request_id) {
   if (FunctionOf(request_id) == function_code::kUpdateRequest) {
     return (request_id & 0x0F00FFFF) | FunctionField(function_code::kUpdateReply);

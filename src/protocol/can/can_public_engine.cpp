@@ -68,7 +68,6 @@ CanPublicEngine::CanPublicEngine(const HandModel& row, Korvane& hand, CanUpdateS
 
 void CanPublicEngine::Start(HandType hand_type, std::uint8_t device_id) {
   SetMembers(hand_, model.model_code, device_id, hand_type);
-  update_run.Address(device_id);
   hand_.connected = IsInit();
   if (!transport || (!hand_.connected && !model.binds_without_link)) return;
   transport->BindCallbacks(
@@ -94,7 +93,7 @@ void CanPublicEngine::ProcessMessage(const CanfdFrame& frame) {
 CanfdFrame CanPublicEngine::ReadFrame(std::uint8_t function, std::uint8_t index) const {
   CanfdFrame frame;
   frame.len = kMaxPayload;
-  frame.can_id = (hand_.device_id & kDeviceIdMask) | model.family | FunctionField(function) |
+  frame.can_id = (DeviceIdOf(hand_) & kDeviceIdMask) | model.family | FunctionField(function) |
                  std::uint32_t{index} << kIndexShift;
   return frame;
 }
@@ -130,7 +129,8 @@ std::optional<CanfdFrame> CanPublicEngine::RequestOrLog(const Context& context,
   }
 }
 
-/// Writes by either way. A quantity with a text of its own for a failed send has no other line.
+/// Sends a write and, if `way` says so, returns its reply. A quantity with a text of its own for a
+/// failed send has no other line for a missing transport either.
 std::optional<CanfdFrame> CanPublicEngine::WriteOrLog(const Context& context,
                                                       const MotorQuantity& quantity, Way way,
                                                       const CanfdFrame& frame) const {
@@ -203,7 +203,7 @@ int CanPublicEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index
   return reply ? LoadS16(reply->data) : 0;
 }
 
-/// 0 unless the last report was one of all motors and no more.
+/// The motor's value in the last report; 0 unless that report was one of all motors and no more.
 int CanPublicEngine::LastReport(const MotorQuantity& quantity, std::uint8_t index) const {
   const auto values = reports_.Values(quantity.function);
   if (values.size() == model.motors) return values[index - 1U];
@@ -364,7 +364,7 @@ DeviceInfo CanPublicEngine::ReadDeviceInfo() const {
     if (text == nullptr) {
       LogFailure({"GetDeviceInfo"}, error);
     } else {
-      const std::string line = Compose(text, hand_.device_id, ", error: ", error.what());
+      const std::string line = Compose(text, DeviceIdOf(hand_), ", error: ", error.what());
       LogError(line);
       RecordFailure(diagnostics, error, line);
     }
@@ -378,8 +378,7 @@ void CanPublicEngine::WriteDeviceId(std::uint8_t new_id) {
   frame.data[0] = new_id;
   try {
     if (Send(frame) == -1) throw SendError("request send failed");
-    hand_.device_id = new_id;
-    update_run.Address(new_id);
+    StoreDeviceId(hand_, new_id);
   } catch (const LinkError& error) {
     Fail(error.Kind(), model.wording->set_id_failed, error.SystemError());
   } catch (const std::exception& error) {

@@ -15,7 +15,7 @@ namespace talvera::korvane {
 /// The public CAN protocol, carried out for any model by its row.
 ///
 /// Every operation checks its arguments, builds a frame on the stack, asks the transport and
-/// decodes the answer. What fails is told in one line, and the row says what is returned.
+/// decodes the answer. A failure is logged in one line, and the row says what is returned.
 class CanPublicEngine : public CanLink {
  public:
   using UpdateState = CanUpdateState;
@@ -38,7 +38,8 @@ class CanPublicEngine : public CanLink {
   template <class Value>
   std::vector<Value> ReadAll(const MotorQuantity& quantity) const;
 
-  /// The reply's first value; nothing on a bad index, on failure, or if the write only sends.
+  /// Writes the value of one motor and returns the first value of the reply; nothing on a bad
+  /// index, on failure, or if the write only sends.
   std::optional<short> WriteMotor(const MotorQuantity& quantity, std::uint8_t index,
                                   std::uint16_t value) const;
   void WriteControlMode(std::uint8_t index, ControlMode mode) const;
@@ -51,14 +52,14 @@ class CanPublicEngine : public CanLink {
   DeviceInfo ReadDeviceInfo() const;
   void WriteDeviceId(std::uint8_t new_id);
 
-  /// False, after the usual line, unless `size` is the number of motors.
+  /// Whether `size` is the number of motors. Logs the usual line if it isn't.
   bool CheckSize(std::size_t size) const;
 
   CanfdFrame ReadFrame(std::uint8_t function, std::uint8_t index) const;
   CanfdFrame WriteFrame(std::uint8_t function, std::uint8_t index) const;
 
-  /// What an operation says of itself when it fails: its name, and "[<tag>:<number>]" if it has a
-  /// tag.
+  /// The operation that a failure line names, and the motor or finger, as "[<tag>:<number>]";
+  /// without a tag the line names none.
   struct Context {
     const char* operation;
     const char* tag = nullptr;
@@ -73,7 +74,7 @@ class CanPublicEngine : public CanLink {
   /// Logs the line and records it as the failure of the operation.
   void Fail(FailureKind kind, const std::string& line, int system_error = 0) const;
 
-  /// The reply to `frame`; nothing after a failure, which has been told.
+  /// Sends `frame` and returns its reply; nothing after a failure, which is logged.
   std::optional<CanfdFrame> RequestOrLog(const Context& context, const CanfdFrame& frame,
                                          int priority = 0) const;
 

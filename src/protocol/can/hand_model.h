@@ -6,9 +6,9 @@
 #include "hand/hand_members.h"
 #include "korvane.h"
 #include "protocol/can/can_identifier.h"
-#include "protocol/can/can_update.h"
+#include "protocol/can/update_rules.h"
 
-// What one hand model says and does differently from another, as data. The engine reads these
+// How one hand model differs from another in what it logs and does, as data. The engine reads these
 // rows; nothing else in the library asks which model a hand is.
 
 namespace talvera::korvane {
@@ -19,36 +19,37 @@ enum class Way : std::uint8_t { kWaits, kSendsOnly };
 /// A quantity that each motor has: its function code, the names of its operations, and how they
 /// are carried out.
 struct MotorQuantity {
-  std::uint8_t function;
-  const char* get;
-  const char* get_all;
-  const char* set;
-  const char* set_all;
-  /// What reading a motor that doesn't exist returns.
-  int bad_index;
+  std::uint8_t function = 0;
+  const char* get = nullptr;
+  const char* get_all = nullptr;
+  const char* set = nullptr;
+  const char* set_all = nullptr;
+  /// The value returned for a motor that doesn't exist.
+  int bad_index = -1;
   /// Priority in the serialized queue.
   int priority = 0;
   Way set_way = Way::kWaits;
   Way set_all_way = Way::kWaits;
   /// Payload length of a whole-hand write.
-  std::uint8_t set_all_length = 64;
-  /// What is told when a write that only sends couldn't be sent.
+  std::uint8_t set_all_length = kMaxPayload;
+  /// The line for a write that only sends and couldn't be sent; null for the usual line, and then
+  /// for exceptions only.
   const char* send_failed = nullptr;
   /// The hand reports it on a period; reading takes the last report and asks nothing.
   bool from_reports = false;
 };
 
-/// Texts with a variable part are given up to it, and then from it on.
+/// The lines of a model. Texts with a variable part are given up to it, and then from it on.
 struct Wording {
-  const char* bad_index;
-  const char* bad_index_range;
-  const char* wrong_size;
-  const char* wrong_size_end;
-  const char* too_many_mixed;
-  const char* set_id_failed;
-  /// What a failed GetDeviceInfo is told by, up to the hand's id; null for the usual line.
+  const char* bad_index = nullptr;
+  const char* bad_index_range = nullptr;
+  const char* wrong_size = nullptr;
+  const char* wrong_size_end = nullptr;
+  const char* too_many_mixed = nullptr;
+  const char* set_id_failed = nullptr;
+  /// The line of a failed GetDeviceInfo, up to the hand's id; null for the usual line.
   const char* device_info_failed = nullptr;
-  /// What the lines of a broadcast query begin with.
+  /// The beginning of the lines of a broadcast query.
   const char* broadcast_prefix = "[Error]: ";
   /// The number of motors is an 8-bit count, and most messages have always shown it as that byte.
   bool count_in_digits = false;
@@ -58,13 +59,13 @@ struct Wording {
 };
 
 struct HandModel {
-  const char* class_name;
-  /// Also the product type that adapters are told.
-  std::uint8_t model_code;
-  std::uint8_t motors;
+  const char* class_name = nullptr;
+  /// Also the product type that an adapter object holds.
+  std::uint8_t model_code = 0;
+  std::uint8_t motors = 0;
   /// The family field of the identifier, in place.
-  std::uint32_t family;
-  const Wording* wording;
+  std::uint32_t family = 0;
+  const Wording* wording = nullptr;
 
   MotorQuantity position;
   MotorQuantity velocity;
@@ -74,8 +75,8 @@ struct HandModel {
   MotorQuantity temperature;
   MotorQuantity current;
 
-  /// A reply with all control modes counts by its length, and by the three bits of a mode;
-  /// otherwise there is a byte for each motor, as it came.
+  /// Reading all control modes takes as many bytes of the reply as its length says, and three bits
+  /// of each; otherwise a whole byte for each motor, whatever the length.
   bool control_modes_by_length = false;
   /// The product model of the vendor record ends at its first NUL byte; otherwise all 16 bytes of
   /// the field are handed on.
@@ -94,37 +95,45 @@ struct HandModel {
   UpdateRules update_rules = {};
 };
 
-inline constexpr Wording kChineseWording{
-    "[Error]: 无效关节电机ID参数",
-    " 正确范围：1～",
-    "[Error]: 无效参数，需与主动自由度数量 ",
-    " 相匹配.",
-    "[Error]: 无效参数，位置速度力控模式最多一次性下发8个关节目标信息.",
-    "[Error]: Failed to send device ID request",
-};
+inline constexpr Wording kChineseWording = [] {
+  Wording wording;
+  wording.bad_index = "[Error]: 无效关节电机ID参数";
+  wording.bad_index_range = " 正确范围：1～";
+  wording.wrong_size = "[Error]: 无效参数，需与主动自由度数量 ";
+  wording.wrong_size_end = " 相匹配.";
+  wording.too_many_mixed = "[Error]: 无效参数，位置速度力控模式最多一次性下发8个关节目标信息.";
+  wording.set_id_failed = "[Error]: Failed to send device ID request";
+  return wording;
+}();
 
 /// What the models have in common. A row starts here and states its differences.
 constexpr HandModel CommonModel(const char* class_name, std::uint8_t model_code,
                                 std::uint8_t motors) {
-  HandModel model{class_name,
-                  model_code,
-                  motors,
-                  /*family=*/0x100,
-                  &kChineseWording,
-                  {function_code::kPosition, "GetJointMotorPosi", "GetAllJointMotorPosi",
-                   "SetJointMotorPosi", "SetAllJointMotorPosi", -1},
-                  {function_code::kVelocity, "GetJointMotorVelo", "GetAllJointMotorVelo",
-                   "SetJointMotorVelo", "SetAllJointMotorVelo", -1},
-                  {function_code::kControlMode, "GetControlMode", "GetAllControlMode",
-                   "SetControlMode", "SetAllControlMode", 10},
-                  {function_code::kThreshold, "GetCurrentThreshold", "GetAllCurrentThreshold",
-                   "SetCurrentThreshold", "SetAllCurrentThreshold", -1},
-                  {function_code::kError, "GetErrorReport", "GetAllErrorReport",
-                   "SetErrorReportPeriod", "SetAllErrorReportPeriod", 0},
-                  {function_code::kTemperature, "GetTemperatureReport", "GetAllTemperatureReport",
-                   "SetTemperReportPeriod", "SetAllTemperReportPeriod", 65535},
-                  {function_code::kCurrent, "GetCurrentReport", "GetAllCurrentReport",
-                   "SetCurrentReportPeriod", "SetAllCurrentReportPeriod", -1}};
+  HandModel model;
+  model.class_name = class_name;
+  model.model_code = model_code;
+  model.motors = motors;
+  model.family = 0x100;
+  model.wording = &kChineseWording;
+  // Each with the names of its operations: get, get_all, set, set_all.
+  model.position = {function_code::kPosition, "GetJointMotorPosi", "GetAllJointMotorPosi",
+                    "SetJointMotorPosi", "SetAllJointMotorPosi"};
+  model.velocity = {function_code::kVelocity, "GetJointMotorVelo", "GetAllJointMotorVelo",
+                    "SetJointMotorVelo", "SetAllJointMotorVelo"};
+  model.control_mode = {function_code::kControlMode, "GetControlMode", "GetAllControlMode",
+                        "SetControlMode", "SetAllControlMode"};
+  model.threshold = {function_code::kThreshold, "GetCurrentThreshold", "GetAllCurrentThreshold",
+                     "SetCurrentThreshold", "SetAllCurrentThreshold"};
+  model.error = {function_code::kError, "GetErrorReport", "GetAllErrorReport",
+                 "SetErrorReportPeriod", "SetAllErrorReportPeriod"};
+  model.temperature = {function_code::kTemperature, "GetTemperatureReport",
+                       "GetAllTemperatureReport", "SetTemperReportPeriod",
+                       "SetAllTemperReportPeriod"};
+  model.current = {function_code::kCurrent, "GetCurrentReport", "GetAllCurrentReport",
+                   "SetCurrentReportPeriod", "SetAllCurrentReportPeriod"};
+  model.control_mode.bad_index = 10;
+  model.error.bad_index = 0;
+  model.temperature.bad_index = 65535;
   model.position.set_all_length = static_cast<std::uint8_t>(2 * motors);
   model.control_mode.set_way = model.control_mode.set_all_way = Way::kSendsOnly;
   model.control_mode.set_all_length = motors;

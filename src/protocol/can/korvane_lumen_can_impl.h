@@ -8,8 +8,8 @@ namespace talvera::korvane {
 struct LumenRow {
   static constexpr UpdateWording kUpdateWording = [] {
     UpdateWording wording = kFullUpdateWording;
-    wording.replies = false;
-    wording.retrying_silent =
+    wording.logs_replies = false;
+    wording.retrying_silent_hand =
         "[WARN]: [UpdateFirmware] No OTA response from device (status=WAITING_RESPONSE, "
         "child_id=-1). Retrying... Check: device supports OTA, firmware compatible, CAN "
         "connection.";
@@ -21,7 +21,7 @@ struct LumenRow {
 
   static constexpr HandModel kModel = [] {
     HandModel model = CommonModel("KorvaneLumenCanImpl", model_code::kLumen, /*motors=*/4);
-    // Commands and what they are judged by overtake reports that wait.
+    // Commands, and readings by which a program steers, overtake reports that wait.
     model.position.priority = model.velocity.priority = 1;
     model.control_mode.priority = model.threshold.priority = model.mixed_priority = 1;
     model.update_rules.wording = &kUpdateWording;

@@ -7,39 +7,42 @@
 namespace talvera::korvane {
 
 struct TesselRow {
-  static constexpr Wording kWording{
-      "[ERROR]: Invalid joint motor ID parameter ",
-      ", valid range: 1~",
-      "[ERROR]: Invalid parameter, must match the number of active degrees of freedom: ",
-      ".",
-      "[ERROR]: Invalid parameter, position/velocity/torque control mode can send at most 8 joint "
-      "target information at once.",
-      "[ERROR]: Failed to send device ID request",
-      "[GetDeviceInfo] Failed: device_id=",
-      "[ERROR]: ",
-      /*count_in_digits=*/false,
-      /*mixed_count_in_digits=*/false,
-      /*failure_names_motor=*/false,
-  };
+  static constexpr Wording kWording = [] {
+    Wording wording;
+    wording.bad_index = "[ERROR]: Invalid joint motor ID parameter ";
+    wording.bad_index_range = ", valid range: 1~";
+    wording.wrong_size =
+        "[ERROR]: Invalid parameter, must match the number of active degrees of freedom: ";
+    wording.wrong_size_end = ".";
+    wording.too_many_mixed =
+        "[ERROR]: Invalid parameter, position/velocity/torque control mode can send at most 8 "
+        "joint target information at once.";
+    wording.set_id_failed = "[ERROR]: Failed to send device ID request";
+    wording.device_info_failed = "[GetDeviceInfo] Failed: device_id=";
+    wording.broadcast_prefix = "[ERROR]: ";
+    wording.mixed_count_in_digits = false;
+    wording.failure_names_motor = false;
+    return wording;
+  }();
 
-  static constexpr UpdateWording kUpdateWording{
-      /*stages=*/false,
-      "[INFO][KorvaneTesselCanImpl][UpdateFirmware] Received restart response (0x04), waiting for "
-      "restart...",
-      "[WARN][KorvaneTesselCanImpl][UpdateFirmware] Upgrade request no response (status=",
-      nullptr,
-      " Upgrade request failed after 10 retries",
-      /*replies=*/false,
-      /*upgrade_reply=*/false,
-      /*status_texts=*/false,
-      "[INFO][KorvaneTesselCanImpl][UpdateFirmware] OTA upgrade process completed [OK]",
-      "[WARN][KorvaneTesselCanImpl][UpdateFirmware] Could not reconnect after restart, OTA "
-      "completed (manual verification may be needed)",
-      "[INFO][KorvaneTesselCanImpl] OTA upgrade completed",
-  };
+  static constexpr UpdateWording kUpdateWording = [] {
+    UpdateWording wording;
+    wording.restarting_first =
+        "[INFO][KorvaneTesselCanImpl][UpdateFirmware] Received restart response (0x04), waiting "
+        "for restart...";
+    wording.retrying =
+        "[WARN][KorvaneTesselCanImpl][UpdateFirmware] Upgrade request no response (status=";
+    wording.no_reply = " Upgrade request failed after 10 retries";
+    wording.completed =
+        "[INFO][KorvaneTesselCanImpl][UpdateFirmware] OTA upgrade process completed [OK]";
+    wording.not_reconnected =
+        "[WARN][KorvaneTesselCanImpl][UpdateFirmware] Could not reconnect after restart, OTA "
+        "completed (manual verification may be needed)";
+    wording.late_result = "[INFO][KorvaneTesselCanImpl] OTA upgrade completed";
+    return wording;
+  }();
 
-  // Which writes wait for the hand's reply follows no rule that one could see; its firmware answers
-  // just these.
+  // Which writes wait for the hand's reply follows no rule: its firmware answers just these.
   static constexpr HandModel kModel = [] {
     HandModel model =
         CommonModel("KorvaneTesselCanImpl", model_code::kTessel, TesselKinematics::kMotors);
@@ -64,9 +67,10 @@ struct TesselRow {
     model.update_rules.counts_acknowledged = true;
     model.update_rules.reports_refusal = model.update_rules.reports_no_reply = true;
     model.update_rules.always_clears_callback = true;
-    model.update_rules.result_query = {std::chrono::milliseconds(0),
-                                       "[INFO][KorvaneTesselCanImpl] OTA upgrade result: success",
-                                       "[ERROR][KorvaneTesselCanImpl] OTA upgrade result: "};
+    model.update_rules.result_query.pause = std::chrono::milliseconds(0);
+    model.update_rules.result_query.success =
+        "[INFO][KorvaneTesselCanImpl] OTA upgrade result: success";
+    model.update_rules.result_query.failure = "[ERROR][KorvaneTesselCanImpl] OTA upgrade result: ";
     return model;
   }();
 

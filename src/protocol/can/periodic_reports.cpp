@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::uint32_t kWholeHandMask = 0xFFFF0000;
 
-/// One line for each bit that is set. A standing fault repeats its lines with every report.
+/// Logs a line for each bit that is set. A standing fault repeats its lines with every report.
 void LogFaults(unsigned motor, std::uint8_t bits) {
   static constexpr const char* kFaults[] = {" stalled!", " overheat!", " overcurrent!",
                                             " motor exception!", " communication exception!"};

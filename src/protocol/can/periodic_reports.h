@@ -9,13 +9,14 @@
 namespace talvera::korvane {
 
 /// The reports that a hand sends on its own: the last temperatures and currents are kept, faults
-/// are told and not kept. Frames come in on the receive thread; values may be read from any thread.
+/// are logged and not kept. Frames come in on the receive thread; values may be read from any
+/// thread.
 ///
 /// A report counts whichever hand sent it: on a bus that carries several hands with reports, each
-/// host object sees them all. Applications know it so.
+/// host object sees them all. Applications rely on it.
 class PeriodicReports {
  public:
-  /// True if the frame was a report.
+  /// Keeps or logs a report. False for any other frame, which is left alone.
   bool StoreIfReport(const CanfdFrame& frame);
 
   /// The values of the last report with that function code, as many as it held; none before the

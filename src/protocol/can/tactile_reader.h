@@ -16,7 +16,7 @@ namespace talvera::korvane {
 std::vector<std::uint8_t> ReadTactileSummary(const CanPublicEngine& engine, Finger finger);
 
 /// The raw array of one sensor, `length()` bytes unless the hand is silent or its reply is cut off.
-/// What `length` throws is told like any other failure: an application may have overridden it.
+/// An application may have overridden `length`: what it throws is logged like any other failure.
 TactileSensorData ReadTactileRaw(const CanPublicEngine& engine, Finger finger,
                                  const std::function<std::size_t()>& length);
 

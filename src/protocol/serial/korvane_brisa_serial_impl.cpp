@@ -108,7 +108,7 @@ DeviceInfo KorvaneBrisaSerialImpl::GetDeviceInfo() const {
 /// The port goes on accepting frames of the old id only.
 void KorvaneBrisaSerialImpl::SetDeviceId(std::uint8_t new_id) {
   if (link_.Write("SetDeviceId", Command::kSetId, ServicePayload().Add8(new_id).Add8(0))) {
-    device_id = new_id;
+    StoreDeviceId(*this, new_id);
   } else {
     LogError("[Error]: Failed to send device ID request");
   }

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "hand/hand_members.h"
 #include "protocol/service/service_records.h"
 #include "serial/usb_device.h"
 #include "util/log.h"
@@ -57,7 +58,7 @@ UsbSerialDevice& SerialLink::Device() const {
 
 bool SerialLink::Request(const char* operation, ServiceCommand command,
                          const ServicePayload& payload, SerialFrameCrcType crc) const {
-  return RequestTo(hand_.device_id, operation, command, payload, crc);
+  return RequestTo(DeviceIdOf(hand_), operation, command, payload, crc);
 }
 
 bool SerialLink::RequestTo(std::uint16_t device_id, const char* operation, ServiceCommand command,
@@ -76,7 +77,7 @@ bool SerialLink::Write(const char* operation, ServiceCommand command,
                        const ServicePayload& payload) const {
   if (!device) return false;
   try {
-    UsbFrameBuilder frame = FrameOf(hand_.device_id, command, payload);
+    UsbFrameBuilder frame = FrameOf(DeviceIdOf(hand_), command, payload);
     const std::size_t size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
     return device->WriteRaw(frame.Data(), size) == size;
   } catch (const std::exception& error) {

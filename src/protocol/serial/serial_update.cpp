@@ -5,6 +5,7 @@
 #include <sstream>
 #include <utility>
 
+#include "hand/hand_members.h"
 #include "serial/usb_device.h"
 #include "util/bytes.h"
 #include "util/crc16.h"
@@ -39,8 +40,12 @@ std::string WithoutLastBlank(std::string text) {
   return text;
 }
 
-std::string Line(const std::string& text) {
+std::string ErrorLine(const std::string& text) {
   return "[ERROR][KorvaneBrisaSerialImpl][UpdateFirmware] " + text;
+}
+
+std::string FinishFailedLine(std::uint32_t status) {
+  return ErrorLine(Compose("OTA finish failed, error code: ", status));
 }
 
 }  // namespace
@@ -65,7 +70,7 @@ SerialFrameCrcType SerialUpdate::Trailer() const {
 
 void SerialUpdate::Write(ServiceCommand command, const ServicePayload& payload,
                          SerialFrameCrcType crc) {
-  UsbFrameBuilder frame(hand_.device_id, static_cast<std::uint8_t>(command));
+  UsbFrameBuilder frame(DeviceIdOf(hand_), static_cast<std::uint8_t>(command));
   frame.AddData(payload.Data(), payload.Size());
   const std::size_t size = frame.Finalize(crc);
   link_.Device().WriteRaw(frame.Data(), size);
@@ -91,7 +96,8 @@ void SerialUpdate::SendPackage(const FirmwarePacket& packet) {
         ServicePayload().Add8(kPacketChild).Add16(state_.ota_package_index & 0xFFFF).Add16(crc),
         Trailer());
   for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
-    UsbFrameBuilder frame(hand_.device_id, static_cast<std::uint8_t>(ServiceCommand::kUpdateData));
+    UsbFrameBuilder frame(DeviceIdOf(hand_),
+                          static_cast<std::uint8_t>(ServiceCommand::kUpdateData));
     frame.AddUint8(kDataChild).AddData(&packet[at], kDataPerFrame);
     const std::size_t size = frame.Finalize(Trailer());
     link_.Device().WriteRaw(frame.Data(), size);
@@ -110,8 +116,9 @@ void SerialUpdate::SendRestart() {
 
 // --- Replies, on the receive thread ---------------------------------------------------------
 
-/// A refused upgrade looks like silence to the run, which tries again; FINISH and RESTART count as
-/// done whatever their result, which the run looks at.
+/// A refused upgrade request sets no flag, so that the run sees a silent hand and tries again. The
+/// replies to the finish and restart requests set theirs whatever the result: the run tests that of
+/// the finish request.
 void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
   if (size < kReplySize) return;
   const std::uint32_t result = LoadU32(data + 1);
@@ -121,7 +128,7 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
                     "][responseValue:", WithoutLastBlank(HexBytes(data + 1, 4)), "]"));
     return;
   }
-  // The flags come last: who sees one finds the result in place.
+  // The flag is set last: when the run sees it the result stands too.
   state_.ota_status = result;
   switch (child) {
     case kUpgradeChild:
@@ -151,11 +158,15 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
 
 // --- The run --------------------------------------------------------------------------------
 
-/// False, for a run that ends here.
-bool SerialUpdate::Fail(int code, const std::string& line, bool keep_callback) {
+/// Reports a failure, or without a callback logs it, and forgets the callback.
+void SerialUpdate::ReportOrLogFailure(int code, const std::string& line) {
+  ReportOrLogFailureAndKeepCallback(code, line);
+  state_.ClearCallback();
+}
+
+/// Nothing calls a callback that is kept: the next update replaces it.
+void SerialUpdate::ReportOrLogFailureAndKeepCallback(int code, const std::string& line) {
   if (!state_.ReportFailure(code)) LogError(line);
-  if (!keep_callback) state_.ClearCallback();
-  return false;
 }
 
 void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
@@ -164,8 +175,7 @@ void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
   if (!Load(path, size)) return;
   Prepare();
   if (!RequestUpgrade(size)) {
-    Fail(kNoReplyCode, Line("Upgrade request timeout"));
-    return;
+    return ReportOrLogFailure(kNoReplyCode, ErrorLine("Upgrade request timeout"));
   }
   BeginTransmission();
   if (!Transmit() || !Finish() || !Restart()) return;
@@ -177,14 +187,18 @@ void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
 }
 
 bool SerialUpdate::Load(const std::string& path, std::uint32_t& size) {
-  const auto tell = [&](int error_code) {
+  const std::size_t bytes = state_.ReportOrLogLoad(path, [&](int error_code) {
     const bool missing = error_code == kCannotOpenFirmware;
-    LogError(Line(missing ? "Failed to read " + path : "File is empty"));
-  };
-  const std::size_t bytes = state_.Load(path, tell);
+    LogError(ErrorLine(missing ? "Failed to read " + path : "File is empty"));
+  });
   size = static_cast<std::uint32_t>(bytes);
-  if (bytes == 0) state_.ClearCallback();
-  return bytes != 0;
+  if (bytes == 0) {
+    state_.ClearCallback();
+    return false;
+  }
+  state_.Report(0, OtaProgressStatus::FILE_LOADED);
+  state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
+  return true;
 }
 
 void SerialUpdate::Prepare() {
@@ -215,7 +229,7 @@ bool SerialUpdate::RequestUpgrade(std::uint32_t size) {
 
 bool SerialUpdate::AttemptUpgrade(std::uint32_t size) {
   bool acknowledged = false;
-  const auto tell = [](const std::string& what) {
+  const auto log_failure = [](const std::string& what) {
     LogError("[USB_OTA]: " + what + ", will reconnect and retry");
   };
   try {
@@ -223,9 +237,9 @@ bool SerialUpdate::AttemptUpgrade(std::uint32_t size) {
     acknowledged = AwaitUpgradeReply();
     if (acknowledged) FindValidationType();
   } catch (const std::exception& error) {
-    tell(Compose("exception during send/wait (device disconnected?): ", error.what()));
+    log_failure(Compose("exception during send/wait (device disconnected?): ", error.what()));
   } catch (...) {
-    tell("unknown exception during send/wait");
+    log_failure("unknown exception during send/wait");
   }
   return acknowledged;
 }
@@ -241,7 +255,7 @@ bool SerialUpdate::AwaitUpgradeReply() {
   return false;
 }
 
-/// False if the port didn't come back, which ends the attempts.
+/// Opens the port again. False if that failed, which ends the attempts.
 bool SerialUpdate::ReconnectAfter(int attempt) {
   state_.Report(attempt, OtaProgressStatus::LINK_RECONNECTING);
   if (!link_.device || !link_.device->Reconnect()) {
@@ -287,19 +301,21 @@ bool SerialUpdate::Transmit() {
     state_.ota_clock->SleepFor(kTransmissionPass);
     const std::uint32_t status = state_.ota_status;
     if (IsUpdateError(status)) {
-      return Fail(static_cast<int>(status),
-                  Line(Compose("OTA transmission failed, error code: ", status)));
+      ReportOrLogFailure(static_cast<int>(status),
+                         ErrorLine(Compose("OTA transmission failed, error code: ", status)));
+      return false;
     }
-    if (state_.ota_package_acked && !TakeAcknowledgment(finished)) return false;
+    if (state_.ota_package_acked && !OnAcknowledgment(finished)) return false;
   }
-  return ReportTransmissionEnd();
+  return ReportOrLogTransmissionEnd();
 }
 
-bool SerialUpdate::TakeAcknowledgment(bool& finished) {
+bool SerialUpdate::OnAcknowledgment(bool& finished) {
   const std::uint32_t result = state_.ota_package_result;
   if (result != 0) {
-    return Fail(PacketFailureCode(result),
-                Line(Compose("Package transmission failed, error code: ", result)));
+    ReportOrLogFailure(PacketFailureCode(result),
+                       ErrorLine(Compose("Package transmission failed, error code: ", result)));
+    return false;
   }
   state_.ota_package_acked = false;
   const std::uint32_t index = state_.ota_package_index++;
@@ -313,7 +329,8 @@ bool SerialUpdate::TakeAcknowledgment(bool& finished) {
   return true;
 }
 
-bool SerialUpdate::ReportTransmissionEnd() {
+/// True if all packets were acknowledged; the failure is reported or logged otherwise.
+bool SerialUpdate::ReportOrLogTransmissionEnd() {
   const std::uint32_t index = state_.ota_package_index;
   const std::size_t left = state_.PacketsLeft();
   if (left == 0 && index == state_.ota_total_packages - 1) {
@@ -326,16 +343,23 @@ bool SerialUpdate::ReportTransmissionEnd() {
   LogInfo(Compose("[USB_OTA] timeout: no ACK for packet ", index,
                   ", recv_thread_running=", link_.Device().running_ ? 1 : 0,
                   " (0=RecvThread already dead, 1=thread alive but no ACK received)"));
-  return Fail(kTransmissionTimeoutCode,
-              Line(Compose("OTA transmission timeout: ", left, " packages remaining")));
+  ReportOrLogFailure(kTransmissionTimeoutCode,
+                     ErrorLine(Compose("OTA transmission timeout: ", left, " packages remaining")));
+  return false;
 }
 
-/// True if the flag was seen. With `watch_status` also an error ends the wait.
-bool SerialUpdate::AwaitFlag(const std::atomic<bool>& flag, int polls, bool watch_status) {
-  for (; !flag; --polls) {
-    if (polls == 0) return false;
+/// Waits for the reply to the finish request. An error status ends the wait too.
+bool SerialUpdate::AwaitFinish() {
+  for (int polls = kFinishPolls; !state_.ota_finish_ok; --polls) {
+    if (polls == 0) {
+      ReportOrLogFailure(kFinishTimeoutCode, ErrorLine("OTA finish response timeout"));
+      return false;
+    }
     state_.ota_clock->SleepFor(kPoll);
-    if (watch_status && IsUpdateError(state_.ota_status)) return false;
+    const std::uint32_t status = state_.ota_status;
+    if (!IsUpdateError(status)) continue;
+    ReportOrLogFailure(static_cast<int>(status), FinishFailedLine(status));
+    return false;
   }
   return true;
 }
@@ -346,16 +370,12 @@ bool SerialUpdate::Finish() {
     state_.Report(state_.Total(), OtaProgressStatus::FINISH_ACKNOWLEDGED);
     if (state_.ota_package_index < state_.ota_total_packages) SendFinish();
   }
-  const auto failed = [](std::uint32_t status) {
-    return Line(Compose("OTA finish failed, error code: ", status));
-  };
-  if (!AwaitFlag(state_.ota_finish_ok, kFinishPolls, /*watch_status=*/true)) {
-    const std::uint32_t status = state_.ota_status;
-    if (IsUpdateError(status)) return Fail(static_cast<int>(status), failed(status));
-    return Fail(kFinishTimeoutCode, Line("OTA finish response timeout"));
-  }
+  if (!AwaitFinish()) return false;
   const std::uint32_t result = state_.ota_finish_result;
-  if (result != 0) return Fail(static_cast<int>(result), failed(result), /*keep_callback=*/true);
+  if (result != 0) {
+    ReportOrLogFailureAndKeepCallback(static_cast<int>(result), FinishFailedLine(result));
+    return false;
+  }
   if (!state_.Report(state_.Total(), OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
     LogInfo("[INFO]: [UpdateFirmware] OTA finish [OK]");
   }
@@ -364,8 +384,13 @@ bool SerialUpdate::Finish() {
 
 bool SerialUpdate::Restart() {
   SendRestart();
-  if (!AwaitFlag(state_.ota_restart_ok, kRestartPolls, /*watch_status=*/false)) {
-    return Fail(kRestartTimeoutCode, Line("OTA restart response timeout"), /*keep_callback=*/true);
+  for (int polls = kRestartPolls; polls > 0 && !state_.ota_restart_ok; --polls) {
+    state_.ota_clock->SleepFor(kPoll);
+  }
+  if (!state_.ota_restart_ok) {
+    ReportOrLogFailureAndKeepCallback(kRestartTimeoutCode,
+                                      ErrorLine("OTA restart response timeout"));
+    return false;
   }
   if (!state_.HasCallback()) {
     LogInfo("[INFO]: [UpdateFirmware] OTA restart [OK], device will restart");

@@ -9,7 +9,7 @@
 
 namespace talvera::korvane {
 
-/// The hand's firmware is too old or hasn't told which checksum it uses.
+/// It isn't known yet which checksum the hand's firmware uses.
 inline constexpr std::uint8_t kUnknownValidation = 255;
 
 /// Which checksum guards packets and update frames of a hand with that firmware: 0 is
@@ -49,8 +49,6 @@ class SerialUpdate {
   void FindValidationType();
 
  private:
-  using Result = std::atomic<std::uint32_t>;
-
   void Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
   SerialFrameCrcType Trailer() const;
 
@@ -63,12 +61,13 @@ class SerialUpdate {
   void BeginTransmission();
   void SendFront();
   bool Transmit();
-  bool TakeAcknowledgment(bool& finished);
-  bool ReportTransmissionEnd();
+  bool OnAcknowledgment(bool& finished);
+  bool ReportOrLogTransmissionEnd();
   bool Finish();
+  bool AwaitFinish();
   bool Restart();
-  bool AwaitFlag(const std::atomic<bool>& flag, int polls, bool watch_status);
-  bool Fail(int code, const std::string& line, bool keep_callback = false);
+  void ReportOrLogFailure(int code, const std::string& line);
+  void ReportOrLogFailureAndKeepCallback(int code, const std::string& line);
 
   SerialUpdateState& state_;
   SerialLink& link_;

@@ -182,7 +182,7 @@ VendorInfo CanServiceEngine::ReadVendorInfo() const {
 
 DeviceInfo CanServiceEngine::ReadDeviceInfo() const {
   DeviceInfo info{};
-  if (IsReady()) info.device_id = hand_.device_id;
+  if (IsReady()) info.device_id = DeviceIdOf(hand_);
   return info;
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "can/hand_on_can.h"
+#include "hand/hand_members.h"
 #include "protocol/service/can_service_engine.h"
 #include "protocol/service/service_frame.h"
 #include "protocol/service/service_readings.h"
@@ -43,7 +44,7 @@ class CanServiceHand : public WithServiceReadings<
   VendorInfo GetVendorInfo() const override { return engine_.ReadVendorInfo(); }
   DeviceInfo GetDeviceInfo() const override { return engine_.ReadDeviceInfo(); }
   /// Sends nothing: requests don't bear the id.
-  void SetDeviceId(Byte new_id) override { this->device_id = new_id; }
+  void SetDeviceId(Byte new_id) override { StoreDeviceId(*this, new_id); }
   /// What applications have always been told, whatever interval is set.
   int GetRequestInterval() const override { return 30; }
 

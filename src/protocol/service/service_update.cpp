@@ -89,7 +89,7 @@ void ServiceUpdate::OnResponse(std::uint8_t child, std::uint32_t status) {
 
 // --- The run --------------------------------------------------------------------------------
 
-/// However it ends, the callback goes with it.
+/// Clears the callback at every end.
 void ServiceUpdate::Run(const std::string& path, ProgressCallback callback) {
   state_.SetCallback(std::move(callback));
   if (Attempt(path)) Reconnect();
@@ -119,11 +119,14 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
     return false;
   }
   state_.ota_child_id = -1;
-  file_size = state_.Load(path, [&](int error_code) {
+  file_size = state_.ReportOrLogLoad(path, [&](int error_code) {
     if (error_code != kCannotOpenFirmware) return;
     LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
   });
-  return file_size != 0;
+  if (file_size == 0) return false;
+  state_.Report(0, OtaProgressStatus::FILE_LOADED);
+  state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
+  return true;
 }
 
 bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
@@ -146,8 +149,8 @@ bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
   return false;
 }
 
-/// Each packet has its own time, in which its repetitions count too: a reply that speaks of
-/// something else has the packet sent again.
+/// Sends the packets one by one. Each has 300 s, its repetitions included: after a reply to
+/// something else the packet is sent again.
 bool ServiceUpdate::Transmit() {
   int polls = 0;
   while (const auto packet = state_.FrontPacket()) {

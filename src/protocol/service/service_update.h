@@ -12,8 +12,8 @@ namespace talvera::korvane {
 
 class CanLink;
 
-/// What an update over the service protocol keeps besides its progress. The flags are raised last:
-/// who sees one finds the rest in place.
+/// What an update over the service protocol keeps besides its progress. The receive thread sets a
+/// flag last: when the run sees it the rest stands too.
 struct ServiceUpdateState : UpdateProgress {
   std::atomic<std::int32_t> ota_child_id{-1};
   std::atomic<std::uint32_t> ota_package_result{kWaitingResponse};
