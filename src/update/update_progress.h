@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "korvane_diagnostics.h"
 #include "korvane_types.h"
 #include "update/firmware_file.h"
 #include "util/clock.h"
@@ -89,6 +90,14 @@ inline bool IsUpdateError(std::uint32_t status) {
 /// The error code by which a refused packet is reported.
 inline int PacketFailureCode(std::uint32_t status) {
   return status == kChecksumFailed ? kChecksumFailedCode : static_cast<int>(status);
+}
+
+/// What an update that ended with this code tells a program.
+inline FailureKind FailureKindOf(int code) {
+  if (code == kCannotOpenFirmware || code == kCannotReadFirmware) return FailureKind::BAD_ARGUMENT;
+  const bool timed_out =
+      code == kNoReplyCode || code == kRestartTimeoutCode || code == kTransmissionTimeoutCode;
+  return timed_out ? FailureKind::NO_REPLY : FailureKind::REFUSED;
 }
 
 }  // namespace talvera::korvane

@@ -38,9 +38,13 @@ CanUpdate::CanUpdate(const UpdateRules& rules, CanUpdateState& state, const CanL
       replies_(rules, log_, state, sender_, hand) {}
 
 void CanUpdate::Run(const std::string& path, ProgressCallback callback) {
+  OperationScope operation(link_.diagnostics, "UpdateFirmware");
   state_.SetCallback(std::move(callback));
   state_.ota_use_modbus_crc = true;
-  if (Attempt(path) || rules_.always_clears_callback) state_.ClearCallback();
+  const bool done = Attempt(path);
+  // A hand that restarts leaves requests unanswered, which is no failure of the update.
+  if (done) operation.Succeed();
+  if (done || rules_.always_clears_callback) state_.ClearCallback();
 }
 
 bool CanUpdate::Attempt(const std::string& path) {
@@ -72,6 +76,7 @@ void CanUpdate::ReportOrLogStage(OtaProgressStatus status, const std::string& li
 }
 
 void CanUpdate::ReportOrLogFailure(int code, const std::string& text) const {
+  RecordFailure(link_.diagnostics, FailureKindOf(code), "firmware update:" + text);
   if (!state_.ReportFailure(code)) log_.LogFailure("UpdateFirmware", text);
 }
 
@@ -80,12 +85,16 @@ void CanUpdate::ReportOrLogStatus(const char* what, std::uint32_t status) const 
 }
 
 void CanUpdate::ReportAndLogRefusal(std::uint32_t status) const {
-  log_.LogFailure("UpdateFirmware", Compose(" Upgrade request rejected, error code: ", status));
+  const std::string text = Compose(" Upgrade request rejected, error code: ", status);
+  RecordFailure(link_.diagnostics, FailureKind::REFUSED, "firmware update:" + text);
+  log_.LogFailure("UpdateFirmware", text);
   log_.LogStatusMeaning(kUpgradeChild, status);
   if (rules_.reports_refusal) state_.ReportFailure(static_cast<int>(status));
 }
 
 void CanUpdate::ReportAndLogNoReply() const {
+  RecordFailure(link_.diagnostics, FailureKind::NO_REPLY,
+                "firmware update: the hand doesn't answer the upgrade request");
   log_.LogNoReply();
   if (rules_.reports_no_reply) state_.ReportFailure(kNoReplyCode);
 }
@@ -98,6 +107,8 @@ bool CanUpdate::LoadPackets(const std::string& path, std::size_t& file_size) {
     log_.LogFailure("UpdateFirmware", missing ? " Failed to read " + path : " File is empty");
   });
   if (file_size == 0) {
+    RecordFailure(link_.diagnostics, FailureKind::BAD_ARGUMENT,
+                  "firmware update: no image in " + path);
     state_.ClearCallback();
     return false;
   }
@@ -118,7 +129,9 @@ bool CanUpdate::RequestUpgrade(std::size_t file_size) {
   try {
     link_.Send(upgrade);
   } catch (const std::exception& error) {
-    log_.LogFailure("UpdateFirmware", Compose(" Failed to send upgrade request: ", error.what()));
+    const std::string text = Compose(" Failed to send upgrade request: ", error.what());
+    RecordFailure(link_.diagnostics, error, "firmware update:" + text);
+    log_.LogFailure("UpdateFirmware", text);
     return false;
   }
   state_.ota_clock->SleepFor(kAfterFirstUpgrade);
