@@ -6,8 +6,10 @@
 #include <memory>
 #include <thread>
 
+#include "korvane_diagnostics.h"
 #include "korvane_sim/in_process_adapters.h"
 #include "support/bus_device.h"
+#include "support/patient_link.h"
 #include "support/tested_hands.h"
 
 namespace talvera::korvane {
@@ -21,8 +23,8 @@ using AnyHand = std::unique_ptr<KorvaneBase>;
 struct Model {
   test::TestedHand tested;
   const sim::ModelRow* row;
-  AnyHand (*by_zlg)(std::uint8_t adapter);
-  AnyHand (*by_hcan)(std::uint8_t adapter);
+  AnyHand (*by_zlg)(std::uint8_t adapter, std::uint8_t id);
+  AnyHand (*by_hcan)(std::uint8_t adapter, std::uint8_t id);
 };
 
 void PrintTo(const Model& model, std::ostream* out) { *out << model.row->name; }
@@ -30,11 +32,11 @@ void PrintTo(const Model& model, std::ostream* out) { *out << model.row->name; }
 template <class Hand>
 Model ModelOf(const test::TestedHand& tested, const sim::ModelRow& row) {
   return {tested, &row,
-          [](std::uint8_t adapter) -> AnyHand {
-            return Hand::createHandByZlgcan(HandType::LEFT, kId, adapter);
+          [](std::uint8_t adapter, std::uint8_t id) -> AnyHand {
+            return Hand::createHandByZlgcan(HandType::LEFT, id, adapter);
           },
-          [](std::uint8_t adapter) -> AnyHand {
-            return Hand::createHandByHcan(HandType::LEFT, kId, adapter);
+          [](std::uint8_t adapter, std::uint8_t id) -> AnyHand {
+            return Hand::createHandByHcan(HandType::LEFT, id, adapter);
           }};
 }
 
@@ -91,7 +93,7 @@ TEST_P(EveryModel, MovesOverBothAdapters) {
   sim::InProcessAdapters adapters;
   adapters.Bus(0, 0).Add({*model.row, kId});
   for (const auto open : {model.by_zlg, model.by_hcan}) {
-    const AnyHand hand = Patient(open(0));
+    const AnyHand hand = Patient(open(0, kId));
     ASSERT_TRUE(hand->connected);
     ExpectIsItself(*hand, model, kId);
     ExpectMoves(*hand, model);
@@ -117,6 +119,60 @@ TEST(DifferentHandsOnOneBus, AnswerForThemselves) {
   // Not the echo of the periods, which lands where a report would.
   while (tessel.GetTemperatureReport(12) <= 1) std::this_thread::yield();
   while (tessel.GetAllCurrentReport().size() != 12) std::this_thread::yield();
+}
+
+/// One hand of each model on one channel of an adapter, asked from a thread each.
+class HandsOnOneUsbChannel : public testing::Test {
+ protected:
+  HandsOnOneUsbChannel() {
+    for (std::size_t i = 0; i < Models().size(); ++i) {
+      adapters_.Bus(0, 0).Add({*Models()[i].row, IdOf(i)});
+    }
+  }
+
+  static std::uint8_t IdOf(std::size_t i) { return static_cast<std::uint8_t>(kId + i); }
+
+  static void ExpectAnswers(KorvaneBase& hand, std::uint64_t requests) {
+    for (std::uint64_t i = 0; i < requests; ++i) {
+      EXPECT_TRUE(Checked(hand, [](auto& h) { return h.GetAllJointMotorPosi(); }));
+    }
+    EXPECT_EQ(StatisticsOf(hand).replies, requests);
+  }
+
+  sim::InProcessAdapters adapters_;
+};
+
+// The library hands each frame to one reader, and each object reads for itself.
+TEST_F(HandsOnOneUsbChannel, EachGetItsRepliesWhoeverReadsThem) {
+  for (const auto open : {&Model::by_zlg, &Model::by_hcan}) {
+    const test::StreamCapture out(stdout);
+    const test::StreamCapture err(stderr);
+    std::vector<AnyHand> hands;
+    for (std::size_t i = 0; i < Models().size(); ++i) {
+      hands.push_back((Models()[i].*open)(0, IdOf(i)));
+      test::BePatient(*hands.back());
+    }
+    std::vector<std::thread> threads;
+    for (const AnyHand& hand : hands) threads.emplace_back([&] { ExpectAnswers(*hand, 300); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(err.Text().find("did not match"), std::string::npos) << "a frame that was taken";
+  }
+}
+
+TEST_F(HandsOnOneUsbChannel, ComeAndGoWhileTheOthersTalk) {
+  const test::StreamCapture out(stdout);
+  const AnyHand stays[] = {Models()[0].by_hcan(0, IdOf(0)), Models()[4].by_hcan(0, IdOf(4))};
+  std::vector<std::thread> threads;
+  for (const AnyHand& hand : stays) {
+    test::BePatient(*hand);
+    threads.emplace_back([&] { ExpectAnswers(*hand, 500); });
+  }
+  for (int i = 0; i < 20; ++i) {
+    const AnyHand guest = Models()[3].by_hcan(0, IdOf(3));
+    test::BePatient(*guest);
+    ExpectAnswers(*guest, 3);
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace
