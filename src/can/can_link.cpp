@@ -53,6 +53,13 @@ CanBusDeviceBase* CanLink::TransportOrFailure() const {
   return transport.get();
 }
 
+void CanLink::RecordOpening() const {
+  const OperationScope scope(diagnostics, "Open");
+  const bool told = transport && !transport->open_failure_.empty();
+  RecordFailure(diagnostics, FailureKind::NO_LINK, told ? transport->open_failure_ : "no transport",
+                transport ? transport->system_error_.load() : 0);
+}
+
 void CanLink::ShowDataDetails(bool on) const {
   const OperationScope scope(diagnostics, __func__);
   if (auto* const device = TransportOrFailure()) device->show_data_details_ = on;

@@ -30,6 +30,9 @@ class CanLink {
   /// How a Send that gave -1 failed. For the thread that called it, right after that.
   LinkError SendError(const std::string& text) const { return Transport().SendError(text); }
 
+  /// Records that the link couldn't be opened, as an operation of the thread that made the hand.
+  void RecordOpening() const;
+
   void ShowDataDetails(bool on) const;
   void SetRequestInterval(int ms);
   int GetRequestInterval() const;

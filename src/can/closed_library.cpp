@@ -25,11 +25,12 @@ void ClosedLibrary::Open() {
   if (handle_ != nullptr) return;
   const char* const reason = dlerror();
   const char* const path = std::getenv("LD_LIBRARY_PATH");
-  LogError(Compose("[ERROR]: ", file_name_,
-                   " not found: looked in the process itself, in LD_LIBRARY_PATH (",
-                   path != nullptr ? path : "not set",
-                   ") and in the system's library directories; the loader says: ",
-                   reason != nullptr ? reason : "nothing"));
+  why_missing_ = Compose("[ERROR]: ", file_name_,
+                         " not found: looked in the process itself, in LD_LIBRARY_PATH (",
+                         path != nullptr ? path : "not set",
+                         ") and in the system's library directories; the loader says: ",
+                         reason != nullptr ? reason : "nothing");
+  LogError(why_missing_);
 }
 
 }  // namespace talvera::korvane

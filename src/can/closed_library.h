@@ -15,12 +15,16 @@ class ClosedLibrary {
   /// Null if the library or the function isn't there.
   void* Find(const char* function);
 
+  /// The line that says why it isn't there; empty if it is, or if nobody needed it.
+  const std::string& WhyMissing() const { return why_missing_; }
+
  private:
   void Open();
 
   std::string file_name_;
   void* handle_ = nullptr;
   bool tried_ = false;
+  std::string why_missing_;
 };
 
 template <class Signature>

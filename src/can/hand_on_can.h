@@ -26,6 +26,7 @@ class HandOnCan : public Model,
       : engine_(Row::kModel, *this, *this, std::move(transport)) {
     Row::Prepare(*this, id, hand);
     engine_.Start(hand, id);
+    if (!this->connected) engine_.RecordOpening();
   }
 
   /// A bare nullptr is no transport, and no interface name either.

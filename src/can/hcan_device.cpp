@@ -119,13 +119,15 @@ HcanDevice::HcanDevice(const std::string& serial_number, std::uint8_t channel,
   const auto device = FindHcanDeviceBySerialNumber(serial_number);
   if (!device) {
     running_ = false;
-    LogError(Compose("[HCAN ERROR] Device with serial number \"", serial_number, "\" not found!"));
+    LogOpenFailure(CanBus().file, Compose("[HCAN ERROR] Device with serial number \"",
+                                          serial_number, "\" not found!"));
     return;
   }
   if (channel >= device->channels) {
     running_ = false;
-    LogError(Compose("[HCAN ERROR] Channel ", channel, " exceeds available channels (",
-                     device->channels, ") for device ", device->adapter_index));
+    LogOpenFailure(CanBus().file,
+                   Compose("[HCAN ERROR] Channel ", channel, " exceeds available channels (",
+                           device->channels, ") for device ", device->adapter_index));
     return;
   }
   adapter_index_ = static_cast<std::uint8_t>(device->adapter_index);
@@ -209,21 +211,22 @@ int HcanDevice::OpenDevice() {
   return 0;
 }
 
-bool HcanDevice::OpenChannel() const {
+bool HcanDevice::OpenChannel() {
   const int count = CanBus().scan_device();
   LogInfo(Compose("[HCAN] Scanned ", count, " device(s)"));
   if (count <= 0) {
-    LogError("[HCAN ERROR] No device found!");
+    LogOpenFailure(CanBus().file, "[HCAN ERROR] No device found!");
     return false;
   }
   if (adapter_index_ >= count) {
-    LogError(Compose("[HCAN ERROR] Device ID ", adapter_index_, " exceeds device count ", count));
+    LogOpenFailure(CanBus().file, Compose("[HCAN ERROR] Device ID ", adapter_index_,
+                                          " exceeds device count ", count));
     return false;
   }
   const int result = CanBus().open_device(adapter_index_, channel_id_);
   if (result < 0) {
-    LogError(Compose("[HCAN ERROR] Failed to open device ", adapter_index_, ", channel ",
-                     channel_id_, ", ret=", result));
+    LogOpenFailure(CanBus().file, Compose("[HCAN ERROR] Failed to open device ", adapter_index_,
+                                          ", channel ", channel_id_, ", ret=", result));
     return false;
   }
   LogInfo(Compose("[HCAN] Device ", adapter_index_, ", channel ", channel_id_,
@@ -231,25 +234,25 @@ bool HcanDevice::OpenChannel() const {
   return true;
 }
 
-bool HcanDevice::CheckClock() const {
+bool HcanDevice::CheckClock() {
   const int clock_hz = CanBus().get_dev_pclk(adapter_index_);
   if (clock_hz > 0) {
     LogInfo(Compose("[HCAN] Dev Pclk = ", clock_hz, " Hz (", clock_hz / 1'000'000, " MHz)"));
   }
   if (clock_hz != kRefusedClockHz) return true;
-  LogError("[HCAN ERROR] 36 MHz clock is not supported (80 MHz required).");
+  LogOpenFailure(CanBus().file, "[HCAN ERROR] 36 MHz clock is not supported (80 MHz required).");
   return false;
 }
 
-bool HcanDevice::InitialiseChannel() const {
+bool HcanDevice::InitialiseChannel() {
   LogInfo(Compose("[HCAN] Setting CANFD config, product_type_=", product_type_));
   LogInfo(product_type_ == kTesselProduct ? "[HCAN] TS9: 1M@80%, 5M@80% (80MHz)"
                                           : "[HCAN] 1M@80%, 5M@75% (80MHz)");
   auto config = InitialisationRecord(product_type_);
   const int result = CanBus().init(adapter_index_, channel_id_, config.data());
   if (result < 0) {
-    LogError(Compose("[HCAN ERROR] Failed to initialize CANFD device, ret=", result,
-                     ", product_type_=", product_type_));
+    LogOpenFailure(CanBus().file, Compose("[HCAN ERROR] Failed to initialize CANFD device, ret=",
+                                          result, ", product_type_=", product_type_));
     return false;
   }
   LogInfo(Compose("[HCAN] Device initialized successfully, ret=", result));

@@ -56,9 +56,9 @@ class HcanDevice : public UsbCanAdapter {
   void OpenAndReceive();
   static std::optional<HcanDeviceInfo> LookAt(int index);
   static bool IsInUse(int index);
-  bool OpenChannel() const;
-  bool CheckClock() const;
-  bool InitialiseChannel() const;
+  bool OpenChannel();
+  bool CheckClock();
+  bool InitialiseChannel();
   bool TransmitRecord(std::uint8_t* record) const;
 };
 

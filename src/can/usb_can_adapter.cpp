@@ -5,6 +5,8 @@
 #include <chrono>
 #include <thread>
 
+#include "util/log.h"
+
 namespace talvera::korvane {
 namespace {
 
@@ -17,6 +19,11 @@ constexpr auto kIdleSleep = std::chrono::microseconds(100);
 
 void UsbCanAdapter::SetFrameSendTimeout(int ms) {
   send_timeout_ms_ = std::clamp(ms, 0, kMaxSendTimeoutMs);
+}
+
+void UsbCanAdapter::LogOpenFailure(const ClosedLibrary& library, const std::string& line) {
+  LogError(line);
+  open_failure_ = library.WhyMissing().empty() ? line : library.WhyMissing();
 }
 
 void UsbCanAdapter::TakeSeat(const char* library) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "can/can_bus_device.h"
+#include "can/closed_library.h"
 #include "can/usb_can_channel.h"
 
 namespace talvera::korvane {
@@ -47,6 +48,10 @@ class UsbCanAdapter : public CanBusDeviceBase {
   /// An object without a channel of its own must not send: its adapter index may be that of a
   /// device on which somebody else's hand is.
   bool HoldsChannel() const { return times_opened_ > 0; }
+
+  /// Logs why the device can't be had, and keeps it for those who ask later: that the library isn't
+  /// there, if that is so.
+  void LogOpenFailure(const ClosedLibrary& library, const std::string& line);
 
   /// Has this object hear what any object of the process reads on its channel. `library` names the
   /// adapter's library. Before the receive thread starts, so that no reply is missed.

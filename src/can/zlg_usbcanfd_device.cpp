@@ -155,7 +155,8 @@ ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(const std::string& serial_number, std::uint
     device = FindInCache(serial_number);
   }
   if (!device) {
-    LogError(Compose("[ERROR]: Device with serial number \"", serial_number, "\" not found!"));
+    LogOpenFailure(UsbCanFd().file, Compose("[ERROR]: Device with serial number \"", serial_number,
+                                            "\" not found!"));
     return;
   }
   adapter_index_ = device->adapter_index;
@@ -277,7 +278,8 @@ void ZlgUsbcanfdDevice::AbandonDevice() const {
 /// Opens the physical device and records that it is open.
 bool ZlgUsbcanfdDevice::OpenPhysicalDevice() {
   if (UsbCanFd().open_device(device_type_, adapter_index_, 0) == 0) {
-    LogError(Compose("[ERROR]: Open device ", adapter_index_, " usbcanfd failed!"));
+    LogOpenFailure(UsbCanFd().file,
+                   Compose("[ERROR]: Open device ", adapter_index_, " usbcanfd failed!"));
     return false;
   }
   LogInfo(Compose("[INFO]: Open device ", adapter_index_, " usbcanfd successfully."));
@@ -297,7 +299,7 @@ bool ZlgUsbcanfdDevice::OpenPhysicalDevice() {
 bool ZlgUsbcanfdDevice::InitialiseChannel() {
   auto config = InitialisationRecord();
   if (UsbCanFd().init_can(device_type_, adapter_index_, channel_id_, config.data()) == 0) {
-    LogError(Compose("[ERROR]: Init canfd ", Place(), " failed!"));
+    LogOpenFailure(UsbCanFd().file, Compose("[ERROR]: Init canfd ", Place(), " failed!"));
     return false;
   }
   LogInfo(Compose("[INFO]: Init canfd ", Place(), " successfully."));
@@ -316,7 +318,7 @@ bool ZlgUsbcanfdDevice::InitialiseChannel() {
 
 bool ZlgUsbcanfdDevice::StartChannel() {
   if (UsbCanFd().start_can(device_type_, adapter_index_, channel_id_) == 0) {
-    LogError(Compose("[ERROR]: Start canfd ", Place(), " failed!"));
+    LogOpenFailure(UsbCanFd().file, Compose("[ERROR]: Start canfd ", Place(), " failed!"));
     return false;
   }
   LogInfo(Compose("[INFO]: Start canfd ", Place(), " successfully."));

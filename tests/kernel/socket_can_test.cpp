@@ -8,14 +8,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "can/can_bus_device_socket_can.h"
+#include "korvane_diagnostics.h"
+#include "korvane_link.h"
 #include "korvane_lumen.h"
+#include "korvane_observe.h"
 #include "korvane_quill.h"
 #include "korvane_tessel.h"
 #include "korvane_vanta.h"
@@ -249,6 +254,15 @@ TEST_F(SocketCanOnTheKernel, TellsOfAnInterfaceThatIsNotThere) {
             0U)
       << told;
   EXPECT_NE(told.find("request send failed"), std::string::npos);
+  EXPECT_EQ(LastFailure(*hand).kind, FailureKind::NO_LINK);
+  EXPECT_EQ(LastFailure(*hand).system_error, ENODEV);
+}
+
+TEST_F(SocketCanOnTheKernel, SaysWhatToDoAboutAnInterfaceThatIsNotThere) {
+  const auto hand = KorvaneBrisa::createHandSocketCan(HandType::RIGHT, 1, "nosuchcan0");
+  const Failure failure = LastFailure(*hand);
+  EXPECT_EQ(failure.text, "[ERROR]: Failed to get interface index for nosuchcan0");
+  EXPECT_NE(AdviceOn(failure).find("ip link add dev nosuchcan0 type vcan"), std::string::npos);
 }
 
 TEST_F(SocketCanOnTheKernel, CutsALongNameToFifteenCharacters) {
@@ -265,9 +279,12 @@ TEST_F(SocketCanOnTheKernel, FailsWhileTheInterfaceIsDownAndComesBackWithIt) {
   EXPECT_EQ(hand->SetJointMotorPosi(1, 5), 5);
   interface.Down();
   EXPECT_EQ(hand->SetJointMotorPosi(1, 6), -1);
+  EXPECT_EQ(LastFailure(*hand).kind, FailureKind::SEND_FAILED);
+  EXPECT_EQ(LastFailure(*hand).system_error, ENETDOWN);
   EXPECT_TRUE(hand->GetAllJointMotorPosi().empty());
   interface.Up();
   EXPECT_EQ(hand->SetJointMotorPosi(1, 7), 7);
+  EXPECT_FALSE(StatisticsOf(*hand).link_lost);
 }
 
 TEST_F(SocketCanOnTheKernel, SurvivesTheEndOfItsInterface) {
@@ -277,12 +294,46 @@ TEST_F(SocketCanOnTheKernel, SurvivesTheEndOfItsInterface) {
   interface.Delete();
   EXPECT_EQ(hand->SetJointMotorPosi(1, 5), -1);
   EXPECT_TRUE(hand->GetAllTactileSensorDataRaw().empty());
+  EXPECT_TRUE(StatisticsOf(*hand).link_lost);
 }
 
 TEST_F(SocketCanOnTheKernel, CannotSendWhereTheInterfaceCarriesNoLongFrames) {
   const Interface interface("vcan_classic", 16);
   const auto hand = OpenHand(interface.Name());
   EXPECT_EQ(hand->SetJointMotorPosi(1, 5), -1);
+  EXPECT_EQ(LastFailure(*hand).system_error, EINVAL);
+}
+
+// Asleep while nothing comes: a hand costs next to nothing then, and wakes for whatever is to be
+// done.
+TEST_F(SocketCanOnTheKernel, ReceivesByEventsWhenToldTo) {
+  Interface interface("vcan_events");
+  SimulatorProcess simulator({"--can", interface.Name(), "--hand", "brisa:1"});
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  SetDefaultReceiving(Receiving::BY_EVENTS);
+  const auto hand = OpenHand(interface.Name());
+  SetDefaultReceiving(Receiving::AS_EVER);
+  std::vector<FrameEvent> events;
+  ObserveFrames(*hand, [&events](const FrameEvent& event) { events.push_back(event); });
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 5), 5);
+  ObserveFrames(*hand, {});
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_TRUE(events[0].sent);
+  EXPECT_EQ(events[1].id, 0x01130101U);
+  for (const auto how : {Receiving::AS_EVER, Receiving::BY_EVENTS}) {
+    SetReceiving(*hand, how);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(hand->SetJointMotorPosi(1, 7), 7);
+  }
+  const std::clock_t before = std::clock();
+  usleep(300'000);
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5) << "spins";
+  interface.Down();
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 6), -1);
+  interface.Up();
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 8), 8);
+  interface.Delete();
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 9), -1);
+  EXPECT_TRUE(StatisticsOf(*hand).link_lost);
 }
 
 TEST_F(SocketCanOnTheKernel, FailsWhenTheSendBufferIsFull) {
