@@ -213,7 +213,6 @@ std::optional<CanfdDeviceInfo> ZlgUsbcanfdDevice::FindInCache(const std::string&
   return std::nullopt;
 }
 
-/// Looks at every index. Devices in use are left alone and keep their entries.
 void ZlgUsbcanfdDevice::Scan() {
   CanfdDeviceTable& table = CanfdDevices();
   std::map<std::uint8_t, CanfdDeviceInfo> found;

@@ -55,6 +55,10 @@ class ZlgUsbcanfdDevice : public UsbCanAdapter {
   /// Held to 0..10000 ms. An open channel hears of it, unless it is 0.
   void SetFrameSendTimeout(int ms) override;
 
+  /// Looks at every index and records what is there. Devices in use are left alone and keep their
+  /// entries. The caller holds `device_mutex_`.
+  static void Scan();
+
   std::uint32_t device_type_ = 0;
 
   static std::mutex device_mutex_;
@@ -65,7 +69,6 @@ class ZlgUsbcanfdDevice : public UsbCanAdapter {
   bool TakeFromCache();
   void Probe();
   static std::optional<CanfdDeviceInfo> FindInCache(const std::string& serial_number);
-  static void Scan();
   int Open();
   bool OpenPhysicalDevice();
   void AbandonDevice() const;

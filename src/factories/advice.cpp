@@ -50,6 +50,11 @@ constexpr const char* kNobodyAnswers =
     "whose "
     "id nobody knows; on a busy machine raise the receive time-out";
 
+constexpr const char* kInterfaceDown = "the interface is down: sudo ip link set INTERFACE up";
+constexpr const char* kNoCanFd =
+    "the interface takes no CAN FD frames: it must say mtu 72 (ip -d link show INTERFACE); for a "
+    "device: fd on, for a vcan: sudo ip link set INTERFACE mtu 72";
+
 constexpr AdviceRow kRows[] = {
     {FailureKind::NO_LINK, kAnyError, "interface index for ", kNoInterface},
     {FailureKind::NO_LINK, EAFNOSUPPORT, kAnyText,
@@ -63,6 +68,9 @@ constexpr AdviceRow kRows[] = {
     {FailureKind::NO_LINK, kAnyError, "usbcanfd failed", kNoAdapter},
     {FailureKind::NO_LINK, kAnyError, "[HCAN ERROR]", kNoAdapter},
     {FailureKind::NO_LINK, kAnyError, "Device with serial number", kNoAdapter},
+    {FailureKind::NO_LINK, kAnyError, "another program has it", kNoAdapter},
+    {FailureKind::NO_LINK, kAnyError, "carries no CAN FD frames", kNoCanFd},
+    {FailureKind::NO_LINK, ENETDOWN, kAnyText, kInterfaceDown},
     {FailureKind::NO_LINK, ENODEV, kAnyText, "no such interface: see what there is with: ip link"},
     {FailureKind::NO_LINK, EACCES, kAnyText, kNoPermission},
     {FailureKind::NO_LINK, EPERM, kAnyText, kNoPermission},
@@ -74,11 +82,8 @@ constexpr AdviceRow kRows[] = {
      "this process has too many files open: raise the limit (ulimit -n), or close some"},
     {FailureKind::NO_LINK, kAnyError, kAnyText,
      "the link couldn't be opened: the lines from when the hand was made say why"},
-    {FailureKind::SEND_FAILED, ENETDOWN, kAnyText,
-     "the interface is down: sudo ip link set INTERFACE up"},
-    {FailureKind::SEND_FAILED, EINVAL, kAnyText,
-     "the interface takes no CAN FD frames: it must say mtu 72 (ip -d link show INTERFACE); for a "
-     "device: fd on, for a vcan: sudo ip link set INTERFACE mtu 72"},
+    {FailureKind::SEND_FAILED, ENETDOWN, kAnyText, kInterfaceDown},
+    {FailureKind::SEND_FAILED, EINVAL, kAnyText, kNoCanFd},
     {FailureKind::SEND_FAILED, ENOBUFS, kAnyText,
      "the interface's queue is full: nobody acknowledges, or it is too short: sudo ip link set "
      "INTERFACE txqueuelen 1000"},

@@ -36,6 +36,14 @@ struct LinkCounters {
   std::atomic<std::chrono::steady_clock::duration> last_reply{};
   std::atomic<bool> link_lost{false};
 
+  /// For a link that another owner takes over while nobody talks.
+  void Clear() {
+    for (auto* const count : {&requests, &replies, &send_failures, &timeouts, &unmatched_frames}) {
+      *count = 0;
+    }
+    last_reply = {};
+  }
+
   void CountReply() {
     ++replies;
     last_reply = std::chrono::steady_clock::now().time_since_epoch();

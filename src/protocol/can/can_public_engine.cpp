@@ -340,10 +340,14 @@ VendorInfo CanPublicEngine::ReadVendorInfo() const {
   const auto operation = Operation("GetVendorInfo");
   const auto reply = RequestOrLog({"GetVendorInfo"}, ReadFrame(function_code::kVendorRecord, 0));
   if (!reply) return {};
-  const std::uint8_t* const data = reply->data;
+  return LoadVendorInfo(*reply, model.product_model_ends_at_nul);
+}
+
+VendorInfo LoadVendorInfo(const CanfdFrame& reply, bool product_model_ends_at_nul) {
+  const std::uint8_t* const data = reply.data;
   VendorInfo info;
   const auto* const model_end =
-      model.product_model_ends_at_nul ? std::find(data, data + 16, 0) : data + 16;
+      product_model_ends_at_nul ? std::find(data, data + 16, 0) : data + 16;
   info.product_model = std::string(data, model_end);
   info.serial_number = SerialNumberText(data + 16, 14);
   info.hardware_version = LoadVersion(data + 30);

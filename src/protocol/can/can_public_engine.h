@@ -12,6 +12,10 @@
 
 namespace talvera::korvane {
 
+/// What the reply to a vendor query says. The product model is all 16 bytes of its field, or those
+/// before the first NUL.
+VendorInfo LoadVendorInfo(const CanfdFrame& reply, bool product_model_ends_at_nul);
+
 /// The public CAN protocol, carried out for any model by its row.
 ///
 /// Every operation checks its arguments, builds a frame on the stack, asks the transport and

@@ -1,0 +1,224 @@
+#include "factories/bus_probe.h"
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include "factories/known_models.h"
+#include "protocol/can/can_identifier.h"
+#include "protocol/can/can_public_engine.h"
+#include "util/diagnostics.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr int kRounds = 2;
+constexpr int kVendorAttempts = 3;
+constexpr int kVendorTimeoutMs = 100;
+/// Leaves most of the bus to others: a frame takes about 0.2 ms.
+constexpr auto kPace = std::chrono::microseconds(500);
+constexpr int kSendAttempts = 5;
+constexpr auto kFullQueuePause = std::chrono::milliseconds(2);
+
+/// By which a listener stands among the pending requests; no identifier on a bus.
+constexpr std::uint32_t kListening = 0xFFFFFFFF;
+constexpr std::uint32_t kReservedBit = 0x8000;
+
+CanfdFrame Query(std::uint8_t function, std::uint32_t family, std::uint8_t id) {
+  CanfdFrame frame;
+  frame.can_id = FunctionField(function) | family | id;
+  frame.len = kMaxPayload;
+  return frame;
+}
+
+bool IsDeviceRecord(std::uint32_t can_id) {
+  return FunctionOf(can_id) == function_code::kDeviceRecord && IndexOf(can_id) == 0 &&
+         (can_id & (kWriteFlag | kReservedBit)) == 0;
+}
+
+/// Collects the device records that come in while it lives. On adapters that hand unasked frames
+/// over it takes them there; on those that write a line for each it stands as a request that every
+/// record answers.
+class Listener {
+ public:
+  explicit Listener(CanBusDeviceBase& device) : device_(device) {
+    device_.BindCallbacks([heard = heard_](const CanfdFrame& frame) { heard->Take(frame); },
+                          [heard = heard_](std::uint32_t) { return heard->judged; },
+                          [&device, heard = heard_](std::uint32_t, std::uint32_t received) {
+                            // What is stored under that identifier is about to be replaced.
+                            const auto stored = device.umap_rep_.find(received);
+                            if (stored != device.umap_rep_.end()) heard->Take(stored->second);
+                            heard->judged = received;
+                            return IsDeviceRecord(received);
+                          });
+    const std::lock_guard lock(device_.request_mutex_);
+    device_.pending_req_ids_.insert(kListening);
+  }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  ~Listener() {
+    device_.BindCallbacks({}, {}, {});
+    const std::lock_guard lock(device_.request_mutex_);
+    device_.pending_req_ids_.erase(kListening);
+    device_.umap_rep_.clear();
+    device_.drain_cv_.notify_all();
+  }
+
+  /// Those that have answered so far, as family and id.
+  std::vector<BusHand> Hands() {
+    {
+      const std::lock_guard lock(device_.request_mutex_);
+      for (const auto& stored : device_.umap_rep_) heard_->Take(stored.second);
+    }
+    const std::lock_guard lock(heard_->mutex);
+    std::vector<BusHand> hands;
+    for (const auto& [id, family] : heard_->hands) hands.push_back({id, family, {}});
+    return hands;
+  }
+
+ private:
+  /// Shared with the callbacks, one of which may still be running when they are taken back.
+  struct Heard {
+    std::mutex mutex;
+    std::vector<std::pair<std::uint8_t, std::uint32_t>> hands;
+    /// The identifier that was judged last, under which its frame is stored.
+    std::uint32_t judged = 0;
+
+    /// A record holds the id of its sender; a query of another program on the interface doesn't.
+    void Take(const CanfdFrame& frame) {
+      const std::uint32_t can_id = frame.can_id & kCanIdMask;
+      const auto id = static_cast<std::uint8_t>(can_id & kDeviceIdMask);
+      if (!IsDeviceRecord(can_id) || id == 0 || (frame.data[0] & kDeviceIdMask) != id) return;
+      const std::pair hand(id, can_id & kFamilyMask);
+      const std::lock_guard lock(mutex);
+      const auto place = std::lower_bound(hands.begin(), hands.end(), hand);
+      if (place == hands.end() || *place != hand) hands.insert(place, hand);
+    }
+  };
+
+  CanBusDeviceBase& device_;
+  std::shared_ptr<Heard> heard_ = std::make_shared<Heard>();
+};
+
+bool Contains(const std::vector<BusHand>& hands, std::uint32_t family, std::uint8_t id) {
+  return std::any_of(hands.begin(), hands.end(),
+                     [=](const BusHand& hand) { return hand.family == family && hand.id == id; });
+}
+
+/// A full send queue is given some time to empty.
+bool Send(CanBusDeviceBase& device, CanfdFrame frame) {
+  for (int i = 0; i < kSendAttempts; ++i) {
+    if (device.SendFrame(frame.can_id, frame.data, frame.len) != -1) return true;
+    std::this_thread::sleep_for(kFullQueuePause);
+  }
+  return false;
+}
+
+/// One round of questions to those that haven't answered. False if the channel takes no frames.
+bool AskSilent(CanBusDeviceBase& device, Listener& listener, const std::vector<std::uint8_t>& ids) {
+  const std::vector<BusHand> answered = listener.Hands();
+  for (const std::uint32_t family : kFamilies) {
+    for (const std::uint8_t id : ids) {
+      if (Contains(answered, family, id)) continue;
+      if (!Send(device, Query(function_code::kDeviceRecord, family, id))) return false;
+      std::this_thread::sleep_for(kPace);
+    }
+  }
+  return true;
+}
+
+/// The time-out of an adapter while it is asked through, given back in the end.
+class ShortTimeout {
+ public:
+  explicit ShortTimeout(CanBusDeviceBase& device)
+      : device_(device), before_(device.GetFrameRecvTimeout()) {
+    device_.SetFrameRecvTimeout(kVendorTimeoutMs);
+  }
+  ~ShortTimeout() { device_.SetFrameRecvTimeout(before_); }
+  ShortTimeout(const ShortTimeout&) = delete;
+  ShortTimeout& operator=(const ShortTimeout&) = delete;
+
+ private:
+  CanBusDeviceBase& device_;
+  int before_;
+};
+
+Outcome<VendorInfo> AskVendor(CanBusDeviceBase& device, std::uint32_t family, std::uint8_t id) {
+  try {
+    const auto record = VendorRecordIn(device.SendRequestSynchInternal(VendorQuery(family, id)));
+    if (record) return *record;
+    return Failure{FailureKind::NO_REPLY, "", "", 0};
+  } catch (const std::exception& error) {
+    return FailureOf(error);
+  }
+}
+
+void BindForRequests(CanBusDeviceBase& device) {
+  device.BindCallbacks({}, &ReplyIdOf, &AnswersRequest);
+}
+
+}  // namespace
+
+Failure FailureOf(const std::exception& error) {
+  const auto* const link_error = dynamic_cast<const LinkError*>(&error);
+  if (link_error == nullptr) return {FailureKind::NO_REPLY, "", error.what(), 0};
+  return {link_error->Kind(), "", error.what(), link_error->SystemError()};
+}
+
+CanfdFrame VendorQuery(std::uint32_t family, std::uint8_t id) {
+  return Query(function_code::kVendorRecord, family, id);
+}
+
+std::optional<VendorInfo> VendorRecordIn(const CanfdFrame& reply) {
+  const bool quill = (reply.can_id & kFamilyMask) == Known(Model::QUILL).family;
+  VendorInfo vendor = LoadVendorInfo(reply, quill);
+  if (vendor.active_dof == 0 && PlainText(vendor.product_model).empty()) return std::nullopt;
+  return vendor;
+}
+
+BusAnswers AskBus(CanBusDeviceBase& device, const std::vector<std::uint8_t>& ids,
+                  std::chrono::milliseconds answer_time) {
+  BusAnswers answers;
+  {
+    Listener listener(device);
+    for (int round = 0; round < kRounds && !answers.send_failure; ++round) {
+      if (AskSilent(device, listener, ids)) {
+        std::this_thread::sleep_for(answer_time);
+      } else {
+        answers.send_failure = FailureOf(device.SendError("the link takes no frames"));
+      }
+    }
+    answers.hands = listener.Hands();
+  }
+  BindForRequests(device);
+  const ShortTimeout timeout(device);
+  for (BusHand& hand : answers.hands) {
+    for (int i = 0; i < kVendorAttempts && hand.vendor.product_model.empty(); ++i) {
+      hand.vendor = AskVendor(device, hand.family, hand.id).value_or(VendorInfo());
+    }
+  }
+  return answers;
+}
+
+BusAnswers AskId(CanBusDeviceBase& device, std::uint8_t id, std::optional<Model> wanted) {
+  BindForRequests(device);
+  const ShortTimeout timeout(device);
+  BusAnswers answers;
+  auto families = kFamilies;
+  if (wanted && Known(*wanted).family != families.front()) std::swap(families[0], families[1]);
+  const auto goes_on = [&] { return answers.hands.empty() && !answers.send_failure; };
+  for (int i = 0; i < kVendorAttempts && goes_on(); ++i) {
+    for (const std::uint32_t family : families) {
+      const auto vendor = AskVendor(device, family, id);
+      if (vendor) answers.hands.push_back({id, family, *vendor});
+      if (vendor && wanted && ModelOf(*vendor, family) == wanted) return answers;
+      if (vendor.failure().kind == FailureKind::SEND_FAILED)
+        answers.send_failure = vendor.failure();
+    }
+  }
+  return answers;
+}
+
+}  // namespace talvera::korvane

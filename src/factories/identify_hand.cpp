@@ -1,0 +1,78 @@
+#include "can/can_link.h"
+#include "factories/bus_probe.h"
+#include "factories/known_models.h"
+#include "private_korvane.h"
+#include "protocol/can/can_identifier.h"
+#include "util/text.h"
+
+namespace talvera::korvane {
+namespace {
+
+constexpr const char* kOperation = "IdentifyHand";
+constexpr int kAttempts = 2;
+
+bool IsServiceHand(const Korvane& hand) {
+  return dynamic_cast<const PrivateKorvane*>(&hand) != nullptr;
+}
+
+/// The transport of a hand with the public protocol on CAN. The hand is const to its caller, who
+/// changes nothing by asking; the link below it is not.
+CanLink* PublicCanLink(const Korvane& hand) {
+  if (IsServiceHand(hand)) return nullptr;
+  auto* const owner = dynamic_cast<CanLinkOwner*>(const_cast<Korvane*>(&hand));
+  return owner != nullptr ? &owner->Link() : nullptr;
+}
+
+Outcome<Model> Judge(const VendorInfo& vendor, std::uint32_t family, int id) {
+  if (const auto model = ModelOf(vendor, family)) return *model;
+  return Failure{FailureKind::BAD_REPLY, kOperation,
+                 Compose("what answers with id ", id, " is none of the models: ", Describe(vendor)),
+                 0};
+}
+
+/// Under the hand's own family first. Over the queue and with the time-out of the hand.
+Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
+  if (!link.IsInit()) return Failure{FailureKind::NO_LINK, kOperation, "the hand has no link", 0};
+  const auto id = static_cast<std::uint8_t>(hand.device_id & kDeviceIdMask);
+  auto families = kFamilies;
+  const bool is_quill = hand.model_code == static_cast<std::uint8_t>(Model::QUILL);
+  if (is_quill) std::swap(families[0], families[1]);
+  Failure failure;
+  for (int i = 0; i < kAttempts; ++i) {
+    for (const std::uint32_t family : families) {
+      try {
+        const auto vendor = VendorRecordIn(link.Request(VendorQuery(family, id), 0));
+        if (vendor) return Judge(*vendor, family, id);
+        failure = {FailureKind::BAD_REPLY, kOperation, "the vendor record is empty", 0};
+      } catch (const std::exception& error) {
+        failure = FailureOf(error);
+        failure.operation = kOperation;
+      }
+    }
+  }
+  return failure;
+}
+
+Failure WithoutVendor(const Korvane& hand) {
+  Failure failure = LastFailure(hand);
+  if (failure.kind == FailureKind::NONE) {
+    failure = hand.connected ? Failure{FailureKind::NO_REPLY, "", "no hand answers", 0}
+                             : Failure{FailureKind::NO_LINK, "", "the hand has no link", 0};
+  }
+  failure.operation = kOperation;
+  return failure;
+}
+
+}  // namespace
+
+Outcome<Model> IdentifyHand(const Korvane& hand) {
+  if (CanLink* const link = PublicCanLink(hand)) return IdentifyOnCan(hand, *link);
+  VendorInfo vendor = hand.GetVendorInfo();
+  if (vendor.product_model.empty()) return WithoutVendor(hand);
+  // Over the service interface of CAN every model but two calls itself a KorvaneBrisa.
+  const bool on_can = dynamic_cast<const CanLinkOwner*>(&hand) != nullptr;
+  if (on_can) vendor.product_model.clear();
+  return Judge(vendor, Known(Model::BRISA).family, hand.device_id);
+}
+
+}  // namespace talvera::korvane
