@@ -41,7 +41,7 @@ struct LinkCounters {
     for (auto* const count : {&requests, &replies, &send_failures, &timeouts, &unmatched_frames}) {
       *count = 0;
     }
-    last_reply = {};
+    last_reply = std::chrono::steady_clock::duration{};
   }
 
   void CountReply() {
