@@ -99,12 +99,12 @@ std::size_t UsbSerialDevice::WriteRaw(const std::uint8_t* data, std::size_t size
   const std::lock_guard lock(write_mutex_);
   EnforceRequestInterval();
   PrintFrame(data, size, true);
-  clock_->SleepFor(kPause);
+  pause_clock_->SleepFor(kPause);
   // The library looks at its 2 ms before it looks at the port, so that on a busy machine it may
   // take nothing, and say nothing, of what the port had room for. One lost packet ends an update.
   std::size_t written = 0;
   for (int left = kWriteAttempts; written == 0 && left > 0; --left) written = write(data, size);
-  clock_->SleepFor(kPause);
+  pause_clock_->SleepFor(kPause);
   return written;
 }
 

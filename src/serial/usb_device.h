@@ -121,8 +121,9 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   std::atomic<int> frame_recv_timeout_ms_{50};
   /// Asks the receive thread to forget what it has of an incomplete frame.
   std::atomic<bool> clear_recv_buffer_{false};
-  /// The clock of the waits in Reconnect and of the pauses around each write.
+  /// The clock of the wait in Reconnect, and that of the pauses around each write.
   Clock* clock_ = &SystemClock();
+  Clock* pause_clock_ = &SystemClock();
 
  private:
   void OpenPort();

@@ -72,7 +72,9 @@ class SerialUpdateRun : public testing::Test, public Clock {
     hand_ = std::make_unique<KorvaneBrisaSerialImpl>(HandType::RIGHT, kId, port, kBaud);
     hand_->SetFrameRecvTimeout(10);
     hand_->ota_clock = this;
-    if (hand_->Device() != nullptr) hand_->Device()->clock_ = this;
+    if (UsbSerialDevice* const device = hand_->Device()) {
+      device->clock_ = device->pause_clock_ = this;
+    }
   }
   const test::UpdateOutcome& Run(const string& path, bool reports = true) {
     run_ = {};
