@@ -93,12 +93,12 @@ inline bool operator!=(const HandAddress& a, const HandAddress& b) { return !(a 
 /// text lists them |
 ///
 /// With an id only that id is asked, for its vendor record, up to three times as each of the two
-/// families of models: that takes milliseconds if the hand is there and about 0.6 s if it is
-/// silent. Without one every id is asked as by FindHands, which takes about half a second, twice
-/// that on a silent HCAN channel. On a serial port a hand answers whatever its id is, within
-/// milliseconds; a silent one takes 2 s. Of several hands on one line the id must be told, since
-/// their answers run into each other. Opening a port raises its control lines, on which some boards
-/// that are no hands restart.
+/// families of models: milliseconds if the hand is there and the address says the model, 0.1 s if
+/// it doesn't, about 0.6 s if the id is silent. Without one every id is asked as by FindHands,
+/// which takes about half a second, twice that on a silent HCAN channel. On a serial port a hand
+/// answers whatever its id is, within milliseconds; a silent one takes 1 s, and 1.5 s with an id.
+/// Of several hands on one line the id must be told, since their answers run into each other.
+/// Opening a port raises its control lines, on which some boards that are no hands restart.
 ///
 /// The lines of the opened link are written as ever; a question without an answer writes none,
 /// except on a serial port.
@@ -152,9 +152,9 @@ struct FindResult {
 /// channel, twice that for a silent HCAN channel. On a serial port one version query goes to
 /// everyone, up to twice.
 ///
-/// Leaves alone what is in use: a serial port that another program holds, and USB adapters that
-/// hands of this process have open. Hands on a CAN interface go on working meanwhile, and so do
-/// update runs, as long as the bus has room.
+/// Leaves alone what is in use: a serial port that another program of this library holds, and USB
+/// adapters that hands of this process have open. Hands on a CAN interface go on working meanwhile,
+/// and so do update runs, as long as the bus has room.
 ///
 /// Blocks for all that. Any thread, one at a time.
 KORVANE_EXPORT FindResult FindHands(const FindOptions& options = {});

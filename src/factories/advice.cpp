@@ -68,7 +68,6 @@ constexpr AdviceRow kRows[] = {
     {FailureKind::NO_LINK, kAnyError, "usbcanfd failed", kNoAdapter},
     {FailureKind::NO_LINK, kAnyError, "[HCAN ERROR]", kNoAdapter},
     {FailureKind::NO_LINK, kAnyError, "Device with serial number", kNoAdapter},
-    {FailureKind::NO_LINK, kAnyError, "another program has it", kNoAdapter},
     {FailureKind::NO_LINK, kAnyError, "carries no CAN FD frames", kNoCanFd},
     {FailureKind::NO_LINK, ENETDOWN, kAnyText, kInterfaceDown},
     {FailureKind::NO_LINK, ENODEV, kAnyText, "no such interface: see what there is with: ip link"},

@@ -57,17 +57,6 @@ bool IsCan(int socket_fd, const std::string& name) {
          answer.ifr_hwaddr.sa_family == ARPHRD_CAN;
 }
 
-/// Why an adapter couldn't be opened, which its library doesn't tell.
-Failure AdapterProblem(const HandAddress& address) {
-  if (!AdapterLibraryIsThere(address.link)) {
-    return NoLink(Compose(LinkText(address), ": ", AdapterLibraryName(address.link), " not found"));
-  }
-  const char* const adapter =
-      address.adapter_index ? "no such adapter" : "no adapter with that serial number";
-  return NoLink(
-      Compose(LinkText(address), ": ", adapter, ", no such channel, or another program has it"));
-}
-
 std::unique_ptr<CanBusDeviceBase> MakeBus(const HandAddress& address, std::uint8_t product_type) {
   if (address.link == LinkKind::SOCKET_CAN) return MakeSocketCan(address.interface_name);
   const auto type =
@@ -158,9 +147,8 @@ std::optional<Failure> AskedLink::Open(const HandAddress& address, std::uint8_t 
     if (auto problem = InterfaceProblem(address.interface_name)) return problem;
   }
   bus_ = MakeBus(address, product_type);
-  if (bus_ && bus_->IsInit()) return std::nullopt;
-  if (address.link != LinkKind::SOCKET_CAN) return AdapterProblem(address);
-  return NoLink(bus_->open_failure_, bus_->system_error_);
+  if (bus_->IsInit()) return std::nullopt;
+  return NoLink(Compose(LinkText(address), ": ", bus_->open_failure_), bus_->system_error_);
 }
 
 std::unique_ptr<CanBusDeviceBase> AskedLink::Release() {

@@ -141,7 +141,9 @@ class Finder {
     address.link = LinkKind::SERIAL;
     address.port = port;
     address.baud = options_.baud;
-    const std::chrono::milliseconds read_time(kSerialReadBits * 1000 / std::max(options_.baud, 1));
+    const auto checked = HandAddress::Parse(address.ToString());
+    if (!checked) return AddNotAsked(checked.failure());
+    const std::chrono::milliseconds read_time(kSerialReadBits * 1000 / options_.baud);
     const auto answer =
         AskPort(address, std::max(options_.answer_time, kLeastSerialAnswerTime + read_time));
     if (answer) {
