@@ -28,6 +28,7 @@ using std::string;
 using std::to_string;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using Bytes = std::vector<std::uint8_t>;
 using Replies = std::vector<std::pair<std::uint8_t, std::uint32_t>>;  ///< Child and result.
 using Duration = std::chrono::nanoseconds;
@@ -84,7 +85,28 @@ class SerialUpdateRun : public testing::Test, public Clock {
     };
     run_.written =
         test::CaptureStreams([&] { hand_->UpdateFirmware(path, reports ? callback : nullptr); });
+    reports ? ExpectFailureAsReported() : ExpectFailureAsTold();
     return run_;
+  }
+  /// By the last report, "code/total=-1" or "total/total=0".
+  void ExpectFailureAsReported() const {
+    const std::size_t last = run_.reports.find_last_of(' ', run_.reports.size() - 2) + 1;
+    const int code = std::stoi(run_.reports.substr(last));
+    const bool open = hand_->Device() != nullptr && hand_->Device()->isOpen();
+    FailureKind kind = FailureKind::REFUSED;
+    if (code <= -4 && code >= -6) kind = open ? FailureKind::NO_REPLY : FailureKind::NO_LINK;
+    if (code == -2 || code == -3) kind = FailureKind::BAD_ARGUMENT;
+    if (run_.reports.find("=0 ", last) != string::npos) kind = FailureKind::NONE;
+    EXPECT_EQ(LastFailure(*hand_).kind, kind) << run_.reports;
+    EXPECT_EQ(LastFailure(*hand_).operation, kind == FailureKind::NONE ? "" : "UpdateFirmware");
+  }
+  void ExpectFailureAsTold() const {
+    const Failure failure = LastFailure(*hand_);
+    if (failure.kind == FailureKind::NONE) {
+      EXPECT_THAT(run_.written.err, Not(HasSubstr(kError)));
+      return;
+    }
+    EXPECT_THAT(run_.written.out + run_.written.err, HasSubstr(failure.text + "\n"));
   }
   const Outcome& Update(std::size_t size = kThreePackets, bool reports = true) {
     return Run(test::TemporaryFile(test::FirmwareBytes(size)).Path(), reports);
@@ -234,6 +256,13 @@ TEST_F(SerialUpdateRun, EndsAtWhatIsRefusedOrNotAnswered) {
   EXPECT_EQ(Update().reports, kGood) << "which goes on with any reply to a restart";
 }
 
+// A reply that comes in pieces keeps them all, also when the buffer was to be forgotten before.
+TEST_F(SerialUpdateRun, InstallsTheImageByEventsToo) {
+  SetReceiving(*hand_, Receiving::BY_EVENTS);
+  Update();
+  Expect(kGood, kGoodWire, kDone);
+}
+
 TEST_F(SerialUpdateRun, HasTimeForAHundredAndFiftyPackets) {
   EXPECT_THAT(Update(150 * kPacket).reports, EndsWith("150/150=6 150/150=7 150/150=0 "));
   EXPECT_TRUE(run_.image == test::FirmwareBytes(150 * kPacket));
@@ -279,6 +308,7 @@ TEST_F(SerialUpdateRun, ReconnectsWhenThePortGoesBeforeTheFirstPacket) {
   Expect("0/3=1 0/3=2 0/3=3 0/3=8 " + kGood.substr(18), "Vx U- 0m 1m 2m Fm Rm ", kDone + 2500ms);
   unplugs_at_ = "1/3=4 ";
   EXPECT_ANY_THROW(Update()) << "a packet can't be written";
+  EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::SEND_FAILED);
   Expect(kGood.substr(0, 24), "Vx U- V- 0m ", kAccepted + 20ms);
 }
 

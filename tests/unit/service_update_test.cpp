@@ -102,6 +102,8 @@ class ServiceUpdateRun : public testing::Test, private Clock {
     });
     took_ = now_ - start;
     EXPECT_FALSE(hand.HasCallback());
+    failure_ = LastFailure(hand).kind;
+    EXPECT_EQ(failure_ == FailureKind::NONE, std::get<2>(reports.back()) == 0);
     return reports;
   }
   Reports Update(std::size_t size = kThreePackets) {
@@ -133,6 +135,7 @@ class ServiceUpdateRun : public testing::Test, private Clock {
   std::map<char, std::deque<Frames>> answers_;
   std::function<void(OtaProgressStatus)> on_report_;
   std::string wire_, told_;
+  FailureKind failure_ = FailureKind::NONE;
   Bytes image_;
   std::chrono::nanoseconds took_{};
 
@@ -175,6 +178,7 @@ TEST_F(ServiceUpdateRun, EndsAtAPacketThatIsRefusedOrNotAcknowledged) {
     const auto expect = [&](const Frames& answer, int code, const std::string& wire) {
       answers_ = {{at, {answer}}};
       EXPECT_EQ(Update(), before + Failed(code)) << packet << " " << code;
+      EXPECT_EQ(failure_, code == -6 ? FailureKind::NO_REPLY : FailureKind::REFUSED);
       EXPECT_EQ(wire_, wire);
       EXPECT_EQ(told_, "");
     };
@@ -202,6 +206,7 @@ TEST_F(ServiceUpdateRun, EndsAtAnUpgradeRequestThatIsNotAccepted) {
            {{Reply(1, 3)}, 3}, {{Reply(1, 0, 5)}, -4}, {{FullFrame(9, {0xF1, 1}, 6)}, -4}}) {
     answers_ = {{'U', {answer}}};
     EXPECT_EQ(Update(), Clean(2) + Failed(code));
+    EXPECT_EQ(failure_, code == 3 ? FailureKind::REFUSED : FailureKind::BAD_REPLY);
     EXPECT_EQ(wire_ + told_, "U");
   }
   answers_ = {{'U', {{}}}};
@@ -211,6 +216,7 @@ TEST_F(ServiceUpdateRun, EndsAtAnUpgradeRequestThatIsNotAccepted) {
   EXPECT_EQ(told_,
             "[ERROR][KorvaneBrisaCanPrivateImpl] UpdateFirmware upgrade request: "
             "[CANID:009][DATA:f1 01 64 10 00 00 03 00 ] request timeout (10ms)\n");
+  EXPECT_EQ(failure_, FailureKind::NO_REPLY);
 }
 
 TEST_F(ServiceUpdateRun, EndsWhenFinishOrRestartIsNotAcknowledged) {
@@ -219,6 +225,8 @@ TEST_F(ServiceUpdateRun, EndsWhenFinishOrRestartIsNotAcknowledged) {
     EXPECT_EQ(Update(), Clean(7) + Failed(-4)) << "finishing is told before it is asked for";
     EXPECT_EQ(wire_, "U012F");
     EXPECT_GE(took_, 30s);
+    const bool refused = !answer.empty() && answer[0].data[1] == 3;
+    EXPECT_EQ(failure_, refused ? FailureKind::REFUSED : FailureKind::NO_REPLY);
   }
   for (const Frames& answer : {Frames{}, Frames{Reply(4, 1)}, Frames{Reply(3)}}) {
     answers_ = {{'R', {answer}}};
@@ -242,8 +250,10 @@ TEST_F(ServiceUpdateRun, DoesNotBeginWithoutALinkOrAFile) {
   KorvaneBrisaCanPrivateImpl none(HandType::RIGHT, kId, NoTransport());
   for (auto* const hand : {closed.hand.get(), &none}) {
     EXPECT_EQ(UpdateFrom("/no/such/file", *hand), (Reports{{-1, 0, -1}}));
+    EXPECT_EQ(failure_, FailureKind::NO_LINK);
   }
   EXPECT_EQ(UpdateFrom("/no/such/file", hand_), (Reports{{-2, 0, -1}}));
+  EXPECT_EQ(failure_, FailureKind::BAD_ARGUMENT);
   EXPECT_EQ(UpdateFrom(TemporaryFile({}).Path(), hand_), (Reports{{-3, 0, -1}}));
   EXPECT_EQ(wire_ + told_, "");
   EXPECT_EQ(Told([&] { hand_.UpdateFirmware("/no/such/file", nullptr); }),

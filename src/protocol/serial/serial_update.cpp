@@ -151,15 +151,47 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
 
 // --- The run --------------------------------------------------------------------------------
 
-/// False, for a run that ends here.
+void SerialUpdate::SetFailure(FailureKind kind, const std::string& line) {
+  failure_.kind = kind;
+  failure_.text = line;
+}
+
+/// False, for a run that ends here because nothing came in time.
 bool SerialUpdate::Fail(int code, const std::string& line, bool keep_callback) {
+  const bool open = link_.device && link_.device->isOpen();
+  SetFailure(open ? FailureKind::NO_REPLY : FailureKind::NO_LINK, line);
   if (!state_.ReportFailure(code)) LogError(line);
   if (!keep_callback) state_.ClearCallback();
   return false;
 }
 
+/// The same, because of what the hand answered.
+bool SerialUpdate::FailByStatus(std::uint32_t status, int code, const std::string& line,
+                                bool keep_callback) {
+  Fail(code, Line(Compose(line, ", error code: ", status)), keep_callback);
+  failure_.kind = FailureKind::REFUSED;
+  return false;
+}
+
 void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
+  auto operation = link_.Operation("UpdateFirmware");
+  failure_ = {};
   state_.SetCallback(std::move(callback));
+  try {
+    Attempt(path);
+  } catch (const std::exception& error) {
+    operation.Succeed();
+    if (const auto failed = link_.Explain(error)) {
+      RecordThrown(link_.diagnostics, failed->Kind(), failed->what(), failed->SystemError());
+    }
+    throw;
+  }
+  // The end of the run tells, and not the requests that failed on its way.
+  operation.Succeed();
+  if (failure_.kind != FailureKind::NONE) link_.Record(failure_.kind, failure_.text);
+}
+
+void SerialUpdate::Attempt(const std::string& path) {
   std::uint32_t size = 0;
   if (!Load(path, size)) return;
   Prepare();
@@ -179,12 +211,19 @@ void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
 bool SerialUpdate::Load(const std::string& path, std::uint32_t& size) {
   const auto tell = [&](int error_code) {
     const bool missing = error_code == kCannotOpenFirmware;
-    LogError(Line(missing ? "Failed to read " + path : "File is empty"));
+    SetFailure(FailureKind::BAD_ARGUMENT,
+               Line(missing ? "Failed to read " + path : "File is empty"));
+    LogError(failure_.text);
   };
+  SetFailure(FailureKind::BAD_ARGUMENT, Line("Failed to read " + path + ", or it is empty"));
   const std::size_t bytes = state_.Load(path, tell);
   size = static_cast<std::uint32_t>(bytes);
-  if (bytes == 0) state_.ClearCallback();
-  return bytes != 0;
+  if (bytes == 0) {
+    state_.ClearCallback();
+    return false;
+  }
+  failure_ = {};
+  return true;
 }
 
 void SerialUpdate::Prepare() {
@@ -287,8 +326,7 @@ bool SerialUpdate::Transmit() {
     state_.ota_clock->SleepFor(kTransmissionPass);
     const std::uint32_t status = state_.ota_status;
     if (IsUpdateError(status)) {
-      return Fail(static_cast<int>(status),
-                  Line(Compose("OTA transmission failed, error code: ", status)));
+      return FailByStatus(status, static_cast<int>(status), "OTA transmission failed");
     }
     if (state_.ota_package_acked && !TakeAcknowledgment(finished)) return false;
   }
@@ -298,8 +336,7 @@ bool SerialUpdate::Transmit() {
 bool SerialUpdate::TakeAcknowledgment(bool& finished) {
   const std::uint32_t result = state_.ota_package_result;
   if (result != 0) {
-    return Fail(PacketFailureCode(result),
-                Line(Compose("Package transmission failed, error code: ", result)));
+    return FailByStatus(result, PacketFailureCode(result), "Package transmission failed");
   }
   state_.ota_package_acked = false;
   const std::uint32_t index = state_.ota_package_index++;
@@ -317,7 +354,10 @@ bool SerialUpdate::ReportTransmissionEnd() {
   const std::uint32_t index = state_.ota_package_index;
   const std::size_t left = state_.PacketsLeft();
   if (left == 0 && index == state_.ota_total_packages - 1) {
-    LogInfo(Compose("[USB_OTA] timeout: no ACK for last packet ", index, ", not sending FINISH"));
+    const std::string line =
+        Compose("[USB_OTA] timeout: no ACK for last packet ", index, ", not sending FINISH");
+    LogInfo(line);
+    SetFailure(FailureKind::NO_REPLY, line);
     state_.ReportFailure(kTransmissionTimeoutCode);
     state_.ClearCallback();
     return false;
@@ -346,16 +386,16 @@ bool SerialUpdate::Finish() {
     state_.Report(state_.Total(), OtaProgressStatus::FINISH_ACKNOWLEDGED);
     if (state_.ota_package_index < state_.ota_total_packages) SendFinish();
   }
-  const auto failed = [](std::uint32_t status) {
-    return Line(Compose("OTA finish failed, error code: ", status));
-  };
+  constexpr const char* kFailed = "OTA finish failed";
   if (!AwaitFlag(state_.ota_finish_ok, kFinishPolls, /*watch_status=*/true)) {
     const std::uint32_t status = state_.ota_status;
-    if (IsUpdateError(status)) return Fail(static_cast<int>(status), failed(status));
+    if (IsUpdateError(status)) return FailByStatus(status, static_cast<int>(status), kFailed);
     return Fail(kFinishTimeoutCode, Line("OTA finish response timeout"));
   }
   const std::uint32_t result = state_.ota_finish_result;
-  if (result != 0) return Fail(static_cast<int>(result), failed(result), /*keep_callback=*/true);
+  if (result != 0) {
+    return FailByStatus(result, static_cast<int>(result), kFailed, /*keep_callback=*/true);
+  }
   if (!state_.Report(state_.Total(), OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
     LogInfo("[INFO]: [UpdateFirmware] OTA finish [OK]");
   }

@@ -54,6 +54,7 @@ class SerialUpdate {
   void Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
   SerialFrameCrcType Trailer() const;
 
+  void Attempt(const std::string& path);
   bool Load(const std::string& path, std::uint32_t& size);
   void Prepare();
   bool RequestUpgrade(std::uint32_t size);
@@ -69,10 +70,15 @@ class SerialUpdate {
   bool Restart();
   bool AwaitFlag(const std::atomic<bool>& flag, int polls, bool watch_status);
   bool Fail(int code, const std::string& line, bool keep_callback = false);
+  bool FailByStatus(std::uint32_t status, int code, const std::string& line,
+                    bool keep_callback = false);
+  void SetFailure(FailureKind kind, const std::string& line);
 
   SerialUpdateState& state_;
   SerialLink& link_;
   const Korvane& hand_;
+  /// How the run ended.
+  Failure failure_;
 };
 
 }  // namespace talvera::korvane
