@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korvane_brisa.h"
@@ -14,10 +15,15 @@ namespace talvera::korvane::test {
 
 template <class Hand>
 struct AnyOperation {
+  using Call = std::function<void(Hand&)>;
+
+  AnyOperation(std::string operation, Call good, Call bad = nullptr)
+      : name(std::move(operation)), call(std::move(good)), bad_call(std::move(bad)) {}
+
   std::string name;
-  std::function<void(Hand&)> call;
+  Call call;
   /// The same with an argument that no hand takes; empty where there is none.
-  std::function<void(Hand&)> bad_call = {};
+  Call bad_call;
 };
 
 using HandOperation = AnyOperation<KorvaneBase>;
@@ -111,14 +117,14 @@ inline std::vector<HandOperation> HandOperations(std::size_t motors) {
 /// Asks another face of a hand.
 template <class Face>
 std::vector<HandOperation> OperationsOf(const std::vector<AnyOperation<Face>>& operations) {
+  using Call = HandOperation::Call;
+  const auto of_hand = [](const std::function<void(Face&)>& call) -> Call {
+    if (!call) return nullptr;
+    return [call](KorvaneBase& hand) { call(dynamic_cast<Face&>(hand)); };
+  };
   std::vector<HandOperation> same;
-  for (const AnyOperation<Face>& operation : operations) {
-    const auto of_hand = [](const std::function<void(Face&)>& call) {
-      if (!call) return std::function<void(KorvaneBase&)>();
-      return std::function<void(KorvaneBase&)>(
-          [call](KorvaneBase& hand) { call(dynamic_cast<Face&>(hand)); });
-    };
-    same.push_back({operation.name, of_hand(operation.call), of_hand(operation.bad_call)});
+  for (const auto& [name, call, bad_call] : operations) {
+    same.emplace_back(name, of_hand(call), of_hand(bad_call));
   }
   return same;
 }
@@ -126,12 +132,13 @@ std::vector<HandOperation> OperationsOf(const std::vector<AnyOperation<Face>>& o
 /// The tactile operations of a KorvaneBrisa.
 inline std::vector<HandOperation> TouchOperations() {
   using Hand = KorvaneBrisa&;
-  return OperationsOf<KorvaneBrisa>({
+  const std::vector<AnyOperation<KorvaneBrisa>> operations = {
       {"GetTactileSensorData", [](Hand h) { h.GetTactileSensorData(Finger::PALM); }},
       {"GetAllTactileSensorData", [](Hand h) { h.GetAllTactileSensorData(); }},
       {"GetTactileSensorDataRaw", [](Hand h) { h.GetTactileSensorDataRaw(Finger::PALM); }},
       {"GetAllTactileSensorDataRaw", [](Hand h) { h.GetAllTactileSensorDataRaw(); }},
-  });
+  };
+  return OperationsOf(operations);
 }
 
 /// The service operations, with `motors` values where a hand's own number counts.
@@ -142,7 +149,7 @@ inline std::vector<HandOperation> ServiceOperations(std::size_t motors) {
   const std::vector<std::int16_t> speeds(10, 9);
   const std::vector<std::uint8_t> bytes(10, 9);
   const std::vector<std::uint8_t> number(19, 'N');
-  return OperationsOf<PrivateKorvane>({
+  const std::vector<AnyOperation<PrivateKorvane>> operations = {
       {"SetPowerState", [](Hand h) { h.SetPowerState(1); }},
       {"GetPowerState", [](Hand h) { h.GetPowerState(); }},
       {"SetAxisHoming", [](Hand h) { h.SetAxisHoming(1, 0); },
@@ -209,7 +216,8 @@ inline std::vector<HandOperation> ServiceOperations(std::size_t motors) {
        [](Hand h) { h.SetProductSerialNumber({}); }},
       {"GetProductSerialNumber", [](Hand h) { h.GetProductSerialNumber(); }},
       {"GetFwVersion", [](Hand h) { h.GetFwVersion(); }},
-  });
+  };
+  return OperationsOf(operations);
 }
 
 }  // namespace talvera::korvane::test
