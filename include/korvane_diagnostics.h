@@ -55,12 +55,14 @@ KORVANE_EXPORT Failure LastFailure(const Korvane& hand);
 
 /// What has happened on a hand's link since the hand was made.
 struct LinkStatistics {
-  std::uint64_t requests = 0;          ///< That a reply was awaited for, unsent ones included.
-  std::uint64_t replies = 0;           ///< That came in time.
-  std::uint64_t send_failures = 0;     ///< Frames that couldn't be sent, awaited or not.
-  std::uint64_t timeouts = 0;          ///< Requests without a reply in time.
-  std::uint64_t bad_replies = 0;       ///< Operations that ended with BAD_REPLY.
-  std::uint64_t unmatched_frames = 0;  ///< Received frames that no request waited for.
+  std::uint64_t requests = 0;       ///< That a reply was awaited for, unsent ones included.
+  std::uint64_t replies = 0;        ///< That came in time.
+  std::uint64_t send_failures = 0;  ///< Frames that couldn't be sent, awaited or not.
+  std::uint64_t timeouts = 0;       ///< Requests without a reply in time.
+  std::uint64_t bad_replies = 0;    ///< Operations that ended with BAD_REPLY.
+  /// Received frames that no request waited for. Over a serial link any frame answers a request, so
+  /// that these are the ones that came while none waited.
+  std::uint64_t unmatched_frames = 0;
   /// When the last reply came; the epoch if there was none.
   std::chrono::steady_clock::time_point last_reply{};
   /// The port or interface is gone, and this hand object won't get it back, except over a serial

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <set>
 #include <thread>
 
@@ -341,6 +342,45 @@ INSTANTIATE_TEST_SUITE_P(ServiceCommands, DiagnosticsOf, testing::ValuesIn(kServ
                          kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(ServiceCommands, BadRepliesTo, testing::ValuesIn(kServiceCommands),
                          kNameOfRow);
+
+TEST(DiagnosticsOnSerial, TellWhyThereIsNoPortAndTheLinesThatWereLogged) {
+  SerialRig rig;
+  std::unique_ptr<KorvaneBrisaSerialImpl> closed;
+  const auto tells = [&](KorvaneBase& hand, const std::function<void(PrivateKorvane&)>& call) {
+    test::CaptureStreams([&] { call(dynamic_cast<PrivateKorvane&>(hand)); });
+    return LastFailure(hand);
+  };
+  const auto opening = test::CaptureStreams([&] {
+    closed = std::make_unique<KorvaneBrisaSerialImpl>(HandType::LEFT, 1, "/no/such/port", 115200);
+  });
+  const Failure open = LastFailure(*closed);
+  EXPECT_EQ(Show(open), "NO_LINK in Open");
+  EXPECT_EQ(open.text + "\n", opening.err);
+  EXPECT_NE(AdviceOn(open).find("no such port"), std::string::npos);
+  const Failure silent = tells(*closed, [](auto& hand) { hand.GetPowerState(); });
+  EXPECT_EQ(silent.text, open.text);
+  EXPECT_EQ(silent.system_error, ENOENT);
+
+  const auto written = test::CaptureStreams([&] { rig.Hand().GetAllActiveJointAngles(); });
+  EXPECT_EQ(Show(LastFailure(rig.Hand())), "NO_REPLY in GetAllActiveJointAngles");
+  EXPECT_EQ(LastFailure(rig.Hand()).text + "\n", written.out);
+  EXPECT_EQ(tells(rig.Hand(), [](auto& hand) { hand.GetPowerState(); }).text,
+            "no frame within 10 ms");
+  const auto touch = Checked(dynamic_cast<KorvaneBrisa&>(rig.Hand()),
+                             [](auto& hand) { hand.GetTactileSensorData(Finger{9}); });
+  EXPECT_EQ(Show(touch.failure()), "BAD_ARGUMENT in GetTactileSensorData");
+}
+
+TEST(DiagnosticsOfService, TellARefusalAndWhatSendStreamRequestThrows) {
+  const test::Rig<KorvaneBrisaCanPrivateImpl> rig(test::kId);
+  rig.device->script = test::Replies({5, 0});
+  EXPECT_FALSE(rig.hand->SaveParam());
+  EXPECT_EQ(Show(LastFailure(*rig.hand)), "REFUSED in SaveParam");
+  rig.device->script = test::CantSend();
+  const auto reply =
+      Checked(*rig.hand, [](auto& hand) { return hand.SendStreamRequest(StreamCmd::kSaveParam); });
+  EXPECT_EQ(Show(reply.failure()), "SEND_FAILED in SendStreamRequest");
+}
 
 class Diagnostics : public testing::Test, protected test::HandPair<KorvaneBase> {
  protected:
