@@ -20,7 +20,7 @@ constexpr int kRequestBytes = 9;
 constexpr int kBitsPerByte = 10;
 
 sim::SerialFaults WireTime(std::int64_t baud) {
-  const std::chrono::nanoseconds byte(std::chrono::seconds(kBitsPerByte) / baud);
+  const auto byte = std::chrono::nanoseconds(std::chrono::seconds(kBitsPerByte)) / baud;
   sim::SerialFaults times;
   times.delay = kRequestBytes * byte;
   times.split = byte;

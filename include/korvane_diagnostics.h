@@ -28,8 +28,10 @@ enum class FailureKind {
   NO_LINK,        ///< The hand has no link: it couldn't be opened, or it is closed.
   SEND_FAILED,    ///< The request could not be sent.
   NO_REPLY,       ///< The request went out, and nothing came back in time.
-  BAD_REPLY,      ///< Something came back that can't be the answer, or only a part of it.
-  REFUSED,        ///< The hand answered that it won't.
+  /// Something came back that can't be the answer, or only a part of it. Over a serial link any
+  /// frame ends the wait, also one that the hand sent unasked.
+  BAD_REPLY,
+  REFUSED,  ///< The hand answered that it won't.
 };
 
 /// "NO_REPLY" and the like.
@@ -38,7 +40,7 @@ KORVANE_EXPORT const char* ToString(FailureKind kind);
 /// One failed operation.
 struct Failure {
   FailureKind kind = FailureKind::NONE;
-  std::string operation;  ///< What was called, such as "GetJointMotorPosi".
+  std::string operation;  ///< What was called, such as "GetJointMotorPosi"; "Open" for a link.
   std::string text;       ///< The line that was logged for it; a text of its own where none was.
   int system_error = 0;   ///< errno, where the system gave one; otherwise 0.
 };
