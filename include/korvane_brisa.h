@@ -108,6 +108,10 @@ namespace talvera::korvane {
 ///    second call shows whether the hand is still there.
 ///
 /// Serial reads that fail write their line to the standard output stream.
+///
+/// LastFailure and Checked (korvane_diagnostics.h) tell a failure also where this table has a value
+/// that looks like a result, such as "10 x last". What doesn't wait fails only if it couldn't be
+/// written, and GetDeviceInfo doesn't fail once it has an id.
 class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
                                     public IBR7TactileSensor1D,
                                     public CanFactories<KorvaneBrisa>,

@@ -28,8 +28,10 @@ enum class FailureKind {
   NO_LINK,        ///< The hand has no link: it couldn't be opened, or it is closed.
   SEND_FAILED,    ///< The request could not be sent.
   NO_REPLY,       ///< The request went out, and nothing came back in time.
-  BAD_REPLY,      ///< Something came back that can't be the answer, or only a part of it.
-  REFUSED,        ///< The hand answered that it won't.
+  /// Something came back that can't be the answer, or only a part of it. Over a serial link any
+  /// frame ends the wait, also one that the hand sent unasked.
+  BAD_REPLY,
+  REFUSED,  ///< The hand answered that it won't.
 };
 
 /// "NO_REPLY" and the like.
@@ -38,7 +40,7 @@ KORVANE_EXPORT const char* ToString(FailureKind kind);
 /// One failed operation.
 struct Failure {
   FailureKind kind = FailureKind::NONE;
-  std::string operation;  ///< What was called, such as "GetJointMotorPosi".
+  std::string operation;  ///< What was called, such as "GetJointMotorPosi"; "Open" for a link.
   std::string text;       ///< The line that was logged for it; a text of its own where none was.
   int system_error = 0;   ///< errno, where the system gave one; otherwise 0.
 };
@@ -55,12 +57,14 @@ KORVANE_EXPORT Failure LastFailure(const Korvane& hand);
 
 /// What has happened on a hand's link since the hand was made.
 struct LinkStatistics {
-  std::uint64_t requests = 0;          ///< That a reply was awaited for, unsent ones included.
-  std::uint64_t replies = 0;           ///< That came in time.
-  std::uint64_t send_failures = 0;     ///< Frames that couldn't be sent, awaited or not.
-  std::uint64_t timeouts = 0;          ///< Requests without a reply in time.
-  std::uint64_t bad_replies = 0;       ///< Operations that ended with BAD_REPLY.
-  std::uint64_t unmatched_frames = 0;  ///< Received frames that no request waited for.
+  std::uint64_t requests = 0;       ///< That a reply was awaited for, unsent ones included.
+  std::uint64_t replies = 0;        ///< That came in time.
+  std::uint64_t send_failures = 0;  ///< Frames that couldn't be sent, awaited or not.
+  std::uint64_t timeouts = 0;       ///< Requests without a reply in time.
+  std::uint64_t bad_replies = 0;    ///< Operations that ended with BAD_REPLY.
+  /// Received frames that no request waited for. Over a serial link any frame answers a request, so
+  /// that these are the ones that came while none waited.
+  std::uint64_t unmatched_frames = 0;
   /// When the last reply came; the epoch if there was none.
   std::chrono::steady_clock::time_point last_reply{};
   /// The port or interface is gone, and this hand object won't get it back, except over a serial

@@ -23,8 +23,9 @@ struct FrameEvent {
 
 /// Shows every frame of this hand to `tap` from now on, in their order; an empty one ends that. On
 /// CAN these are the frames that were sent and all that the adapter receives on its channel, for
-/// other hands too; on a serial link whole frames whose checksum passes. Frames that couldn't be
-/// sent aren't shown. Nothing for a hand without a link.
+/// other hands too; on a serial link whole frames of the hand's id whose checksum passes, of which
+/// noise on the line may have one shown twice. Frames that couldn't be sent aren't shown. Nothing
+/// for a hand without a link.
 ///
 /// `tap` is called on the threads that send and receive, several at a time, before a waiting caller
 /// gets the frame; so it should be quick, must not throw and must not call the hand. Any thread may

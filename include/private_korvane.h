@@ -65,7 +65,8 @@ static_assert(sizeof(FwVersion) == 13);
 /// silently and send nothing; a hand that doesn't answer gives one line on the standard error
 /// stream over CAN FD, and none on a serial port but where an operation says so. A failure value
 /// that is a zero, or a list of zeros, can't be told from a reading of zero: an axis that stands at
-/// 0 looks like a hand that is silent.
+/// 0 looks like a hand that is silent. LastFailure and Checked (korvane_diagnostics.h) tell the two
+/// apart; that a hand refuses a setting (REFUSED) they can tell only over CAN FD.
 ///
 /// Over the serial link a setter's result tells only that the hand answered in time, not what; and
 /// a read returns the last reply of its kind that nobody has read yet, whether this request brought

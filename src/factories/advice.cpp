@@ -74,6 +74,7 @@ constexpr AdviceRow kRows[] = {
     {FailureKind::NO_LINK, EACCES, kAnyText, kNoPermission},
     {FailureKind::NO_LINK, EPERM, kAnyText, kNoPermission},
     {FailureKind::NO_LINK, ENOENT, kAnyText, kNoPort},
+    {FailureKind::NO_LINK, kAnyError, "the port is in use by", kPortTaken},
     {FailureKind::NO_LINK, EBUSY, kAnyText, kPortTaken},
     {FailureKind::NO_LINK, EWOULDBLOCK, kAnyText, kPortTaken},
     {FailureKind::NO_LINK, ENOTTY, kAnyText, "that is no serial port"},

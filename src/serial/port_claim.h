@@ -24,6 +24,9 @@ class PortClaim {
   }
   ~PortClaim();
 
+  /// For poll, which tells through it whether the port has bytes; negative without a port.
+  int Descriptor() const { return descriptor_; }
+
  private:
   int descriptor_ = -1;
 };

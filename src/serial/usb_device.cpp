@@ -1,7 +1,10 @@
 #include "serial/usb_device.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -20,7 +23,6 @@ constexpr int kMaxFrameRecvTimeoutMs = 1000;
 constexpr auto kPause = std::chrono::microseconds(500);
 constexpr int kWriteAttempts = 3;
 constexpr auto kReenumeration = std::chrono::seconds(2);
-constexpr std::size_t kReadBlockSize = 256;
 constexpr std::size_t kBufferLimit = 1023;
 constexpr std::size_t kKeptWithoutFrame = 128;
 
@@ -32,7 +34,10 @@ UsbSerialDevice::UsbSerialDevice(std::string_view port, unsigned int baud)
     : Serial("", baud, PortTimeout(), serial::eightbits, serial::parity_none, serial::stopbits_one,
              serial::flowcontrol_none) {
   setPort(std::string(port));
-  if (!port.empty()) OpenPort();
+  wake_receiver_ = [this] { wake_.Signal(); };
+  if (port.empty()) return;
+  OpenPort();
+  wake_.Open();
 }
 
 UsbSerialDevice::~UsbSerialDevice() { StopReceiving(); }
@@ -54,6 +59,7 @@ bool UsbSerialDevice::Reconnect() {
     clock_->SleepFor(kReenumeration);
     OpenPort();
     KeepNewest(0);
+    counters_.link_lost = false;
     StartReceiving();
     LogInfo(Compose("[USB][serial port: ", getPort(), "] reconnect [ok]"));
     return true;
@@ -86,6 +92,7 @@ void UsbSerialDevice::StartReceiving() {
 
 void UsbSerialDevice::StopReceiving() {
   running_ = false;
+  WakeReceiver();
   if (recv_thread_.joinable()) recv_thread_.join();
 }
 
@@ -100,11 +107,26 @@ std::size_t UsbSerialDevice::WriteRaw(const std::uint8_t* data, std::size_t size
   EnforceRequestInterval();
   PrintFrame(data, size, true);
   pause_clock_->SleepFor(kPause);
-  // The library looks at its 2 ms before it looks at the port, so that on a busy machine it may
-  // take nothing, and say nothing, of what the port had room for. One lost packet ends an update.
-  std::size_t written = 0;
-  for (int left = kWriteAttempts; written == 0 && left > 0; --left) written = write(data, size);
+  const std::size_t written = WriteOut(data, size);
   pause_clock_->SleepFor(kPause);
+  return written;
+}
+
+std::size_t UsbSerialDevice::WriteOut(const std::uint8_t* data, std::size_t size) {
+  std::size_t written = 0;
+  try {
+    // The library looks at its 2 ms before it looks at the port, so that on a busy machine it may
+    // take nothing, and say nothing, of what the port had room for. One lost packet ends an update.
+    for (int left = kWriteAttempts; written == 0 && left > 0; --left) written = write(data, size);
+  } catch (...) {
+    ++counters_.send_failures;
+    throw;
+  }
+  if (written < size) {
+    ++counters_.send_failures;
+  } else if (size > kUsbFrameLength) {
+    tap_.Show(/*sent=*/true, LoadU16(data + kUsbFrameDeviceId), data, size);
+  }
   return written;
 }
 
@@ -116,16 +138,36 @@ std::size_t UsbSerialDevice::SendFrame(std::uint16_t device_id, std::uint8_t com
   return frame_size == 0 ? 0 : WriteRaw(frame.Data(), frame_size);
 }
 
-bool UsbSerialDevice::SendRequestWithReply(const std::uint8_t* data, std::size_t size) {
-  WriteRaw(data, size);
-  std::unique_lock lock(reply_mutex_);
-  // Cleared only after the write and its pause: a reply that is already there is lost, and the
-  // request times out. Applications rely on it that a frame from before the request, such as a
-  // report, doesn't answer it. One that comes during the wait does, whatever it is about.
-  reply_received_ = false;
+UsbSerialDevice::Exchanged UsbSerialDevice::Exchange(const std::uint8_t* data, std::size_t size) {
+  ++counters_.requests;
+  const bool by_events = by_events_;
+  std::unique_lock lock(reply_mutex_, std::defer_lock);
+  if (by_events) {
+    lock.lock();
+    AwaitReplies();
+    lock.unlock();
+  }
+  const bool sent = WriteRaw(data, size) == size;
+  lock.lock();
+  // Unless the application asked for events, cleared only after the write and its pause: a reply
+  // that is already there is lost, and the request times out. Applications rely on it that a frame
+  // from before the request, such as a report, doesn't answer it. One that comes during the wait
+  // does, whatever it is about.
+  if (!by_events) AwaitReplies();
   reply_cv_.wait_for(lock, milliseconds(frame_recv_timeout_ms_),
                      [this] { return reply_received_; });
-  return reply_received_;
+  reply_awaited_ = false;
+  if (reply_received_) counters_.CountReply();
+  if (reply_received_) return Exchanged::kReplied;
+  if (!sent) return Exchanged::kNotSent;
+  ++counters_.timeouts;
+  return Exchanged::kNoReply;
+}
+
+/// The next frame answers. The caller holds `reply_mutex_`.
+void UsbSerialDevice::AwaitReplies() {
+  reply_received_ = false;
+  reply_awaited_ = true;
 }
 
 void UsbSerialDevice::EnforceRequestInterval() {
@@ -166,6 +208,7 @@ void UsbSerialDevice::RecvThread() {
 void UsbSerialDevice::LogDeath(const char* what) {
   LogError(Compose("[USB] RecvThread [exception:", what, "][ort_open:", isOpen() ? 1 : 0,
                    "][recv_buffer_pos_:", recv_buffer_pos_, ']'));
+  counters_.link_lost = true;
   running_ = false;
 }
 
@@ -173,16 +216,42 @@ void UsbSerialDevice::ReceivePass() {
   // Not looked at while the line is silent: the buffer then goes only after one block more, which
   // may still complete a frame in it. Update runs are built around that.
   if (clear_recv_buffer_.exchange(false)) KeepNewest(0);
-  std::array<std::uint8_t, kReadBlockSize> block;
+  Block block;
   std::size_t count = 0;
   do {
-    count = read(block.data(), block.size());
-    std::this_thread::sleep_for(kPause);
+    count = ReadBlock(block);
   } while (count == 0 && running_);
   if (count == 0) return;
   PrintFrame(block.data(), count, false);
-  if (count >= kReadBlockSize) LogInfo("read bytes >= READ_BYTES_LIMIT(256), data may loss");
+  if (count >= block.size()) LogInfo("read bytes >= READ_BYTES_LIMIT(256), data may loss");
   TakeBlock(block.data(), count);
+}
+
+std::size_t UsbSerialDevice::ReadBlock(Block& block) {
+  if (by_events_) return PortIsReady() ? ReadArrived(block) : 0;
+  const std::size_t count = read(block.data(), block.size());
+  std::this_thread::sleep_for(kPause);
+  return count;
+}
+
+/// Sleeps until the port has bytes or an error, the thread is woken, or a while has passed.
+bool UsbSerialDevice::PortIsReady() {
+  constexpr int kMostMs = 50;
+  pollfd watched[] = {{claim_.Descriptor(), POLLIN, 0}, {wake_.Descriptor(), POLLIN, 0}};
+  poll(watched, std::size(watched), kMostMs);
+  if (watched[1].revents != 0) wake_.Clear();
+  return watched[0].revents != 0;
+}
+
+/// No more than has arrived, as the library waits for the rest of what it is asked for. Of a port
+/// that is ready and has nothing it is asked for one byte, which has it throw if the port is gone.
+std::size_t UsbSerialDevice::ReadArrived(Block& block) {
+  const std::size_t count =
+      read(block.data(), std::clamp<std::size_t>(available(), 1, block.size()));
+  // Frames come in pieces here. What came before the buffer was to be forgotten is forgotten now,
+  // as the next piece may be the middle of a reply.
+  if (count > 0 && clear_recv_buffer_.exchange(false)) KeepNewest(0);
+  return count;
 }
 
 void UsbSerialDevice::TakeBlock(const std::uint8_t* block, std::size_t size) {
@@ -245,11 +314,13 @@ bool UsbSerialDevice::CheckFrame(const UsbFrame* frame) {
 
 void UsbSerialDevice::Deliver(const std::uint8_t* frame) {
   const std::size_t length = frame[kUsbFrameLength];
+  tap_.Show(/*sent=*/false, LoadU16(frame + kUsbFrameDeviceId), frame, length + kUsbFrameOverhead);
   if (!frame_callback_ || length == 0) return;
   frame_callback_(frame[kUsbFrameCommand], frame + kUsbFrameData, length - 1);
   {
     const std::lock_guard lock(reply_mutex_);
     reply_received_ = true;
+    if (!std::exchange(reply_awaited_, false)) ++counters_.unmatched_frames;
   }
   reply_cv_.notify_all();
 }

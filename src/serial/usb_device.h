@@ -16,6 +16,7 @@
 #include "serial/usb_frame.h"
 #include "util/clock.h"
 #include "util/observable_link.h"
+#include "util/wake_event.h"
 
 namespace talvera::korvane {
 
@@ -29,7 +30,8 @@ namespace talvera::korvane {
 /// its answer after the device was unplugged; `running_` tells whether the receive thread lives.
 ///
 /// A read takes what has arrived and then waits as long as the rest of 256 bytes would need on the
-/// wire, so that a reply comes late on a slow line: by 23 ms at 115200 baud, by 260 ms at 9600.
+/// wire, so that a reply comes late on a slow line: by 23 ms at 115200 baud, by 260 ms at 9600. By
+/// events it takes what has arrived and no more.
 class UsbSerialDevice : public serial::Serial, public ObservableLink {
  public:
   using FrameCallback =
@@ -67,8 +69,17 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   std::size_t SendFrame(std::uint16_t device_id, std::uint8_t command, const std::uint8_t* data,
                         std::size_t size);
 
-  /// Sends bytes and waits for a frame, any frame. False if none came within the receive time-out.
-  bool SendRequestWithReply(const std::uint8_t* data, std::size_t size);
+  /// How a request ended. One that the port didn't take whole may still be answered.
+  enum class Exchanged { kReplied, kNoReply, kNotSent };
+
+  /// Sends bytes and waits for a frame, any frame, for up to the receive time-out. Throws what
+  /// WriteRaw does.
+  Exchanged Exchange(const std::uint8_t* data, std::size_t size);
+
+  /// The same. True if a frame came.
+  bool SendRequestWithReply(const std::uint8_t* data, std::size_t size) {
+    return Exchange(data, size) == Exchanged::kReplied;
+  }
 
   /// Held to 0..500 ms. The next request isn't delayed by the change.
   void SetMinRequestInterval(int ms);
@@ -115,6 +126,8 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   std::mutex reply_mutex_;
   std::condition_variable reply_cv_;
   bool reply_received_ = false;
+  /// Whether the next frame answers somebody, for the counts. Under `reply_mutex_` too.
+  bool reply_awaited_ = false;
   std::atomic<std::chrono::system_clock::time_point> last_request_time_{
       std::chrono::system_clock::now()};
   std::atomic<int> min_request_interval_ms_{0};
@@ -126,10 +139,17 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   Clock* pause_clock_ = &SystemClock();
 
  private:
+  using Block = std::array<std::uint8_t, 256>;
+
   void OpenPort();
   void ClosePort();
   void StartReceiving();
+  std::size_t WriteOut(const std::uint8_t* data, std::size_t size);
+  void AwaitReplies();
   void ReceivePass();
+  std::size_t ReadBlock(Block& block);
+  std::size_t ReadArrived(Block& block);
+  bool PortIsReady();
   void LogDeath(const char* what);
 
   std::size_t DeliverFrames(std::size_t available);
@@ -140,8 +160,10 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   void KeepNewest(std::size_t count);
 
   std::mutex recv_buffer_mutex_;
-  /// Held while the port is open.
+  /// Held while the port is open. Changes only while there is no receive thread.
   PortClaim claim_;
+  /// Readable when the receive thread is to look around.
+  WakeEvent wake_;
 };
 
 }  // namespace talvera::korvane

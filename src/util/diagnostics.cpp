@@ -18,6 +18,8 @@ struct OperationRecord {
   const char* operation = "";
   int depth = 0;
   Failure last;
+  /// `last` has a text of its own until its line is logged.
+  bool awaits_line = false;
   FailureWatch* watch = nullptr;
 
   void Begin(const char* name) {
@@ -28,9 +30,16 @@ struct OperationRecord {
   }
 
   /// Only the first failure of an operation counts.
-  void Fail(FailureKind kind, const std::string& text, int system_error, bool thrown) {
-    if (last.kind == FailureKind::NONE) last = {kind, operation, text, system_error};
+  void Fail(FailureKind kind, const std::string& text, int system_error, bool thrown, bool logged) {
+    const bool first = last.kind == FailureKind::NONE;
+    if (first) last = {kind, operation, text, system_error};
+    awaits_line = first && !logged;
     if (watch != nullptr) watch->thrown_ = watch->thrown_ || thrown;
+  }
+
+  void Amend(const std::string& line) {
+    if (awaits_line && last.kind != FailureKind::NONE) last.text = line;
+    awaits_line = false;
   }
 
   /// A watch learns of a failure when its operation is over, as an operation may still succeed.
@@ -101,10 +110,16 @@ ThreadRecords* RecordsOfThisThread() {
   return records;
 }
 
+struct HowTold {
+  bool thrown = false;
+  bool logged = true;
+};
+
 void Fail(const HandDiagnostics& hand, FailureKind kind, const std::string& text, int system_error,
-          bool thrown) {
+          HowTold how) {
   if (kind == FailureKind::BAD_REPLY) hand.CountBadReply();
-  if (OperationRecord* const record = hand.Record()) record->Fail(kind, text, system_error, thrown);
+  OperationRecord* const record = hand.Record();
+  if (record != nullptr) record->Fail(kind, text, system_error, how.thrown, how.logged);
 }
 
 const ObservableHand* Observable(const Korvane& hand) {
@@ -147,12 +162,21 @@ void OperationScope::Succeed() {
 
 void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                    int system_error) {
-  Fail(hand, kind, text, system_error, /*thrown=*/false);
+  Fail(hand, kind, text, system_error, {});
+}
+
+void NoteFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
+                 int system_error) {
+  Fail(hand, kind, text, system_error, {/*thrown=*/false, /*logged=*/false});
+}
+
+void AmendFailure(const HandDiagnostics& hand, const std::string& line) {
+  if (OperationRecord* const record = hand.Record()) record->Amend(line);
 }
 
 void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                   int system_error) {
-  Fail(hand, kind, text, system_error, /*thrown=*/true);
+  Fail(hand, kind, text, system_error, {/*thrown=*/true});
 }
 
 void RecordFailure(const HandDiagnostics& hand, const std::exception& error,

@@ -95,11 +95,20 @@ void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::str
                    int system_error = 0);
 void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text);
 
-/// The same, of an operation that tells it by an exception.
+/// The same, of a failure for which no line has been logged yet: `text` stands for it until one is.
+void NoteFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
+                 int system_error = 0);
+
+/// Gives what was noted last the line that was logged for it. Nothing if that wasn't the
+/// operation's first failure, or has its line.
+void AmendFailure(const HandDiagnostics& hand, const std::string& line);
+
+/// As RecordFailure, of an operation that tells it by an exception.
 void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                   int system_error = 0);
 
-/// The same, with what an exception of the link says of itself. `text` is the line that was logged.
+/// As RecordFailure, with what an exception of the link says of itself. `text` is the line that was
+/// logged.
 void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
                    const std::string& text);
 

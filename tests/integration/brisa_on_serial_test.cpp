@@ -1,13 +1,20 @@
 // A KorvaneBrisa on a serial line against the simulated hand: the two were written apart, from the
 // two ends of the protocol, and meet on a real terminal of the kernel.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <thread>
 
+#include "korvane_link.h"
+#include "korvane_log.h"
+#include "korvane_observe.h"
 #include "korvane_sim/serial_hand.h"
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "serial/usb_device.h"
@@ -91,6 +98,48 @@ TEST_F(BrisaOnSerial, GoesWhileRepliesComeIn) {
     for (int request = 0; request < 10; ++request) hand_->SetJointMotorPosi(1, 1);
     Open();
   }
+}
+
+/// What a program changes at any time, while two hands talk.
+TEST_F(BrisaOnSerial, TalksWhileReceivingTapsAndSinkChange) {
+  constexpr int kRequests = 100;
+  sim::SerialHand other_device(MakeHand());
+  CaptureStreams([&] {
+    std::atomic<int> busy{2};
+    std::atomic<int> shown{0};
+    KorvaneBrisaSerialImpl other(HandType::LEFT, kId, other_device.Path(), 921600);
+    std::vector<std::thread> callers;
+    for (auto* const hand : {hand_.get(), &other}) {
+      hand->SetFrameRecvTimeout(10);
+      callers.emplace_back([hand, &busy] {
+        for (int i = 0; i < kRequests; ++i) {
+          const Failure failure =
+              Checked(*hand, [](auto& h) { return h.GetPowerState(); }).failure();
+          EXPECT_THAT(
+              (std::array{FailureKind::NONE, FailureKind::NO_REPLY, FailureKind::BAD_REPLY}),
+              testing::Contains(failure.kind));
+        }
+        --busy;
+      });
+    }
+    for (int i = 0; busy > 0; ++i) {
+      SetLogSink(i % 3 == 0 ? LogSink() : SilentLog());
+      for (auto* const hand : {hand_.get(), &other}) {
+        SetReceiving(*hand, i % 2 == 0 ? Receiving::BY_EVENTS : Receiving::AS_EVER);
+        if (i % 4 == 0) ObserveFrames(*hand, [&shown](const FrameEvent&) { ++shown; });
+        if (i % 4 == 2) ObserveFrames(*hand, nullptr);
+        EXPECT_FALSE(StatisticsOf(*hand).link_lost);
+      }
+      std::this_thread::yield();
+    }
+    for (std::thread& caller : callers) caller.join();
+    for (auto* const hand : {hand_.get(), &other}) {
+      ObserveFrames(*hand, nullptr);
+      EXPECT_EQ(StatisticsOf(*hand).requests, unsigned{kRequests});
+    }
+    EXPECT_GT(shown, 0);
+    SetLogSink({});
+  });
 }
 
 TEST_F(BrisaOnSerial, FailsInItsTimeWhenThePortDisappears) {

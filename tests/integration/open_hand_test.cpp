@@ -135,7 +135,8 @@ TEST_P(OnAdapters, WhatCannotBeMeantIsRefusedWithItsReason) {
   ExpectFailure(At("0.1"), FailureKind::NO_REPLY, "0.1: no hand answers");
   ExpectFailure(At("1.1"), FailureKind::BAD_REPLY, "\"Toaster\" with 99 active degrees of freedom");
   ExpectFailure(At("5.0"), FailureKind::NO_LINK, "5.0: [");
-  ExpectFailure(At("nothing.0"), FailureKind::NO_LINK, "Device with serial number \"nothing\" not found!");
+  ExpectFailure(At("nothing.0"), FailureKind::NO_LINK,
+                "Device with serial number \"nothing\" not found!");
   ExpectFailure(At("0.0:brisa:200"), FailureKind::BAD_ARGUMENT, "\"200\" is no id");
   HandAddress impossible;
   EXPECT_EQ(OpenHand(impossible).failure().kind, FailureKind::BAD_ARGUMENT);

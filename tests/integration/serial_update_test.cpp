@@ -29,6 +29,7 @@ using test::FirstWords;
 using test::kThreePackets;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using Bytes = std::vector<std::uint8_t>;
 using Replies = std::vector<std::pair<std::uint8_t, std::uint32_t>>;  ///< Child and result.
 using Duration = std::chrono::nanoseconds;
@@ -83,7 +84,30 @@ class SerialUpdateRun : public testing::Test, public Clock {
       line_.Unplug();
       while (hand_->Device()->running_) std::this_thread::yield();
     };
-    return runner_.Run(*hand_, *this, path, reports);
+    const test::UpdateOutcome& outcome = runner_.Run(*hand_, *this, path, reports);
+    reports ? ExpectFailureAsReported() : ExpectFailureAsTold();
+    return outcome;
+  }
+  /// By the last report, "code/total=-1" or "total/total=0".
+  void ExpectFailureAsReported() const {
+    const string& reports = runner_.Outcome().reports;
+    const std::size_t last = reports.find_last_of(' ', reports.size() - 2) + 1;
+    const int code = std::stoi(reports.substr(last));
+    const bool open = hand_->Device() != nullptr && hand_->Device()->isOpen();
+    FailureKind kind = FailureKind::REFUSED;
+    if (code <= -4 && code >= -6) kind = open ? FailureKind::NO_REPLY : FailureKind::NO_LINK;
+    if (code == -2 || code == -3) kind = FailureKind::BAD_ARGUMENT;
+    if (reports.find("=0 ", last) != string::npos) kind = FailureKind::NONE;
+    EXPECT_EQ(LastFailure(*hand_).kind, kind) << reports;
+    EXPECT_EQ(LastFailure(*hand_).operation, kind == FailureKind::NONE ? "" : "UpdateFirmware");
+  }
+  void ExpectFailureAsTold() const {
+    const Failure failure = LastFailure(*hand_);
+    if (failure.kind == FailureKind::NONE) {
+      EXPECT_THAT(Written().err, Not(HasSubstr(kError)));
+      return;
+    }
+    EXPECT_THAT(Written().out + Written().err, HasSubstr(failure.text + "\n"));
   }
   const test::UpdateOutcome& Update(std::size_t size = kThreePackets, bool reports = true) {
     return Run(test::TemporaryFile(test::FirmwareBytes(size)).Path(), reports);
@@ -237,6 +261,13 @@ TEST_F(SerialUpdateRun, EndsAtWhatIsRefusedOrNotAnswered) {
   EXPECT_EQ(Update().reports, kGood) << "which goes on with any reply to a restart";
 }
 
+// A reply that comes in pieces keeps them all, also when the buffer was to be forgotten before.
+TEST_F(SerialUpdateRun, InstallsTheImageByEventsToo) {
+  SetReceiving(*hand_, Receiving::BY_EVENTS);
+  Update();
+  Expect(kGood, kGoodWire, kDone);
+}
+
 TEST_F(SerialUpdateRun, HasTimeForAHundredAndFiftyPackets) {
   EXPECT_THAT(Update(150 * kPacket).reports, EndsWith("150/150=6 150/150=7 150/150=0 "));
   EXPECT_TRUE(run_.image == test::FirmwareBytes(150 * kPacket));
@@ -282,6 +313,7 @@ TEST_F(SerialUpdateRun, ReconnectsWhenThePortGoesBeforeTheFirstPacket) {
   Expect("0/3=1 0/3=2 0/3=3 0/3=8 " + kGood.substr(18), "Vx U- 0m 1m 2m Fm Rm ", kDone + 2500ms);
   unplugs_at_ = "1/3=4 ";
   EXPECT_ANY_THROW(Update()) << "a packet can't be written";
+  EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::SEND_FAILED);
   Expect(FirstWords(kGood, 4), "Vx U- V- 0m ", kAccepted + 20ms);
 }
 

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -227,6 +228,79 @@ TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitIsLost) {
   device_.reply_received_ = true;
   lock.unlock();
   EXPECT_FALSE(answer.get());
+}
+
+// By events the flag is cleared before the write.
+TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitCountsByEvents) {
+  device_.Init();
+  device_.tap_.Set([this](const FrameEvent& frame) {
+    if (!frame.sent) return;
+    std::unique_lock lock(device_.reply_mutex_);
+    device_.reply_received_ = false;
+    lock.unlock();
+    line_.Write(kPosition);
+    EXPECT_EQ(Next(), kPositionFrame);
+    EXPECT_TRUE(Eventually([this] {
+      const std::lock_guard guard(device_.reply_mutex_);
+      return device_.reply_received_;
+    }));
+  });
+  for (const bool by_events : {true, false}) {
+    device_.SetReceiving(by_events ? Receiving::BY_EVENTS : Receiving::AS_EVER);
+    if (!by_events) device_.frame_recv_timeout_ms_ = 10;
+    EXPECT_EQ(device_.SendRequestWithReply(kPing.data(), kPing.size()), by_events);
+  }
+}
+
+TEST_F(UsbDevice, CountsAndShowsWhatGoesOverTheLine) {
+  std::vector<std::tuple<bool, std::uint32_t, Bytes>> shown;
+  device_.tap_.Set([&](const FrameEvent& frame) {
+    const std::lock_guard lock(mutex_);
+    shown.emplace_back(frame.sent, frame.id, Bytes(frame.data, frame.data + frame.size));
+  });
+  device_.Init();
+  auto answer = WaitingRequest();
+  line_.Write(kPosition);
+  EXPECT_TRUE(answer.get());
+  line_.Write(kPing);
+  EXPECT_TRUE(Eventually([this] { return device_.counters_.unmatched_frames == 1U; }));
+  device_.frame_recv_timeout_ms_ = 10;
+  EXPECT_FALSE(Request().get());
+  EXPECT_FALSE(device_.counters_.link_lost);
+  line_.Unplug();
+  EXPECT_TRUE(Eventually([this] { return device_.counters_.link_lost.load(); }));
+  EXPECT_ANY_THROW(Request().get());
+  const LinkCounters& counted = device_.counters_;
+  EXPECT_EQ(counted.requests, 3U);
+  EXPECT_EQ(counted.replies, 1U);
+  EXPECT_EQ(counted.timeouts, 1U);
+  EXPECT_EQ(counted.send_failures, 1U);
+  EXPECT_EQ(counted.unmatched_frames, 1U);
+  EXPECT_GT(counted.last_reply.load().count(), 0);
+  const decltype(shown) expected{
+      {true, 1, kPing}, {false, 1, kPosition}, {false, 1, kPing}, {true, 1, kPing}};
+  EXPECT_EQ(shown, expected) << "what couldn't be sent isn't shown";
+}
+
+TEST_F(UsbDevice, TakesFramesInPiecesByEventsAndNoticesThatThePortIsGone) {
+  device_.SetReceiving(Receiving::BY_EVENTS);
+  device_.Init();
+  for (int i = 0; i < 20; ++i) {
+    for (const std::uint8_t byte : kPosition) line_.Write({byte});
+    ASSERT_EQ(Next(), kPositionFrame);
+  }
+  line_.Write({kPosition.begin(), kPosition.begin() + 5});
+  EXPECT_TRUE(Eventually([this] { return device_.recv_buffer_pos_ == 5U; }));
+  device_.clear_recv_buffer_ = true;
+  line_.Write(kPing);
+  EXPECT_EQ(Next(), kPingFrame) << "only what had come before is forgotten";
+  line_.Unplug();
+  EXPECT_TRUE(Eventually([this] { return !device_.running_; }));
+  EXPECT_TRUE(device_.counters_.link_lost);
+  ASSERT_TRUE(ReconnectAndMeanwhile([this] { line_.Plug(); }));
+  EXPECT_FALSE(device_.counters_.link_lost);
+  line_.Write(kPosition);
+  EXPECT_EQ(Next(), kPositionFrame);
 }
 
 // Reconnecting

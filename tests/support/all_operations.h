@@ -6,7 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "korvane.h"
+#include "korvane_brisa.h"
+#include "private_korvane.h"
 
 // Every operation that a hand has, to ask them all the same question.
 
@@ -16,7 +17,7 @@ template <class Hand>
 struct AnyOperation {
   using Call = std::function<void(Hand&)>;
 
-  AnyOperation(std::string operation, Call good, Call bad = {})
+  AnyOperation(std::string operation, Call good, Call bad = nullptr)
       : name(std::move(operation)), call(std::move(good)), bad_call(std::move(bad)) {}
 
   std::string name;
@@ -111,6 +112,112 @@ inline std::vector<HandOperation> HandOperations(std::size_t motors) {
       {"GetFrameRecvTimeout", [](Hand h) { h.GetFrameRecvTimeout(); }},
       {"SetDeviceId", [](Hand h) { h.SetDeviceId(h.device_id); }},
   };
+}
+
+/// Asks another face of a hand.
+template <class Face>
+std::vector<HandOperation> OperationsOf(const std::vector<AnyOperation<Face>>& operations) {
+  using Call = HandOperation::Call;
+  const auto of_hand = [](const std::function<void(Face&)>& call) -> Call {
+    if (!call) return nullptr;
+    return [call](KorvaneBase& hand) { call(dynamic_cast<Face&>(hand)); };
+  };
+  std::vector<HandOperation> same;
+  for (const auto& [name, call, bad_call] : operations) {
+    same.emplace_back(name, of_hand(call), of_hand(bad_call));
+  }
+  return same;
+}
+
+/// The tactile operations of a KorvaneBrisa.
+inline std::vector<HandOperation> TouchOperations() {
+  using Hand = KorvaneBrisa&;
+  const std::vector<AnyOperation<KorvaneBrisa>> operations = {
+      {"GetTactileSensorData", [](Hand h) { h.GetTactileSensorData(Finger::PALM); }},
+      {"GetAllTactileSensorData", [](Hand h) { h.GetAllTactileSensorData(); }},
+      {"GetTactileSensorDataRaw", [](Hand h) { h.GetTactileSensorDataRaw(Finger::PALM); }},
+      {"GetAllTactileSensorDataRaw", [](Hand h) { h.GetAllTactileSensorDataRaw(); }},
+  };
+  return OperationsOf(operations);
+}
+
+/// The service operations, with `motors` values where a hand's own number counts.
+inline std::vector<HandOperation> ServiceOperations(std::size_t motors) {
+  using Hand = PrivateKorvane&;
+  const std::vector<std::uint16_t> all(motors, 9);
+  const std::vector<std::uint16_t> ten(10, 9);
+  const std::vector<std::int16_t> speeds(10, 9);
+  const std::vector<std::uint8_t> bytes(10, 9);
+  const std::vector<std::uint8_t> number(19, 'N');
+  const std::vector<AnyOperation<PrivateKorvane>> operations = {
+      {"SetPowerState", [](Hand h) { h.SetPowerState(1); }},
+      {"GetPowerState", [](Hand h) { h.GetPowerState(); }},
+      {"SetAxisHoming", [](Hand h) { h.SetAxisHoming(1, 0); },
+       [](Hand h) { h.SetAxisHoming(11, 0); }},
+      {"SetId",
+       [](Hand h) { h.SetId(static_cast<std::uint16_t>(dynamic_cast<Korvane&>(h).device_id)); },
+       [](Hand h) { h.SetId(0); }},
+      {"SaveParam", [](Hand h) { h.SaveParam(); }},
+      {"SetSingleAxisPos", [](Hand h) { h.SetSingleAxisPos(2, 9); },
+       [](Hand h) { h.SetSingleAxisPos(2, 4097); }},
+      {"GetSingleAxisPos", [](Hand h) { h.GetSingleAxisPos(2); },
+       [](Hand h) { h.GetSingleAxisPos(0); }},
+      {"SetAllAxisPos", [=](Hand h) { h.SetAllAxisPos(all); }, [](Hand h) { h.SetAllAxisPos({}); }},
+      {"GetAllAxisPos", [](Hand h) { h.GetAllAxisPos(); }},
+      {"GetAllAxisCurrent", [](Hand h) { h.GetAllAxisCurrent(); }},
+      {"GetAllAxisVelocity", [](Hand h) { h.GetAllAxisVelocity(); }},
+      {"GetAllAxisTemp", [](Hand h) { h.GetAllAxisTemp(); }},
+      {"GetErrorCode", [](Hand h) { h.GetErrorCode(); }},
+      {"ClearError", [](Hand h) { h.ClearError(); }},
+      {"PlayAction", [](Hand h) { h.PlayAction(1); }},
+      {"GetAllAxisPosRange", [](Hand h) { h.GetAllAxisPosRange(); }},
+      {"GetFingertipSensor", [](Hand h) { h.GetFingertipSensor(2); }},
+      {"GetAllFingertipSensorA", [](Hand h) { h.GetAllFingertipSensorA(); }},
+      {"GetAllFingertipSensorB", [](Hand h) { h.GetAllFingertipSensorB(); }},
+      {"GetAllFingertipSensorC", [](Hand h) { h.GetAllFingertipSensorC(); }},
+      {"SetRunMode", [](Hand h) { h.SetRunMode(2, 4); }},
+      {"SetSingleActualAxisPos", [](Hand h) { h.SetSingleActualAxisPos(2, 9); },
+       [](Hand h) { h.SetSingleActualAxisPos(11, 9); }},
+      {"GetSingleActualAxisPos", [](Hand h) { h.GetSingleActualAxisPos(2); },
+       [](Hand h) { h.GetSingleActualAxisPos(11); }},
+      {"SetAllActualAxisPos", [=](Hand h) { h.SetAllActualAxisPos(all); },
+       [](Hand h) { h.SetAllActualAxisPos({}); }},
+      {"GetAllActualAxisPos", [](Hand h) { h.GetAllActualAxisPos(); }},
+      {"GetAllLoadData", [](Hand h) { h.GetAllLoadData(); }},
+      {"SetAxisMinPos", [](Hand h) { h.SetAxisMinPos(2, 0); },
+       [](Hand h) { h.SetAxisMinPos(13, 0); }},
+      {"SetAxisMaxPos", [](Hand h) { h.SetAxisMaxPos(2, 4096); },
+       [](Hand h) { h.SetAxisMaxPos(2, 4097); }},
+      {"ClearAllLimitPos", [](Hand h) { h.ClearAllLimitPos(); }},
+      {"SetAllRunSpeed", [=](Hand h) { h.SetAllRunSpeed(speeds); },
+       [](Hand h) { h.SetAllRunSpeed({}); }},
+      {"SetOverloadTorque", [](Hand h) { h.SetOverloadTorque(2, 9); },
+       [](Hand h) { h.SetOverloadTorque(2, 1001); }},
+      {"SetOverloadProtectionTime", [](Hand h) { h.SetOverloadProtectionTime(2, 9); }},
+      {"SetProtectedTorque", [](Hand h) { h.SetProtectedTorque(2, 9); },
+       [](Hand h) { h.SetProtectedTorque(2, 101); }},
+      {"SetMinTorque", [](Hand h) { h.SetMinTorque(2, 9); }, [](Hand h) { h.SetMinTorque(0, 9); }},
+      {"SetProtectiveCurrent", [](Hand h) { h.SetProtectiveCurrent(2, 9); },
+       [](Hand h) { h.SetProtectiveCurrent(2, 3251); }},
+      {"GetAllElectricMotorId", [](Hand h) { h.GetAllElectricMotorId(); }},
+      {"GetAllSensorId", [](Hand h) { h.GetAllSensorId(); }},
+      {"SetAllAxisCvpUploadInterval", [](Hand h) { h.SetAllAxisCvpUploadInterval(0); }},
+      {"GetAllAxisCvp", [](Hand h) { h.GetAllAxisCvp(); }},
+      {"GetAxisLimitPos", [](Hand h) { h.GetAxisLimitPos(); }},
+      {"SetRightOrLeft", [](Hand h) { h.SetRightOrLeft(1); }, [](Hand h) { h.SetRightOrLeft(2); }},
+      {"SetPosSpeedCurData", [=](Hand h) { h.SetPosSpeedCurData(ten, speeds, bytes); },
+       [=](Hand h) { h.SetPosSpeedCurData(ten, speeds, {}); }},
+      {"GetFingerTactileForce", [](Hand h) { h.GetFingerTactileForce(); }},
+      {"SetTemperatureThreshold", [](Hand h) { h.SetTemperatureThreshold(90); }},
+      {"SetControlSource", [](Hand h) { h.SetControlSource(1); },
+       [](Hand h) { h.SetControlSource(2); }},
+      {"GetControlSource", [](Hand h) { h.GetControlSource(); }},
+      {"SetProductSerialNumber", [=](Hand h) { h.SetProductSerialNumber(number); },
+       [](Hand h) { h.SetProductSerialNumber({}); }},
+      {"GetProductSerialNumber", [](Hand h) { h.GetProductSerialNumber(); }},
+      {"GetFwVersion", [](Hand h) { h.GetFwVersion(); }},
+  };
+  return OperationsOf(operations);
 }
 
 }  // namespace talvera::korvane::test

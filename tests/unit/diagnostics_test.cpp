@@ -3,9 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
 #include <set>
 #include <thread>
 
+#include "korvane_sim/serial_hand.h"
+#include "protocol/serial/korvane_brisa_serial_impl.h"
+#include "protocol/service/korvane_brisa_can_private_impl.h"
+#include "protocol/service/korvane_lumen_can_private_impl.h"
+#include "serial/usb_device.h"
 #include "support/all_operations.h"
 #include "support/tested_hands.h"
 
@@ -28,13 +35,120 @@ std::string Ends(Hand& hand, const std::function<void(Hand&)>& call) {
   return failure.kind == FailureKind::NONE ? "NONE" : Show(failure);
 }
 
-/// Which operations end in a way of their own, by model.
+/// A hand on some link whose other end the test holds. It is silent at first.
+class Rig {
+ public:
+  virtual ~Rig() = default;
+  virtual KorvaneBase& Hand() = 0;
+  virtual KorvaneBase& WithoutLink() = 0;
+  /// From now on every request gets a good answer; or a frame that is none; or can't be sent.
+  virtual void Answer() = 0;
+  virtual void AnswerBadly() = 0;
+  virtual void Break() = 0;
+  /// Returns when all that was said has arrived.
+  virtual void Settle() {}
+};
+
+class CanRig : public Rig {
+ public:
+  /// Positions that every solver takes, and a mode for each motor.
+  CanRig(const test::TestedHand& hand, int reply_size) : hands_(hand.make), size_(reply_size) {
+    hands_.hand_.SetFrameRecvTimeout(10);
+  }
+
+  KorvaneBase& Hand() override { return hands_.hand_; }
+  KorvaneBase& WithoutLink() override { return *hands_.without_transport_; }
+  void Answer() override { Say(size_); }
+  void AnswerBadly() override { Say(1); }
+  void Break() override { hands_.device_.script = test::CantSend(); }
+
+ private:
+  void Say(int size) {
+    hands_.hand_.SetFrameRecvTimeout(1000);
+    hands_.device_.script = test::Replies(test::Bytes(64, 1), size);
+  }
+
+  test::HandPair<KorvaneBase> hands_;
+  int size_;
+};
+
+class SerialRig : public Rig {
+ public:
+  SerialRig() {
+    test::CaptureStreams([&] {
+      hand_ = std::make_unique<KorvaneBrisaSerialImpl>(kSide, test::kId, device_.Path(), 921600);
+      closed_ = std::make_unique<KorvaneBrisaSerialImpl>(kSide, test::kId, "/no/such/port", 921600);
+    });
+    SetReceiving(*hand_, Receiving::BY_EVENTS);
+    sim::SerialFaults silent;
+    silent.silent_after = 0;
+    device_.SetFaults(silent);
+    hand_->SetFrameRecvTimeout(10);
+    Watch([] {});
+  }
+
+  KorvaneBase& Hand() override { return *hand_; }
+  KorvaneBase& WithoutLink() override { return *closed_; }
+  void Answer() override {
+    BePatient();
+    device_.SetFaults({});
+  }
+  void AnswerBadly() override {
+    BePatient();
+    Watch([this] {
+      device_.Say({0x55, {}});
+      ++said_;
+    });
+  }
+  void Break() override { device_.Unplug(); }
+  /// The answer to a command that wasn't waited for would answer the next request.
+  void Settle() override {
+    const auto received = [&] {
+      const LinkStatistics counted = StatisticsOf(*hand_);
+      return counted.replies + counted.unmatched_frames;
+    };
+    while (device_.Statistics().from_host < sent_ ||
+           received() < device_.Statistics().from_hand + said_) {
+      std::this_thread::yield();
+    }
+  }
+
+ private:
+  static constexpr auto kSide = HandType::RIGHT;
+
+  void BePatient() { hand_->Device()->frame_recv_timeout_ms_ = 60'000; }
+  void Watch(const std::function<void()>& on_sent) {
+    ObserveFrames(*hand_, [this, on_sent](const FrameEvent& frame) {
+      if (!frame.sent) return;
+      ++sent_;
+      on_sent();
+    });
+  }
+
+  std::atomic<std::uint64_t> sent_{0};
+  std::atomic<std::uint64_t> said_{0};
+  sim::SerialHand device_{sim::SimulatedHand(sim::kBrisa, test::kId)};
+  std::unique_ptr<KorvaneBrisaSerialImpl> hand_;
+  std::unique_ptr<KorvaneBrisaSerialImpl> closed_;
+};
+
+/// Which operations end in a way of their own, by class.
 struct Expectation {
-  test::TestedHand hand;
+  std::string name;
+  std::function<std::unique_ptr<Rig>()> make;
+  std::vector<HandOperation> operations;
   Names not_supported;
   Names sends_only;
   /// Answered from reports that the hand sends unasked.
-  Names from_reports;
+  Names from_reports = {};
+  /// Ask the hand nothing.
+  Names local = {"SetRequestInterval", "GetFrameRecvTimeout", "GetAllJointPos"};
+  /// Of those, the ones that a hand without a link has too.
+  Names needs_no_link = {"GetAllJointPos"};
+  /// Ask whether an argument is good before they say that they aren't supported.
+  Names checks_first = {};
+  /// For which any frame is an answer.
+  Names takes_anything = {};
 };
 
 const Names kPeriods = {"SetErrorReportPeriod",   "SetAllErrorReportPeriod",
@@ -57,83 +171,216 @@ Names AllBut(const Names& names) {
 }
 
 const Names kModes = {"SetControlMode", "SetAllControlMode", "SetDeviceId"};
-// Asks nobody.
-const Names kLocal = {"SetRequestInterval", "GetFrameRecvTimeout", "GetAllJointPos"};
+const Names kMotions = {"SetJointMotorVelo", "SetAllJointMotorVelo", "GetJointMotorVelo",
+                        "GetAllJointMotorVelo"};
+const Names kModeReads = {"GetControlMode", "GetAllControlMode", "GetCurrentThreshold",
+                          "GetAllCurrentThreshold"};
+const Names kModeWrites = {"SetControlMode", "SetAllControlMode", "SetCurrentThreshold",
+                           "SetAllCurrentThreshold"};
+const Names kReports = {"GetErrorReport",          "GetAllErrorReport", "GetTemperatureReport",
+                        "GetAllTemperatureReport", "GetCurrentReport",  "GetAllCurrentReport"};
+const Names kRawTouch = {"GetTactileSensorDataRaw", "GetAllTactileSensorDataRaw"};
+const Names kServiceSettings = {"SetPowerState",
+                                "SetAxisHoming",
+                                "SetId",
+                                "SaveParam",
+                                "ClearError",
+                                "PlayAction",
+                                "SetRunMode",
+                                "SetAxisMinPos",
+                                "SetAxisMaxPos",
+                                "ClearAllLimitPos",
+                                "SetAllRunSpeed",
+                                "SetOverloadTorque",
+                                "SetOverloadProtectionTime",
+                                "SetProtectedTorque",
+                                "SetMinTorque",
+                                "SetProtectiveCurrent",
+                                "SetAllAxisCvpUploadInterval",
+                                "SetRightOrLeft",
+                                "SetTemperatureThreshold",
+                                "SetControlSource",
+                                "SetProductSerialNumber"};
 
-const Expectation kExpectations[] = {
-    {test::kBrisa, kPeriods, kModes, {}},
-    {test::kTessel,
-     {},
-     kModes + Names{"SetJointMotorVelo", "SetAllJointMotorVelo", "SetErrorReportPeriod",
-                    "SetAllTemperReportPeriod", "SetCurrentReportPeriod",
-                    "SetAllCurrentReportPeriod"},
-     {"GetTemperatureReport", "GetAllTemperatureReport", "GetCurrentReport",
-      "GetAllCurrentReport"}},
-    {test::kQuill,
-     AllBut(kLocal + Names{"GetVendorInfo", "GetDeviceInfo", "GetJointMotorPosi",
-                           "GetAllJointMotorPosi", "SetDeviceId"}) +
-         Names{"GetAllJointPos"},
-     kModes,
-     {}},
-    {test::kLumen, kPeriods + kAngles + Names{"SetHandGesture"}, kModes, {}},
-    {test::kVanta, kPeriods + kAngles + Names{"SetHandGesture"}, kModes, {}},
+std::vector<HandOperation> operator+(std::vector<HandOperation> operations,
+                                     const std::vector<HandOperation>& more) {
+  operations.insert(operations.end(), more.begin(), more.end());
+  return operations;
+}
+
+Expectation OnCan(const test::TestedHand& hand, Names not_supported, Names sends_only,
+                  Names from_reports = {}) {
+  return {hand.class_name,
+          [=] { return std::make_unique<CanRig>(hand, 2 * hand.motors); },
+          test::HandOperations(hand.motors),
+          std::move(not_supported),
+          std::move(sends_only),
+          std::move(from_reports)};
+}
+
+template <class Hand>
+Expectation InServiceProtocol(const char* name, std::uint8_t motors, Names not_supported) {
+  const auto hand = test::Tested<Hand>(name, 0, motors, 0);
+  Expectation row = OnCan(hand, std::move(not_supported), {});
+  row.make = [=] { return std::make_unique<CanRig>(hand, 64); };
+  row.operations = row.operations + test::ServiceOperations(motors);
+  row.local = row.local + Names{"SetDeviceId", "GetDeviceInfo"};
+  row.needs_no_link.insert("SetDeviceId");
+  return row;
+}
+
+Expectation OnSerial() {
+  Expectation row;
+  row.name = "KorvaneBrisaSerialImpl";
+  row.make = [] { return std::make_unique<SerialRig>(); };
+  row.operations = test::HandOperations(10) + test::TouchOperations() + test::ServiceOperations(10);
+  row.not_supported = kPeriods + kModeReads + kRawTouch + Names{"GetFingerTactileForce"};
+  row.sends_only = kModeWrites + Names{"SetDeviceId", "SetJointMotorPosi", "SetJointMotorVelo",
+                                       "SetAllJointMotorVelo", "MixCtrlJointMotor"};
+  row.checks_first = {"GetControlMode", "GetCurrentThreshold"};
+  row.takes_anything = kServiceSettings + Names{"GetDeviceInfo"};
+  return row;
+}
+
+const Expectation kPublicProtocol[] = {
+    OnCan(test::kBrisa, kPeriods, kModes),
+    OnCan(test::kTessel, {},
+          kModes + Names{"SetJointMotorVelo", "SetAllJointMotorVelo", "SetErrorReportPeriod",
+                         "SetAllTemperReportPeriod", "SetCurrentReportPeriod",
+                         "SetAllCurrentReportPeriod"},
+          {"GetTemperatureReport", "GetAllTemperatureReport", "GetCurrentReport",
+           "GetAllCurrentReport"}),
+    OnCan(test::kQuill,
+          AllBut({"SetRequestInterval", "GetFrameRecvTimeout", "GetVendorInfo", "GetDeviceInfo",
+                  "GetJointMotorPosi", "GetAllJointMotorPosi", "SetDeviceId"}),
+          kModes),
+    OnCan(test::kLumen, kPeriods + kAngles + Names{"SetHandGesture"}, kModes),
+    OnCan(test::kVanta, kPeriods + kAngles + Names{"SetHandGesture"}, kModes),
+};
+
+const Expectation kServiceCommands[] = {
+    [] {
+      auto row = InServiceProtocol<KorvaneBrisaCanPrivateImpl>(
+          "KorvaneBrisaCanPrivateImpl", 10,
+          kPeriods + kMotions + kReports + kModeReads + kRawTouch + Names{"GetTactileSensorData"});
+      row.operations = row.operations + test::TouchOperations();
+      return row;
+    }(),
+    InServiceProtocol<KorvaneLumenCanPrivateImpl>(
+        "KorvaneLumenCanPrivateImpl", 4,
+        kPeriods + kAngles + kModeReads + kModeWrites +
+            Names{"SetHandGesture", "MixCtrlJointMotor", "GetFingertipSensor",
+                  "GetAllFingertipSensorA", "GetAllFingertipSensorB", "GetAllFingertipSensorC"}),
+    OnSerial(),
 };
 
 class DiagnosticsOf : public testing::TestWithParam<Expectation> {
  protected:
-  std::string Expected(const std::string& name, FailureKind kind) const {
-    const Expectation& expectation = GetParam();
-    if (expectation.not_supported.count(name) != 0) kind = FailureKind::NOT_SUPPORTED;
-    return kind == FailureKind::NONE ? "NONE" : std::string(ToString(kind)) + " in " + name;
+  /// Asks an operation. `good` is how it ends if it is supported.
+  void Expect(KorvaneBase& hand, const HandOperation& operation, FailureKind good,
+              bool bad_argument = false) {
+    const std::string& name = operation.name;
+    const bool checked = bad_argument && row_.checks_first.count(name) != 0;
+    const bool supported = row_.not_supported.count(name) == 0 || checked;
+    const FailureKind kind = supported ? good : FailureKind::NOT_SUPPORTED;
+    EXPECT_EQ(Ends(hand, bad_argument ? operation.bad_call : operation.call),
+              kind == FailureKind::NONE ? "NONE" : std::string(ToString(kind)) + " in " + name)
+        << name;
+    rig_->Settle();
   }
 
-  std::vector<HandOperation> operations_ = test::HandOperations(GetParam().hand.motors);
-  test::HandPair<KorvaneBase> hands_{GetParam().hand.make};
+  /// All operations but some.
+  void ExpectAll(KorvaneBase& hand, FailureKind kind, const Names& succeed, const Names& skipped) {
+    for (const HandOperation& operation : row_.operations) {
+      if (skipped.count(operation.name) != 0) continue;
+      const bool good = succeed.count(operation.name) != 0;
+      Expect(hand, operation, good ? FailureKind::NONE : kind);
+    }
+  }
+
+  const Expectation& row_ = GetParam();
+  const std::unique_ptr<Rig> rig_ = GetParam().make();
 };
 
 // A program that can't tell "no fault" from "no answer" lies to whoever reads what it prints.
-TEST_P(DiagnosticsOf, EachOperationTellWhatASilentHandLeavesOpen) {
-  hands_.hand_.SetFrameRecvTimeout(10);
-  for (const HandOperation& operation : operations_) {
-    const bool waits = (GetParam().sends_only + kLocal).count(operation.name) == 0;
-    EXPECT_EQ(Ends(hands_.hand_, operation.call),
-              Expected(operation.name, waits ? FailureKind::NO_REPLY : FailureKind::NONE))
-        << operation.name;
-  }
-  hands_.device_.script = test::CantSend();
-  for (const HandOperation& operation : operations_) {
-    if ((kLocal + GetParam().from_reports).count(operation.name) != 0) continue;
-    EXPECT_EQ(Ends(hands_.hand_, operation.call),
-              Expected(operation.name, FailureKind::SEND_FAILED));
-  }
+TEST_P(DiagnosticsOf, EachOperationTellsWhatASilentHandLeavesOpen) {
+  ExpectAll(rig_->Hand(), FailureKind::NO_REPLY, row_.sends_only + row_.local, {});
+  rig_->Break();
+  ExpectAll(rig_->Hand(), FailureKind::SEND_FAILED, row_.local, row_.from_reports);
 }
 
 TEST_P(DiagnosticsOf, EachOperationTellsThatThereIsNoLink) {
-  const Names asks_nobody = GetParam().from_reports + Names{"GetAllJointPos"};
-  for (const HandOperation& operation : operations_) {
-    if (asks_nobody.count(operation.name) != 0) continue;
-    EXPECT_EQ(Ends(*hands_.without_transport_, operation.call),
-              Expected(operation.name, FailureKind::NO_LINK));
-  }
-  EXPECT_EQ(StatisticsOf(*hands_.without_transport_).requests, 0U);
+  ExpectAll(rig_->WithoutLink(), FailureKind::NO_LINK, row_.needs_no_link, row_.from_reports);
+  EXPECT_EQ(StatisticsOf(rig_->WithoutLink()).requests, 0U);
 }
 
 TEST_P(DiagnosticsOf, EachOperationTellsBadArgumentsAndForgetsThemWhenAllIsWell) {
-  // Positions that every solver takes, and a mode for each motor.
-  hands_.device_.script = test::Replies(test::Bytes(64, 1), 2 * GetParam().hand.motors);
-  for (const HandOperation& operation : operations_) {
+  rig_->Answer();
+  for (const HandOperation& operation : row_.operations) {
     if (operation.bad_call) {
-      EXPECT_EQ(Ends(hands_.hand_, operation.bad_call),
-                Expected(operation.name, FailureKind::BAD_ARGUMENT));
+      Expect(rig_->Hand(), operation, FailureKind::BAD_ARGUMENT, /*bad_argument=*/true);
     }
-    const bool report = GetParam().from_reports.count(operation.name) != 0;
-    EXPECT_EQ(Ends(hands_.hand_, operation.call),
-              Expected(operation.name, report ? FailureKind::NO_REPLY : FailureKind::NONE));
+    const bool report = row_.from_reports.count(operation.name) != 0;
+    Expect(rig_->Hand(), operation, report ? FailureKind::NO_REPLY : FailureKind::NONE);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Models, DiagnosticsOf, testing::ValuesIn(kExpectations),
-                         [](const auto& row) { return row.param.hand.class_name; });
+class BadRepliesTo : public DiagnosticsOf {};
+
+TEST_P(BadRepliesTo, TellWhichOperationTheyFail) {
+  rig_->AnswerBadly();
+  ExpectAll(rig_->Hand(), FailureKind::BAD_REPLY,
+            row_.sends_only + row_.local + row_.takes_anything, {});
+}
+
+constexpr auto kNameOfRow = [](const testing::TestParamInfo<Expectation>& row) {
+  return row.param.name;
+};
+INSTANTIATE_TEST_SUITE_P(PublicProtocol, DiagnosticsOf, testing::ValuesIn(kPublicProtocol),
+                         kNameOfRow);
+INSTANTIATE_TEST_SUITE_P(ServiceCommands, DiagnosticsOf, testing::ValuesIn(kServiceCommands),
+                         kNameOfRow);
+INSTANTIATE_TEST_SUITE_P(ServiceCommands, BadRepliesTo, testing::ValuesIn(kServiceCommands),
+                         kNameOfRow);
+
+TEST(DiagnosticsOnSerial, TellWhyThereIsNoPortAndTheLinesThatWereLogged) {
+  SerialRig rig;
+  std::unique_ptr<KorvaneBrisaSerialImpl> closed;
+  const auto tells = [&](KorvaneBase& hand, const std::function<void(PrivateKorvane&)>& call) {
+    test::CaptureStreams([&] { call(dynamic_cast<PrivateKorvane&>(hand)); });
+    return LastFailure(hand);
+  };
+  const auto opening = test::CaptureStreams([&] {
+    closed = std::make_unique<KorvaneBrisaSerialImpl>(HandType::LEFT, 1, "/no/such/port", 115200);
+  });
+  const Failure open = LastFailure(*closed);
+  EXPECT_EQ(Show(open), "NO_LINK in Open");
+  EXPECT_EQ(open.text + "\n", opening.err);
+  EXPECT_NE(AdviceOn(open).find("no such port"), std::string::npos);
+  const Failure silent = tells(*closed, [](auto& hand) { hand.GetPowerState(); });
+  EXPECT_EQ(silent.text, open.text);
+  EXPECT_EQ(silent.system_error, ENOENT);
+
+  const auto written = test::CaptureStreams([&] { rig.Hand().GetAllActiveJointAngles(); });
+  EXPECT_EQ(Show(LastFailure(rig.Hand())), "NO_REPLY in GetAllActiveJointAngles");
+  EXPECT_EQ(LastFailure(rig.Hand()).text + "\n", written.out);
+  EXPECT_EQ(tells(rig.Hand(), [](auto& hand) { hand.GetPowerState(); }).text,
+            "no frame within 10 ms");
+  const auto touch = Checked(dynamic_cast<KorvaneBrisa&>(rig.Hand()),
+                             [](auto& hand) { hand.GetTactileSensorData(Finger{9}); });
+  EXPECT_EQ(Show(touch.failure()), "BAD_ARGUMENT in GetTactileSensorData");
+}
+
+TEST(DiagnosticsOfService, TellARefusalAndWhatSendStreamRequestThrows) {
+  const test::Rig<KorvaneBrisaCanPrivateImpl> rig(test::kId);
+  rig.device->script = test::Replies({5, 0});
+  EXPECT_FALSE(rig.hand->SaveParam());
+  EXPECT_EQ(Show(LastFailure(*rig.hand)), "REFUSED in SaveParam");
+  rig.device->script = test::CantSend();
+  const auto reply =
+      Checked(*rig.hand, [](auto& hand) { return hand.SendStreamRequest(StreamCmd::kSaveParam); });
+  EXPECT_EQ(Show(reply.failure()), "SEND_FAILED in SendStreamRequest");
+}
 
 class Diagnostics : public testing::Test, protected test::HandPair<KorvaneBase> {
  protected:

@@ -79,7 +79,10 @@ class ServiceUpdateRun : public testing::Test, private Clock {
     letters_.TakeImage();
     runner_.Run(hand, *this, path);
     EXPECT_FALSE(hand.HasCallback());
-    return runner_.Outcome().reports;
+    const std::string& reports = runner_.Outcome().reports;
+    failure_ = LastFailure(hand).kind;
+    EXPECT_EQ(failure_ == FailureKind::NONE, testing::Value(reports, testing::EndsWith("=0 ")));
+    return reports;
   }
   std::string Update(std::size_t size = kThreePackets) {
     size_ = size;
@@ -110,6 +113,7 @@ class ServiceUpdateRun : public testing::Test, private Clock {
   UpdateRunner runner_;
   UpdateLetters letters_;
   std::string wire_;
+  FailureKind failure_ = FailureKind::NONE;
 
  private:
   TimePoint now_{};
@@ -140,6 +144,7 @@ TEST_F(ServiceUpdateRun, EndsAtAPacketThatIsRefusedOrNotAcknowledged) {
     const auto expect = [&](const Frames& answer, int code, const std::string& wire) {
       answers_ = {{at, {answer}}};
       EXPECT_EQ(Update(), before + Failed(code)) << packet << " " << code;
+      EXPECT_EQ(failure_, code == -6 ? FailureKind::NO_REPLY : FailureKind::REFUSED);
       EXPECT_EQ(wire_, wire);
       EXPECT_EQ(Errors(), "");
     };
@@ -167,6 +172,7 @@ TEST_F(ServiceUpdateRun, EndsAtAnUpgradeRequestThatIsNotAccepted) {
            {{Reply(1, 3)}, 3}, {{Reply(1, 0, 5)}, -4}, {{FullFrame(9, {0xF1, 1}, 6)}, -4}}) {
     answers_ = {{'U', {answer}}};
     EXPECT_EQ(Update(), Clean(2) + Failed(code));
+    EXPECT_EQ(failure_, code == 3 ? FailureKind::REFUSED : FailureKind::BAD_REPLY);
     EXPECT_EQ(wire_ + Errors(), "U");
   }
   answers_ = {{'U', {{}}}};
@@ -176,6 +182,7 @@ TEST_F(ServiceUpdateRun, EndsAtAnUpgradeRequestThatIsNotAccepted) {
   EXPECT_EQ(Errors(),
             "[ERROR][KorvaneBrisaCanPrivateImpl] UpdateFirmware upgrade request: "
             "[CANID:009][DATA:f1 01 64 10 00 00 03 00 ] request timeout (10ms)\n");
+  EXPECT_EQ(failure_, FailureKind::NO_REPLY);
 }
 
 TEST_F(ServiceUpdateRun, EndsWhenFinishOrRestartIsNotAcknowledged) {
@@ -184,6 +191,8 @@ TEST_F(ServiceUpdateRun, EndsWhenFinishOrRestartIsNotAcknowledged) {
     EXPECT_EQ(Update(), Clean(7) + Failed(-4)) << "finishing is told before it is asked for";
     EXPECT_EQ(wire_, "U012F");
     EXPECT_GE(Took(), 30s);
+    const bool refused = !answer.empty() && answer[0].data[1] == 3;
+    EXPECT_EQ(failure_, refused ? FailureKind::REFUSED : FailureKind::NO_REPLY);
   }
   for (const Frames& answer : {Frames{}, Frames{Reply(4, 1)}, Frames{Reply(3)}}) {
     answers_ = {{'R', {answer}}};
@@ -207,8 +216,10 @@ TEST_F(ServiceUpdateRun, DoesNotBeginWithoutALinkOrAFile) {
   KorvaneBrisaCanPrivateImpl none(HandType::RIGHT, kId, NoTransport());
   for (auto* const hand : {closed.hand.get(), &none}) {
     EXPECT_EQ(UpdateFrom("/no/such/file", *hand), "-1/0=-1 ");
+    EXPECT_EQ(failure_, FailureKind::NO_LINK);
   }
   EXPECT_EQ(UpdateFrom("/no/such/file", hand_), "-2/0=-1 ");
+  EXPECT_EQ(failure_, FailureKind::BAD_ARGUMENT);
   EXPECT_EQ(UpdateFrom(TemporaryFile({}).Path(), hand_), "-3/0=-1 ");
   EXPECT_EQ(wire_ + Errors(), "");
   EXPECT_EQ(Told([&] { hand_.UpdateFirmware("/no/such/file", nullptr); }),

@@ -19,8 +19,8 @@ constexpr std::size_t kCvpVelocity = 2;
 constexpr std::uint8_t kBrisaProduct = 2;
 constexpr auto kBetweenAxes = std::chrono::milliseconds(1);
 
-void LogNotFullySupported(const char* operation) {
-  LogError(Compose("[Warning]: ", operation, " is not fully supported via USB."));
+std::string NotFullySupported(const char* operation) {
+  return Compose("[Warning]: ", operation, " is not fully supported via USB.");
 }
 
 template <class Value>
@@ -77,10 +77,11 @@ void KorvaneBrisaSerialImpl::OnProtocolData(std::uint8_t command, const std::uin
 /// Also what the hand has told before counts, if nobody has read it yet: the version, when the hand
 /// answers too late or not at all. Applications rely on it.
 VendorInfo KorvaneBrisaSerialImpl::GetVendorInfo() const {
+  const auto operation = link_.Operation(__func__);
   VendorInfo info;
   const auto device = link_.ReadOrTakeEarlier("GetVendorInfo", Command::kGetFwVersion);
   if (!device) {
-    LogInfo("get vendor info failed.");
+    link_.LogReadFailed("get vendor info failed.");
     return info;
   }
   const FwVersion version = LoadFwVersion(device->data());
@@ -95,44 +96,60 @@ VendorInfo KorvaneBrisaSerialImpl::GetVendorInfo() const {
 
 /// The id is that of the hand whose frames the port accepts; until it is known any hand is asked.
 DeviceInfo KorvaneBrisaSerialImpl::GetDeviceInfo() const {
+  auto operation = link_.Operation(__func__);
   DeviceInfo info{};
   if (!link_.device || link_.device->filter_device_id_ == kAnyDeviceId) {
     link_.RequestTo(kAnyDeviceId, "GetDeviceInfo", Command::kGetFwVersion, {},
                     SerialFrameCrcType::kCrc16Ccitt);
   }
   if (!link_.device || link_.device->filter_device_id_ == kAnyDeviceId) return info;
+  // Also if the reply came too late for the request.
+  operation.Succeed();
   info.device_id = static_cast<std::uint8_t>(link_.device->filter_device_id_);
   return info;
 }
 
 /// The port goes on accepting frames of the old id only.
 void KorvaneBrisaSerialImpl::SetDeviceId(std::uint8_t new_id) {
+  const auto operation = link_.Operation(__func__);
   if (link_.Write("SetDeviceId", Command::kSetId, ServicePayload().Add8(new_id).Add8(0))) {
     StoreDeviceId(*this, new_id);
   } else {
-    LogError("[Error]: Failed to send device ID request");
+    link_.LogFailed("[Error]: Failed to send device ID request");
   }
 }
 
 void KorvaneBrisaSerialImpl::ShowDataDetails(bool on) const {
-  if (link_.device) link_.device->print_frames_ = on;
+  const auto operation = link_.Operation(__func__);
+  if (auto* const device = link_.DeviceOrFailure()) device->print_frames_ = on;
   solver->show_details = on;
 }
 
 void KorvaneBrisaSerialImpl::SetRequestInterval(int ms) {
-  if (link_.device) link_.device->SetMinRequestInterval(ms);
+  const auto operation = link_.Operation(__func__);
+  if (auto* const device = link_.DeviceOrFailure()) device->SetMinRequestInterval(ms);
 }
 int KorvaneBrisaSerialImpl::GetRequestInterval() const {
-  return link_.device ? link_.device->GetMinRequestInterval() : 0;
+  const auto operation = link_.Operation(__func__);
+  const auto* const device = link_.DeviceOrFailure();
+  return device != nullptr ? device->GetMinRequestInterval() : 0;
 }
 void KorvaneBrisaSerialImpl::SetFrameRecvTimeout(int ms) {
-  if (link_.device) link_.device->SetFrameRecvTimeout(ms);
+  const auto operation = link_.Operation(__func__);
+  if (auto* const device = link_.DeviceOrFailure()) device->SetFrameRecvTimeout(ms);
 }
 int KorvaneBrisaSerialImpl::GetFrameRecvTimeout() const {
-  return link_.device ? link_.device->GetFrameRecvTimeout() : 0;
+  const auto operation = link_.Operation(__func__);
+  const auto* const device = link_.DeviceOrFailure();
+  return device != nullptr ? device->GetFrameRecvTimeout() : 0;
 }
-void KorvaneBrisaSerialImpl::SetFrameSendTimeout(int /*ms*/) {}
-int KorvaneBrisaSerialImpl::GetFrameSendTimeout() const { return 0; }
+void KorvaneBrisaSerialImpl::SetFrameSendTimeout(int /*ms*/) {
+  RecordNotSupported(*this, __func__);
+}
+int KorvaneBrisaSerialImpl::GetFrameSendTimeout() const {
+  RecordNotSupported(*this, __func__);
+  return 0;
+}
 
 void KorvaneBrisaSerialImpl::UpdateFirmware(const std::string& path, ProgressCallback callback) {
   update_.Run(path, std::move(callback));
@@ -141,10 +158,11 @@ void KorvaneBrisaSerialImpl::UpdateFirmware(const std::string& path, ProgressCal
 // --- Motors ---------------------------------------------------------------------------------
 
 int KorvaneBrisaSerialImpl::SetJointMotorPosi(std::uint8_t index, short position) {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return -1;
   const auto payload = ServicePayload().Add8(index).Add16(static_cast<std::uint16_t>(position));
   if (link_.Write("SetJointMotorPosi", Command::kSetSingleAxisPos, payload)) return 0;
-  LogError("[Error]: Failed to send single axis position request");
+  link_.LogFailed("[Error]: Failed to send single axis position request");
   return -1;
 }
 
@@ -156,34 +174,39 @@ std::optional<KorvaneBrisaSerialImpl::Bytes> KorvaneBrisaSerialImpl::ReadForAxis
 }
 
 short KorvaneBrisaSerialImpl::GetJointMotorPosi(std::uint8_t index) const {
+  const auto operation = link_.Operation(__func__);
   const auto position = ReadPosition("GetJointMotorPosi", index);
   return position ? static_cast<short>(*position) : short{-1};
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::SetAllJointMotorPosi(
     const std::vector<short>& positions) {
+  const auto operation = link_.Operation(__func__);
   if (positions.size() < kAxes) {
-    LogError(
+    link_.LogRefused(
+        FailureKind::BAD_ARGUMENT,
         "[ERROR][KorvaneBrisaSerialImpl][SetAllJointMotorPosi] Invalid parameter, size must be at "
         "least 10");
     return {};
   }
   const std::vector<short> ten(positions.begin(), positions.begin() + kAxes);
   if (!link_.Write("SetAllJointMotorPosi", Command::kSetAllAxisPos, ServicePayload().AddAll(ten))) {
-    LogError("[Error]: Failed to send all axis position request");
+    link_.LogFailed("[Error]: Failed to send all axis position request");
     return {};
   }
   return GetAllJointMotorPosi();
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllJointMotorPosi() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = link_.Read("GetAllJointMotorPosi", Command::kGetAllAxisPos);
   if (reply) return WordsOf<short>(*reply);
-  LogInfo("get all joint motor posi failed");
+  link_.LogReadFailed("get all joint motor posi failed");
   return WordsOf<short>(link_.replies.Last(ReplySlot::kPositions));
 }
 
 void KorvaneBrisaSerialImpl::SetJointMotorVelo(std::uint8_t index, short velocity) {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return;
   ServiceTargets targets;
   targets.speed[index - 1U] = velocity;
@@ -191,6 +214,7 @@ void KorvaneBrisaSerialImpl::SetJointMotorVelo(std::uint8_t index, short velocit
 }
 
 short KorvaneBrisaSerialImpl::GetJointMotorVelo(std::uint8_t index) const {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return 0;
   const auto reply =
       ReadForAxis("GetJointMotorVelo", Command::kGetAllAxisCvp, "joint motor velocity", index);
@@ -198,6 +222,7 @@ short KorvaneBrisaSerialImpl::GetJointMotorVelo(std::uint8_t index) const {
 }
 
 void KorvaneBrisaSerialImpl::SetAllJointMotorVelo(const std::vector<short>& velocities) {
+  const auto operation = link_.Operation(__func__);
   if (!CheckJointCount(velocities.size())) return;
   ServiceTargets targets;
   targets.speed = velocities;
@@ -205,25 +230,29 @@ void KorvaneBrisaSerialImpl::SetAllJointMotorVelo(const std::vector<short>& velo
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllJointMotorVelo() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = link_.Read("GetAllJointMotorVelo", Command::kGetAllAxisCvp);
   if (reply) return VelocitiesOf(*reply);
-  LogInfo("get all joint motor velocity failed");
+  link_.LogReadFailed("get all joint motor velocity failed");
   return {};
 }
 
 void KorvaneBrisaSerialImpl::SetControlMode(std::uint8_t index, ControlMode mode) {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return;
   const auto payload = ServicePayload().Add8(index).Add8(static_cast<std::uint8_t>(mode));
   if (link_.Write("SetControlMode", Command::kSetRunMode, payload)) return;
-  LogError("[Error]: Failed to send control mode request");
+  link_.LogFailed("[Error]: Failed to send control mode request");
 }
 
 ControlMode KorvaneBrisaSerialImpl::GetControlMode(std::uint8_t index) const {
-  if (CheckIndex(index)) LogNotFullySupported("GetControlMode");
+  const auto operation = link_.Operation(__func__);
+  if (CheckIndex(index)) LogNotSupported(NotFullySupported(__func__));
   return ControlMode::MODE_0;
 }
 
 void KorvaneBrisaSerialImpl::SetAllControlMode(const std::vector<std::uint8_t>& modes) {
+  const auto operation = link_.Operation(__func__);
   if (!CheckJointCount(modes.size())) return;
   for (std::uint8_t axis = 1; axis <= kAxes; ++axis) {
     SetControlMode(axis, static_cast<ControlMode>(modes[axis - 1U]));
@@ -232,28 +261,33 @@ void KorvaneBrisaSerialImpl::SetAllControlMode(const std::vector<std::uint8_t>& 
 }
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllControlMode() const {
-  LogNotFullySupported("GetAllControlMode");
+  const auto operation = link_.Operation(__func__);
+  LogNotSupported(NotFullySupported(__func__));
   return std::vector<std::uint8_t>(kAxes);
 }
 
 short KorvaneBrisaSerialImpl::GetCurrentThreshold(std::uint8_t index) const {
-  if (CheckIndex(index)) LogNotFullySupported("GetCurrentThreshold");
+  const auto operation = link_.Operation(__func__);
+  if (CheckIndex(index)) LogNotSupported(NotFullySupported(__func__));
   return 0;
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentThreshold() const {
-  LogNotFullySupported("GetAllCurrentThreshold");
+  const auto operation = link_.Operation(__func__);
+  LogNotSupported(NotFullySupported(__func__));
   return std::vector<short>(kAxes);
 }
 
 void KorvaneBrisaSerialImpl::SetCurrentThreshold(std::uint8_t index, short threshold) {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return;
   const auto payload = ServicePayload().Add8(index).Add16(static_cast<std::uint16_t>(threshold));
   if (link_.Write("SetCurrentThreshold", Command::kSetProtectiveCurrent, payload)) return;
-  LogError("[Error]: Failed to send current threshold request");
+  link_.LogFailed("[Error]: Failed to send current threshold request");
 }
 
 void KorvaneBrisaSerialImpl::SetAllCurrentThreshold(const std::vector<short>& thresholds) {
+  const auto operation = link_.Operation(__func__);
   if (!CheckJointCount(thresholds.size())) return;
   std::uint8_t axis = 0;
   for (const short threshold : thresholds) {
@@ -263,15 +297,20 @@ void KorvaneBrisaSerialImpl::SetAllCurrentThreshold(const std::vector<short>& th
 }
 
 void KorvaneBrisaSerialImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targets) {
-  if (targets.empty()) return;
+  const auto operation = link_.Operation(__func__);
+  if (!CheckArgument(!targets.empty())) return;
   const std::uint8_t mode = targets.front().mix_mode;
   const std::size_t most = MaxMixedTargets(mode);
-  if (most == 0) return LogError("[Error]: Invalid control mode for mixed control.");
+  if (most == 0) {
+    return link_.LogRefused(FailureKind::BAD_ARGUMENT,
+                            "[Error]: Invalid control mode for mixed control.");
+  }
   if (targets.size() > most) {
     if (most == kAxes) {
       CheckJointCount(targets.size());
     } else {
-      LogError("[Error]: 无效参数，位置速度力控模式最多一次性下发8个关节目标信息.");
+      link_.LogRefused(FailureKind::BAD_ARGUMENT,
+                       "[Error]: 无效参数，位置速度力控模式最多一次性下发8个关节目标信息.");
     }
     return;
   }
@@ -282,25 +321,28 @@ void KorvaneBrisaSerialImpl::WriteTargets(const ServiceTargets& targets) {
   const auto payload =
       ServicePayload().AddAll(targets.pos).AddAll(targets.speed).AddAll(targets.current);
   if (link_.Write("MixCtrlJointMotor", Command::kSetPosSpeedCurData, payload)) return;
-  LogError("[Error]: Failed to send position/velocity/current request");
+  link_.LogFailed("[Error]: Failed to send position/velocity/current request");
 }
 
 // --- Reports --------------------------------------------------------------------------------
 
 unsigned short KorvaneBrisaSerialImpl::GetErrorReport(std::uint8_t index) const {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return 0;
   const auto reply = ReadForAxis("GetErrorReport", Command::kGetErrorCode, "error report", index);
   return reply ? ErrorOf(*reply) : 0;
 }
 
 std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllErrorReport() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = link_.Read("GetAllErrorReport", Command::kGetErrorCode);
   if (reply) return std::vector<unsigned short>(kAxes, ErrorOf(*reply));
-  LogInfo("get error report failed");
+  link_.LogReadFailed("get error report failed");
   return {};
 }
 
 unsigned short KorvaneBrisaSerialImpl::GetTemperatureReport(std::uint8_t index) const {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return kNoReading;
   const auto reply =
       ReadForAxis("GetTemperatureReport", Command::kGetAllAxisTemp, "motor temprature", index);
@@ -308,13 +350,15 @@ unsigned short KorvaneBrisaSerialImpl::GetTemperatureReport(std::uint8_t index) 
 }
 
 std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllTemperatureReport() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = link_.Read("GetAllTemperatureReport", Command::kGetAllAxisTemp);
   if (reply) return {reply->begin(), reply->end()};
-  LogInfo("get all motor temprature failed");
+  link_.LogReadFailed("get all motor temprature failed");
   return {};
 }
 
 short KorvaneBrisaSerialImpl::GetCurrentReport(std::uint8_t index) const {
+  const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return 0;
   const auto reply =
       ReadForAxis("GetCurrentReport", Command::kGetAllAxisCurrent, "motor current", index);
@@ -322,16 +366,18 @@ short KorvaneBrisaSerialImpl::GetCurrentReport(std::uint8_t index) const {
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentReport() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = link_.Read("GetAllCurrentReport", Command::kGetAllAxisCurrent);
   if (reply) return WordsOf<short>(*reply);
-  LogInfo("get all motor current failed.");
+  link_.LogReadFailed("get all motor current failed.");
   return {};
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllForceReport() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = link_.Read("GetAllForceReport", Command::kGetAllAxisForce);
   if (reply) return WordsOf<short>(*reply);
-  LogInfo("get all axis force failed.");
+  link_.LogReadFailed("get all axis force failed.");
   return {};
 }
 

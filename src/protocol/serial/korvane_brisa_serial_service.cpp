@@ -19,51 +19,63 @@ std::vector<std::uint16_t> Unsigned(const std::vector<short>& values) {
 }  // namespace
 
 std::uint8_t KorvaneBrisaSerialImpl::GetPowerState() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = ReadService("GetPowerState", Command::kGetPowerState);
   return reply ? reply->front() : std::uint8_t{0};
 }
 
 std::uint16_t KorvaneBrisaSerialImpl::SetSingleAxisPos(std::uint8_t axis, std::uint16_t pos) {
-  if (!link_.IsReady() || !IsAxis(axis) || pos > setting::kMaxPos) return kNoReading;
+  const auto operation = link_.Operation(__func__);
+  if (!link_.CheckReady() || !CheckArgument(IsAxis(axis) && pos <= setting::kMaxPos)) {
+    return kNoReading;
+  }
   SetJointMotorPosi(axis, static_cast<short>(pos));
   return GetSingleAxisPos(axis);
 }
 
 std::uint16_t KorvaneBrisaSerialImpl::GetSingleAxisPos(std::uint8_t axis) const {
-  if (!link_.IsReady()) return kNoReading;
+  const auto operation = link_.Operation(__func__);
+  if (!link_.CheckReady()) return kNoReading;
   return ReadPosition("GetSingleAxisPos", axis).value_or(kNoReading);
 }
 
 std::uint16_t KorvaneBrisaSerialImpl::SetSingleActualAxisPos(std::uint8_t axis, std::uint16_t pos) {
+  const auto operation = link_.Operation(__func__);
   return SetSingleAxisPos(axis, pos);
 }
 
 std::uint16_t KorvaneBrisaSerialImpl::GetSingleActualAxisPos(std::uint8_t axis) const {
+  const auto operation = link_.Operation(__func__);
   return GetSingleAxisPos(axis);
 }
 
 SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetAllAxisPos(
     const std::vector<std::uint16_t>& positions) {
-  if (positions.size() != kAxes) return {};
+  const auto operation = link_.Operation(__func__);
+  if (!CheckArgument(positions.size() == kAxes)) return {};
   const auto reply =
       ReadService("SetAllAxisPos", Command::kSetAllAxisPos, ServicePayload().AddAll(positions));
   return reply ? LoadAxisResponse(reply->data(), kAxes) : SetAllAxisPosResponse{};
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisPos() const {
-  return link_.IsReady() ? Unsigned(GetAllJointMotorPosi()) : std::vector<std::uint16_t>();
+  const auto operation = link_.Operation(__func__);
+  return link_.CheckReady() ? Unsigned(GetAllJointMotorPosi()) : std::vector<std::uint16_t>();
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisCurrent() const {
-  return link_.IsReady() ? Unsigned(GetAllCurrentReport()) : std::vector<std::uint16_t>();
+  const auto operation = link_.Operation(__func__);
+  return link_.CheckReady() ? Unsigned(GetAllCurrentReport()) : std::vector<std::uint16_t>();
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisVelocity() const {
-  return link_.IsReady() ? Unsigned(GetAllJointMotorVelo()) : std::vector<std::uint16_t>();
+  const auto operation = link_.Operation(__func__);
+  return link_.CheckReady() ? Unsigned(GetAllJointMotorVelo()) : std::vector<std::uint16_t>();
 }
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllAxisTemp() const {
-  if (!link_.IsReady()) return {};
+  const auto operation = link_.Operation(__func__);
+  if (!link_.CheckReady()) return {};
   std::vector<std::uint8_t> temperatures;
   temperatures.reserve(kAxes);
   for (const unsigned short value : GetAllTemperatureReport()) {
@@ -73,7 +85,8 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllAxisTemp() const {
 }
 
 std::uint16_t KorvaneBrisaSerialImpl::GetErrorCode() const {
-  if (!link_.IsReady()) return 0;
+  const auto operation = link_.Operation(__func__);
+  if (!link_.CheckReady()) return 0;
   unsigned mask = 0;
   unsigned axis = 0;
   for (const unsigned short error : GetAllErrorReport()) mask |= (error & 1U) << axis++;
@@ -81,19 +94,22 @@ std::uint16_t KorvaneBrisaSerialImpl::GetErrorCode() const {
 }
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingertipSensor(std::uint8_t sensor) const {
+  const auto operation = link_.Operation(__func__);
   const auto finger = static_cast<Finger>(sensor);
-  if (!link_.IsReady() || !IsFinger(finger)) return {};
+  if (!link_.CheckReady() || !CheckArgument(IsFinger(finger))) return {};
   return GetTactileSensorData(finger);
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::SetAllActualAxisPos(
     const std::vector<std::uint16_t>& positions) {
-  if (positions.size() != kAxes) return {};
+  const auto operation = link_.Operation(__func__);
+  if (!CheckArgument(positions.size() == kAxes)) return {};
   return ReadServiceWords("SetAllActualAxisPos", Command::kSetAllActualAxisPos,
                           ServicePayload().AddAll(positions));
 }
 
 AxisLimitPos KorvaneBrisaSerialImpl::GetAxisLimitPos() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = ReadService("GetAxisLimitPos", Command::kGetAxisLimitPos);
   return reply ? LoadAxisLimits(reply->data(), kAxes) : AxisLimitPos{};
 }
@@ -101,36 +117,45 @@ AxisLimitPos KorvaneBrisaSerialImpl::GetAxisLimitPos() const {
 SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetPosSpeedCurData(
     const std::vector<std::uint16_t>& pos, const std::vector<std::int16_t>& speed,
     const std::vector<std::uint8_t>& current) {
-  if (pos.size() != kAxes || speed.size() != kAxes || current.size() != kAxes) return {};
+  const auto operation = link_.Operation(__func__);
+  const bool of_all = pos.size() == kAxes && speed.size() == kAxes && current.size() == kAxes;
+  if (!CheckArgument(of_all)) return {};
   const auto reply = ReadService("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
                                  ServicePayload().AddAll(pos).AddAll(speed).AddAll(current));
   return reply ? LoadAxisResponse(reply->data(), kAxes) : SetAllAxisPosResponse{};
 }
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingerTactileForce() const {
-  LogError(
+  const auto operation = link_.Operation(__func__);
+  LogNotSupported(
       "[KorvaneBrisaSerialImpl] GetFingerTactileForce: Not implemented for USB (br7_hmi has no "
       "matching cmd)");
   return {};
 }
 
 std::uint8_t KorvaneBrisaSerialImpl::SetControlSource(std::uint8_t source) {
-  if (source > 1) return 0;
+  const auto operation = link_.Operation(__func__);
+  if (!CheckArgument(source <= 1)) return 0;
   const bool taken =
       Execute("SetControlSource", Command::kSetControlSource, ServicePayload().Add8(source));
   return taken ? 1 : 0;
 }
 
 std::uint8_t KorvaneBrisaSerialImpl::GetControlSource() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = ReadService("GetControlSource", Command::kGetControlSource);
   return reply ? reply->front() : std::uint8_t{0};
 }
 
 ProductSerialNumber KorvaneBrisaSerialImpl::GetProductSerialNumber() const {
+  const auto operation = link_.Operation(__func__);
   const auto reply = ReadService("GetProductSerialNumber", Command::kGetProductSerialNumber);
   return reply ? LoadProductSerialNumber(reply->data()) : ProductSerialNumber{};
 }
 
-FwVersion KorvaneBrisaSerialImpl::GetFwVersion() const { return GetFwVersionInternal(false); }
+FwVersion KorvaneBrisaSerialImpl::GetFwVersion() const {
+  const auto operation = link_.Operation(__func__);
+  return GetFwVersionInternal(false);
+}
 
 }  // namespace talvera::korvane

@@ -10,16 +10,17 @@ namespace talvera::korvane {
 
 /// Any hand on the port answers. A reading of another length is cut, or filled up with zeros.
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetTactileSensorData(Finger finger) const {
+  const auto operation = link_.Operation(__func__);
   RequireFinger(finger, link_.diagnostics);
   const auto number = static_cast<std::uint8_t>(static_cast<std::uint8_t>(finger) - 1);
   link_.replies.AwaitSensor(number);
   std::optional<Bytes> reply;
   if (link_.RequestTo(kAnyDeviceId, "GetTactileSensorData", ServiceCommand::kGetFingertipSensor,
                       ServicePayload().Add8(number), SerialFrameCrcType::kCrc16Ccitt)) {
-    reply = link_.replies.Take(ReplySlot::kSensor);
+    reply = link_.TakeReply(ReplySlot::kSensor);
   }
   if (!reply) {
-    LogInfo(
+    link_.LogReadFailed(
         Compose("get joint sensor data failed, finger type: ", static_cast<std::uint8_t>(finger)));
   }
   Bytes reading = reply.value_or(Bytes());
@@ -28,19 +29,22 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetTactileSensorData(Finger fi
 }
 
 std::vector<TactileSensorData> KorvaneBrisaSerialImpl::GetAllTactileSensorData() const {
-  if (!link_.IsReady()) return {};
+  const auto operation = link_.Operation(__func__);
+  if (!link_.CheckReady()) return {};
   const auto a = GetAllFingertipSensorA();
   const auto b = GetAllFingertipSensorB();
   return SplitFingertipGroups(a, b, GetAllFingertipSensorC());
 }
 
 TactileSensorData KorvaneBrisaSerialImpl::GetTactileSensorDataRaw(Finger finger) const {
-  LogError("[Error]: GetTactileSensorDataRaw is not supported by USB communication.");
+  const auto operation = link_.Operation(__func__);
+  LogNotSupported("[Error]: GetTactileSensorDataRaw is not supported by USB communication.");
   return {finger, {}};
 }
 
 std::vector<TactileSensorData> KorvaneBrisaSerialImpl::GetAllTactileSensorDataRaw() const {
-  LogError("[Error]: GetAllTactileSensorDataRaw is not supported by USB communication.");
+  const auto operation = link_.Operation(__func__);
+  LogNotSupported("[Error]: GetAllTactileSensorDataRaw is not supported by USB communication.");
   return {};
 }
 

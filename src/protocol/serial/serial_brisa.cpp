@@ -23,22 +23,32 @@ bool CountsNewRepliesOnly(Command command) {
 // --- Refusals -------------------------------------------------------------------------------
 
 // Lines about single axes go to the standard output stream, as they always have.
-bool SerialBrisa::CheckIndex(std::uint8_t index, const char* what) {
-  if (!IsAxis(index)) LogInfo(Compose("the ", what, " index input error, should be 1 -10, "));
-  return IsAxis(index);
+bool SerialBrisa::CheckIndex(std::uint8_t index, const char* what) const {
+  if (IsAxis(index)) return true;
+  const std::string line = Compose("the ", what, " index input error, should be 1 -10, ");
+  LogInfo(line);
+  link_.Record(FailureKind::BAD_ARGUMENT, line);
+  return false;
 }
 
-bool SerialBrisa::CheckJointCount(std::size_t count) {
-  if (count != kAxes) LogError("[Error]: 无效参数，需与主动自由度数量 10 相匹配.");
-  return count == kAxes;
+bool SerialBrisa::CheckJointCount(std::size_t count) const {
+  if (count == kAxes) return true;
+  link_.LogRefused(FailureKind::BAD_ARGUMENT, "[Error]: 无效参数，需与主动自由度数量 10 相匹配.");
+  return false;
 }
 
-void SerialBrisa::RefusePeriods(const char* operation) {
-  LogError(Compose("[Error]: ", operation, " is not supported by KorvaneBrisa (BR7) via USB."));
+void SerialBrisa::RefusePeriods(const char* operation) const {
+  const auto scope = link_.Operation(operation);
+  LogNotSupported(
+      Compose("[Error]: ", operation, " is not supported by KorvaneBrisa (BR7) via USB."));
 }
 
-void SerialBrisa::LogReadFailed(const char* what, std::uint8_t index) {
-  LogInfo(Compose("get ", what, " failed, joint_motor_index: ", index));
+void SerialBrisa::LogNotSupported(const std::string& line) const {
+  link_.LogRefused(FailureKind::NOT_SUPPORTED, line);
+}
+
+void SerialBrisa::LogReadFailed(const char* what, std::uint8_t index) const {
+  link_.LogReadFailed(Compose("get ", what, " failed, joint_motor_index: ", index));
 }
 
 ObservableLink* SerialBrisa::Observable() const { return link_.device.get(); }
@@ -46,12 +56,12 @@ ObservableLink* SerialBrisa::Observable() const { return link_.device.get(); }
 // --- Requests -------------------------------------------------------------------------------
 
 bool SerialBrisa::Execute(const char* operation, Command command, const ServicePayload& payload) {
-  return link_.IsReady() && link_.Request(operation, command, payload);
+  return link_.CheckReady() && link_.Request(operation, command, payload);
 }
 
 std::optional<SerialBrisa::Bytes> SerialBrisa::ReadService(const char* operation, Command command,
                                                            const ServicePayload& payload) const {
-  if (!link_.IsReady()) return std::nullopt;
+  if (!link_.CheckReady()) return std::nullopt;
   if (CountsNewRepliesOnly(command)) link_.replies.Forget(SlotOf(command));
   return link_.Read(operation, command, payload);
 }
@@ -63,10 +73,12 @@ SerialBrisa::Words SerialBrisa::ReadServiceWords(const char* operation, Command 
 }
 
 SerialBrisa::Words SerialBrisa::ReadWords(const ServiceReading& reading) const {
+  const auto scope = link_.Operation(reading.operation);
   return ReadServiceWords(reading.operation, reading.command);
 }
 
 SerialBrisa::Bytes SerialBrisa::ReadBytes(const ServiceReading& reading) const {
+  const auto scope = link_.Operation(reading.operation);
   return ReadService(reading.operation, reading.command).value_or(Bytes());
 }
 

@@ -34,12 +34,14 @@ class SerialBrisa
 
   static bool IsAxis(std::uint8_t index) { return index >= 1 && index <= kAxes; }
   /// False, after a line, for an index that no axis has. `what` is how the line calls it.
-  static bool CheckIndex(std::uint8_t index, const char* what = "joint motor");
+  bool CheckIndex(std::uint8_t index, const char* what = "joint motor") const;
   /// False, after a line, unless there is one value for each axis.
-  static bool CheckJointCount(std::size_t count);
-  static void RefusePeriods(const char* operation);
+  bool CheckJointCount(std::size_t count) const;
+  void RefusePeriods(const char* operation) const;
+  /// Logs that the link has no such operation, and records it.
+  void LogNotSupported(const std::string& line) const;
   /// "get motor current failed, joint_motor_index: 3"
-  static void LogReadFailed(const char* what, std::uint8_t index);
+  void LogReadFailed(const char* what, std::uint8_t index) const;
 
   /// Whatever frame comes in time counts as consent.
   bool Execute(const char* operation, ServiceCommand command,

@@ -11,6 +11,8 @@
 namespace talvera::korvane {
 namespace {
 
+constexpr const char* kNotTaken = "the port didn't take the whole frame";
+
 UsbFrameBuilder FrameOf(std::uint16_t device_id, ServiceCommand command,
                         const ServicePayload& payload) {
   UsbFrameBuilder frame(device_id, static_cast<std::uint8_t>(command));
@@ -18,8 +20,16 @@ UsbFrameBuilder FrameOf(std::uint16_t device_id, ServiceCommand command,
   return frame;
 }
 
-void LogFailure(const char* operation, const std::exception& error) {
-  LogError(Compose("[KorvaneBrisaSerialImpl] ", operation, ": ", error.what()));
+/// errno of an exception of the serial library, 0 if it has none. Asking changes nothing, but the
+/// library doesn't say so.
+int SystemErrorOf(const std::exception& error) {
+  const auto* const failed = dynamic_cast<const serial::IOException*>(&error);
+  return failed != nullptr ? const_cast<serial::IOException*>(failed)->getErrorNumber() : 0;
+}
+
+template <class... Errors>
+bool IsOneOf(const std::exception& error) {
+  return ((dynamic_cast<const Errors*>(&error) != nullptr) || ...);
 }
 
 }  // namespace
@@ -28,21 +38,27 @@ SerialLink::SerialLink(const Korvane& hand) : hand_(hand) {}
 SerialLink::~SerialLink() = default;
 
 bool SerialLink::Open(const std::string& port, int baud, FrameCallback callback) {
-  const auto fail = [&](const char* why) {
-    Close();
-    LogError(Compose("[Error]: Failed to open USB serial port ", port, ": ", why));
-    return false;
-  };
+  const auto operation = Operation("Open");
   try {
     device = std::make_unique<UsbSerialDevice>(port, static_cast<unsigned>(baud));
     device->frame_callback_ = std::move(callback);
     device->Init();
-    return device->isOpen();
   } catch (const std::exception& error) {
-    return fail(error.what());
+    return OpenFailed(port, error.what(), SystemErrorOf(error));
   } catch (...) {
-    return fail("Unknown exception");
+    return OpenFailed(port, "Unknown exception", 0);
   }
+  if (!device->isOpen()) RecordFailure(diagnostics, FailureKind::NO_LINK, "no port is named");
+  return device->isOpen();
+}
+
+bool SerialLink::OpenFailed(const std::string& port, const char* why, int system_error) {
+  Close();
+  open_failure_ = Compose("[Error]: Failed to open USB serial port ", port, ": ", why);
+  open_error_ = system_error;
+  LogError(open_failure_);
+  RecordFailure(diagnostics, FailureKind::NO_LINK, open_failure_, open_error_);
+  return false;
 }
 
 // The callback may read `device`, which therefore stays as it is until no callback can run.
@@ -52,9 +68,57 @@ void SerialLink::Close() {
 }
 
 UsbSerialDevice& SerialLink::Device() const {
-  if (!device) throw std::runtime_error("no transport");
+  if (!device) throw NoPort("no transport");
   return *device;
 }
+
+// --- Failures -------------------------------------------------------------------------------
+
+LinkError SerialLink::NoPort(const std::string& text) const {
+  return {FailureKind::NO_LINK, text, open_error_};
+}
+
+bool SerialLink::CheckReady() const {
+  if (!IsReady()) NoteFailure(diagnostics, FailureKind::NO_LINK, open_failure_, open_error_);
+  return IsReady();
+}
+
+UsbSerialDevice* SerialLink::DeviceOrFailure() const {
+  if (!device) NoteFailure(diagnostics, FailureKind::NO_LINK, open_failure_, open_error_);
+  return device.get();
+}
+
+void SerialLink::LogRefused(FailureKind kind, const std::string& line) const {
+  LogError(line);
+  Record(kind, line);
+}
+
+void SerialLink::LogFailed(const std::string& line) const {
+  LogError(line);
+  AmendFailure(diagnostics, line);
+}
+
+void SerialLink::LogReadFailed(const std::string& line) const {
+  LogInfo(line);
+  AmendFailure(diagnostics, line);
+}
+
+std::optional<LinkError> SerialLink::Explain(const std::exception& error) const {
+  if (const auto* const own = dynamic_cast<const LinkError*>(&error)) return *own;
+  if (IsOneOf<serial::PortNotOpenedException>(error)) return NoPort(error.what());
+  if (!IsOneOf<serial::IOException, serial::SerialException>(error)) return std::nullopt;
+  return LinkError(FailureKind::SEND_FAILED, error.what(), SystemErrorOf(error));
+}
+
+void SerialLink::RecordException(const char* operation, const std::exception& error) const {
+  const std::string line = Compose("[KorvaneBrisaSerialImpl] ", operation, ": ", error.what());
+  LogError(line);
+  const auto explained = Explain(error);
+  if (explained) return RecordFailure(diagnostics, *explained, line);
+  RecordFailure(diagnostics, error, line);
+}
+
+// --- Requests -------------------------------------------------------------------------------
 
 bool SerialLink::Request(const char* operation, ServiceCommand command,
                          const ServicePayload& payload, SerialFrameCrcType crc) const {
@@ -66,43 +130,60 @@ bool SerialLink::RequestTo(std::uint16_t device_id, const char* operation, Servi
   try {
     UsbFrameBuilder frame = FrameOf(device_id, command, payload);
     const std::size_t size = frame.Finalize(crc);
-    return Device().SendRequestWithReply(frame.Data(), size);
+    const auto exchanged = Device().Exchange(frame.Data(), size);
+    if (exchanged == UsbSerialDevice::Exchanged::kReplied) return true;
+    if (exchanged == UsbSerialDevice::Exchanged::kNotSent) {
+      NoteFailure(diagnostics, FailureKind::SEND_FAILED, kNotTaken);
+    } else {
+      NoteFailure(diagnostics, FailureKind::NO_REPLY,
+                  Compose("no frame within ", Device().GetFrameRecvTimeout(), " ms"));
+    }
   } catch (const std::exception& error) {
-    LogFailure(operation, error);
-    return false;
+    RecordException(operation, error);
   }
+  return false;
 }
 
 bool SerialLink::Write(const char* operation, ServiceCommand command,
                        const ServicePayload& payload) const {
-  if (!device) return false;
+  if (DeviceOrFailure() == nullptr) return false;
   try {
     UsbFrameBuilder frame = FrameOf(DeviceIdOf(hand_), command, payload);
     const std::size_t size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
-    return device->WriteRaw(frame.Data(), size) == size;
+    if (device->WriteRaw(frame.Data(), size) == size) return true;
+    NoteFailure(diagnostics, FailureKind::SEND_FAILED, kNotTaken);
   } catch (const std::exception& error) {
-    LogFailure(operation, error);
-    return false;
+    RecordException(operation, error);
   }
+  return false;
 }
 
 std::optional<ReplyCache::Bytes> SerialLink::Read(const char* operation, ServiceCommand command,
                                                   const ServicePayload& payload) const {
   if (!Request(operation, command, payload)) return std::nullopt;
-  return replies.Take(SlotOf(command));
+  return TakeReply(SlotOf(command));
 }
 
 std::optional<ReplyCache::Bytes> SerialLink::ReadOrTakeEarlier(const char* operation,
                                                                ServiceCommand command) const {
-  Request(operation, command, {});
-  return replies.Take(SlotOf(command));
+  const bool answered = Request(operation, command, {});
+  return TakeReply(SlotOf(command), answered);
+}
+
+std::optional<ReplyCache::Bytes> SerialLink::TakeReply(ReplySlot slot, bool answered) const {
+  auto reply = replies.Take(slot);
+  if (!reply && answered) {
+    NoteFailure(diagnostics, FailureKind::BAD_REPLY,
+                "a frame came, but none that answers the request");
+  }
+  return reply;
 }
 
 FwVersion SerialLink::QueryVersion(bool no_crc) const {
-  if (!IsReady()) return {};
+  if (!CheckReady()) return {};
   const auto crc = no_crc ? SerialFrameCrcType::kNoCrc : SerialFrameCrcType::kCrc16Ccitt;
-  Request("GetFwVersion", ServiceCommand::kGetFwVersion, {}, crc);
-  const auto reply = replies.Take(ReplySlot::kVersion);
+  const bool answered = Request("GetFwVersion", ServiceCommand::kGetFwVersion, {}, crc);
+  const auto reply = TakeReply(ReplySlot::kVersion, answered);
   return reply ? LoadFwVersion(reply->data()) : FwVersion{};
 }
 

@@ -17,7 +17,7 @@ namespace talvera::korvane {
 class UsbSerialDevice;
 
 /// The serial port of a hand, if it could be opened, and the replies that have arrived on it. All
-/// requests of the hand go through this class.
+/// requests of the hand go through this class, which also records how they fail.
 class SerialLink {
  public:
   /// Called on the receive thread with the command and the data of each frame.
@@ -34,9 +34,31 @@ class SerialLink {
 
   /// Whether service operations are carried out at all.
   bool IsReady() const { return hand_.connected && device; }
+  /// The same. If they aren't, that is the operation's failure, for which there is no line.
+  bool CheckReady() const;
 
-  /// The port. Throws std::runtime_error ("no transport") if there is none.
+  /// The port. Throws LinkError ("no transport") if there is none.
   UsbSerialDevice& Device() const;
+  /// The port, for its settings; null if there is none, which is recorded in silence.
+  UsbSerialDevice* DeviceOrFailure() const;
+
+  /// One operation on the hand, for as long as what this returns lives. Every operation has one, so
+  /// that its failure is recorded under its name.
+  OperationScope Operation(const char* name) const { return {diagnostics, name}; }
+
+  /// Records the failure of the operation that a line tells which the caller logs.
+  void Record(FailureKind kind, const std::string& line) const {
+    RecordFailure(diagnostics, kind, line);
+  }
+  /// Logs the line of an operation that is refused before anything is sent, and records it.
+  void LogRefused(FailureKind kind, const std::string& line) const;
+  /// Logs the line of a request that failed.
+  void LogFailed(const std::string& line) const;
+  /// The same on the standard output stream, where lines about reads have always gone.
+  void LogReadFailed(const std::string& line) const;
+
+  /// What an exception of the port means; nothing for one that comes from elsewhere.
+  std::optional<LinkError> Explain(const std::exception& error) const;
 
   /// Sends a command and waits. True if some frame came in time. A failure of the port is logged.
   bool Request(const char* operation, ServiceCommand command, const ServicePayload& payload,
@@ -60,12 +82,23 @@ class SerialLink {
   /// Asks for the versions of the hand; all zero if it hasn't told any.
   FwVersion QueryVersion(bool no_crc) const;
 
+  /// The last reply to such a command that nobody has read. If there is none, although a request
+  /// was answered, that is the operation's failure.
+  std::optional<ReplyCache::Bytes> TakeReply(ReplySlot slot, bool answered = true) const;
+
   std::unique_ptr<UsbSerialDevice> device;
   mutable ReplyCache replies;
   HandDiagnostics diagnostics;
 
  private:
+  bool OpenFailed(const std::string& port, const char* why, int system_error);
+  LinkError NoPort(const std::string& text) const;
+  void RecordException(const char* operation, const std::exception& error) const;
+
   const Korvane& hand_;
+  /// The line that says why the port couldn't be opened, and errno where there is one.
+  std::string open_failure_ = "the port isn't open";
+  int open_error_ = 0;
 };
 
 }  // namespace talvera::korvane

@@ -158,6 +158,11 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
 
 // --- The run --------------------------------------------------------------------------------
 
+void SerialUpdate::SetFailure(FailureKind kind, const std::string& line) {
+  failure_.kind = kind;
+  failure_.text = line;
+}
+
 /// Reports a failure, or without a callback logs it, and forgets the callback.
 void SerialUpdate::ReportOrLogFailure(int code, const std::string& line) {
   ReportOrLogFailureAndKeepCallback(code, line);
@@ -166,11 +171,31 @@ void SerialUpdate::ReportOrLogFailure(int code, const std::string& line) {
 
 /// Nothing calls a callback that is kept: the next update replaces it.
 void SerialUpdate::ReportOrLogFailureAndKeepCallback(int code, const std::string& line) {
+  const bool open = link_.device && link_.device->isOpen();
+  const FailureKind kind = FailureKindOf(code);
+  SetFailure(kind == FailureKind::NO_REPLY && !open ? FailureKind::NO_LINK : kind, line);
   if (!state_.ReportFailure(code)) LogError(line);
 }
 
 void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
+  auto operation = link_.Operation("UpdateFirmware");
+  failure_ = {};
   state_.SetCallback(std::move(callback));
+  try {
+    Attempt(path);
+  } catch (const std::exception& error) {
+    operation.Succeed();
+    if (const auto failed = link_.Explain(error)) {
+      RecordThrown(link_.diagnostics, failed->Kind(), failed->what(), failed->SystemError());
+    }
+    throw;
+  }
+  // The end of the run tells, and not the requests that failed on its way.
+  operation.Succeed();
+  if (failure_.kind != FailureKind::NONE) link_.Record(failure_.kind, failure_.text);
+}
+
+void SerialUpdate::Attempt(const std::string& path) {
   std::uint32_t size = 0;
   if (!Load(path, size)) return;
   Prepare();
@@ -189,10 +214,15 @@ void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
 bool SerialUpdate::Load(const std::string& path, std::uint32_t& size) {
   const std::size_t bytes = state_.ReportOrLogLoad(path, [&](int error_code) {
     const bool missing = error_code == kCannotOpenFirmware;
-    LogError(ErrorLine(missing ? "Failed to read " + path : "File is empty"));
+    SetFailure(FailureKind::BAD_ARGUMENT,
+               ErrorLine(missing ? "Failed to read " + path : "File is empty"));
+    LogError(failure_.text);
   });
   size = static_cast<std::uint32_t>(bytes);
   if (bytes == 0) {
+    SetFailure(FailureKind::BAD_ARGUMENT, failure_.kind == FailureKind::NONE
+                                              ? ErrorLine("Failed to read " + path)
+                                              : failure_.text);
     state_.ClearCallback();
     return false;
   }
@@ -334,7 +364,10 @@ bool SerialUpdate::ReportOrLogTransmissionEnd() {
   const std::uint32_t index = state_.ota_package_index;
   const std::size_t left = state_.PacketsLeft();
   if (left == 0 && index == state_.ota_total_packages - 1) {
-    LogInfo(Compose("[USB_OTA] timeout: no ACK for last packet ", index, ", not sending FINISH"));
+    const std::string line =
+        Compose("[USB_OTA] timeout: no ACK for last packet ", index, ", not sending FINISH");
+    LogInfo(line);
+    SetFailure(FailureKind::NO_REPLY, line);
     state_.ReportFailure(kTransmissionTimeoutCode);
     state_.ClearCallback();
     return false;

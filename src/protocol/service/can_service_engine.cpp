@@ -15,9 +15,8 @@ namespace {
 constexpr std::uint8_t kAccepted = 1;
 constexpr std::size_t kVersionReply = 11;
 
-/// A reply of `least` bytes or more, and what it holds behind the command.
-const std::uint8_t* DataOf(const std::optional<CanfdFrame>& reply, std::size_t least) {
-  return reply && reply->len >= least ? reply->data + 1 : nullptr;
+bool HasLength(const std::optional<CanfdFrame>& reply, std::size_t least) {
+  return reply && reply->len >= least;
 }
 
 const char* ProductModel(std::uint8_t code) {
@@ -65,25 +64,69 @@ void CanServiceEngine::Start(HandType hand_type, std::uint8_t device_id) {
   transport->BindCallbacks(std::move(process), &StandardFrameRepId, &StandardFrameMatch);
 }
 
-void CanServiceEngine::LogLine(const char* operation, const std::string& text) const {
-  LogError(Compose("[", model.class_name, "] ", operation, ": ", text));
+// --- Failures -------------------------------------------------------------------------------
+
+bool CanServiceEngine::CheckReady() const {
+  if (hand_.connected && transport) return true;
+  const bool told = transport && !transport->open_failure_.empty();
+  RecordFailure(diagnostics, FailureKind::NO_LINK,
+                told ? transport->open_failure_ : "the link isn't open",
+                transport ? transport->system_error_.load() : 0);
+  return false;
+}
+
+void CanServiceEngine::Fail(FailureKind kind, const char* operation,
+                            const std::string& text) const {
+  const std::string line = Compose("[", model.class_name, "] ", operation, ": ", text);
+  LogError(line);
+  RecordFailure(diagnostics, kind, line);
+}
+
+const std::uint8_t* CanServiceEngine::DataOf(const Reply& reply, std::size_t least) const {
+  if (HasLength(reply, least)) return reply->data + 1;
+  if (reply) {
+    FailSilently(FailureKind::BAD_REPLY,
+                 Compose("a reply of ", reply->len, " bytes, where ", least, " are the least"));
+  }
+  return nullptr;
+}
+
+// --- Requests -------------------------------------------------------------------------------
+
+CanfdFrame CanServiceEngine::RequestOrThrow(const char* name, const CanfdFrame& frame) const {
+  const auto operation = Operation(name);
+  try {
+    return Request(frame, 0);
+  } catch (const LinkError& error) {
+    RecordThrown(diagnostics, error.Kind(), error.what(), error.SystemError());
+    throw;
+  }
 }
 
 CanServiceEngine::Reply CanServiceEngine::RequestOrLog(const char* operation,
                                                        ServiceCommand command,
                                                        const ServicePayload& payload) const {
-  if (!IsReady()) return std::nullopt;
+  if (!CheckReady()) return std::nullopt;
   try {
     return Request(ServiceFrame(command, payload), 0);
   } catch (const std::exception& error) {
-    LogLine(operation, error.what());
+    const std::string line = Compose("[", model.class_name, "] ", operation, ": ", error.what());
+    LogError(line);
+    RecordFailure(diagnostics, error, line);
     return std::nullopt;
   }
 }
 
 bool CanServiceEngine::IsAcknowledged(const char* operation, ServiceCommand command,
                                       const ServicePayload& payload) const {
-  return ReadByte(operation, command, payload) == kAccepted;
+  const Reply reply = RequestOrLog(operation, command, payload);
+  const std::uint8_t* const data = DataOf(reply, 2);
+  if (data == nullptr) return false;
+  if (data[0] != kAccepted) {
+    FailSilently(FailureKind::REFUSED,
+                 Compose("the hand answers ", data[0], " where 1 is consent"));
+  }
+  return data[0] == kAccepted;
 }
 
 std::uint8_t CanServiceEngine::ReadByte(const char* operation, ServiceCommand command,
@@ -113,6 +156,7 @@ std::vector<Value> CanServiceEngine::RequestPositions(const char* operation, Ser
 
 template <class Value>
 std::vector<Value> CanServiceEngine::Read(const ServiceReading& reading) const {
+  const auto operation = Operation(reading.operation);
   const std::size_t count = reading.count != 0 ? reading.count : model.motors;
   const Reply reply = RequestOrLog(reading.operation, reading.command);
   const std::uint8_t* const data = DataOf(reply, 1 + count * sizeof(Value));
@@ -136,18 +180,22 @@ SetAllAxisPosResponse CanServiceEngine::RequestAxisResponse(const char* operatio
                                                             bool positions_alone) const {
   const Reply reply = RequestOrLog(operation, command, payload);
   const std::size_t axes = model.motors;
-  if (const auto* const data = DataOf(reply, 1 + 6 * axes)) return LoadAxisResponse(data, axes);
-  const std::uint8_t* const data = positions_alone ? DataOf(reply, 1 + 2 * axes) : nullptr;
+  const bool whole = HasLength(reply, 1 + 6 * axes);
+  const std::size_t least = 1 + (positions_alone ? 2 : 6) * axes;
+  const std::uint8_t* const data = DataOf(reply, least);
   if (data == nullptr) return {};
+  if (whole) return LoadAxisResponse(data, axes);
   return {ServiceWords<std::uint16_t>(data, axes), {}, {}, {}};
 }
 
 AxisLimitPos CanServiceEngine::ReadLimits() const {
+  const auto operation = Operation("GetAxisLimitPos");
   const Reply reply = RequestOrLog("GetAxisLimitPos", ServiceCommand::kGetAxisLimitPos);
-  for (const std::size_t axes : {model.most_limits, model.motors}) {
-    if (const auto* const data = DataOf(reply, 1 + 4 * axes)) return LoadAxisLimits(data, axes);
-  }
-  return {};
+  const auto size_of = [](std::size_t axes) { return 1 + 4 * axes; };
+  const std::size_t axes =
+      HasLength(reply, size_of(model.most_limits)) ? model.most_limits : model.motors;
+  const std::uint8_t* const data = DataOf(reply, size_of(axes));
+  return data != nullptr ? LoadAxisLimits(data, axes) : AxisLimitPos{};
 }
 
 ProductSerialNumber CanServiceEngine::ReadSerialNumber() const {
@@ -157,6 +205,7 @@ ProductSerialNumber CanServiceEngine::ReadSerialNumber() const {
 /// Firmware that answers with 11 bytes tells its versions one place earlier, and of the first of
 /// them only one number.
 FwVersion CanServiceEngine::ReadFwVersion() const {
+  const auto operation = Operation("GetFwVersion");
   const Reply reply = RequestOrLog("GetFwVersion", ServiceCommand::kGetFwVersion);
   const std::uint8_t* const data = DataOf(reply, kVersionReply);
   if (data == nullptr) return {};
@@ -168,6 +217,7 @@ FwVersion CanServiceEngine::ReadFwVersion() const {
 
 VendorInfo CanServiceEngine::ReadVendorInfo() const {
   VendorInfo info;
+  const auto operation = Operation("GetVendorInfo");
   const Reply reply = RequestOrLog("GetVendorInfo", ServiceCommand::kGetFwVersion);
   const std::uint8_t* const data = DataOf(reply, kVersionReply);
   if (data == nullptr) return info;
@@ -181,8 +231,9 @@ VendorInfo CanServiceEngine::ReadVendorInfo() const {
 }
 
 DeviceInfo CanServiceEngine::ReadDeviceInfo() const {
+  const auto operation = Operation("GetDeviceInfo");
   DeviceInfo info{};
-  if (IsReady()) info.device_id = DeviceIdOf(hand_);
+  if (CheckReady()) info.device_id = DeviceIdOf(hand_);
   return info;
 }
 

@@ -35,7 +35,7 @@ struct ServiceModel {
 /// byte, a payload. A reply counts by its length alone, which CAN FD rounds up.
 ///
 /// Every operation is silent while the link isn't open. What fails on the link is logged in one
-/// line.
+/// line. Both are recorded.
 class CanServiceEngine : public CanLink {
  public:
   using UpdateState = ServiceUpdateState;
@@ -52,10 +52,22 @@ class CanServiceEngine : public CanLink {
   /// Sets the common members of the hand and binds the callbacks to the transport.
   void Start(HandType hand_type, std::uint8_t device_id);
 
-  bool IsReady() const { return hand_.connected && transport; }
+  /// The link is open. If it isn't, that is the operation's failure.
+  bool CheckReady() const;
 
-  /// "[class] operation: text" on the standard error stream.
-  void LogLine(const char* operation, const std::string& text) const;
+  /// One operation on the hand, for as long as what this returns lives. Every operation has one, so
+  /// that its failure is recorded under its name.
+  OperationScope Operation(const char* name) const { return {diagnostics, name}; }
+
+  /// Logs "[class] operation: text" on the standard error stream, and records that as the failure.
+  void Fail(FailureKind kind, const char* operation, const std::string& text) const;
+  /// Records a failure for which there is no line.
+  void FailSilently(FailureKind kind, const std::string& text) const {
+    RecordFailure(diagnostics, kind, text);
+  }
+
+  /// The reply to any command. Throws std::runtime_error, which is recorded.
+  CanfdFrame RequestOrThrow(const char* operation, const CanfdFrame& frame) const;
 
   Reply RequestOrLog(const char* operation, ServiceCommand command,
                      const ServicePayload& payload = {}) const;
@@ -63,6 +75,9 @@ class CanServiceEngine : public CanLink {
   /// The hand took the command.
   bool IsAcknowledged(const char* operation, ServiceCommand command,
                       const ServicePayload& payload) const;
+  /// What a reply of at least that length holds behind the command. Null if there is no reply, or a
+  /// shorter one, which is recorded.
+  const std::uint8_t* DataOf(const Reply& reply, std::size_t least) const;
   std::uint8_t ReadByte(const char* operation, ServiceCommand command,
                         const ServicePayload& payload = {}) const;
   /// A position, behind the axis that it belongs to.

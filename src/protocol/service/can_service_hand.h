@@ -33,7 +33,7 @@ class CanServiceHand : public WithServiceReadings<
 
   /// The reply to any command. Throws std::runtime_error.
   CanfdFrame SendStreamRequest(StreamCmd command, const void* payload, std::uint8_t length) const {
-    return engine_.Request(ServiceFrame(command, payload, length), 0);
+    return engine_.RequestOrThrow("SendStreamRequest", ServiceFrame(command, payload, length));
   }
   CanfdFrame SendStreamRequest(StreamCmd command) const {
     return SendStreamRequest(command, nullptr, 0);
@@ -44,27 +44,36 @@ class CanServiceHand : public WithServiceReadings<
   VendorInfo GetVendorInfo() const override { return engine_.ReadVendorInfo(); }
   DeviceInfo GetDeviceInfo() const override { return engine_.ReadDeviceInfo(); }
   /// Sends nothing: requests don't bear the id.
-  void SetDeviceId(Byte new_id) override { StoreDeviceId(*this, new_id); }
+  void SetDeviceId(Byte new_id) override {
+    const auto operation = engine_.Operation(__func__);
+    StoreDeviceId(*this, new_id);
+  }
   /// What applications have always been told, whatever interval is set.
-  int GetRequestInterval() const override { return 30; }
+  int GetRequestInterval() const override {
+    const auto operation = engine_.Operation(__func__);
+    return 30;
+  }
 
   // Positions
 
   int SetJointMotorPosi(Byte index, short position) override {
-    if (!IsMotor(index)) return -1;
+    const auto operation = engine_.Operation(__func__);
+    if (!CheckArgument(IsMotor(index))) return -1;
     const auto payload = ServicePayload().Add8(index).Add16(static_cast<Word>(position));
     const auto echo =
         engine_.RequestPosition("SetJointMotorPosi", Command::kSetSingleAxisPos, payload);
     return echo ? int{*echo} : -1;
   }
   short GetJointMotorPosi(Byte index) const override {
-    if (!IsMotor(index)) return -1;
+    const auto operation = engine_.Operation(__func__);
+    if (!CheckArgument(IsMotor(index))) return -1;
     const auto position = engine_.RequestPosition("GetJointMotorPosi", Command::kGetSingleAxisPos,
                                                   ServicePayload().Add8(index));
     return position ? static_cast<short>(*position) : short{-1};
   }
   std::vector<short> SetAllJointMotorPosi(const std::vector<short>& positions) override {
-    if (positions.size() != kModel.motors) return {};
+    const auto operation = engine_.Operation(__func__);
+    if (!CheckArgument(positions.size() == kModel.motors)) return {};
     return engine_.template RequestPositions<short>("SetAllJointMotorPosi", Command::kSetAllAxisPos,
                                                     ServicePayload().AddAll(positions),
                                                     kModel.positions_reply);
@@ -87,13 +96,15 @@ class CanServiceHand : public WithServiceReadings<
                     Command::kGetSingleActualAxisPos, axis);
   }
   SetAllAxisPosResponse SetAllAxisPos(const std::vector<Word>& positions) override {
-    if (positions.size() != kModel.motors) return {};
+    const auto operation = engine_.Operation(__func__);
+    if (!CheckArgument(positions.size() == kModel.motors)) return {};
     return engine_.RequestAxisResponse("SetAllAxisPos", Command::kSetAllAxisPos,
                                        ServicePayload().AddAll(positions),
                                        kModel.takes_positions_alone);
   }
   std::vector<Word> SetAllActualAxisPos(const std::vector<Word>& positions) override {
-    if (positions.size() != kModel.motors) return {};
+    const auto operation = engine_.Operation(__func__);
+    if (!CheckArgument(positions.size() == kModel.motors)) return {};
     return engine_.template RequestPositions<Word>(
         "SetAllActualAxisPos", Command::kSetAllActualAxisPos, ServicePayload().AddAll(positions),
         1 + sizeof(Word) * kModel.motors);
@@ -102,7 +113,9 @@ class CanServiceHand : public WithServiceReadings<
   SetAllAxisPosResponse SetPosSpeedCurData(const std::vector<Word>& pos,
                                            const std::vector<std::int16_t>& speed,
                                            const std::vector<Byte>& current) override {
-    if (pos.size() != 10 || speed.size() != 10 || current.size() != 10) return {};
+    const auto operation = engine_.Operation(__func__);
+    const bool of_all = pos.size() == 10 && speed.size() == 10 && current.size() == 10;
+    if (!CheckArgument(of_all)) return {};
     return engine_.RequestAxisResponse("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
                                        ServicePayload().AddAll(pos).AddAll(speed).AddAll(current),
                                        /*positions_alone=*/false);
@@ -121,8 +134,10 @@ class CanServiceHand : public WithServiceReadings<
     return ReadBytes(reading::kFingerTactileForce);
   }
   Word GetErrorCode() const override {
+    const auto operation = engine_.Operation(__func__);
     const auto reply = engine_.RequestOrLog("GetErrorCode", Command::kGetErrorCode);
-    return reply && reply->len >= 3 ? LoadU16(reply->data + 1) : Word{0};
+    const std::uint8_t* const data = engine_.DataOf(reply, 3);
+    return data != nullptr ? LoadU16(data) : Word{0};
   }
 
   // What the hand is
@@ -131,24 +146,28 @@ class CanServiceHand : public WithServiceReadings<
   FwVersion GetFwVersion() const override { return engine_.ReadFwVersion(); }
 
   Byte GetPowerState() const override {
+    const auto operation = engine_.Operation(__func__);
     return engine_.ReadByte("GetPowerState", Command::kGetPowerState);
   }
   Byte SetControlSource(Byte source) override {
-    if (source > 1) return 0;
+    const auto operation = engine_.Operation(__func__);
+    if (!CheckArgument(source <= 1)) return 0;
     return engine_.ReadByte("SetControlSource", Command::kSetControlSource,
                             ServicePayload().Add8(source));
   }
   Byte GetControlSource() const override {
+    const auto operation = engine_.Operation(__func__);
     return engine_.ReadByte("GetControlSource", Command::kGetControlSource);
   }
 
  protected:
+  using Base::CheckArgument;
   using Base::engine_;
   static constexpr const ServiceModel& kModel = Row::kModel;
 
   static bool IsMotor(Byte index) { return index >= 1 && index <= kModel.motors; }
   /// Public operations refuse bad arguments silently here.
-  static bool CheckJointCount(std::size_t count) { return count == kModel.motors; }
+  bool CheckJointCount(std::size_t count) const { return CheckArgument(count == kModel.motors); }
 
   bool Execute(const char* operation, Command command, const ServicePayload& payload) override {
     return engine_.IsAcknowledged(operation, command, payload);
@@ -163,14 +182,16 @@ class CanServiceHand : public WithServiceReadings<
 
  private:
   Word MoveAxis(const ServiceSetting& setting, Byte axis, Word pos) {
-    if (!setting.HasAxis(axis) || !setting.InRange(pos)) return 0;
+    const auto operation = engine_.Operation(setting.operation);
+    if (!CheckArgument(setting.HasAxis(axis) && setting.InRange(pos))) return 0;
     return engine_
         .RequestPosition(setting.operation, setting.command, ServicePayload().Add8(axis).Add16(pos))
         .value_or(0);
   }
   Word ReadAxis(const ServiceSetting& setting, const char* operation, Command command,
                 Byte axis) const {
-    if (!setting.HasAxis(axis)) return 0;
+    const auto scope = engine_.Operation(operation);
+    if (!CheckArgument(setting.HasAxis(axis))) return 0;
     return engine_.RequestPosition(operation, command, ServicePayload().Add8(axis)).value_or(0);
   }
 };

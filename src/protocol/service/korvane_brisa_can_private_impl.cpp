@@ -14,11 +14,6 @@ constexpr std::uint8_t kFirstWideSensor = 6;
 constexpr std::size_t kFingerReply = 18;
 constexpr std::size_t kWideReply = 27;
 
-void LogNotFullySupported(const char* operation) {
-  LogError(Compose("[", BrisaServiceRow::kModel.class_name, "] ", operation,
-                   " is not fully supported."));
-}
-
 }  // namespace
 
 void KorvaneBrisaCanPrivateImpl::UpdateFirmware(const std::string& path,
@@ -26,55 +21,70 @@ void KorvaneBrisaCanPrivateImpl::UpdateFirmware(const std::string& path,
   engine_.update_run.Run(path, std::move(callback));
 }
 
+/// Logs and records it.
+void KorvaneBrisaCanPrivateImpl::LogNotFullySupported(const char* name) const {
+  const auto operation = engine_.Operation(name);
+  const std::string line = Compose("[", kModel.class_name, "] ", name, " is not fully supported.");
+  LogError(line);
+  engine_.FailSilently(FailureKind::NOT_SUPPORTED, line);
+}
+
 // --- Motors ---------------------------------------------------------------------------------
 
 void KorvaneBrisaCanPrivateImpl::SetControlMode(std::uint8_t index, ControlMode mode) {
-  if (IsMotor(index)) SetRunMode(index, static_cast<std::uint8_t>(mode));
+  const auto operation = engine_.Operation(__func__);
+  if (CheckArgument(IsMotor(index))) SetRunMode(index, static_cast<std::uint8_t>(mode));
 }
 
 void KorvaneBrisaCanPrivateImpl::SetAllControlMode(const std::vector<std::uint8_t>& modes) {
+  const auto operation = engine_.Operation(__func__);
   if (!CheckJointCount(modes.size())) return;
   std::uint8_t index = 0;
   for (const std::uint8_t mode : modes) SetControlMode(++index, static_cast<ControlMode>(mode));
 }
 
 ControlMode KorvaneBrisaCanPrivateImpl::GetControlMode(std::uint8_t) const {
-  LogNotFullySupported("GetControlMode");
+  LogNotFullySupported(__func__);
   return ControlMode::MODE_0;
 }
 
 std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetAllControlMode() const {
-  LogNotFullySupported("GetAllControlMode");
+  LogNotFullySupported(__func__);
   return std::vector<std::uint8_t>(kModel.motors);
 }
 
 void KorvaneBrisaCanPrivateImpl::SetCurrentThreshold(std::uint8_t index, short threshold) {
-  if (!IsMotor(index)) return;
+  const auto operation = engine_.Operation(__func__);
+  if (!CheckArgument(IsMotor(index))) return;
   threshold = std::clamp(threshold, short{0}, setting::kMaxProtectiveCurrent);
   SetProtectiveCurrent(index, static_cast<std::uint16_t>(threshold));
 }
 
 void KorvaneBrisaCanPrivateImpl::SetAllCurrentThreshold(const std::vector<short>& thresholds) {
+  const auto operation = engine_.Operation(__func__);
   if (!CheckJointCount(thresholds.size())) return;
   std::uint8_t index = 0;
   for (const short threshold : thresholds) SetCurrentThreshold(++index, threshold);
 }
 
 short KorvaneBrisaCanPrivateImpl::GetCurrentThreshold(std::uint8_t) const {
-  LogNotFullySupported("GetCurrentThreshold");
+  LogNotFullySupported(__func__);
   return 0;
 }
 
 std::vector<short> KorvaneBrisaCanPrivateImpl::GetAllCurrentThreshold() const {
-  LogNotFullySupported("GetAllCurrentThreshold");
+  LogNotFullySupported(__func__);
   return std::vector<short>(kModel.motors);
 }
 
 void KorvaneBrisaCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targets) {
-  if (targets.empty()) return;
+  const auto operation = engine_.Operation(__func__);
+  if (!CheckArgument(!targets.empty())) return;
   const std::size_t most = MaxMixedTargets(targets.front().mix_mode);
-  if (most == 0) return engine_.LogLine("MixCtrlJointMotor", "Invalid control mode.");
-  if (targets.size() > most) return;
+  if (most == 0) {
+    return engine_.Fail(FailureKind::BAD_ARGUMENT, __func__, "Invalid control mode.");
+  }
+  if (!CheckArgument(targets.size() <= most)) return;
   const ServiceTargets all = ToServiceTargets(targets);
   SetPosSpeedCurData(all.pos, all.speed, all.current);
 }
@@ -83,26 +93,32 @@ void KorvaneBrisaCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& t
 
 std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetFingertipSensor(
     std::uint8_t sensor) const {
+  const auto operation = engine_.Operation(__func__);
   const auto reply = engine_.RequestOrLog("GetFingertipSensor", StreamCmd::kGetFingertipSensor,
                                           ServicePayload().Add8(sensor));
   const std::size_t size = sensor < kFirstWideSensor ? kFingerReply : kWideReply;
-  if (!reply || reply->len < size) return {};
-  return {reply->data + 1, reply->data + size};
+  const std::uint8_t* const data = engine_.DataOf(reply, size);
+  return data != nullptr ? std::vector<std::uint8_t>(data, data + size - 1)
+                         : std::vector<std::uint8_t>();
 }
 
 std::vector<TactileSensorData> KorvaneBrisaCanPrivateImpl::GetAllTactileSensorData() const {
+  const auto operation = engine_.Operation(__func__);
   const auto a = GetAllFingertipSensorA();
   const auto b = GetAllFingertipSensorB();
   return SplitFingertipGroups(a, b, GetAllFingertipSensorC());
 }
 
 std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetTactileSensorData(Finger) const {
+  RecordNotSupported(*this, __func__);
   return {};
 }
 TactileSensorData KorvaneBrisaCanPrivateImpl::GetTactileSensorDataRaw(Finger finger) const {
+  RecordNotSupported(*this, __func__);
   return {finger, {}};
 }
 std::vector<TactileSensorData> KorvaneBrisaCanPrivateImpl::GetAllTactileSensorDataRaw() const {
+  RecordNotSupported(*this, __func__);
   return {};
 }
 

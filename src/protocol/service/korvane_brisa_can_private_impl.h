@@ -64,6 +64,9 @@ class KorvaneBrisaCanPrivateImpl
   void SendOtaRestart();
   /// Takes a reply, on the receive thread.
   void OtaOnResponse(std::uint8_t child, std::uint32_t status);
+
+ private:
+  void LogNotFullySupported(const char* name) const;
 };
 
 }  // namespace talvera::korvane

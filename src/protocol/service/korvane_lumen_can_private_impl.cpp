@@ -43,49 +43,60 @@ std::optional<AxisError> DecodeError(unsigned code) {
 
 /// The hand takes one command for all speeds: the motors that aren't named are stopped.
 void KorvaneLumenCanPrivateImpl::SetJointMotorVelo(std::uint8_t index, short velocity) {
-  if (!IsMotor(index)) return;
+  const auto operation = engine_.Operation(__func__);
+  if (!CheckArgument(IsMotor(index))) return;
   std::vector<short> velocities(kMotors);
   velocities[index - 1U] = velocity;
   SetAllJointMotorVelo(velocities);
 }
 
 void KorvaneLumenCanPrivateImpl::SetAllJointMotorVelo(const std::vector<short>& velocities) {
-  if (velocities.size() != kMotors) return;
+  const auto operation = engine_.Operation(__func__);
+  if (!CheckJointCount(velocities.size())) return;
   std::vector<short> speeds = velocities;
   speeds.resize(kSpeeds);
   Execute("SetAllJointMotorVelo", StreamCmd::kSetAllRunSpeed, ServicePayload().AddAll(speeds));
 }
 
 short KorvaneLumenCanPrivateImpl::GetJointMotorVelo(std::uint8_t index) const {
-  return IsMotor(index) ? OfMotor(GetAllJointMotorVelo(), index) : short{0};
+  const auto operation = engine_.Operation(__func__);
+  return CheckArgument(IsMotor(index)) ? OfMotor(GetAllJointMotorVelo(), index) : short{0};
 }
 std::vector<short> KorvaneLumenCanPrivateImpl::GetAllJointMotorVelo() const {
+  const auto operation = engine_.Operation(__func__);
   return OfMotors<short>(GetAllAxisVelocity());
 }
 
 // --- Reports --------------------------------------------------------------------------------
 
 unsigned short KorvaneLumenCanPrivateImpl::GetErrorReport(std::uint8_t index) const {
-  return IsMotor(index) ? OfMotor(GetAllErrorReport(), index) : static_cast<unsigned short>(0);
+  const auto operation = engine_.Operation(__func__);
+  return CheckArgument(IsMotor(index)) ? OfMotor(GetAllErrorReport(), index)
+                                       : static_cast<unsigned short>(0);
 }
 std::vector<unsigned short> KorvaneLumenCanPrivateImpl::GetAllErrorReport() const {
+  const auto operation = engine_.Operation(__func__);
   std::vector<unsigned short> errors(kMotors);
   if (const auto error = DecodeError(GetErrorCode())) errors[error->axis - 1] = error->flag;
   return errors;
 }
 
 unsigned short KorvaneLumenCanPrivateImpl::GetTemperatureReport(std::uint8_t index) const {
-  return IsMotor(index) ? OfMotor(GetAllTemperatureReport(), index)
-                        : static_cast<unsigned short>(0);
+  const auto operation = engine_.Operation(__func__);
+  return CheckArgument(IsMotor(index)) ? OfMotor(GetAllTemperatureReport(), index)
+                                       : static_cast<unsigned short>(0);
 }
 std::vector<unsigned short> KorvaneLumenCanPrivateImpl::GetAllTemperatureReport() const {
+  const auto operation = engine_.Operation(__func__);
   return OfMotors<unsigned short>(GetAllAxisTemp());
 }
 
 short KorvaneLumenCanPrivateImpl::GetCurrentReport(std::uint8_t index) const {
-  return IsMotor(index) ? OfMotor(GetAllCurrentReport(), index) : short{0};
+  const auto operation = engine_.Operation(__func__);
+  return CheckArgument(IsMotor(index)) ? OfMotor(GetAllCurrentReport(), index) : short{0};
 }
 std::vector<short> KorvaneLumenCanPrivateImpl::GetAllCurrentReport() const {
+  const auto operation = engine_.Operation(__func__);
   return OfMotors<short>(GetAllAxisCurrent());
 }
 
@@ -93,58 +104,64 @@ std::vector<short> KorvaneLumenCanPrivateImpl::GetAllCurrentReport() const {
 
 std::vector<double> KorvaneLumenCanPrivateImpl::SetAllActiveJointAngles(
     const std::vector<double>&) {
-  engine_.LogLine("SetAllActiveJointAngles",
-                  "LM3 has no kinematics solver, use SetAllJointMotorPosi");
+  const auto operation = engine_.Operation(__func__);
+  engine_.Fail(FailureKind::NOT_SUPPORTED, __func__,
+               "LM3 has no kinematics solver, use SetAllJointMotorPosi");
   return {};
 }
 std::vector<double> KorvaneLumenCanPrivateImpl::GetAllActiveJointAngles() const {
+  RecordNotSupported(*this, __func__);
   return std::vector<double>(kMotors);
 }
 std::vector<double> KorvaneLumenCanPrivateImpl::GetAllJointAngles() const {
+  RecordNotSupported(*this, __func__);
   return std::vector<double>(kMotors);
 }
 std::vector<double> KorvaneLumenCanPrivateImpl::GetAllJointPos(const std::vector<double>&) const {
+  RecordNotSupported(*this, __func__);
   return std::vector<double>(kMotors);
 }
 
 // --- What the protocol doesn't have ---------------------------------------------------------
 
 void LumenService::LogUnsupported(const char* operation) const {
-  engine_.LogLine(operation, "Not supported for LM3 standard frame");
+  const auto scope = engine_.Operation(operation);
+  engine_.Fail(FailureKind::NOT_SUPPORTED, operation, "Not supported for LM3 standard frame");
 }
 
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::LogNoSensors(const char* operation) const {
-  engine_.LogLine(operation, "LM3 不支持触觉传感器");
+  const auto scope = engine_.Operation(operation);
+  engine_.Fail(FailureKind::NOT_SUPPORTED, operation, "LM3 不支持触觉传感器");
   return {};
 }
 
 void KorvaneLumenCanPrivateImpl::SetControlMode(std::uint8_t, ControlMode) {
-  LogUnsupported("SetControlMode");
+  LogUnsupported(__func__);
 }
 void KorvaneLumenCanPrivateImpl::SetAllControlMode(const std::vector<std::uint8_t>&) {
-  LogUnsupported("SetAllControlMode");
+  LogUnsupported(__func__);
 }
 void KorvaneLumenCanPrivateImpl::SetCurrentThreshold(std::uint8_t, short) {
-  LogUnsupported("SetCurrentThreshold");
+  LogUnsupported(__func__);
 }
 void KorvaneLumenCanPrivateImpl::SetAllCurrentThreshold(const std::vector<short>&) {
-  LogUnsupported("SetAllCurrentThreshold");
+  LogUnsupported(__func__);
 }
 void KorvaneLumenCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>&) {
-  LogUnsupported("MixCtrlJointMotor");
+  LogUnsupported(__func__);
 }
 
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetFingertipSensor(std::uint8_t) const {
-  return LogNoSensors("GetFingertipSensor");
+  return LogNoSensors(__func__);
 }
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorA() const {
-  return LogNoSensors("GetAllFingertipSensorA");
+  return LogNoSensors(__func__);
 }
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorB() const {
-  return LogNoSensors("GetAllFingertipSensorB");
+  return LogNoSensors(__func__);
 }
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::GetAllFingertipSensorC() const {
-  return LogNoSensors("GetAllFingertipSensorC");
+  return LogNoSensors(__func__);
 }
 
 }  // namespace talvera::korvane

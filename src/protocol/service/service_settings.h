@@ -2,6 +2,7 @@
 
 #include "private_korvane.h"
 #include "protocol/service/service_command.h"
+#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
@@ -41,33 +42,32 @@ class WithServiceSettings : public Base {
     return Set(setting::kMinTorque, axis, value);
   }
   bool SetAxisHoming(Byte axis, std::int16_t value) override {
-    return axis <= Settings::kHomingAxes && Set(setting::kAxisHoming, axis, value);
+    return Set(setting::kAxisHoming.Axes(1, Settings::kHomingAxes), axis, value);
   }
-  bool SaveParam() override { return Execute("SaveParam", ServiceCommand::kSaveParam, {}); }
+  bool SaveParam() override { return Order("SaveParam", ServiceCommand::kSaveParam); }
   bool SetOverloadTorque(Byte axis, Word torque) override {
     return Set(Shortened(setting::kOverloadTorque), axis, torque);
   }
-  bool ClearError() override { return Execute("ClearError", ServiceCommand::kClearError, {}); }
+  bool ClearError() override { return Order("ClearError", ServiceCommand::kClearError); }
   bool SetOverloadProtectionTime(Byte axis, Word time) override {
     return Set(Shortened(setting::kOverloadProtectionTime), axis, time);
   }
   bool ClearAllLimitPos() override {
-    return Execute("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos, {});
+    return Order("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos);
   }
   bool SetProtectedTorque(Byte axis, Byte torque) override {
     return Set(setting::kProtectedTorque, axis, torque);
   }
   bool SetAllRunSpeed(const std::vector<std::int16_t>& speeds) override {
-    return speeds.size() == 10 && Execute("SetAllRunSpeed", ServiceCommand::kSetAllRunSpeed,
-                                          ServicePayload().AddAll(speeds));
+    return Order("SetAllRunSpeed", ServiceCommand::kSetAllRunSpeed, ServicePayload().AddAll(speeds),
+                 speeds.size() == 10);
   }
   bool SetProtectiveCurrent(Byte axis, Word current) override {
     return Set(setting::kProtectiveCurrent, axis, current);
   }
   bool SetProductSerialNumber(const std::vector<Byte>& number) override {
-    return number.size() == sizeof(ProductSerialNumber) &&
-           Execute("SetProductSerialNumber", ServiceCommand::kSetProductSerialNumber,
-                   ServicePayload().AddAll(number));
+    return Order("SetProductSerialNumber", ServiceCommand::kSetProductSerialNumber,
+                 ServicePayload().AddAll(number), number.size() == sizeof(ProductSerialNumber));
   }
 
  protected:
@@ -77,17 +77,32 @@ class WithServiceSettings : public Base {
                        const ServicePayload& payload) = 0;
 
   bool Set(const ServiceSetting& setting, int value) {
-    return setting.InRange(value) &&
-           Execute(setting.operation, setting.command, Value(setting, ServicePayload(), value));
+    return Order(setting.operation, setting.command, Value(setting, ServicePayload(), value),
+                 setting.InRange(value));
   }
 
   bool Set(const ServiceSetting& setting, Byte axis, int value) {
-    return setting.HasAxis(axis) && setting.InRange(value) &&
-           Execute(setting.operation, setting.command,
-                   Value(setting, ServicePayload().Add8(axis), value));
+    return Order(setting.operation, setting.command,
+                 Value(setting, ServicePayload().Add8(axis), value),
+                 setting.HasAxis(axis) && setting.InRange(value));
+  }
+
+  /// False, in silence, if an argument isn't one.
+  bool CheckArgument(bool good) const {
+    if (!good) {
+      RecordFailure(this->Diagnostics(), FailureKind::BAD_ARGUMENT,
+                    "an argument is out of its range, or a list has a wrong size");
+    }
+    return good;
   }
 
  private:
+  bool Order(const char* operation, ServiceCommand command, const ServicePayload& payload = {},
+             bool good_arguments = true) {
+    const OperationScope scope(this->Diagnostics(), operation);
+    return CheckArgument(good_arguments) && Execute(operation, command, payload);
+  }
+
   static constexpr ServiceSetting Shortened(const ServiceSetting& setting) {
     return setting.Bytes(Settings::kOverloadBytes);
   }

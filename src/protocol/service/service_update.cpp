@@ -91,9 +91,23 @@ void ServiceUpdate::OnResponse(std::uint8_t child, std::uint32_t status) {
 
 /// Clears the callback at every end.
 void ServiceUpdate::Run(const std::string& path, ProgressCallback callback) {
+  OperationScope operation(link_.diagnostics, "UpdateFirmware");
+  failure_ = {};
   state_.SetCallback(std::move(callback));
   if (Attempt(path)) Reconnect();
   state_.ClearCallback();
+  // The end of the run tells, and not the requests that a restarting hand left unanswered.
+  operation.Succeed();
+  if (failure_.kind == FailureKind::NONE) return;
+  RecordFailure(link_.diagnostics, failure_.kind, failure_.text, failure_.system_error);
+}
+
+/// False, for a run that ends here.
+bool ServiceUpdate::Fail(FailureKind kind, int code, const std::string& text) {
+  failure_.kind = kind;
+  failure_.text = text;
+  state_.ReportFailure(code);
+  return false;
 }
 
 bool ServiceUpdate::Attempt(const std::string& path) {
@@ -101,20 +115,29 @@ bool ServiceUpdate::Attempt(const std::string& path) {
   if (!Load(path, file_size) || !RequestUpgrade(file_size) || !Transmit()) return false;
   state_.Report(state_.Total(), OtaProgressStatus::FINISH_ACKNOWLEDGED);
   SendFinish();
-  if (!AwaitFlag(state_.ota_finish_ok)) {
-    state_.ReportFailure(kFinishTimeoutCode);
-    return false;
-  }
+  if (!AwaitFlag(state_.ota_finish_ok)) return FailUnacknowledged(kFinishChild, kFinishTimeoutCode);
   SendRestart();
-  if (!AwaitFlag(state_.ota_restart_ok)) {
-    state_.ReportFailure(kRestartTimeoutCode);
-    return false;
-  }
-  return true;
+  if (AwaitFlag(state_.ota_restart_ok)) return true;
+  return FailUnacknowledged(kRestartChild, kRestartTimeoutCode);
+}
+
+bool ServiceUpdate::Refuse(std::uint32_t status, int code) {
+  return Fail(FailureKind::REFUSED, code, Compose("the hand answers with status ", status));
+}
+
+/// A refusal is waited out like silence, and reported like it.
+bool ServiceUpdate::FailUnacknowledged(std::uint8_t child, int code) {
+  const std::uint32_t status = state_.ota_status;
+  if (state_.ota_child_id == child && IsUpdateError(status)) return Refuse(status, code);
+  const bool finish = child == kFinishChild;
+  return Fail(FailureKind::NO_REPLY, code,
+              finish ? "the end of the update isn't confirmed" : "the restart isn't confirmed");
 }
 
 bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
   if (!hand_.connected || !link_.transport) {
+    failure_.kind = FailureKind::NO_LINK;
+    failure_.text = "the link isn't open";
     state_.Report(kUnusableCode, 0, OtaProgressStatus::FAILED);
     return false;
   }
@@ -123,7 +146,11 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
     if (error_code != kCannotOpenFirmware) return;
     LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
   });
-  if (file_size == 0) return false;
+  if (file_size == 0) {
+    failure_.kind = FailureKind::BAD_ARGUMENT;
+    failure_.text = Compose("cannot open ", path, ", or it is empty");
+    return false;
+  }
   state_.Report(0, OtaProgressStatus::FILE_LOADED);
   state_.Report(0, OtaProgressStatus::REQUESTING_UPGRADE);
   return true;
@@ -135,18 +162,20 @@ bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
     reply = Request(kUpgradeChild, static_cast<std::uint32_t>(file_size),
                     static_cast<std::uint16_t>(state_.Total()));
   } catch (const std::exception& error) {
-    LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware upgrade request: ", error.what()));
+    const std::string line =
+        Compose("[ERROR][", class_name_, "] UpdateFirmware upgrade request: ", error.what());
+    LogError(line);
+    const auto* const failed = dynamic_cast<const LinkError*>(&error);
+    failure_.system_error = failed != nullptr ? failed->SystemError() : 0;
+    return Fail(failed != nullptr ? failed->Kind() : FailureKind::SEND_FAILED, kNoReplyCode, line);
   }
   const std::uint32_t status = LoadU32(reply.data + 2);
   if (!IsReply(reply)) {
-    state_.ReportFailure(kNoReplyCode);
-  } else if (status != 0) {
-    state_.ReportFailure(static_cast<int>(status));
-  } else {
-    state_.Report(0, OtaProgressStatus::UPGRADE_ACCEPTED);
-    return true;
+    return Fail(FailureKind::BAD_REPLY, kNoReplyCode, "the upgrade request got another reply");
   }
-  return false;
+  if (status != 0) return Refuse(status, static_cast<int>(status));
+  state_.Report(0, OtaProgressStatus::UPGRADE_ACCEPTED);
+  return true;
 }
 
 /// Sends the packets one by one. Each has 300 s, its repetitions included: after a reply to
@@ -159,8 +188,7 @@ bool ServiceUpdate::Transmit() {
       if (!TakeAcknowledgment()) return false;
       polls = 0;
     } else if (!answered || ++polls >= kPacketPolls) {
-      state_.ReportFailure(kTransmissionTimeoutCode);
-      return false;
+      return Fail(FailureKind::NO_REPLY, kTransmissionTimeoutCode, "a packet isn't acknowledged");
     }
   }
   return true;
@@ -177,10 +205,7 @@ bool ServiceUpdate::SendAndAwait(const FirmwarePacket& packet, int& polls) {
 
 bool ServiceUpdate::TakeAcknowledgment() {
   const std::uint32_t result = state_.ota_package_result;
-  if (result != 0) {
-    state_.ReportFailure(PacketFailureCode(result));
-    return false;
-  }
+  if (result != 0) return Refuse(result, PacketFailureCode(result));
   state_.PopPacket();
   const std::uint32_t acknowledged = ++state_.ota_package_index;
   state_.Report(static_cast<int>(acknowledged), OtaProgressStatus::PACKET_ACKNOWLEDGED);

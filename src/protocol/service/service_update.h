@@ -6,6 +6,7 @@
 
 #include "can/can_frame.h"
 #include "korvane.h"
+#include "korvane_diagnostics.h"
 #include "update/update_progress.h"
 
 namespace talvera::korvane {
@@ -41,6 +42,9 @@ class ServiceUpdate {
 
  private:
   bool Attempt(const std::string& path);
+  bool Fail(FailureKind kind, int code, const std::string& text);
+  bool Refuse(std::uint32_t status, int code);
+  bool FailUnacknowledged(std::uint8_t child, int code);
   bool Load(const std::string& path, std::size_t& file_size);
   bool RequestUpgrade(std::size_t file_size);
   bool Transmit();
@@ -53,6 +57,8 @@ class ServiceUpdate {
   ServiceUpdateState& state_;
   const CanLink& link_;
   Korvane& hand_;
+  /// How the run ended.
+  Failure failure_;
 };
 
 }  // namespace talvera::korvane
