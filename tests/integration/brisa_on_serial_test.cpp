@@ -103,7 +103,7 @@ TEST_F(BrisaOnSerial, GoesWhileRepliesComeIn) {
 /// What a program changes at any time, while two hands talk.
 TEST_F(BrisaOnSerial, TalksWhileReceivingTapsAndSinkChange) {
   constexpr int kRequests = 100;
-  sim::SerialHand other_device(MakeHand());
+  sim::SerialHand other_device({sim::kBrisa, kId});
   CaptureStreams([&] {
     std::atomic<int> busy{2};
     std::atomic<int> shown{0};
