@@ -76,6 +76,9 @@ int main(int argc, char** argv) {
   where.id = 0;
   int new_id = 0;
   examples::AddHandOptions(app, where);
+  for (const char* const name : {"--model", "--id"}) {
+    app.get_option(name)->default_str("whichever answers");
+  }
   app.add_option("--set-id", new_id, "Gives the hand that was found this id")
       ->check(CLI::Range(1, 127));
   CLI11_PARSE(app, argc, argv);
