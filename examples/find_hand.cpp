@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "hand_options.h"
 
@@ -42,8 +43,14 @@ Outcome<void> CheckIsFree(Korvane& hand, const HandAddress& where, std::uint8_t 
                  "the id " + std::to_string(id) + " is taken: " + who + " answers under it", 0};
 }
 
-/// Gives the hand an id. The hand doesn't acknowledge it, so that it is asked under the new one; on
-/// a serial port by a new object, as one listens to a single id all its life.
+/// An object on a serial port listens all its life to the id of the first frame that comes, and
+/// that may be the late acknowledgment under the old id: the second object hears the new one.
+Outcome<AnyHand> OpenAnew(const HandAddress& where) {
+  auto hand = OpenHand(where);
+  return hand ? std::move(hand) : OpenHand(where);
+}
+
+/// Gives the hand an id, and asks under the new one whether it took it.
 Outcome<AnyHand> GiveId(AnyHand hand, HandAddress where, std::uint8_t id) {
   const auto is_free = CheckIsFree(*hand, where, id);
   if (!is_free) return is_free.failure();
@@ -53,7 +60,7 @@ Outcome<AnyHand> GiveId(AnyHand hand, HandAddress where, std::uint8_t id) {
   if (!sent) return sent.failure();
   if (where.link == LinkKind::SERIAL) {
     hand.reset();
-    return OpenHand(where);
+    return OpenAnew(where);
   }
   const auto model = IdentifyHand(*hand);
   if (!model) return model.failure();

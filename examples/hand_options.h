@@ -69,7 +69,8 @@ inline void AddModelOption(CLI::App& app, HandOptions& options, CLI::Option* han
       ->capture_default_str();
 }
 
-/// --hand, and the options that tell the same in pieces.
+/// --hand, and the options that tell the same in pieces. Once they are read the library's lines are
+/// switched off, so that a failure is the one line that Explain prints.
 inline void AddHandOptions(CLI::App& app, HandOptions& options) {
   auto* const hand = app.add_option(
       "--hand", options.hand,
@@ -89,6 +90,9 @@ inline void AddHandOptions(CLI::App& app, HandOptions& options) {
   add("--id", options.id, "Id of the hand, 1 to 127")->check(CLI::Range(1, 127));
   add("--side", options.side, "Left or right hand")->check(CLI::IsMember({"left", "right"}));
   app.add_flag("--verbose", options.verbose, "Show the library's own lines, too");
+  app.parse_complete_callback([&options] {
+    if (!options.verbose) talvera::korvane::SetLogSink(talvera::korvane::SilentLog());
+  });
 }
 
 inline LinkKind LinkNamed(const std::string& name) {
@@ -114,10 +118,8 @@ inline HandAddress AddressInPieces(const HandOptions& options) {
   return address;
 }
 
-/// Where the hand is. The library's lines are switched off from here on, so that one failure is one
-/// line: the one that Explain prints.
+/// Where the hand is.
 inline Outcome<HandAddress> AddressOf(const HandOptions& options) {
-  if (!options.verbose) talvera::korvane::SetLogSink(talvera::korvane::SilentLog());
   return options.hand.empty() ? AddressInPieces(options) : HandAddress::Parse(options.hand);
 }
 
