@@ -1,54 +1,77 @@
-// Finds the hand on a bus without knowing its id, and can give it another one.
+// Finds the hand on a bus without knowing its id or model, and can give it another id.
 //
+//   find_hand --hand can0
 //   find_hand --link socketcan --interface can0
-//   find_hand --link zlg --set-id 5
+//   find_hand --hand zlg:0.1:brisa:1 --set-id 5
+//
+// If several hands answer it lists them and ends with status 1; a model or an id says which one is
+// meant.
 
-#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "hand_options.h"
 
 namespace {
 
-using talvera::korvane::DeviceInfo;
-using talvera::korvane::KorvaneBrisa;
+using examples::AnyHand;
+using examples::Failure;
+using examples::HandAddress;
+using examples::LinkKind;
+using examples::Outcome;
+using talvera::korvane::FailureKind;
+using talvera::korvane::Korvane;
+using talvera::korvane::PlainText;
 using talvera::korvane::VendorInfo;
 
-constexpr int kBroadcasts = 3;
-constexpr std::uint8_t kLastId = 127;
-
-/// A hand answers a broadcast within about 50 ms, whichever of the models with motors it is; a lost
-/// frame is asked for again.
-std::uint8_t AskBroadcast(const examples::HandOptions& where) {
-  for (int i = 0; i < kBroadcasts; ++i) {
-    const DeviceInfo info =
-        where.link == "socketcan"
-            ? KorvaneBrisa::GetDeviceInfoFromBroadcastSocketCan(where.interface)
-            : KorvaneBrisa::GetDeviceInfoFromBroadcast(where.adapter, where.channel);
-    if (info.device_id != 0) return info.device_id;
-  }
-  return 0;
+/// On CAN two hands with one id would answer each other's requests. A serial port has one hand,
+/// which answers whatever id is asked.
+Outcome<void> CheckIsFree(Korvane& hand, const HandAddress& where, std::uint8_t id) {
+  if (where.link == LinkKind::SERIAL || id == hand.device_id) return {};
+  const std::uint8_t own_id = hand.device_id;
+  hand.device_id = id;
+  const auto other = IdentifyHand(hand);
+  hand.device_id = own_id;
+  const FailureKind kind = other.failure().kind;
+  if (kind == FailureKind::NO_REPLY) return {};
+  if (!other && kind != FailureKind::BAD_REPLY) return other.failure();
+  const std::string who = other ? std::string("a ") + ToString(*other) : "something unknown";
+  return Failure{FailureKind::REFUSED, "",
+                 "the id " + std::to_string(id) + " is taken: " + who + " answers under it", 0};
 }
 
-/// A serial port has one hand, which answers whatever its id is.
-std::uint8_t AskPort(const examples::HandOptions& where) {
-  const auto hand = examples::OpenHand(where);
-  hand->SetFrameRecvTimeout(500);
-  return hand->GetDeviceInfo().device_id;
+/// An object on a serial port listens all its life to the id of the first frame that comes, and
+/// that may be the late acknowledgment under the old id: the second object hears the new one.
+Outcome<AnyHand> OpenAnew(const HandAddress& where) {
+  auto hand = OpenHand(where);
+  return hand ? std::move(hand) : OpenHand(where);
 }
 
-/// HCAN adapters and the KorvaneQuill have no broadcast: every id is asked in turn.
-std::uint8_t AskEveryId(const examples::HandOptions& where) {
-  const auto hand = examples::OpenHand(where);
-  if (!hand->connected) return 0;
-  hand->SetFrameRecvTimeout(10);
-  for (std::uint8_t id = 1; id <= kLastId; ++id) {
-    hand->device_id = id;
-    if (hand->GetDeviceInfo().device_id == id) return id;
+/// Gives the hand an id, and asks under the new one whether it took it.
+Outcome<AnyHand> GiveId(AnyHand hand, HandAddress where, std::uint8_t id) {
+  const auto is_free = CheckIsFree(*hand, where, id);
+  if (!is_free) return is_free.failure();
+  where.model = examples::ModelOf(*hand);
+  where.id = id;
+  const auto sent = Checked(*hand, [&](Korvane& h) { h.SetDeviceId(id); });
+  if (!sent) return sent.failure();
+  if (where.link == LinkKind::SERIAL) {
+    hand.reset();
+    return OpenAnew(where);
   }
-  return 0;
+  const auto model = IdentifyHand(*hand);
+  if (!model) return model.failure();
+  return hand;
+}
+
+void Print(const std::string& where, const VendorInfo& vendor) {
+  VendorInfo info = vendor;
+  info.product_model = PlainText(vendor.product_model);
+  info.serial_number = PlainText(vendor.serial_number);
+  std::printf("%s\n%s", where.c_str(), info.ToString().c_str());
 }
 
 }  // namespace
@@ -56,36 +79,32 @@ std::uint8_t AskEveryId(const examples::HandOptions& where) {
 int main(int argc, char** argv) {
   CLI::App app("Finds the hand on a bus without knowing its id.");
   examples::HandOptions where;
+  where.model.clear();
+  where.id = 0;
   int new_id = 0;
   examples::AddHandOptions(app, where);
-  app.remove_option(app.get_option("--id"));
+  for (const char* const name : {"--model", "--id"}) {
+    app.get_option(name)->default_str("whichever answers");
+  }
   app.add_option("--set-id", new_id, "Gives the hand that was found this id")
       ->check(CLI::Range(1, 127));
   CLI11_PARSE(app, argc, argv);
 
-  if (where.link == "serial") {
-    where.id = AskPort(where);
-  } else {
-    const bool one_by_one = where.link == "hcan" || where.model == "quill";
-    where.id = one_by_one ? AskEveryId(where) : AskBroadcast(where);
-  }
-  if (where.id == 0) {
-    std::fprintf(stderr, "No hand answers on %s.\n", examples::DescribeLink(where).c_str());
-    return EXIT_FAILURE;
-  }
-  const auto hand = examples::OpenHand(where);
+  const auto address = examples::AddressOf(where);
+  if (!address) return examples::Explain(address.failure());
+  auto hand = OpenHand(*address);
+  if (!hand) return examples::Explain(hand.failure());
+  const std::string found = examples::Describe(where, **hand);
   if (new_id != 0) {
-    hand->SetDeviceId(static_cast<std::uint8_t>(new_id));
-    if (hand->GetDeviceInfo().device_id != new_id) {
-      std::fprintf(stderr, "The hand %d did not take the id %d.\n", where.id, new_id);
-      return EXIT_FAILURE;
+    hand = GiveId(*std::move(hand), *address, static_cast<std::uint8_t>(new_id));
+    if (!hand) {
+      std::fprintf(stderr, "%s did not get the id %d:\n", found.c_str(), new_id);
+      return examples::Explain(hand.failure());
     }
-    std::printf("The hand %d has the id %d now.\n", where.id, new_id);
+    std::printf("%s has the id %d now.\n", found.c_str(), new_id);
   }
-  VendorInfo info = hand->GetVendorInfo();
-  // Over CAN the model text is 16 bytes, NUL bytes included.
-  info.product_model.resize(std::min(info.product_model.find('\0'), info.product_model.size()));
-  std::printf("Hand %d on %s:\n%s", hand->device_id, examples::DescribeLink(where).c_str(),
-              info.ToString().c_str());
-  return info.product_model.empty() ? EXIT_FAILURE : EXIT_SUCCESS;
+  const auto info = Checked(**hand, [](const Korvane& h) { return h.GetVendorInfo(); });
+  if (!info) return examples::Explain(info.failure());
+  Print(examples::Describe(where, **hand), *info);
+  return EXIT_SUCCESS;
 }

@@ -1,7 +1,10 @@
 // Moves a hand through its gestures, or through a few simple poses if its model has none, and shows
 // its joints while they move. A KorvaneQuill has no motors: its wearer moves.
 //
+//   first_motion --hand can0:brisa:1
 //   first_motion --model brisa --link socketcan --interface can0 --id 1
+//
+// Ends with status 0 only if the hand answered to the end.
 
 #include <unistd.h>
 
@@ -11,6 +14,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "hand_options.h"
@@ -18,6 +22,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using examples::Failure;
+using examples::ModelTraits;
 using talvera::korvane::KorvaneBase;
 
 /// For models without gestures: how far each motor closes, in parts of its range.
@@ -26,38 +32,46 @@ constexpr int kPoseCount = 4;
 constexpr int kBarWidth = 40;
 constexpr auto kFrameTime = std::chrono::milliseconds(30);
 
-/// Reads the joints and remembers how long each round trip took.
-class JointReader {
+/// Counts round trips to the hand and remembers how long each took.
+class RoundTrips {
  public:
-  JointReader(const KorvaneBase& hand, std::size_t joints) : hand_(hand), joints_(joints) {}
+  explicit RoundTrips(KorvaneBase& hand) : hand_(hand) {}
 
-  std::vector<short> Read() {
+  /// Does something with the hand. What it returns, or why the hand failed.
+  template <class F>
+  auto Make(F&& operation) {
     const auto start = Clock::now();
-    auto joints = hand_.GetAllJointMotorPosi();
-    if (joints.empty()) {
-      ++failures_;
-    } else {
-      joints.resize(joints_);  // the bus may pad a reply
+    auto outcome = Checked(hand_, std::forward<F>(operation));
+    if (outcome) {
       times_.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    } else {
+      ++failures_;
+      last_failure_ = outcome.failure();
     }
-    return joints;
+    return outcome;
   }
 
-  void PrintTimes() {
+  std::size_t Answered() const { return times_.size(); }
+  const Failure& LastFailure() const { return last_failure_; }
+
+  void Print() {
+    std::printf("Round trips: %zu answered, %d not", times_.size(), failures_);
     std::sort(times_.begin(), times_.end());
     const auto at = [this](double part) {
       return times_[static_cast<std::size_t>(part * static_cast<double>(times_.size() - 1))];
     };
-    std::printf(
-        "Round trips: %zu answered, %d not; median %.0f us, 99%% within %.0f us, longest %.0f us\n",
-        times_.size(), failures_, at(0.5), at(0.99), at(1.0));
+    if (!times_.empty()) {
+      std::printf("; median %.0f us, 99%% within %.0f us, longest %.0f us", at(0.5), at(0.99),
+                  at(1.0));
+    }
+    std::printf("\n");
   }
 
  private:
-  const KorvaneBase& hand_;
-  const std::size_t joints_;
+  KorvaneBase& hand_;
   std::vector<double> times_;
   int failures_ = 0;
+  Failure last_failure_;
 };
 
 /// Draws in place on a terminal; elsewhere one line a gesture.
@@ -104,7 +118,7 @@ class JointDisplay {
   int gesture_ = 0;
 };
 
-void Move(KorvaneBase& hand, const examples::ModelTraits& model, int gesture) {
+void Move(KorvaneBase& hand, const ModelTraits& model, int gesture) {
   if (model.gestures > 0) {
     hand.SetHandGesture(gesture);
   } else if (model.has_motors) {
@@ -114,16 +128,29 @@ void Move(KorvaneBase& hand, const examples::ModelTraits& model, int gesture) {
 }
 
 /// Shows the joints for a while.
-void Watch(int gesture, std::chrono::duration<double> time, JointReader& reader,
+void Watch(std::size_t joint_count, std::chrono::duration<double> time, RoundTrips& trips,
            JointDisplay& display) {
-  display.Begin(gesture);
   std::vector<short> joints;
   for (const auto end = Clock::now() + time; Clock::now() < end;) {
-    joints = reader.Read();
+    auto read = trips.Make([](const KorvaneBase& hand) { return hand.GetAllJointMotorPosi(); });
+    if (read) {
+      joints = *std::move(read);
+      joints.resize(joint_count);  // the bus may pad a reply
+    }
     display.Draw(joints);
     std::this_thread::sleep_for(kFrameTime);
   }
   display.End(joints);
+}
+
+/// A reply may be lost. False if there was none at all: the hand is gone.
+bool ShowGesture(int gesture, const ModelTraits& model, std::chrono::duration<double> time,
+                 RoundTrips& trips, JointDisplay& display) {
+  const std::size_t answered = trips.Answered();
+  display.Begin(gesture);
+  if (model.has_motors) trips.Make([&](KorvaneBase& hand) { Move(hand, model, gesture); });
+  Watch(model.joints, time, trips, display);
+  return trips.Answered() > answered;
 }
 
 }  // namespace
@@ -138,31 +165,20 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
 
-  const examples::ModelTraits& model = examples::TraitsOf(where);
-  const auto hand = examples::OpenHand(where);
-  if (!hand->connected) {
-    std::fprintf(stderr, "The link could not be opened: %s\n",
-                 examples::DescribeLink(where).c_str());
-    return EXIT_FAILURE;
-  }
-  std::printf("%s %s with id %d on %s\n", where.side.c_str(), model.name, where.id,
-              examples::DescribeLink(where).c_str());
+  const auto opened = examples::Open(where);
+  if (!opened) return examples::Explain(opened.failure());
+  KorvaneBase& hand = **opened;
+  const ModelTraits& model = examples::TraitsOf(examples::ModelOf(hand));
+  std::printf("%s\n", examples::Describe(where, hand).c_str());
 
-  JointReader reader(*hand, model.joints);
-  if (reader.Read().empty()) {
-    std::fprintf(stderr, "No such hand answers there. Is it powered, and is %d its id?\n",
-                 where.id);
-    return EXIT_FAILURE;
-  }
+  RoundTrips trips(hand);
   const int gestures = model.gestures > 0 ? model.gestures : kPoseCount;
   JointDisplay display(model.full_scale, gestures - 1);
-  for (int gesture = 0; gesture < gestures; ++gesture) {
-    Move(*hand, model, gesture);
-    Watch(gesture, std::chrono::duration<double>(seconds), reader, display);
+  bool answers = true;
+  for (int gesture = 0; answers && gesture < gestures; ++gesture) {
+    answers = ShowGesture(gesture, model, std::chrono::duration<double>(seconds), trips, display);
   }
-  Move(*hand, model, 0);
-  const bool answers = !reader.Read().empty();
-  reader.PrintTimes();
-  if (!answers) std::fprintf(stderr, "The hand has stopped answering.\n");
-  return answers ? EXIT_SUCCESS : EXIT_FAILURE;
+  if (answers && model.has_motors) trips.Make([&](KorvaneBase& h) { Move(h, model, 0); });
+  trips.Print();
+  return answers ? EXIT_SUCCESS : examples::Explain(trips.LastFailure());
 }

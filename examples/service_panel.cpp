@@ -1,6 +1,7 @@
 // Reads all that the service interface of a hand tells into one report. It can also try out a limit
 // of an axis, which it puts back, and write a serial number.
 //
+//   service_panel --hand can0:lumen:1
 //   service_panel --model lumen --link socketcan --interface can0
 //   service_panel --link serial --port /dev/ttyUSB0 --try-limit 3
 //   service_panel --serial-number KB-2026-00017
@@ -22,7 +23,17 @@
 
 namespace {
 
+using examples::AnyHand;
+using examples::Failure;
+using examples::HandAddress;
+using examples::LinkKind;
+using examples::Model;
+using examples::Outcome;
 using talvera::korvane::AxisLimitPos;
+using talvera::korvane::FailureKind;
+using talvera::korvane::Korvane;
+using talvera::korvane::KorvaneBase;
+using talvera::korvane::PlainText;
 using talvera::korvane::PrivateKorvane;
 using talvera::korvane::PrivateKorvaneBrisa;
 using talvera::korvane::PrivateKorvaneLumen;
@@ -32,13 +43,63 @@ constexpr std::size_t kSerialNumberBytes = 19;
 constexpr std::uint16_t kTrialStep = 100;
 constexpr int kRecvTimeoutMs = 200;
 
-examples::AnyHand OpenService(const examples::HandOptions& where) {
-  if (where.link == "serial") {
-    return PrivateKorvaneBrisa::createHandByUsb(examples::SideOf(where), where.id, where.port,
-                                                where.baud);
+template <class Hand>
+AnyHand MakeOnCan(const HandAddress& where, std::uint8_t id) {
+  if (where.link == LinkKind::SOCKET_CAN) {
+    return Hand::createHandSocketCan(where.side, id, where.interface_name);
   }
-  if (where.model == "lumen") return examples::Open<PrivateKorvaneLumen>(where);
-  return examples::Open<PrivateKorvaneBrisa>(where);
+  const auto make = [&](const auto& adapter) -> AnyHand {
+    return where.link == LinkKind::HCAN
+               ? Hand::createHandByHcan(where.side, id, adapter, where.channel)
+               : Hand::createHandByZlgcan(where.side, id, adapter, where.channel);
+  };
+  return where.adapter_index ? make(*where.adapter_index) : make(where.adapter_serial);
+}
+
+AnyHand MakeService(const HandAddress& where, Model model, std::uint8_t id) {
+  if (where.link == LinkKind::SERIAL) {
+    return PrivateKorvaneBrisa::createHandByUsb(where.side, id, where.port, where.baud);
+  }
+  return model == Model::LUMEN ? MakeOnCan<PrivateKorvaneLumen>(where, id)
+                               : MakeOnCan<PrivateKorvaneBrisa>(where, id);
+}
+
+/// Both faces of one hand. On a ZLG adapter the end of either stops the channel, so that the public
+/// one stays as long as the other.
+struct ServiceHand {
+  AnyHand face;
+  AnyHand service;
+};
+
+/// Whether the hand has a service interface, and is the one that answers there.
+Outcome<void> CheckModel(const Korvane& service, Model model) {
+  const auto answers = IdentifyHand(service);
+  if (!answers) return answers.failure();
+  if (*answers == model) return {};
+  return Failure{FailureKind::REFUSED, "",
+                 std::string("a ") + ToString(*answers) +
+                     " answers on the service interface: leave only one hand on the bus",
+                 0};
+}
+
+/// The public protocol tells whether the right hand is there, since the other one doesn't say whom
+/// it means.
+Outcome<ServiceHand> OpenService(const HandAddress& where) {
+  auto face = OpenHand(where);
+  if (!face) return face.failure();
+  const Model model = examples::ModelOf(**face);
+  const std::uint8_t id = (*face)->device_id;
+  if (model != Model::BRISA && model != Model::LUMEN) {
+    return Failure{FailureKind::NOT_SUPPORTED, "",
+                   std::string("a ") + ToString(model) + " has no service interface", 0};
+  }
+  if (where.link == LinkKind::SERIAL) face->reset();  // a port belongs to one object
+  ServiceHand hand{*std::move(face), MakeService(where, model, id)};
+  if (!hand.service->connected) return LastFailure(*hand.service);
+  hand.service->SetFrameRecvTimeout(kRecvTimeoutMs);
+  const auto checked = CheckModel(*hand.service, model);
+  if (!checked) return checked.failure();
+  return hand;
 }
 
 template <class Value>
@@ -58,8 +119,8 @@ void PrintList(const char* name, const Bytes& values) {
 
 void PrintIdentity(const talvera::korvane::VendorInfo& info, const PrivateKorvane& service) {
   const auto version = service.GetFwVersion();
-  std::printf("%-16s %s\n", "model", info.product_model.c_str());
-  std::printf("%-16s %s\n", "serial number", info.serial_number.c_str());
+  std::printf("%-16s %s\n", "model", PlainText(info.product_model).c_str());
+  std::printf("%-16s %s\n", "serial number", PlainText(info.serial_number).c_str());
   std::printf("%-16s %s (%s, %s)\n", "firmware", version.firmware.ToString().c_str(),
               version.first.ToString().c_str(), version.hardware.ToString().c_str());
   std::printf("%-16s %d\n", "active joints", version.last);
@@ -134,6 +195,22 @@ bool WriteSerialNumber(PrivateKorvane& service, const std::string& text) {
   return same;
 }
 
+/// What a hand doesn't tell shows as a dash.
+void PrintReport(const KorvaneBase& hand, bool on_serial) {
+  const auto& service = dynamic_cast<const PrivateKorvane&>(hand);
+  const bool lumen = examples::ModelOf(hand) == Model::LUMEN;
+  PrintIdentity(hand.GetVendorInfo(), service);
+  std::printf("%-16s %d\n%-16s %d\n%-16s 0x%04x\n", "power", service.GetPowerState(),
+              "control source", service.GetControlSource(), "error code", service.GetErrorCode());
+  PrintAxes(service, lumen ? 4 : 10);
+  if (!lumen) PrintSensors(service, !on_serial);
+  PrintList("upload record", service.GetAllAxisCvp());
+}
+
+std::string ProblemOfSerialNumber(const std::string& text) {
+  return !text.empty() && text.size() <= kSerialNumberBytes ? "" : "1 to 19 characters";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -147,30 +224,21 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 12));
   app.add_option("--serial-number", serial_number,
                  "Write this serial number, of 1 to 19 characters")
-      ->check([](const std::string& text) {
-        const bool fits = !text.empty() && text.size() <= kSerialNumberBytes;
-        return fits ? std::string() : std::string("1 to 19 characters");
-      });
+      ->check(ProblemOfSerialNumber);
   CLI11_PARSE(app, argc, argv);
 
-  const auto hand = OpenService(where);
-  if (!hand->connected) return EXIT_FAILURE;
-  hand->SetFrameRecvTimeout(kRecvTimeoutMs);
-  auto& service = dynamic_cast<PrivateKorvane&>(*hand);
-  const auto info = hand->GetVendorInfo();
-  if (info.product_model.empty()) {
-    std::fprintf(stderr, "No hand answers on %s.\n", examples::DescribeLink(where).c_str());
-    return EXIT_FAILURE;
-  }
-  const bool lumen = where.model == "lumen" && where.link != "serial";
-  PrintIdentity(info, service);
-  std::printf("%-16s %d\n%-16s %d\n%-16s 0x%04x\n", "power", service.GetPowerState(),
-              "control source", service.GetControlSource(), "error code", service.GetErrorCode());
-  PrintAxes(service, lumen ? 4 : 10);
-  if (!lumen) PrintSensors(service, where.link != "serial");
-  PrintList("upload record", service.GetAllAxisCvp());
+  const auto address = examples::AddressOf(where);
+  if (!address) return examples::Explain(address.failure());
+  const auto opened = OpenService(*address);
+  if (!opened) return examples::Explain(opened.failure());
+  KorvaneBase& hand = *opened->service;
   bool good = true;
-  if (axis != 0) good = TryLimit(service, axis) && good;
-  if (!serial_number.empty()) good = WriteSerialNumber(service, serial_number) && good;
+  const auto done = Checked(hand, [&](KorvaneBase& h) {
+    PrintReport(h, address->link == LinkKind::SERIAL);
+    auto& service = dynamic_cast<PrivateKorvane&>(h);
+    if (axis != 0) good = TryLimit(service, axis) && good;
+    if (!serial_number.empty()) good = WriteSerialNumber(service, serial_number) && good;
+  });
+  if (!done) return examples::Explain(done.failure());
   return good ? EXIT_SUCCESS : EXIT_FAILURE;
 }

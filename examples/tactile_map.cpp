@@ -1,7 +1,10 @@
 // Shows the tactile arrays of a hand as coloured cells, one line a sensor.
 //
+//   tactile_map --hand can0:tessel:2
 //   tactile_map --link zlg --id 1 --frames 100
 
+#include <korvane_brisa.h>
+#include <korvane_tessel.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +19,7 @@
 
 namespace {
 
+using examples::Outcome;
 using talvera::korvane::Finger;
 using talvera::korvane::IBR7TactileSensor1D;
 using talvera::korvane::KorvaneBase;
@@ -86,9 +90,25 @@ std::vector<TactileSensorData> ReadSensors(const KorvaneBase& hand, bool summari
   if (const auto* const tessel = dynamic_cast<const KorvaneTessel*>(&hand)) {
     return ReadFingertips(*tessel);
   }
-  const auto* const sensors = dynamic_cast<const IBR7TactileSensor1D*>(&hand);
-  return sensors != nullptr ? sensors->GetAllTactileSensorDataRaw()
-                            : std::vector<TactileSensorData>();
+  return dynamic_cast<const IBR7TactileSensor1D&>(hand).GetAllTactileSensorDataRaw();
+}
+
+bool HasSensors(const KorvaneBase& hand) {
+  return dynamic_cast<const KorvaneTessel*>(&hand) != nullptr ||
+         dynamic_cast<const IBR7TactileSensor1D*>(&hand) != nullptr;
+}
+
+Outcome<void> MakeGesture(KorvaneBase& hand, int gesture) {
+  auto made = Checked(hand, [&](KorvaneBase& h) { h.SetHandGesture(gesture); });
+  if (made) std::this_thread::sleep_for(kGestureTime);
+  return made;
+}
+
+/// In place of the last reading on a terminal.
+void Show(const std::vector<TactileSensorData>& sensors, bool colours, bool first) {
+  if (colours && !first) std::printf("\x1b[%zuA", sensors.size());
+  for (const auto& sensor : sensors) PrintSensor(sensor, colours);
+  std::fflush(stdout);
 }
 
 }  // namespace
@@ -106,27 +126,28 @@ int main(int argc, char** argv) {
   app.add_option("--gesture", gesture, "Gesture to make first; 0 to 16, or 0 to 3 with a tessel")
       ->check(CLI::Range(0, 16));
   app.add_flag("--summaries", summaries,
-               "Read the short summaries; HCAN adapters don't carry whole arrays");
+               "Read the short summaries of a brisa; HCAN adapters and serial ports don't carry "
+               "whole arrays");
   CLI11_PARSE(app, argc, argv);
 
-  const auto hand = examples::OpenHand(where);
-  if (!hand->connected) return EXIT_FAILURE;
-  if (gesture >= 0) {
-    hand->SetHandGesture(gesture);
-    std::this_thread::sleep_for(kGestureTime);
+  const auto opened = examples::Open(where);
+  if (!opened) return examples::Explain(opened.failure());
+  KorvaneBase& hand = **opened;
+  if (!HasSensors(hand)) {
+    std::fprintf(stderr, "A %s has no tactile sensors.\n", ToString(examples::ModelOf(hand)));
+    return EXIT_FAILURE;
   }
-  const bool colours = isatty(STDOUT_FILENO) == 1;
-  for (int frame = 0; frame < frames; ++frame) {
-    const auto sensors = ReadSensors(*hand, summaries);
-    if (sensors.empty()) {
-      std::fprintf(stderr, "No tactile data came from %s.\n",
-                   examples::DescribeLink(where).c_str());
-      return EXIT_FAILURE;
+  if (gesture >= 0) {
+    if (const auto made = MakeGesture(hand, gesture); !made) {
+      return examples::Explain(made.failure());
     }
-    if (colours && frame > 0) std::printf("\x1b[%zuA", sensors.size());
-    for (const auto& sensor : sensors) PrintSensor(sensor, colours);
-    std::fflush(stdout);
-    if (frame + 1 < frames) std::this_thread::sleep_for(kFrameTime);
+  }
+  for (int frame = 0; frame < frames; ++frame) {
+    if (frame > 0) std::this_thread::sleep_for(kFrameTime);
+    const auto sensors =
+        Checked(hand, [&](const KorvaneBase& h) { return ReadSensors(h, summaries); });
+    if (!sensors) return examples::Explain(sensors.failure());
+    Show(*sensors, isatty(STDOUT_FILENO) == 1, frame == 0);
   }
   return EXIT_SUCCESS;
 }

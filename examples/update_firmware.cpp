@@ -1,16 +1,17 @@
 // Replaces the firmware of a hand and shows how far it is.
 //
+//   update_firmware --hand can0:brisa:1 firmware.bin
 //   update_firmware --link socketcan --interface can0 --id 1 firmware.bin
 //
-// Ends with status 0 only if the hand answered with its new firmware.
+// Ends with status 0 only if the hand took the firmware and answered afterwards.
 
+#include <ota_load.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <mutex>
 #include <string>
 
@@ -18,11 +19,19 @@
 
 namespace {
 
+using examples::HandAddress;
+using examples::LinkKind;
+using examples::Outcome;
+using talvera::korvane::Korvane;
 using talvera::korvane::OtaProgressStatus;
+using talvera::korvane::Version;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kBarWidth = 40;
 constexpr double kPacketKilobytes = 2.0;
+constexpr int kCannotOpen = -2;
+/// An update over a serial port has that many passes, in each of which one packet goes out.
+constexpr int kSerialPackets = 150;
 
 const char* StageName(OtaProgressStatus status) {
   switch (status) {
@@ -45,64 +54,27 @@ const char* StageName(OtaProgressStatus status) {
   }
 }
 
-/// `stage` is how far the update had come.
-std::string Reason(int code, OtaProgressStatus stage) {
-  if (code == -4 && stage == OtaProgressStatus::REQUESTING_UPGRADE) {
-    return "the hand didn't answer the request";
-  }
-  switch (code) {
-    case -2:
-      return "the file can't be opened";
-    case -3:
-      return "the file is empty or can't be read";
-    case -4:
-      return "the hand didn't confirm the image in time";
-    case -5:
-      return "the hand didn't confirm the restart in time";
-    case -6:
-      return "the hand didn't take all packets in time";
-    case -7:
-      return "a packet failed the hand's check";
-    default:
-      return "the hand refused with status " + std::to_string(code);
-  }
-}
-
 /// What the library reports, from whichever of its threads, as lines and a bar.
 class ProgressDisplay {
  public:
-  void Show(int current, int total, OtaProgressStatus status) {
+  void Show(int total, OtaProgressStatus status) {
     const std::lock_guard lock(mutex_);
     if (status == OtaProgressStatus::PACKET_ACKNOWLEDGED) {
       ShowPackets(std::min(++acknowledged_, total), total);
-    } else if (status == OtaProgressStatus::FAILED) {
-      // The library tells a refusal from both of its threads.
-      if (last_ == status && failure_ == Reason(current, stage_)) return;
-      failure_ = Reason(current, stage_);
-      EndBar();
-      std::printf("  problem: %s\n", failure_.c_str());
-    } else if (status != last_) {
+    } else if (status != OtaProgressStatus::FAILED && status != last_) {
       EndBar();
       std::printf("  %s\n", StageName(status));
       if (status == OtaProgressStatus::UPGRADE_ACCEPTED) start_ = Clock::now();
-      complete_ = status == OtaProgressStatus::COMPLETE;
     }
     last_ = status;
-    if (status != OtaProgressStatus::FAILED) stage_ = status;
     std::fflush(stdout);
   }
 
-  /// For what isn't reported: over a serial port the update throws when the cable goes.
-  void ShowLost(const char* what) {
+  void End() {
     const std::lock_guard lock(mutex_);
     EndBar();
-    failure_ = std::string("the link to the hand was lost: ") + what;
-    complete_ = false;
+    std::fflush(stdout);
   }
-
-  bool Complete() const { return complete_; }
-  /// Why the update failed, as far as the library told.
-  const std::string& Failure() const { return failure_; }
 
  private:
   void ShowPackets(int done, int total) {
@@ -131,13 +103,40 @@ class ProgressDisplay {
   std::mutex mutex_;
   const bool on_terminal_ = isatty(STDOUT_FILENO) == 1;
   bool bar_shown_ = false;
-  bool complete_ = false;
   int acknowledged_ = 0;
-  std::string failure_ = "the hand didn't answer the request";
-  OtaProgressStatus stage_ = OtaProgressStatus::FAILED;
   OtaProgressStatus last_ = OtaProgressStatus::FAILED;
   Clock::time_point start_ = Clock::now();
 };
+
+/// Why this file can't go to that hand; nothing is sent to find out.
+std::string ProblemOf(const std::string& file, const HandAddress& address) {
+  if (!address.model) return "Say of which model the hand is, as in can0:brisa:1.";
+  const auto image = talvera::korvane::LoadFirmwareOnly(file);
+  if (image.error_code == kCannotOpen) return file + " can't be opened.";
+  if (image.error_code != 0) return file + " is empty or can't be read.";
+  if (address.link != LinkKind::SERIAL || image.packet_count <= kSerialPackets) return {};
+  return file + " has " + std::to_string(image.packet_count) +
+         " packets; an update over a serial port times out after " +
+         std::to_string(kSerialPackets) + " (300 kB). Use CAN FD for it.";
+}
+
+/// The version that the hand runs. Over a serial port the first answer may be an older one that
+/// nobody has read.
+Outcome<Version> ReadVersion(Korvane& hand) {
+  return Checked(hand, [](const Korvane& h) {
+    h.GetVendorInfo();
+    return h.GetVendorInfo().software_version;
+  });
+}
+
+Outcome<void> Update(Korvane& hand, const std::string& file, ProgressDisplay& display) {
+  auto outcome = Checked(hand, [&](Korvane& h) {
+    h.UpdateFirmware(
+        file, [&](int, int total, OtaProgressStatus status) { display.Show(total, status); });
+  });
+  display.End();
+  return outcome;
+}
 
 }  // namespace
 
@@ -149,35 +148,29 @@ int main(int argc, char** argv) {
   app.add_option("firmware", file, "The firmware file")->required();
   CLI11_PARSE(app, argc, argv);
 
+  const auto address = examples::AddressOf(where);
+  if (!address) return examples::Explain(address.failure());
+  const std::string problem = ProblemOf(file, *address);
+  if (!problem.empty()) {
+    std::fprintf(stderr, "%s\n", problem.c_str());
+    return EXIT_FAILURE;
+  }
   // Made before the hand: its receive thread may report late, until the hand is gone.
   ProgressDisplay display;
-  const auto hand = examples::OpenHand(where);
-  if (!hand->connected) return EXIT_FAILURE;
-  const auto before = hand->GetVendorInfo();
-  if (before.product_model.empty()) {
-    std::fprintf(stderr, "No hand answers on %s.\n", examples::DescribeLink(where).c_str());
-    return EXIT_FAILURE;
+  // Another model than the one that was told ends here, before it can be flashed.
+  const auto hand = OpenHand(*address);
+  if (!hand) return examples::Explain(hand.failure());
+  const auto before = ReadVersion(**hand);
+  if (!before) return examples::Explain(before.failure());
+  std::printf("Updating %s from version %s:\n", examples::Describe(where, **hand).c_str(),
+              before->ToString().c_str());
+  const auto updated = Update(**hand, file, display);
+  if (!updated) return examples::Explain(updated.failure());
+  const auto after = ReadVersion(**hand);
+  if (!after) {
+    std::fprintf(stderr, "The hand took the firmware but doesn't answer yet; check it by hand.\n");
+    return examples::Explain(after.failure());
   }
-  std::printf("Updating hand %d from version %s:\n", where.id,
-              before.software_version.ToString().c_str());
-  try {
-    hand->UpdateFirmware(file, [&](int current, int total, OtaProgressStatus status) {
-      display.Show(current, total, status);
-    });
-  } catch (const std::exception& error) {
-    display.ShowLost(error.what());
-  }
-  if (!display.Complete()) {
-    std::printf("FAILED: %s\n", display.Failure().c_str());
-    return EXIT_FAILURE;
-  }
-  // Over a serial port the first answer may be an older one that nobody has read.
-  hand->GetVendorInfo();
-  const auto after = hand->GetVendorInfo();
-  if (after.product_model.empty()) {
-    std::printf("FAILED: the hand took the firmware but doesn't answer yet; check it by hand\n");
-    return EXIT_FAILURE;
-  }
-  std::printf("OK: the hand runs version %s\n", after.software_version.ToString().c_str());
+  std::printf("OK: the hand runs version %s\n", after->ToString().c_str());
   return EXIT_SUCCESS;
 }
