@@ -39,7 +39,7 @@ KORVANE_EXPORT const char* ToString(FailureKind kind);
 
 /// One failed operation.
 struct Failure {
-  FailureKind kind = FailureKind::NONE;
+  FailureKind kind = FailureKind::NONE;  ///< How it failed.
   std::string operation;  ///< What was called, such as "GetJointMotorPosi"; "Open" for a link.
   std::string text;       ///< The line that was logged for it; a text of its own where none was.
   int system_error = 0;   ///< errno, where the system gave one; otherwise 0.
@@ -82,6 +82,7 @@ struct OperationRecord;
 /// Watches what the calling thread does with one hand while it lives. See Checked.
 class KORVANE_EXPORT FailureWatch {
  public:
+  /// Begins to watch.
   explicit FailureWatch(const Korvane& hand);
   ~FailureWatch();
   FailureWatch(const FailureWatch&) = delete;

@@ -47,9 +47,7 @@ std::vector<double> KorvaneBase::GetAllJointPos(const std::vector<double>&) cons
   return {};
 }
 
-void KorvaneBase::SetJointMotorVelo(std::uint8_t, short) {
-  RecordNotSupported(*this, __func__);
-}
+void KorvaneBase::SetJointMotorVelo(std::uint8_t, short) { RecordNotSupported(*this, __func__); }
 short KorvaneBase::GetJointMotorVelo(std::uint8_t) const {
   RecordNotSupported(*this, __func__);
   return 0;
@@ -62,9 +60,7 @@ std::vector<short> KorvaneBase::GetAllJointMotorVelo() const {
   return {};
 }
 
-void KorvaneBase::SetControlMode(std::uint8_t, ControlMode) {
-  RecordNotSupported(*this, __func__);
-}
+void KorvaneBase::SetControlMode(std::uint8_t, ControlMode) { RecordNotSupported(*this, __func__); }
 ControlMode KorvaneBase::GetControlMode(std::uint8_t) const {
   RecordNotSupported(*this, __func__);
   return ControlMode::MODE_0;
@@ -77,9 +73,7 @@ std::vector<std::uint8_t> KorvaneBase::GetAllControlMode() const {
   return {};
 }
 
-void KorvaneBase::SetCurrentThreshold(std::uint8_t, short) {
-  RecordNotSupported(*this, __func__);
-}
+void KorvaneBase::SetCurrentThreshold(std::uint8_t, short) { RecordNotSupported(*this, __func__); }
 short KorvaneBase::GetCurrentThreshold(std::uint8_t) const {
   RecordNotSupported(*this, __func__);
   return 0;
