@@ -646,6 +646,7 @@ TEST_P(HandUpdate, GoesToThePresentId) {
     });
     EXPECT_EQ(index, before + (model_.any_sender ? 2 : 1));
     const auto sent = rig.device->TakeSent();
+    ASSERT_FALSE(sent.empty());
     EXPECT_EQ(test::Show({sent.back()}), test::Show({test::FullFrame(RequestId(3, id), {})}));
     rig.device->script = test::Replies({0}, 4);
     CaptureStreams([&] { model_.query_result(*rig.hand); });

@@ -58,6 +58,7 @@ class UpdateRunner {
   const UpdateOutcome& Run(Korvane& hand, const Clock& clock, const std::string& path,
                            bool with_callback = true) {
     outcome_ = {};
+    calls_ = 0;
     const auto start = clock.Now();
     outcome_.written = CaptureStreams(
         [&] { hand.UpdateFirmware(path, with_callback ? Recorder() : ProgressCallback()); });
@@ -79,8 +80,7 @@ class UpdateRunner {
       const std::string report = ReportText(current, total, static_cast<int>(status));
       {
         const std::lock_guard lock(mutex_);
-        calls_ = calls == 0 ? 1 : calls_ + 1;
-        EXPECT_EQ(++calls, calls_) << "not the callback that was given";
+        EXPECT_EQ(++calls, ++calls_) << "not the callback that was given";
         outcome_.reports += report;
       }
       if (on_report) on_report(report);
