@@ -41,17 +41,18 @@ struct HandOptions {
 
 /// What the examples know of a model.
 struct ModelTraits {
-  Model model;
+  std::size_t joints;
   int gestures;    ///< 0: it has none.
   int full_scale;  ///< The greatest position of a motor or a reading.
-  std::size_t joints;
+  Model model;
   bool has_motors;
 };
 
+/// By model.
 inline constexpr ModelTraits kModels[] = {
-    {Model::BRISA, 17, 4096, 10, true}, {Model::TESSEL, 4, 2000, 12, true},
-    {Model::QUILL, 0, 4096, 10, false}, {Model::LUMEN, 0, 4096, 4, true},
-    {Model::VANTA, 0, 4096, 20, true},
+    {10, 17, 4096, Model::BRISA, true}, {12, 4, 2000, Model::TESSEL, true},
+    {10, 0, 4096, Model::QUILL, false}, {4, 0, 4096, Model::LUMEN, true},
+    {20, 0, 4096, Model::VANTA, true},
 };
 
 inline Model ModelOf(const talvera::korvane::Korvane& hand) {
