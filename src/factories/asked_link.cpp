@@ -104,14 +104,9 @@ std::vector<std::string> CanInterfaces() {
 
 std::optional<Failure> PortProblem(const std::string& path) {
   struct stat status {};
-  int error = 0;
-  if (stat(path.c_str(), &status) != 0) {
-    error = errno;
-  } else if (!S_ISCHR(status.st_mode)) {
-    error = ENOTTY;
-  } else if (access(path.c_str(), R_OK | W_OK) != 0) {
-    error = errno;
-  }
+  const bool usable = stat(path.c_str(), &status) == 0 && access(path.c_str(), R_OK | W_OK) == 0;
+  int error = usable ? 0 : errno;
+  if (usable && !S_ISCHR(status.st_mode)) error = ENOTTY;
   if (error == 0) return std::nullopt;
   return NoLink(Compose("Failed to open USB serial port ", path, ": ", Reason(error)), error);
 }
