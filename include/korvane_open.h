@@ -53,11 +53,7 @@ enum class LinkKind : std::uint8_t {
 ///
 /// A plain value.
 struct KORVANE_EXPORT HandAddress {
-<<<<<<< HEAD
-  LinkKind link = LinkKind::SOCKET_CAN;       ///< The way to it.
-=======
   LinkKind link = LinkKind::SOCKET_CAN;       ///< Says which of the next members count.
->>>>>>> open
   std::string interface_name;                 ///< Of SOCKET_CAN.
   std::optional<std::uint8_t> adapter_index;  ///< Of ZLG and HCAN; without it the next one counts.
   std::string adapter_serial;                 ///< The serial number, or a part of it.
@@ -80,11 +76,7 @@ struct KORVANE_EXPORT HandAddress {
 
 /// Whether all that counts for their link is the same.
 KORVANE_EXPORT bool operator==(const HandAddress& a, const HandAddress& b);
-<<<<<<< HEAD
-/// Whether something that counts differs.
-=======
 /// The opposite.
->>>>>>> open
 inline bool operator!=(const HandAddress& a, const HandAddress& b) { return !(a == b); }
 
 /// The hand at an address, of the class of its model, once it has answered; settings are those of a
@@ -122,13 +114,8 @@ KORVANE_EXPORT Outcome<std::unique_ptr<KorvaneBase>> OpenHand(const HandAddress&
 /// A hand that answered.
 struct FoundHand {
   HandAddress address;         ///< With model and id; OpenHand takes it as it is.
-<<<<<<< HEAD
-  Model model = Model::BRISA;  ///< Which model it is.
-  std::uint8_t id = 0;         ///< The id that it answers by.
-=======
   Model model = Model::BRISA;  ///< That of the address.
   std::uint8_t id = 0;         ///< That of the address.
->>>>>>> open
   VendorInfo vendor;           ///< See PlainText.
 };
 
