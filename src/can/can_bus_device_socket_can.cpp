@@ -5,7 +5,6 @@
 #include <linux/can/raw.h>
 #include <net/if.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -32,8 +31,9 @@ CanfdFrame ToCanfdFrame(const canfd_frame& raw, std::size_t bytes_read) {
 }  // namespace
 
 CanBusDeviceSocketCan::CanBusDeviceSocketCan(const std::string& interface_name)
-    : interface_name_(interface_name), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  wake_receiver_ = [this] { eventfd_write(wake_.Get(), 1); };
+    : interface_name_(interface_name) {
+  wake_.Open();
+  wake_receiver_ = [this] { wake_.Signal(); };
   if (CanBusDeviceSocketCan::OpenDevice() == -1) {
     const std::string line = "[ERROR]: Failed to open SocketCAN device: " + interface_name_;
     LogError(line);
@@ -131,10 +131,9 @@ void CanBusDeviceSocketCan::RecvFrame() {
 void CanBusDeviceSocketCan::AwaitFrame() const {
   // The time-out is for a socket that is closed meanwhile.
   constexpr int kMostMs = 50;
-  pollfd watched[] = {{open_ ? socket_fd_ : -1, POLLIN, 0}, {wake_.Get(), POLLIN, 0}};
+  pollfd watched[] = {{open_ ? socket_fd_ : -1, POLLIN, 0}, {wake_.Descriptor(), POLLIN, 0}};
   poll(watched, std::size(watched), kMostMs);
-  eventfd_t count = 0;
-  if (watched[1].revents != 0) eventfd_read(wake_.Get(), &count);
+  if (watched[1].revents != 0) wake_.Clear();
 }
 
 /// An interface that was unregistered takes its sockets with it for good; one that is down may come
@@ -142,10 +141,6 @@ void CanBusDeviceSocketCan::AwaitFrame() const {
 void CanBusDeviceSocketCan::NoteError(int system_error) {
   system_error_ = system_error;
   if (system_error == ENODEV || system_error == ENXIO) counters_.link_lost = true;
-}
-
-CanBusDeviceSocketCan::Descriptor::~Descriptor() {
-  if (fd_ >= 0) close(fd_);
 }
 
 }  // namespace talvera::korvane

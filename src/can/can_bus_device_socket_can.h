@@ -4,6 +4,7 @@
 #include <string>
 
 #include "can/can_bus_device.h"
+#include "util/wake_event.h"
 
 namespace talvera::korvane {
 
@@ -26,19 +27,6 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   int socket_fd_ = -1;
 
  private:
-  /// A file descriptor, closed with the object that holds it.
-  class Descriptor {
-   public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor();
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return fd_; }
-
-   private:
-    int fd_;
-  };
-
   int FindInterface() const;
   /// Logs why the socket can't be had, and keeps it for those who ask later. Returns -1.
   int OpenFailed(const std::string& line);
@@ -53,7 +41,7 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   std::atomic<bool> open_{false};
 
   /// Readable when the receive thread is to look around.
-  Descriptor wake_;
+  WakeEvent wake_;
 };
 
 }  // namespace talvera::korvane

@@ -55,6 +55,10 @@ CanBusDeviceBase* CanLink::TransportOrFailure() const {
 
 void CanLink::RecordOpening() const {
   const OperationScope scope(diagnostics, "Open");
+  RecordNoLink();
+}
+
+void CanLink::RecordNoLink() const {
   const bool told = transport && !transport->open_failure_.empty();
   RecordFailure(diagnostics, FailureKind::NO_LINK, told ? transport->open_failure_ : "no transport",
                 transport ? transport->system_error_.load() : 0);

@@ -32,6 +32,8 @@ class CanLink {
 
   /// Records that the link couldn't be opened, as an operation of the thread that made the hand.
   void RecordOpening() const;
+  /// Records in silence that there is no open link, and why, as far as it is known.
+  void RecordNoLink() const;
 
   void ShowDataDetails(bool on) const;
   void SetRequestInterval(int ms);

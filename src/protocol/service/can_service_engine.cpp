@@ -68,10 +68,7 @@ void CanServiceEngine::Start(HandType hand_type, std::uint8_t device_id) {
 
 bool CanServiceEngine::CheckReady() const {
   if (hand_.connected && transport) return true;
-  const bool told = transport && !transport->open_failure_.empty();
-  RecordFailure(diagnostics, FailureKind::NO_LINK,
-                told ? transport->open_failure_ : "the link isn't open",
-                transport ? transport->system_error_.load() : 0);
+  RecordNoLink();
   return false;
 }
 
