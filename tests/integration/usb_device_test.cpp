@@ -250,6 +250,10 @@ TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitCountsByEvents) {
     if (!by_events) device_.frame_recv_timeout_ms_ = 10;
     EXPECT_EQ(device_.SendRequestWithReply(kPing.data(), kPing.size()), by_events);
   }
+  device_.tap_.Set(nullptr);
+  device_.SetReceiving(Receiving::BY_EVENTS);
+  device_.reply_received_ = true;
+  EXPECT_FALSE(device_.SendRequestWithReply(kPing.data(), kPing.size())) << "from before it";
 }
 
 TEST_F(UsbDevice, CountsAndShowsWhatGoesOverTheLine) {

@@ -151,6 +151,8 @@ struct Expectation {
   Names takes_anything = {};
 };
 
+void PrintTo(const Expectation& row, std::ostream* out) { *out << row.name; }
+
 const Names kPeriods = {"SetErrorReportPeriod",   "SetAllErrorReportPeriod",
                         "SetTemperReportPeriod",  "SetAllTemperReportPeriod",
                         "SetCurrentReportPeriod", "SetAllCurrentReportPeriod"};
