@@ -153,6 +153,7 @@ TEST_F(HandsOnOneUsbChannel, EachGetItsRepliesWhoeverReadsThem) {
       test::BePatient(*hands.back());
     }
     std::vector<std::thread> threads;
+    threads.reserve(hands.size());
     for (const AnyHand& hand : hands) threads.emplace_back([&] { ExpectAnswers(*hand, 300); });
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(err.Text().find("did not match"), std::string::npos) << "a frame that was taken";

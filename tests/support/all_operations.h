@@ -123,6 +123,7 @@ std::vector<HandOperation> OperationsOf(const std::vector<AnyOperation<Face>>& o
     return [call](KorvaneBase& hand) { call(dynamic_cast<Face&>(hand)); };
   };
   std::vector<HandOperation> same;
+  same.reserve(operations.size());
   for (const auto& [name, call, bad_call] : operations) {
     same.emplace_back(name, of_hand(call), of_hand(bad_call));
   }

@@ -19,7 +19,6 @@
 namespace talvera::korvane {
 namespace {
 
-using test::AnyOperation;
 using test::HandOperation;
 using Names = std::set<std::string>;
 

@@ -19,7 +19,7 @@ using testing::Pair;
 
 class LogSinkTest : public testing::Test {
  protected:
-  ~LogSinkTest() override { SetLogSink({}); }
+  void TearDown() override { SetLogSink({}); }
 
   LogSink Keeping() {
     return [this](LogLevel level, std::string_view line) { lines_.emplace_back(level, line); };
