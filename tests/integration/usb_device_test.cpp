@@ -176,7 +176,7 @@ TEST(UsbDevicePort, IsRefusedWhereItsDescriptorWouldBeTooLarge) {
   constexpr int kTooLarge = 1024;
   rlimit limit{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 2 * kTooLarge);
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, rlim_t{2} * kTooLarge);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   PseudoTerminal line;
   std::vector<int> files{dup(STDIN_FILENO)};
