@@ -158,12 +158,14 @@ int CanBusDeviceBase::SendRequestWithoutReply(const CanfdFrame& frame) {
 }
 
 int CanBusDeviceBase::Transmit(CanfdFrame frame) {
-  const int result = SendFrame(frame.can_id, frame.data, frame.len);
-  if (result == -1) {
-    ++counters_.send_failures;
-  } else {
-    tap_.Show(true, frame.can_id, frame.data, std::min(frame.len, kMaxPayload));
-  }
+  const CanfdFrame shown = frame;
+  int result = -1;
+  const auto send = [&] {
+    result = SendFrame(frame.can_id, frame.data, frame.len);
+    return result != -1;
+  };
+  tap_.SendAndShow(send, shown.can_id, shown.data, std::min(shown.len, kMaxPayload));
+  if (result == -1) ++counters_.send_failures;
   return result;
 }
 
@@ -346,7 +348,7 @@ bool CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& ru
   } else {
     LogFrame(" RCV: ", frame);
   }
-  tap_.Show(false, frame.can_id & kCanIdMask, frame.data, frame.len);
+  tap_.ShowInTurn(frame.can_id & kCanIdMask, frame.data, frame.len);
   if (rules.process_every_frame) HandOver(frame);
   bool matched = true;
   Guarded("RecvFrame", [&] { matched = StoreReply(frame, rules); });

@@ -29,6 +29,23 @@ class FrameTap {
     if (function) (*function)({sent, std::chrono::system_clock::now(), id, data, size});
   }
 
+  /// Shows a received frame, not before what SendAndShow is about to show.
+  void ShowInTurn(std::uint32_t id, const std::uint8_t* data, std::size_t size) const {
+    if (!is_set_.load(std::memory_order_relaxed)) return;
+    const std::lock_guard turn(order_);
+    Show(false, id, data, size);
+  }
+
+  /// Sends by `send`, and shows the frame if that returns true: before its reply, however quick
+  /// that is.
+  template <class Send>
+  void SendAndShow(const Send& send, std::uint32_t id, const std::uint8_t* data,
+                   std::size_t size) const {
+    if (!is_set_.load(std::memory_order_relaxed)) return static_cast<void>(send());
+    const std::lock_guard turn(order_);
+    if (send()) Show(true, id, data, size);
+  }
+
  private:
   std::shared_ptr<const Function> Current() const {
     const std::lock_guard lock(mutex_);
@@ -36,6 +53,7 @@ class FrameTap {
   }
 
   std::atomic<bool> is_set_{false};
+  mutable std::mutex order_;
   mutable std::mutex mutex_;
   std::shared_ptr<const Function> function_;
 };

@@ -195,7 +195,8 @@ TEST_F(SocketCanOnTheKernel, LeavesNothingBehindAfterManyHands) {
   for (int i = 0; i < test::kManyCycles; ++i) ASSERT_EQ(cycle(), 4096) << i;
   const auto after = MeasureResources();
   EXPECT_EQ(after.descriptors, before.descriptors);
-  EXPECT_EQ(after.threads, before.threads);
+  // A thread that was joined may still be listed for a moment, now or before.
+  EXPECT_LE(after.threads, before.threads + 1);
   EXPECT_LE(after.heap_bytes, before.heap_bytes + 4096);
 }
 
