@@ -10,6 +10,7 @@
 #include "korvane.h"
 #include "korvane_diagnostics.h"
 #include "korvane_export.h"
+#include "korvane_model.h"
 #include "korvane_types.h"
 
 /// Hands by a text such as "can0:tessel:2", finding those that are there, and asking a hand which
@@ -17,12 +18,6 @@
 ///
 /// Everything here only reads from hands: nothing moves, and no setting changes.
 namespace talvera::korvane {
-
-/// The models, by Korvane::model_code.
-enum class Model : std::uint8_t { BRISA = 0, TESSEL = 1, QUILL = 2, LUMEN = 3, VANTA = 4 };
-
-/// "brisa" and the like.
-KORVANE_EXPORT const char* ToString(Model model);
 
 /// The ways to a hand.
 enum class LinkKind : std::uint8_t {
@@ -133,6 +128,10 @@ struct FindOptions {
   /// How long answers are waited for behind the last question, on each channel and twice. On a
   /// serial port at least 100 ms.
   std::chrono::milliseconds answer_time{100};
+  /// Only these links are looked at if there are any here, whatever `links` and `serial_ports` say:
+  /// "can0", "zlg:0.1", "serial:/dev/ttyUSB0@115200". Of an address with an id only that id is
+  /// asked; its model doesn't matter.
+  std::vector<HandAddress> places;
 };
 
 /// What FindHands found.

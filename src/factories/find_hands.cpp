@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "can/hcan_device.h"
 #include "can/zlg_usbcanfd_device.h"
@@ -58,6 +59,10 @@ class Finder {
   }
 
   FindResult Find() {
+    if (!options_.places.empty()) {
+      for (const HandAddress& place : options_.places) AskPlace(place);
+      return std::move(result_);
+    }
     if (IsAsked(LinkKind::SOCKET_CAN)) AskInterfaces();
     if (IsAsked(LinkKind::ZLG)) AskAdapters(LinkKind::ZLG, &ZlgAdapters);
     if (IsAsked(LinkKind::HCAN)) AskAdapters(LinkKind::HCAN, &HcanAdapters);
@@ -105,6 +110,17 @@ class Finder {
     }
   }
 
+  void AskPlace(HandAddress place) {
+    place.model.reset();
+    const auto checked = HandAddress::Parse(place.ToString());
+    if (!checked) return AddNotAsked(checked.failure());
+    if (place.link == LinkKind::SERIAL) return AskOnePort(place);
+    if (!place.id) return AskChannel(place);
+    const std::vector<std::uint8_t> all = std::exchange(ids_, {*place.id});
+    AskChannel(place);
+    ids_ = all;
+  }
+
   void AskUnlessInUse(const HandAddress& address, bool in_use) {
     if (!in_use) return AskChannel(address);
     AddNotAsked({FailureKind::NO_LINK, "",
@@ -133,17 +149,18 @@ class Finder {
         if (std::find(ports.begin(), ports.end(), port) == ports.end()) ports.push_back(port);
       }
     }
-    for (const std::string& port : ports) AskOnePort(port);
+    for (const std::string& port : ports) {
+      HandAddress address;
+      address.link = LinkKind::SERIAL;
+      address.port = port;
+      address.baud = options_.baud;
+      const auto checked = HandAddress::Parse(address.ToString());
+      checked ? AskOnePort(address) : AddNotAsked(checked.failure());
+    }
   }
 
-  void AskOnePort(const std::string& port) {
-    HandAddress address;
-    address.link = LinkKind::SERIAL;
-    address.port = port;
-    address.baud = options_.baud;
-    const auto checked = HandAddress::Parse(address.ToString());
-    if (!checked) return AddNotAsked(checked.failure());
-    const std::chrono::milliseconds read_time(kSerialReadBits * 1000 / options_.baud);
+  void AskOnePort(const HandAddress& address) {
+    const std::chrono::milliseconds read_time(kSerialReadBits * 1000 / address.baud);
     const auto answer =
         AskPort(address, std::max(options_.answer_time, kLeastSerialAnswerTime + read_time));
     if (answer) {

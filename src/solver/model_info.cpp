@@ -1,0 +1,125 @@
+#include <algorithm>
+#include <cstddef>
+
+#include "korvane_brisa_solver.h"
+#include "korvane_model.h"
+#include "korvane_tessel_solver.h"
+
+namespace talvera::korvane {
+namespace {
+
+/// A joint before its limits are known, which are those of a solver.
+struct JointRow {
+  const char* name;
+  int active_index;
+};
+
+constexpr int kCoupled = -1;
+
+/// In the order of br7::KorvaneBrisaSolver::GetAllJointPos.
+constexpr JointRow kBrisaJoints[] = {
+    {"thumb_1", 0},
+    {"thumb_2", 1},
+    {"thumb_3", 2},
+    {"thumb_4", kCoupled},
+    {"thumb_5", kCoupled},
+    {"index_sideways", 3},
+    {"index_flexion", 4},
+    {"index_distal", kCoupled},
+    {"middle_flexion", 5},
+    {"middle_distal", kCoupled},
+    {"ring_sideways", 6},
+    {"ring_flexion", 7},
+    {"ring_distal", kCoupled},
+    {"little_sideways", 8},
+    {"little_flexion", 9},
+    {"little_distal", kCoupled},
+};
+
+/// In the order of ts9::KorvaneTesselSolver::GetAllJointPos.
+constexpr JointRow kTesselJoints[] = {
+    {"thumb_1", 0},
+    {"thumb_2", 1},
+    {"thumb_3", 2},
+    {"thumb_4", 3},
+    {"thumb_5", kCoupled},
+    {"index_sideways", 4},
+    {"index_flexion", 5},
+    {"index_middle", 6},
+    {"index_distal", kCoupled},
+    {"middle_sideways", 7},
+    {"middle_flexion", 8},
+    {"middle_middle", 9},
+    {"middle_distal", kCoupled},
+    {"ring_flexion", 10},
+    {"ring_middle", kCoupled},
+    {"ring_distal", kCoupled},
+    {"little_flexion", 11},
+    {"little_middle", kCoupled},
+    {"little_distal", kCoupled},
+};
+
+/// Coupled joints follow curves, so that their limits are looked for all along the way.
+constexpr int kSteps = 100;
+
+template <class Solver>
+std::vector<double> Between(const Solver& solver, int step) {
+  std::vector<double> active = solver.joint_min;
+  for (std::size_t i = 0; i < active.size(); ++i) {
+    active[i] += (solver.joint_max[i] - solver.joint_min[i]) * step / kSteps;
+  }
+  return active;
+}
+
+template <class Solver, std::size_t count>
+std::vector<JointInfo> Joints(const JointRow (&rows)[count], const Solver& solver) {
+  std::vector<JointInfo> joints;
+  const std::vector<double> start = solver.GetAllJointPos(solver.joint_min);
+  for (std::size_t i = 0; i < count; ++i) {
+    const bool active = rows[i].active_index != kCoupled;
+    joints.push_back({rows[i].name, start[i], start[i], rows[i].active_index, active});
+  }
+  for (int step = 1; step <= kSteps; ++step) {
+    const std::vector<double> angles = solver.GetAllJointPos(Between(solver, step));
+    for (std::size_t i = 0; i < count; ++i) {
+      joints[i].lower = std::min(joints[i].lower, angles[i]);
+      joints[i].upper = std::max(joints[i].upper, angles[i]);
+    }
+  }
+  for (JointInfo& joint : joints) {
+    if (joint.active_index == kCoupled) continue;
+    const auto active = static_cast<std::size_t>(joint.active_index);
+    joint.lower = solver.joint_min[active];
+    joint.upper = solver.joint_max[active];
+  }
+  return joints;
+}
+
+}  // namespace
+
+const std::vector<ModelInfo>& AllModels() {
+  static const std::vector<ModelInfo> models{
+      {Model::BRISA, "brisa", "KorvaneBrisa", 10, true, 4096, 17, true, true},
+      {Model::TESSEL, "tessel", "KorvaneTessel", 12, true, 2000, 4, false, false},
+      {Model::QUILL, "quill", "KorvaneQuill", 10, false, 4096, 0, false, false},
+      {Model::LUMEN, "lumen", "KorvaneLumen", 4, true, 4096, 0, true, false},
+      {Model::VANTA, "vanta", "KorvaneVanta", 20, true, 4096, 0, false, false},
+  };
+  return models;
+}
+
+const ModelInfo& InfoOf(Model model) {
+  const auto index = static_cast<std::size_t>(model);
+  return AllModels()[index < AllModels().size() ? index : 0];
+}
+
+std::vector<JointInfo> JointsOf(Model model, HandType side) {
+  const bool mirrored = side == HandType::LEFT;
+  if (model == Model::BRISA) return Joints(kBrisaJoints, br7::KorvaneBrisaSolver(mirrored));
+  if (model != Model::TESSEL) return {};
+  auto joints = Joints(kTesselJoints, ts9::KorvaneTesselSolver(mirrored));
+  joints.front().can_be_commanded = !mirrored;
+  return joints;
+}
+
+}  // namespace talvera::korvane

@@ -1,0 +1,106 @@
+#include <fmt/format.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "terminal.h"
+#include "tool.h"
+
+namespace korvane_tool {
+namespace {
+
+namespace kv = talvera::korvane;
+
+Json ToJson(const kv::FoundHand& hand) {
+  Json json = korvane_tool::ToJson(hand.address);
+  json.erase("side");  // a hand doesn't tell
+  json["product_model"] = kv::PlainText(hand.vendor.product_model);
+  json["serial_number"] = kv::PlainText(hand.vendor.serial_number);
+  json["firmware"] = hand.vendor.software_version.ToString();
+  json["hardware"] = hand.vendor.hardware_version.ToString();
+  return json;
+}
+
+class Find : public Command {
+ public:
+  explicit Find(CLI::App& options) {
+    options
+        .add_option("place", places_,
+                    "Only these links, such as can0, zlg:0.1 or serial:/dev/ttyS0")
+        ->type_name("LINK");
+    options.add_option("--link", links_, "Only links of this kind (socketcan, zlg, hcan, serial), repeatable")
+        ->transform(CLI::CheckedTransformer(Kinds()).description(""))
+        ->type_name("KIND")
+        ->allow_extra_args(false);
+    options.add_option("--baud", options_.baud, "Bits per second of serial ports")
+        ->check(CLI::Range(300, 12'000'000))
+        ->type_name("RATE")
+        ->capture_default_str();
+    options.add_option("--wait", wait_ms_, "How long answers are waited for, in ms")
+        ->check(CLI::Range(1, 10'000))
+        ->type_name("MS")
+        ->capture_default_str();
+  }
+
+  int Run(Tool& tool) override {
+    const auto found = FindHands(Wanted(tool));
+    Json document{{"hands", Json::array()}, {"not_asked", Json::array()}};
+    for (const auto& hand : found.hands) document["hands"].push_back(ToJson(hand));
+    for (const Failure& failure : found.not_asked) {
+      document["not_asked"].push_back(korvane_tool::ToJson(failure));
+    }
+    tool.PrintJson(document);
+    tool.Print(Text(found));
+    if (!found.hands.empty()) return kDone;
+    return found.not_asked.empty() ? kNobody : StatusOf(found.not_asked.front());
+  }
+
+ private:
+  static std::map<std::string, LinkKind> Kinds() {
+    return {{"socketcan", LinkKind::SOCKET_CAN},
+            {"zlg", LinkKind::ZLG},
+            {"hcan", LinkKind::HCAN},
+            {"serial", LinkKind::SERIAL}};
+  }
+
+  kv::FindOptions Wanted(const Tool& tool) {
+    options_.links = links_;
+    options_.answer_time = std::chrono::milliseconds(wait_ms_);
+    std::vector<std::string> places = places_;
+    places.insert(places.end(), tool.options.hands.begin(), tool.options.hands.end());
+    for (const std::string& place : places) {
+      options_.places.push_back(Need(HandAddress::Parse(place)));
+    }
+    return options_;
+  }
+
+  static std::string Text(const kv::FindResult& found) {
+    TextTable table({"ADDRESS", "PRODUCT", "SERIAL NUMBER", "FIRMWARE"});
+    for (const auto& hand : found.hands) {
+      table.Add({hand.address.ToString(), kv::PlainText(hand.vendor.product_model),
+                 kv::PlainText(hand.vendor.serial_number),
+                 hand.vendor.software_version.ToString()});
+    }
+    std::string text = table.IsEmpty() ? "No hand answered.\n" : table.ToString();
+    if (!found.not_asked.empty()) text += "\nNot asked:\n";
+    for (const Failure& failure : found.not_asked) {
+      text += "  " + WithoutLevel(failure.text) + "\n";
+      const std::string advice = AdviceOn(failure);
+      if (!advice.empty()) text += "    " + Coloured(advice, Colour::DIM) + "\n";
+    }
+    return text;
+  }
+
+  kv::FindOptions options_;
+  std::vector<std::string> places_;
+  std::vector<LinkKind> links_;
+  int wait_ms_ = 100;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> MakeFind(CLI::App& options) { return std::make_unique<Find>(options); }
+
+}  // namespace korvane_tool

@@ -1,0 +1,127 @@
+#include "quantities.h"
+
+#include <fmt/format.h>
+#include <ibr7_tactile_sensor_1d.h>
+#include <korvane_brisa.h>
+#include <korvane_tessel.h>
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+namespace korvane_tool {
+namespace {
+
+using talvera::korvane::Finger;
+using talvera::korvane::IBR7TactileSensor1D;
+using talvera::korvane::KorvaneBrisa;
+using talvera::korvane::KorvaneTessel;
+using talvera::korvane::TactileSensorData;
+using Touch = std::vector<TactileSensorData>;
+
+/// What an operation for all motors returns, as numbers.
+template <auto operation>
+std::vector<double> Get(const KorvaneBase& hand) {
+  const auto values = (hand.*operation)();
+  return {values.begin(), values.end()};
+}
+
+Touch ReadFingertips(const KorvaneTessel& hand) {
+  Touch sensors;
+  for (int number = 1; number <= 5; ++number) {
+    const auto finger = static_cast<Finger>(number);
+    const auto record = hand.GetTactileSensor3DData(finger);
+    sensors.push_back({finger, {std::begin(record.data), std::end(record.data)}});
+  }
+  return sensors;
+}
+
+/// Replies of several frames reach a hand on SocketCAN and ZLG only.
+bool CarriesArrays(LinkKind link) { return link == LinkKind::SOCKET_CAN || link == LinkKind::ZLG; }
+
+}  // namespace
+
+const std::vector<Quantity>& AllQuantities() {
+  static const std::vector<Quantity> quantities{
+      {"positions", "position", "", &Get<&KorvaneBase::GetAllJointMotorPosi>},
+      {"angles", "angle", "rad", &Get<&KorvaneBase::GetAllJointAngles>},
+      {"velocities", "velocity", "", &Get<&KorvaneBase::GetAllJointMotorVelo>},
+      {"currents", "current", "", &Get<&KorvaneBase::GetAllCurrentReport>},
+      {"temperatures", "temperature", "", &Get<&KorvaneBase::GetAllTemperatureReport>},
+      {"errors", "errors", "", &Get<&KorvaneBase::GetAllErrorReport>},
+      {"control_modes", "mode", "", &Get<&KorvaneBase::GetAllControlMode>},
+      {"thresholds", "threshold", "", &Get<&KorvaneBase::GetAllCurrentThreshold>},
+  };
+  return quantities;
+}
+
+const Quantity& QuantityNamed(const std::string& key) {
+  std::string keys;
+  for (const Quantity& quantity : AllQuantities()) {
+    if (key == quantity.key) return quantity;
+    keys += std::string(keys.empty() ? "" : ", ") + quantity.key;
+  }
+  throw ToolError(kUsage, fmt::format("nothing is called {}; there are {}", key, keys));
+}
+
+Outcome<std::vector<double>> Read(const OpenedHand& hand, const Quantity& quantity) {
+  auto values = Checked(std::as_const(*hand.hand), quantity.get);
+  if (!values) return values;
+  const auto joints = talvera::korvane::JointsOf(hand.Info().model, hand.address.side).size();
+  const auto wanted = std::string(quantity.key) == "angles"
+                          ? joints
+                          : static_cast<std::size_t>(hand.Info().positions);
+  if (values->size() > wanted) values->resize(wanted);
+  return values;
+}
+
+std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& hand,
+                                 std::size_t count) {
+  const auto joints = talvera::korvane::JointsOf(hand.Info().model, hand.address.side);
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < count; ++i) {
+    const bool is_joint = std::string(quantity.key) == "angles" && i < joints.size();
+    names.push_back(is_joint ? joints[i].name : std::to_string(i + 1));
+  }
+  return names;
+}
+
+bool HasTouch(const OpenedHand& hand) {
+  return dynamic_cast<const KorvaneTessel*>(hand.hand.get()) != nullptr ||
+         dynamic_cast<const IBR7TactileSensor1D*>(hand.hand.get()) != nullptr;
+}
+
+Outcome<Touch> ReadTouch(const OpenedHand& hand) {
+  return Checked(*hand, [&](const KorvaneBase& h) -> Touch {
+    if (const auto* const tessel = dynamic_cast<const KorvaneTessel*>(&h)) {
+      return ReadFingertips(*tessel);
+    }
+    const auto* const brisa = dynamic_cast<const KorvaneBrisa*>(&h);
+    if (brisa != nullptr && !CarriesArrays(hand.address.link)) {
+      return brisa->GetAllTactileSensorData();
+    }
+    const auto* const sensors = dynamic_cast<const IBR7TactileSensor1D*>(&h);
+    return sensors == nullptr ? Touch() : sensors->GetAllTactileSensorDataRaw();
+  });
+}
+
+const char* NameOf(Finger finger) {
+  constexpr std::array<const char*, 8> kNames = {"?",    "thumb",  "index", "middle",
+                                                 "ring", "little", "palm",  "dorsum"};
+  const auto index = static_cast<std::size_t>(finger);
+  return index < kNames.size() ? kNames[index] : kNames[0];
+}
+
+std::string ErrorNames(unsigned errors) {
+  constexpr std::array<const char*, 5> kBits = {"stalled", "overheated", "overcurrent",
+                                                "motor fault", "communication fault"};
+  std::string names;
+  for (unsigned bit = 0; bit < 16; ++bit) {
+    if ((errors >> bit & 1U) == 0) continue;
+    const std::string name = bit < kBits.size() ? kBits[bit] : fmt::format("bit {}", bit);
+    names += (names.empty() ? "" : ", ") + name;
+  }
+  return names;
+}
+
+}  // namespace korvane_tool

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <korvane.h>
+#include <korvane_types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tool.h"
+
+// What can be read of any hand, as rows of a table: what shows, records or publishes values goes
+// through these rows and leaves out what a model doesn't have.
+
+namespace korvane_tool {
+
+/// One reading of a whole hand: a value for each motor, or for each joint.
+struct Quantity {
+  const char* key;    ///< Its name in documents and options, such as "positions".
+  const char* title;  ///< For people.
+  const char* unit;   ///< "rad"; empty where it is the hand's own.
+  std::vector<double> (*get)(const KorvaneBase& hand);
+};
+
+/// positions, angles, velocities, currents, temperatures, errors, control_modes, thresholds
+const std::vector<Quantity>& AllQuantities();
+/// The row of that key. Throws a usage error that lists the keys if there is none.
+const Quantity& QuantityNamed(const std::string& key);
+
+/// The values, without what the bus pads. NOT_SUPPORTED if the model lacks them.
+Outcome<std::vector<double>> Read(const OpenedHand& hand, const Quantity& quantity);
+
+/// The names of the values: those of the joints for angles, "1", "2" ... for what motors have.
+std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& hand,
+                                 std::size_t count);
+
+/// Whether the model has tactile sensors.
+bool HasTouch(const OpenedHand& hand);
+
+/// The cells of all tactile sensors, one byte a cell: the whole arrays, or a summary of each where
+/// the link cuts arrays short or isn't made for them. A Tessel's fingertips are opaque bytes.
+Outcome<std::vector<talvera::korvane::TactileSensorData>> ReadTouch(const OpenedHand& hand);
+
+/// "thumb" and the like.
+const char* NameOf(talvera::korvane::Finger finger);
+
+/// The names of the bits of an error word, with commas; empty if none is set.
+std::string ErrorNames(unsigned errors);
+
+}  // namespace korvane_tool

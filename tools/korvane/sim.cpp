@@ -1,0 +1,59 @@
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "tool.h"
+
+namespace korvane_tool {
+namespace {
+
+/// The program beside this one; otherwise whichever PATH has.
+std::string Simulator() {
+  std::array<char, PATH_MAX> self{};
+  const auto length = readlink("/proc/self/exe", self.data(), self.size() - 1);
+  std::string path(self.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+  path.erase(path.rfind('/') + 1);
+  path += "korvane-sim";
+  return access(path.c_str(), X_OK) == 0 ? path : "korvane-sim";
+}
+
+class Sim : public Command {
+ public:
+  explicit Sim(CLI::App& options) {
+    options.prefix_command();  // everything behind it is korvane-sim's
+    options.set_help_flag();
+    options.footer("All arguments are those of korvane-sim; `korvane sim --help` shows its help.");
+    remaining_ = &options;
+  }
+
+  int Run(Tool&) override {
+    std::vector<std::string> arguments = remaining_->remaining();
+    const std::string program = Simulator();
+    arguments.insert(arguments.begin(), program);
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    std::fflush(stdout);
+    execvp(program.c_str(), pointers.data());
+    throw ToolError(kFailed, fmt::format("{} can't be started: {}; it comes with the package "
+                                         "korvane-sim",
+                                         program, std::strerror(errno)));
+  }
+
+ private:
+  CLI::App* remaining_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> MakeSim(CLI::App& options) { return std::make_unique<Sim>(options); }
+
+}  // namespace korvane_tool

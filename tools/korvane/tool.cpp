@@ -1,0 +1,160 @@
+#include "tool.h"
+
+#include <fmt/format.h>
+#include <korvane_link.h>
+#include <korvane_log.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace korvane_tool {
+namespace {
+
+namespace kv = talvera::korvane;
+
+/// OpenHand refuses where another model answers and where several hands do: asks again who is there
+/// to know which.
+ExitStatus StatusOfRefusal(const HandAddress& address) {
+  kv::FindOptions options;
+  options.places = {address};
+  const auto found = FindHands(options).hands;
+  const auto meant = std::count_if(found.begin(), found.end(), [&](const kv::FoundHand& hand) {
+    return !address.model || hand.model == *address.model;
+  });
+  return meant > 1 ? kSeveral : kOtherModel;
+}
+
+void WriteLibraryLine(kv::LogLevel, std::string_view line) { fmt::print(stderr, "{}\n", line); }
+
+}  // namespace
+
+ExitStatus StatusOf(const Failure& failure) {
+  switch (failure.kind) {
+    case FailureKind::NONE:
+      return kDone;
+    case FailureKind::BAD_ARGUMENT:
+      return kUsage;
+    case FailureKind::NO_LINK:
+    case FailureKind::SEND_FAILED:
+      return kNoLink;
+    case FailureKind::NO_REPLY:
+      return kNobody;
+    case FailureKind::NOT_SUPPORTED:
+    case FailureKind::BAD_REPLY:
+    case FailureKind::REFUSED:
+      return kFailed;
+  }
+  return kFailed;
+}
+
+void AddCommonOptions(CLI::App& app, CommonOptions& options) {
+  constexpr const char* kGroup = "Common options";
+  app.add_option("-H,--hand", options.hands,
+                 "Address of the hand, such as can0:tessel:2 or serial:/dev/ttyUSB0; otherwise "
+                 "$KORVANE_HAND")
+      ->type_name("ADDRESS")
+      ->allow_extra_args(false)
+      ->group(kGroup);
+  app.add_option("--timeout", options.timeout_ms, "How long a reply is waited for, in ms")
+      ->check(CLI::Range(10, 1000))
+      ->type_name("MS")
+      ->group(kGroup);
+  app.add_flag("--json", options.json, "One JSON document in place of text")->group(kGroup);
+  app.add_flag("-q,--quiet", options.quiet, "Nothing but errors")->group(kGroup);
+  app.add_flag("-v,--verbose", options.verbose, "Show the library's own lines")->group(kGroup);
+}
+
+void Tool::Begin() {
+  if (options.hands.empty()) {
+    if (const char* const named = std::getenv("KORVANE_HAND"); named != nullptr && *named != '\0') {
+      options.hands.emplace_back(named);
+    }
+  }
+  kv::SetLogSink(options.verbose ? kv::LogSink(WriteLibraryLine) : kv::SilentLog());
+  kv::SetDefaultReceiving(kv::Receiving::BY_EVENTS);
+}
+
+std::vector<HandAddress> Tool::Addresses() const {
+  if (options.hands.empty()) {
+    throw ToolError(kUsage,
+                    "which hand? Name it with -H ADDRESS or in KORVANE_HAND; `korvane find` lists "
+                    "those that are there");
+  }
+  std::vector<HandAddress> addresses;
+  for (const std::string& text : options.hands) addresses.push_back(Need(HandAddress::Parse(text)));
+  return addresses;
+}
+
+HandAddress Tool::Address() const {
+  const auto addresses = Addresses();
+  if (addresses.size() > 1) throw ToolError(kUsage, "this command takes one hand at a time");
+  return addresses.front();
+}
+
+OpenedHand Tool::Open(const HandAddress& address) const {
+  auto hand = OpenHand(address);
+  if (!hand) {
+    const bool refused = hand.failure().kind == FailureKind::REFUSED;
+    throw ToolError(refused ? StatusOfRefusal(address) : StatusOf(hand.failure()), hand.failure());
+  }
+  if (options.timeout_ms != 0) (*hand)->SetFrameRecvTimeout(options.timeout_ms);
+  OpenedHand opened{address, *std::move(hand)};
+  opened.address.model = static_cast<Model>(opened->model_code);
+  opened.address.id = opened->device_id;
+  return opened;
+}
+
+void Tool::Print(const std::string& text) const {
+  if (Talks()) std::fputs(text.c_str(), stdout);
+}
+
+void Tool::PrintJson(const Json& document) const {
+  if (options.json) {
+    fmt::print("{}\n", document.dump(2, ' ', false, Json::error_handler_t::replace));
+  }
+}
+
+void Tool::Warn(const std::string& text) const {
+  if (!options.quiet) fmt::print(stderr, "korvane: {}\n", text);
+}
+
+int Tool::Report(const ToolError& error) const {
+  std::fflush(stdout);
+  fmt::print(stderr, "korvane: {}\n", WithoutLevel(error.what()));
+  const bool failed = error.Cause().kind != FailureKind::NONE;
+  const std::string advice = failed ? AdviceOn(error.Cause()) : "";
+  if (!advice.empty()) fmt::print(stderr, "{}\n", advice);
+  Json document{{"error", failed ? ToJson(error.Cause()) : Json{{"text", error.what()}}}};
+  document["error"]["status"] = error.Status();
+  PrintJson(document);
+  return error.Status();
+}
+
+std::string WithoutLevel(std::string text) {
+  for (const std::string_view level : {"[ERROR]: ", "[WARN]: ", "[INFO]: "}) {
+    const auto at = text.find(level);
+    if (at != std::string::npos) text.erase(at, level.size());
+  }
+  return text;
+}
+
+Json ToJson(const HandAddress& address) {
+  Json json{{"address", address.ToString()}};
+  json["model"] = address.model ? Json(ToString(*address.model)) : Json();
+  json["id"] = address.id ? Json(*address.id) : Json();
+  json["side"] = address.side == kv::HandType::LEFT ? "left" : "right";
+  return json;
+}
+
+Json ToJson(const Failure& failure) {
+  return {{"kind", ToString(failure.kind)},
+          {"operation", failure.operation},
+          {"text", WithoutLevel(failure.text)},
+          {"advice", AdviceOn(failure)},
+          {"system_error", failure.system_error}};
+}
+
+}  // namespace korvane_tool
