@@ -26,6 +26,7 @@ struct CommandRow {
   const char* name;
   const char* summary;
   std::unique_ptr<Command> (*make)(CLI::App& options);
+  bool takes_common_options = true;  ///< As all do that have to do with hands.
 };
 
 /// The commands in the order of the help.

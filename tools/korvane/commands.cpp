@@ -6,8 +6,8 @@ const std::vector<CommandRow>& AllCommands() {
   static const std::vector<CommandRow> rows{
       {"find", "List the hands that are there, on every link", &MakeFind},
       {"info", "Tell what a hand is and how it is", &MakeInfo},
-      {"sim", "Start simulated hands, by korvane-sim", &MakeSim},
-      {"completion", "Print the completion of a shell", &MakeCompletion},
+      {"sim", "Start simulated hands, by korvane-sim", &MakeSim, false},
+      {"completion", "Print the completion of a shell", &MakeCompletion, false},
   };
   return rows;
 }

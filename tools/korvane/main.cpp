@@ -41,6 +41,7 @@ std::vector<Made> MakeCommands(CLI::App& app, Tool& tool) {
   for (const CommandRow& row : AllCommands()) {
     CLI::App* const sub = app.add_subcommand(row.name, row.summary);
     commands.push_back({sub, row.make(*sub)});
+    if (!row.takes_common_options) continue;
     const auto nested = sub->get_subcommands([](CLI::App*) { return true; });
     if (nested.empty()) AddCommonOptions(*sub, tool.options);
     for (CLI::App* const leaf : nested) AddCommonOptions(*leaf, tool.options);
