@@ -46,9 +46,8 @@ constexpr const char* kNobodyAcknowledges =
     "nobody on the bus acknowledges: is the hand powered, the cable in, the bus terminated at both "
     "ends, and are the bit rates 1 and 5 Mbit/s?";
 constexpr const char* kNobodyAnswers =
-    "is the hand powered, on this bus or port, and is this its id? korvane_open.h finds hands "
-    "whose "
-    "id nobody knows; on a busy machine raise the receive time-out";
+    "is the hand powered, on this bus or port, and is this its id? `korvane find` (FindHands in a "
+    "program) lists the hands that are there; on a busy machine raise the receive time-out";
 
 constexpr const char* kInterfaceDown = "the interface is down: sudo ip link set INTERFACE up";
 constexpr const char* kNoCanFd =

@@ -6,6 +6,11 @@ const std::vector<CommandRow>& AllCommands() {
   static const std::vector<CommandRow> rows{
       {"find", "List the hands that are there, on every link", &MakeFind},
       {"info", "Tell what a hand is and how it is", &MakeInfo},
+      {"watch", "Show a hand live: joints, currents, temperatures, errors, touch", &MakeWatch},
+      {"move", "Move motors, joints or the whole hand, within its limits", &MakeMove},
+      {"record", "Record what a hand tells, or the frames of its link", &MakeRecord},
+      {"replay", "Play a recording on a hand", &MakeReplay},
+      {"bench", "Measure round trips to a hand", &MakeBench},
       {"sim", "Start simulated hands, by korvane-sim", &MakeSim, false},
       {"completion", "Print the completion of a shell", &MakeCompletion, false},
   };

@@ -10,6 +10,11 @@ namespace korvane_tool {
 
 std::unique_ptr<Command> MakeFind(CLI::App& options);
 std::unique_ptr<Command> MakeInfo(CLI::App& options);
+std::unique_ptr<Command> MakeWatch(CLI::App& options);
+std::unique_ptr<Command> MakeMove(CLI::App& options);
+std::unique_ptr<Command> MakeRecord(CLI::App& options);
+std::unique_ptr<Command> MakeReplay(CLI::App& options);
+std::unique_ptr<Command> MakeBench(CLI::App& options);
 std::unique_ptr<Command> MakeSim(CLI::App& options);
 std::unique_ptr<Command> MakeCompletion(CLI::App& options);
 

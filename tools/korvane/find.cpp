@@ -30,7 +30,9 @@ class Find : public Command {
         .add_option("place", places_,
                     "Only these links, such as can0, zlg:0.1 or serial:/dev/ttyS0")
         ->type_name("LINK");
-    options.add_option("--link", links_, "Only links of this kind (socketcan, zlg, hcan, serial), repeatable")
+    options
+        .add_option("--link", links_,
+                    "Only links of this kind (socketcan, zlg, hcan, serial), repeatable")
         ->transform(CLI::CheckedTransformer(Kinds()).description(""))
         ->type_name("KIND")
         ->allow_extra_args(false);
@@ -86,7 +88,7 @@ class Find : public Command {
     std::string text = table.IsEmpty() ? "No hand answered.\n" : table.ToString();
     if (!found.not_asked.empty()) text += "\nNot asked:\n";
     for (const Failure& failure : found.not_asked) {
-      text += "  " + WithoutLevel(failure.text) + "\n";
+      text += "  " + PlainText(failure) + "\n";
       const std::string advice = AdviceOn(failure);
       if (!advice.empty()) text += "    " + Coloured(advice, Colour::DIM) + "\n";
     }

@@ -33,7 +33,7 @@ void AddQuantities(const OpenedHand& hand, Json& document) {
   for (const Quantity& quantity : AllQuantities()) {
     const auto values = Read(hand, quantity);
     if (values) {
-      document[quantity.key] = *values;
+      document[quantity.key] = NumbersOf(*values);
     } else if (values.failure().kind != FailureKind::NOT_SUPPORTED) {
       document["failures"].push_back(ToJson(values.failure()));
     }

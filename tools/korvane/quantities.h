@@ -44,6 +44,10 @@ Outcome<std::vector<talvera::korvane::TactileSensorData>> ReadTouch(const Opened
 /// "thumb" and the like.
 const char* NameOf(talvera::korvane::Finger finger);
 
+/// As JSON numbers, whole ones without a point.
+Json NumberOf(double value);
+Json NumbersOf(const std::vector<double>& values);
+
 /// The names of the bits of an error word, with commas; empty if none is set.
 std::string ErrorNames(unsigned errors);
 

@@ -6,8 +6,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 namespace korvane_tool {
@@ -123,8 +125,8 @@ void Tool::Warn(const std::string& text) const {
 
 int Tool::Report(const ToolError& error) const {
   std::fflush(stdout);
-  fmt::print(stderr, "korvane: {}\n", WithoutLevel(error.what()));
   const bool failed = error.Cause().kind != FailureKind::NONE;
+  fmt::print(stderr, "korvane: {}\n", failed ? PlainText(error.Cause()) : error.what());
   const std::string advice = failed ? AdviceOn(error.Cause()) : "";
   if (!advice.empty()) fmt::print(stderr, "{}\n", advice);
   Json document{{"error", failed ? ToJson(error.Cause()) : Json{{"text", error.what()}}}};
@@ -133,12 +135,34 @@ int Tool::Report(const ToolError& error) const {
   return error.Status();
 }
 
-std::string WithoutLevel(std::string text) {
-  for (const std::string_view level : {"[ERROR]: ", "[WARN]: ", "[INFO]: "}) {
-    const auto at = text.find(level);
-    if (at != std::string::npos) text.erase(at, level.size());
+std::optional<double> NumberIn(const std::string& text) {
+  double number = 0;
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number);
+  const bool whole = result.ec == std::errc() && result.ptr == end;
+  return whole ? std::optional(number) : std::nullopt;
+}
+
+std::vector<std::string> SplitAtCommas(const std::string& text) {
+  std::vector<std::string> parts;
+  std::size_t begin = 0;
+  for (std::size_t comma = 0; comma != std::string::npos; begin = comma + 1) {
+    comma = text.find(',', begin);
+    parts.push_back(text.substr(begin, comma - begin));
   }
-  return text;
+  return parts;
+}
+
+std::string PlainText(const Failure& failure) {
+  std::string text = failure.text;
+  if (const auto level = text.find("[ERROR]: "); level != std::string::npos) {
+    return text.erase(level, std::strlen("[ERROR]: "));
+  }
+  // "[ERROR][Class][Operation] [CANID:...][DATA:...] request timeout (50ms)"
+  if (text.rfind('[', 0) != 0) return text;
+  const auto end = text.rfind("] ");
+  if (end == std::string::npos) return text;
+  return failure.operation + ": " + text.substr(end + 2);
 }
 
 Json ToJson(const HandAddress& address) {
@@ -152,7 +176,7 @@ Json ToJson(const HandAddress& address) {
 Json ToJson(const Failure& failure) {
   return {{"kind", ToString(failure.kind)},
           {"operation", failure.operation},
-          {"text", WithoutLevel(failure.text)},
+          {"text", PlainText(failure)},
           {"advice", AdviceOn(failure)},
           {"system_error", failure.system_error}};
 }

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -112,8 +113,13 @@ class Tool {
   int Report(const ToolError& error) const;
 };
 
-/// A line of the library without the "[ERROR]: " in it.
-std::string WithoutLevel(std::string text);
+/// The number that the whole text is; nothing if it is none.
+std::optional<double> NumberIn(const std::string& text);
+/// The parts between commas.
+std::vector<std::string> SplitAtCommas(const std::string& text);
+
+/// The text of a failure without what only a log needs: its level, the class, the frame.
+std::string PlainText(const Failure& failure);
 
 /// The identity of a hand in every document: address, model, id, side.
 Json ToJson(const HandAddress& address);

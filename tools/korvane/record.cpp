@@ -1,0 +1,213 @@
+#include <fmt/format.h>
+#include <korvane_observe.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "interrupt.h"
+#include "samples.h"
+#include "tool.h"
+
+namespace korvane_tool {
+namespace {
+
+namespace kv = talvera::korvane;
+using Clock = std::chrono::steady_clock;
+
+/// So many failed readings one after the other, and the hand counts as gone.
+constexpr int kPatience = 20;
+
+/// Frames wait here for the thread that writes them, as a tap mustn't wait for a disk.
+class FrameQueue {
+ public:
+  void Add(const kv::FrameEvent& event) {
+    const auto since = event.at.time_since_epoch();
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(since).count();
+    Frame frame{us, event.sent, event.id, {event.data, event.data + event.size}};
+    const std::lock_guard lock(mutex_);
+    frames_.push_back(std::move(frame));
+  }
+
+  struct Frame {
+    std::int64_t us;
+    bool sent;
+    std::uint32_t id;
+    std::vector<std::uint8_t> bytes;
+  };
+  std::deque<Frame> Take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(frames_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::deque<Frame> frames_;
+};
+
+std::string Hex(const std::vector<std::uint8_t>& bytes) {
+  std::string text;
+  for (const std::uint8_t byte : bytes) text += fmt::format("{:02X}", byte);
+  return text;
+}
+
+/// A line as candump -L writes it. Two number signs stand for CAN FD, and the digit behind them for
+/// the flags: 1 is bit-rate switching.
+std::string CandumpLine(const FrameQueue::Frame& frame, const std::string& interface) {
+  return fmt::format("({}.{:06}) {} {:08X}##1{}\n", frame.us / 1'000'000, frame.us % 1'000'000,
+                     interface, frame.id, Hex(frame.bytes));
+}
+
+std::string JsonLine(const FrameQueue::Frame& frame) {
+  return Json{{"time_us", frame.us},
+              {"sent", frame.sent},
+              {"id", frame.id},
+              {"data", Hex(frame.bytes)}}
+             .dump() +
+         "\n";
+}
+
+class Record : public Command {
+ public:
+  explicit Record(CLI::App& options) {
+    options.add_option("-o,--output", path_, "The file; - is the standard output")
+        ->type_name("FILE")
+        ->capture_default_str();
+    options.add_flag("--overwrite", overwrite_, "Replace a file that is there");
+    options
+        .add_option("--values", keys_,
+                    "What is read: positions, angles, velocities, currents, temperatures, "
+                    "errors, control_modes, thresholds, touch; without this positions, and "
+                    "angles of a model that has them")
+        ->delimiter(',')
+        ->type_name("KEY,...")
+        ->allow_extra_args(false);
+    auto* const frames =
+        options.add_flag("--frames", frames_, "Record the frames of the link in place of values");
+    options.add_option("--format", format_, "csv or jsonl; of frames candump or jsonl")
+        ->check(CLI::IsMember({"csv", "jsonl", "candump"}))
+        ->type_name("FORMAT");
+    options.add_option("--rate", rate_, "Readings in a second")
+        ->check(CLI::Range(0.01, 1000.0))
+        ->type_name("HZ")
+        ->excludes(frames)
+        ->capture_default_str();
+    options.add_option("--seconds", seconds_, "How long; until Ctrl-C without this")
+        ->check(CLI::PositiveNumber)
+        ->type_name("S");
+  }
+
+  int Run(Tool& tool) override {
+    CheckFormat();
+    const OpenedHand hand = tool.Open();
+    const Interrupt interrupt;
+    OutputFile file(path_, overwrite_);
+    const auto end = seconds_ > 0 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                       std::chrono::duration<double>(seconds_))
+                                  : Clock::time_point::max();
+    frames_ ? RecordFrames(hand, file, interrupt, end) : RecordValues(hand, file, interrupt, end);
+    file.Flush();
+    Tell(tool, hand);
+    if (failure_.kind != FailureKind::NONE) throw ToolError(failure_);
+    return interrupt.Came() && seconds_ > 0 ? kInterrupted : kDone;
+  }
+
+ private:
+  void CheckFormat() {
+    if (format_.empty()) format_ = frames_ ? "candump" : "csv";
+    if (format_ == (frames_ ? "csv" : "candump")) {
+      throw ToolError(
+          kUsage, fmt::format("{} is no format for {}", format_, frames_ ? "frames" : "values"));
+    }
+  }
+
+  void RecordValues(const OpenedHand& hand, OutputFile& file, const Interrupt& interrupt,
+                    Clock::time_point end) {
+    if (keys_.empty()) {
+      keys_ = {"positions"};
+      if (!kv::JointsOf(hand.Info().model, hand.address.side).empty()) keys_.emplace_back("angles");
+    }
+    Sampler sampler(hand, keys_);
+    SampleWriter writer(file, format_ == "csv" ? SampleFormat::CSV : SampleFormat::JSON_LINES,
+                        sampler, rate_);
+    int failed_in_a_row = 0;
+    AtRate(rate_, interrupt, [&] {
+      if (Clock::now() >= end) return false;
+      auto sample = sampler.Read();
+      if (sample) {
+        writer.Write(*sample);
+        ++written_;
+        failed_in_a_row = 0;
+        return true;
+      }
+      ++lost_;
+      const bool gone = ++failed_in_a_row >= kPatience || StatisticsOf(*hand).link_lost;
+      if (gone) failure_ = sample.failure();
+      return !gone;
+    });
+  }
+
+  void RecordFrames(const OpenedHand& hand, OutputFile& file, const Interrupt& interrupt,
+                    Clock::time_point end) {
+    const bool candump = format_ == "candump";
+    if (candump && hand.address.link == LinkKind::SERIAL) {
+      throw ToolError(kUsage, "candump's format is for CAN; take --format jsonl for a serial line");
+    }
+    const std::string interface = hand.address.link == LinkKind::SOCKET_CAN
+                                      ? hand.address.interface_name
+                                      : fmt::format("can{}", hand.address.channel);
+    const auto queue = std::make_shared<FrameQueue>();
+    ObserveFrames(*hand, [queue](const kv::FrameEvent& event) { queue->Add(event); });
+    constexpr double kWritesPerSecond = 20;
+    AtRate(kWritesPerSecond, interrupt, [&] {
+      for (const auto& frame : queue->Take()) {
+        file.Write(candump ? CandumpLine(frame, interface) : JsonLine(frame));
+        ++written_;
+      }
+      file.Flush();
+      if (StatisticsOf(*hand).link_lost) {
+        failure_ = {FailureKind::NO_LINK, "record", "the link has gone", 0};
+      }
+      return Clock::now() < end && failure_.kind == FailureKind::NONE;
+    });
+    ObserveFrames(*hand, {});
+    for (const auto& frame : queue->Take()) {
+      file.Write(candump ? CandumpLine(frame, interface) : JsonLine(frame));
+      ++written_;
+    }
+  }
+
+  void Tell(const Tool& tool, const OpenedHand& hand) const {
+    const std::string what = frames_ ? "frames" : "samples";
+    Json document = ToJson(hand.address);
+    document["file"] = path_;
+    document[what] = written_;
+    document["lost"] = lost_;
+    // The standard output is the recording's own then.
+    if (path_ == "-") return;
+    tool.PrintJson(document);
+    tool.Print(fmt::format("{} {} in {}{}\n", written_, what, path_,
+                           lost_ > 0 ? fmt::format(", {} lost", lost_) : ""));
+  }
+
+  std::string path_ = "-";
+  bool overwrite_ = false;
+  std::vector<std::string> keys_;
+  bool frames_ = false;
+  std::string format_;
+  double rate_ = 50;
+  double seconds_ = 0;
+  std::size_t written_ = 0;
+  std::size_t lost_ = 0;
+  Failure failure_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> MakeRecord(CLI::App& options) { return std::make_unique<Record>(options); }
+
+}  // namespace korvane_tool

@@ -1,0 +1,132 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "quantities.h"
+#include "tool.h"
+
+// Readings of a hand at a rate, and the files that hold them: what `watch` shows, `record` writes
+// and `replay` plays.
+
+namespace korvane_tool {
+
+/// One reading of all quantities that were asked for.
+struct Sample {
+  double time_s = 0;  ///< Halfway through the requests, since the first one; never goes back.
+  /// By quantity; as many values as Sampler::Names tells.
+  std::vector<std::vector<double>> values;
+  std::vector<talvera::korvane::TactileSensorData> touch;  ///< If it was asked for.
+};
+
+/// Reads a hand again and again.
+class Sampler {
+ public:
+  /// `keys` are those of AllQuantities and "touch"; a usage error for another one, and for one that
+  /// the model doesn't have.
+  Sampler(const OpenedHand& hand, const std::vector<std::string>& keys);
+
+  /// Reads everything once. The first failure ends it.
+  Outcome<Sample> Read();
+
+  const OpenedHand& Hand() const { return hand_; }
+  const std::vector<const Quantity*>& Quantities() const { return quantities_; }
+  bool ReadsTouch() const { return reads_touch_; }
+
+ private:
+  const OpenedHand& hand_;
+  std::vector<const Quantity*> quantities_;
+  bool reads_touch_ = false;
+  std::chrono::steady_clock::time_point start_;
+  bool started_ = false;
+};
+
+/// What a recording is of.
+struct RecordingHead {
+  std::string address;
+  Model model = Model::BRISA;
+  talvera::korvane::HandType side = talvera::korvane::HandType::RIGHT;
+  double rate_hz = 0;
+  std::vector<std::string> keys;  ///< Of the quantities.
+};
+
+Json ToJson(const RecordingHead& head);
+
+/// A file that a full disk can't make shorter unseen: each write is checked.
+class OutputFile {
+ public:
+  /// "-" is the standard output. Another file must not exist, unless `overwrite` is set.
+  OutputFile(const std::string& path, bool overwrite);
+  ~OutputFile();
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  /// Throws a ToolError that names the file and the reason.
+  void Write(const std::string& text);
+  /// Writes out what is buffered, and checks that.
+  void Flush();
+  bool IsStandardOutput() const { return file_ == stdout; }
+  const std::string& Name() const { return name_; }
+
+ private:
+  [[noreturn]] void Fail() const;
+
+  std::string name_;
+  std::FILE* file_;
+};
+
+enum class SampleFormat { CSV, JSON_LINES };
+
+/// Writes samples as lines: for CSV a comment with the head as JSON, the names of the columns and
+/// then a row a sample; for JSON lines the head and then one object a sample.
+class SampleWriter {
+ public:
+  SampleWriter(OutputFile& file, SampleFormat format, const Sampler& sampler, double rate_hz);
+  void Write(const Sample& sample);
+
+ private:
+  std::string CsvRow(const Sample& sample) const;
+  std::string JsonLine(const Sample& sample) const;
+
+  OutputFile& file_;
+  SampleFormat format_;
+  const Sampler& sampler_;
+  RecordingHead head_;
+  bool has_head_ = false;
+};
+
+/// A recording as it was read from a file.
+struct Recording {
+  RecordingHead head;
+  std::vector<Sample> samples;
+
+  /// The place of a quantity among the values; -1 if it wasn't recorded.
+  int IndexOf(const std::string& key) const;
+};
+
+/// Reads either format. Throws a usage error that names the line if anything is wrong with it.
+Recording ReadRecording(const std::string& path);
+
+/// Calls `step` `rate_hz` times a second, by a clock that doesn't drift, until it returns false or
+/// an interrupt comes. False if one came. A step that takes too long shifts those behind it.
+template <class Wait, class Step>
+bool AtRate(double rate_hz, const Wait& interrupt, Step&& step) {
+  using Clock = std::chrono::steady_clock;
+  const auto period =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1 / rate_hz));
+  auto next = Clock::now();
+  while (!interrupt.Came()) {
+    if (!step()) return true;
+    next += period;
+    next = std::max(next, Clock::now() - period);
+    if (interrupt.WaitUntil(next)) return false;
+  }
+  return false;
+}
+
+}  // namespace korvane_tool

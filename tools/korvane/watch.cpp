@@ -1,0 +1,253 @@
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "interrupt.h"
+#include "samples.h"
+#include "terminal.h"
+#include "tool.h"
+
+namespace korvane_tool {
+namespace {
+
+namespace kv = talvera::korvane;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kNameWidth = 16;
+constexpr std::size_t kBarWidth = 30;
+/// A hand that is silent so long has gone, for a program at the other end of a pipe.
+constexpr auto kSilence = std::chrono::seconds(3);
+
+/// Values that change slowly are read by turns, so that the fast ones keep their rate.
+class Reading {
+ public:
+  explicit Reading(const OpenedHand& hand) : hand_(hand) {
+    for (const Quantity& quantity : AllQuantities()) {
+      const std::string key = quantity.key;
+      if (key == "control_modes" || key == "thresholds" || key == "velocities") continue;
+      const auto values = Read(hand, quantity);
+      if (values || values.failure().kind != FailureKind::NOT_SUPPORTED) {
+        rows_.push_back({&quantity, values.value_or(std::vector<double>())});
+      }
+    }
+  }
+
+  /// Positions and angles, and one of the others. The failure of any.
+  Outcome<void> Refresh() {
+    Outcome<void> outcome;
+    const auto refresh = [&](Row& row) {
+      auto values = Read(hand_, *row.quantity);
+      if (!values) outcome = values.failure();
+      if (values) row.values = *std::move(values);
+    };
+    std::vector<Row*> slow;
+    for (Row& row : rows_) {
+      const std::string key = row.quantity->key;
+      key == "positions" || key == "angles" ? refresh(row) : slow.push_back(&row);
+    }
+    const std::size_t turns = slow.size() + (HasTouch(hand_) ? 1 : 0);
+    if (!outcome || turns == 0) return outcome;
+    if (HasTouch(hand_) && turn_ % 2 == 0) {
+      if (auto touch = ReadTouch(hand_)) touch_ = *std::move(touch);
+    } else if (!slow.empty()) {
+      refresh(*slow[turn_ / 2 % slow.size()]);
+    }
+    ++turn_;
+    return outcome;
+  }
+
+  const std::vector<double>* ValuesOf(const std::string& key) const {
+    for (const Row& row : rows_) {
+      if (key == row.quantity->key && !row.values.empty()) return &row.values;
+    }
+    return nullptr;
+  }
+  const std::vector<kv::TactileSensorData>& Touch() const { return touch_; }
+
+ private:
+  struct Row {
+    const Quantity* quantity;
+    std::vector<double> values;
+  };
+  const OpenedHand& hand_;
+  std::vector<Row> rows_;
+  std::vector<kv::TactileSensorData> touch_;
+  std::size_t turn_ = 0;
+};
+
+/// What a picture of the hand shows, line by line.
+class Picture {
+ public:
+  explicit Picture(const OpenedHand& hand)
+      : hand_(hand), joints_(kv::JointsOf(hand.Info().model, hand.address.side)) {}
+
+  std::vector<std::string> Lines(const Reading& reading, const std::string& state) const {
+    std::vector<std::string> lines{Coloured(hand_.address.ToString(), Colour::STRONG) + "  " +
+                                   state};
+    AddMotors(reading, lines);
+    AddJoints(reading, lines);
+    AddTouch(reading, lines);
+    return lines;
+  }
+
+ private:
+  void AddMotors(const Reading& reading, std::vector<std::string>& lines) const {
+    const auto* const positions = reading.ValuesOf("positions");
+    if (positions == nullptr) return;
+    const auto* const currents = reading.ValuesOf("currents");
+    const auto* const temperatures = reading.ValuesOf("temperatures");
+    const auto* const errors = reading.ValuesOf("errors");
+    lines.push_back(Coloured(
+        fmt::format("{:<{}}{:<{}}   position  current  temp", "motor", kNameWidth, "", kBarWidth),
+        Colour::DIM));
+    for (std::size_t i = 0; i < positions->size(); ++i) {
+      const double position = (*positions)[i];
+      const auto cell = [&](const std::vector<double>* values, int width) {
+        return values != nullptr && i < values->size()
+                   ? fmt::format("{:{}.0f}", (*values)[i], width)
+                   : std::string(static_cast<std::size_t>(width), ' ');
+      };
+      const unsigned error =
+          errors != nullptr && i < errors->size() ? static_cast<unsigned>((*errors)[i]) : 0;
+      lines.push_back(fmt::format("{:<{}}{}   {:8.0f} {} {}  {}", i + 1, kNameWidth,
+                                  Bar(position / hand_.Info().position_max, kBarWidth), position,
+                                  cell(currents, 8), cell(temperatures, 5),
+                                  Coloured(ErrorNames(error), Colour::BAD)));
+    }
+  }
+
+  void AddJoints(const Reading& reading, std::vector<std::string>& lines) const {
+    const auto* const angles = reading.ValuesOf("angles");
+    if (angles == nullptr || joints_.empty()) return;
+    lines.push_back(Coloured(
+        fmt::format("{:<{}}{:<{}}  angle [rad]", "joint", kNameWidth, "", kBarWidth), Colour::DIM));
+    for (std::size_t i = 0; i < angles->size() && i < joints_.size(); ++i) {
+      const kv::JointInfo& joint = joints_[i];
+      const double range = joint.upper - joint.lower;
+      const double part = range > 0 ? ((*angles)[i] - joint.lower) / range : 0;
+      lines.push_back(fmt::format("{:<{}}{}     {:8.3f}", joint.name, kNameWidth,
+                                  Bar(part, kBarWidth), (*angles)[i]));
+    }
+  }
+
+  static void AddTouch(const Reading& reading, std::vector<std::string>& lines) {
+    if (reading.Touch().empty()) return;
+    lines.push_back(Coloured("touch", Colour::DIM));
+    for (const auto& sensor : reading.Touch()) {
+      std::string line = fmt::format("{:<{}}", NameOf(sensor.finger), kNameWidth);
+      int sum = 0;
+      for (const std::uint8_t cell : sensor.data) {
+        line += HeatCell(cell);
+        sum += cell;
+      }
+      lines.push_back(line + fmt::format("  {}", sum));
+    }
+  }
+
+  const OpenedHand& hand_;
+  std::vector<kv::JointInfo> joints_;
+};
+
+class Watch : public Command {
+ public:
+  explicit Watch(CLI::App& options) {
+    options.add_option("--rate", rate_, "Readings in a second")
+        ->check(CLI::Range(0.1, 1000.0))
+        ->type_name("HZ")
+        ->capture_default_str();
+    options.add_option("--seconds", seconds_, "How long; until Ctrl-C without this")
+        ->check(CLI::PositiveNumber)
+        ->type_name("S");
+    options.add_flag("--csv", csv_, "A line of numbers for each reading, for a pipe");
+    options.add_option("--values", keys_, "What those lines hold, with --csv or --json")
+        ->delimiter(',')
+        ->type_name("KEY,...")
+        ->allow_extra_args(false);
+  }
+
+  int Run(Tool& tool) override {
+    const OpenedHand hand = tool.Open();
+    const Interrupt interrupt;
+    const bool lines = csv_ || tool.options.json;
+    last_reply_ = start_ = Clock::now();
+    lines ? WriteLines(tool, hand, interrupt) : Draw(tool, hand, interrupt);
+    if (failure_.kind != FailureKind::NONE) throw ToolError(failure_);
+    return interrupt.Came() && seconds_ > 0 ? kInterrupted : kDone;
+  }
+
+ private:
+  /// Lines are either those of a recording, or a picture.
+  void WriteLines(const Tool& tool, const OpenedHand& hand, const Interrupt& interrupt) {
+    if (keys_.empty()) keys_ = {"positions"};
+    Sampler sampler(hand, keys_);
+    OutputFile out("-", false);
+    SampleWriter writer(out, csv_ ? SampleFormat::CSV : SampleFormat::JSON_LINES, sampler, rate_);
+    AtRate(rate_, interrupt, [&] {
+      auto sample = sampler.Read();
+      if (sample) writer.Write(*sample);
+      if (!sample && !tool.options.quiet && failed_++ == 0) tool.Warn(PlainText(sample.failure()));
+      return GoesOn(hand, sample ? Failure() : sample.failure());
+    });
+  }
+
+  void Draw(const Tool& tool, const OpenedHand& hand, const Interrupt& interrupt) {
+    Reading reading(hand);
+    const Picture picture(hand);
+    std::optional<LiveArea> area;
+    if (tool.Talks()) area.emplace();
+    AtRate(rate_, interrupt, [&] {
+      const auto refreshed = reading.Refresh();
+      readings_ += refreshed ? 1 : 0;
+      failed_ += refreshed ? 0 : 1;
+      if (area) area->Draw(picture.Lines(reading, State(refreshed)));
+      return GoesOn(hand, refreshed.failure());
+    });
+    // Where nothing is drawn in place, the last picture is what there is to see.
+    if (!OnTerminal()) {
+      for (const std::string& line : picture.Lines(reading, State({}))) tool.Print(line + "\n");
+    }
+  }
+
+  std::string State(const Outcome<void>& refreshed) const {
+    const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+    std::string state =
+        fmt::format("{:.1f} readings/s, {} lost",
+                    static_cast<double>(readings_) / std::max(seconds, 1e-3), failed_);
+    if (!refreshed) state += "  " + Coloured(PlainText(refreshed.failure()), Colour::BAD);
+    return state;
+  }
+
+  bool GoesOn(const OpenedHand& hand, const Failure& failure) {
+    const auto now = Clock::now();
+    if (failure.kind == FailureKind::NONE) last_reply_ = now;
+    if (now - last_reply_ > kSilence || StatisticsOf(*hand).link_lost) {
+      failure_ = failure;
+      if (failure_.kind == FailureKind::NONE) {
+        failure_ = {FailureKind::NO_LINK, "watch", "the link has gone", 0};
+      }
+      return false;
+    }
+    return seconds_ <= 0 || now - start_ < std::chrono::duration<double>(seconds_);
+  }
+
+  double rate_ = 20;
+  double seconds_ = 0;
+  bool csv_ = false;
+  std::vector<std::string> keys_;
+  Clock::time_point start_;
+  Clock::time_point last_reply_;
+  std::size_t readings_ = 0;
+  std::size_t failed_ = 0;
+  Failure failure_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> MakeWatch(CLI::App& options) { return std::make_unique<Watch>(options); }
+
+}  // namespace korvane_tool
