@@ -28,6 +28,9 @@ struct ModelInfo {
   int gestures;            ///< Gestures are 0 to one less than this; 0: it has none.
   bool has_service;        ///< There is a class with its service interface.
   bool has_serial;         ///< It is to be had on a serial link, too.
+  /// Temperatures and currents aren't asked for but come in reports, once SetTemperReportPeriod and
+  /// SetCurrentReportPeriod have switched these on: none before.
+  bool tells_by_reports;
 };
 
 /// All models, by Korvane::model_code.

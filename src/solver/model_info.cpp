@@ -99,11 +99,11 @@ std::vector<JointInfo> Joints(const JointRow (&rows)[count], const Solver& solve
 
 const std::vector<ModelInfo>& AllModels() {
   static const std::vector<ModelInfo> models{
-      {Model::BRISA, "brisa", "KorvaneBrisa", 10, true, 4096, 17, true, true},
-      {Model::TESSEL, "tessel", "KorvaneTessel", 12, true, 2000, 4, false, false},
-      {Model::QUILL, "quill", "KorvaneQuill", 10, false, 4096, 0, false, false},
-      {Model::LUMEN, "lumen", "KorvaneLumen", 4, true, 4096, 0, true, false},
-      {Model::VANTA, "vanta", "KorvaneVanta", 20, true, 4096, 0, false, false},
+      {Model::BRISA, "brisa", "KorvaneBrisa", 10, true, 4096, 17, true, true, false},
+      {Model::TESSEL, "tessel", "KorvaneTessel", 12, true, 2000, 4, false, false, true},
+      {Model::QUILL, "quill", "KorvaneQuill", 10, false, 4096, 0, false, false, false},
+      {Model::LUMEN, "lumen", "KorvaneLumen", 4, true, 4096, 0, true, false, false},
+      {Model::VANTA, "vanta", "KorvaneVanta", 20, true, 4096, 0, false, false, false},
   };
   return models;
 }

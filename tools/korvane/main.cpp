@@ -62,9 +62,10 @@ int Run(Command& command, Tool& tool) {
 
 /// A full disk shows only when the last bytes are written.
 int WriteTheRest(int status) {
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
-  fmt::print(stderr, "korvane: the output couldn't be written: {}\n", std::strerror(errno));
-  return status == kDone ? kFailed : status;
+  const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  if (written || status != kDone) return status;
+  fmt::print(stderr, "korvane: the output can't be written: {}\n", std::strerror(errno));
+  return kFailed;
 }
 
 }  // namespace

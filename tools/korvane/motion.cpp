@@ -20,7 +20,7 @@ namespace kv = talvera::korvane;
 using Clock = std::chrono::steady_clock;
 
 constexpr double kRate = 50;
-constexpr int kPatience = 3;
+constexpr int kFailuresInARow = 3;
 constexpr double kSettleRate = 20;
 constexpr int kSettleReadings = 60;  // 3 s
 constexpr int kStillReadings = 4;
@@ -67,16 +67,20 @@ std::string NamesOfJoints(const std::vector<kv::JointInfo>& joints) {
   return names;
 }
 
-void CheckAngle(const OpenedHand& hand, const kv::JointInfo& joint, double angle) {
+/// The angle as it may be commanded.
+double Allowed(const OpenedHand& hand, const kv::JointInfo& joint, double angle,
+               BeyondLimits beyond) {
   if (!joint.can_be_commanded) {
     throw ToolError(kUsage,
                     fmt::format("joint {} of a {} {} can't be commanded", joint.name,
                                 joint.active_index < 0 ? "coupled" : "left", hand.Info().name));
   }
-  if (!(angle >= joint.lower && angle <= joint.upper)) {
+  const bool within = angle >= joint.lower && angle <= joint.upper;
+  if (!within && (beyond == BeyondLimits::REFUSED || std::isnan(angle))) {
     throw ToolError(kUsage, fmt::format("{} rad is beyond the limits of {}, {} to {}", angle,
                                         joint.name, joint.lower, joint.upper));
   }
+  return std::clamp(angle, joint.lower, joint.upper);
 }
 
 Pose Between(const Pose& from, const Pose& to, double part) {
@@ -171,7 +175,7 @@ std::vector<double> AnglesOf(const OpenedHand& hand, const Pose& pose) {
 }
 
 Pose WithAngles(const OpenedHand& hand, const Pose& pose, const std::vector<std::string>& names,
-                const std::vector<double>& angles) {
+                const std::vector<double>& angles, BeyondLimits beyond) {
   const Conversions conversions = ConversionsOf(hand);
   const auto joints = kv::JointsOf(hand.Info().model, hand.address.side);
   const std::vector<double> before = AnglesOf(hand, pose);
@@ -184,9 +188,10 @@ Pose WithAngles(const OpenedHand& hand, const Pose& pose, const std::vector<std:
       throw ToolError(kUsage, fmt::format("a {} has no joint {}; there are {}", hand.Info().name,
                                           names[i], NamesOfJoints(joints)));
     }
-    CheckAngle(hand, *joint, angles[i]);
-    wanted[static_cast<std::size_t>(joint->active_index)] = angles[i];
+    wanted[static_cast<std::size_t>(joint->active_index)] =
+        Allowed(hand, *joint, angles[i], beyond);
   }
+  if (beyond == BeyondLimits::HELD) wanted = conversions.held(wanted);
   if (conversions.held(wanted) != wanted) {
     throw ToolError(kUsage,
                     "these angles don't go together: a knuckle's range is narrower where the "
@@ -202,24 +207,24 @@ Pose WithAngles(const OpenedHand& hand, const Pose& pose, const std::vector<std:
   return CheckedPose(hand.Info(), {result.begin(), result.end()});
 }
 
-void Mover::Count(std::size_t hand, const Failure& failure) {
-  if (failure.kind == FailureKind::NONE) {
-    lost_in_a_row_[hand] = 0;
-    return;
-  }
-  ++lost_;
-  const bool gone = ++lost_in_a_row_[hand] >= kPatience || StatisticsOf(*hands_[hand]).link_lost;
-  if (gone) throw ToolError(failure);
-}
-
 void Mover::Send(std::size_t hand, const Pose& pose) {
   ++sent_;
-  Count(hand,
-        Checked(*hands_[hand], [&](KorvaneBase& h) { h.SetAllJointMotorPosi(pose); }).failure());
+  const auto sent = Checked(*hands_[hand], [&](KorvaneBase& h) { h.SetAllJointMotorPosi(pose); });
+  patience_[hand].Count(sent.failure());
+}
+
+std::size_t Mover::Lost() const {
+  std::size_t lost = 0;
+  for (const Patience& patience : patience_) lost += patience.Lost();
+  return lost;
+}
+
+Mover::Mover(const std::vector<OpenedHand>& hands, const Interrupt& interrupt)
+    : hands_(hands), interrupt_(interrupt) {
+  for (const OpenedHand& hand : hands) patience_.emplace_back(hand, kFailuresInARow);
 }
 
 bool Mover::Run(double seconds, const std::function<Pose(std::size_t, double)>& pose_at) {
-  lost_in_a_row_.assign(hands_.size(), 0);
   const auto begin = Clock::now();
   return AtRate(kRate, interrupt_, [&] {
     const double time =
@@ -239,12 +244,11 @@ bool Mover::Settle() {
   std::vector<Pose> last(hands_.size());
   int still = 0;
   int readings = 0;
-  lost_in_a_row_.assign(hands_.size(), 0);
   return AtRate(kSettleRate, interrupt_, [&] {
     bool moved = false;
     for (std::size_t i = 0; i < hands_.size(); ++i) {
       const auto positions = Read(hands_[i], QuantityNamed("positions"));
-      Count(i, positions.failure());
+      patience_[i].Count(positions.failure());
       if (!positions) continue;
       const Pose pose(positions->begin(), positions->end());
       moved = moved || pose != std::exchange(last[i], pose);

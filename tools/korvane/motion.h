@@ -28,17 +28,20 @@ Pose GesturePose(const OpenedHand& hand, int gesture);
 /// The angles of the active joints in a pose [rad]. A usage error for a model without them.
 std::vector<double> AnglesOf(const OpenedHand& hand, const Pose& pose);
 
+/// What becomes of angles beyond the limits.
+enum class BeyondLimits { REFUSED, HELD };
+
 /// The pose that has these angles at these joints, and is `pose` otherwise. `names` are those of
-/// JointsOf. A usage error for a name that isn't one, a joint that can't be commanded, and an angle
-/// beyond its limits.
+/// JointsOf. A usage error for a name that isn't one, for a joint that can't be commanded, and for
+/// angles that are refused: beyond a joint's limits, or beyond what two joints of a finger allow
+/// each other.
 Pose WithAngles(const OpenedHand& hand, const Pose& pose, const std::vector<std::string>& names,
-                const std::vector<double>& angles);
+                const std::vector<double>& angles, BeyondLimits beyond);
 
 /// Moves hands side by side, and counts what they answered.
 class Mover {
  public:
-  Mover(const std::vector<OpenedHand>& hands, const Interrupt& interrupt)
-      : hands_(hands), interrupt_(interrupt) {}
+  Mover(const std::vector<OpenedHand>& hands, const Interrupt& interrupt);
 
   /// Sends each hand the pose that `pose_at` gives for it and the time since the begin [s], 50
   /// times a second for `seconds`, the last one exactly at the end. Stops at once at an interrupt,
@@ -53,18 +56,15 @@ class Mover {
   bool Settle();
 
   std::size_t Sent() const { return sent_; }
-  std::size_t Lost() const { return lost_; }
+  std::size_t Lost() const;
 
  private:
   void Send(std::size_t hand, const Pose& pose);
-  /// Throws the failure if it is one too many.
-  void Count(std::size_t hand, const Failure& failure);
 
   const std::vector<OpenedHand>& hands_;
   const Interrupt& interrupt_;
-  std::vector<int> lost_in_a_row_;
+  std::vector<Patience> patience_;
   std::size_t sent_ = 0;
-  std::size_t lost_ = 0;
 };
 
 /// Carries out `motion`, which is false if it was interrupted, and tells where the hands stand

@@ -133,7 +133,7 @@ class Move : public Command {
         names.push_back(name);
         angles.push_back(angle);
       }
-      return WithAngles(hand, start, names, angles);
+      return WithAngles(hand, start, names, angles, BeyondLimits::REFUSED);
     }
     // What a hand tells of the other motors may lie a little beyond the scale.
     std::vector<double> positions;

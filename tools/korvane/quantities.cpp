@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <iterator>
+#include <thread>
 
 namespace korvane_tool {
 namespace {
@@ -40,6 +42,22 @@ Touch ReadFingertips(const KorvaneTessel& hand) {
 /// Replies of several frames reach a hand on SocketCAN and ZLG only.
 bool CarriesArrays(LinkKind link) { return link == LinkKind::SOCKET_CAN || link == LinkKind::ZLG; }
 
+bool IsReported(const Quantity& quantity) {
+  const std::string key = quantity.key;
+  return key == "currents" || key == "temperatures";
+}
+
+/// Sensor by sensor, those whose array fits into one frame.
+Touch ReadSmallArrays(const IBR7TactileSensor1D& hand) {
+  constexpr std::size_t kFrameData = 62;
+  Touch sensors;
+  for (const Finger finger : hand.GetSensorOrder()) {
+    if (hand.GetSensorDataLength(finger) <= kFrameData)
+      sensors.push_back(hand.GetTactileSensorDataRaw(finger));
+  }
+  return sensors;
+}
+
 }  // namespace
 
 const std::vector<Quantity>& AllQuantities() {
@@ -67,13 +85,56 @@ const Quantity& QuantityNamed(const std::string& key) {
 
 Outcome<std::vector<double>> Read(const OpenedHand& hand, const Quantity& quantity) {
   auto values = Checked(std::as_const(*hand.hand), quantity.get);
-  if (!values) return values;
+  if (!values) {
+    Failure failure = values.failure();
+    const bool awaits_report = hand.Info().tells_by_reports && IsReported(quantity) &&
+                               failure.kind == FailureKind::NO_REPLY;
+    if (awaits_report) failure.kind = FailureKind::NOT_SUPPORTED;
+    return failure;
+  }
   const auto joints = talvera::korvane::JointsOf(hand.Info().model, hand.address.side).size();
   const auto wanted = std::string(quantity.key) == "angles"
                           ? joints
                           : static_cast<std::size_t>(hand.Info().positions);
   if (values->size() > wanted) values->resize(wanted);
   return values;
+}
+
+Reports::Reports(const OpenedHand& hand, int period) : hand_(hand) {
+  if (period == 0) return;
+  if (!hand.Info().tells_by_reports) {
+    throw ToolError(
+        kUsage, fmt::format("a {} is asked for its values; it needs no reports", hand.Info().name));
+  }
+  Need(SetPeriod(period));
+  on_ = true;
+}
+
+Reports::~Reports() {
+  if (on_) SetPeriod(0);
+}
+
+Outcome<void> Reports::SetPeriod(int period) const {
+  const std::vector<unsigned short> periods(static_cast<std::size_t>(hand_.Info().positions),
+                                            static_cast<unsigned short>(period));
+  return Checked(*hand_, [&](KorvaneBase& h) {
+    h.SetAllTemperReportPeriod(periods);
+    h.SetAllCurrentReportPeriod(periods);
+  });
+}
+
+void Reports::AwaitFirst() const {
+  if (!on_) return;
+  constexpr auto kLimit = std::chrono::seconds(2);
+  const auto end = std::chrono::steady_clock::now() + kLimit;
+  for (const char* const key : {"currents", "temperatures"}) {
+    while (!Read(hand_, QuantityNamed(key))) {
+      if (std::chrono::steady_clock::now() > end) {
+        throw ToolError({FailureKind::NO_REPLY, "reports", "the hand sends no reports", 0});
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
 }
 
 std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& hand,
@@ -102,7 +163,9 @@ Outcome<Touch> ReadTouch(const OpenedHand& hand) {
       return brisa->GetAllTactileSensorData();
     }
     const auto* const sensors = dynamic_cast<const IBR7TactileSensor1D*>(&h);
-    return sensors == nullptr ? Touch() : sensors->GetAllTactileSensorDataRaw();
+    if (sensors == nullptr) return {};
+    return CarriesArrays(hand.address.link) ? sensors->GetAllTactileSensorDataRaw()
+                                            : ReadSmallArrays(*sensors);
   });
 }
 

@@ -27,8 +27,30 @@ const std::vector<Quantity>& AllQuantities();
 /// The row of that key. Throws a usage error that lists the keys if there is none.
 const Quantity& QuantityNamed(const std::string& key);
 
-/// The values, without what the bus pads. NOT_SUPPORTED if the model lacks them.
+/// The values, without what the bus pads. NOT_SUPPORTED if the model lacks them, also as long as it
+/// would tell them in reports and hasn't.
 Outcome<std::vector<double>> Read(const OpenedHand& hand, const Quantity& quantity);
+
+/// Reports of temperatures and currents, of a model that tells these in reports only: on while the
+/// object exists.
+class Reports {
+ public:
+  /// `period` is in the hand's unit; 0 leaves the reports as they are. A usage error for a model
+  /// that is asked for its values.
+  Reports(const OpenedHand& hand, int period);
+  ~Reports();
+  Reports(const Reports&) = delete;
+  Reports& operator=(const Reports&) = delete;
+
+  /// Waits until there is one of each.
+  void AwaitFirst() const;
+
+ private:
+  Outcome<void> SetPeriod(int period) const;
+
+  const OpenedHand& hand_;
+  bool on_ = false;
+};
 
 /// The names of the values: those of the joints for angles, "1", "2" ... for what motors have.
 std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& hand,

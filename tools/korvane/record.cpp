@@ -20,7 +20,7 @@ namespace kv = talvera::korvane;
 using Clock = std::chrono::steady_clock;
 
 /// So many failed readings one after the other, and the hand counts as gone.
-constexpr int kPatience = 20;
+constexpr int kFailuresInARow = 20;
 
 /// Frames wait here for the thread that writes them, as a tap mustn't wait for a disk.
 class FrameQueue {
@@ -96,6 +96,12 @@ class Record : public Command {
         ->type_name("HZ")
         ->excludes(frames)
         ->capture_default_str();
+    options
+        .add_option("--report-period", report_period_,
+                    "Switch the reports of a tessel on, which its currents and temperatures "
+                    "come in, and off at the end; in the hand's unit")
+        ->check(CLI::Range(1, 65535))
+        ->type_name("N");
     options.add_option("--seconds", seconds_, "How long; until Ctrl-C without this")
         ->check(CLI::PositiveNumber)
         ->type_name("S");
@@ -104,15 +110,21 @@ class Record : public Command {
   int Run(Tool& tool) override {
     CheckFormat();
     const OpenedHand hand = tool.Open();
+    const Reports reports(hand, report_period_);
+    reports.AwaitFirst();
     const Interrupt interrupt;
     OutputFile file(path_, overwrite_);
     const auto end = seconds_ > 0 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                        std::chrono::duration<double>(seconds_))
                                   : Clock::time_point::max();
-    frames_ ? RecordFrames(hand, file, interrupt, end) : RecordValues(hand, file, interrupt, end);
-    file.Flush();
+    try {
+      frames_ ? RecordFrames(hand, file, interrupt, end) : RecordValues(hand, file, interrupt, end);
+      file.Flush();
+    } catch (const ToolError&) {
+      tool.Print(Summary());  // what is there so far
+      throw;
+    }
     Tell(tool, hand);
-    if (failure_.kind != FailureKind::NONE) throw ToolError(failure_);
     return interrupt.Came() && seconds_ > 0 ? kInterrupted : kDone;
   }
 
@@ -134,20 +146,17 @@ class Record : public Command {
     Sampler sampler(hand, keys_);
     SampleWriter writer(file, format_ == "csv" ? SampleFormat::CSV : SampleFormat::JSON_LINES,
                         sampler, rate_);
-    int failed_in_a_row = 0;
+    Patience patience(hand, kFailuresInARow);
     AtRate(rate_, interrupt, [&] {
       if (Clock::now() >= end) return false;
       auto sample = sampler.Read();
       if (sample) {
         writer.Write(*sample);
         ++written_;
-        failed_in_a_row = 0;
-        return true;
       }
-      ++lost_;
-      const bool gone = ++failed_in_a_row >= kPatience || StatisticsOf(*hand).link_lost;
-      if (gone) failure_ = sample.failure();
-      return !gone;
+      lost_ += sample ? 0 : 1;
+      patience.Count(sample.failure());
+      return true;
     });
   }
 
@@ -162,6 +171,7 @@ class Record : public Command {
                                       : fmt::format("can{}", hand.address.channel);
     const auto queue = std::make_shared<FrameQueue>();
     ObserveFrames(*hand, [queue](const kv::FrameEvent& event) { queue->Add(event); });
+    Patience patience(hand, kFailuresInARow);
     constexpr double kWritesPerSecond = 20;
     AtRate(kWritesPerSecond, interrupt, [&] {
       for (const auto& frame : queue->Take()) {
@@ -169,10 +179,8 @@ class Record : public Command {
         ++written_;
       }
       file.Flush();
-      if (StatisticsOf(*hand).link_lost) {
-        failure_ = {FailureKind::NO_LINK, "record", "the link has gone", 0};
-      }
-      return Clock::now() < end && failure_.kind == FailureKind::NONE;
+      patience.Count({});
+      return Clock::now() < end;
     });
     ObserveFrames(*hand, {});
     for (const auto& frame : queue->Take()) {
@@ -181,17 +189,23 @@ class Record : public Command {
     }
   }
 
+  const char* What() const { return frames_ ? "frames" : "samples"; }
+
+  /// Nothing where the standard output is the recording's own.
+  std::string Summary() const {
+    if (path_ == "-") return "";
+    const std::string lost = lost_ > 0 ? fmt::format(", {} lost", lost_) : "";
+    return fmt::format("{} {} in {}{}\n", written_, What(), path_, lost);
+  }
+
   void Tell(const Tool& tool, const OpenedHand& hand) const {
-    const std::string what = frames_ ? "frames" : "samples";
+    if (path_ == "-") return;
     Json document = ToJson(hand.address);
     document["file"] = path_;
-    document[what] = written_;
+    document[What()] = written_;
     document["lost"] = lost_;
-    // The standard output is the recording's own then.
-    if (path_ == "-") return;
     tool.PrintJson(document);
-    tool.Print(fmt::format("{} {} in {}{}\n", written_, what, path_,
-                           lost_ > 0 ? fmt::format(", {} lost", lost_) : ""));
+    tool.Print(Summary());
   }
 
   std::string path_ = "-";
@@ -201,9 +215,9 @@ class Record : public Command {
   std::string format_;
   double rate_ = 50;
   double seconds_ = 0;
+  int report_period_ = 0;
   std::size_t written_ = 0;
   std::size_t lost_ = 0;
-  Failure failure_;
 };
 
 }  // namespace

@@ -67,12 +67,9 @@ class Mapping {
     const auto& values = sample.values[static_cast<std::size_t>(index_)];
     if (by_ == "angles") {
       std::vector<double> angles;
-      for (std::size_t i = 0; i < sources_.size(); ++i) {
-        // What was measured may lie a little beyond what may be commanded.
-        const auto& joint = joints_[i];
-        angles.push_back(std::clamp(values[sources_[i]], joint.lower, joint.upper));
-      }
-      return WithAngles(hand_, start, names_, angles);
+      for (const std::size_t source : sources_) angles.push_back(values[source]);
+      // What was measured, maybe on another model, may lie beyond what may be commanded.
+      return WithAngles(hand_, start, names_, angles, BeyondLimits::HELD);
     }
     std::vector<double> positions(start.begin(), start.end());
     for (std::size_t i = 0; i < sources_.size(); ++i) {
@@ -110,7 +107,6 @@ class Mapping {
       if (place >= Recorded()) continue;
       sources_.push_back(place);
       names_.push_back(joint.name);
-      joints_.push_back(joint);
     }
     if (names_.empty())
       throw ToolError(kUsage, "no joint of the recording has the name of one of the hand's");
@@ -162,7 +158,6 @@ class Mapping {
   std::vector<std::size_t> sources_;
   std::vector<std::size_t> targets_;
   std::vector<std::string> names_;
-  std::vector<kv::JointInfo> joints_;
 };
 
 /// The pose that is nearest to `wanted` and at most `step` from `from`, motor by motor.

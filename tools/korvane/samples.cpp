@@ -192,8 +192,10 @@ Sampler::Sampler(const OpenedHand& hand, const std::vector<std::string>& keys) :
     const Quantity& quantity = QuantityNamed(key);
     const auto probe = korvane_tool::Read(hand, quantity);
     if (!probe && probe.failure().kind == FailureKind::NOT_SUPPORTED) {
+      const std::string hint =
+          hand.Info().tells_by_reports ? ", unless --report-period is set" : "";
       throw ToolError(kUsage,
-                      fmt::format("a {} doesn't tell its {} on this link", hand.Info().name, key));
+                      fmt::format("a {} doesn't tell its {} here{}", hand.Info().name, key, hint));
     }
     quantities_.push_back(&quantity);
   }

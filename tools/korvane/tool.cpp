@@ -52,6 +52,19 @@ ExitStatus StatusOf(const Failure& failure) {
   return kFailed;
 }
 
+void Patience::Count(const Failure& failure) {
+  if (StatisticsOf(*hand_).link_lost) {
+    throw ToolError({FailureKind::NO_LINK, failure.operation,
+                     hand_.address.ToString() + ": the link has gone", failure.system_error});
+  }
+  if (failure.kind == FailureKind::NONE) {
+    in_a_row_ = 0;
+    return;
+  }
+  ++lost_;
+  if (++in_a_row_ >= limit_) throw ToolError(failure);
+}
+
 void AddCommonOptions(CLI::App& app, CommonOptions& options) {
   constexpr const char* kGroup = "Common options";
   app.add_option("-H,--hand", options.hands,

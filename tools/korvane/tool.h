@@ -69,6 +69,25 @@ struct OpenedHand {
   KorvaneBase* operator->() const { return hand.get(); }
 };
 
+/// Counts how often in a row a hand failed to answer, for loops that outlive a lost frame.
+class Patience {
+ public:
+  Patience(const OpenedHand& hand, int failures_in_a_row)
+      : hand_(hand), limit_(failures_in_a_row) {}
+
+  /// How one request ended. Throws when there is no use in asking again: after too many failures,
+  /// or when the link has gone.
+  void Count(const Failure& failure);
+  /// Failures in all.
+  std::size_t Lost() const { return lost_; }
+
+ private:
+  const OpenedHand& hand_;
+  int limit_;
+  int in_a_row_ = 0;
+  std::size_t lost_ = 0;
+};
+
 /// What all commands take.
 struct CommonOptions {
   std::vector<std::string> hands;

@@ -20,8 +20,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kNameWidth = 16;
 constexpr std::size_t kBarWidth = 30;
-/// A hand that is silent so long has gone, for a program at the other end of a pipe.
-constexpr auto kSilence = std::chrono::seconds(3);
+/// So many failed readings one after the other, and the hand counts as gone.
+constexpr int kFailuresInARow = 20;
 
 /// Values that change slowly are read by turns, so that the fast ones keep their rate.
 class Reading {
@@ -160,6 +160,12 @@ class Watch : public Command {
         ->check(CLI::Range(0.1, 1000.0))
         ->type_name("HZ")
         ->capture_default_str();
+    options
+        .add_option("--report-period", report_period_,
+                    "Switch the reports of a tessel on, which its currents and temperatures "
+                    "come in, and off at the end; in the hand's unit")
+        ->check(CLI::Range(1, 65535))
+        ->type_name("N");
     options.add_option("--seconds", seconds_, "How long; until Ctrl-C without this")
         ->check(CLI::PositiveNumber)
         ->type_name("S");
@@ -172,11 +178,12 @@ class Watch : public Command {
 
   int Run(Tool& tool) override {
     const OpenedHand hand = tool.Open();
+    const Reports reports(hand, report_period_);
+    reports.AwaitFirst();
     const Interrupt interrupt;
     const bool lines = csv_ || tool.options.json;
-    last_reply_ = start_ = Clock::now();
+    start_ = Clock::now();
     lines ? WriteLines(tool, hand, interrupt) : Draw(tool, hand, interrupt);
-    if (failure_.kind != FailureKind::NONE) throw ToolError(failure_);
     return interrupt.Came() && seconds_ > 0 ? kInterrupted : kDone;
   }
 
@@ -186,18 +193,21 @@ class Watch : public Command {
     if (keys_.empty()) keys_ = {"positions"};
     Sampler sampler(hand, keys_);
     OutputFile out("-", false);
+    Patience patience(hand, kFailuresInARow);
     SampleWriter writer(out, csv_ ? SampleFormat::CSV : SampleFormat::JSON_LINES, sampler, rate_);
     AtRate(rate_, interrupt, [&] {
       auto sample = sampler.Read();
       if (sample) writer.Write(*sample);
-      if (!sample && !tool.options.quiet && failed_++ == 0) tool.Warn(PlainText(sample.failure()));
-      return GoesOn(hand, sample ? Failure() : sample.failure());
+      if (!sample && patience.Lost() == 0) tool.Warn(PlainText(sample.failure()));
+      patience.Count(sample.failure());
+      return GoesOn();
     });
   }
 
   void Draw(const Tool& tool, const OpenedHand& hand, const Interrupt& interrupt) {
     Reading reading(hand);
     const Picture picture(hand);
+    Patience patience(hand, kFailuresInARow);
     std::optional<LiveArea> area;
     if (tool.Talks()) area.emplace();
     AtRate(rate_, interrupt, [&] {
@@ -205,7 +215,8 @@ class Watch : public Command {
       readings_ += refreshed ? 1 : 0;
       failed_ += refreshed ? 0 : 1;
       if (area) area->Draw(picture.Lines(reading, State(refreshed)));
-      return GoesOn(hand, refreshed.failure());
+      patience.Count(refreshed.failure());
+      return GoesOn();
     });
     // Where nothing is drawn in place, the last picture is what there is to see.
     if (!OnTerminal()) {
@@ -222,28 +233,18 @@ class Watch : public Command {
     return state;
   }
 
-  bool GoesOn(const OpenedHand& hand, const Failure& failure) {
-    const auto now = Clock::now();
-    if (failure.kind == FailureKind::NONE) last_reply_ = now;
-    if (now - last_reply_ > kSilence || StatisticsOf(*hand).link_lost) {
-      failure_ = failure;
-      if (failure_.kind == FailureKind::NONE) {
-        failure_ = {FailureKind::NO_LINK, "watch", "the link has gone", 0};
-      }
-      return false;
-    }
-    return seconds_ <= 0 || now - start_ < std::chrono::duration<double>(seconds_);
+  bool GoesOn() const {
+    return seconds_ <= 0 || Clock::now() - start_ < std::chrono::duration<double>(seconds_);
   }
 
   double rate_ = 20;
   double seconds_ = 0;
+  int report_period_ = 0;
   bool csv_ = false;
   std::vector<std::string> keys_;
   Clock::time_point start_;
-  Clock::time_point last_reply_;
   std::size_t readings_ = 0;
   std::size_t failed_ = 0;
-  Failure failure_;
 };
 
 }  // namespace

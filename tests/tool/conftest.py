@@ -1,0 +1,110 @@
+"""The tool as a user runs it, against korvane-sim: five models on one bus, and a Brisa on a serial port.
+
+KORVANE_BUILD is the build folder.
+"""
+
+import json
+import os
+import pathlib
+import signal
+import subprocess
+from dataclasses import dataclass
+
+import pytest
+
+BUILD = pathlib.Path(os.environ.get("KORVANE_BUILD", "build/dev")).resolve()
+TOOL = BUILD / "bin" / "korvane"
+FIVE = ("--hand=brisa:1", "--hand=tessel:2", "--hand=quill:3", "--hand=lumen:4", "--hand=vanta:5")
+#: More than any request takes, and less than a test may.
+LIMIT = 60
+
+
+@dataclass
+class Result:
+    status: int
+    out: str
+    err: str
+
+    @property
+    def json(self):
+        return json.loads(self.out)
+
+
+class Simulator:
+    """Simulated hands on a USB adapter, ZLG and HCAN alike, and on a serial port."""
+
+    def __init__(self, folder, *options, serial=True):
+        self.port = f"{folder}/hand"
+        self.env = {
+            **os.environ,
+            "KORVANE_SIM_SOCKET": f"{folder}/sim.sock",
+            "LD_LIBRARY_PATH": str(BUILD / "standin"),
+            "TERM": "dumb",
+        }
+        self.env.pop("KORVANE_HAND", None)
+        serve = ["--adapters", "--socket", self.env["KORVANE_SIM_SOCKET"]]
+        if serial:
+            serve += ["--serial", f"brisa@{self.port}"]
+        self.process = subprocess.Popen(
+            [TOOL, "sim", *serve, *options], stdout=subprocess.PIPE, text=True, env=self.env
+        )
+        for line in self.process.stdout:
+            if line.startswith("korvane-sim: ready at"):
+                break
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(LIMIT)
+        self.process.stdout.close()
+
+    def address(self, link, model="brisa", hand_id=1):
+        place = {"zlg": "zlg:0.0", "hcan": "hcan:0.0", "serial": f"serial:{self.port}"}[link]
+        return f"{place}:{model}:{hand_id}"
+
+    def start(self, *arguments, **options):
+        return subprocess.Popen(
+            [TOOL, *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=self.env,
+            **options
+        )
+
+    def korvane(self, *arguments, **environment):
+        done = subprocess.run(
+            [TOOL, *map(str, arguments)], capture_output=True, text=True, timeout=LIMIT,
+            env={**self.env, **environment}, stdin=subprocess.DEVNULL,
+        )
+        return Result(done.returncode, done.stdout, done.stderr)
+
+    def interrupt(self, *arguments, after):
+        """Runs a command, and sends it Ctrl-C once `after` stands in its output or in a file."""
+        process = self.start(*arguments)
+        if isinstance(after, pathlib.Path):
+            while not (after.exists() and after.stat().st_size) and process.poll() is None:
+                pass
+        else:
+            for line in process.stdout:
+                if after in line:
+                    break
+        process.send_signal(signal.SIGINT)
+        out, err = process.communicate(timeout=LIMIT)
+        return Result(process.returncode, out, err)
+
+
+@pytest.fixture(scope="session")
+def sim(tmp_path_factory):
+    simulator = Simulator(tmp_path_factory.mktemp("sim"), *FIVE)
+    yield simulator
+    simulator.stop()
+
+
+@pytest.fixture
+def make_sim(tmp_path):
+    """For simulators with faults; each test has its own."""
+    made = []
+
+    def make(*options, **more):
+        made.append(Simulator(tmp_path, *options, **more))
+        return made[-1]
+
+    yield make
+    for simulator in made:
+        simulator.stop()

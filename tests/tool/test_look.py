@@ -1,0 +1,137 @@
+"""find, info and watch: what is there, and what is told where something else is."""
+
+import csv
+import io
+import json
+import subprocess
+
+import pytest
+
+MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
+LINKS = ("zlg", "hcan", "serial")
+
+
+def test_find_lists_every_hand_on_every_link(sim):
+    found = sim.korvane("find", "--json", "--link", "zlg", "--link", "hcan")
+    hands = [(h["address"], h["model"], h["id"]) for h in found.json["hands"]]
+    assert found.status == 0
+    assert hands == [
+        (f"{link}:0.0:{m}:{i}", m, i) for link in ("zlg", "hcan") for m, (i, _) in MODELS.items()
+    ]
+    assert found.json["hands"][0]["serial_number"].startswith("SIM")
+    port = sim.korvane("find", "--json", f"serial:{sim.port}").json["hands"]
+    assert [h["model"] for h in port] == ["brisa"]
+    text = sim.korvane("find", "zlg:0.0:2").out.splitlines()
+    assert text[0].split() == ["ADDRESS", "PRODUCT", "SERIAL", "NUMBER", "FIRMWARE"]
+    assert [line.split()[0] for line in text[1:]] == ["zlg:0.0:tessel:2"]
+
+
+@pytest.mark.parametrize(
+    "places, status, reason",
+    [
+        (["zlg:0.1"], 4, None),
+        (["serial:/nowhere"], 3, "/nowhere"),
+        (["nosuch0"], 3, "nosuch0"),
+        (["zlg"], 2, None),
+        (["--link", "usb"], 2, None),
+    ],
+)
+def test_find_says_what_it_could_not_ask(sim, places, status, reason):
+    found = sim.korvane("find", "--json", *places)
+    assert found.status == status
+    if reason:
+        assert reason in found.json["not_asked"][0]["text"]
+
+
+@pytest.mark.parametrize("link", LINKS)
+@pytest.mark.parametrize("model", MODELS)
+def test_info_tells_what_a_model_has(sim, link, model):
+    if link == "serial" and model != "brisa":
+        pytest.skip("a serial port has a Brisa")
+    hand_id, motors = MODELS[model]
+    told = sim.korvane("info", "-H", sim.address(link, model, hand_id), "--json")
+    info = told.json
+    assert told.status == 0, told.err
+    assert (info["model"], info["id"], len(info["positions"])) == (model, hand_id, motors)
+    assert ("angles" in info) == (model in ("brisa", "tessel"))
+    assert ("touch" in info) == (model in ("brisa", "tessel", "quill"))
+    assert ("errors" in info) == (model != "quill")
+    assert info["firmware"] == "1.0.0" and info["product_model"] and "failures" not in info
+    text = sim.korvane("info", "-H", sim.address(link, model, hand_id)).out
+    assert any(line.split()[:1] == [str(motors)] for line in text.splitlines()) and info["serial_number"] in text
+
+
+WRONG_TURNS = [
+    (["-H", "zlg:0.0:brisa:9"], 4, "no hand with id 9"),
+    (["-H", "zlg:0.0:brisa:2"], 5, "tessel with id 2"),
+    (["-H", "zlg:0.0"], 6, "several hands answer"),
+    (["-H", "nosuch0:brisa:1"], 3, ""),
+    (["-H", "serial:/nowhere"], 3, "/nowhere"),
+    (["-H", "serial:/dev/null"], 3, "/dev/null"),
+    (["-H", "zlg:7.0:brisa:1"], 3, ""),
+    (["-H", "zlg:0.0:brisa:300"], 2, "300"),
+    ([], 2, "KORVANE_HAND"),
+    (["-H", "zlg:0.0:1", "-H", "zlg:0.0:2"], 2, "one hand"),
+    (["--nonsense"], 2, "--nonsense"),
+    (["-H", "zlg:0.0:1", "--timeout", "5"], 2, "--timeout"),
+]
+
+
+@pytest.mark.parametrize("command", ["info", "watch"])
+@pytest.mark.parametrize("arguments, status, text", WRONG_TURNS)
+def test_wrong_turns_end_with_their_status_and_a_reason(sim, command, arguments, status, text):
+    told = sim.korvane(command, *arguments)
+    assert (told.status, told.out) == (status, "") and text in told.err
+    if status != 2:
+        failure = sim.korvane(command, "--json", *arguments).json["error"]
+        assert failure["status"] == status and text in failure["text"] and failure["kind"] != "NONE"
+
+
+def test_a_hand_may_be_named_by_the_environment_and_an_option_goes_before_it(sim):
+    lumen, vanta = sim.address("zlg", "lumen", 4), sim.address("zlg", "vanta", 5)
+    assert sim.korvane("info", "--json", KORVANE_HAND=lumen).json["id"] == 4
+    assert sim.korvane("info", "--json", "-H", vanta, KORVANE_HAND=lumen).json["id"] == 5
+    quiet = sim.korvane("info", "-q", "-H", vanta)
+    assert (quiet.status, quiet.out, quiet.err) == (0, "", "")
+
+
+def test_watch_writes_lines_that_programs_can_read(sim):
+    hand = ("-H", sim.address("zlg", "tessel", 2), "--rate", "100")
+    process = sim.start("watch", *hand, "--csv", "--values", "angles,currents", "--report-period", "10")
+    lines = [process.stdout.readline() for _ in range(4)]
+    process.send_signal(2)
+    process.communicate()
+    assert process.returncode == 0
+    rows = list(csv.DictReader(io.StringIO("".join(lines[1:]))))
+    assert json.loads(lines[0][1:])["model"] == "tessel"
+    assert list(rows[0])[1] == "angles_thumb_1" and list(rows[0])[-1] == "currents_12"
+    assert float(rows[1]["time_s"]) > float(rows[0]["time_s"]) >= 0
+    objects = sim.korvane("watch", *hand, "--json", "--seconds", "0.2").out.splitlines()
+    assert len(json.loads(objects[1])["positions"]) == 12
+    assert "--report-period" in sim.korvane("watch", *hand, "--csv", "--values", "currents").err
+    # A reader that has enough ends it, as any filter does.
+    piped = subprocess.run(f"{process.args[0]} watch {' '.join(hand)} --csv | head -n 2", shell=True, env=sim.env,
+                           capture_output=True, text=True)
+    assert len(piped.stdout.splitlines()) == 2 and piped.stderr == ""
+
+
+def test_watch_without_a_terminal_shows_the_last_picture(sim):
+    told = sim.korvane("watch", "-H", sim.address("hcan", "brisa"), "--seconds", "0.3")
+    assert told.status == 0 and "\x1b" not in told.out
+    assert "index_flexion" in told.out and "palm" in told.out and "readings/s" in told.out
+
+
+@pytest.mark.parametrize("fault, link, status", [("--silent-after=40", "zlg", 4), ("--serial-unplug-after=30", "serial", 3)])
+def test_watch_ends_when_the_hand_has_gone(make_sim, fault, link, status):
+    sim = make_sim("--hand=brisa:1", fault)
+    gone = sim.korvane("watch", "-H", sim.address(link), "--json")
+    assert gone.status == status
+    assert gone.err
+
+
+def test_nothing_is_believed_that_could_not_be_written(sim):
+    for command in (["find", "zlg:0.0:2"], ["info", "-H", sim.address("zlg")], ["watch", "--csv", "-H", sim.address("zlg")]):
+        with open("/dev/full", "w") as full:
+            done = subprocess.run([sim.start("--version").args[0], *command], stdout=full, stderr=subprocess.PIPE,
+                                  text=True, env=sim.env, timeout=60)
+        assert done.returncode == 1 and "No space left" in done.stderr
