@@ -62,10 +62,8 @@ class Simulator:
         return f"{place}:{model}:{hand_id}"
 
     def start(self, *arguments, **options):
-        return subprocess.Popen(
-            [TOOL, *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=self.env,
-            **options
-        )
+        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
+        return subprocess.Popen([TOOL, *map(str, arguments)], text=True, env=self.env, **pipes)
 
     def korvane(self, *arguments, **environment):
         done = subprocess.run(

@@ -8,7 +8,8 @@ import subprocess
 import pytest
 
 MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
-LINKS = ("zlg", "hcan", "serial")
+#: A serial port has a Brisa.
+HANDS = [("serial", "brisa")] + [(link, model) for link in ("zlg", "hcan") for model in MODELS]
 
 
 def test_find_lists_every_hand_on_every_link(sim):
@@ -43,11 +44,8 @@ def test_find_says_what_it_could_not_ask(sim, places, status, reason):
         assert reason in found.json["not_asked"][0]["text"]
 
 
-@pytest.mark.parametrize("link", LINKS)
-@pytest.mark.parametrize("model", MODELS)
+@pytest.mark.parametrize("link, model", HANDS)
 def test_info_tells_what_a_model_has(sim, link, model):
-    if link == "serial" and model != "brisa":
-        pytest.skip("a serial port has a Brisa")
     hand_id, motors = MODELS[model]
     told = sim.korvane("info", "-H", sim.address(link, model, hand_id), "--json")
     info = told.json
