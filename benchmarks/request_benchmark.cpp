@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include "protocol/can/korvane_brisa_can_impl.h"
+#include "socket_pair_can.h"
 #include "support/bus_device.h"
 
 namespace talvera::korvane {
@@ -50,6 +51,36 @@ void GetJointMotorPosi(benchmark::State& state) {
   for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(hand.GetJointMotorPosi(3));
 }
 BENCHMARK(GetJointMotorPosi)->ArgName("queue")->Arg(0)->Arg(1)->UseRealTime();
+
+/// Every request is answered before its sending is over, so that no thread has to wake another and
+/// the library's own work is all there is.
+class InstantDevice : public CanBusDeviceBase {
+ public:
+  int OpenDevice() override { return 0; }
+  int CloseDevice() override { return 0; }
+  void RecvFrame() override {}
+  int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override {
+    CanfdFrame& reply = umap_rep_[matched_rep_id_(id)];
+    reply.can_id = id;
+    reply.len = len;
+    std::copy_n(data, len, reply.data);
+    return 0;
+  }
+};
+
+void GetJointMotorPosiAnsweredAtOnce(benchmark::State& state) {
+  KorvaneBrisaCanImpl hand(HandType::RIGHT, kId, std::make_unique<InstantDevice>());
+  if (state.range(0) == 0) EnableConcurrentCalls(hand);
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(hand.GetJointMotorPosi(3));
+}
+BENCHMARK(GetJointMotorPosiAnsweredAtOnce)->ArgName("queue")->Arg(0)->Arg(1);
+
+void GetJointMotorPosiOverASocketPair(benchmark::State& state) {
+  const bench::SocketPairHands simulated(1);
+  const auto hand = KorvaneBrisa::createHandSocketCan(HandType::RIGHT, kId, "pair");
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(hand->GetJointMotorPosi(3));
+}
+BENCHMARK(GetJointMotorPosiOverASocketPair)->UseRealTime();
 
 void SolverForward(benchmark::State& state) {
   const br7::KorvaneBrisaSolver solver(false);

@@ -83,7 +83,8 @@ inline bool operator!=(const HandAddress& a, const HandAddress& b) { return !(a 
 /// | NOT_SUPPORTED | a model that isn't to be had on a serial link; only a Brisa is |
 /// | NO_LINK | the link can't be opened; `system_error` where the system gave one |
 /// | SEND_FAILED | the link takes no frames |
-/// | NO_REPLY | nobody answers there, or nobody with that id |
+/// | NO_REPLY | nobody answers there, or nobody with that id, or a hand told its id and then no
+/// more |
 /// | BAD_REPLY | something answers that is none of the models |
 /// | REFUSED | another model answers, or several hands do and the address doesn't say which; the
 /// text lists them |
@@ -138,7 +139,7 @@ struct FindOptions {
 struct FindResult {
   std::vector<FoundHand> hands;  ///< By link, and by id on each.
   /// Links that there are and that couldn't be asked, and what answered without being a hand that
-  /// is known; the text begins with the link.
+  /// is known, or went before it had told its model; the text begins with the link.
   std::vector<Failure> not_asked;
 };
 

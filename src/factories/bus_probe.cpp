@@ -9,6 +9,7 @@
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/can_public_engine.h"
 #include "util/diagnostics.h"
+#include "util/text.h"
 
 namespace talvera::korvane {
 namespace {
@@ -149,9 +150,22 @@ Outcome<VendorInfo> AskVendor(CanBusDeviceBase& device, std::uint32_t family, st
   try {
     const auto record = VendorRecordIn(device.SendRequestSynchInternal(VendorQuery(family, id)));
     if (record) return *record;
-    return Failure{FailureKind::NO_REPLY, "", "", 0};
+    return Failure{FailureKind::NO_REPLY, "", "its vendor record is empty", 0};
   } catch (const std::exception& error) {
     return FailureOf(error);
+  }
+}
+
+/// For a hand that has told its id.
+void CompleteWithVendor(CanBusDeviceBase& device, BusHand& hand) {
+  for (int i = 0; i < kVendorAttempts; ++i) {
+    auto vendor = AskVendor(device, hand.family, hand.id);
+    if (vendor) {
+      hand.vendor = *std::move(vendor);
+      hand.vendor_failure.reset();
+      return;
+    }
+    hand.vendor_failure = vendor.failure();
   }
 }
 
@@ -160,6 +174,17 @@ void BindForRequests(CanBusDeviceBase& device) {
 }
 
 }  // namespace
+
+std::optional<Model> BusHand::IsModel() const {
+  return vendor_failure ? std::nullopt : ModelOf(vendor, family);
+}
+
+Failure BusHand::Gone(const std::string& link) const {
+  Failure failure = vendor_failure.value_or(Failure());
+  failure.text =
+      Compose(link, ": the hand with id ", id, " told its id and then no more: ", failure.text);
+  return failure;
+}
 
 Failure FailureOf(const std::exception& error) {
   const auto* const link_error = dynamic_cast<const LinkError*>(&error);
@@ -194,11 +219,7 @@ BusAnswers AskBus(CanBusDeviceBase& device, const std::vector<std::uint8_t>& ids
   }
   BindForRequests(device);
   const ShortTimeout timeout(device);
-  for (BusHand& hand : answers.hands) {
-    for (int i = 0; i < kVendorAttempts && hand.vendor.product_model.empty(); ++i) {
-      hand.vendor = AskVendor(device, hand.family, hand.id).value_or(VendorInfo());
-    }
-  }
+  for (BusHand& hand : answers.hands) CompleteWithVendor(device, hand);
   return answers;
 }
 

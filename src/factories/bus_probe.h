@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "can/can_bus_device.h"
@@ -13,11 +14,18 @@
 
 namespace talvera::korvane {
 
-/// A hand as it answered. Its vendor record is empty if it told its id and no more.
+/// A hand as it answered.
 struct BusHand {
   std::uint8_t id;
   std::uint32_t family;
   VendorInfo vendor;
+  /// Why there is no vendor record, if the hand told its id and no more.
+  std::optional<Failure> vendor_failure = {};
+
+  /// Nothing if it is none of the models, or didn't say.
+  std::optional<Model> IsModel() const;
+  /// What became of it on `link`, if it told its id and no more.
+  Failure Gone(const std::string& link) const;
 };
 
 struct BusAnswers {

@@ -171,7 +171,8 @@ class Finder {
   }
 
   void Add(HandAddress address, const BusHand& hand) {
-    const auto model = ModelOf(hand.vendor, hand.family);
+    if (hand.vendor_failure) return AddNotAsked(hand.Gone(LinkText(address)));
+    const auto model = hand.IsModel();
     if (!model) {
       return AddNotAsked({FailureKind::BAD_REPLY, "",
                           Compose(LinkText(address), ": what answers with id ", hand.id,

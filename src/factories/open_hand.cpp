@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <numeric>
 
 #include "factories/asked_link.h"
@@ -39,9 +40,12 @@ struct Candidate {
   std::optional<Model> model;
 };
 
+bool IsGone(const BusHand& hand) { return hand.vendor_failure.has_value(); }
+
 std::string Describe(const Candidate& candidate) {
-  const std::string what =
-      candidate.model ? ToString(*candidate.model) : "unknown " + Describe(candidate.hand.vendor);
+  std::string what = "unknown " + Describe(candidate.hand.vendor);
+  if (IsGone(candidate.hand)) what = "one that told no more";
+  if (candidate.model) what = ToString(*candidate.model);
   return Compose(what, " with id ", candidate.hand.id);
 }
 
@@ -92,9 +96,11 @@ Failure Several(const HandAddress& address, const std::vector<Candidate>& all) {
 /// The one that the address means.
 Outcome<Candidate> Choose(const HandAddress& address, const BusAnswers& answers) {
   if (answers.hands.empty()) return Nobody(address, answers.send_failure);
+  if (std::all_of(answers.hands.begin(), answers.hands.end(), &IsGone)) {
+    return answers.hands.front().Gone(LinkText(address));
+  }
   std::vector<Candidate> all;
-  for (const BusHand& hand : answers.hands)
-    all.push_back({hand, ModelOf(hand.vendor, hand.family)});
+  for (const BusHand& hand : answers.hands) all.push_back({hand, hand.IsModel()});
   std::vector<Candidate> meant;
   for (const Candidate& candidate : all) {
     if (!address.model || candidate.model == address.model) meant.push_back(candidate);
