@@ -339,6 +339,7 @@ Options ParseOptions(int argc, char** argv) {
   Options options;
   std::vector<std::string> hands;
   CLI::App app(kAbout, "korvane-sim");
+  app.set_version_flag("--version", "korvane-sim " KORVANE_SIM_VERSION);
   app.footer(kFooter);
   app.get_formatter()->column_width(34);
   app.add_option("--hand,--model", hands,

@@ -76,6 +76,7 @@ int main(int argc, char** argv) {
   CLI::App app("The tool for Korvane hands: find, look, move, update, set up, record, measure.",
                "korvane");
   app.set_version_flag("--version", "korvane " KORVANE_VERSION);
+  app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
   app.require_subcommand(1);
   const auto commands = MakeCommands(app, tool);
   app.footer(kFooter);  // behind them, as they would inherit it
