@@ -61,20 +61,6 @@ TEST_P(BrisaOnAdapters, LeavesNothingBehindAfterManyHands) {
   EXPECT_LE(after.heap_bytes, before.heap_bytes + 512) << "less than one allocation a cycle";
 }
 
-TEST(BrisaOnTwoChannels, HandsDoNotHearEachOther) {
-  sim::InProcessAdapters adapters;
-  std::array<Hand, 2> hands;
-  for (const std::uint8_t channel : {std::uint8_t{0}, std::uint8_t{1}}) {
-    adapters.Bus(0, channel).Add({sim::kBrisa, 1});
-    hands[channel] = KorvaneBrisa::createHandByZlgcan(HandType::LEFT, 1, 0, channel);
-    test::BePatient(*hands[channel]);
-  }
-  hands[0]->SetCurrentThreshold(1, 11);
-  hands[1]->SetCurrentThreshold(1, 22);
-  EXPECT_EQ(hands[0]->GetCurrentThreshold(1), 11);
-  EXPECT_EQ(hands[1]->GetCurrentThreshold(1), 22);
-}
-
 // The probe of a device that the process hasn't met leaves it open, and a scan can't look at it
 // then.
 TEST(BrisaOnZlg, OpensADeviceForTheFirstTimeWhileAnotherThreadScans) {

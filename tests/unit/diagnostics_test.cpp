@@ -27,8 +27,7 @@ std::string Show(const Failure& failure) {
 }
 
 /// What the last operation of this thread came to, "NONE" or "KIND in Operation".
-template <class Hand>
-std::string Ends(Hand& hand, const std::function<void(Hand&)>& call) {
+std::string Ends(KorvaneBase& hand, const std::function<std::string(KorvaneBase&)>& call) {
   test::CaptureStreams([&] { call(hand); });
   const Failure failure = LastFailure(hand);
   return failure.kind == FailureKind::NONE ? "NONE" : Show(failure);
@@ -158,6 +157,7 @@ const Names kPeriods = {"SetErrorReportPeriod",   "SetAllErrorReportPeriod",
 const Names kAngles = {"SetAllActiveJointAngles", "GetAllActiveJointAngles", "GetAllJointAngles",
                        "GetAllJointPos"};
 
+using test::operator+;
 Names operator+(Names names, const Names& more) {
   names.insert(more.begin(), more.end());
   return names;
@@ -181,33 +181,11 @@ const Names kModeWrites = {"SetControlMode", "SetAllControlMode", "SetCurrentThr
 const Names kReports = {"GetErrorReport",          "GetAllErrorReport", "GetTemperatureReport",
                         "GetAllTemperatureReport", "GetCurrentReport",  "GetAllCurrentReport"};
 const Names kRawTouch = {"GetTactileSensorDataRaw", "GetAllTactileSensorDataRaw"};
-const Names kServiceSettings = {"SetPowerState",
-                                "SetAxisHoming",
-                                "SetId",
-                                "SaveParam",
-                                "ClearError",
-                                "PlayAction",
-                                "SetRunMode",
-                                "SetAxisMinPos",
-                                "SetAxisMaxPos",
-                                "ClearAllLimitPos",
-                                "SetAllRunSpeed",
-                                "SetOverloadTorque",
-                                "SetOverloadProtectionTime",
-                                "SetProtectedTorque",
-                                "SetMinTorque",
-                                "SetProtectiveCurrent",
-                                "SetAllAxisCvpUploadInterval",
-                                "SetRightOrLeft",
-                                "SetTemperatureThreshold",
-                                "SetControlSource",
-                                "SetProductSerialNumber"};
-
-std::vector<HandOperation> operator+(std::vector<HandOperation> operations,
-                                     const std::vector<HandOperation>& more) {
-  operations.insert(operations.end(), more.begin(), more.end());
-  return operations;
-}
+const Names kServiceSettings = [] {
+  Names names;
+  for (const auto& setting : test::Settings(10, 2)) names.insert(setting.name);
+  return names;
+}();
 
 Expectation OnCan(const test::TestedHand& hand, Names not_supported, Names sends_only,
                   Names from_reports = {}) {
