@@ -19,7 +19,6 @@ namespace talvera::korvane {
 namespace {
 
 using namespace std::chrono_literals;
-using std::to_string;
 using test::CaptureStreams;
 using test::FirmwareBytes;
 using test::kId;

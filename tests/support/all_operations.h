@@ -108,6 +108,7 @@ inline std::vector<HandOperation> ServiceOperations(std::uint8_t axes) {
   operations["GetSingleAxisPos"].bad_call = DOES(GetSingleAxisPos(0));
   operations["GetSingleActualAxisPos"].bad_call = DOES(GetSingleActualAxisPos(11));
   std::vector<HandOperation> all;
+  all.reserve(operations.size());
   for (const auto& [name, operation] : operations) all.push_back(operation);
   return all;
 }

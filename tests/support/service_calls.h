@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -12,7 +13,8 @@
 #include "private_korvane.h"
 #include "support/recording_device.h"
 
-// The settings of the service interface, as both links carry them: a command and its payload.
+// The commands of the service interface with their payloads, as both links carry them, and what
+// each link makes of replies.
 
 namespace talvera::korvane {
 

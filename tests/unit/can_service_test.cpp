@@ -40,7 +40,7 @@ std::vector<Command> CommonCommands(std::uint8_t motors, const Outcomes& echo) {
       {{CALL(SetJointMotorPosi(motors, -2)), {6, motors, 0xFE, 0xFF}}, position},
       {{CALL(GetJointMotorPosi(1)), {7, 1}}, position},
       {{CALL(SetAllJointMotorPosi(shorts)), Bytes{8} + RampBytes(motors)}, echo},
-      {{CALL(GetAllJointMotorPosi()), {9}}, From("", 2U * motors, Words(motors))},
+      {{CALL(GetAllJointMotorPosi()), {9}}, From("", std::size_t{2} * motors, Words(motors))},
   };
   for (const auto& read : ServiceReads(motors)) commands.push_back({read.call, read.can});
   for (const auto& call : Settings(motors, 1)) commands.push_back({call, From("0", 1, "1")});

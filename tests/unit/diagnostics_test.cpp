@@ -157,7 +157,6 @@ const Names kPeriods = {"SetErrorReportPeriod",   "SetAllErrorReportPeriod",
 const Names kAngles = {"SetAllActiveJointAngles", "GetAllActiveJointAngles", "GetAllJointAngles",
                        "GetAllJointPos"};
 
-using test::operator+;
 Names operator+(Names names, const Names& more) {
   names.insert(more.begin(), more.end());
   return names;
@@ -363,10 +362,11 @@ TEST(DiagnosticsOfService, TellARefusalAndWhatSendStreamRequestThrows) {
 
 class Diagnostics : public testing::Test, protected test::HandPair<KorvaneBase> {
  protected:
-  Diagnostics() : HandPair(test::kBrisa.make) { hand_.SetFrameRecvTimeout(10); }
+  Diagnostics() : HandPair(test::kBrisa.make) {}
 };
 
 TEST_F(Diagnostics, HoldTheLineThatWasLoggedAndNothingOfOtherThreads) {
+  hand_.SetFrameRecvTimeout(10);
   const std::string line = test::Told([&] { hand_.GetJointMotorPosi(3); });
   EXPECT_EQ(LastFailure(hand_).text + "\n", line);
   EXPECT_EQ(Show(LastFailure(*without_transport_)), "NO_LINK in Open");
@@ -379,6 +379,7 @@ TEST_F(Diagnostics, CountWhatHappensOnTheLink) {
   hand_.GetJointMotorPosi(1);
   hand_.SetControlMode(1, ControlMode::MODE_0);
   device_.script = [](const auto&) { return std::vector<CanfdFrame>{}; };
+  hand_.SetFrameRecvTimeout(10);
   test::CaptureStreams([&] { hand_.GetJointMotorPosi(1); });
   device_.Receive(test::MakeFrame(0x7F0, {1}));
   device_.script = test::CantSend();
@@ -430,9 +431,10 @@ TEST_F(Diagnostics, CheckedTurnsWhatOperationsThrowIntoAFailureAndNothingElse) {
 
 TEST_F(Diagnostics, AnOperationMadeOfOthersFailsIfOneOfThemDoes) {
   int requests = 0;
-  device_.script = [&requests](const CanfdFrame& sent) {
+  device_.script = [&](const CanfdFrame& sent) {
     std::vector<CanfdFrame> replies;
-    if (++requests != 3) replies = *test::Replies({1})(sent);
+    device_.frame_recv_timeout_ms_ = ++requests == 3 ? 10 : 60'000;
+    if (requests != 3) replies = *test::Replies({1})(sent);
     return replies;
   };
   auto& brisa = dynamic_cast<KorvaneBrisa&>(hand_);
