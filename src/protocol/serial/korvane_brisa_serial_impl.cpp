@@ -55,7 +55,7 @@ std::string SerialNumberText(const ReplyCache::Bytes& number) {
 KorvaneBrisaSerialImpl::KorvaneBrisaSerialImpl(HandType hand_type, unsigned char id,
                                                const std::string& port, int baud)
     : update_(*this, link_, *this) {
-  SetMembers(*this, model_code::kBrisa, id, hand_type);
+  SetMembers(*this, Model::BRISA, id, hand_type);
   BrisaKinematics::MakeSolver(*this, hand_type);
   connected = link_.Open(port, baud,
                          [this](std::uint8_t command, const std::uint8_t* data, std::size_t size) {

@@ -56,7 +56,7 @@ CanServiceEngine::CanServiceEngine(const ServiceModel& row, Korvane& hand,
       hand_(hand) {}
 
 void CanServiceEngine::Start(HandType hand_type, std::uint8_t device_id) {
-  SetMembers(hand_, model.model_code, device_id, hand_type);
+  SetMembers(hand_, model.model, device_id, hand_type);
   hand_.connected = IsInit();
   if (!transport) return;
   CanBusDeviceBase::ProcessMessage process;

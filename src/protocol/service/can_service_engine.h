@@ -9,14 +9,14 @@
 #include "private_korvane.h"
 #include "protocol/service/service_reading.h"
 #include "protocol/service/service_update.h"
+#include "util/models.h"
 
 namespace talvera::korvane {
 
 /// What one hand does differently from another in the service protocol over CAN.
 struct ServiceModel {
   const char* class_name;
-  /// Also the product type that adapters are told.
-  std::uint8_t model_code;
+  Model model;
   std::uint8_t motors;
   /// The axes of a reply that has room for more limits than the hand has motors.
   std::uint8_t most_limits;
