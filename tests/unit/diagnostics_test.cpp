@@ -287,6 +287,7 @@ class DiagnosticsOf : public testing::TestWithParam<Expectation> {
     EXPECT_EQ(Ends(hand, bad_argument ? operation.bad_call : operation.call),
               kind == FailureKind::NONE ? "NONE" : std::string(ToString(kind)) + " in " + name)
         << name;
+    if (kind == FailureKind::BAD_REPLY) ++bad_replies_;
     rig_->Settle();
   }
 
@@ -301,6 +302,7 @@ class DiagnosticsOf : public testing::TestWithParam<Expectation> {
 
   const Expectation& row_ = GetParam();
   const std::unique_ptr<Rig> rig_ = GetParam().make();
+  std::uint64_t bad_replies_ = 0;
 };
 
 // A program that can't tell "no fault" from "no answer" lies to whoever reads what it prints.
@@ -332,6 +334,7 @@ TEST_P(BadRepliesTo, TellWhichOperationTheyFail) {
   rig_->AnswerBadly();
   ExpectAll(rig_->Hand(), FailureKind::BAD_REPLY,
             row_.sends_only + row_.local + row_.takes_anything, {});
+  EXPECT_EQ(StatisticsOf(rig_->Hand()).bad_replies, bad_replies_) << "operations, not replies";
 }
 
 constexpr auto kNameOfRow = [](const testing::TestParamInfo<Expectation>& row) {
