@@ -8,6 +8,7 @@
 
 #include "can/hcan_device.h"
 #include "can/zlg_usbcanfd_device.h"
+#include "support/allocation_hook.h"
 #include "support/capture.h"
 #include "support/fake_library.h"
 #include "util/bytes.h"
@@ -514,6 +515,26 @@ TEST_P(UsbCan, AReplyReachesItsRequestAndOnHcanTheMessageCallbackToo) {
       << "a request once more";
   EXPECT_THAT(told.out, HasSubstr(" SND: [CANID:00000815][DATA:]\n"));
   EXPECT_THAT(told.out, HasSubstr(" RCV: [CANID:00000815][DATA:5a 5a ]\n"));
+}
+
+TEST(UsbCanChannel, AReaderThatThrowsLeavesItsTurnToOthersAndOneAloneNeedsNoMemory) {
+  const auto channel = std::make_shared<UsbCanChannel>();
+  const auto count_of = [](UsbCanChannel::Seat& seat, const UsbCanChannel::Reader& read) {
+    int count = 0;
+    seat.Next(read, [&count](const SharedFrame&) { ++count; });
+    return count;
+  };
+  const auto two = [](std::vector<CanfdFrame>& frames) { frames.resize(2); };
+  UsbCanChannel::Seat seat(channel);
+  {
+    UsbCanChannel::Seat other(channel);
+    EXPECT_THROW(count_of(other, [](auto&) { test::ThrowBadAlloc(); }), std::bad_alloc);
+    EXPECT_EQ(count_of(seat, two), 2);
+    EXPECT_EQ(count_of(other, two), 2) << "those that the other one read";
+  }
+  EXPECT_EQ(count_of(seat, two), 2);
+  const test::AllocationHook hook(1, 1, [] { ADD_FAILURE() << "memory for frames"; });
+  EXPECT_EQ(count_of(seat, two), 2);
 }
 
 TEST_P(UsbCan, TheSendTimeoutIsHeldWithinBoundsAndReachesAChannelInUse) {
