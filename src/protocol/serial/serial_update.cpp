@@ -158,11 +158,6 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
 
 // --- The run --------------------------------------------------------------------------------
 
-void SerialUpdate::SetFailure(FailureKind kind, const std::string& line) {
-  failure_.kind = kind;
-  failure_.text = line;
-}
-
 /// Reports a failure, or without a callback logs it, and forgets the callback.
 void SerialUpdate::ReportOrLogFailure(int code, const std::string& line) {
   ReportOrLogFailureAndKeepCallback(code, line);
@@ -173,33 +168,31 @@ void SerialUpdate::ReportOrLogFailure(int code, const std::string& line) {
 void SerialUpdate::ReportOrLogFailureAndKeepCallback(int code, const std::string& line) {
   const bool open = link_.device && link_.device->isOpen();
   const FailureKind kind = FailureKindOf(code);
-  SetFailure(kind == FailureKind::NO_REPLY && !open ? FailureKind::NO_LINK : kind, line);
+  link_.Record(kind == FailureKind::NO_REPLY && !open ? FailureKind::NO_LINK : kind, line);
   if (!state_.ReportFailure(code)) LogError(line);
 }
 
 void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
   auto operation = link_.Operation("UpdateFirmware");
-  failure_ = {};
   state_.SetCallback(std::move(callback));
   try {
-    Attempt(path);
+    Attempt(path, operation);
   } catch (const std::exception& error) {
-    operation.Succeed();
     if (const auto failed = link_.Explain(error)) {
       RecordThrown(link_.diagnostics, failed->Kind(), failed->what(), failed->SystemError());
     }
     throw;
   }
-  // The end of the run tells, and not the requests that failed on its way.
-  operation.Succeed();
-  if (failure_.kind != FailureKind::NONE) link_.Record(failure_.kind, failure_.text);
 }
 
-void SerialUpdate::Attempt(const std::string& path) {
+void SerialUpdate::Attempt(const std::string& path, OperationScope& operation) {
   std::uint32_t size = 0;
   if (!Load(path, size)) return;
   Prepare();
-  if (!RequestUpgrade(size)) {
+  const bool accepted = RequestUpgrade(size);
+  // An update goes on without the version: a query for it that nothing answers is no failure.
+  operation.Succeed();
+  if (!accepted) {
     return ReportOrLogFailure(kNoReplyCode, ErrorLine("Upgrade request timeout"));
   }
   BeginTransmission();
@@ -212,17 +205,14 @@ void SerialUpdate::Attempt(const std::string& path) {
 }
 
 bool SerialUpdate::Load(const std::string& path, std::uint32_t& size) {
-  const std::size_t bytes = state_.ReportOrLogLoad(path, [&](int error_code) {
-    const bool missing = error_code == kCannotOpenFirmware;
-    SetFailure(FailureKind::BAD_ARGUMENT,
-               ErrorLine(missing ? "Failed to read " + path : "File is empty"));
-    LogError(failure_.text);
+  std::string line = ErrorLine("Failed to read " + path);
+  const std::size_t bytes = state_.ReportOrLogLoad(path, [&line](int error_code) {
+    if (error_code != kCannotOpenFirmware) line = ErrorLine("File is empty");
+    LogError(line);
   });
   size = static_cast<std::uint32_t>(bytes);
   if (bytes == 0) {
-    SetFailure(FailureKind::BAD_ARGUMENT, failure_.kind == FailureKind::NONE
-                                              ? ErrorLine("Failed to read " + path)
-                                              : failure_.text);
+    link_.Record(FailureKind::BAD_ARGUMENT, line);
     state_.ClearCallback();
     return false;
   }
@@ -367,7 +357,7 @@ bool SerialUpdate::ReportOrLogTransmissionEnd() {
     const std::string line =
         Compose("[USB_OTA] timeout: no ACK for last packet ", index, ", not sending FINISH");
     LogInfo(line);
-    SetFailure(FailureKind::NO_REPLY, line);
+    link_.Record(FailureKind::NO_REPLY, line);
     state_.ReportFailure(kTransmissionTimeoutCode);
     state_.ClearCallback();
     return false;

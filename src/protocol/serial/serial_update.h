@@ -52,7 +52,7 @@ class SerialUpdate {
   void Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
   SerialFrameCrcType Trailer() const;
 
-  void Attempt(const std::string& path);
+  void Attempt(const std::string& path, OperationScope& operation);
   bool Load(const std::string& path, std::uint32_t& size);
   void Prepare();
   bool RequestUpgrade(std::uint32_t size);
@@ -69,13 +69,10 @@ class SerialUpdate {
   bool Restart();
   void ReportOrLogFailure(int code, const std::string& line);
   void ReportOrLogFailureAndKeepCallback(int code, const std::string& line);
-  void SetFailure(FailureKind kind, const std::string& line);
 
   SerialUpdateState& state_;
   SerialLink& link_;
   const Korvane& hand_;
-  /// How the run ended.
-  Failure failure_;
 };
 
 }  // namespace talvera::korvane

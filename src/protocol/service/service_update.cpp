@@ -92,20 +92,17 @@ void ServiceUpdate::OnResponse(std::uint8_t child, std::uint32_t status) {
 /// Clears the callback at every end.
 void ServiceUpdate::Run(const std::string& path, ProgressCallback callback) {
   OperationScope operation(link_.diagnostics, "UpdateFirmware");
-  failure_ = {};
   state_.SetCallback(std::move(callback));
-  if (Attempt(path)) Reconnect();
+  const bool done = Attempt(path);
+  if (done) Reconnect();
   state_.ClearCallback();
-  // The end of the run tells, and not the requests that a restarting hand left unanswered.
-  operation.Succeed();
-  if (failure_.kind == FailureKind::NONE) return;
-  RecordFailure(link_.diagnostics, failure_.kind, failure_.text, failure_.system_error);
+  // A hand that restarts leaves requests unanswered, which is no failure of the update.
+  if (done) operation.Succeed();
 }
 
 /// False, for a run that ends here.
 bool ServiceUpdate::Fail(FailureKind kind, int code, const std::string& text) {
-  failure_.kind = kind;
-  failure_.text = text;
+  RecordFailure(link_.diagnostics, kind, text);
   state_.ReportFailure(code);
   return false;
 }
@@ -136,8 +133,7 @@ bool ServiceUpdate::FailUnacknowledged(std::uint8_t child, int code) {
 
 bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
   if (!hand_.connected || !link_.transport) {
-    failure_.kind = FailureKind::NO_LINK;
-    failure_.text = "the link isn't open";
+    RecordFailure(link_.diagnostics, FailureKind::NO_LINK, "the link isn't open");
     state_.Report(kUnusableCode, 0, OtaProgressStatus::FAILED);
     return false;
   }
@@ -147,8 +143,8 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
     LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
   });
   if (file_size == 0) {
-    failure_.kind = FailureKind::BAD_ARGUMENT;
-    failure_.text = Compose("cannot open ", path, ", or it is empty");
+    RecordFailure(link_.diagnostics, FailureKind::BAD_ARGUMENT,
+                  Compose("cannot open ", path, ", or it is empty"));
     return false;
   }
   state_.Report(0, OtaProgressStatus::FILE_LOADED);
@@ -165,9 +161,9 @@ bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
     const std::string line =
         Compose("[ERROR][", class_name_, "] UpdateFirmware upgrade request: ", error.what());
     LogError(line);
-    const auto* const failed = dynamic_cast<const LinkError*>(&error);
-    failure_.system_error = failed != nullptr ? failed->SystemError() : 0;
-    return Fail(failed != nullptr ? failed->Kind() : FailureKind::SEND_FAILED, kNoReplyCode, line);
+    RecordFailure(link_.diagnostics, error, line);
+    state_.ReportFailure(kNoReplyCode);
+    return false;
   }
   const std::uint32_t status = LoadU32(reply.data + 2);
   if (!IsReply(reply)) {

@@ -6,7 +6,6 @@
 
 #include "can/can_frame.h"
 #include "korvane.h"
-#include "korvane_diagnostics.h"
 #include "update/update_progress.h"
 
 namespace talvera::korvane {
@@ -57,8 +56,6 @@ class ServiceUpdate {
   ServiceUpdateState& state_;
   const CanLink& link_;
   Korvane& hand_;
-  /// How the run ended.
-  Failure failure_;
 };
 
 }  // namespace talvera::korvane
