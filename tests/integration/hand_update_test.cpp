@@ -27,7 +27,8 @@ using test::Times;
 using Kind = sim::UpdateFault::Kind;
 using Child = sim::UpdateChild;
 
-constexpr std::uint32_t kUnknownStatus = 0xFFFFFFFE;
+/// Reported as -4, which is also how a missing reply is.
+constexpr std::uint32_t kUnknownStatus = 0xFFFFFFFC;
 
 std::string Line(const std::string& line, const std::string& level = "[INFO]: ") {
   return level + "[UpdateFirmware] " + line + "\n";
@@ -311,6 +312,7 @@ TEST_P(HandUpdate, EndsWhenTheHandRefusesTheRequest) {
     const int code = static_cast<int>(status);
     EXPECT_EQ(Update(), Clean(2) + Failed(code, model_.replies_report) +
                             Failed(code, model_.reports_refusal));
+    EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::REFUSED);
     EXPECT_EQ(state_->HasCallback(), model_.keeps_callback);
     EXPECT_EQ(Wire(), "U");
   }
@@ -324,6 +326,7 @@ TEST_P(HandUpdate, EndsAtTheFirstPacketThatTheHandRefuses) {
       const int code = static_cast<int>(status);
       SetFault(Kind::kStatus, Child::kPacket, status, at);
       EXPECT_EQ(Update(), Clean(2 + packet) + Failure(status == 1 ? -7 : code, code)) << packet;
+      EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::REFUSED);
       EXPECT_EQ(state_->HasCallback(), model_.keeps_callback);
       EXPECT_EQ(Wire(), Packets(std::string("012", packet)));
     }
@@ -351,6 +354,7 @@ TEST_P(HandUpdate, EndsWhenTheFinishOrTheRestartIsRefused) {
     const int code = static_cast<int>(status);
     SetFault(Kind::kStatus, Child::kFinish, status);
     EXPECT_EQ(Update(), Clean(6) + Failure(code, code));
+    EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::REFUSED);
     EXPECT_EQ(state_->HasCallback(), model_.keeps_callback);
     SetFault(Kind::kStatus, Child::kRestart, status);
     EXPECT_EQ(Update(), Clean(7) + Failed(code));
@@ -390,9 +394,11 @@ TEST_P(HandUpdate, GivesUpOnAStageWhoseReplyNeverComesAndSucceedsTheNextTime) {
       }
       SetFault(kind, child, 0, is_packet ? stage : 1);
       EXPECT_EQ(Update(), expected + Failed(code));
+      EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::NO_REPLY);
       EXPECT_GE(Took(), is_packet ? 300s : 30s);
       EXPECT_EQ(state_->HasCallback(), !is_packet && model_.keeps_callback);
       EXPECT_EQ(Update(), Clean());
+      EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::NONE);
       EXPECT_TRUE(Installed());
     }
   }

@@ -55,8 +55,8 @@ class CanUpdate {
   bool EndsQuery(std::uint32_t status) const;
 
   void ReportOrLogStage(OtaProgressStatus status, const std::string& line) const;
-  void ReportOrLogFailure(int code, const std::string& text) const;
-  void ReportOrLogStatus(const char* what, std::uint32_t status) const;
+  void ReportOrLogFailure(FailureKind kind, int code, const std::string& text) const;
+  void ReportOrLogStatus(const std::string& what, std::uint32_t status) const;
   void ReportAndLogRefusal(std::uint32_t status) const;
   void ReportAndLogNoReply() const;
   void ReportOrLogReconnected(const VendorInfo& info) const;

@@ -159,15 +159,15 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
 // --- The run --------------------------------------------------------------------------------
 
 /// Reports a failure, or without a callback logs it, and forgets the callback.
-void SerialUpdate::ReportOrLogFailure(int code, const std::string& line) {
-  ReportOrLogFailureAndKeepCallback(code, line);
+void SerialUpdate::ReportOrLogFailure(FailureKind kind, int code, const std::string& line) {
+  ReportOrLogFailureAndKeepCallback(kind, code, line);
   state_.ClearCallback();
 }
 
 /// Nothing calls a callback that is kept: the next update replaces it.
-void SerialUpdate::ReportOrLogFailureAndKeepCallback(int code, const std::string& line) {
+void SerialUpdate::ReportOrLogFailureAndKeepCallback(FailureKind kind, int code,
+                                                     const std::string& line) {
   const bool open = link_.device && link_.device->isOpen();
-  const FailureKind kind = FailureKindOf(code);
   link_.Record(kind == FailureKind::NO_REPLY && !open ? FailureKind::NO_LINK : kind, line);
   if (!state_.ReportFailure(code)) LogError(line);
 }
@@ -193,7 +193,8 @@ void SerialUpdate::Attempt(const std::string& path, OperationScope& operation) {
   // An update goes on without the version: a query for it that nothing answers is no failure.
   operation.Succeed();
   if (!accepted) {
-    return ReportOrLogFailure(kNoReplyCode, ErrorLine("Upgrade request timeout"));
+    return ReportOrLogFailure(FailureKind::NO_REPLY, kNoReplyCode,
+                              ErrorLine("Upgrade request timeout"));
   }
   BeginTransmission();
   if (!Transmit() || !Finish() || !Restart()) return;
@@ -321,7 +322,7 @@ bool SerialUpdate::Transmit() {
     state_.ota_clock->SleepFor(kTransmissionPass);
     const std::uint32_t status = state_.ota_status;
     if (IsUpdateError(status)) {
-      ReportOrLogFailure(static_cast<int>(status),
+      ReportOrLogFailure(FailureKind::REFUSED, static_cast<int>(status),
                          ErrorLine(Compose("OTA transmission failed, error code: ", status)));
       return false;
     }
@@ -333,7 +334,7 @@ bool SerialUpdate::Transmit() {
 bool SerialUpdate::OnAcknowledgment(bool& finished) {
   const std::uint32_t result = state_.ota_package_result;
   if (result != 0) {
-    ReportOrLogFailure(PacketFailureCode(result),
+    ReportOrLogFailure(FailureKind::REFUSED, PacketFailureCode(result),
                        ErrorLine(Compose("Package transmission failed, error code: ", result)));
     return false;
   }
@@ -366,7 +367,7 @@ bool SerialUpdate::ReportOrLogTransmissionEnd() {
   LogInfo(Compose("[USB_OTA] timeout: no ACK for packet ", index,
                   ", recv_thread_running=", link_.Device().running_ ? 1 : 0,
                   " (0=RecvThread already dead, 1=thread alive but no ACK received)"));
-  ReportOrLogFailure(kTransmissionTimeoutCode,
+  ReportOrLogFailure(FailureKind::NO_REPLY, kTransmissionTimeoutCode,
                      ErrorLine(Compose("OTA transmission timeout: ", left, " packages remaining")));
   return false;
 }
@@ -375,13 +376,14 @@ bool SerialUpdate::ReportOrLogTransmissionEnd() {
 bool SerialUpdate::AwaitFinish() {
   for (int polls = kFinishPolls; !state_.ota_finish_ok; --polls) {
     if (polls == 0) {
-      ReportOrLogFailure(kFinishTimeoutCode, ErrorLine("OTA finish response timeout"));
+      ReportOrLogFailure(FailureKind::NO_REPLY, kFinishTimeoutCode,
+                         ErrorLine("OTA finish response timeout"));
       return false;
     }
     state_.ota_clock->SleepFor(kPoll);
     const std::uint32_t status = state_.ota_status;
     if (!IsUpdateError(status)) continue;
-    ReportOrLogFailure(static_cast<int>(status), FinishFailedLine(status));
+    ReportOrLogFailure(FailureKind::REFUSED, static_cast<int>(status), FinishFailedLine(status));
     return false;
   }
   return true;
@@ -396,7 +398,8 @@ bool SerialUpdate::Finish() {
   if (!AwaitFinish()) return false;
   const std::uint32_t result = state_.ota_finish_result;
   if (result != 0) {
-    ReportOrLogFailureAndKeepCallback(static_cast<int>(result), FinishFailedLine(result));
+    ReportOrLogFailureAndKeepCallback(FailureKind::REFUSED, static_cast<int>(result),
+                                      FinishFailedLine(result));
     return false;
   }
   if (!state_.Report(state_.Total(), OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
@@ -411,7 +414,7 @@ bool SerialUpdate::Restart() {
     state_.ota_clock->SleepFor(kPoll);
   }
   if (!state_.ota_restart_ok) {
-    ReportOrLogFailureAndKeepCallback(kRestartTimeoutCode,
+    ReportOrLogFailureAndKeepCallback(FailureKind::NO_REPLY, kRestartTimeoutCode,
                                       ErrorLine("OTA restart response timeout"));
     return false;
   }

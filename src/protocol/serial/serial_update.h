@@ -67,8 +67,8 @@ class SerialUpdate {
   bool Finish();
   bool AwaitFinish();
   bool Restart();
-  void ReportOrLogFailure(int code, const std::string& line);
-  void ReportOrLogFailureAndKeepCallback(int code, const std::string& line);
+  void ReportOrLogFailure(FailureKind kind, int code, const std::string& line);
+  void ReportOrLogFailureAndKeepCallback(FailureKind kind, int code, const std::string& line);
 
   SerialUpdateState& state_;
   SerialLink& link_;
