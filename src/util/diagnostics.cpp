@@ -145,6 +145,11 @@ OperationRecord* RecordOf(const Korvane& hand) {
 
 }  // namespace
 
+LinkError AsLinkError(const std::exception& error) {
+  const auto* const link_error = dynamic_cast<const LinkError*>(&error);
+  return link_error != nullptr ? *link_error : LinkError(FailureKind::SEND_FAILED, error.what());
+}
+
 OperationRecord* HandDiagnostics::Record() const {
   ThreadRecords* const records = RecordsOfThisThread();
   return records != nullptr ? &records->Of(bad_replies_) : nullptr;
@@ -188,9 +193,8 @@ void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::stri
 
 void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
                    const std::string& text) {
-  const auto* const link_error = dynamic_cast<const LinkError*>(&error);
-  const FailureKind kind = link_error != nullptr ? link_error->Kind() : FailureKind::SEND_FAILED;
-  RecordFailure(hand, kind, text, link_error != nullptr ? link_error->SystemError() : 0);
+  const LinkError failed = AsLinkError(error);
+  RecordFailure(hand, failed.Kind(), text, failed.SystemError());
 }
 
 void RecordNotSupported(const Korvane& hand, const char* operation) {

@@ -26,6 +26,9 @@ class LinkError : public std::runtime_error {
   int system_error_;
 };
 
+/// What an exception of a link tells; of another kind, that something couldn't be sent.
+LinkError AsLinkError(const std::exception& error);
+
 /// What a link counts. Written by the threads that send and receive, read by any.
 struct LinkCounters {
   std::atomic<std::uint64_t> requests{0};

@@ -473,6 +473,8 @@ TEST_P(HandUpdate, CannotBeginWithoutATransport) {
             Error("SendPackage] Failed to send checksum request: no transport") +
                 Error("SendFinishRequest] no transport") +
                 Error("SendRestartRequest] no transport"));
+  EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::NO_LINK);
+  EXPECT_EQ(LastFailure(*hand_).operation, "SendRestartRequest");
 }
 
 // --- What is written ------------------------------------------------------------------------
@@ -710,6 +712,9 @@ TEST_P(HandUpdate, AsksForTheResultTenTimesAtMost) {
     EXPECT_EQ(written.out, out);
     EXPECT_EQ(written.err, err);
     EXPECT_EQ(state.ota_status, static_cast<std::uint32_t>(status));
+    EXPECT_EQ(LastFailure(*rig.hand).kind, tries == 1     ? FailureKind::NONE
+                                           : status == 99 ? FailureKind::SEND_FAILED
+                                                          : FailureKind::REFUSED);
     EXPECT_EQ(clock.Now() - start, model_.pause * (tries - 1));
     const std::string query = test::Show(std::vector{test::FullFrame(RequestId(5), {})});
     EXPECT_EQ(test::Show(rig.device->TakeSent()), Times(static_cast<std::size_t>(tries), query));

@@ -230,14 +230,24 @@ Expectation InServiceProtocol(const char* name, std::uint8_t motors, Names not_s
   return row;
 }
 
+/// A step of an update that a program takes itself.
+template <class Hand>
+HandOperation Step(const char* name, void (*take)(Hand&)) {
+  return {name, [=](KorvaneBase& hand) { Checked(dynamic_cast<Hand&>(hand), take); }};
+}
+
 Expectation OnSerial() {
   Expectation row;
   row.name = "KorvaneBrisaSerialImpl";
   row.make = [] { return std::make_unique<SerialRig>(); };
   row.operations = test::HandOperations(10) + test::TouchOperations() + test::ServiceOperations(10);
+  using Hand = KorvaneBrisaSerialImpl;
+  row.operations.push_back(
+      Step<Hand>("SendOtaUpgradeRequest", [](Hand& hand) { hand.SendOtaUpgradeRequest(0, 0); }));
   row.not_supported = kPeriods + kModeReads + kRawTouch + Names{"GetFingerTactileForce"};
-  row.sends_only = kModeWrites + Names{"SetDeviceId", "SetJointMotorPosi", "SetJointMotorVelo",
-                                       "SetAllJointMotorVelo", "MixCtrlJointMotor"};
+  row.sends_only =
+      kModeWrites + Names{"SetDeviceId",          "SetJointMotorPosi", "SetJointMotorVelo",
+                          "SetAllJointMotorVelo", "MixCtrlJointMotor", "SendOtaUpgradeRequest"};
   row.checks_first = {"GetControlMode", "GetCurrentThreshold"};
   row.takes_anything = kServiceSettings + Names{"GetDeviceInfo"};
   return row;
@@ -265,6 +275,13 @@ const Expectation kServiceCommands[] = {
           "KorvaneBrisaCanPrivateImpl", 10,
           kPeriods + kMotions + kReports + kModeReads + kRawTouch + Names{"GetTactileSensorData"});
       row.operations = row.operations + test::TouchOperations();
+      using Hand = KorvaneBrisaCanPrivateImpl;
+      row.operations.push_back(
+          Step<Hand>("SendOtaRequestSynch", [](Hand& hand) { hand.SendOtaRequestSynch(1, 2, 3); }));
+      row.operations.push_back(
+          Step<Hand>("SendOtaFinish", [](Hand& hand) { hand.SendOtaFinish(); }));
+      row.sends_only = {"SendOtaFinish"};
+      row.takes_anything = {"SendOtaRequestSynch"};
       return row;
     }(),
     InServiceProtocol<KorvaneLumenCanPrivateImpl>(

@@ -275,18 +275,30 @@ void CanUpdate::ReportOrLogNotReconnected() const {
       "verification)");
 }
 
+// --- Steps of their own ---------------------------------------------------------------------
+
+void CanUpdate::TakeStep(const char* name, SendFailure (UpdateSender::*send)()) {
+  const OperationScope operation(link_.diagnostics, name);
+  const SendFailure failure = (sender_.*send)();
+  if (failure) RecordFailure(link_.diagnostics, *failure, failure->what());
+}
+
 // --- The result query -----------------------------------------------------------------------
 
 void CanUpdate::QueryResult() {
+  OperationScope operation(link_.diagnostics, "GetUpgradeResult");
   for (int attempt = 1; attempt <= kResultTries; ++attempt) {
     try {
       const CanfdFrame reply = link_.Request(sender_.RequestFrame(kResultChild), 0);
       const std::uint32_t status = LoadU32(reply.data);
       state_.ota_status = status;
       log_.LogResult(status);
-      if (EndsQuery(status)) return;
+      if (EndsQuery(status)) return operation.Succeed();
+      RecordFailure(link_.diagnostics, FailureKind::REFUSED,
+                    Compose("the hand answers with status ", status));
     } catch (const std::exception& error) {
       log_.LogWarning("GetUpgradeResult", Compose("[retry:", attempt, "/10] ", error.what()));
+      RecordFailure(link_.diagnostics, error, error.what());
     }
     if (attempt < kResultTries) state_.ota_clock->SleepFor(rules_.result_query.pause);
   }

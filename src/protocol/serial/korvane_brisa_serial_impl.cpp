@@ -384,17 +384,31 @@ std::vector<short> KorvaneBrisaSerialImpl::GetAllForceReport() const {
 // --- Update ---------------------------------------------------------------------------------
 
 void KorvaneBrisaSerialImpl::SendOtaUpgradeRequest(unsigned int size, unsigned short count) {
-  update_.SendUpgradeRequest(size, count);
+  link_.WriteOrThrow(__func__, [&] { return update_.SendUpgradeRequest(size, count); });
 }
 
 void KorvaneBrisaSerialImpl::SendOtaPackage(const std::array<char, 2048>& packet) {
   FirmwarePacket bytes;
   std::copy(packet.begin(), packet.end(), bytes.begin());
-  update_.SendPackage(bytes);
+  link_.WriteOrThrow(__func__, [&] { return update_.SendPackage(bytes); });
 }
 
-void KorvaneBrisaSerialImpl::SendOtaFinish() { update_.SendFinish(); }
-void KorvaneBrisaSerialImpl::SendOtaRestart() { update_.SendRestart(); }
-void KorvaneBrisaSerialImpl::UpdateOtaValidationTypeFromVersion() { update_.FindValidationType(); }
+void KorvaneBrisaSerialImpl::SendOtaFinish() {
+  link_.WriteOrThrow(__func__, [this] { return update_.SendFinish(); });
+}
+
+void KorvaneBrisaSerialImpl::SendOtaRestart() {
+  link_.WriteOrThrow(__func__, [this] { return update_.SendRestart(); });
+}
+
+void KorvaneBrisaSerialImpl::UpdateOtaValidationTypeFromVersion() {
+  const auto operation = link_.Operation(__func__);
+  update_.FindValidationType();
+}
+
+FwVersion KorvaneBrisaSerialImpl::GetFwVersionInternal(bool no_crc) const {
+  const auto operation = link_.Operation(__func__);
+  return link_.QueryVersion(no_crc);
+}
 
 }  // namespace talvera::korvane

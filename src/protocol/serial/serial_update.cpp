@@ -68,21 +68,22 @@ SerialFrameCrcType SerialUpdate::Trailer() const {
                                          : SerialFrameCrcType::kCrc16Ccitt;
 }
 
-void SerialUpdate::Write(ServiceCommand command, const ServicePayload& payload,
+bool SerialUpdate::Write(ServiceCommand command, const ServicePayload& payload,
                          SerialFrameCrcType crc) {
   UsbFrameBuilder frame(DeviceIdOf(hand_), static_cast<std::uint8_t>(command));
   frame.AddData(payload.Data(), payload.Size());
   const std::size_t size = frame.Finalize(crc);
-  link_.Device().WriteRaw(frame.Data(), size);
+  return link_.Device().WriteRaw(frame.Data(), size) == size;
 }
 
-void SerialUpdate::SendUpgradeRequest(std::uint32_t size, std::uint16_t count) {
+bool SerialUpdate::SendUpgradeRequest(std::uint32_t size, std::uint16_t count) {
   state_.ota_upgrade_acked = false;
-  Write(ServiceCommand::kUpdateRequest,
-        ServicePayload().Add8(kUpgradeChild).Add32(size).Add16(count), SerialFrameCrcType::kNoCrc);
+  return Write(ServiceCommand::kUpdateRequest,
+               ServicePayload().Add8(kUpgradeChild).Add32(size).Add16(count),
+               SerialFrameCrcType::kNoCrc);
 }
 
-void SerialUpdate::SendPackage(const FirmwarePacket& packet) {
+bool SerialUpdate::SendPackage(const FirmwarePacket& packet) {
   {
     const std::lock_guard lock(state_.ota_mutex);
     state_.ota_current_package = packet;
@@ -92,26 +93,30 @@ void SerialUpdate::SendPackage(const FirmwarePacket& packet) {
                                 : Crc16Xmodem(packet.data(), packet.size());
   state_.ota_package_acked = false;
   state_.ota_status = kWaitingResponse;
-  Write(ServiceCommand::kUpdateRequest,
-        ServicePayload().Add8(kPacketChild).Add16(state_.ota_package_index & 0xFFFF).Add16(crc),
-        Trailer());
+  bool sent =
+      Write(ServiceCommand::kUpdateRequest,
+            ServicePayload().Add8(kPacketChild).Add16(state_.ota_package_index & 0xFFFF).Add16(crc),
+            Trailer());
   for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
     UsbFrameBuilder frame(DeviceIdOf(hand_),
                           static_cast<std::uint8_t>(ServiceCommand::kUpdateData));
     frame.AddUint8(kDataChild).AddData(&packet[at], kDataPerFrame);
     const std::size_t size = frame.Finalize(Trailer());
-    link_.Device().WriteRaw(frame.Data(), size);
+    sent = link_.Device().WriteRaw(frame.Data(), size) == size && sent;
   }
+  return sent;
 }
 
-void SerialUpdate::SendFinish() {
+bool SerialUpdate::SendFinish() {
   state_.ota_finish_acked = false;
-  Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0), Trailer());
+  return Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0),
+               Trailer());
 }
 
-void SerialUpdate::SendRestart() {
+bool SerialUpdate::SendRestart() {
   state_.ota_restart_acked = false;
-  Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0), Trailer());
+  return Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0),
+               Trailer());
 }
 
 // --- Replies, on the receive thread ---------------------------------------------------------
@@ -178,9 +183,7 @@ void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
   try {
     Attempt(path, operation);
   } catch (const std::exception& error) {
-    if (const auto failed = link_.Explain(error)) {
-      RecordThrown(link_.diagnostics, failed->Kind(), failed->what(), failed->SystemError());
-    }
+    link_.RecordThrown(error);
     throw;
   }
 }

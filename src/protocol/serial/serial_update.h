@@ -42,14 +42,15 @@ class SerialUpdate {
   /// Takes an update reply, on the receive thread.
   void OnReply(const std::uint8_t* data, std::size_t size);
 
-  void SendUpgradeRequest(std::uint32_t size, std::uint16_t count);
-  void SendPackage(const FirmwarePacket& packet);
-  void SendFinish();
-  void SendRestart();
+  // Each is false if the port took less than all, and throws what the serial library throws.
+  bool SendUpgradeRequest(std::uint32_t size, std::uint16_t count);
+  bool SendPackage(const FirmwarePacket& packet);
+  bool SendFinish();
+  bool SendRestart();
   void FindValidationType();
 
  private:
-  void Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
+  bool Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
   SerialFrameCrcType Trailer() const;
 
   void Attempt(const std::string& path, OperationScope& operation);

@@ -100,6 +100,18 @@ CanfdFrame CanServiceEngine::RequestOrThrow(const char* name, const CanfdFrame& 
   }
 }
 
+void CanServiceEngine::SendOrThrow(const char* name, const std::function<bool()>& send) const {
+  const auto operation = Operation(name);
+  try {
+    if (send()) return;
+    const LinkError error = SendError("request send failed");
+    RecordFailure(diagnostics, error, error.what());
+  } catch (const LinkError& error) {
+    RecordThrown(diagnostics, error.Kind(), error.what(), error.SystemError());
+    throw;
+  }
+}
+
 CanServiceEngine::Reply CanServiceEngine::RequestOrLog(const char* operation,
                                                        ServiceCommand command,
                                                        const ServicePayload& payload) const {

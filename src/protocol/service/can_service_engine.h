@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -68,6 +69,10 @@ class CanServiceEngine : public CanLink {
 
   /// The reply to any command. Throws std::runtime_error, which is recorded.
   CanfdFrame RequestOrThrow(const char* operation, const CanfdFrame& frame) const;
+
+  /// Sends what waits for no reply by `send`, which is false if that failed, as an operation of its
+  /// own. What `send` throws gets out and is recorded.
+  void SendOrThrow(const char* operation, const std::function<bool()>& send) const;
 
   Reply RequestOrLog(const char* operation, ServiceCommand command,
                      const ServicePayload& payload = {}) const;

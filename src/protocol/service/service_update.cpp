@@ -43,32 +43,29 @@ ServiceUpdate::ServiceUpdate(const char* class_name, ServiceUpdateState& state, 
 
 // --- Frames ---------------------------------------------------------------------------------
 
-CanfdFrame ServiceUpdate::Request(std::uint8_t child, std::uint32_t file_size,
-                                  std::uint16_t packets) const {
+CanfdFrame ServiceUpdate::RequestFrame(std::uint8_t child, std::uint32_t file_size,
+                                       std::uint16_t packets) {
   const auto payload = ServicePayload().Add8(child).Add32(file_size).Add16(packets);
-  return link_.Request(ServiceFrame(ServiceCommand::kUpdateRequest, payload), 0);
+  return ServiceFrame(ServiceCommand::kUpdateRequest, payload);
 }
 
-void ServiceUpdate::SendPacket(const FirmwarePacket& packet, std::uint16_t number) const {
+bool ServiceUpdate::Send(const CanfdFrame& frame) const { return link_.Send(frame) != -1; }
+
+bool ServiceUpdate::SendChild(std::uint8_t child) const {
+  return Send(ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(child).Add32(0)));
+}
+
+bool ServiceUpdate::SendPacket(const FirmwarePacket& packet, std::uint16_t number) const {
   const std::uint16_t crc = Crc16Modbus(packet.data(), packet.size());
-  link_.Send(ServiceFrame(ServiceCommand::kUpdateRequest,
-                          ServicePayload().Add8(kPacketChild).Add16(number).Add16(crc)));
+  bool sent = Send(ServiceFrame(ServiceCommand::kUpdateRequest,
+                                ServicePayload().Add8(kPacketChild).Add16(number).Add16(crc)));
   state_.ota_clock->SleepFor(kAfterChecksum);
   for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
     const std::size_t size = std::min(kDataPerFrame, packet.size() - at);
-    link_.Send(ServiceFrame(ServiceCommand::kUpdateData, &packet[at], size));
+    sent = Send(ServiceFrame(ServiceCommand::kUpdateData, &packet[at], size)) && sent;
     state_.ota_clock->SleepFor(kAfterDataFrame);
   }
-}
-
-void ServiceUpdate::SendFinish() const {
-  link_.Send(
-      ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0)));
-}
-
-void ServiceUpdate::SendRestart() const {
-  link_.Send(
-      ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0)));
+  return sent;
 }
 
 // --- Replies, on the receive thread ---------------------------------------------------------
@@ -155,8 +152,9 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
 bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
   CanfdFrame reply;
   try {
-    reply = Request(kUpgradeChild, static_cast<std::uint32_t>(file_size),
-                    static_cast<std::uint16_t>(state_.Total()));
+    reply = link_.Request(RequestFrame(kUpgradeChild, static_cast<std::uint32_t>(file_size),
+                                       static_cast<std::uint16_t>(state_.Total())),
+                          0);
   } catch (const std::exception& error) {
     const std::string line =
         Compose("[ERROR][", class_name_, "] UpdateFirmware upgrade request: ", error.what());
