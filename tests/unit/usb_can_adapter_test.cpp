@@ -2,15 +2,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <limits>
 #include <memory>
+#include <thread>
 
 #include "can/hcan_device.h"
 #include "can/zlg_usbcanfd_device.h"
 #include "support/allocation_hook.h"
 #include "support/capture.h"
 #include "support/fake_library.h"
+#include "support/process_resources.h"
 #include "util/bytes.h"
 
 namespace talvera::korvane {
@@ -353,6 +357,28 @@ TEST_P(UsbCan, AScanFindsASerialNumberByAPartAndLeavesDevicesInUseAlone) {
   EXPECT_EQ(shared->adapter_index_, 7);
   EXPECT_EQ(Count(7), 2);
   EXPECT_THAT(told_shared.calls, Not(HasSubstr(Pick("Device 33 7", "Device 7 "))));
+}
+
+// The probe of a device that the process hasn't met leaves it open. A scan that comes then can't
+// look at it, and must not forget it.
+TEST_F(Zlg, AScanLeavesADeviceAloneThatAnotherThreadOpensForTheFirstTime) {
+  fake_->devices[0] = {"SN-0"};
+  std::unique_ptr<UsbCanAdapter> opened;
+  std::thread opener;
+  fake_->on_open = [&] {
+    std::atomic<pid_t> id{0};
+    opener = std::thread([&] {
+      id = gettid();
+      opened = Make(std::uint8_t{0}, 0);
+    });
+    // Until it waits for the scan, or has done before it waits what it should have waited with.
+    while (!test::IsAsleep(id)) std::this_thread::yield();
+  };
+  Run([&] {
+    Make("no such number", 0);
+    opener.join();
+  });
+  EXPECT_TRUE(opened->IsInit());
 }
 
 TEST_P(UsbCan, ASerialNumberOrChannelThatIsNotThereDisturbsNobody) {
