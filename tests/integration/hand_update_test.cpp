@@ -295,6 +295,15 @@ TEST_P(HandUpdate, InstallsFilesOfAnySizeByteForByteInThePaceThatTheHandNeeds) {
   }
 }
 
+/// The number is the code of a missing reply, and still what the hand said.
+TEST_P(HandUpdate, AStatusIsARefusalWhateverItsNumberIs) {
+  for (const Child child : {Child::kUpgrade, Child::kPacket, Child::kFinish}) {
+    SetFaults({{Kind::kStatus, child, 0xFFFFFFFC, child == Child::kPacket ? 2U : 0U}});
+    Update();
+    EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::REFUSED) << static_cast<int>(child);
+  }
+}
+
 /// All that can go wrong in a run, one at a time and then together.
 TEST_P(HandUpdate, ReportsAndRequestsWhatIsSettled) {
   RecordRun("undisturbed");

@@ -207,14 +207,27 @@ Expectation InServiceProtocol(const char* name, std::uint8_t motors, Names not_s
   return row;
 }
 
+/// A step of an update that a program takes itself.
+template <class Hand>
+HandOperation Step(const char* name, void (*take)(Hand&)) {
+  return {name, [=](KorvaneBase& hand) {
+            Checked(dynamic_cast<Hand&>(hand), take);
+            return std::string();
+          }};
+}
+
 Expectation OnSerial() {
   Expectation row;
   row.name = "KorvaneBrisaSerialImpl";
   row.make = [] { return std::make_unique<SerialRig>(); };
   row.operations = test::HandOperations(10) + test::TouchOperations() + test::ServiceOperations(10);
+  using Hand = KorvaneBrisaSerialImpl;
+  row.operations.push_back(
+      Step<Hand>("SendOtaUpgradeRequest", [](Hand& hand) { hand.SendOtaUpgradeRequest(0, 0); }));
   row.not_supported = kPeriods + kModeReads + kRawTouch + Names{"GetFingerTactileForce"};
-  row.sends_only = kModeWrites + Names{"SetDeviceId", "SetJointMotorPosi", "SetJointMotorVelo",
-                                       "SetAllJointMotorVelo", "MixCtrlJointMotor"};
+  row.sends_only =
+      kModeWrites + Names{"SetDeviceId",          "SetJointMotorPosi", "SetJointMotorVelo",
+                          "SetAllJointMotorVelo", "MixCtrlJointMotor", "SendOtaUpgradeRequest"};
   row.checks_first = {"GetControlMode", "GetCurrentThreshold"};
   row.takes_anything = kServiceSettings + Names{"GetDeviceInfo"};
   return row;
@@ -242,6 +255,13 @@ const Expectation kServiceCommands[] = {
           "KorvaneBrisaCanPrivateImpl", 10,
           kPeriods + kMotions + kReports + kModeReads + kRawTouch + Names{"GetTactileSensorData"});
       row.operations = row.operations + test::TouchOperations();
+      using Hand = KorvaneBrisaCanPrivateImpl;
+      row.operations.push_back(
+          Step<Hand>("SendOtaRequestSynch", [](Hand& hand) { hand.SendOtaRequestSynch(1, 2, 3); }));
+      row.operations.push_back(
+          Step<Hand>("SendOtaFinish", [](Hand& hand) { hand.SendOtaFinish(); }));
+      row.sends_only = {"SendOtaFinish"};
+      row.takes_anything = {"SendOtaRequestSynch"};
       return row;
     }(),
     InServiceProtocol<KorvaneLumenCanPrivateImpl>(
@@ -264,6 +284,7 @@ class DiagnosticsOf : public testing::TestWithParam<Expectation> {
     EXPECT_EQ(Ends(hand, bad_argument ? operation.bad_call : operation.call),
               kind == FailureKind::NONE ? "NONE" : std::string(ToString(kind)) + " in " + name)
         << name;
+    if (kind == FailureKind::BAD_REPLY) ++bad_replies_;
     rig_->Settle();
   }
 
@@ -278,6 +299,7 @@ class DiagnosticsOf : public testing::TestWithParam<Expectation> {
 
   const Expectation& row_ = GetParam();
   const std::unique_ptr<Rig> rig_ = GetParam().make();
+  std::uint64_t bad_replies_ = 0;
 };
 
 // A program that can't tell "no fault" from "no answer" lies to whoever reads what it prints.
@@ -309,6 +331,7 @@ TEST_P(BadRepliesTo, TellWhichOperationTheyFail) {
   rig_->AnswerBadly();
   ExpectAll(rig_->Hand(), FailureKind::BAD_REPLY,
             row_.sends_only + row_.local + row_.takes_anything, {});
+  EXPECT_EQ(StatisticsOf(rig_->Hand()).bad_replies, bad_replies_) << "operations, not replies";
 }
 
 constexpr auto kNameOfRow = [](const testing::TestParamInfo<Expectation>& row) {
