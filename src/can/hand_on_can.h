@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "can/can_link.h"
+#include "util/models.h"
 
 namespace talvera::korvane {
 
@@ -69,7 +70,7 @@ class HandOnCan : public Model,
   template <class Where>
   static std::unique_ptr<CanBusDeviceBase> Adapter(ECanDeviceType type, const Where& where,
                                                    std::uint8_t channel) {
-    auto adapter = MakeAdapter(type, where, channel, Row::kModel.model_code);
+    auto adapter = MakeAdapter(type, where, channel, CodeOf(Row::kModel.model));
     if (!adapter) Engine::LogNoSuchAdapter(Row::kModel, type);
     return adapter;
   }

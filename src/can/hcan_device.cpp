@@ -11,8 +11,6 @@
 namespace talvera::korvane {
 namespace {
 
-constexpr std::uint8_t kTesselProduct = 1;
-constexpr std::uint8_t kBroadcastProduct = 255;
 constexpr int kMaxDevices = 256;
 constexpr int kRefusedClockHz = 36'000'000;
 /// A send time-out of 0 stands for it.
@@ -42,7 +40,7 @@ constexpr std::uint8_t kUsualChannels = 2;
 /// 80 MHz clock: 1 Mbit/s arbitration sampled at 80 %; 5 Mbit/s data, in 16 time quanta sampled at
 /// 80 % for one product and in 8 sampled at 75 % for the others.
 std::array<std::uint8_t, 20> InitialisationRecord(std::uint8_t product_type) {
-  const bool fine = product_type == kTesselProduct;
+  const bool fine = HasTesselTiming(product_type);
   std::array<std::uint8_t, 20> record{};
   StoreU32(record.data(), 1'000'000);
   StoreU32(&record[4], 5'000'000);
@@ -246,8 +244,8 @@ bool HcanDevice::CheckClock() {
 
 bool HcanDevice::InitialiseChannel() {
   LogInfo(Compose("[HCAN] Setting CANFD config, product_type_=", product_type_));
-  LogInfo(product_type_ == kTesselProduct ? "[HCAN] TS9: 1M@80%, 5M@80% (80MHz)"
-                                          : "[HCAN] 1M@80%, 5M@75% (80MHz)");
+  LogInfo(HasTesselTiming(product_type_) ? "[HCAN] TS9: 1M@80%, 5M@80% (80MHz)"
+                                         : "[HCAN] 1M@80%, 5M@75% (80MHz)");
   auto config = InitialisationRecord(product_type_);
   const int result = CanBus().init(adapter_index_, channel_id_, config.data());
   if (result < 0) {

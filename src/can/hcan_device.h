@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "can/usb_can_adapter.h"
+#include "util/models.h"
 
 namespace talvera::korvane {
 
@@ -17,6 +18,11 @@ struct HcanDeviceInfo {
   std::uint8_t channels = 0;
 };
 
+/// These adapters have two bit timings.
+constexpr bool HasTesselTiming(std::uint8_t product_type) {
+  return product_type == CodeOf(Model::TESSEL);
+}
+
 /// One channel of an HCAN adapter, through the closed library libcanbus.
 ///
 /// Objects on one adapter share it by count: only the first one opens its channel with the
@@ -25,7 +31,7 @@ struct HcanDeviceInfo {
 /// are built around both.
 class HcanDevice : public UsbCanAdapter {
  public:
-  /// `product_type` 255 makes an object that never opens anything.
+  /// The product type kBroadcastProduct makes an object that never opens anything.
   HcanDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
 
   /// Takes the first adapter whose serial number contains `serial_number`.

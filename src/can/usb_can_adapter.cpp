@@ -35,22 +35,19 @@ void UsbCanAdapter::TakeSeat(const char* library) {
 
 void UsbCanAdapter::ReceiveFrames(const Reception& reception, const DispatchRules& rules) {
   std::array<std::uint8_t, kReceiveCapacity * kFrameRecordSize> records;
-  const auto read = [&] {
-    std::vector<CanfdFrame> frames;
+  const UsbCanChannel::Reader read = [&](std::vector<CanfdFrame>& frames) {
     records.fill(0);
     const std::int64_t count = reception.read(records.data(), kReceiveCapacity, kReceiveWaitMs);
     if (count <= 0 || count > kReceiveCapacity) {
       std::this_thread::sleep_for(kIdleSleep);
-      return frames;
+      return;
     }
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
       frames.push_back(reception.to_frame(&records[i * kFrameRecordSize]));
     }
-    return frames;
   };
-  while (!stop_flag_) {
-    for (const auto& frame : seat_->Next(read)) DispatchShared(*frame, rules);
-  }
+  const UsbCanChannel::Taker take = [&](SharedFrame& frame) { DispatchShared(frame, rules); };
+  while (!stop_flag_) seat_->Next(read, take);
 }
 
 /// A frame that another object took isn't a stray one: whether it is shows when all have seen it.

@@ -36,32 +36,59 @@ UsbCanChannel::Seat::~Seat() {
   seats.erase(std::find(seats.begin(), seats.end(), this));
 }
 
-UsbCanChannel::Frames UsbCanChannel::Seat::Next(const Reader& read) {
-  UsbCanChannel& channel = *channel_;
-  std::unique_lock lock(channel.mutex_);
-  if (inbox_.empty() && channel.being_read_) channel.changed_.wait_for(lock, kLongestWait);
-  if (!inbox_.empty() || channel.being_read_) return channel.TakeInbox(*this);
-  channel.being_read_ = true;
+/// The time in which one object reads the channel and the lock is free.
+class UsbCanChannel::Turn {
+ public:
+  Turn(UsbCanChannel& channel, std::unique_lock<std::mutex>& lock)
+      : channel_(channel), lock_(lock) {
+    channel_.being_read_ = true;
+    lock_.unlock();
+  }
+  ~Turn() {
+    lock_.lock();
+    channel_.being_read_ = false;
+    channel_.changed_.notify_all();
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  UsbCanChannel& channel_;
+  std::unique_lock<std::mutex>& lock_;
+};
+
+void UsbCanChannel::Seat::Next(const Reader& read, const Taker& take) {
+  own_.clear();
+  Lock lock(channel_->mutex_);
+  if (inbox_.empty() && channel_->being_read_) channel_->changed_.wait_for(lock, kLongestWait);
+  if (inbox_.empty() && !channel_->being_read_) Read(lock, read);
+  const std::vector<std::shared_ptr<SharedFrame>> shared(inbox_.begin(), inbox_.end());
+  inbox_.clear();
   lock.unlock();
-  const auto frames = read();
-  lock.lock();
-  channel.being_read_ = false;
-  channel.Distribute(frames);
-  channel.changed_.notify_all();
-  return channel.TakeInbox(*this);
+  for (const auto& frame : shared) take(*frame);
+  for (const CanfdFrame& frame : own_) {
+    SharedFrame alone;
+    alone.frame = frame;
+    alone.for_one = true;
+    take(alone);
+  }
 }
 
-UsbCanChannel::Frames UsbCanChannel::TakeInbox(Seat& seat) {
-  Frames frames(seat.inbox_.begin(), seat.inbox_.end());
-  seat.inbox_.clear();
-  return frames;
+/// An object that is alone on its channel keeps what it reads: sharing costs memory for each frame.
+void UsbCanChannel::Seat::Read(Lock& lock, const Reader& read) {
+  {
+    const Turn turn(*channel_, lock);
+    read(own_);
+  }
+  if (channel_->seats_.size() == 1) return;
+  channel_->Distribute(own_);
+  own_.clear();
 }
 
 void UsbCanChannel::Distribute(const std::vector<CanfdFrame>& frames) {
   for (const CanfdFrame& frame : frames) {
     const auto shared = std::make_shared<SharedFrame>();
     shared->frame = frame;
-    shared->for_one = seats_.size() == 1;
     for (Seat* const seat : seats_) {
       seat->inbox_.push_back(shared);
       if (seat->inbox_.size() > kInboxSize) seat->inbox_.pop_front();

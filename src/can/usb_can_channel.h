@@ -39,9 +39,9 @@ struct SharedFrame {
 /// holds nobody up.
 class UsbCanChannel {
  public:
-  using Frames = std::vector<std::shared_ptr<SharedFrame>>;
-  /// Reads what the adapter has, waiting a while for the first frame.
-  using Reader = std::function<std::vector<CanfdFrame>()>;
+  /// Adds what the adapter has to `frames`, waiting a while for the first frame.
+  using Reader = std::function<void(std::vector<CanfdFrame>& frames)>;
+  using Taker = std::function<void(SharedFrame& frame)>;
 
   /// An object's place on the channel, for as long as it may wait for frames.
   class Seat {
@@ -51,14 +51,20 @@ class UsbCanChannel {
     Seat(const Seat&) = delete;
     Seat& operator=(const Seat&) = delete;
 
-    /// The next frames, for the object's receive thread; none after a while without any.
-    Frames Next(const Reader& read);
+    /// Hands the next frames to `take`, on the object's receive thread, which calls this; none
+    /// after a while without any. What `read` throws gets out.
+    void Next(const Reader& read, const Taker& take);
 
    private:
     friend class UsbCanChannel;
+    using Lock = std::unique_lock<std::mutex>;
+
+    void Read(Lock& lock, const Reader& read);
 
     std::shared_ptr<UsbCanChannel> channel_;
     std::deque<std::shared_ptr<SharedFrame>> inbox_;
+    /// What this object has read and nobody else is to see. Kept for its memory.
+    std::vector<CanfdFrame> own_;
   };
 
   /// The channel with this name, such as "zlg 0 1".
@@ -68,7 +74,8 @@ class UsbCanChannel {
   void Wake() { changed_.notify_all(); }
 
  private:
-  Frames TakeInbox(Seat& seat);
+  class Turn;
+
   void Distribute(const std::vector<CanfdFrame>& frames);
 
   std::mutex mutex_;

@@ -38,7 +38,7 @@ CanfdDeviceTable& CanfdDevices();
 /// Lock order: `device_mutex_`, then `scan_cache_mutex_`.
 class ZlgUsbcanfdDevice : public UsbCanAdapter {
  public:
-  /// `product_type` 255 marks a short-lived object for a broadcast query.
+  /// The product type kBroadcastProduct marks a short-lived object for a broadcast query.
   ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
 
   /// Takes the first adapter whose serial number contains `serial_number`.

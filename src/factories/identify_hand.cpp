@@ -35,7 +35,7 @@ Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
   if (!link.IsInit()) return Failure{FailureKind::NO_LINK, kOperation, "the hand has no link", 0};
   const auto id = static_cast<std::uint8_t>(hand.device_id & kDeviceIdMask);
   auto families = kFamilies;
-  const bool is_quill = hand.model_code == static_cast<std::uint8_t>(Model::QUILL);
+  const bool is_quill = hand.model_code == CodeOf(Model::QUILL);
   if (is_quill) std::swap(families[0], families[1]);
   Failure failure;
   for (int i = 0; i < kAttempts; ++i) {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "can/hcan_device.h"
 #include "factories/asked_link.h"
 #include "factories/bus_probe.h"
 #include "factories/known_models.h"
@@ -113,7 +114,7 @@ Outcome<Candidate> Choose(const HandAddress& address, const BusAnswers& answers)
 /// An HCAN adapter runs with the bit timing of the model; the others do with that of any.
 std::optional<Failure> FitTiming(AskedLink& link, const HandAddress& address, Model model,
                                  std::uint8_t asked_as) {
-  const std::uint8_t product = ProductTypeOf(model);
+  const std::uint8_t product = CodeOf(model);
   const bool fits = HasTesselTiming(product) == HasTesselTiming(asked_as);
   if (address.link != LinkKind::HCAN || fits) return std::nullopt;
   return link.Open(address, product);

@@ -3,17 +3,9 @@
 #include <cstdint>
 
 #include "korvane.h"
+#include "util/models.h"
 
 namespace talvera::korvane {
-
-/// Korvane::model_code of each model, which is also the product type that an adapter object holds.
-namespace model_code {
-inline constexpr std::uint8_t kBrisa = 0;
-inline constexpr std::uint8_t kTessel = 1;
-inline constexpr std::uint8_t kQuill = 2;
-inline constexpr std::uint8_t kLumen = 3;
-inline constexpr std::uint8_t kVanta = 4;
-}  // namespace model_code
 
 /// The id of a hand. A program may give the hand another one, by SetDeviceId or Reset or in the
 /// member itself, while the receive thread compares it with that of a reply: so the id is kept
@@ -26,9 +18,8 @@ inline void StoreDeviceId(Korvane& hand, std::uint8_t device_id) {
 }
 
 /// Sets the common members of a hand, but for `connected`.
-inline void SetMembers(Korvane& hand, std::uint8_t model_code, std::uint8_t device_id,
-                       HandType type) {
-  hand.model_code = model_code;
+inline void SetMembers(Korvane& hand, Model model, std::uint8_t device_id, HandType type) {
+  hand.model_code = CodeOf(model);
   StoreDeviceId(hand, device_id);
   hand.mirrored = type == HandType::LEFT;
 }

@@ -9,7 +9,7 @@ namespace talvera::korvane {
 KorvaneTessel::~KorvaneTessel() = default;
 
 void KorvaneTessel::Reset(std::uint8_t id, HandType hand) {
-  SetMembers(*this, model_code::kTessel, id, hand);
+  SetMembers(*this, Model::TESSEL, id, hand);
   solver = std::make_unique<ts9::KorvaneTesselSolver>(mirrored);
 }
 

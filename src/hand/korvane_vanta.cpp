@@ -7,7 +7,7 @@ namespace talvera::korvane {
 KorvaneVanta::~KorvaneVanta() = default;
 
 void KorvaneVanta::Reset(std::uint8_t id, HandType hand) {
-  SetMembers(*this, model_code::kVanta, id, hand);
+  SetMembers(*this, Model::VANTA, id, hand);
 }
 
 }  // namespace talvera::korvane

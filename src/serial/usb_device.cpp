@@ -113,20 +113,21 @@ std::size_t UsbSerialDevice::WriteRaw(const std::uint8_t* data, std::size_t size
 }
 
 std::size_t UsbSerialDevice::WriteOut(const std::uint8_t* data, std::size_t size) {
+  const bool is_frame = size > kUsbFrameLength;
   std::size_t written = 0;
-  try {
+  const auto send = [&] {
     // The library looks at its 2 ms before it looks at the port, so that on a busy machine it may
     // take nothing, and say nothing, of what the port had room for. One lost packet ends an update.
     for (int left = kWriteAttempts; written == 0 && left > 0; --left) written = write(data, size);
+    return is_frame && written == size;
+  };
+  try {
+    tap_.SendAndShow(send, is_frame ? LoadU16(data + kUsbFrameDeviceId) : 0U, data, size);
   } catch (...) {
     ++counters_.send_failures;
     throw;
   }
-  if (written < size) {
-    ++counters_.send_failures;
-  } else if (size > kUsbFrameLength) {
-    tap_.Show(/*sent=*/true, LoadU16(data + kUsbFrameDeviceId), data, size);
-  }
+  if (written < size) ++counters_.send_failures;
   return written;
 }
 
@@ -314,7 +315,7 @@ bool UsbSerialDevice::CheckFrame(const UsbFrame* frame) {
 
 void UsbSerialDevice::Deliver(const std::uint8_t* frame) {
   const std::size_t length = frame[kUsbFrameLength];
-  tap_.Show(/*sent=*/false, LoadU16(frame + kUsbFrameDeviceId), frame, length + kUsbFrameOverhead);
+  tap_.ShowInTurn(LoadU16(frame + kUsbFrameDeviceId), frame, length + kUsbFrameOverhead);
   if (!frame_callback_ || length == 0) return;
   frame_callback_(frame[kUsbFrameCommand], frame + kUsbFrameData, length - 1);
   {

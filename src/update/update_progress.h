@@ -92,12 +92,4 @@ inline int PacketFailureCode(std::uint32_t status) {
   return status == kChecksumFailed ? kChecksumFailedCode : static_cast<int>(status);
 }
 
-/// What an update that ended with this code tells a program.
-inline FailureKind FailureKindOf(int code) {
-  if (code == kCannotOpenFirmware || code == kCannotReadFirmware) return FailureKind::BAD_ARGUMENT;
-  const bool timed_out =
-      code == kNoReplyCode || code == kRestartTimeoutCode || code == kTransmissionTimeoutCode;
-  return timed_out ? FailureKind::NO_REPLY : FailureKind::REFUSED;
-}
-
 }  // namespace talvera::korvane

@@ -13,7 +13,8 @@ namespace diagnostics_internal {
 
 /// What one thread knows of its operations on one hand.
 struct OperationRecord {
-  std::weak_ptr<const char> hand;
+  /// The hand's own count, and which hand it is.
+  std::weak_ptr<BadReplyCount> hand;
   /// The outermost operation, and how many are open inside each other.
   const char* operation = "";
   int depth = 0;
@@ -42,9 +43,11 @@ struct OperationRecord {
     awaits_line = false;
   }
 
-  /// A watch learns of a failure when its operation is over, as an operation may still succeed.
+  /// A failure is counted, and a watch learns of it, when its operation is over, as an operation
+  /// may still succeed.
   void End() {
     if (--depth > 0) return;
+    if (last.kind == FailureKind::BAD_REPLY) CountBadReply();
     const bool first = watch != nullptr && watch->first_.kind == FailureKind::NONE;
     if (first && last.kind != FailureKind::NONE) watch->first_ = last;
   }
@@ -55,6 +58,11 @@ struct OperationRecord {
   }
 
   void RemoveWatch(const FailureWatch& removed) { watch = removed.outer_; }
+
+ private:
+  void CountBadReply() const {
+    if (const auto count = hand.lock()) ++*count;
+  }
 };
 
 }  // namespace diagnostics_internal
@@ -66,7 +74,7 @@ using diagnostics_internal::OperationRecord;
 /// The records of one thread, each in its place as long as the hand lives.
 class ThreadRecords {
  public:
-  OperationRecord& Of(const std::shared_ptr<const char>& hand) {
+  OperationRecord& Of(const std::shared_ptr<BadReplyCount>& hand) {
     for (const auto& record : records_) {
       if (IsOf(*record, hand)) return *record;
     }
@@ -77,7 +85,7 @@ class ThreadRecords {
   }
 
  private:
-  static bool IsOf(const OperationRecord& record, const std::shared_ptr<const char>& hand) {
+  static bool IsOf(const OperationRecord& record, const std::shared_ptr<BadReplyCount>& hand) {
     return !record.hand.owner_before(hand) && !hand.owner_before(record.hand);
   }
 
@@ -117,7 +125,6 @@ struct HowTold {
 
 void Fail(const HandDiagnostics& hand, FailureKind kind, const std::string& text, int system_error,
           HowTold how) {
-  if (kind == FailureKind::BAD_REPLY) hand.CountBadReply();
   OperationRecord* const record = hand.Record();
   if (record != nullptr) record->Fail(kind, text, system_error, how.thrown, how.logged);
 }
@@ -138,9 +145,14 @@ OperationRecord* RecordOf(const Korvane& hand) {
 
 }  // namespace
 
+LinkError AsLinkError(const std::exception& error) {
+  const auto* const link_error = dynamic_cast<const LinkError*>(&error);
+  return link_error != nullptr ? *link_error : LinkError(FailureKind::SEND_FAILED, error.what());
+}
+
 OperationRecord* HandDiagnostics::Record() const {
   ThreadRecords* const records = RecordsOfThisThread();
-  return records != nullptr ? &records->Of(identity_) : nullptr;
+  return records != nullptr ? &records->Of(bad_replies_) : nullptr;
 }
 
 OperationScope::OperationScope(const HandDiagnostics& hand, const char* name)
@@ -181,9 +193,8 @@ void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::stri
 
 void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
                    const std::string& text) {
-  const auto* const link_error = dynamic_cast<const LinkError*>(&error);
-  const FailureKind kind = link_error != nullptr ? link_error->Kind() : FailureKind::SEND_FAILED;
-  RecordFailure(hand, kind, text, link_error != nullptr ? link_error->SystemError() : 0);
+  const LinkError failed = AsLinkError(error);
+  RecordFailure(hand, failed.Kind(), text, failed.SystemError());
 }
 
 void RecordNotSupported(const Korvane& hand, const char* operation) {

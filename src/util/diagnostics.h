@@ -26,6 +26,9 @@ class LinkError : public std::runtime_error {
   int system_error_;
 };
 
+/// What an exception of a link tells; of another kind, that something couldn't be sent.
+LinkError AsLinkError(const std::exception& error);
+
 /// What a link counts. Written by the threads that send and receive, read by any.
 struct LinkCounters {
   std::atomic<std::uint64_t> requests{0};
@@ -50,6 +53,8 @@ struct LinkCounters {
   }
 };
 
+using BadReplyCount = std::atomic<std::uint64_t>;
+
 /// Identifies one hand to the records of failures, which each thread keeps for itself: LastFailure
 /// speaks of the calling thread's operations only, so that nothing here needs a lock.
 class HandDiagnostics {
@@ -61,13 +66,13 @@ class HandDiagnostics {
   /// The calling thread's record of this hand; null while the thread ends.
   diagnostics_internal::OperationRecord* Record() const;
 
-  void CountBadReply() const { ++bad_replies_; }
-  std::uint64_t BadReplies() const { return bad_replies_; }
+  /// How many operations ended with BAD_REPLY.
+  std::uint64_t BadReplies() const { return *bad_replies_; }
 
  private:
-  /// By which a thread knows the hand, also when another one has come to its address.
-  std::shared_ptr<const char> identity_ = std::make_shared<const char>('\0');
-  mutable std::atomic<std::uint64_t> bad_replies_{0};
+  /// Shared with nobody, but also that by which a thread knows the hand: another one that has come
+  /// to its address has another.
+  std::shared_ptr<BadReplyCount> bad_replies_ = std::make_shared<BadReplyCount>(0);
 };
 
 /// One operation on a hand, from its first line to its last. The outermost one on a thread is what

@@ -3,13 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "can/zlg_usbcanfd_device.h"
 #include "korvane_brisa.h"
 #include "korvane_sim/in_process_adapters.h"
 #include "support/capture.h"
@@ -59,47 +55,6 @@ TEST_P(BrisaOnAdapters, LeavesNothingBehindAfterManyHands) {
   // A thread that was joined may still be listed for a moment, now or before.
   EXPECT_LE(after.threads, before.threads + 1);
   EXPECT_LE(after.heap_bytes, before.heap_bytes + 512) << "less than one allocation a cycle";
-}
-
-TEST(BrisaOnTwoChannels, HandsDoNotHearEachOther) {
-  sim::InProcessAdapters adapters;
-  std::array<Hand, 2> hands;
-  for (const std::uint8_t channel : {std::uint8_t{0}, std::uint8_t{1}}) {
-    adapters.Bus(0, channel).Add({sim::kBrisa, 1});
-    hands[channel] = KorvaneBrisa::createHandByZlgcan(HandType::LEFT, 1, 0, channel);
-    test::BePatient(*hands[channel]);
-  }
-  hands[0]->SetCurrentThreshold(1, 11);
-  hands[1]->SetCurrentThreshold(1, 22);
-  EXPECT_EQ(hands[0]->GetCurrentThreshold(1), 11);
-  EXPECT_EQ(hands[1]->GetCurrentThreshold(1), 22);
-}
-
-// The probe of a device that the process hasn't met leaves it open, and a scan can't look at it
-// then.
-TEST(BrisaOnZlg, OpensADeviceForTheFirstTimeWhileAnotherThreadScans) {
-  sim::InProcessAdapters adapters;
-  const test::StreamCapture out(stdout);
-  const test::StreamCapture err(stderr);
-  const auto create = [](auto where) {
-    return KorvaneBrisa::createHandByZlgcan(HandType::LEFT, 1, where, 0);
-  };
-  for (int i = 0; i < 60; ++i) {
-    CanfdDevices().canfd_device_info_cache.clear();
-    std::atomic<int> started{0};
-    const auto start_together = [&started] {
-      for (++started; started < 2;) {
-      }
-    };
-    std::thread scanner([&] {
-      start_together();
-      create(std::string("no such number"));
-    });
-    start_together();
-    const auto hand = create(std::uint8_t{0});
-    scanner.join();
-    ASSERT_TRUE(hand->connected) << i;
-  }
 }
 
 /// A busy machine may let the fixed 50 ms pass; asking again is what a user does too.

@@ -3,12 +3,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
-#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -19,7 +16,6 @@
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "serial/usb_device.h"
 #include "support/capture.h"
-#include "support/impatient_clock.h"
 
 namespace talvera::korvane {
 namespace {
@@ -27,68 +23,46 @@ namespace {
 using test::CaptureStreams;
 
 constexpr std::uint8_t kId = 0x21;
-constexpr int kPatientMs = 1000;
 
 class BrisaOnSerial : public testing::Test {
  protected:
-  BrisaOnSerial()
-      : link_(std::filesystem::temp_directory_path() /
-              ("korvane-serial-" + std::to_string(getpid()) + "-" +
-               testing::UnitTest::GetInstance()->current_test_info()->name())),
-        device_({sim::kBrisa, kId}, link_.string()) {
-    Open();
-  }
+  BrisaOnSerial() { Open(); }
 
   void Open() {
     hand_.reset();
     CaptureStreams([&] {
       hand_ =
-          std::make_unique<KorvaneBrisaSerialImpl>(HandType::RIGHT, kId, link_.string(), 115200);
+          std::make_unique<KorvaneBrisaSerialImpl>(HandType::RIGHT, kId, device_.Path(), 115200);
     });
-    hand_->SetFrameRecvTimeout(kPatientMs);
-    hand_->Device()->clock_ = &clock_;
+    hand_->SetFrameRecvTimeout(1000);
   }
 
-  /// Asks until the answer is the expected one: a reply that comes before the library waits for it
-  /// is lost, which a busy machine makes likely.
-  template <class Ask, class Answer>
-  static void ExpectInTheEnd(const Ask& ask, const Answer& expected) {
-    CaptureStreams([&] {
-      while (ask() != expected) std::this_thread::yield();
-    });
-  }
-
-  std::filesystem::path link_;
-  test::ImpatientClock clock_;
-  sim::SerialHand device_;
+  sim::SerialHand device_{sim::SimulatedHand(sim::kBrisa, kId)};
   std::unique_ptr<KorvaneBrisaSerialImpl> hand_;
 };
 
+template <auto kFactory>
+std::unique_ptr<KorvaneBase> Made(const std::string& port) {
+  return kFactory(HandType::LEFT, kId, port, 115200);
+}
+
 /// All factories that take the name of a port make a hand with both interfaces there.
 TEST_F(BrisaOnSerial, ComesFromEachFactory) {
-  using Make = std::unique_ptr<KorvaneBase> (*)(const std::string&);
-  constexpr auto kSide = HandType::LEFT;
-  for (const Make make : {Make([](const std::string& port) -> std::unique_ptr<KorvaneBase> {
-                            return KorvaneBrisa::createHandByUsb(kSide, kId, port, 115200);
-                          }),
-                          Make([](const std::string& port) -> std::unique_ptr<KorvaneBase> {
-                            return KorvaneBrisa::createHandByRs485(kSide, kId, port, 115200);
-                          }),
-                          Make([](const std::string& port) -> std::unique_ptr<KorvaneBase> {
-                            return PrivateKorvaneBrisa::createHandByUsb(kSide, kId, port, 115200);
-                          }),
-                          Make([](const std::string& port) -> std::unique_ptr<KorvaneBase> {
-                            return PrivateKorvaneBrisa::createHandByRs485(kSide, kId, port, 115200);
-                          })}) {
+  for (const auto make :
+       {&Made<&KorvaneBrisa::createHandByUsb>, &Made<&KorvaneBrisa::createHandByRs485>,
+        &Made<&PrivateKorvaneBrisa::createHandByUsb>,
+        &Made<&PrivateKorvaneBrisa::createHandByRs485>}) {
     hand_.reset();
     std::unique_ptr<KorvaneBase> made;
-    CaptureStreams([&] { made = make(link_.string()); });
+    CaptureStreams([&] { made = make(device_.Path()); });
     hand_.reset(&dynamic_cast<KorvaneBrisaSerialImpl&>(*made.release()));
     EXPECT_TRUE(hand_->connected);
     EXPECT_TRUE(hand_->mirrored);
     EXPECT_EQ(hand_->device_id, kId);
     EXPECT_EQ(hand_->Device()->getBaudrate(), 115200U);
-    ExpectInTheEnd([&] { return hand_->SaveParam(); }, true);
+    // A reply that comes before the library waits for it is lost, which a busy machine makes
+    // likely.
+    while (!hand_->SaveParam()) std::this_thread::yield();
   }
 }
 
@@ -100,16 +74,16 @@ TEST_F(BrisaOnSerial, GoesWhileRepliesComeIn) {
   }
 }
 
-/// What a program changes at any time, while two hands talk.
+/// What a program changes at any time, while two hands talk, one of them with two threads.
 TEST_F(BrisaOnSerial, TalksWhileReceivingTapsAndSinkChange) {
   constexpr int kRequests = 100;
   sim::SerialHand other_device({sim::kBrisa, kId});
   CaptureStreams([&] {
-    std::atomic<int> busy{2};
+    std::atomic<int> busy{3};
     std::atomic<int> shown{0};
     KorvaneBrisaSerialImpl other(HandType::LEFT, kId, other_device.Path(), 921600);
     std::vector<std::thread> callers;
-    for (auto* const hand : {hand_.get(), &other}) {
+    for (auto* const hand : {hand_.get(), hand_.get(), &other}) {
       hand->SetFrameRecvTimeout(10);
       callers.emplace_back([hand, &busy] {
         for (int i = 0; i < kRequests; ++i) {
@@ -135,7 +109,7 @@ TEST_F(BrisaOnSerial, TalksWhileReceivingTapsAndSinkChange) {
     for (std::thread& caller : callers) caller.join();
     for (auto* const hand : {hand_.get(), &other}) {
       ObserveFrames(*hand, nullptr);
-      EXPECT_EQ(StatisticsOf(*hand).requests, unsigned{kRequests});
+      EXPECT_EQ(StatisticsOf(*hand).requests, (hand == &other ? 1U : 2U) * kRequests);
     }
     EXPECT_GT(shown, 0);
     SetLogSink({});
@@ -147,28 +121,11 @@ TEST_F(BrisaOnSerial, FailsInItsTimeWhenThePortDisappears) {
   hand_->SetFrameRecvTimeout(10);
   const auto written = CaptureStreams([&] {
     EXPECT_EQ(hand_->GetJointMotorPosi(1), -1);
-    EXPECT_EQ(hand_->SetJointMotorPosi(1, 1), -1);
-    EXPECT_FALSE(hand_->SaveParam());
-    EXPECT_TRUE(hand_->GetAllCurrentReport().empty());
     EXPECT_EQ(hand_->GetFwVersion().last, 0);
   });
   EXPECT_NE(written.out.find("get joint motor posi failed, joint_motor_index: 1\n"),
             std::string::npos);
   EXPECT_NE(written.err.find("[KorvaneBrisaSerialImpl] GetFwVersion: "), std::string::npos);
-  device_.Plug();
-  CaptureStreams([&] { EXPECT_TRUE(hand_->Device()->Reconnect()); });
-  hand_->SetFrameRecvTimeout(kPatientMs);
-  ExpectInTheEnd([&] { return hand_->SaveParam(); }, true);
-}
-
-TEST_F(BrisaOnSerial, TwoThreadsMayReadAtOnce) {
-  std::thread other([&] {
-    for (int i = 0; i < 20; ++i) hand_->GetAllTemperatureReport();
-  });
-  CaptureStreams([&] {
-    for (int i = 0; i < 20; ++i) hand_->GetAllCurrentReport();
-    other.join();
-  });
 }
 
 }  // namespace

@@ -56,31 +56,6 @@ TEST(BrisaTactileArrays, AreWholeOverAnAdapterThatKeepsAllFrames) {
   });
 }
 
-TEST(BrisaTactileArrays, AreCutOffOverAnAdapterThatStoresOneFrame) {
-  sim::VirtualBus bus;
-  bus.Add({sim::kBrisa, kId});
-  const auto hand = Connect(bus, test::kLikeHcan);
-  hand->SetFrameRecvTimeout(300);  // Which it waits for the frames that it lost.
-  EXPECT_EQ(hand->GetTactileSensorDataRaw(Finger::INDEX).data.size(), 18U);
-  EXPECT_EQ(hand->GetTactileSensorDataRaw(Finger::DORSUM).data.size(), 62U);
-}
-
-TEST(BrisaThatVanishes, FailsInTimeAndComesBack) {
-  sim::VirtualBus bus;
-  bus.Add({sim::kBrisa, kId});
-  {
-    const auto hand = Connect(bus);
-    hand->SetFrameRecvTimeout(10);
-    bus.SetPlugged(0, false);
-    EXPECT_EQ(hand->SetJointMotorPosi(1, 5), -1);
-    EXPECT_TRUE(hand->GetAllJointMotorPosi().empty());
-    bus.SetPlugged(0, true);
-    hand->SetFrameRecvTimeout(1000);
-    EXPECT_EQ(hand->SetJointMotorPosi(1, 5), 5);
-    bus.SetPlugged(0, false);
-  }  // destroying a hand whose device is gone must neither hang nor crash
-}
-
 // --- Several threads ------------------------------------------------------------------------
 
 constexpr int kThreads = 8;

@@ -97,6 +97,12 @@ class SerialUpdateRun : public testing::Test, public Clock {
     FailureKind kind = FailureKind::REFUSED;
     if (code <= -4 && code >= -6) kind = open ? FailureKind::NO_REPLY : FailureKind::NO_LINK;
     if (code == -2 || code == -3) kind = FailureKind::BAD_ARGUMENT;
+    for (const auto& [request, replies] : faults_) {
+      const bool refused = std::any_of(replies.begin(), replies.end(), [&](const auto& reply) {
+        return reply.second == static_cast<std::uint32_t>(code);
+      });
+      if (refused) kind = FailureKind::REFUSED;
+    }
     if (reports.find("=0 ", last) != string::npos) kind = FailureKind::NONE;
     EXPECT_EQ(LastFailure(*hand_).kind, kind) << reports;
     EXPECT_EQ(LastFailure(*hand_).operation, kind == FailureKind::NONE ? "" : "UpdateFirmware");
@@ -254,6 +260,7 @@ TEST_F(SerialUpdateRun, EndsAtWhatIsRefusedOrNotAnswered) {
     Fails(2, at, {{2, 1}, {1, 0}}, 3 + at, -7, pass, "Package transmission failed, error code: 1");
   }
   Fails(3, 0, {{3, 6}}, 7, 6, 160ms, "OTA finish failed, error code: 6");
+  Fails(3, 0, {{3, 0xFFFFFFFC}}, 7, -4, 160ms, "OTA finish failed, error code: 4294967292");
   Fails(3, 0, {{3, 6}, {1, 0}}, 7, 6, 160ms, "OTA finish failed, error code: 6", "", true);
   Fails(3, 0, {}, 7, -4, 8060ms, "OTA finish response timeout");
   Fails(4, 0, {}, 8, -5, 2160ms, "OTA restart response timeout", "", true);

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <future>
@@ -13,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -22,6 +25,7 @@
 #include "support/pseudo_terminal.h"
 #include "support/temporary_file.h"
 #include "support/virtual_clock.h"
+#include "util/clock.h"
 
 namespace talvera::korvane {
 namespace {
@@ -219,22 +223,30 @@ TEST_F(UsbDevice, HoldsItsTimesToTheirLimits) {
 
 // Requests
 
-// Settled: the flag is cleared after the write.
-TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitIsLost) {
-  device_.frame_recv_timeout_ms_ = 10;
-  std::unique_lock lock(device_.reply_mutex_);
-  auto answer = Request();
-  EXPECT_EQ(line_.Read(kPing.size()), kPing) << "goes out without a look at the flag";
-  device_.reply_received_ = true;
-  lock.unlock();
-  EXPECT_FALSE(answer.get());
-}
+/// Does something in the second of the two pauses around each write, in place of the pauses.
+struct AfterEachWrite : Clock {
+  TimePoint Now() const override { return SystemClock().Now(); }
+  void SleepFor(std::chrono::nanoseconds /*duration*/) override {
+    if (++pauses_ % 2 == 0) action();
+  }
+  void WaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                 TimePoint deadline) override {
+    SystemClock().WaitUntil(lock, cv, deadline);
+  }
+  void NotifyAll(std::condition_variable& cv) override { SystemClock().NotifyAll(cv); }
 
-// By events the flag is cleared before the write.
-TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitCountsByEvents) {
+  std::function<void()> action;
+
+ private:
+  int pauses_ = 0;
+};
+
+// Settled: the flag is cleared after the write, and by events before it.
+TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitCountsByEventsAlone) {
+  AfterEachWrite clock;
+  device_.pause_clock_ = &clock;
   device_.Init();
-  device_.tap_.Set([this](const FrameEvent& frame) {
-    if (!frame.sent) return;
+  clock.action = [this] {
     std::unique_lock lock(device_.reply_mutex_);
     device_.reply_received_ = false;
     lock.unlock();
@@ -244,16 +256,34 @@ TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitCountsByEvents) {
       const std::lock_guard guard(device_.reply_mutex_);
       return device_.reply_received_;
     }));
-  });
+  };
   for (const bool by_events : {true, false}) {
     device_.SetReceiving(by_events ? Receiving::BY_EVENTS : Receiving::AS_EVER);
     if (!by_events) device_.frame_recv_timeout_ms_ = 10;
     EXPECT_EQ(device_.SendRequestWithReply(kPing.data(), kPing.size()), by_events);
   }
-  device_.tap_.Set(nullptr);
+  clock.action = [] {};
   device_.SetReceiving(Receiving::BY_EVENTS);
   device_.reply_received_ = true;
   EXPECT_FALSE(device_.SendRequestWithReply(kPing.data(), kPing.size())) << "from before it";
+}
+
+TEST_F(UsbDevice, ShowsARequestBeforeItsReplyHoweverQuickThatIs) {
+  device_.SetReceiving(Receiving::BY_EVENTS);
+  device_.Init();
+  std::atomic<bool> reply_shown{false};
+  device_.tap_.Set([&](const FrameEvent& frame) {
+    if (!frame.sent) return static_cast<void>(reply_shown = true);
+    line_.Write(kPosition);
+    EXPECT_TRUE(
+        Eventually([&] { return reply_shown || device_.recv_buffer_pos_ == kPosition.size(); }));
+    // The reply has come in. One that didn't wait for its turn has the time to be shown.
+    const auto end = std::chrono::steady_clock::now() + milliseconds(20);
+    while (!reply_shown && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+    EXPECT_FALSE(reply_shown);
+  });
+  EXPECT_TRUE(device_.SendRequestWithReply(kPing.data(), kPing.size()));
+  EXPECT_TRUE(reply_shown);
 }
 
 TEST_F(UsbDevice, CountsAndShowsWhatGoesOverTheLine) {

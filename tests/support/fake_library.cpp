@@ -45,11 +45,18 @@ using U32 = std::uint32_t;
 extern "C" {
 
 U32 VCI_OpenDevice(U32 type, U32 index, U32 /*reserved*/) {
-  const bool there = type == 33 && fake_usbcanfd->devices.count(static_cast<int>(index)) != 0;
-  return Zlg(there ? 1 : 0, __func__, type, index);
+  const int number = static_cast<int>(index);
+  const auto action = std::exchange(fake_usbcanfd->on_open, nullptr);
+  if (action) action();
+  const bool there = type == 33 && fake_usbcanfd->devices.count(number) != 0;
+  const bool opens = there && fake_usbcanfd->open.insert(number).second;
+  return Zlg(opens ? 1 : 0, __func__, type, index);
 }
 
-U32 VCI_CloseDevice(U32 type, U32 index) { return Zlg(1, __func__, type, index); }
+U32 VCI_CloseDevice(U32 type, U32 index) {
+  fake_usbcanfd->open.erase(static_cast<int>(index));
+  return Zlg(1, __func__, type, index);
+}
 
 U32 VCI_ReadBoardInfo(U32 type, U32 index, void* info) {
   if (Zlg(1, __func__, type, index) == 0) return 0;

@@ -47,6 +47,10 @@ class FakeLibrary {
     std::map<std::string, Bytes> records;
     /// Runs after every transmitted frame, on the sending thread.
     std::function<void()> on_transmit;
+    /// Runs once, when a ZLG device is about to be opened, on that thread.
+    std::function<void()> on_open;
+    /// The ZLG devices that are open: none opens twice.
+    std::set<int> open;
     std::map<std::pair<int, int>, Inbox> inboxes;
   };
 
@@ -117,8 +121,8 @@ class FakeLibrary {
 };
 
 /// Behind the VCI_* functions of a program that links fake_library.cpp. Calls begin with device
-/// type and index. A device that isn't plugged, or is asked for by another type than 33, doesn't
-/// open.
+/// type and index. A device that isn't plugged, is open already, or is asked for by another type
+/// than 33 doesn't open.
 inline FakeLibrary fake_usbcanfd;
 /// Behind CAN_* and CANFD_*. Calls begin with the device index. A scan counts up to the last
 /// plugged device; one that isn't plugged doesn't open.

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <malloc.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <string>
 
 namespace talvera::korvane::test {
 
@@ -32,6 +35,15 @@ struct ProcessResources {
 inline std::size_t CountEntries(const char* folder) {
   return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
                                                 std::filesystem::directory_iterator()));
+}
+
+/// Whether a thread of this process sleeps, as it does on a lock that another one has.
+inline bool IsAsleep(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string text;
+  std::getline(file, text);
+  const std::size_t name_end = text.rfind(')');
+  return name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
 }
 
 inline ProcessResources MeasureResources() {

@@ -40,32 +40,25 @@ std::string NotFound(const std::string& name, const std::string& folders) {
          ": cannot open shared object file[^\n]*\n";
 }
 
-TEST(MissingLibrary, LeavesTheZlgAdapterClosedAndIsToldOnce) {
-  const auto use = [] {
-    setenv("LD_LIBRARY_PATH", "/some/folder:/other", 1);
-    ZlgUsbcanfdDevice by_index(1, 0, 0);
-    ZlgUsbcanfdDevice by_serial_number("SN", 0, 0);
-    std::uint8_t data[1] = {};
-    const int sent = by_index.SendFrame(1, data, 1);
-    ExitWith({!by_index.IsInit(), !by_serial_number.IsInit(), sent == -1});
-  };
-  EXPECT_EXIT(use(), testing::ExitedWithCode(0),
-              MatchesRegex(NotFound("libusbcanfd.so", "/some/folder:/other") +
+/// A device by its index and one by its serial number.
+template <class Device>
+[[noreturn]] void UseMissingLibrary(const char* folders) {
+  folders != nullptr ? setenv("LD_LIBRARY_PATH", folders, 1) : unsetenv("LD_LIBRARY_PATH");
+  Device by_index(1, 0, 0);
+  Device by_serial_number("SN", 0, 0);
+  std::uint8_t data[1] = {};
+  const int sent = by_index.SendFrame(1, data, 1);
+  ExitWith({!by_index.IsInit(), !by_serial_number.IsInit(), sent == -1});
+}
+
+TEST(MissingLibrary, LeavesItsAdapterClosedAndIsToldOnce) {
+  const char folders[] = "/some/folder:/other";
+  EXPECT_EXIT(UseMissingLibrary<ZlgUsbcanfdDevice>(folders), testing::ExitedWithCode(0),
+              MatchesRegex(NotFound("libusbcanfd.so", folders) +
                            "\\[ERROR\\]: Open device 1 usbcanfd failed!\n"
                            "\\[ERROR\\]: Device with serial number \"SN\" not found!\n"
                            "\\[ZLG CAN ERROR\\] VCI_TransmitFD failed: returned 0 [^\n]*\n"));
-}
-
-TEST(MissingLibrary, LeavesTheHcanAdapterClosedAndIsToldOnce) {
-  const auto use = [] {
-    unsetenv("LD_LIBRARY_PATH");
-    HcanDevice by_index(1, 0, 0);
-    HcanDevice by_serial_number("SN", 0, 0);
-    std::uint8_t data[1] = {};
-    const int sent = by_index.SendFrame(1, data, 1);
-    ExitWith({!by_index.IsInit(), !by_serial_number.IsInit(), sent == -1});
-  };
-  EXPECT_EXIT(use(), testing::ExitedWithCode(0),
+  EXPECT_EXIT(UseMissingLibrary<HcanDevice>(nullptr), testing::ExitedWithCode(0),
               MatchesRegex(NotFound("libcanbus.so", "not set") +
                            "\\[HCAN ERROR\\] No device found!\n"
                            "\\[HCAN ERROR\\] Device with serial number \"SN\" not found!\n"

@@ -27,8 +27,7 @@ std::string Show(const Failure& failure) {
 }
 
 /// What the last operation of this thread came to, "NONE" or "KIND in Operation".
-template <class Hand>
-std::string Ends(Hand& hand, const std::function<void(Hand&)>& call) {
+std::string Ends(KorvaneBase& hand, const std::function<std::string(KorvaneBase&)>& call) {
   test::CaptureStreams([&] { call(hand); });
   const Failure failure = LastFailure(hand);
   return failure.kind == FailureKind::NONE ? "NONE" : Show(failure);
@@ -181,33 +180,11 @@ const Names kModeWrites = {"SetControlMode", "SetAllControlMode", "SetCurrentThr
 const Names kReports = {"GetErrorReport",          "GetAllErrorReport", "GetTemperatureReport",
                         "GetAllTemperatureReport", "GetCurrentReport",  "GetAllCurrentReport"};
 const Names kRawTouch = {"GetTactileSensorDataRaw", "GetAllTactileSensorDataRaw"};
-const Names kServiceSettings = {"SetPowerState",
-                                "SetAxisHoming",
-                                "SetId",
-                                "SaveParam",
-                                "ClearError",
-                                "PlayAction",
-                                "SetRunMode",
-                                "SetAxisMinPos",
-                                "SetAxisMaxPos",
-                                "ClearAllLimitPos",
-                                "SetAllRunSpeed",
-                                "SetOverloadTorque",
-                                "SetOverloadProtectionTime",
-                                "SetProtectedTorque",
-                                "SetMinTorque",
-                                "SetProtectiveCurrent",
-                                "SetAllAxisCvpUploadInterval",
-                                "SetRightOrLeft",
-                                "SetTemperatureThreshold",
-                                "SetControlSource",
-                                "SetProductSerialNumber"};
-
-std::vector<HandOperation> operator+(std::vector<HandOperation> operations,
-                                     const std::vector<HandOperation>& more) {
-  operations.insert(operations.end(), more.begin(), more.end());
-  return operations;
-}
+const Names kServiceSettings = [] {
+  Names names;
+  for (const auto& setting : test::Settings(10, 2)) names.insert(setting.name);
+  return names;
+}();
 
 Expectation OnCan(const test::TestedHand& hand, Names not_supported, Names sends_only,
                   Names from_reports = {}) {
@@ -230,14 +207,27 @@ Expectation InServiceProtocol(const char* name, std::uint8_t motors, Names not_s
   return row;
 }
 
+/// A step of an update that a program takes itself.
+template <class Hand>
+HandOperation Step(const char* name, void (*take)(Hand&)) {
+  return {name, [=](KorvaneBase& hand) {
+            Checked(dynamic_cast<Hand&>(hand), take);
+            return std::string();
+          }};
+}
+
 Expectation OnSerial() {
   Expectation row;
   row.name = "KorvaneBrisaSerialImpl";
   row.make = [] { return std::make_unique<SerialRig>(); };
   row.operations = test::HandOperations(10) + test::TouchOperations() + test::ServiceOperations(10);
+  using Hand = KorvaneBrisaSerialImpl;
+  row.operations.push_back(
+      Step<Hand>("SendOtaUpgradeRequest", [](Hand& hand) { hand.SendOtaUpgradeRequest(0, 0); }));
   row.not_supported = kPeriods + kModeReads + kRawTouch + Names{"GetFingerTactileForce"};
-  row.sends_only = kModeWrites + Names{"SetDeviceId", "SetJointMotorPosi", "SetJointMotorVelo",
-                                       "SetAllJointMotorVelo", "MixCtrlJointMotor"};
+  row.sends_only =
+      kModeWrites + Names{"SetDeviceId",          "SetJointMotorPosi", "SetJointMotorVelo",
+                          "SetAllJointMotorVelo", "MixCtrlJointMotor", "SendOtaUpgradeRequest"};
   row.checks_first = {"GetControlMode", "GetCurrentThreshold"};
   row.takes_anything = kServiceSettings + Names{"GetDeviceInfo"};
   return row;
@@ -265,6 +255,13 @@ const Expectation kServiceCommands[] = {
           "KorvaneBrisaCanPrivateImpl", 10,
           kPeriods + kMotions + kReports + kModeReads + kRawTouch + Names{"GetTactileSensorData"});
       row.operations = row.operations + test::TouchOperations();
+      using Hand = KorvaneBrisaCanPrivateImpl;
+      row.operations.push_back(
+          Step<Hand>("SendOtaRequestSynch", [](Hand& hand) { hand.SendOtaRequestSynch(1, 2, 3); }));
+      row.operations.push_back(
+          Step<Hand>("SendOtaFinish", [](Hand& hand) { hand.SendOtaFinish(); }));
+      row.sends_only = {"SendOtaFinish"};
+      row.takes_anything = {"SendOtaRequestSynch"};
       return row;
     }(),
     InServiceProtocol<KorvaneLumenCanPrivateImpl>(
@@ -287,6 +284,7 @@ class DiagnosticsOf : public testing::TestWithParam<Expectation> {
     EXPECT_EQ(Ends(hand, bad_argument ? operation.bad_call : operation.call),
               kind == FailureKind::NONE ? "NONE" : std::string(ToString(kind)) + " in " + name)
         << name;
+    if (kind == FailureKind::BAD_REPLY) ++bad_replies_;
     rig_->Settle();
   }
 
@@ -301,6 +299,7 @@ class DiagnosticsOf : public testing::TestWithParam<Expectation> {
 
   const Expectation& row_ = GetParam();
   const std::unique_ptr<Rig> rig_ = GetParam().make();
+  std::uint64_t bad_replies_ = 0;
 };
 
 // A program that can't tell "no fault" from "no answer" lies to whoever reads what it prints.
@@ -332,6 +331,7 @@ TEST_P(BadRepliesTo, TellWhichOperationTheyFail) {
   rig_->AnswerBadly();
   ExpectAll(rig_->Hand(), FailureKind::BAD_REPLY,
             row_.sends_only + row_.local + row_.takes_anything, {});
+  EXPECT_EQ(StatisticsOf(rig_->Hand()).bad_replies, bad_replies_) << "operations, not replies";
 }
 
 constexpr auto kNameOfRow = [](const testing::TestParamInfo<Expectation>& row) {
@@ -385,10 +385,11 @@ TEST(DiagnosticsOfService, TellARefusalAndWhatSendStreamRequestThrows) {
 
 class Diagnostics : public testing::Test, protected test::HandPair<KorvaneBase> {
  protected:
-  Diagnostics() : HandPair(test::kBrisa.make) { hand_.SetFrameRecvTimeout(10); }
+  Diagnostics() : HandPair(test::kBrisa.make) {}
 };
 
 TEST_F(Diagnostics, HoldTheLineThatWasLoggedAndNothingOfOtherThreads) {
+  hand_.SetFrameRecvTimeout(10);
   const std::string line = test::Told([&] { hand_.GetJointMotorPosi(3); });
   EXPECT_EQ(LastFailure(hand_).text + "\n", line);
   EXPECT_EQ(Show(LastFailure(*without_transport_)), "NO_LINK in Open");
@@ -401,6 +402,7 @@ TEST_F(Diagnostics, CountWhatHappensOnTheLink) {
   hand_.GetJointMotorPosi(1);
   hand_.SetControlMode(1, ControlMode::MODE_0);
   device_.script = [](const auto&) { return std::vector<CanfdFrame>{}; };
+  hand_.SetFrameRecvTimeout(10);
   test::CaptureStreams([&] { hand_.GetJointMotorPosi(1); });
   device_.Receive(test::MakeFrame(0x7F0, {1}));
   device_.script = test::CantSend();
@@ -452,9 +454,10 @@ TEST_F(Diagnostics, CheckedTurnsWhatOperationsThrowIntoAFailureAndNothingElse) {
 
 TEST_F(Diagnostics, AnOperationMadeOfOthersFailsIfOneOfThemDoes) {
   int requests = 0;
-  device_.script = [&requests](const CanfdFrame& sent) {
+  device_.script = [&](const CanfdFrame& sent) {
     std::vector<CanfdFrame> replies;
-    if (++requests != 3) replies = *test::Replies({1})(sent);
+    device_.frame_recv_timeout_ms_ = ++requests == 3 ? 10 : 60'000;
+    if (requests != 3) replies = *test::Replies({1})(sent);
     return replies;
   };
   auto& brisa = dynamic_cast<KorvaneBrisa&>(hand_);

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <type_traits>
 
 #include "korvane_brisa.h"
 #include "private_korvane.h"
+#include "support/all_operations.h"
 #include "support/capture.h"
 
 namespace talvera::korvane {
@@ -64,40 +66,17 @@ TEST(KorvaneBase, DoesNothingByDefaultAndSaysNothing) {
   BareHand hand;
   const StreamCapture output(stdout);
   const StreamCapture errors(stderr);
-  EXPECT_EQ(hand.SetJointMotorPosi(1, 5), -1);
-  EXPECT_TRUE(hand.SetAllJointMotorPosi({1, 2}).empty());
-  EXPECT_TRUE(hand.SetAllActiveJointAngles({0.5}).empty());
-  EXPECT_TRUE(hand.GetAllActiveJointAngles().empty());
-  EXPECT_TRUE(hand.GetAllJointAngles().empty());
-  EXPECT_TRUE(hand.GetAllJointPos({0.5}).empty());
-  EXPECT_EQ(hand.GetJointMotorVelo(1), 0);
-  EXPECT_TRUE(hand.GetAllJointMotorVelo().empty());
-  EXPECT_EQ(hand.GetControlMode(1), ControlMode::MODE_0);
-  EXPECT_TRUE(hand.GetAllControlMode().empty());
-  EXPECT_EQ(hand.GetCurrentThreshold(1), 0);
-  EXPECT_TRUE(hand.GetAllCurrentThreshold().empty());
-  EXPECT_EQ(hand.GetErrorReport(1), 0);
-  EXPECT_TRUE(hand.GetAllErrorReport().empty());
-  EXPECT_EQ(hand.GetTemperatureReport(1), 0);
-  EXPECT_TRUE(hand.GetAllTemperatureReport().empty());
-  EXPECT_EQ(hand.GetCurrentReport(1), 0);
-  EXPECT_TRUE(hand.GetAllCurrentReport().empty());
-  hand.SetJointMotorVelo(1, 5);
-  hand.SetAllJointMotorVelo({1});
-  hand.SetControlMode(1, ControlMode::MODE_7);
-  hand.SetAllControlMode({1});
-  hand.SetCurrentThreshold(1, 5);
-  hand.SetAllCurrentThreshold({1});
-  MixCtrl unset{};
-  unset.mix_mode = 6;
-  hand.MixCtrlJointMotor({unset});
-  hand.SetErrorReportPeriod(1, 5);
-  hand.SetAllErrorReportPeriod({1});
-  hand.SetTemperReportPeriod(1, 5);
-  hand.SetAllTemperReportPeriod({1});
-  hand.SetCurrentReportPeriod(1, 5);
-  hand.SetAllCurrentReportPeriod({1});
-  hand.SetHandGesture(1);
+  const std::string none = "||0.0.0|0.0.0|0|0";
+  const std::map<std::string, std::string> results{
+      {"GetVendorInfo", none},       {"GetDeviceInfo", "0 0 0 0 0"}, {"SetJointMotorPosi", "-1"},
+      {"GetJointMotorPosi", "1"},    {"GetAllJointMotorPosi", "1"},  {"GetJointMotorVelo", "0"},
+      {"GetControlMode", "0"},       {"GetCurrentThreshold", "0"},   {"GetErrorReport", "0"},
+      {"GetTemperatureReport", "0"}, {"GetCurrentReport", "0"},      {"GetFrameRecvTimeout", "0"}};
+  for (const auto& operation : test::HandOperations(1)) {
+    const auto result = results.find(operation.name);
+    EXPECT_EQ(operation.call(hand), result == results.end() ? "" : result->second)
+        << operation.name;
+  }
   EXPECT_FALSE(EnableConcurrentCalls(hand));
   EXPECT_FALSE(hand.connected);
   EXPECT_EQ(output.Text() + errors.Text(), "");

@@ -83,7 +83,12 @@ TEST_P(TactileSensors, KeepWhatArrivedWhenTheirRawArrayIsCutOff) {
   Bytes only = RawFrames(62)[0];
   for (const std::uint8_t announced : {std::uint8_t{0}, std::uint8_t{1}, std::uint8_t{2}}) {
     only[0] = announced;
-    device_.script = RepliesInFrames({only});
+    // There before the wait begins, which is short.
+    device_.script = [&](const CanfdFrame& sent) {
+      const auto key = device_.matched_rep_id_(sent.can_id);
+      device_.umap_multiframe_rep_[key][0] = MakeFrame(sent.can_id, only);
+      return std::vector<CanfdFrame>{};
+    };
     const StreamCapture errors(stderr);
     EXPECT_EQ(Show({hand_.GetTactileSensorDataRaw(Finger::PALM)}),
               Show({{Finger::PALM, Counting(62)}}));
@@ -109,9 +114,16 @@ TEST_P(TactileSensors, AreCutFromTheStreamOfAllInTheirOrder) {
 /// HCAN keeps one frame of a reply.
 TEST_P(TactileSensors, GiveOneFrameOfTheirRawArrayOverHcan) {
   auto adapter = std::make_unique<RecordingDevice>(true, DispatchRules{true, true, false, false});
-  adapter->script = RepliesInFrames(RawFrames(78));
+  auto& device = *adapter;
+  device.script = RepliesInFrames(RawFrames(78));
   const auto hand = GetParam().make(HandType::RIGHT, kId, std::move(adapter));
-  hand->SetFrameRecvTimeout(100);
+  device.frame_recv_timeout_ms_ = 60'000;
+  device.process_msg_ = [&](const CanfdFrame& frame) {
+    if (frame.data[1] != 1) return;
+    const std::lock_guard lock(device.request_mutex_);  // ends the wait for the second frame
+    device.frame_recv_timeout_ms_ = 10;
+    device.reply_cv_.notify_all();
+  };
   const auto& touch = dynamic_cast<const IBR7TactileSensor1D&>(*hand);
   EXPECT_THAT(
       Told([&] { EXPECT_EQ(touch.GetTactileSensorDataRaw(Finger::PALM).data, Counting(62)); }),

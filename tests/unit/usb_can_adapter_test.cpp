@@ -2,14 +2,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <limits>
 #include <memory>
+#include <thread>
 
 #include "can/hcan_device.h"
 #include "can/zlg_usbcanfd_device.h"
+#include "support/allocation_hook.h"
 #include "support/capture.h"
 #include "support/fake_library.h"
+#include "support/process_resources.h"
 #include "util/bytes.h"
 
 namespace talvera::korvane {
@@ -354,6 +359,28 @@ TEST_P(UsbCan, AScanFindsASerialNumberByAPartAndLeavesDevicesInUseAlone) {
   EXPECT_THAT(told_shared.calls, Not(HasSubstr(Pick("Device 33 7", "Device 7 "))));
 }
 
+// The probe of a device that the process hasn't met leaves it open. A scan that comes then can't
+// look at it, and must not forget it.
+TEST_F(Zlg, AScanLeavesADeviceAloneThatAnotherThreadOpensForTheFirstTime) {
+  fake_->devices[0] = {"SN-0"};
+  std::unique_ptr<UsbCanAdapter> opened;
+  std::thread opener;
+  fake_->on_open = [&] {
+    std::atomic<pid_t> id{0};
+    opener = std::thread([&] {
+      id = gettid();
+      opened = Make(std::uint8_t{0}, 0);
+    });
+    // Until it waits for the scan, or has done before it waits what it should have waited with.
+    while (!test::IsAsleep(id)) std::this_thread::yield();
+  };
+  Run([&] {
+    Make("no such number", 0);
+    opener.join();
+  });
+  EXPECT_TRUE(opened->IsInit());
+}
+
 TEST_P(UsbCan, ASerialNumberOrChannelThatIsNotThereDisturbsNobody) {
   const auto live = Live(7, 0);
   fake_->devices[0] = {"SN-A"};
@@ -514,6 +541,26 @@ TEST_P(UsbCan, AReplyReachesItsRequestAndOnHcanTheMessageCallbackToo) {
       << "a request once more";
   EXPECT_THAT(told.out, HasSubstr(" SND: [CANID:00000815][DATA:]\n"));
   EXPECT_THAT(told.out, HasSubstr(" RCV: [CANID:00000815][DATA:5a 5a ]\n"));
+}
+
+TEST(UsbCanChannel, AReaderThatThrowsLeavesItsTurnToOthersAndOneAloneNeedsNoMemory) {
+  const auto channel = std::make_shared<UsbCanChannel>();
+  const auto count_of = [](UsbCanChannel::Seat& seat, const UsbCanChannel::Reader& read) {
+    int count = 0;
+    seat.Next(read, [&count](const SharedFrame&) { ++count; });
+    return count;
+  };
+  const auto two = [](std::vector<CanfdFrame>& frames) { frames.resize(2); };
+  UsbCanChannel::Seat seat(channel);
+  {
+    UsbCanChannel::Seat other(channel);
+    EXPECT_THROW(count_of(other, [](auto&) { test::ThrowBadAlloc(); }), std::bad_alloc);
+    EXPECT_EQ(count_of(seat, two), 2);
+    EXPECT_EQ(count_of(other, two), 2) << "those that the other one read";
+  }
+  EXPECT_EQ(count_of(seat, two), 2);
+  const test::AllocationHook hook(1, 1, [] { ADD_FAILURE() << "memory for frames"; });
+  EXPECT_EQ(count_of(seat, two), 2);
 }
 
 TEST_P(UsbCan, TheSendTimeoutIsHeldWithinBoundsAndReachesAChannelInUse) {

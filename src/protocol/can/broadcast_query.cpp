@@ -9,11 +9,11 @@
 #include "can/zlg_usbcanfd_device.h"
 #include "protocol/can/can_identifier.h"
 #include "util/log.h"
+#include "util/models.h"
 
 namespace talvera::korvane {
 namespace {
 
-constexpr std::uint8_t kBroadcastProduct = 255;
 constexpr std::uint32_t kQueryId = 0x00020100;
 constexpr auto kAnswerTime = std::chrono::milliseconds(50);
 constexpr auto kPollInterval = std::chrono::milliseconds(1);

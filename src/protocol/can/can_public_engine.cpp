@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "hand/hand_members.h"
 #include "hand/mixed_targets.h"
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/reply_words.h"
@@ -67,7 +68,7 @@ CanPublicEngine::CanPublicEngine(const HandModel& row, Korvane& hand, CanUpdateS
       hand_(hand) {}
 
 void CanPublicEngine::Start(HandType hand_type, std::uint8_t device_id) {
-  SetMembers(hand_, model.model_code, device_id, hand_type);
+  SetMembers(hand_, model.model, device_id, hand_type);
   hand_.connected = IsInit();
   if (!transport || (!hand_.connected && !model.binds_without_link)) return;
   transport->BindCallbacks(

@@ -75,13 +75,13 @@ void CanUpdate::ReportOrLogStage(OtaProgressStatus status, const std::string& li
   if (!state_.Report(0, status)) log_.LogStage(line);
 }
 
-void CanUpdate::ReportOrLogFailure(int code, const std::string& text) const {
-  RecordFailure(link_.diagnostics, FailureKindOf(code), "firmware update:" + text);
+void CanUpdate::ReportOrLogFailure(FailureKind kind, int code, const std::string& text) const {
+  RecordFailure(link_.diagnostics, kind, "firmware update:" + text);
   if (!state_.ReportFailure(code)) log_.LogFailure("UpdateFirmware", text);
 }
 
-void CanUpdate::ReportOrLogStatus(const char* what, std::uint32_t status) const {
-  ReportOrLogFailure(static_cast<int>(status), Compose(what, status));
+void CanUpdate::ReportOrLogStatus(const std::string& what, std::uint32_t status) const {
+  ReportOrLogFailure(FailureKind::REFUSED, static_cast<int>(status), Compose(what, status));
 }
 
 void CanUpdate::ReportAndLogRefusal(std::uint32_t status) const {
@@ -188,7 +188,7 @@ bool CanUpdate::AwaitTransmission() {
   while (state_.PacketsLeft() != 0) {
     if (--countdown == 0) {
       ReportOrLogFailure(
-          kTransmissionTimeoutCode,
+          FailureKind::NO_REPLY, kTransmissionTimeoutCode,
           Compose(" OTA transmission timeout: ", state_.PacketsLeft(), " packages remaining"));
       state_.ClearCallback();
       return false;
@@ -227,14 +227,14 @@ void CanUpdate::SendWithOtherChecksum() {
 bool CanUpdate::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int timeout_code) {
   for (int polls = 0; !flag; ++polls) {
     if (polls == kFlagPolls) {
-      ReportOrLogFailure(timeout_code, Compose(" OTA ", stage, " response timeout"));
+      ReportOrLogFailure(FailureKind::NO_REPLY, timeout_code,
+                         Compose(" OTA ", stage, " response timeout"));
       return false;
     }
     state_.ota_clock->SleepFor(kPoll);
     const std::uint32_t status = state_.ota_status;
     if (!IsUpdateError(status)) continue;
-    ReportOrLogFailure(static_cast<int>(status),
-                       Compose(" OTA ", stage, " failed, error code: ", status));
+    ReportOrLogStatus(Compose(" OTA ", stage, " failed, error code: "), status);
     return false;
   }
   return true;
@@ -275,18 +275,30 @@ void CanUpdate::ReportOrLogNotReconnected() const {
       "verification)");
 }
 
+// --- Steps of their own ---------------------------------------------------------------------
+
+void CanUpdate::TakeStep(const char* name, SendFailure (UpdateSender::*send)()) {
+  const OperationScope operation(link_.diagnostics, name);
+  const SendFailure failure = (sender_.*send)();
+  if (failure) RecordFailure(link_.diagnostics, *failure, failure->what());
+}
+
 // --- The result query -----------------------------------------------------------------------
 
 void CanUpdate::QueryResult() {
+  OperationScope operation(link_.diagnostics, "GetUpgradeResult");
   for (int attempt = 1; attempt <= kResultTries; ++attempt) {
     try {
       const CanfdFrame reply = link_.Request(sender_.RequestFrame(kResultChild), 0);
       const std::uint32_t status = LoadU32(reply.data);
       state_.ota_status = status;
       log_.LogResult(status);
-      if (EndsQuery(status)) return;
+      if (EndsQuery(status)) return operation.Succeed();
+      RecordFailure(link_.diagnostics, FailureKind::REFUSED,
+                    Compose("the hand answers with status ", status));
     } catch (const std::exception& error) {
       log_.LogWarning("GetUpgradeResult", Compose("[retry:", attempt, "/10] ", error.what()));
+      RecordFailure(link_.diagnostics, error, error.what());
     }
     if (attempt < kResultTries) state_.ota_clock->SleepFor(rules_.result_query.pause);
   }

@@ -35,11 +35,13 @@ class CanUpdate {
   /// Asks the hand, up to ten times, how its last update ended. No run does that.
   void QueryResult();
 
-  void SendPackage() { sender_.SendPackage(); }
-  void SendFinishRequest() { sender_.SendFinishRequest(); }
-  void SendRestartRequest() { sender_.SendRestartRequest(); }
+  // The steps of a run, each as an operation of its own.
+  void SendPackage() { TakeStep("SendPackage", &UpdateSender::SendPackage); }
+  void SendFinishRequest() { TakeStep("SendFinishRequest", &UpdateSender::SendFinishRequest); }
+  void SendRestartRequest() { TakeStep("SendRestartRequest", &UpdateSender::SendRestartRequest); }
 
  private:
+  void TakeStep(const char* name, SendFailure (UpdateSender::*send)());
   bool Attempt(const std::string& path);
   bool LoadPackets(const std::string& path, std::size_t& file_size);
   bool RequestUpgrade(std::size_t file_size);
@@ -55,8 +57,8 @@ class CanUpdate {
   bool EndsQuery(std::uint32_t status) const;
 
   void ReportOrLogStage(OtaProgressStatus status, const std::string& line) const;
-  void ReportOrLogFailure(int code, const std::string& text) const;
-  void ReportOrLogStatus(const char* what, std::uint32_t status) const;
+  void ReportOrLogFailure(FailureKind kind, int code, const std::string& text) const;
+  void ReportOrLogStatus(const std::string& what, std::uint32_t status) const;
   void ReportAndLogRefusal(std::uint32_t status) const;
   void ReportAndLogNoReply() const;
   void ReportOrLogReconnected(const VendorInfo& info) const;

@@ -3,10 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "hand/hand_members.h"
 #include "korvane.h"
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/update_rules.h"
+#include "util/models.h"
 
 // How one hand model differs from another in what it logs and does, as data. The engine reads these
 // rows; nothing else in the library asks which model a hand is.
@@ -60,8 +60,7 @@ struct Wording {
 
 struct HandModel {
   const char* class_name = nullptr;
-  /// Also the product type that an adapter object holds.
-  std::uint8_t model_code = 0;
+  Model model = Model::BRISA;
   std::uint8_t motors = 0;
   /// The family field of the identifier, in place.
   std::uint32_t family = 0;
@@ -107,13 +106,12 @@ inline constexpr Wording kChineseWording = [] {
 }();
 
 /// What the models have in common. A row starts here and states its differences.
-constexpr HandModel CommonModel(const char* class_name, std::uint8_t model_code,
-                                std::uint8_t motors) {
+constexpr HandModel CommonModel(const char* class_name, Model which, std::uint8_t motors) {
   HandModel model;
   model.class_name = class_name;
-  model.model_code = model_code;
+  model.model = which;
   model.motors = motors;
-  model.family = 0x100;
+  model.family = Known(which).family;
   model.wording = &kChineseWording;
   // Each with the names of its operations: get, get_all, set, set_all.
   model.position = {function_code::kPosition, "GetJointMotorPosi", "GetAllJointMotorPosi",

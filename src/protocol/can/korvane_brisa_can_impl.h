@@ -8,8 +8,7 @@ namespace talvera::korvane {
 
 struct BrisaRow {
   static constexpr HandModel kModel = [] {
-    HandModel model =
-        CommonModel("KorvaneBrisaCanImpl", model_code::kBrisa, BrisaKinematics::kMotors);
+    HandModel model = CommonModel("KorvaneBrisaCanImpl", Model::BRISA, BrisaKinematics::kMotors);
     model.update_rules.checksum_fallback = true;
     model.update_rules.replies_from = ReplySenders::kAny;
     return model;

@@ -17,8 +17,7 @@ struct QuillRow {
   }();
 
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneQuillCanImpl", model_code::kQuill, /*motors=*/10);
-    model.family = model.update_rules.family = 0x700;
+    HandModel model = CommonModel("KorvaneQuillCanImpl", Model::QUILL, /*motors=*/10);
     model.wording = &kWording;
     model.max_values = model.motors;
     model.product_model_ends_at_nul = true;

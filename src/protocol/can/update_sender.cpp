@@ -79,7 +79,13 @@ CanfdFrame UpdateSender::ChecksumFrame(const FirmwarePacket& packet, std::uint32
 
 // --- Sending --------------------------------------------------------------------------------
 
-void UpdateSender::SendPackage() {
+/// What the link throws gets out.
+SendFailure UpdateSender::Send(const CanfdFrame& frame) const {
+  if (link_.Send(frame) != -1) return std::nullopt;
+  return link_.SendError("request send failed");
+}
+
+SendFailure UpdateSender::SendPackage() {
   FirmwarePacket packet;
   std::uint32_t number = 0;
   bool found = false;
@@ -89,42 +95,51 @@ void UpdateSender::SendPackage() {
     if (found) packet = state_.ota_current_package = state_.ota_packages.front();
     number = state_.ota_package_index;
   }
-  if (!found) return log_.LogFailure("SendPackage", " No packages to send");
+  if (!found) {
+    log_.LogFailure("SendPackage", " No packages to send");
+    return LinkError(FailureKind::BAD_ARGUMENT, "no packages to send");
+  }
   const CanfdFrame checksum = ChecksumFrame(packet, number);
   // Before the wait for the turn: a refusal that comes during the wait must stand.
   state_.ota_status = kWaitingResponse;
   const SendTurns::Turn turn(turns_, *state_.ota_clock);
+  SendFailure failure;
   try {
-    link_.Send(checksum);
+    failure = Send(checksum);
   } catch (const std::exception& error) {
-    return log_.LogFailure("SendPackage",
-                           Compose(" Failed to send checksum request: ", error.what()));
+    log_.LogFailure("SendPackage", Compose(" Failed to send checksum request: ", error.what()));
+    return AsLinkError(error);
   }
   state_.ota_clock->SleepFor(kAfterChecksum);
-  SendPacketData(packet);
+  const SendFailure of_data = SendPacketData(packet);
+  return failure ? failure : of_data;
 }
 
-void UpdateSender::SendPacketData(const FirmwarePacket& packet) const {
+SendFailure UpdateSender::SendPacketData(const FirmwarePacket& packet) const {
+  SendFailure failure;
   CanfdFrame frame = Frame(function_code::kUpdateData, kUpgradeChild);
   for (std::size_t number = 0; number < packet.size() / kMaxPayload; ++number) {
     std::copy_n(&packet[number * kMaxPayload], kMaxPayload, frame.data);
     try {
-      link_.Send(frame);
+      // The hand's checksum catches the gap that a frame leaves which isn't sent.
+      if (auto unsent = Send(frame)) failure = unsent;
     } catch (const std::exception& error) {
-      // The hand's checksum catches the gap.
       log_.LogFailure("SendPackage", Compose("[frame:", number, "] ", error.what()));
+      failure = AsLinkError(error);
     }
     state_.ota_clock->SleepFor(kAfterDataFrame);
   }
+  return failure;
 }
 
-void UpdateSender::SendOrLog(const CanfdFrame& frame, const char* operation) {
+SendFailure UpdateSender::SendOrLog(const CanfdFrame& frame, const char* operation) {
   state_.ota_status = kWaitingResponse;
   const SendTurns::Turn turn(turns_, *state_.ota_clock);
   try {
-    link_.Send(frame);
+    return Send(frame);
   } catch (const std::exception& error) {
     log_.LogFailure(operation, Compose(" ", error.what()));
+    return AsLinkError(error);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "can/can_frame.h"
@@ -11,6 +12,7 @@
 #include "protocol/can/update_log.h"
 #include "protocol/can/update_rules.h"
 #include "update/update_progress.h"
+#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
@@ -51,6 +53,9 @@ class SendTurns {
   std::thread::id owner_;
 };
 
+/// How a frame couldn't be sent; nothing if it could.
+using SendFailure = std::optional<LinkError>;
+
 /// Builds and sends the frames of an update, from both of its threads.
 class UpdateSender {
  public:
@@ -61,15 +66,20 @@ class UpdateSender {
   CanfdFrame UpgradeFrame(std::size_t file_size) const;
 
   /// Sends the packet that is next, which takes at least 170 ms.
-  void SendPackage();
-  void SendFinishRequest() { SendOrLog(RequestFrame(kFinishChild), "SendFinishRequest"); }
-  void SendRestartRequest() { SendOrLog(RequestFrame(kRestartChild), "SendRestartRequest"); }
+  SendFailure SendPackage();
+  SendFailure SendFinishRequest() {
+    return SendOrLog(RequestFrame(kFinishChild), "SendFinishRequest");
+  }
+  SendFailure SendRestartRequest() {
+    return SendOrLog(RequestFrame(kRestartChild), "SendRestartRequest");
+  }
 
  private:
   CanfdFrame Frame(std::uint8_t function, std::uint8_t child) const;
   CanfdFrame ChecksumFrame(const FirmwarePacket& packet, std::uint32_t number) const;
-  void SendPacketData(const FirmwarePacket& packet) const;
-  void SendOrLog(const CanfdFrame& frame, const char* operation);
+  SendFailure Send(const CanfdFrame& frame) const;
+  SendFailure SendPacketData(const FirmwarePacket& packet) const;
+  SendFailure SendOrLog(const CanfdFrame& frame, const char* operation);
 
   const UpdateRules& rules_;
   const UpdateLog& log_;

@@ -55,7 +55,7 @@ std::string SerialNumberText(const ReplyCache::Bytes& number) {
 KorvaneBrisaSerialImpl::KorvaneBrisaSerialImpl(HandType hand_type, unsigned char id,
                                                const std::string& port, int baud)
     : update_(*this, link_, *this) {
-  SetMembers(*this, model_code::kBrisa, id, hand_type);
+  SetMembers(*this, Model::BRISA, id, hand_type);
   BrisaKinematics::MakeSolver(*this, hand_type);
   connected = link_.Open(port, baud,
                          [this](std::uint8_t command, const std::uint8_t* data, std::size_t size) {
@@ -384,17 +384,31 @@ std::vector<short> KorvaneBrisaSerialImpl::GetAllForceReport() const {
 // --- Update ---------------------------------------------------------------------------------
 
 void KorvaneBrisaSerialImpl::SendOtaUpgradeRequest(unsigned int size, unsigned short count) {
-  update_.SendUpgradeRequest(size, count);
+  link_.WriteOrThrow(__func__, [&] { return update_.SendUpgradeRequest(size, count); });
 }
 
 void KorvaneBrisaSerialImpl::SendOtaPackage(const std::array<char, 2048>& packet) {
   FirmwarePacket bytes;
   std::copy(packet.begin(), packet.end(), bytes.begin());
-  update_.SendPackage(bytes);
+  link_.WriteOrThrow(__func__, [&] { return update_.SendPackage(bytes); });
 }
 
-void KorvaneBrisaSerialImpl::SendOtaFinish() { update_.SendFinish(); }
-void KorvaneBrisaSerialImpl::SendOtaRestart() { update_.SendRestart(); }
-void KorvaneBrisaSerialImpl::UpdateOtaValidationTypeFromVersion() { update_.FindValidationType(); }
+void KorvaneBrisaSerialImpl::SendOtaFinish() {
+  link_.WriteOrThrow(__func__, [this] { return update_.SendFinish(); });
+}
+
+void KorvaneBrisaSerialImpl::SendOtaRestart() {
+  link_.WriteOrThrow(__func__, [this] { return update_.SendRestart(); });
+}
+
+void KorvaneBrisaSerialImpl::UpdateOtaValidationTypeFromVersion() {
+  const auto operation = link_.Operation(__func__);
+  update_.FindValidationType();
+}
+
+FwVersion KorvaneBrisaSerialImpl::GetFwVersionInternal(bool no_crc) const {
+  const auto operation = link_.Operation(__func__);
+  return link_.QueryVersion(no_crc);
+}
 
 }  // namespace talvera::korvane

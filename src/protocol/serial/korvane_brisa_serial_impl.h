@@ -100,7 +100,7 @@ class KorvaneBrisaSerialImpl
   void SendOtaRestart();
   void QueryOtaResult() {}
   void UpdateOtaValidationTypeFromVersion();
-  FwVersion GetFwVersionInternal(bool no_crc) const { return link_.QueryVersion(no_crc); }
+  FwVersion GetFwVersionInternal(bool no_crc) const;
 
   /// Takes a frame, on the receive thread.
   void OnProtocolData(std::uint8_t command, const std::uint8_t* data, std::size_t size);

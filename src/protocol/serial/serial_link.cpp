@@ -110,6 +110,12 @@ std::optional<LinkError> SerialLink::Explain(const std::exception& error) const 
   return LinkError(FailureKind::SEND_FAILED, error.what(), SystemErrorOf(error));
 }
 
+void SerialLink::RecordThrown(const std::exception& error) const {
+  const auto failed = Explain(error);
+  if (!failed) return;
+  korvane::RecordThrown(diagnostics, failed->Kind(), failed->what(), failed->SystemError());
+}
+
 void SerialLink::RecordException(const char* operation, const std::exception& error) const {
   const std::string line = Compose("[KorvaneBrisaSerialImpl] ", operation, ": ", error.what());
   LogError(line);
@@ -142,6 +148,16 @@ bool SerialLink::RequestTo(std::uint16_t device_id, const char* operation, Servi
     RecordException(operation, error);
   }
   return false;
+}
+
+void SerialLink::WriteOrThrow(const char* operation, const std::function<bool()>& write) const {
+  const auto scope = Operation(operation);
+  try {
+    if (!write()) NoteFailure(diagnostics, FailureKind::SEND_FAILED, kNotTaken);
+  } catch (const std::exception& error) {
+    RecordThrown(error);
+    throw;
+  }
 }
 
 bool SerialLink::Write(const char* operation, ServiceCommand command,

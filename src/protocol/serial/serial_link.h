@@ -57,8 +57,12 @@ class SerialLink {
   /// The same on the standard output stream, where lines about reads have always gone.
   void LogReadFailed(const std::string& line) const;
 
-  /// What an exception of the port means; nothing for one that comes from elsewhere.
-  std::optional<LinkError> Explain(const std::exception& error) const;
+  /// Records an exception of the port that reaches the application.
+  void RecordThrown(const std::exception& error) const;
+
+  /// Writes by `write`, which is false if the port took less, as an operation of its own. What
+  /// `write` throws gets out and is recorded.
+  void WriteOrThrow(const char* operation, const std::function<bool()>& write) const;
 
   /// Sends a command and waits. True if some frame came in time. A failure of the port is logged.
   bool Request(const char* operation, ServiceCommand command, const ServicePayload& payload,
@@ -93,6 +97,8 @@ class SerialLink {
  private:
   bool OpenFailed(const std::string& port, const char* why, int system_error);
   LinkError NoPort(const std::string& text) const;
+  /// What an exception of the port means; nothing for one that comes from elsewhere.
+  std::optional<LinkError> Explain(const std::exception& error) const;
   void RecordException(const char* operation, const std::exception& error) const;
 
   const Korvane& hand_;

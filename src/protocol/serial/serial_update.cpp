@@ -68,21 +68,22 @@ SerialFrameCrcType SerialUpdate::Trailer() const {
                                          : SerialFrameCrcType::kCrc16Ccitt;
 }
 
-void SerialUpdate::Write(ServiceCommand command, const ServicePayload& payload,
+bool SerialUpdate::Write(ServiceCommand command, const ServicePayload& payload,
                          SerialFrameCrcType crc) {
   UsbFrameBuilder frame(DeviceIdOf(hand_), static_cast<std::uint8_t>(command));
   frame.AddData(payload.Data(), payload.Size());
   const std::size_t size = frame.Finalize(crc);
-  link_.Device().WriteRaw(frame.Data(), size);
+  return link_.Device().WriteRaw(frame.Data(), size) == size;
 }
 
-void SerialUpdate::SendUpgradeRequest(std::uint32_t size, std::uint16_t count) {
+bool SerialUpdate::SendUpgradeRequest(std::uint32_t size, std::uint16_t count) {
   state_.ota_upgrade_acked = false;
-  Write(ServiceCommand::kUpdateRequest,
-        ServicePayload().Add8(kUpgradeChild).Add32(size).Add16(count), SerialFrameCrcType::kNoCrc);
+  return Write(ServiceCommand::kUpdateRequest,
+               ServicePayload().Add8(kUpgradeChild).Add32(size).Add16(count),
+               SerialFrameCrcType::kNoCrc);
 }
 
-void SerialUpdate::SendPackage(const FirmwarePacket& packet) {
+bool SerialUpdate::SendPackage(const FirmwarePacket& packet) {
   {
     const std::lock_guard lock(state_.ota_mutex);
     state_.ota_current_package = packet;
@@ -92,26 +93,30 @@ void SerialUpdate::SendPackage(const FirmwarePacket& packet) {
                                 : Crc16Xmodem(packet.data(), packet.size());
   state_.ota_package_acked = false;
   state_.ota_status = kWaitingResponse;
-  Write(ServiceCommand::kUpdateRequest,
-        ServicePayload().Add8(kPacketChild).Add16(state_.ota_package_index & 0xFFFF).Add16(crc),
-        Trailer());
+  bool sent =
+      Write(ServiceCommand::kUpdateRequest,
+            ServicePayload().Add8(kPacketChild).Add16(state_.ota_package_index & 0xFFFF).Add16(crc),
+            Trailer());
   for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
     UsbFrameBuilder frame(DeviceIdOf(hand_),
                           static_cast<std::uint8_t>(ServiceCommand::kUpdateData));
     frame.AddUint8(kDataChild).AddData(&packet[at], kDataPerFrame);
     const std::size_t size = frame.Finalize(Trailer());
-    link_.Device().WriteRaw(frame.Data(), size);
+    sent = link_.Device().WriteRaw(frame.Data(), size) == size && sent;
   }
+  return sent;
 }
 
-void SerialUpdate::SendFinish() {
+bool SerialUpdate::SendFinish() {
   state_.ota_finish_acked = false;
-  Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0), Trailer());
+  return Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0),
+               Trailer());
 }
 
-void SerialUpdate::SendRestart() {
+bool SerialUpdate::SendRestart() {
   state_.ota_restart_acked = false;
-  Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0), Trailer());
+  return Write(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0),
+               Trailer());
 }
 
 // --- Replies, on the receive thread ---------------------------------------------------------
@@ -158,49 +163,41 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
 
 // --- The run --------------------------------------------------------------------------------
 
-void SerialUpdate::SetFailure(FailureKind kind, const std::string& line) {
-  failure_.kind = kind;
-  failure_.text = line;
-}
-
 /// Reports a failure, or without a callback logs it, and forgets the callback.
-void SerialUpdate::ReportOrLogFailure(int code, const std::string& line) {
-  ReportOrLogFailureAndKeepCallback(code, line);
+void SerialUpdate::ReportOrLogFailure(FailureKind kind, int code, const std::string& line) {
+  ReportOrLogFailureAndKeepCallback(kind, code, line);
   state_.ClearCallback();
 }
 
 /// Nothing calls a callback that is kept: the next update replaces it.
-void SerialUpdate::ReportOrLogFailureAndKeepCallback(int code, const std::string& line) {
+void SerialUpdate::ReportOrLogFailureAndKeepCallback(FailureKind kind, int code,
+                                                     const std::string& line) {
   const bool open = link_.device && link_.device->isOpen();
-  const FailureKind kind = FailureKindOf(code);
-  SetFailure(kind == FailureKind::NO_REPLY && !open ? FailureKind::NO_LINK : kind, line);
+  link_.Record(kind == FailureKind::NO_REPLY && !open ? FailureKind::NO_LINK : kind, line);
   if (!state_.ReportFailure(code)) LogError(line);
 }
 
 void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
   auto operation = link_.Operation("UpdateFirmware");
-  failure_ = {};
   state_.SetCallback(std::move(callback));
   try {
-    Attempt(path);
+    Attempt(path, operation);
   } catch (const std::exception& error) {
-    operation.Succeed();
-    if (const auto failed = link_.Explain(error)) {
-      RecordThrown(link_.diagnostics, failed->Kind(), failed->what(), failed->SystemError());
-    }
+    link_.RecordThrown(error);
     throw;
   }
-  // The end of the run tells, and not the requests that failed on its way.
-  operation.Succeed();
-  if (failure_.kind != FailureKind::NONE) link_.Record(failure_.kind, failure_.text);
 }
 
-void SerialUpdate::Attempt(const std::string& path) {
+void SerialUpdate::Attempt(const std::string& path, OperationScope& operation) {
   std::uint32_t size = 0;
   if (!Load(path, size)) return;
   Prepare();
-  if (!RequestUpgrade(size)) {
-    return ReportOrLogFailure(kNoReplyCode, ErrorLine("Upgrade request timeout"));
+  const bool accepted = RequestUpgrade(size);
+  // An update goes on without the version: a query for it that nothing answers is no failure.
+  operation.Succeed();
+  if (!accepted) {
+    return ReportOrLogFailure(FailureKind::NO_REPLY, kNoReplyCode,
+                              ErrorLine("Upgrade request timeout"));
   }
   BeginTransmission();
   if (!Transmit() || !Finish() || !Restart()) return;
@@ -212,17 +209,14 @@ void SerialUpdate::Attempt(const std::string& path) {
 }
 
 bool SerialUpdate::Load(const std::string& path, std::uint32_t& size) {
-  const std::size_t bytes = state_.ReportOrLogLoad(path, [&](int error_code) {
-    const bool missing = error_code == kCannotOpenFirmware;
-    SetFailure(FailureKind::BAD_ARGUMENT,
-               ErrorLine(missing ? "Failed to read " + path : "File is empty"));
-    LogError(failure_.text);
+  std::string line = ErrorLine("Failed to read " + path);
+  const std::size_t bytes = state_.ReportOrLogLoad(path, [&line](int error_code) {
+    if (error_code != kCannotOpenFirmware) line = ErrorLine("File is empty");
+    LogError(line);
   });
   size = static_cast<std::uint32_t>(bytes);
   if (bytes == 0) {
-    SetFailure(FailureKind::BAD_ARGUMENT, failure_.kind == FailureKind::NONE
-                                              ? ErrorLine("Failed to read " + path)
-                                              : failure_.text);
+    link_.Record(FailureKind::BAD_ARGUMENT, line);
     state_.ClearCallback();
     return false;
   }
@@ -331,7 +325,7 @@ bool SerialUpdate::Transmit() {
     state_.ota_clock->SleepFor(kTransmissionPass);
     const std::uint32_t status = state_.ota_status;
     if (IsUpdateError(status)) {
-      ReportOrLogFailure(static_cast<int>(status),
+      ReportOrLogFailure(FailureKind::REFUSED, static_cast<int>(status),
                          ErrorLine(Compose("OTA transmission failed, error code: ", status)));
       return false;
     }
@@ -343,7 +337,7 @@ bool SerialUpdate::Transmit() {
 bool SerialUpdate::OnAcknowledgment(bool& finished) {
   const std::uint32_t result = state_.ota_package_result;
   if (result != 0) {
-    ReportOrLogFailure(PacketFailureCode(result),
+    ReportOrLogFailure(FailureKind::REFUSED, PacketFailureCode(result),
                        ErrorLine(Compose("Package transmission failed, error code: ", result)));
     return false;
   }
@@ -367,7 +361,7 @@ bool SerialUpdate::ReportOrLogTransmissionEnd() {
     const std::string line =
         Compose("[USB_OTA] timeout: no ACK for last packet ", index, ", not sending FINISH");
     LogInfo(line);
-    SetFailure(FailureKind::NO_REPLY, line);
+    link_.Record(FailureKind::NO_REPLY, line);
     state_.ReportFailure(kTransmissionTimeoutCode);
     state_.ClearCallback();
     return false;
@@ -376,7 +370,7 @@ bool SerialUpdate::ReportOrLogTransmissionEnd() {
   LogInfo(Compose("[USB_OTA] timeout: no ACK for packet ", index,
                   ", recv_thread_running=", link_.Device().running_ ? 1 : 0,
                   " (0=RecvThread already dead, 1=thread alive but no ACK received)"));
-  ReportOrLogFailure(kTransmissionTimeoutCode,
+  ReportOrLogFailure(FailureKind::NO_REPLY, kTransmissionTimeoutCode,
                      ErrorLine(Compose("OTA transmission timeout: ", left, " packages remaining")));
   return false;
 }
@@ -385,13 +379,14 @@ bool SerialUpdate::ReportOrLogTransmissionEnd() {
 bool SerialUpdate::AwaitFinish() {
   for (int polls = kFinishPolls; !state_.ota_finish_ok; --polls) {
     if (polls == 0) {
-      ReportOrLogFailure(kFinishTimeoutCode, ErrorLine("OTA finish response timeout"));
+      ReportOrLogFailure(FailureKind::NO_REPLY, kFinishTimeoutCode,
+                         ErrorLine("OTA finish response timeout"));
       return false;
     }
     state_.ota_clock->SleepFor(kPoll);
     const std::uint32_t status = state_.ota_status;
     if (!IsUpdateError(status)) continue;
-    ReportOrLogFailure(static_cast<int>(status), FinishFailedLine(status));
+    ReportOrLogFailure(FailureKind::REFUSED, static_cast<int>(status), FinishFailedLine(status));
     return false;
   }
   return true;
@@ -406,7 +401,8 @@ bool SerialUpdate::Finish() {
   if (!AwaitFinish()) return false;
   const std::uint32_t result = state_.ota_finish_result;
   if (result != 0) {
-    ReportOrLogFailureAndKeepCallback(static_cast<int>(result), FinishFailedLine(result));
+    ReportOrLogFailureAndKeepCallback(FailureKind::REFUSED, static_cast<int>(result),
+                                      FinishFailedLine(result));
     return false;
   }
   if (!state_.Report(state_.Total(), OtaProgressStatus::RESTART_ACKNOWLEDGED)) {
@@ -421,7 +417,7 @@ bool SerialUpdate::Restart() {
     state_.ota_clock->SleepFor(kPoll);
   }
   if (!state_.ota_restart_ok) {
-    ReportOrLogFailureAndKeepCallback(kRestartTimeoutCode,
+    ReportOrLogFailureAndKeepCallback(FailureKind::NO_REPLY, kRestartTimeoutCode,
                                       ErrorLine("OTA restart response timeout"));
     return false;
   }

@@ -42,17 +42,18 @@ class SerialUpdate {
   /// Takes an update reply, on the receive thread.
   void OnReply(const std::uint8_t* data, std::size_t size);
 
-  void SendUpgradeRequest(std::uint32_t size, std::uint16_t count);
-  void SendPackage(const FirmwarePacket& packet);
-  void SendFinish();
-  void SendRestart();
+  // Each is false if the port took less than all, and throws what the serial library throws.
+  bool SendUpgradeRequest(std::uint32_t size, std::uint16_t count);
+  bool SendPackage(const FirmwarePacket& packet);
+  bool SendFinish();
+  bool SendRestart();
   void FindValidationType();
 
  private:
-  void Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
+  bool Write(ServiceCommand command, const ServicePayload& payload, SerialFrameCrcType crc);
   SerialFrameCrcType Trailer() const;
 
-  void Attempt(const std::string& path);
+  void Attempt(const std::string& path, OperationScope& operation);
   bool Load(const std::string& path, std::uint32_t& size);
   void Prepare();
   bool RequestUpgrade(std::uint32_t size);
@@ -67,15 +68,12 @@ class SerialUpdate {
   bool Finish();
   bool AwaitFinish();
   bool Restart();
-  void ReportOrLogFailure(int code, const std::string& line);
-  void ReportOrLogFailureAndKeepCallback(int code, const std::string& line);
-  void SetFailure(FailureKind kind, const std::string& line);
+  void ReportOrLogFailure(FailureKind kind, int code, const std::string& line);
+  void ReportOrLogFailureAndKeepCallback(FailureKind kind, int code, const std::string& line);
 
   SerialUpdateState& state_;
   SerialLink& link_;
   const Korvane& hand_;
-  /// How the run ended.
-  Failure failure_;
 };
 
 }  // namespace talvera::korvane

@@ -56,7 +56,7 @@ CanServiceEngine::CanServiceEngine(const ServiceModel& row, Korvane& hand,
       hand_(hand) {}
 
 void CanServiceEngine::Start(HandType hand_type, std::uint8_t device_id) {
-  SetMembers(hand_, model.model_code, device_id, hand_type);
+  SetMembers(hand_, model.model, device_id, hand_type);
   hand_.connected = IsInit();
   if (!transport) return;
   CanBusDeviceBase::ProcessMessage process;
@@ -94,6 +94,18 @@ CanfdFrame CanServiceEngine::RequestOrThrow(const char* name, const CanfdFrame& 
   const auto operation = Operation(name);
   try {
     return Request(frame, 0);
+  } catch (const LinkError& error) {
+    RecordThrown(diagnostics, error.Kind(), error.what(), error.SystemError());
+    throw;
+  }
+}
+
+void CanServiceEngine::SendOrThrow(const char* name, const std::function<bool()>& send) const {
+  const auto operation = Operation(name);
+  try {
+    if (send()) return;
+    const LinkError error = SendError("request send failed");
+    RecordFailure(diagnostics, error, error.what());
   } catch (const LinkError& error) {
     RecordThrown(diagnostics, error.Kind(), error.what(), error.SystemError());
     throw;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -9,14 +10,14 @@
 #include "private_korvane.h"
 #include "protocol/service/service_reading.h"
 #include "protocol/service/service_update.h"
+#include "util/models.h"
 
 namespace talvera::korvane {
 
 /// What one hand does differently from another in the service protocol over CAN.
 struct ServiceModel {
   const char* class_name;
-  /// Also the product type that adapters are told.
-  std::uint8_t model_code;
+  Model model;
   std::uint8_t motors;
   /// The axes of a reply that has room for more limits than the hand has motors.
   std::uint8_t most_limits;
@@ -68,6 +69,10 @@ class CanServiceEngine : public CanLink {
 
   /// The reply to any command. Throws std::runtime_error, which is recorded.
   CanfdFrame RequestOrThrow(const char* operation, const CanfdFrame& frame) const;
+
+  /// Sends what waits for no reply by `send`, which is false if that failed, as an operation of its
+  /// own. What `send` throws gets out and is recorded.
+  void SendOrThrow(const char* operation, const std::function<bool()>& send) const;
 
   Reply RequestOrLog(const char* operation, ServiceCommand command,
                      const ServicePayload& payload = {}) const;

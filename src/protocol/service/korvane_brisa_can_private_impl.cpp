@@ -126,18 +126,23 @@ std::vector<TactileSensorData> KorvaneBrisaCanPrivateImpl::GetAllTactileSensorDa
 
 CanfdFrame KorvaneBrisaCanPrivateImpl::SendOtaRequestSynch(std::uint8_t child, unsigned int size,
                                                            unsigned short count) {
-  return engine_.update_run.Request(child, size, count);
+  return engine_.RequestOrThrow(__func__, ServiceUpdate::RequestFrame(child, size, count));
 }
 
 void KorvaneBrisaCanPrivateImpl::SendOtaTransmitAndData(const std::array<char, 2048>& packet,
                                                         unsigned short index) {
   FirmwarePacket bytes;
   std::copy(packet.begin(), packet.end(), bytes.begin());
-  engine_.update_run.SendPacket(bytes, index);
+  engine_.SendOrThrow(__func__, [&] { return engine_.update_run.SendPacket(bytes, index); });
 }
 
-void KorvaneBrisaCanPrivateImpl::SendOtaFinish() { engine_.update_run.SendFinish(); }
-void KorvaneBrisaCanPrivateImpl::SendOtaRestart() { engine_.update_run.SendRestart(); }
+void KorvaneBrisaCanPrivateImpl::SendOtaFinish() {
+  engine_.SendOrThrow(__func__, [this] { return engine_.update_run.SendFinish(); });
+}
+
+void KorvaneBrisaCanPrivateImpl::SendOtaRestart() {
+  engine_.SendOrThrow(__func__, [this] { return engine_.update_run.SendRestart(); });
+}
 
 void KorvaneBrisaCanPrivateImpl::OtaOnResponse(std::uint8_t child, std::uint32_t status) {
   engine_.update_run.OnResponse(child, status);

@@ -13,7 +13,7 @@ struct BrisaServiceRow {
   static constexpr ServiceModel kModel = [] {
     ServiceModel model{};
     model.class_name = "KorvaneBrisaCanPrivateImpl";
-    model.model_code = model_code::kBrisa;
+    model.model = Model::BRISA;
     model.motors = 10;
     model.most_limits = 12;
     model.positions_reply = 20;

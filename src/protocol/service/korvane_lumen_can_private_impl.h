@@ -11,7 +11,7 @@ struct LumenServiceRow {
   static constexpr ServiceModel kModel = [] {
     ServiceModel model{};
     model.class_name = "KorvaneLumenCanPrivateImpl";
-    model.model_code = model_code::kLumen;
+    model.model = Model::LUMEN;
     model.motors = 4;
     model.most_limits = 4;
     model.positions_reply = 9;

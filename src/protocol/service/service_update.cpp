@@ -43,32 +43,29 @@ ServiceUpdate::ServiceUpdate(const char* class_name, ServiceUpdateState& state, 
 
 // --- Frames ---------------------------------------------------------------------------------
 
-CanfdFrame ServiceUpdate::Request(std::uint8_t child, std::uint32_t file_size,
-                                  std::uint16_t packets) const {
+CanfdFrame ServiceUpdate::RequestFrame(std::uint8_t child, std::uint32_t file_size,
+                                       std::uint16_t packets) {
   const auto payload = ServicePayload().Add8(child).Add32(file_size).Add16(packets);
-  return link_.Request(ServiceFrame(ServiceCommand::kUpdateRequest, payload), 0);
+  return ServiceFrame(ServiceCommand::kUpdateRequest, payload);
 }
 
-void ServiceUpdate::SendPacket(const FirmwarePacket& packet, std::uint16_t number) const {
+bool ServiceUpdate::Send(const CanfdFrame& frame) const { return link_.Send(frame) != -1; }
+
+bool ServiceUpdate::SendChild(std::uint8_t child) const {
+  return Send(ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(child).Add32(0)));
+}
+
+bool ServiceUpdate::SendPacket(const FirmwarePacket& packet, std::uint16_t number) const {
   const std::uint16_t crc = Crc16Modbus(packet.data(), packet.size());
-  link_.Send(ServiceFrame(ServiceCommand::kUpdateRequest,
-                          ServicePayload().Add8(kPacketChild).Add16(number).Add16(crc)));
+  bool sent = Send(ServiceFrame(ServiceCommand::kUpdateRequest,
+                                ServicePayload().Add8(kPacketChild).Add16(number).Add16(crc)));
   state_.ota_clock->SleepFor(kAfterChecksum);
   for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
     const std::size_t size = std::min(kDataPerFrame, packet.size() - at);
-    link_.Send(ServiceFrame(ServiceCommand::kUpdateData, &packet[at], size));
+    sent = Send(ServiceFrame(ServiceCommand::kUpdateData, &packet[at], size)) && sent;
     state_.ota_clock->SleepFor(kAfterDataFrame);
   }
-}
-
-void ServiceUpdate::SendFinish() const {
-  link_.Send(
-      ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kFinishChild).Add32(0)));
-}
-
-void ServiceUpdate::SendRestart() const {
-  link_.Send(
-      ServiceFrame(ServiceCommand::kUpdateRequest, ServicePayload().Add8(kRestartChild).Add32(0)));
+  return sent;
 }
 
 // --- Replies, on the receive thread ---------------------------------------------------------
@@ -92,20 +89,17 @@ void ServiceUpdate::OnResponse(std::uint8_t child, std::uint32_t status) {
 /// Clears the callback at every end.
 void ServiceUpdate::Run(const std::string& path, ProgressCallback callback) {
   OperationScope operation(link_.diagnostics, "UpdateFirmware");
-  failure_ = {};
   state_.SetCallback(std::move(callback));
-  if (Attempt(path)) Reconnect();
+  const bool done = Attempt(path);
+  if (done) Reconnect();
   state_.ClearCallback();
-  // The end of the run tells, and not the requests that a restarting hand left unanswered.
-  operation.Succeed();
-  if (failure_.kind == FailureKind::NONE) return;
-  RecordFailure(link_.diagnostics, failure_.kind, failure_.text, failure_.system_error);
+  // A hand that restarts leaves requests unanswered, which is no failure of the update.
+  if (done) operation.Succeed();
 }
 
 /// False, for a run that ends here.
 bool ServiceUpdate::Fail(FailureKind kind, int code, const std::string& text) {
-  failure_.kind = kind;
-  failure_.text = text;
+  RecordFailure(link_.diagnostics, kind, text);
   state_.ReportFailure(code);
   return false;
 }
@@ -136,8 +130,7 @@ bool ServiceUpdate::FailUnacknowledged(std::uint8_t child, int code) {
 
 bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
   if (!hand_.connected || !link_.transport) {
-    failure_.kind = FailureKind::NO_LINK;
-    failure_.text = "the link isn't open";
+    RecordFailure(link_.diagnostics, FailureKind::NO_LINK, "the link isn't open");
     state_.Report(kUnusableCode, 0, OtaProgressStatus::FAILED);
     return false;
   }
@@ -147,8 +140,8 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
     LogError(Compose("[ERROR][", class_name_, "] UpdateFirmware: cannot open ", path));
   });
   if (file_size == 0) {
-    failure_.kind = FailureKind::BAD_ARGUMENT;
-    failure_.text = Compose("cannot open ", path, ", or it is empty");
+    RecordFailure(link_.diagnostics, FailureKind::BAD_ARGUMENT,
+                  Compose("cannot open ", path, ", or it is empty"));
     return false;
   }
   state_.Report(0, OtaProgressStatus::FILE_LOADED);
@@ -159,15 +152,16 @@ bool ServiceUpdate::Load(const std::string& path, std::size_t& file_size) {
 bool ServiceUpdate::RequestUpgrade(std::size_t file_size) {
   CanfdFrame reply;
   try {
-    reply = Request(kUpgradeChild, static_cast<std::uint32_t>(file_size),
-                    static_cast<std::uint16_t>(state_.Total()));
+    reply = link_.Request(RequestFrame(kUpgradeChild, static_cast<std::uint32_t>(file_size),
+                                       static_cast<std::uint16_t>(state_.Total())),
+                          0);
   } catch (const std::exception& error) {
     const std::string line =
         Compose("[ERROR][", class_name_, "] UpdateFirmware upgrade request: ", error.what());
     LogError(line);
-    const auto* const failed = dynamic_cast<const LinkError*>(&error);
-    failure_.system_error = failed != nullptr ? failed->SystemError() : 0;
-    return Fail(failed != nullptr ? failed->Kind() : FailureKind::SEND_FAILED, kNoReplyCode, line);
+    RecordFailure(link_.diagnostics, error, line);
+    state_.ReportFailure(kNoReplyCode);
+    return false;
   }
   const std::uint32_t status = LoadU32(reply.data + 2);
   if (!IsReply(reply)) {

@@ -6,7 +6,6 @@
 
 #include "can/can_frame.h"
 #include "korvane.h"
-#include "korvane_diagnostics.h"
 #include "update/update_progress.h"
 
 namespace talvera::korvane {
@@ -34,13 +33,17 @@ class ServiceUpdate {
   void OnFrame(const CanfdFrame& frame);
   void OnResponse(std::uint8_t child, std::uint32_t status);
 
-  /// The reply to a request of the update. Throws std::runtime_error.
-  CanfdFrame Request(std::uint8_t child, std::uint32_t file_size, std::uint16_t packets) const;
-  void SendPacket(const FirmwarePacket& packet, std::uint16_t number) const;
-  void SendFinish() const;
-  void SendRestart() const;
+  /// A request of the update.
+  static CanfdFrame RequestFrame(std::uint8_t child, std::uint32_t file_size,
+                                 std::uint16_t packets);
+  // Each is false if not all could be sent, and throws std::runtime_error without a transport.
+  bool SendPacket(const FirmwarePacket& packet, std::uint16_t number) const;
+  bool SendFinish() const { return SendChild(kFinishChild); }
+  bool SendRestart() const { return SendChild(kRestartChild); }
 
  private:
+  bool Send(const CanfdFrame& frame) const;
+  bool SendChild(std::uint8_t child) const;
   bool Attempt(const std::string& path);
   bool Fail(FailureKind kind, int code, const std::string& text);
   bool Refuse(std::uint32_t status, int code);
@@ -57,8 +60,6 @@ class ServiceUpdate {
   ServiceUpdateState& state_;
   const CanLink& link_;
   Korvane& hand_;
-  /// How the run ended.
-  Failure failure_;
 };
 
 }  // namespace talvera::korvane
