@@ -7,23 +7,24 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY "=")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/triggers")
+set(CPACK_DEBIAN_SIM_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/triggers")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
-set(korvane_is "${PROJECT_NAME} is the host-side library of a family of multi-fingered robotic hands,
- on CAN FD (SocketCAN and two USB adapters) and on serial lines.")
-
-# korvane_package(COMPONENT NAME SECTION SUMMARY DESCRIPTION DEPENDS)
+# korvane_package(COMPONENT NAME SECTION DESCRIPTION DEPENDS): the summary is that of the project.
 set(korvane_components)
-macro(korvane_package component name section summary description depends)
+macro(korvane_package component name section description depends)
   string(TOUPPER ${component} upper)
   list(APPEND korvane_components ${component})
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
-  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}\n${korvane_is}\n.\n${description}")
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${description}")
   set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}")
   foreach(file copyright changelog.gz changelog.Debian.gz)
     install(FILES "${PROJECT_BINARY_DIR}/packaging/${file}"
@@ -47,19 +48,18 @@ foreach(pair "CHANGELOG.md=changelog.gz" "packaging/changelog.Debian=changelog.D
 endforeach()
 
 set(korvane_same "libkorvane${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
-korvane_package(runtime libkorvane${PROJECT_VERSION_MAJOR} libs "library for Korvane robotic hands"
+korvane_package(runtime libkorvane${PROJECT_VERSION_MAJOR} libs
   "This package has the shared library." "")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS_POLICY "=")
-korvane_package(dev libkorvane-dev libdevel "library for Korvane robotic hands (development files)"
-  "This package has the headers, what CMake and pkg-config look for, and examples." "${korvane_same}")
+korvane_package(dev libkorvane-dev libdevel
+  "This package has the headers, what CMake and pkg-config look for, and
+examples." "${korvane_same}")
 if(KORVANE_BUILD_TOOLS AND KORVANE_BUILD_SIM)
-  korvane_package(tools korvane-tools utils "command-line tool and simulator for Korvane robotic hands"
-    "This package has korvane, which finds, shows, moves, updates and measures hands,
- and korvane-sim, which serves simulated ones." "${korvane_same}")
-  korvane_package(sim libkorvane-sim-dev libdevel "simulated Korvane hands inside a program (development files)"
-    "This package has the library by which a program's own tests have simulated hands
- and adapters inside." "libkorvane-dev")
+  korvane_package(tools korvane-tools utils
+    "This package has korvane, which finds, shows, moves, updates and measures
+hands, and korvane-sim, which serves simulated ones." "${korvane_same}")
+  korvane_package(sim libkorvane-sim-dev libdevel
+    "This package has the library by which a program's own tests have simulated
+hands and adapters inside." "libkorvane-dev")
 endif()
 set(CPACK_COMPONENTS_ALL ${korvane_components})
 include(CPack)

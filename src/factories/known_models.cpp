@@ -26,11 +26,6 @@ bool Names(std::string_view product_model, const KnownModel& known) {
 
 }  // namespace
 
-const char* ToString(Model model) {
-  const auto index = static_cast<std::size_t>(model);
-  return index < kKnownModels.size() ? kKnownModels[index].name : "unknown model";
-}
-
 std::optional<Model> ModelNamed(std::string_view name) {
   for (const KnownModel& known : kKnownModels) {
     const std::string_view wanted(known.name);

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
+#include "korvane_open.h"
 #include "util/models.h"
 
 namespace talvera::korvane {

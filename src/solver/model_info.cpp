@@ -4,6 +4,7 @@
 #include "korvane_brisa_solver.h"
 #include "korvane_model.h"
 #include "korvane_tessel_solver.h"
+#include "util/models.h"
 
 namespace talvera::korvane {
 namespace {
@@ -97,13 +98,23 @@ std::vector<JointInfo> Joints(const JointRow (&rows)[count], const Solver& solve
 
 }  // namespace
 
+const char* ToString(Model model) {
+  const auto index = static_cast<std::size_t>(model);
+  return index < kKnownModels.size() ? kKnownModels[index].name : "unknown model";
+}
+
 const std::vector<ModelInfo>& AllModels() {
   static const std::vector<ModelInfo> models{
-      {Model::BRISA, "brisa", "KorvaneBrisa", 10, true, 4096, 17, true, true, false},
-      {Model::TESSEL, "tessel", "KorvaneTessel", 12, true, 2000, 4, false, false, true},
-      {Model::QUILL, "quill", "KorvaneQuill", 10, false, 4096, 0, false, false, false},
-      {Model::LUMEN, "lumen", "KorvaneLumen", 4, true, 4096, 0, true, false, false},
-      {Model::VANTA, "vanta", "KorvaneVanta", 20, true, 4096, 0, false, false, false},
+      {Model::BRISA, Known(Model::BRISA).name, "KorvaneBrisa", 10, true, 4096, 17, true, true,
+       false},
+      {Model::TESSEL, Known(Model::TESSEL).name, "KorvaneTessel", 12, true, 2000, 4, false, false,
+       true},
+      {Model::QUILL, Known(Model::QUILL).name, "KorvaneQuill", 10, false, 4096, 0, false, false,
+       false},
+      {Model::LUMEN, Known(Model::LUMEN).name, "KorvaneLumen", 4, true, 4096, 0, true, false,
+       false},
+      {Model::VANTA, Known(Model::VANTA).name, "KorvaneVanta", 20, true, 4096, 0, false, false,
+       false},
   };
   return models;
 }

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "korvane_open.h"
+#include "korvane_model.h"
 
 // What tells the models from each other, for every part of the library.
 
