@@ -1,0 +1,242 @@
+#include <fmt/format.h>
+#include <korvane_observe.h>
+#include <korvane_open.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+#include "checkup.h"
+#include "interrupt.h"
+#include "quantities.h"
+
+// A hand: who answers, how well, and how it is.
+
+namespace korvane_tool {
+namespace {
+
+namespace kv = talvera::korvane;
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kRoundTrips = 200;
+constexpr std::size_t kLostInARow = 10;
+/// A late reply to a question of before may come in between.
+constexpr std::uint64_t kStrayFrames = 3;
+
+// --- Who answers ----------------------------------------------------------------------------
+
+/// The command for the first hand that answers in place of the one that was meant.
+std::string CommandForOther(HandAddress place) {
+  place.model.reset();
+  place.id.reset();
+  kv::FindOptions options;
+  options.places = {place};
+  const auto found = FindHands(options).hands;
+  return found.empty() ? "" : "korvane doctor -H '" + found.front().address.ToString() + "'";
+}
+
+Finding NotReached(const HandAddress& address, const ToolError& error) {
+  std::string text = WithoutLevel(error.what());
+  const auto status = static_cast<ExitStatus>(error.Status());
+  if (status == kOtherModel || status == kSeveral) {
+    return Bad(text, CommandForOther(address), status);
+  }
+  const std::string advice = AdviceOn(error.Cause());
+  if (status != kNobody) return Bad(text + "; " + advice, "", status);
+  const std::string other = CommandForOther(address);
+  if (!other.empty()) return Bad(text + "; another one does", other, status);
+  return Bad(text + "; is the hand powered, the cable in, and the bus terminated at both ends?",
+             "korvane find", status);
+}
+
+std::optional<OpenedHand> Reach(const Tool& tool, const HandAddress& address, Checkup& checkup) {
+  try {
+    OpenedHand hand = tool.Open(address);
+    checkup.Add("answer",
+                Ok(fmt::format("a {} with id {} answers", hand.Info().name, *hand.address.id)));
+    return hand;
+  } catch (const ToolError& error) {
+    const bool is_link = error.Status() == kNoLink;
+    checkup.Add(is_link ? "link" : "answer", NotReached(address, error));
+    return std::nullopt;
+  }
+}
+
+// --- Round trips ----------------------------------------------------------------------------
+
+/// Counts the frames under each identifier that this program asks with.
+class Traffic {
+ public:
+  void Count(const kv::FrameEvent& frame) {
+    constexpr std::uint32_t kWriteFlag = 0x80;
+    const std::lock_guard lock(mutex_);
+    Counts& counts = by_identifier_[frame.id & ~kWriteFlag];
+    ++(frame.sent ? counts.sent : counts.received);
+  }
+
+  /// Frames that answer none of this program's questions: another one's questions, which look
+  /// like answers, and the answers to those.
+  std::uint64_t Foreign() {
+    const std::lock_guard lock(mutex_);
+    std::uint64_t foreign = 0;
+    for (const auto& [identifier, counts] : by_identifier_) {
+      const bool is_more = counts.sent > 0 && counts.received > counts.sent;
+      foreign += is_more ? counts.received - counts.sent : 0;
+    }
+    return foreign;
+  }
+
+ private:
+  struct Counts {
+    std::uint64_t sent = 0;
+    std::uint64_t received = 0;
+  };
+  std::mutex mutex_;
+  std::map<std::uint32_t, Counts> by_identifier_;
+};
+
+struct RoundTrips {
+  std::vector<double> us;  ///< Those that were answered, the quickest first.
+  std::size_t lost = 0;
+
+  double At(double share) const {
+    return us[static_cast<std::size_t>(share * static_cast<double>(us.size() - 1))];
+  }
+};
+
+bool Ask(const OpenedHand& hand, std::size_t number) {
+  // Two questions in turn, so that others who ask either are seen.
+  if (number % 2 == 0) {
+    return bool(Checked(*hand, [](const KorvaneBase& h) { return h.GetAllJointMotorPosi(); }));
+  }
+  return bool(Checked(*hand, [](const KorvaneBase& h) { return h.GetVendorInfo(); }));
+}
+
+RoundTrips Measure(const OpenedHand& hand) {
+  const Interrupt interrupt;
+  RoundTrips trips;
+  std::size_t in_a_row = 0;
+  for (std::size_t i = 0; i < kRoundTrips && in_a_row < kLostInARow; ++i) {
+    if (interrupt.Came()) throw ToolError(kInterrupted, "interrupted");
+    const auto begin = Clock::now();
+    const bool answered = Ask(hand, i);
+    const std::chrono::duration<double, std::micro> took = Clock::now() - begin;
+    if (answered) trips.us.push_back(took.count());
+    trips.lost += answered ? 0 : 1;
+    in_a_row = answered ? 0 : in_a_row + 1;
+  }
+  std::sort(trips.us.begin(), trips.us.end());
+  return trips;
+}
+
+Finding Judge(const RoundTrips& trips) {
+  Json values{{"sent", trips.us.size() + trips.lost}, {"lost", trips.lost}};
+  if (trips.us.empty()) return Bad("the hand answers no more", "korvane find", kNobody);
+  values["median_us"] = trips.At(0.5);
+  values["p99_us"] = trips.At(0.99);
+  const std::string text =
+      fmt::format("{} of {} lost; median {:.2f} ms, p99 {:.2f} ms", trips.lost,
+                  trips.us.size() + trips.lost, trips.At(0.5) / 1000, trips.At(0.99) / 1000);
+  Finding finding = Ok(text);
+  if (trips.lost > 0) finding = Warning(text + "; look at the cable and at the load of the bus");
+  finding.values = values;
+  return finding;
+}
+
+Finding JudgeOthers(std::uint64_t foreign, const kv::LinkStatistics& statistics) {
+  Json values{{"foreign_frames", foreign},
+              {"unmatched_frames", statistics.unmatched_frames},
+              {"bad_replies", statistics.bad_replies}};
+  const bool alone = foreign < kStrayFrames && statistics.bad_replies == 0;
+  Finding finding =
+      alone ? Ok("nobody else asks this hand")
+            : Warning(fmt::format("{} frames that nobody here asked for and {} bad replies: "
+                                  "another program asks this hand, or two hands have its id",
+                                  foreign, statistics.bad_replies),
+                      "ps -ef | grep -i korvane");
+  finding.values = values;
+  return finding;
+}
+
+void ExamineTraffic(const OpenedHand& hand, Checkup& checkup) {
+  Traffic traffic;
+  // A late reply to what was asked while the hand was looked for passes before the count.
+  for (std::size_t i = 0; i < 2; ++i) Ask(hand, i);
+  ObserveFrames(*hand, [&](const kv::FrameEvent& frame) { traffic.Count(frame); });
+  const RoundTrips trips = Measure(hand);
+  ObserveFrames(*hand, {});
+  checkup.Add("round_trips", Judge(trips));
+  if (!trips.us.empty()) {
+    checkup.Add("others", JudgeOthers(traffic.Foreign(), StatisticsOf(*hand)));
+  }
+}
+
+// --- How it is ------------------------------------------------------------------------------
+
+Finding LookAtIdentity(const kv::VendorInfo& vendor) {
+  return Ok(fmt::format("{}, serial number {}, firmware {}", kv::PlainText(vendor.product_model),
+                        kv::PlainText(vendor.serial_number), vendor.software_version.ToString()));
+}
+
+Finding LookAtSupply(const kv::VendorInfo& vendor) {
+  if (vendor.supply_voltage_mv == 0) return Unknown("the hand tells no supply voltage");
+  Finding finding = Ok(fmt::format("{:.1f} V", vendor.supply_voltage_mv / 1000.0));
+  finding.values = {{"supply_voltage_mv", vendor.supply_voltage_mv}};
+  return finding;
+}
+
+std::optional<Finding> LookAtErrors(const OpenedHand& hand) {
+  const auto errors = Read(hand, QuantityNamed("errors"));
+  if (!errors) {
+    if (errors.failure().kind == FailureKind::NOT_SUPPORTED) return std::nullopt;
+    return Unknown(WithoutLevel(errors.failure().text));
+  }
+  std::string text;
+  for (std::size_t motor = 0; motor < errors->size(); ++motor) {
+    const std::string names = ErrorNames(static_cast<unsigned>((*errors)[motor]));
+    if (names.empty()) continue;
+    text += fmt::format("{}motor {}: {}", text.empty() ? "" : "; ", motor + 1, names);
+  }
+  if (text.empty()) return Ok("none");
+  return Bad(text, "korvane info -H '" + hand.address.ToString() + "'", kFailed);
+}
+
+void ExamineHealth(const OpenedHand& hand, Checkup& checkup) {
+  const auto vendor = Checked(*hand, [](const KorvaneBase& h) { return h.GetVendorInfo(); });
+  if (!vendor) return checkup.Add("identity", Unknown(WithoutLevel(vendor.failure().text)));
+  checkup.Add("identity", LookAtIdentity(*vendor));
+  checkup.Add("supply", LookAtSupply(*vendor));
+  if (auto errors = LookAtErrors(hand)) checkup.Add("errors", *errors);
+}
+
+}  // namespace
+
+void ExamineHand(const Tool& tool, const HandAddress& address, Checkup& checkup) {
+  const auto hand = Reach(tool, address, checkup);
+  if (!hand) return;
+  ExamineTraffic(*hand, checkup);
+  if (checkup.FirstBad() == nullptr) ExamineHealth(*hand, checkup);
+}
+
+Finding FindHandsOn(const kv::FindOptions& where) {
+  const auto found = FindHands(where);
+  if (found.hands.empty() && !found.not_asked.empty()) {
+    const Failure& failure = found.not_asked.front();
+    return Bad(WithoutLevel(failure.text) + "; " + AdviceOn(failure), "", StatusOf(failure));
+  }
+  if (found.hands.empty()) return Warning("no hand answers");
+  std::string text;
+  Json addresses = Json::array();
+  for (const kv::FoundHand& hand : found.hands) {
+    text += (text.empty() ? "" : ", ") + hand.address.ToString();
+    addresses.push_back(hand.address.ToString());
+  }
+  Finding finding = Ok(text);
+  finding.values = {{"hands", addresses}};
+  return finding;
+}
+
+}  // namespace korvane_tool
