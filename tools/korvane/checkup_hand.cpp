@@ -28,39 +28,70 @@ constexpr std::uint64_t kStrayFrames = 3;
 
 // --- Who answers ----------------------------------------------------------------------------
 
-/// The command for the first hand that answers in place of the one that was meant.
-std::string CommandForOther(HandAddress place) {
-  place.model.reset();
-  place.id.reset();
-  kv::FindOptions options;
-  options.places = {place};
-  const auto found = FindHands(options).hands;
+/// A look at the first hand that answers in place of the one that was meant.
+std::string LookAtOther(const kv::FindOptions& where) {
+  const auto found = FindHands(where).hands;
   return found.empty() ? "" : "korvane doctor -H '" + found.front().address.ToString() + "'";
 }
 
+/// All hands on the link of `address`.
+kv::FindOptions SameLink(HandAddress address) {
+  address.model.reset();
+  address.id.reset();
+  kv::FindOptions where;
+  where.places = {address};
+  return where;
+}
+
+std::string WithAdvice(const Failure& failure) {
+  const std::string advice = AdviceOn(failure);
+  return WithoutLevel(failure.text) + (advice.empty() ? "" : "; " + advice);
+}
+
+bool IsAdapter(const HandAddress& address) {
+  return address.link == LinkKind::ZLG || address.link == LinkKind::HCAN;
+}
+
+Finding NoLink(const HandAddress& address, const Failure& failure) {
+  const std::string text = WithAdvice(failure);
+  if (!IsAdapter(address)) return Bad(text);
+  kv::FindOptions where;
+  where.links = {address.link};
+  const std::string other = LookAtOther(where);
+  return other.empty() ? Bad(text, "lsusb") : Bad(text + " There are hands elsewhere.", other);
+}
+
+Finding Nobody(const HandAddress& address, const Failure& failure) {
+  const std::string text = WithoutLevel(failure.text);
+  const std::string other = LookAtOther(SameLink(address));
+  if (!other.empty()) return Bad(text + "; another one does", other, kNobody);
+  const bool is_serial = address.link == LinkKind::SERIAL;
+  return Bad(text + (is_serial ? "; is the hand powered, the cable in, and this its bit rate?"
+                               : "; is the hand powered, the cable in, and the bus terminated at "
+                                 "both ends?"),
+             "korvane find", kNobody);
+}
+
 Finding NotReached(const HandAddress& address, const ToolError& error) {
-  std::string text = WithoutLevel(error.what());
   const auto status = static_cast<ExitStatus>(error.Status());
-  if (status == kOtherModel || status == kSeveral) {
-    return Bad(text, CommandForOther(address), status);
-  }
-  const std::string advice = AdviceOn(error.Cause());
-  if (status != kNobody) return Bad(text + "; " + advice, "", status);
-  const std::string other = CommandForOther(address);
-  if (!other.empty()) return Bad(text + "; another one does", other, status);
-  return Bad(text + "; is the hand powered, the cable in, and the bus terminated at both ends?",
-             "korvane find", status);
+  if (status == kNoLink) return NoLink(address, error.Cause());
+  if (status == kNobody) return Nobody(address, error.Cause());
+  if (status == kFailed) return Bad(WithAdvice(error.Cause()), "", status);
+  return Bad(WithoutLevel(error.what()), LookAtOther(SameLink(address)), status);
 }
 
 std::optional<OpenedHand> Reach(const Tool& tool, const HandAddress& address, Checkup& checkup) {
   try {
     OpenedHand hand = tool.Open(address);
+    checkup.Add("link", Ok("it opens"));
     checkup.Add("answer",
                 Ok(fmt::format("a {} with id {} answers", hand.Info().name, *hand.address.id)));
     return hand;
   } catch (const ToolError& error) {
-    const bool is_link = error.Status() == kNoLink;
-    checkup.Add(is_link ? "link" : "answer", NotReached(address, error));
+    const bool is_open = error.Status() != kNoLink;
+    if (is_open && error.Cause().kind != FailureKind::NOT_SUPPORTED)
+      checkup.Add("link", Ok("it opens"));
+    checkup.Add(is_open ? "answer" : "link", NotReached(address, error));
     return std::nullopt;
   }
 }
@@ -225,7 +256,7 @@ Finding FindHandsOn(const kv::FindOptions& where) {
   const auto found = FindHands(where);
   if (found.hands.empty() && !found.not_asked.empty()) {
     const Failure& failure = found.not_asked.front();
-    return Bad(WithoutLevel(failure.text) + "; " + AdviceOn(failure), "", StatusOf(failure));
+    return Bad(WithAdvice(failure), "", StatusOf(failure));
   }
   if (found.hands.empty()) return Warning("no hand answers");
   std::string text;

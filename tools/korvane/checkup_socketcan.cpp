@@ -100,8 +100,8 @@ std::optional<Finding> LookAtKernel(const Interface& can) {
   }
   const int any = socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
   if (any < 0) {
-    return Bad(fmt::format("the kernel has no CAN: {}", std::strerror(errno)),
-               "sudo modprobe can_raw");
+    return Last(Bad(fmt::format("the kernel has no CAN: {}", std::strerror(errno)),
+                    "sudo modprobe can_raw"));
   }
   close(any);
   return Ok("CAN is there (can_raw)");
