@@ -45,7 +45,7 @@ kv::FindOptions SameLink(HandAddress address) {
 
 std::string WithAdvice(const Failure& failure) {
   const std::string advice = AdviceOn(failure);
-  return WithoutLevel(failure.text) + (advice.empty() ? "" : "; " + advice);
+  return PlainText(failure) + (advice.empty() ? "" : "; " + advice);
 }
 
 bool IsAdapter(const HandAddress& address) {
@@ -62,7 +62,7 @@ Finding NoLink(const HandAddress& address, const Failure& failure) {
 }
 
 Finding Nobody(const HandAddress& address, const Failure& failure) {
-  const std::string text = WithoutLevel(failure.text);
+  const std::string text = PlainText(failure);
   const std::string other = LookAtOther(SameLink(address));
   if (!other.empty()) return Bad(text + "; another one does", other, kNobody);
   const bool is_serial = address.link == LinkKind::SERIAL;
@@ -77,7 +77,7 @@ Finding NotReached(const HandAddress& address, const ToolError& error) {
   if (status == kNoLink) return NoLink(address, error.Cause());
   if (status == kNobody) return Nobody(address, error.Cause());
   if (status == kFailed) return Bad(WithAdvice(error.Cause()), "", status);
-  return Bad(WithoutLevel(error.what()), LookAtOther(SameLink(address)), status);
+  return Bad(PlainText(error.Cause()), LookAtOther(SameLink(address)), status);
 }
 
 std::optional<OpenedHand> Reach(const Tool& tool, const HandAddress& address, Checkup& checkup) {
@@ -132,6 +132,7 @@ class Traffic {
 struct RoundTrips {
   std::vector<double> us;  ///< Those that were answered, the quickest first.
   std::size_t lost = 0;
+  std::size_t lost_at_the_end = 0;  ///< In a row.
 
   double At(double share) const {
     return us[static_cast<std::size_t>(share * static_cast<double>(us.size() - 1))];
@@ -149,31 +150,41 @@ bool Ask(const OpenedHand& hand, std::size_t number) {
 RoundTrips Measure(const OpenedHand& hand) {
   const Interrupt interrupt;
   RoundTrips trips;
-  std::size_t in_a_row = 0;
-  for (std::size_t i = 0; i < kRoundTrips && in_a_row < kLostInARow; ++i) {
+  for (std::size_t i = 0; i < kRoundTrips && trips.lost_at_the_end < kLostInARow; ++i) {
     if (interrupt.Came()) throw ToolError(kInterrupted, "interrupted");
     const auto begin = Clock::now();
     const bool answered = Ask(hand, i);
     const std::chrono::duration<double, std::micro> took = Clock::now() - begin;
     if (answered) trips.us.push_back(took.count());
     trips.lost += answered ? 0 : 1;
-    in_a_row = answered ? 0 : in_a_row + 1;
+    trips.lost_at_the_end = answered ? 0 : trips.lost_at_the_end + 1;
   }
   std::sort(trips.us.begin(), trips.us.end());
   return trips;
 }
 
-Finding Judge(const RoundTrips& trips) {
-  Json values{{"sent", trips.us.size() + trips.lost}, {"lost", trips.lost}};
-  if (trips.us.empty()) return Bad("the hand answers no more", "korvane find", kNobody);
-  values["median_us"] = trips.At(0.5);
-  values["p99_us"] = trips.At(0.99);
+Finding JudgeQuickness(const RoundTrips& trips) {
   const std::string text =
       fmt::format("{} of {} lost; median {:.2f} ms, p99 {:.2f} ms", trips.lost,
                   trips.us.size() + trips.lost, trips.At(0.5) / 1000, trips.At(0.99) / 1000);
-  Finding finding = Ok(text);
-  if (trips.lost > 0) finding = Warning(text + "; look at the cable and at the load of the bus");
-  finding.values = values;
+  if (trips.lost == 0) return Ok(text);
+  return Warning(text + "; look at the cable and at the load of the bus");
+}
+
+Finding Judge(const RoundTrips& trips, bool link_lost) {
+  Finding finding;
+  if (link_lost) {
+    finding = Bad("the link has gone while the hand was asked");
+  } else if (trips.lost_at_the_end == kLostInARow) {
+    finding = Bad("the hand has stopped answering", "korvane find", kNobody);
+  } else {
+    finding = JudgeQuickness(trips);
+  }
+  finding.values = {{"sent", trips.us.size() + trips.lost}, {"lost", trips.lost}};
+  if (!trips.us.empty()) {
+    finding.values["median_us"] = trips.At(0.5);
+    finding.values["p99_us"] = trips.At(0.99);
+  }
   return finding;
 }
 
@@ -199,9 +210,10 @@ void ExamineTraffic(const OpenedHand& hand, Checkup& checkup) {
   ObserveFrames(*hand, [&](const kv::FrameEvent& frame) { traffic.Count(frame); });
   const RoundTrips trips = Measure(hand);
   ObserveFrames(*hand, {});
-  checkup.Add("round_trips", Judge(trips));
-  if (!trips.us.empty()) {
-    checkup.Add("others", JudgeOthers(traffic.Foreign(), StatisticsOf(*hand)));
+  const auto statistics = StatisticsOf(*hand);
+  checkup.Add("round_trips", Judge(trips, statistics.link_lost));
+  if (checkup.FirstBad() == nullptr) {
+    checkup.Add("others", JudgeOthers(traffic.Foreign(), statistics));
   }
 }
 
@@ -223,7 +235,7 @@ std::optional<Finding> LookAtErrors(const OpenedHand& hand) {
   const auto errors = Read(hand, QuantityNamed("errors"));
   if (!errors) {
     if (errors.failure().kind == FailureKind::NOT_SUPPORTED) return std::nullopt;
-    return Unknown(WithoutLevel(errors.failure().text));
+    return Unknown(PlainText(errors.failure()));
   }
   std::string text;
   for (std::size_t motor = 0; motor < errors->size(); ++motor) {
@@ -237,7 +249,7 @@ std::optional<Finding> LookAtErrors(const OpenedHand& hand) {
 
 void ExamineHealth(const OpenedHand& hand, Checkup& checkup) {
   const auto vendor = Checked(*hand, [](const KorvaneBase& h) { return h.GetVendorInfo(); });
-  if (!vendor) return checkup.Add("identity", Unknown(WithoutLevel(vendor.failure().text)));
+  if (!vendor) return checkup.Add("identity", Unknown(PlainText(vendor.failure())));
   checkup.Add("identity", LookAtIdentity(*vendor));
   checkup.Add("supply", LookAtSupply(*vendor));
   if (auto errors = LookAtErrors(hand)) checkup.Add("errors", *errors);
