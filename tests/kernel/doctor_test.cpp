@@ -23,7 +23,8 @@ struct Diagnosis {
 };
 
 Diagnosis Examine(const std::string& address) {
-  const std::string command = KORVANE_TOOL_PROGRAM " doctor --json -H " + address;
+  // Longer than a busy machine lets a reply wait.
+  const std::string command = KORVANE_TOOL_PROGRAM " doctor --json --timeout 1000 -H " + address;
   std::string text;
   FILE* const output = popen(command.c_str(), "r");  // NOLINT(bugprone-command-processor)
   std::array<char, 4096> piece;

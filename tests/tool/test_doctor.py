@@ -207,7 +207,7 @@ def port_tree(root, port, latency):
 @pytest.mark.parametrize("latency", ["1", "16"])
 def test_latency_of_a_serial_chip(sim, tree, latency):
     port = port_tree(tree, sim.port, latency)
-    found, status = examine(sim, f"serial:{port}", "--root", tree)
+    found, status = examine(sim, f"serial:{port}", "--root", tree, "--timeout", 1000)
     assert (status, states(found, "bad")) == (0, set())
     assert found["chip"]["text"] == "Serial adapter (1d50:606f)"
     assert states(found, "warning") == ({"latency"} if latency == "16" else set())

@@ -2,6 +2,7 @@
 #include <korvane_open.h>
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -129,15 +130,18 @@ Colour ColourOf(State state) {
   return kColours[static_cast<std::size_t>(state)];
 }
 
+/// One command may mend several things, and is written once.
 std::string Text(const Checkup& checkup) {
   std::string text = Coloured(checkup.link, Colour::STRONG) + "\n";
+  std::set<std::string> written;
   for (const auto& [key, finding] : checkup.findings) {
-    text += fmt::format(
-        "  {}  {:<17}  {}\n",
-        Coloured(fmt::format("{:<7}", ToString(finding.state)), ColourOf(finding.state)), key,
-        finding.text);
+    const std::string state = fmt::format("{:<7}", ToString(finding.state));
+    text += fmt::format("  {}  {:<17}  {}\n", Coloured(state, ColourOf(finding.state)), key,
+                        finding.text);
     const bool mends = finding.state != State::OK && !finding.command.empty();
-    if (mends) text += fmt::format("{:<30}{}\n", "", Coloured(finding.command, Colour::STRONG));
+    if (mends && written.insert(finding.command).second) {
+      text += fmt::format("{:<30}{}\n", "", Coloured(finding.command, Colour::STRONG));
+    }
   }
   return text;
 }
