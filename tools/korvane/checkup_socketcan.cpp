@@ -113,7 +113,7 @@ std::optional<Finding> LookForIdleAdapter(const Interface& can) {
   for (const UsbDevice& usb : UsbCanDevices(can.machine)) {
     if (!usb.driver.empty()) continue;
     const std::string text = usb.Describe() + " is plugged in, and no driver has taken it";
-    const bool has_alias = usb.modalias.find_first_of("'") == std::string::npos;
+    const bool has_alias = usb.modalias.find('\'') == std::string::npos;
     return Warning(text, has_alias && !usb.modalias.empty()
                              ? fmt::format("sudo modprobe -v '{}'", usb.modalias)
                              : "lsusb -t");

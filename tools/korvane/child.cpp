@@ -54,6 +54,7 @@ bool ReadAll(int input, std::string& text) {
 
 ChildResult RunChild(std::vector<std::string> arguments) {
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   std::array<int, 2> ends{};

@@ -79,6 +79,7 @@ Checkup ExamineAdapters(const Machine& machine, LinkKind kind) {
 std::vector<Checkup> ExamineMachine(const Machine& machine) {
   std::vector<Checkup> all;
   const auto interfaces = CanInterfacesOf(machine);
+  all.reserve(interfaces.size() + 1);
   for (const auto& name : interfaces) all.push_back(ExaminePlace(machine, Interface(name)));
   if (interfaces.empty()) {
     all.push_back(ExamineLink(machine, Interface(""), "socketcan"));
