@@ -6,6 +6,7 @@ const std::vector<CommandRow>& AllCommands() {
   static const std::vector<CommandRow> rows{
       {"find", "List the hands that are there, on every link", &MakeFind},
       {"info", "Tell what a hand is and how it is", &MakeInfo},
+      {"doctor", "Look for what keeps a hand from answering, and say what mends it", &MakeDoctor},
       {"watch", "Show a hand live: joints, currents, temperatures, errors, touch", &MakeWatch},
       {"move", "Move motors, joints or the whole hand, within its limits", &MakeMove},
       {"record", "Record what a hand tells, or the frames of its link", &MakeRecord},
