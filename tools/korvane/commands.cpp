@@ -11,6 +11,7 @@ const std::vector<CommandRow>& AllCommands() {
       {"record", "Record what a hand tells, or the frames of its link", &MakeRecord},
       {"replay", "Play a recording on a hand", &MakeReplay},
       {"bench", "Measure round trips to a hand", &MakeBench},
+      {"update", "Replace the firmware of a hand", &MakeUpdate},
       {"sim", "Start simulated hands, by korvane-sim", &MakeSim, false},
       {"completion", "Print the completion of a shell", &MakeCompletion, false},
   };
