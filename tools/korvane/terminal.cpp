@@ -131,7 +131,8 @@ LiveArea::~LiveArea() {
 
 void LiveArea::Draw(const std::vector<std::string>& lines) {
   if (!OnTerminal()) return;
-  std::string text = drawn_ > 0 ? fmt::format("\x1b[{}A", drawn_) : "";
+  // From the first column, as a terminal echoes keys such as ^C where the cursor stands.
+  std::string text = drawn_ > 0 ? fmt::format("\r\x1b[{}A", drawn_) : "";
   for (const std::string& line : lines) text += Cut(line, TerminalWidth()) + "\x1b[K\n";
   text += "\x1b[J";
   drawn_ = lines.size();
