@@ -14,7 +14,7 @@
 
 #include "exit_status.h"
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): named so there
 class App;
 }
 
