@@ -13,6 +13,7 @@ namespace korvane_tool {
 namespace {
 
 constexpr std::size_t kDefaultWidth = 80;
+constexpr std::size_t kDefaultHeight = 24;
 constexpr const char* kReset = "\x1b[0m";
 
 /// By Colour.
@@ -47,6 +48,12 @@ std::string Cut(const std::string& text, std::size_t width) {
   return text;
 }
 
+std::size_t Size(unsigned short winsize::*side, std::size_t otherwise) {
+  winsize size{};
+  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.*side > 0;
+  return known ? size.*side : otherwise;
+}
+
 }  // namespace
 
 bool OnTerminal() {
@@ -65,11 +72,7 @@ bool HasColours() {
   return has;
 }
 
-std::size_t TerminalWidth() {
-  winsize size{};
-  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  return known ? size.ws_col : kDefaultWidth;
-}
+std::size_t TerminalWidth() { return Size(&winsize::ws_col, kDefaultWidth); }
 
 std::string Coloured(const std::string& text, Colour colour) {
   if (!HasColours() || colour == Colour::PLAIN) return text;
@@ -129,10 +132,17 @@ LiveArea::~LiveArea() {
   std::fflush(stdout);
 }
 
-void LiveArea::Draw(const std::vector<std::string>& lines) {
+void LiveArea::Draw(std::vector<std::string> lines) {
   if (!OnTerminal()) return;
-  // From the first column, as a terminal echoes keys such as ^C where the cursor stands.
-  std::string text = drawn_ > 0 ? fmt::format("\r\x1b[{}A", drawn_) : "";
+  // What has scrolled off the top can't be drawn anew. The cursor stands below the last line.
+  const std::size_t room = std::max<std::size_t>(Size(&winsize::ws_row, kDefaultHeight), 3) - 1;
+  if (lines.size() > room) {
+    const std::size_t hidden = lines.size() - room + 1;
+    lines.resize(room - 1);
+    lines.push_back(
+        Coloured(fmt::format("… {} more lines in a higher window", hidden), Colour::DIM));
+  }
+  std::string text = drawn_ > 0 ? fmt::format("\x1b[{}A", std::min(drawn_, room)) : "";
   for (const std::string& line : lines) text += Cut(line, TerminalWidth()) + "\x1b[K\n";
   text += "\x1b[J";
   drawn_ = lines.size();

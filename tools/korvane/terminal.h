@@ -55,8 +55,8 @@ class LiveArea {
   LiveArea(const LiveArea&) = delete;
   LiveArea& operator=(const LiveArea&) = delete;
 
-  /// Lines longer than the terminal is wide are cut, as a wrapped one couldn't be drawn anew.
-  void Draw(const std::vector<std::string>& lines);
+  /// What is longer than the terminal is wide, or high, is cut, as it couldn't be drawn anew.
+  void Draw(std::vector<std::string> lines);
 
  private:
   std::size_t drawn_ = 0;
