@@ -39,6 +39,7 @@ class Sim : public Command {
     const std::string program = Simulator();
     arguments.insert(arguments.begin(), program);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     std::fflush(stdout);

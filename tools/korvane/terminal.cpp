@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -91,7 +92,7 @@ std::size_t Columns(const std::string& text) {
 
 std::string Bar(double part, std::size_t width) {
   const double filled = std::clamp(part, 0.0, 1.0) * static_cast<double>(width);
-  const auto whole = static_cast<std::size_t>(filled + 0.5);
+  const auto whole = static_cast<std::size_t>(std::lround(filled));
   std::string bar;
   for (std::size_t i = 0; i < width; ++i) bar += i < whole ? "█" : "·";
   return bar;
