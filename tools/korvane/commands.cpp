@@ -12,6 +12,7 @@ const std::vector<CommandRow>& AllCommands() {
       {"replay", "Play a recording on a hand", &MakeReplay},
       {"bench", "Measure round trips to a hand", &MakeBench},
       {"update", "Replace the firmware of a hand", &MakeUpdate},
+      {"service", "Set a hand up: settings, serial number, id", &MakeService},
       {"sim", "Start simulated hands, by korvane-sim", &MakeSim, false},
       {"completion", "Print the completion of a shell", &MakeCompletion, false},
   };
