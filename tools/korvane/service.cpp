@@ -210,7 +210,7 @@ class Service : public Command {
     if (text_.empty() && save_) throw ToolError(kUsage, "--save goes with a new serial number");
     const ServiceHand hand = OpenService(tool);
     Json document = ToJson(hand.address);
-    document["serial_number"] = SerialNumberOf(hand);
+    document["serial_number"] = Need(SerialNumberOf(hand));
     if (!text_.empty()) WriteSerialNumber(hand, document);
     tool.PrintJson(document);
     tool.Print(document["serial_number"].get<std::string>() + "\n");
@@ -236,7 +236,7 @@ class Service : public Command {
     number.resize(kSerialNumberBytes);
     const bool taken = Need(
         CheckedService(hand, [&](PrivateKorvane& s) { return s.SetProductSerialNumber(number); }));
-    const std::string now = SerialNumberOf(hand);
+    const std::string now = Need(SerialNumberOf(hand));
     if (!taken || now != text_) {
       throw ToolError(kFailed,
                       fmt::format("the hand has the serial number {} and not {}", now, text_));
@@ -309,18 +309,27 @@ class Service : public Command {
     }
     Json document = ToJson(hand.address);
     document.update({{"changed", Json::array()}, {"not_changed", Json::array()}, {"saved", false}});
-    const Failure failure = WriteAll(hand, changes, file, document);
+    Failure failure = WriteAll(hand, changes, file, document);
+    if (failure.kind == FailureKind::NONE && save_) failure = SaveApplied(hand, document);
     const bool good = failure.kind == FailureKind::NONE;
-    int status = good ? kDone : StatusOf(failure);
-    if (good && save_) {
-      Save(hand);
-      document["saved"] = true;
-    }
+    const int status = good ? kDone : StatusOf(failure);
     if (!good) document["error"] = korvane_tool::ToJson(failure);
     if (!good) document["error"]["status"] = status;
     tool.PrintJson(document);
     TellApplied(tool, document, failure);
     return status;
+  }
+
+  /// The changes stand in the document whether or not they could be kept.
+  static Failure SaveApplied(const ServiceHand& hand, Json& document) {
+    try {
+      Save(hand);
+      document["saved"] = true;
+      return {};
+    } catch (const ToolError& error) {
+      if (error.Cause().kind != FailureKind::NONE) return error.Cause();
+      return {FailureKind::REFUSED, "", error.what(), 0};
+    }
   }
 
   /// Writes until one fails, and looks afterwards which of them the hand has.
@@ -335,7 +344,12 @@ class Service : public Command {
       document[written ? "changed" : "not_changed"].push_back(ToJson(change));
     }
     if (changes.empty() || failure.kind != FailureKind::NONE) return failure;
-    const auto left = Differences(hand, file.wanted);
+    std::vector<Change> left;
+    try {
+      left = Differences(hand, file.wanted);
+    } catch (const ToolError& error) {
+      return error.Cause();
+    }
     if (left.empty()) return failure;
     for (const Change& change : left) Move(document, change);
     return {FailureKind::REFUSED, "",
@@ -366,10 +380,11 @@ class Service : public Command {
       }
     }
     if (failure.kind != FailureKind::NONE) {
-      fmt::print(stderr,
-                 "korvane: {}\n{} values were written and {} not; apply once more when the "
-                 "reason is gone\n",
-                 PlainText(failure), document["changed"].size(), document["not_changed"].size());
+      // A reply that was lost doesn't tell whether the request was, too.
+      const bool unsure = failure.kind == FailureKind::NO_REPLY && !document["not_changed"].empty();
+      fmt::print(stderr, "korvane: {}\n{} values were written and {} not{}. Apply once more.\n",
+                 PlainText(failure), document["changed"].size(), document["not_changed"].size(),
+                 unsure ? "; the hand may have taken the first of these" : "");
       return;
     }
     if (document["changed"].empty()) tool.Print("The hand has these settings.\n");

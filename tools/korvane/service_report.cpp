@@ -174,12 +174,13 @@ std::string BytesTable(const Json& report) {
 
 }  // namespace
 
-std::string SerialNumberOf(const ServiceHand& hand) {
-  const auto number =
-      Need(CheckedService(hand, [](PrivateKorvane& s) { return s.GetProductSerialNumber(); }));
-  std::string text(sizeof(number), '\0');
-  std::memcpy(text.data(), &number, sizeof(number));
-  return kv::PlainText(text);
+Outcome<std::string> SerialNumberOf(const ServiceHand& hand) {
+  return CheckedService(hand, [](PrivateKorvane& service) {
+    const auto number = service.GetProductSerialNumber();
+    std::string text(sizeof(number), '\0');
+    std::memcpy(text.data(), &number, sizeof(number));
+    return kv::PlainText(text);
+  });
 }
 
 Json ServiceReport(const ServiceHand& hand) {
@@ -188,7 +189,7 @@ Json ServiceReport(const ServiceHand& hand) {
     return dynamic_cast<const KorvaneBase&>(s).GetVendorInfo().product_model;
   });
   Put(report, "product_model", vendor ? Outcome<std::string>(kv::PlainText(*vendor)) : vendor);
-  report["serial_number"] = SerialNumberOf(hand);
+  Put(report, "serial_number", SerialNumberOf(hand));
   Put(report, "versions",
       CheckedService(hand, [](PrivateKorvane& s) { return VersionsOf(s.GetFwVersion()); }));
   PutSettings(report, hand);

@@ -15,6 +15,6 @@ Json ServiceReport(const ServiceHand& hand);
 std::string TextOfReport(const Json& report);
 
 /// The serial number that the hand keeps.
-std::string SerialNumberOf(const ServiceHand& hand);
+Outcome<std::string> SerialNumberOf(const ServiceHand& hand);
 
 }  // namespace korvane_tool
