@@ -10,6 +10,7 @@ const std::vector<CommandRow>& AllCommands() {
       {"watch", "Show a hand live: joints, currents, temperatures, errors, touch", &MakeWatch},
       {"move", "Move motors, joints or the whole hand, within its limits", &MakeMove},
       {"update", "Replace the firmware of a hand", &MakeUpdate},
+      {"service", "Set a hand up: settings, serial number, id", &MakeService},
       {"record", "Record what a hand tells, or the frames of its link", &MakeRecord},
       {"replay", "Play a recording on a hand", &MakeReplay},
       {"bench", "Measure round trips to a hand", &MakeBench},

@@ -17,6 +17,7 @@ std::unique_ptr<Command> MakeReplay(CLI::App& options);
 std::unique_ptr<Command> MakeBench(CLI::App& options);
 std::unique_ptr<Command> MakeDoctor(CLI::App& options);
 std::unique_ptr<Command> MakeUpdate(CLI::App& options);
+std::unique_ptr<Command> MakeService(CLI::App& options);
 std::unique_ptr<Command> MakeSim(CLI::App& options);
 std::unique_ptr<Command> MakeCompletion(CLI::App& options);
 

@@ -254,8 +254,8 @@ class Update : public Command {
   Outcome<std::string> VersionAfterwards(const Tool& tool, OpenedHand& hand,
                                          const Interrupt& interrupt) const {
     for (int tries = 1;; ++tries) {
-      const auto version = ReadVersion(*hand);
-      const bool is_it = version && (expect_.empty() || *version == expect_);
+      auto version = ReadVersion(*hand);
+      const bool is_it = version && (expect_.empty() || *version == expect_ || *version != before_);
       if (is_it || tries == kTries || interrupt.WaitFor(kBetweenTries)) return version;
       if (!version && hand.address.link == LinkKind::SERIAL) Reopen(tool, hand);
     }
