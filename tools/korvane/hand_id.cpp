@@ -8,8 +8,6 @@
 namespace korvane_tool {
 namespace {
 
-using talvera::korvane::Korvane;
-
 /// An object on a serial port listens all its life to the id of the first frame that comes, and
 /// that may be the late acknowledgment under the old id: the second object hears the new one.
 Outcome<std::unique_ptr<KorvaneBase>> OpenAnew(const HandAddress& where) {
