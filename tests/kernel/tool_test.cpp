@@ -1,4 +1,5 @@
-// `korvane doctor` on interfaces of the real kernel. Needs the right to make them, and `ip` that
+// The tool `korvane` on interfaces of the real kernel: what `doctor` says of them, and what `bench`
+// learns from the kernel's time stamps. Needs the right to make them, and `ip` that
 // writes JSON: scripts/kernel-guest provides the one, and takes the other along.
 
 #include <gtest/gtest.h>
@@ -17,27 +18,26 @@
 namespace talvera::korvane {
 namespace {
 
-struct Diagnosis {
+struct Answer {
   int status = -1;
-  std::map<std::string, std::string> states;  ///< By key.
+  nlohmann::json document;
 };
 
-Diagnosis Examine(const std::string& address) {
+Answer Ask(const std::string& arguments) {
   // Longer than a busy machine lets a reply wait.
-  const std::string command = KORVANE_TOOL_PROGRAM " doctor --json --timeout 1000 -H " + address;
+  const std::string command = KORVANE_TOOL_PROGRAM " " + arguments + " --json --timeout 1000";
   std::string text;
   FILE* const output = popen(command.c_str(), "r");  // NOLINT(bugprone-command-processor)
   std::array<char, 4096> piece;
   for (std::size_t size = 0; (size = fread(piece.data(), 1, piece.size(), output)) > 0;) {
     text.append(piece.data(), size);
   }
-  Diagnosis diagnosis{WEXITSTATUS(pclose(output)), {}};
-  const auto document = nlohmann::json::parse(text, nullptr, false);
-  if (!document.is_object()) return diagnosis;
-  for (const auto& finding : document["links"][0]["findings"]) {
-    diagnosis.states[finding["key"]] = finding["state"];
-  }
-  return diagnosis;
+  const int status = WEXITSTATUS(pclose(output));
+  return {status, nlohmann::json::parse(text, nullptr, false)};
+}
+
+std::vector<std::string> TwoHands() {
+  return {"--can", std::getenv("KORVANE_TEST_CAN"), "--hand", "brisa:1", "--hand", "tessel:2"};
 }
 
 struct InterfaceRow {
@@ -56,14 +56,19 @@ TEST_P(DoctorOnTheKernel, Says) {
     // NOLINTNEXTLINE(bugprone-command-processor)
     ASSERT_EQ(std::system(command), 0) << command;
   }
-  const test::SimulatorProcess simulator(
-      {"--can", std::getenv("KORVANE_TEST_CAN"), "--hand", "brisa:1", "--hand", "tessel:2"});
+  const test::SimulatorProcess simulator(TwoHands());
   ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
-  const Diagnosis diagnosis = Examine(row.address);
-  EXPECT_EQ(diagnosis.status, row.status);
+  const Answer answer = Ask(std::string("doctor -H ") + row.address);
+  EXPECT_EQ(answer.status, row.status);
+  std::map<std::string, std::string> states;
+  if (answer.document.is_object()) {
+    for (const auto& finding : answer.document["links"][0]["findings"]) {
+      states[finding["key"]] = finding["state"];
+    }
+  }
   for (const auto& [key, state] : row.states) {
-    const auto found = diagnosis.states.find(key);
-    EXPECT_EQ(found == diagnosis.states.end() ? "nothing" : found->second, state) << key;
+    const auto found = states.find(key);
+    EXPECT_EQ(found == states.end() ? "nothing" : found->second, state) << key;
   }
 }
 
@@ -104,6 +109,32 @@ const InterfaceRow kRows[] = {
 
 INSTANTIATE_TEST_SUITE_P(Interfaces, DoctorOnTheKernel, testing::ValuesIn(kRows),
                          [](const auto& row) { return row.param.name; });
+
+TEST(FindOnTheKernel, ListsTheHandsOfAnInterface) {
+  const test::SimulatorProcess simulator(TwoHands());
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const Answer answer = Ask("find vcan0");
+  EXPECT_EQ(answer.status, 0);
+  ASSERT_EQ(answer.document["hands"].size(), 2U);
+  EXPECT_EQ(answer.document["hands"][1]["address"], "vcan0:tessel:2");
+}
+
+TEST(BenchOnTheKernel, SplitsARoundTripBetweenHostAndHand) {
+  const test::SimulatorProcess simulator(TwoHands());
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const Answer answer = Ask("bench --count 50 -H vcan0:brisa:1");
+  ASSERT_EQ(answer.status, 0);
+  const auto& split = answer.document["split"];
+  const auto& reads = answer.document["single_read"];
+  EXPECT_EQ(split["seen"].get<int>() + reads["lost"].get<int>(), 50);
+  double parts = 0;
+  for (const char* const part : {"host_out", "bus_and_hand", "host_in"}) {
+    EXPECT_GT(split[part]["p50_us"].get<double>(), 0) << part;
+    parts += split[part]["p50_us"].get<double>();
+  }
+  // Medians don't add up, but none of the parts is of another order than the whole.
+  EXPECT_LT(parts, 3 * reads["max_us"].get<double>());
+}
 
 }  // namespace
 }  // namespace talvera::korvane
