@@ -294,17 +294,6 @@ TEST_F(OpenHandOnTheKernel, AHandThatGoesAfterItsFirstAnswerIsToldAsOneThatWent)
   const Failure failure = Repeat(open, says);
   EXPECT_STREQ(ToString(failure.kind), "NO_REPLY");
   EXPECT_THAT(failure.text, HasSubstr(kWent));
-
-  const auto find = [&] {
-    const Bystander answers_once("kv_gone", kDeviceQuery, answer);
-    const FindResult found = FindOnCan();
-    EXPECT_TRUE(found.hands.empty());
-    return found.not_asked.empty() ? Failure() : found.not_asked[0];
-  };
-  const Failure gone = AskWhileItIsDeleted(kVendorQuery, find, &IsUnsent);
-  EXPECT_STREQ(ToString(gone.kind), "SEND_FAILED");
-  EXPECT_THAT(gone.system_error, kGone);
-  EXPECT_THAT(gone.text, HasSubstr(std::string("kv_gone: ") + kWent));
 }
 
 }  // namespace

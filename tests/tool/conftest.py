@@ -30,6 +30,11 @@ class Result:
         return json.loads(self.out)
 
 
+def hear_ctrl_c():
+    """What is started in the background of a script would ignore it."""
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+
+
 class Simulator:
     """Simulated hands on a USB adapter, ZLG and HCAN alike, and on a serial port."""
 
@@ -63,7 +68,7 @@ class Simulator:
 
     def start(self, *arguments, **options):
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
-        return subprocess.Popen([TOOL, *map(str, arguments)], text=True, env=self.env, **pipes)
+        return subprocess.Popen([TOOL, *map(str, arguments)], text=True, env=self.env, preexec_fn=hear_ctrl_c, **pipes)
 
     def korvane(self, *arguments, **environment):
         done = subprocess.run(
