@@ -96,6 +96,17 @@ std::vector<JointInfo> Joints(const JointRow (&rows)[count], const Solver& solve
   return joints;
 }
 
+std::vector<JointInfo> BrisaJoints(HandType side) {
+  return Joints(kBrisaJoints, br7::KorvaneBrisaSolver(side == HandType::LEFT));
+}
+
+std::vector<JointInfo> TesselJoints(HandType side) {
+  const bool mirrored = side == HandType::LEFT;
+  auto joints = Joints(kTesselJoints, ts9::KorvaneTesselSolver(mirrored));
+  joints.front().can_be_commanded = !mirrored;
+  return joints;
+}
+
 }  // namespace
 
 const char* ToString(Model model) {
@@ -124,13 +135,15 @@ const ModelInfo& InfoOf(Model model) {
   return AllModels()[index < AllModels().size() ? index : 0];
 }
 
-std::vector<JointInfo> JointsOf(Model model, HandType side) {
-  const bool mirrored = side == HandType::LEFT;
-  if (model == Model::BRISA) return Joints(kBrisaJoints, br7::KorvaneBrisaSolver(mirrored));
-  if (model != Model::TESSEL) return {};
-  auto joints = Joints(kTesselJoints, ts9::KorvaneTesselSolver(mirrored));
-  joints.front().can_be_commanded = !mirrored;
-  return joints;
+const std::vector<JointInfo>& JointsOf(Model model, HandType side) {
+  static const std::vector<JointInfo> brisa[] = {BrisaJoints(HandType::LEFT),
+                                                 BrisaJoints(HandType::RIGHT)};
+  static const std::vector<JointInfo> tessel[] = {TesselJoints(HandType::LEFT),
+                                                  TesselJoints(HandType::RIGHT)};
+  static const std::vector<JointInfo> none;
+  const std::size_t index = side == HandType::LEFT ? 0 : 1;
+  if (model == Model::BRISA) return brisa[index];
+  return model == Model::TESSEL ? tessel[index] : none;
 }
 
 }  // namespace talvera::korvane

@@ -100,7 +100,7 @@ std::string MotorTable(const Json& document) {
 std::string JointTable(const OpenedHand& hand, const Json& document) {
   if (!document.contains("angles")) return "";
   TextTable table({"JOINT", "  ANGLE", "   FROM", "     TO  [rad]"});
-  const auto joints = kv::JointsOf(hand.Info().model, hand.address.side);
+  const auto& joints = kv::JointsOf(hand.Info().model, hand.address.side);
   for (std::size_t i = 0; i < joints.size() && i < document["angles"].size(); ++i) {
     table.Add({joints[i].name, fmt::format("{:7.3f}", document["angles"][i].get<double>()),
                fmt::format("{:7.3f}", joints[i].lower),

@@ -177,7 +177,7 @@ std::vector<double> AnglesOf(const OpenedHand& hand, const Pose& pose) {
 Pose WithAngles(const OpenedHand& hand, const Pose& pose, const std::vector<std::string>& names,
                 const std::vector<double>& angles, BeyondLimits beyond) {
   const Conversions conversions = ConversionsOf(hand);
-  const auto joints = kv::JointsOf(hand.Info().model, hand.address.side);
+  const auto& joints = kv::JointsOf(hand.Info().model, hand.address.side);
   const std::vector<double> before = AnglesOf(hand, pose);
   std::vector<double> wanted = before;
   for (std::size_t i = 0; i < names.size(); ++i) {

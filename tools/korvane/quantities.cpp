@@ -139,7 +139,7 @@ void Reports::AwaitFirst() const {
 
 std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& hand,
                                  std::size_t count) {
-  const auto joints = talvera::korvane::JointsOf(hand.Info().model, hand.address.side);
+  const auto& joints = talvera::korvane::JointsOf(hand.Info().model, hand.address.side);
   std::vector<std::string> names;
   for (std::size_t i = 0; i < count; ++i) {
     const bool is_joint = std::string(quantity.key) == "angles" && i < joints.size();

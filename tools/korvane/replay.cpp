@@ -98,7 +98,7 @@ class Mapping {
 
   /// Joints of one name correspond, whatever the models are.
   void MapAngles() {
-    const auto from = kv::JointsOf(recording_.head.model, recording_.head.side);
+    const auto& from = kv::JointsOf(recording_.head.model, recording_.head.side);
     for (const auto& joint : kv::JointsOf(hand_.Info().model, hand_.address.side)) {
       const auto source = std::find_if(from.begin(), from.end(),
                                        [&](const auto& other) { return other.name == joint.name; });

@@ -150,7 +150,7 @@ class Picture {
   }
 
   const OpenedHand& hand_;
-  std::vector<kv::JointInfo> joints_;
+  const std::vector<kv::JointInfo>& joints_;
 };
 
 class Watch : public Command {
