@@ -31,6 +31,22 @@ Examples:
   KORVANE_HAND=serial:/dev/ttyUSB0 korvane watch
 `korvane COMMAND --help` tells more about one.)";
 
+/// Help of all commands that tells the options of nested ones, too.
+class WholeHelp : public CLI::Formatter {
+ public:
+  // NOLINTNEXTLINE(readability-identifier-naming): named so there
+  std::string make_expanded(const CLI::App* command) const override {
+    std::string text = Formatter::make_expanded(command);
+    const CLI::App* const outer = command->get_parent();
+    if (outer->get_parent() != nullptr) text = outer->get_name() + " " + text;
+    for (const CLI::App* const nested :
+         command->get_subcommands([](const CLI::App*) { return true; })) {
+      text += "\n" + make_expanded(nested);
+    }
+    return text;
+  }
+};
+
 struct Made {
   CLI::App* app;
   std::unique_ptr<Command> command;
@@ -77,6 +93,7 @@ int main(int argc, char** argv) {
                "korvane");
   app.set_version_flag("--version", "korvane " KORVANE_VERSION);
   app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
+  app.formatter(std::make_shared<WholeHelp>());
   app.require_subcommand(1);
   const auto commands = MakeCommands(app, tool);
   app.footer(kFooter);  // behind them, as they would inherit it
