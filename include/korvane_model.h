@@ -56,8 +56,8 @@ struct JointInfo {
 
 /// The joints in the order of KorvaneBase::GetAllJointAngles, coupled ones included: 16 of a
 /// KorvaneBrisa, 19 of a KorvaneTessel. Empty for the other models, whose kinematics isn't known to
-/// the library. The limits are those of that side's solver. Worked out at the first call; stays valid
-/// as long as the process runs.
+/// the library. The limits are those of that side's solver. Worked out at the first call; stays
+/// valid as long as the process runs.
 KORVANE_EXPORT const std::vector<JointInfo>& JointsOf(Model model, HandType side);
 
 }  // namespace talvera::korvane

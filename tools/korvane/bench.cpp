@@ -29,11 +29,6 @@ struct Series {
   double seconds = 0;
 };
 
-double Percentile(const std::vector<double>& sorted, double part) {
-  const auto last = static_cast<double>(sorted.size() - 1);
-  return sorted[static_cast<std::size_t>(std::ceil(part * last))];
-}
-
 Json ToJson(const Series& series) {
   Json json{{"count", series.times_us.size() + series.lost}, {"lost", series.lost}};
   if (series.times_us.empty()) return json;
@@ -93,7 +88,8 @@ class Bench : public Command {
   int Run(Tool& tool) override {
     const Json before = compare_.empty() ? Json() : ReadEarlier();
     const OpenedHand hand = tool.Open();
-    const Pose pose = writes_ ? CheckedPose(hand.Info(), Positions(hand)) : Pose();
+    const Pose pose =
+        writes_ ? CheckedPose(hand.Info(), PositionsWithin(hand.Info(), PoseOf(hand))) : Pose();
     const Interrupt interrupt;
     Json document = korvane_tool::ToJson(hand.address);
     const auto motor = [](const KorvaneBase& h) { h.GetJointMotorPosi(1); };
@@ -117,14 +113,6 @@ class Bench : public Command {
   }
 
  private:
-  static std::vector<double> Positions(const OpenedHand& hand) {
-    const Pose pose = PoseOf(hand);
-    std::vector<double> positions;
-    for (const short position : pose)
-      positions.push_back(std::clamp<short>(position, 0, hand.Info().position_max));
-    return positions;
-  }
-
   Json ReadEarlier() const {
     std::ifstream in(compare_);
     if (!in) throw ToolError(kUsage, fmt::format("{} can't be read", compare_));

@@ -15,6 +15,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "samples.h"
+
 namespace korvane_tool {
 namespace {
 
@@ -35,10 +37,7 @@ Nanoseconds ToSystem(Steady::time_point time) {
 Json Percentiles(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const auto at = [&](double part) {
-    const auto last = static_cast<double>(values.size() - 1);
-    const double value =
-        values.empty() ? 0 : values[static_cast<std::size_t>(std::ceil(part * last))];
-    return std::round(value * 10) / 10;
+    return values.empty() ? 0 : std::round(Percentile(values, part) * 10) / 10;
   };
   return {{"p50_us", at(0.5)}, {"p99_us", at(0.99)}};
 }

@@ -16,10 +16,7 @@ namespace kv = talvera::korvane;
 Json ToJson(const kv::FoundHand& hand) {
   Json json = korvane_tool::ToJson(hand.address);
   json.erase("side");  // a hand doesn't tell
-  json["product_model"] = kv::PlainText(hand.vendor.product_model);
-  json["serial_number"] = kv::PlainText(hand.vendor.serial_number);
-  json["firmware"] = hand.vendor.software_version.ToString();
-  json["hardware"] = hand.vendor.hardware_version.ToString();
+  AddVendor(hand.vendor, json);
   return json;
 }
 

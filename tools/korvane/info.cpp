@@ -19,10 +19,7 @@ Json Identity(const OpenedHand& hand) {
   const auto vendor = Need(Checked(*hand, [](const KorvaneBase& h) { return h.GetVendorInfo(); }));
   Json json = ToJson(hand.address);
   json["class"] = hand.Info().class_name;
-  json["product_model"] = kv::PlainText(vendor.product_model);
-  json["serial_number"] = kv::PlainText(vendor.serial_number);
-  json["firmware"] = vendor.software_version.ToString();
-  json["hardware"] = vendor.hardware_version.ToString();
+  AddVendor(vendor, json);
   json["supply_voltage_mv"] = vendor.supply_voltage_mv;
   json["active_dof"] = vendor.active_dof;
   return json;

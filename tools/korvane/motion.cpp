@@ -160,6 +160,15 @@ Pose CheckedPose(const ModelInfo& model, const std::vector<double>& positions) {
   return pose;
 }
 
+std::vector<double> PositionsWithin(const ModelInfo& model, const Pose& pose) {
+  std::vector<double> positions;
+  positions.reserve(pose.size());
+  for (const short position : pose) {
+    positions.push_back(std::clamp<short>(position, 0, model.position_max));
+  }
+  return positions;
+}
+
 Pose GesturePose(const OpenedHand& hand, int gesture) {
   const ModelInfo& model = hand.Info();
   if (gesture < 0 || gesture >= model.gestures) {

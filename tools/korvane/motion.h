@@ -22,6 +22,10 @@ Pose PoseOf(const OpenedHand& hand);
 /// A usage error otherwise, and for a model without motors.
 Pose CheckedPose(const ModelInfo& model, const std::vector<double>& positions);
 
+/// The positions of a pose, brought within the model's scale: what a hand tells may lie a little
+/// beyond it.
+std::vector<double> PositionsWithin(const ModelInfo& model, const Pose& pose);
+
 /// The pose of a gesture. A usage error if the model has no such gesture.
 Pose GesturePose(const OpenedHand& hand, int gesture);
 

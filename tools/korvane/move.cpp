@@ -135,11 +135,7 @@ class Move : public Command {
       }
       return WithAngles(hand, start, names, angles, BeyondLimits::REFUSED);
     }
-    // What a hand tells of the other motors may lie a little beyond the scale.
-    std::vector<double> positions;
-    for (const short position : start) {
-      positions.push_back(std::clamp<short>(position, 0, hand.Info().position_max));
-    }
+    std::vector<double> positions = PositionsWithin(hand.Info(), start);
     for (const std::string& text : motors_) {
       const auto [motor, position] = Assignment(text);
       positions[MotorIndex(hand.Info(), motor)] = position;

@@ -2,7 +2,6 @@
 #include <korvane_observe.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -18,9 +17,6 @@ namespace {
 
 namespace kv = talvera::korvane;
 using Clock = std::chrono::steady_clock;
-
-/// So many failed readings one after the other, and the hand counts as gone.
-constexpr int kFailuresInARow = 20;
 
 /// Frames wait here for the thread that writes them, as a tap mustn't wait for a disk.
 class FrameQueue {
@@ -78,45 +74,29 @@ class Record : public Command {
         ->type_name("FILE")
         ->capture_default_str();
     options.add_flag("--overwrite", overwrite_, "Replace a file that is there");
-    options
-        .add_option("--values", keys_,
-                    "What is read: positions, angles, velocities, currents, temperatures, "
-                    "errors, control_modes, thresholds, touch; without this positions, and "
-                    "angles of a model that has them")
-        ->delimiter(',')
-        ->type_name("KEY,...")
-        ->allow_extra_args(false);
     auto* const frames =
         options.add_flag("--frames", frames_, "Record the frames of the link in place of values");
     options.add_option("--format", format_, "csv or jsonl; of frames candump or jsonl")
         ->check(CLI::IsMember({"csv", "jsonl", "candump"}))
         ->type_name("FORMAT");
-    options.add_option("--rate", rate_, "Readings in a second")
-        ->check(CLI::Range(0.01, 1000.0))
-        ->type_name("HZ")
-        ->excludes(frames)
-        ->capture_default_str();
-    options
-        .add_option("--report-period", report_period_,
-                    "Switch the reports of a tessel on, which its currents and temperatures "
-                    "come in, and off at the end; in the hand's unit")
-        ->check(CLI::Range(1, 65535))
-        ->type_name("N");
-    options.add_option("--seconds", seconds_, "How long; until Ctrl-C without this")
-        ->check(CLI::PositiveNumber)
-        ->type_name("S");
+    AddSamplingOptions(options, sampling_, 0.01,
+                       "What is read: positions, angles, velocities, currents, temperatures, "
+                       "errors, control_modes, thresholds, touch; without this positions, and "
+                       "angles of a model that has them")
+        ->excludes(frames);
   }
 
   int Run(Tool& tool) override {
     CheckFormat();
     const OpenedHand hand = tool.Open();
-    const Reports reports(hand, report_period_);
+    const Reports reports(hand, sampling_.report_period);
     reports.AwaitFirst();
     const Interrupt interrupt;
     OutputFile file(path_, overwrite_);
-    const auto end = seconds_ > 0 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                                       std::chrono::duration<double>(seconds_))
-                                  : Clock::time_point::max();
+    const std::chrono::duration<double> time(sampling_.seconds);
+    const auto end = sampling_.seconds > 0
+                         ? Clock::now() + std::chrono::duration_cast<Clock::duration>(time)
+                         : Clock::time_point::max();
     try {
       frames_ ? RecordFrames(hand, file, interrupt, end) : RecordValues(hand, file, interrupt, end);
       file.Flush();
@@ -125,7 +105,7 @@ class Record : public Command {
       throw;
     }
     Tell(tool, hand);
-    return interrupt.Came() && seconds_ > 0 ? kInterrupted : kDone;
+    return interrupt.Came() && sampling_.seconds > 0 ? kInterrupted : kDone;
   }
 
  private:
@@ -139,15 +119,16 @@ class Record : public Command {
 
   void RecordValues(const OpenedHand& hand, OutputFile& file, const Interrupt& interrupt,
                     Clock::time_point end) {
-    if (keys_.empty()) {
-      keys_ = {"positions"};
-      if (!kv::JointsOf(hand.Info().model, hand.address.side).empty()) keys_.emplace_back("angles");
+    auto& keys = sampling_.keys;
+    if (keys.empty()) {
+      keys = {"positions"};
+      if (!kv::JointsOf(hand.Info().model, hand.address.side).empty()) keys.emplace_back("angles");
     }
-    Sampler sampler(hand, keys_);
+    Sampler sampler(hand, keys);
     SampleWriter writer(file, format_ == "csv" ? SampleFormat::CSV : SampleFormat::JSON_LINES,
-                        sampler, rate_);
-    Patience patience(hand, kFailuresInARow);
-    AtRate(rate_, interrupt, [&] {
+                        sampler, sampling_.rate_hz);
+    Patience patience(hand, kFailedReadings);
+    AtRate(sampling_.rate_hz, interrupt, [&] {
       if (Clock::now() >= end) return false;
       auto sample = sampler.Read();
       if (sample) {
@@ -171,22 +152,22 @@ class Record : public Command {
                                       : fmt::format("can{}", hand.address.channel);
     const auto queue = std::make_shared<FrameQueue>();
     ObserveFrames(*hand, [queue](const kv::FrameEvent& event) { queue->Add(event); });
-    Patience patience(hand, kFailuresInARow);
+    Patience patience(hand, kFailedReadings);
     constexpr double kWritesPerSecond = 20;
-    AtRate(kWritesPerSecond, interrupt, [&] {
+    const auto write_what_came = [&] {
       for (const auto& frame : queue->Take()) {
         file.Write(candump ? CandumpLine(frame, interface) : JsonLine(frame));
         ++written_;
       }
+    };
+    AtRate(kWritesPerSecond, interrupt, [&] {
+      write_what_came();
       file.Flush();
       patience.Count({});
       return Clock::now() < end;
     });
     ObserveFrames(*hand, {});
-    for (const auto& frame : queue->Take()) {
-      file.Write(candump ? CandumpLine(frame, interface) : JsonLine(frame));
-      ++written_;
-    }
+    write_what_came();
   }
 
   const char* What() const { return frames_ ? "frames" : "samples"; }
@@ -210,12 +191,9 @@ class Record : public Command {
 
   std::string path_ = "-";
   bool overwrite_ = false;
-  std::vector<std::string> keys_;
+  SamplingOptions sampling_{{}, 50};
   bool frames_ = false;
   std::string format_;
-  double rate_ = 50;
-  double seconds_ = 0;
-  int report_period_ = 0;
   std::size_t written_ = 0;
   std::size_t lost_ = 0;
 };

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -218,6 +219,31 @@ Outcome<Sample> Sampler::Read() {
   sample.time_s =
       std::chrono::duration<double>(begin + (Clock::now() - begin) / 2 - start_).count();
   return sample;
+}
+
+double Percentile(const std::vector<double>& sorted, double part) {
+  const auto last = static_cast<double>(sorted.size() - 1);
+  return sorted[static_cast<std::size_t>(std::ceil(part * last))];
+}
+
+CLI::Option* AddSamplingOptions(CLI::App& app, SamplingOptions& options, double least_rate_hz,
+                                const std::string& about_values) {
+  app.add_option("--values", options.keys, about_values)
+      ->delimiter(',')
+      ->type_name("KEY,...")
+      ->allow_extra_args(false);
+  app.add_option("--report-period", options.report_period,
+                 "Switch the reports of a tessel on, which its currents and temperatures come in, "
+                 "and off at the end; in the hand's unit")
+      ->check(CLI::Range(1, 65535))
+      ->type_name("N");
+  app.add_option("--seconds", options.seconds, "How long; until Ctrl-C without this")
+      ->check(CLI::PositiveNumber)
+      ->type_name("S");
+  return app.add_option("--rate", options.rate_hz, "Readings in a second")
+      ->check(CLI::Range(least_rate_hz, 1000.0))
+      ->type_name("HZ")
+      ->capture_default_str();
 }
 
 Json ToJson(const RecordingHead& head) {

@@ -14,6 +14,11 @@
 // Readings of a hand at a rate, and the files that hold them: what `watch` shows, `record` writes
 // and `replay` plays.
 
+namespace CLI {  // NOLINT(readability-identifier-naming): named so there
+class App;
+class Option;
+}  // namespace CLI
+
 namespace korvane_tool {
 
 /// One reading of all quantities that were asked for.
@@ -45,6 +50,23 @@ class Sampler {
   std::chrono::steady_clock::time_point start_;
   bool started_ = false;
 };
+
+/// The value below or at which that part of the values lies, of at least one in ascending order.
+double Percentile(const std::vector<double>& sorted, double part);
+
+/// What watch and record are told alike.
+struct SamplingOptions {
+  std::vector<std::string> keys;
+  double rate_hz;
+  double seconds = 0;  ///< 0: until an interrupt.
+  int report_period = 0;
+};
+/// Adds --rate, --values, --report-period and --seconds. Returns --rate.
+CLI::Option* AddSamplingOptions(CLI::App& app, SamplingOptions& options, double least_rate_hz,
+                                const std::string& about_values);
+
+/// So many failed readings one after the other, and the hand counts as gone.
+inline constexpr int kFailedReadings = 20;
 
 /// What a recording is of.
 struct RecordingHead {

@@ -186,6 +186,13 @@ Json ToJson(const HandAddress& address) {
   return json;
 }
 
+void AddVendor(const kv::VendorInfo& vendor, Json& json) {
+  json["product_model"] = kv::PlainText(vendor.product_model);
+  json["serial_number"] = kv::PlainText(vendor.serial_number);
+  json["firmware"] = vendor.software_version.ToString();
+  json["hardware"] = vendor.hardware_version.ToString();
+}
+
 Json ToJson(const Failure& failure) {
   return {{"kind", ToString(failure.kind)},
           {"operation", failure.operation},

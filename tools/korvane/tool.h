@@ -142,6 +142,8 @@ std::string PlainText(const Failure& failure);
 
 /// The identity of a hand in every document: address, model, id, side.
 Json ToJson(const HandAddress& address);
+/// Adds product_model, serial_number, firmware and hardware.
+void AddVendor(const talvera::korvane::VendorInfo& vendor, Json& json);
 /// kind, operation, text, advice, system_error
 Json ToJson(const Failure& failure);
 

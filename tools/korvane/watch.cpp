@@ -20,8 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kNameWidth = 16;
 constexpr std::size_t kBarWidth = 30;
-/// So many failed readings one after the other, and the hand counts as gone.
-constexpr int kFailuresInARow = 20;
 
 /// Values that change slowly are read by turns, so that the fast ones keep their rate.
 class Reading {
@@ -156,46 +154,31 @@ class Picture {
 class Watch : public Command {
  public:
   explicit Watch(CLI::App& options) {
-    options.add_option("--rate", rate_, "Readings in a second")
-        ->check(CLI::Range(0.1, 1000.0))
-        ->type_name("HZ")
-        ->capture_default_str();
-    options
-        .add_option("--report-period", report_period_,
-                    "Switch the reports of a tessel on, which its currents and temperatures "
-                    "come in, and off at the end; in the hand's unit")
-        ->check(CLI::Range(1, 65535))
-        ->type_name("N");
-    options.add_option("--seconds", seconds_, "How long; until Ctrl-C without this")
-        ->check(CLI::PositiveNumber)
-        ->type_name("S");
+    AddSamplingOptions(options, sampling_, 0.1, "What those lines hold, with --csv or --json");
     options.add_flag("--csv", csv_, "A line of numbers for each reading, for a pipe");
-    options.add_option("--values", keys_, "What those lines hold, with --csv or --json")
-        ->delimiter(',')
-        ->type_name("KEY,...")
-        ->allow_extra_args(false);
   }
 
   int Run(Tool& tool) override {
     const OpenedHand hand = tool.Open();
-    const Reports reports(hand, report_period_);
+    const Reports reports(hand, sampling_.report_period);
     reports.AwaitFirst();
     const Interrupt interrupt;
     const bool lines = csv_ || tool.options.json;
     start_ = Clock::now();
     lines ? WriteLines(tool, hand, interrupt) : Draw(tool, hand, interrupt);
-    return interrupt.Came() && seconds_ > 0 ? kInterrupted : kDone;
+    return interrupt.Came() && sampling_.seconds > 0 ? kInterrupted : kDone;
   }
 
  private:
   /// Lines are either those of a recording, or a picture.
   void WriteLines(const Tool& tool, const OpenedHand& hand, const Interrupt& interrupt) {
-    if (keys_.empty()) keys_ = {"positions"};
-    Sampler sampler(hand, keys_);
+    if (sampling_.keys.empty()) sampling_.keys = {"positions"};
+    Sampler sampler(hand, sampling_.keys);
     OutputFile out("-", false);
-    Patience patience(hand, kFailuresInARow);
-    SampleWriter writer(out, csv_ ? SampleFormat::CSV : SampleFormat::JSON_LINES, sampler, rate_);
-    AtRate(rate_, interrupt, [&] {
+    Patience patience(hand, kFailedReadings);
+    SampleWriter writer(out, csv_ ? SampleFormat::CSV : SampleFormat::JSON_LINES, sampler,
+                        sampling_.rate_hz);
+    AtRate(sampling_.rate_hz, interrupt, [&] {
       auto sample = sampler.Read();
       if (sample) writer.Write(*sample);
       if (!sample && patience.Lost() == 0) tool.Warn(PlainText(sample.failure()));
@@ -207,10 +190,10 @@ class Watch : public Command {
   void Draw(const Tool& tool, const OpenedHand& hand, const Interrupt& interrupt) {
     Reading reading(hand);
     const Picture picture(hand);
-    Patience patience(hand, kFailuresInARow);
+    Patience patience(hand, kFailedReadings);
     std::optional<LiveArea> area;
     if (tool.Talks()) area.emplace();
-    AtRate(rate_, interrupt, [&] {
+    AtRate(sampling_.rate_hz, interrupt, [&] {
       const auto refreshed = reading.Refresh();
       readings_ += refreshed ? 1 : 0;
       failed_ += refreshed ? 0 : 1;
@@ -234,14 +217,12 @@ class Watch : public Command {
   }
 
   bool GoesOn() const {
-    return seconds_ <= 0 || Clock::now() - start_ < std::chrono::duration<double>(seconds_);
+    return sampling_.seconds <= 0 ||
+           Clock::now() - start_ < std::chrono::duration<double>(sampling_.seconds);
   }
 
-  double rate_ = 20;
-  double seconds_ = 0;
-  int report_period_ = 0;
+  SamplingOptions sampling_{{}, 20};
   bool csv_ = false;
-  std::vector<std::string> keys_;
   Clock::time_point start_;
   std::size_t readings_ = 0;
   std::size_t failed_ = 0;
