@@ -71,18 +71,17 @@ std::string Histogram(const std::vector<double>& sorted) {
 
 class Bench : public Command {
  public:
-  explicit Bench(CLI::App& options) {
-    options.add_option("--count", count_, "How many requests of each kind")
-        ->check(CLI::Range(10, 10'000'000))
-        ->type_name("N")
-        ->capture_default_str();
-    options.add_flag(
+  explicit Bench(Options options) {
+    options.Add("--count", count_, "How many requests of each kind")
+        .Within(10, 10'000'000)
+        .Value("N")
+        .ShowDefault();
+    options.AddFlag(
         "--writes", writes_,
         "Command, too: the hand is sent again and again the positions at which it stands");
-    options.add_option("--save", save_, "Keep the figures in this file, for --compare")
-        ->type_name("FILE");
-    options.add_option("--compare", compare_, "Set the figures beside those of an earlier run")
-        ->type_name("FILE");
+    options.Add("--save", save_, "Keep the figures in this file, for --compare").Value("FILE");
+    options.Add("--compare", compare_, "Set the figures beside those of an earlier run")
+        .Value("FILE");
   }
 
   int Run(Tool& tool) override {
@@ -220,6 +219,6 @@ class Bench : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeBench(CLI::App& options) { return std::make_unique<Bench>(options); }
+std::unique_ptr<Command> MakeBench(Options options) { return std::make_unique<Bench>(options); }
 
 }  // namespace korvane_tool

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <vector>
+
+#include "options.h"
 
 namespace korvane_tool {
 
@@ -25,7 +26,7 @@ class Command {
 struct CommandRow {
   const char* name;
   const char* summary;
-  std::unique_ptr<Command> (*make)(CLI::App& options);
+  std::unique_ptr<Command> (*make)(Options options);
   bool takes_common_options = true;  ///< As all do that have to do with hands.
 };
 

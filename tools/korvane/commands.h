@@ -8,17 +8,17 @@
 
 namespace korvane_tool {
 
-std::unique_ptr<Command> MakeFind(CLI::App& options);
-std::unique_ptr<Command> MakeInfo(CLI::App& options);
-std::unique_ptr<Command> MakeWatch(CLI::App& options);
-std::unique_ptr<Command> MakeMove(CLI::App& options);
-std::unique_ptr<Command> MakeRecord(CLI::App& options);
-std::unique_ptr<Command> MakeReplay(CLI::App& options);
-std::unique_ptr<Command> MakeBench(CLI::App& options);
-std::unique_ptr<Command> MakeDoctor(CLI::App& options);
-std::unique_ptr<Command> MakeUpdate(CLI::App& options);
-std::unique_ptr<Command> MakeService(CLI::App& options);
-std::unique_ptr<Command> MakeSim(CLI::App& options);
-std::unique_ptr<Command> MakeCompletion(CLI::App& options);
+std::unique_ptr<Command> MakeFind(Options options);
+std::unique_ptr<Command> MakeInfo(Options options);
+std::unique_ptr<Command> MakeWatch(Options options);
+std::unique_ptr<Command> MakeMove(Options options);
+std::unique_ptr<Command> MakeRecord(Options options);
+std::unique_ptr<Command> MakeReplay(Options options);
+std::unique_ptr<Command> MakeBench(Options options);
+std::unique_ptr<Command> MakeDoctor(Options options);
+std::unique_ptr<Command> MakeUpdate(Options options);
+std::unique_ptr<Command> MakeService(Options options);
+std::unique_ptr<Command> MakeSim(Options options);
+std::unique_ptr<Command> MakeCompletion(Options options);
 
 }  // namespace korvane_tool

@@ -11,27 +11,22 @@ namespace korvane_tool {
 namespace {
 
 /// "--json -q --quiet ..." and the names of nested commands.
-std::string WordsOf(const CLI::App& app) {
+std::string WordsOf(const Options& command) {
   std::string words;
-  for (const CLI::Option* const option : app.get_options()) {
-    for (const std::string& name : option->get_snames()) words += " -" + name;
-    for (const std::string& name : option->get_lnames()) words += " --" + name;
-  }
-  for (const CLI::App* const nested : app.get_subcommands([](const CLI::App*) { return true; })) {
-    words += " " + nested->get_name();
-  }
+  for (const std::string& name : command.OptionNames()) words += " " + name;
+  for (const Options& nested : command.Commands()) words += " " + nested.Name();
   return words;
 }
 
-void AddCases(const CLI::App& app, const std::string& path, std::string& cases) {
-  cases += fmt::format("    '{}') words='{}' ;;\n", path, WordsOf(app));
-  for (const CLI::App* const nested : app.get_subcommands([](const CLI::App*) { return true; })) {
-    AddCases(*nested, path.empty() ? nested->get_name() : path + " " + nested->get_name(), cases);
+void AddCases(const Options& command, const std::string& path, std::string& cases) {
+  cases += fmt::format("    '{}') words='{}' ;;\n", path, WordsOf(command));
+  for (const Options& nested : command.Commands()) {
+    AddCases(nested, path.empty() ? nested.Name() : path + " " + nested.Name(), cases);
   }
 }
 
 /// What bash sources. Files are offered where nothing else fits.
-std::string ForBash(const CLI::App& root) {
+std::string ForBash(const Options& root) {
   std::string cases;
   AddCases(root, "", cases);
   return "# Completion of korvane for bash.\n"
@@ -57,25 +52,23 @@ std::string ForBash(const CLI::App& root) {
 
 class Completion : public Command {
  public:
-  explicit Completion(CLI::App& options) : root_(options.get_parent()) {
-    options.add_option("shell", shell_, "The shell")
-        ->check(CLI::IsMember({"bash"}))
-        ->capture_default_str();
+  explicit Completion(Options options) : root_(options.Outer()) {
+    options.Add("shell", shell_, "The shell").OneOf({"bash"}).ShowDefault();
   }
 
   int Run(Tool& tool) override {
-    tool.Print(ForBash(*root_));
+    tool.Print(ForBash(root_));
     return kDone;
   }
 
  private:
-  const CLI::App* root_;
+  Options root_;
   std::string shell_ = "bash";
 };
 
 }  // namespace
 
-std::unique_ptr<Command> MakeCompletion(CLI::App& options) {
+std::unique_ptr<Command> MakeCompletion(Options options) {
   return std::make_unique<Completion>(options);
 }
 

@@ -160,9 +160,9 @@ std::string Summary(const std::vector<Checkup>& all) {
 
 class Doctor : public Command {
  public:
-  explicit Doctor(CLI::App& options) {
-    options.add_option("--root", root_, "Where /sys, /dev and /proc are")->group("");
-    options.footer("Without an address it looks at all links that this machine has.");
+  explicit Doctor(Options options) {
+    options.Add("--root", root_, "Where /sys, /dev and /proc are").Group("");
+    options.Footer("Without an address it looks at all links that this machine has.");
   }
 
   int Run(Tool& tool) override {
@@ -206,6 +206,6 @@ class Doctor : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeDoctor(CLI::App& options) { return std::make_unique<Doctor>(options); }
+std::unique_ptr<Command> MakeDoctor(Options options) { return std::make_unique<Doctor>(options); }
 
 }  // namespace korvane_tool

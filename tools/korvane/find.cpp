@@ -22,25 +22,21 @@ Json ToJson(const kv::FoundHand& hand) {
 
 class Find : public Command {
  public:
-  explicit Find(CLI::App& options) {
+  explicit Find(Options options) {
+    options.Add("place", places_, "Only these links, such as can0, zlg:0.1 or serial:/dev/ttyS0")
+        .Value("LINK");
     options
-        .add_option("place", places_,
-                    "Only these links, such as can0, zlg:0.1 or serial:/dev/ttyS0")
-        ->type_name("LINK");
-    options
-        .add_option("--link", links_,
-                    "Only links of this kind (socketcan, zlg, hcan, serial), repeatable")
-        ->transform(CLI::CheckedTransformer(Kinds()).description(""))
-        ->type_name("KIND")
-        ->allow_extra_args(false);
-    options.add_option("--baud", options_.baud, "Bits per second of serial ports")
-        ->check(CLI::Range(300, 12'000'000))
-        ->type_name("RATE")
-        ->capture_default_str();
-    options.add_option("--wait", wait_ms_, "How long answers are waited for, in ms")
-        ->check(CLI::Range(1, 10'000))
-        ->type_name("MS")
-        ->capture_default_str();
+        .Add("--link", links_, "Only links of this kind (socketcan, zlg, hcan, serial), repeatable")
+        .OneOfThose({"socketcan", "zlg", "hcan", "serial"})
+        .Value("KIND");
+    options.Add("--baud", options_.baud, "Bits per second of serial ports")
+        .Within(300, 12'000'000)
+        .Value("RATE")
+        .ShowDefault();
+    options.Add("--wait", wait_ms_, "How long answers are waited for, in ms")
+        .Within(1, 10'000)
+        .Value("MS")
+        .ShowDefault();
   }
 
   int Run(Tool& tool) override {
@@ -65,7 +61,7 @@ class Find : public Command {
   }
 
   kv::FindOptions Wanted(const Tool& tool) {
-    options_.links = links_;
+    for (const std::string& link : links_) options_.links.push_back(Kinds().at(link));
     options_.answer_time = std::chrono::milliseconds(wait_ms_);
     std::vector<std::string> places = places_;
     places.insert(places.end(), tool.options.hands.begin(), tool.options.hands.end());
@@ -94,12 +90,12 @@ class Find : public Command {
 
   kv::FindOptions options_;
   std::vector<std::string> places_;
-  std::vector<LinkKind> links_;
+  std::vector<std::string> links_;
   int wait_ms_ = 100;
 };
 
 }  // namespace
 
-std::unique_ptr<Command> MakeFind(CLI::App& options) { return std::make_unique<Find>(options); }
+std::unique_ptr<Command> MakeFind(Options options) { return std::make_unique<Find>(options); }
 
 }  // namespace korvane_tool

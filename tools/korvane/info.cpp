@@ -153,6 +153,6 @@ class Info : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeInfo(CLI::App&) { return std::make_unique<Info>(); }
+std::unique_ptr<Command> MakeInfo(Options) { return std::make_unique<Info>(); }
 
 }  // namespace korvane_tool

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <korvane_version.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -31,36 +30,20 @@ Examples:
   KORVANE_HAND=serial:/dev/ttyUSB0 korvane watch
 `korvane COMMAND --help` tells more about one.)";
 
-/// Help of all commands that tells the options of nested ones, too.
-class WholeHelp : public CLI::Formatter {
- public:
-  // NOLINTNEXTLINE(readability-identifier-naming): named so there
-  std::string make_expanded(const CLI::App* command) const override {
-    std::string text = Formatter::make_expanded(command);
-    const CLI::App* const outer = command->get_parent();
-    if (outer->get_parent() != nullptr) text = outer->get_name() + " " + text;
-    for (const CLI::App* const nested :
-         command->get_subcommands([](const CLI::App*) { return true; })) {
-      text += "\n" + make_expanded(nested);
-    }
-    return text;
-  }
-};
-
 struct Made {
-  CLI::App* app;
+  Options options;
   std::unique_ptr<Command> command;
 };
 
-std::vector<Made> MakeCommands(CLI::App& app, Tool& tool) {
+std::vector<Made> MakeCommands(Options root, Tool& tool) {
   std::vector<Made> commands;
   for (const CommandRow& row : AllCommands()) {
-    CLI::App* const sub = app.add_subcommand(row.name, row.summary);
-    commands.push_back({sub, row.make(*sub)});
+    Options options = root.AddCommand(row.name, row.summary);
+    commands.push_back({options, row.make(options)});
     if (!row.takes_common_options) continue;
-    const auto nested = sub->get_subcommands([](CLI::App*) { return true; });
-    if (nested.empty()) AddCommonOptions(*sub, tool.options);
-    for (CLI::App* const leaf : nested) AddCommonOptions(*leaf, tool.options);
+    const auto nested = options.Commands();
+    if (nested.empty()) AddCommonOptions(options, tool.options);
+    for (const Options& leaf : nested) AddCommonOptions(leaf, tool.options);
   }
   return commands;
 }
@@ -89,21 +72,14 @@ int WriteTheRest(int status) {
 int main(int argc, char** argv) {
   Interrupt::EndAtOnce();
   Tool tool;
-  CLI::App app("The tool for Korvane hands: find, look, move, update, set up, record, measure.",
-               "korvane");
-  app.set_version_flag("--version", "korvane " KORVANE_VERSION);
-  app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
-  app.formatter(std::make_shared<WholeHelp>());
-  app.require_subcommand(1);
-  const auto commands = MakeCommands(app, tool);
-  app.footer(kFooter);  // behind them, as they would inherit it
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return WriteTheRest(app.exit(error) == 0 ? kDone : kUsage);
-  }
+  CommandLine line("korvane",
+                   "The tool for Korvane hands: find, look, move, update, set up, record, measure.",
+                   KORVANE_VERSION);
+  const auto commands = MakeCommands(line.Root(), tool);
+  line.Root().Footer(kFooter);
+  if (const auto is_right = line.Read(argc, argv)) return WriteTheRest(*is_right ? kDone : kUsage);
   for (const Made& made : commands) {
-    if (made.app->parsed()) return WriteTheRest(Run(*made.command, tool));
+    if (made.options.IsNamed()) return WriteTheRest(Run(*made.command, tool));
   }
   return kUsage;
 }

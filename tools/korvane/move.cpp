@@ -62,34 +62,31 @@ Pose NamedPose(const OpenedHand& hand, const std::string& text, const Pose& star
 
 class Move : public Command {
  public:
-  explicit Move(CLI::App& options) {
+  explicit Move(Options options) {
     options
-        .add_option("--to", to_,
-                    "Where to: gesture:N, one position for all motors, or one for each with commas")
-        ->type_name("POSE");
-    options.add_option("--motor", motors_, "One motor's position, such as 3=1200; repeatable")
-        ->type_name("MOTOR=POSITION")
-        ->allow_extra_args(false);
+        .Add("--to", to_,
+             "Where to: gesture:N, one position for all motors, or one for each with commas")
+        .Value("POSE");
+    options.Add("--motor", motors_, "One motor's position, such as 3=1200; repeatable")
+        .Value("MOTOR=POSITION");
     options
-        .add_option("--joint", joints_,
-                    "One joint's angle in rad, such as index_flexion=0.8; repeatable. "
-                    "`korvane info` lists the joints")
-        ->type_name("JOINT=ANGLE")
-        ->allow_extra_args(false);
-    options.add_option("--gesture", gesture_, "A gesture of the model")->type_name("N");
+        .Add("--joint", joints_,
+             "One joint's angle in rad, such as index_flexion=0.8; repeatable. "
+             "`korvane info` lists the joints")
+        .Value("JOINT=ANGLE");
+    options.Add("--gesture", gesture_, "A gesture of the model").Value("N");
     options
-        .add_option("--seconds", seconds_,
-                    "How long the way takes; without this the hand goes as fast as it can")
-        ->check(CLI::Range(0.0, 3600.0))
-        ->type_name("S");
-    options.add_option("--hold", hold_, "How long it stays there before it goes to --end")
-        ->check(CLI::Range(0.0, 3600.0))
-        ->type_name("S")
-        ->capture_default_str();
-    options
-        .add_option("--end", end_, "Where it ends: stay, start (where it stood before), or a POSE")
-        ->type_name("POSE")
-        ->capture_default_str();
+        .Add("--seconds", seconds_,
+             "How long the way takes; without this the hand goes as fast as it can")
+        .Within(0.0, 3600.0)
+        .Value("S");
+    options.Add("--hold", hold_, "How long it stays there before it goes to --end")
+        .Within(0.0, 3600.0)
+        .Value("S")
+        .ShowDefault();
+    options.Add("--end", end_, "Where it ends: stay, start (where it stood before), or a POSE")
+        .Value("POSE")
+        .ShowDefault();
   }
 
   int Run(Tool& tool) override {
@@ -163,6 +160,6 @@ class Move : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeMove(CLI::App& options) { return std::make_unique<Move>(options); }
+std::unique_ptr<Command> MakeMove(Options options) { return std::make_unique<Move>(options); }
 
 }  // namespace korvane_tool

@@ -69,21 +69,21 @@ std::string JsonLine(const FrameQueue::Frame& frame) {
 
 class Record : public Command {
  public:
-  explicit Record(CLI::App& options) {
-    options.add_option("-o,--output", path_, "The file; - is the standard output")
-        ->type_name("FILE")
-        ->capture_default_str();
-    options.add_flag("--overwrite", overwrite_, "Replace a file that is there");
-    auto* const frames =
-        options.add_flag("--frames", frames_, "Record the frames of the link in place of values");
-    options.add_option("--format", format_, "csv or jsonl; of frames candump or jsonl")
-        ->check(CLI::IsMember({"csv", "jsonl", "candump"}))
-        ->type_name("FORMAT");
+  explicit Record(Options options) {
+    options.Add("-o,--output", path_, "The file; - is the standard output")
+        .Value("FILE")
+        .ShowDefault();
+    options.AddFlag("--overwrite", overwrite_, "Replace a file that is there");
+    const Option frames =
+        options.AddFlag("--frames", frames_, "Record the frames of the link in place of values");
+    options.Add("--format", format_, "csv or jsonl; of frames candump or jsonl")
+        .OneOf({"csv", "jsonl", "candump"})
+        .Value("FORMAT");
     AddSamplingOptions(options, sampling_, 0.01,
                        "What is read: positions, angles, velocities, currents, temperatures, "
                        "errors, control_modes, thresholds, touch; without this positions, and "
                        "angles of a model that has them")
-        ->excludes(frames);
+        .Excludes(frames);
   }
 
   int Run(Tool& tool) override {
@@ -200,6 +200,6 @@ class Record : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeRecord(CLI::App& options) { return std::make_unique<Record>(options); }
+std::unique_ptr<Command> MakeRecord(Options options) { return std::make_unique<Record>(options); }
 
 }  // namespace korvane_tool

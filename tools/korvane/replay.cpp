@@ -171,35 +171,32 @@ Pose Limited(const Pose& from, Pose wanted, double step) {
 
 class Replay : public Command {
  public:
-  explicit Replay(CLI::App& options) {
-    options.add_option("file", path_, "A recording that `korvane record` made")
-        ->required()
-        ->type_name("FILE");
-    options.add_option("--speed", speed_, "2 is twice as fast")
-        ->check(CLI::Range(0.01, 100.0))
-        ->type_name("FACTOR")
-        ->capture_default_str();
+  explicit Replay(Options options) {
+    options.Add("file", path_, "A recording that `korvane record` made").Required().Value("FILE");
+    options.Add("--speed", speed_, "2 is twice as fast")
+        .Within(0.01, 100.0)
+        .Value("FACTOR")
+        .ShowDefault();
     options
-        .add_option("--max-speed", max_speed_,
-                    "Position units that no motor goes beyond in a second; "
-                    "without this a whole range in half a second")
-        ->check(CLI::Range(100.0, 1e6))
-        ->type_name("UNITS/S");
+        .Add("--max-speed", max_speed_,
+             "Position units that no motor goes beyond in a second; "
+             "without this a whole range in half a second")
+        .Within(100.0, 1e6)
+        .Value("UNITS/S");
     options
-        .add_option("--by", by_,
-                    "Whether positions or angles are played; without this positions on the same "
-                    "model, angles on another one that has them")
-        ->check(CLI::IsMember({"positions", "angles"}))
-        ->type_name("KEY");
+        .Add("--by", by_,
+             "Whether positions or angles are played; without this positions on the same "
+             "model, angles on another one that has them")
+        .OneOf({"positions", "angles"})
+        .Value("KEY");
     options
-        .add_option("--map", map_,
-                    "Which recorded position goes to which motor, such as 1=3; repeatable. Motors "
-                    "that aren't named stay")
-        ->delimiter(',')
-        ->type_name("RECORDED=MOTOR")
-        ->allow_extra_args(false);
-    options.add_flag("--check", check_,
-                     "Only check that the recording fits the hand; nothing moves");
+        .Add("--map", map_,
+             "Which recorded position goes to which motor, such as 1=3; repeatable. Motors "
+             "that aren't named stay")
+        .SplitAtCommas()
+        .Value("RECORDED=MOTOR");
+    options.AddFlag("--check", check_,
+                    "Only check that the recording fits the hand; nothing moves");
   }
 
   int Run(Tool& tool) override {
@@ -263,6 +260,6 @@ class Replay : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeReplay(CLI::App& options) { return std::make_unique<Replay>(options); }
+std::unique_ptr<Command> MakeReplay(Options options) { return std::make_unique<Replay>(options); }
 
 }  // namespace korvane_tool

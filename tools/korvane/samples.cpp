@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -226,24 +225,21 @@ double Percentile(const std::vector<double>& sorted, double part) {
   return sorted[static_cast<std::size_t>(std::ceil(part * last))];
 }
 
-CLI::Option* AddSamplingOptions(CLI::App& app, SamplingOptions& options, double least_rate_hz,
-                                const std::string& about_values) {
-  app.add_option("--values", options.keys, about_values)
-      ->delimiter(',')
-      ->type_name("KEY,...")
-      ->allow_extra_args(false);
-  app.add_option("--report-period", options.report_period,
-                 "Switch the reports of a tessel on, which its currents and temperatures come in, "
-                 "and off at the end; in the hand's unit")
-      ->check(CLI::Range(1, 65535))
-      ->type_name("N");
-  app.add_option("--seconds", options.seconds, "How long; until Ctrl-C without this")
-      ->check(CLI::PositiveNumber)
-      ->type_name("S");
-  return app.add_option("--rate", options.rate_hz, "Readings in a second")
-      ->check(CLI::Range(least_rate_hz, 1000.0))
-      ->type_name("HZ")
-      ->capture_default_str();
+Option AddSamplingOptions(Options all, SamplingOptions& options, double least_rate_hz,
+                          const std::string& about_values) {
+  all.Add("--values", options.keys, about_values).SplitAtCommas().Value("KEY,...");
+  all.Add("--report-period", options.report_period,
+          "Switch the reports of a tessel on, which its currents and temperatures come in, "
+          "and off at the end; in the hand's unit")
+      .Within(1, 65535)
+      .Value("N");
+  all.Add("--seconds", options.seconds, "How long; until Ctrl-C without this")
+      .Positive()
+      .Value("S");
+  return all.Add("--rate", options.rate_hz, "Readings in a second")
+      .Within(least_rate_hz, 1000.0)
+      .Value("HZ")
+      .ShowDefault();
 }
 
 Json ToJson(const RecordingHead& head) {

@@ -8,16 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "options.h"
 #include "quantities.h"
 #include "tool.h"
 
 // Readings of a hand at a rate, and the files that hold them: what `watch` shows, `record` writes
 // and `replay` plays.
-
-namespace CLI {  // NOLINT(readability-identifier-naming): named so there
-class App;
-class Option;
-}  // namespace CLI
 
 namespace korvane_tool {
 
@@ -62,8 +58,8 @@ struct SamplingOptions {
   int report_period = 0;
 };
 /// Adds --rate, --values, --report-period and --seconds. Returns --rate.
-CLI::Option* AddSamplingOptions(CLI::App& app, SamplingOptions& options, double least_rate_hz,
-                                const std::string& about_values);
+Option AddSamplingOptions(Options all, SamplingOptions& options, double least_rate_hz,
+                          const std::string& about_values);
 
 /// So many failed readings one after the other, and the hand counts as gone.
 inline constexpr int kFailedReadings = 20;

@@ -35,61 +35,54 @@ std::string TableOfSettings() {
 
 class Service : public Command {
  public:
-  explicit Service(CLI::App& options) {
-    options.require_subcommand(1);
+  explicit Service(Options options) {
     Add(options, "report", "Read all that the hand tells", &Service::Report);
-    auto* const get = Add(options, "get", "Read one setting", &Service::Get);
-    auto* const set = Add(options, "set", "Set one setting", &Service::Set);
+    Options get = Add(options, "get", "Read one setting", &Service::Get);
+    Options set = Add(options, "set", "Set one setting", &Service::Set);
     Add(options, "clear-errors", "Clear the errors that the hand remembers", &Service::ClearErrors);
     Add(options, "clear-limits", "Clear the limits of all axes", &Service::ClearLimits);
     Add(options, "save", "Keep the present settings for good", &Service::SaveAll);
-    auto* const number =
+    Options number =
         Add(options, "serial-number", "Read or write the serial number", &Service::SerialNumber);
-    auto* const id = Add(options, "id", "Give the hand another id; any model", &Service::Id);
-    auto* const write = Add(options, "export", "Write settings to a file", &Service::Export);
-    auto* const diff = Add(options, "diff", "Compare settings with a file", &Service::Diff);
-    auto* const apply = Add(options, "apply", "Set what a file says", &Service::Apply);
-    for (auto* const leaf : {get, set}) {
-      leaf->add_option("key", key_, "Which setting")->required()->type_name("KEY");
-      leaf->footer(TableOfSettings());
+    Options id = Add(options, "id", "Give the hand another id; any model", &Service::Id);
+    Options write = Add(options, "export", "Write settings to a file", &Service::Export);
+    Options diff = Add(options, "diff", "Compare settings with a file", &Service::Diff);
+    Options apply = Add(options, "apply", "Set what a file says", &Service::Apply);
+    for (Options leaf : {get, set}) {
+      leaf.Add("key", key_, "Which setting").Required().Value("KEY");
+      leaf.Footer(TableOfSettings());
     }
-    set->add_option("value", value_, "What it becomes")->required()->type_name("VALUE");
-    set->add_option("--axis", axis_, "Only of this axis; otherwise of all")
-        ->check(CLI::Range(1, 20))
-        ->type_name("N");
-    number->add_option("text", text_, "The new one, of 1 to 19 characters")->type_name("TEXT");
-    id->add_option("id", id_, "The new one")
-        ->required()
-        ->check(CLI::Range(1, 127))
-        ->type_name("ID");
-    for (auto* const leaf : {write, diff, apply}) {
-      leaf->add_option("file", file_, "The file of settings")->required()->type_name("FILE");
+    set.Add("value", value_, "What it becomes").Required().Value("VALUE");
+    set.Add("--axis", axis_, "Only of this axis; otherwise of all").Within(1, 20).Value("N");
+    number.Add("text", text_, "The new one, of 1 to 19 characters").Value("TEXT");
+    id.Add("id", id_, "The new one").Required().Within(1, 127).Value("ID");
+    for (Options leaf : {write, diff, apply}) {
+      leaf.Add("file", file_, "The file of settings").Required().Value("FILE");
     }
-    for (auto* const leaf : {set, number, apply}) {
-      leaf->add_flag("--save", save_, "Keep it for good, with all other present settings");
+    for (Options leaf : {set, number, apply}) {
+      leaf.AddFlag("--save", save_, "Keep it for good, with all other present settings");
     }
-    for (auto* const leaf : {number, id, apply}) {
-      leaf->add_flag("-y,--yes", yes_, "Don't ask before anything changes");
+    for (Options leaf : {number, id, apply}) {
+      leaf.AddFlag("-y,--yes", yes_, "Don't ask before anything changes");
     }
   }
 
   int Run(Tool& tool) override {
     for (const Leaf& leaf : leaves_) {
-      if (leaf.app->parsed()) return (this->*leaf.run)(tool);
+      if (leaf.command.IsNamed()) return (this->*leaf.run)(tool);
     }
     return kUsage;
   }
 
  private:
   struct Leaf {
-    CLI::App* app;
+    Options command;
     int (Service::*run)(Tool&);
   };
 
-  CLI::App* Add(CLI::App& options, const char* name, const char* summary,
-                int (Service::*run)(Tool&)) {
-    leaves_.push_back({options.add_subcommand(name, summary), run});
-    return leaves_.back().app;
+  Options Add(Options options, const char* name, const char* summary, int (Service::*run)(Tool&)) {
+    leaves_.push_back({options.AddCommand(name, summary), run});
+    return leaves_.back().command;
   }
 
   int Report(Tool& tool) {
@@ -404,8 +397,6 @@ class Service : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeService(CLI::App& options) {
-  return std::make_unique<Service>(options);
-}
+std::unique_ptr<Command> MakeService(Options options) { return std::make_unique<Service>(options); }
 
 }  // namespace korvane_tool

@@ -27,15 +27,13 @@ std::string Simulator() {
 
 class Sim : public Command {
  public:
-  explicit Sim(CLI::App& options) {
-    options.prefix_command();  // everything behind it is korvane-sim's
-    options.set_help_flag();
-    options.footer("All arguments are those of korvane-sim; `korvane sim --help` shows its help.");
-    remaining_ = &options;
+  explicit Sim(Options options) : options_(options) {
+    options.LeaveAll();
+    options.Footer("All arguments are those of korvane-sim; `korvane sim --help` shows its help.");
   }
 
   int Run(Tool&) override {
-    std::vector<std::string> arguments = remaining_->remaining();
+    std::vector<std::string> arguments = options_.Left();
     const std::string program = Simulator();
     arguments.insert(arguments.begin(), program);
     std::vector<char*> pointers;
@@ -50,11 +48,11 @@ class Sim : public Command {
   }
 
  private:
-  CLI::App* remaining_;
+  Options options_;
 };
 
 }  // namespace
 
-std::unique_ptr<Command> MakeSim(CLI::App& options) { return std::make_unique<Sim>(options); }
+std::unique_ptr<Command> MakeSim(Options options) { return std::make_unique<Sim>(options); }
 
 }  // namespace korvane_tool

@@ -4,7 +4,6 @@
 #include <korvane_link.h>
 #include <korvane_log.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -65,21 +64,21 @@ void Patience::Count(const Failure& failure) {
   if (++in_a_row_ >= limit_) throw ToolError(failure);
 }
 
-void AddCommonOptions(CLI::App& app, CommonOptions& options) {
+void AddCommonOptions(Options command, CommonOptions& options) {
   constexpr const char* kGroup = "Common options";
-  app.add_option("-H,--hand", options.hands,
-                 "Address of the hand, such as can0:tessel:2 or serial:/dev/ttyUSB0; otherwise "
-                 "$KORVANE_HAND")
-      ->type_name("ADDRESS")
-      ->allow_extra_args(false)
-      ->group(kGroup);
-  app.add_option("--timeout", options.timeout_ms, "How long a reply is waited for, in ms")
-      ->check(CLI::Range(10, 1000))
-      ->type_name("MS")
-      ->group(kGroup);
-  app.add_flag("--json", options.json, "One JSON document in place of text")->group(kGroup);
-  app.add_flag("-q,--quiet", options.quiet, "Nothing but errors")->group(kGroup);
-  app.add_flag("-v,--verbose", options.verbose, "Show the library's own lines")->group(kGroup);
+  command
+      .Add("-H,--hand", options.hands,
+           "Address of the hand, such as can0:tessel:2 or serial:/dev/ttyUSB0; otherwise "
+           "$KORVANE_HAND")
+      .Value("ADDRESS")
+      .Group(kGroup);
+  command.Add("--timeout", options.timeout_ms, "How long a reply is waited for, in ms")
+      .Within(10, 1000)
+      .Value("MS")
+      .Group(kGroup);
+  command.AddFlag("--json", options.json, "One JSON document in place of text").Group(kGroup);
+  command.AddFlag("-q,--quiet", options.quiet, "Nothing but errors").Group(kGroup);
+  command.AddFlag("-v,--verbose", options.verbose, "Show the library's own lines").Group(kGroup);
 }
 
 void Tool::Begin() {

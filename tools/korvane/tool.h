@@ -13,10 +13,7 @@
 #include <vector>
 
 #include "exit_status.h"
-
-namespace CLI {  // NOLINT(readability-identifier-naming): named so there
-class App;
-}
+#include "options.h"
 
 namespace korvane_tool {
 
@@ -98,7 +95,7 @@ struct CommonOptions {
 };
 
 /// Adds them to a command's own.
-void AddCommonOptions(CLI::App& app, CommonOptions& options);
+void AddCommonOptions(Options command, CommonOptions& options);
 
 /// What all commands share: their common options, the hands that these name, and the output.
 class Tool {

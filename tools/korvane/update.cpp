@@ -131,15 +131,13 @@ Outcome<std::string> ReadVersion(KorvaneBase& hand) {
 
 class Update : public Command {
  public:
-  explicit Update(CLI::App& options) {
-    options.add_option("file", file_, "The firmware")->required()->type_name("FILE");
-    options
-        .add_option("--model", model_,
-                    "Of which model the hand must be, if its address doesn't say")
-        ->type_name("MODEL");
-    options.add_option("--expect", expect_, "The version that the hand must run afterwards")
-        ->type_name("VERSION");
-    options.add_flag("-y,--yes", yes_, "Don't ask before the update");
+  explicit Update(Options options) {
+    options.Add("file", file_, "The firmware").Required().Value("FILE");
+    options.Add("--model", model_, "Of which model the hand must be, if its address doesn't say")
+        .Value("MODEL");
+    options.Add("--expect", expect_, "The version that the hand must run afterwards")
+        .Value("VERSION");
+    options.AddFlag("-y,--yes", yes_, "Don't ask before the update");
   }
 
   int Run(Tool& tool) override {
@@ -314,6 +312,6 @@ class Update : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeUpdate(CLI::App& options) { return std::make_unique<Update>(options); }
+std::unique_ptr<Command> MakeUpdate(Options options) { return std::make_unique<Update>(options); }
 
 }  // namespace korvane_tool

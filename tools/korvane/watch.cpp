@@ -153,9 +153,9 @@ class Picture {
 
 class Watch : public Command {
  public:
-  explicit Watch(CLI::App& options) {
+  explicit Watch(Options options) {
     AddSamplingOptions(options, sampling_, 0.1, "What those lines hold, with --csv or --json");
-    options.add_flag("--csv", csv_, "A line of numbers for each reading, for a pipe");
+    options.AddFlag("--csv", csv_, "A line of numbers for each reading, for a pipe");
   }
 
   int Run(Tool& tool) override {
@@ -230,6 +230,6 @@ class Watch : public Command {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeWatch(CLI::App& options) { return std::make_unique<Watch>(options); }
+std::unique_ptr<Command> MakeWatch(Options options) { return std::make_unique<Watch>(options); }
 
 }  // namespace korvane_tool
