@@ -131,7 +131,7 @@ struct FindOptions {
   std::chrono::milliseconds answer_time{100};
   /// Only these links are looked at if there are any here, whatever `links` and `serial_ports` say:
   /// "can0", "zlg:0.1", "serial:/dev/ttyUSB0@115200". Of an address with an id only that id is
-  /// asked; its model doesn't matter.
+  /// asked; its model doesn't matter. A hand that two of them lead to is found once.
   std::vector<HandAddress> places;
 };
 

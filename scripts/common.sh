@@ -6,7 +6,12 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 # Where tc and its like are, which a normal user's path on Debian lacks.
 PATH=$PATH:/usr/sbin:/sbin
 
-say() { printf '== %s\n' "$*"; }
+# Says what comes next, and how long the first of the scripts has been at work.
+export KORVANE_BEGAN=${KORVANE_BEGAN:-$(date +%s)}
+say() {
+  local seconds=$(($(date +%s) - KORVANE_BEGAN))
+  printf '== [%d:%02d] %s\n' $((seconds / 60)) $((seconds % 60)) "$*"
+}
 
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then
@@ -34,13 +39,14 @@ need() {
   as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# Configures and builds a preset; quiet unless it fails.
+# Configures and builds a preset, or some targets of it; quiet unless it fails.
 build_preset() {
-  local preset=$1 log
+  local preset=$1 targets=() log
   shift
+  [ $# -eq 0 ] || targets=(--target "$@")
   log=$(mktemp)
   say "Building: $preset"
-  if ! { cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
+  if ! { cmake --preset "$preset" && cmake --build --preset "$preset" "${targets[@]}"; } >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
     return 1

@@ -16,6 +16,7 @@
 #include "korvane_brisa.h"
 #include "korvane_lumen.h"
 #include "korvane_open.h"
+#include "korvane_open_service.h"
 #include "korvane_quill.h"
 #include "korvane_sim/in_process_adapters.h"
 #include "korvane_sim/serial_hand.h"
@@ -186,6 +187,42 @@ TEST_P(OnAdapters, AHandIsIdentifiedByWhoAnswersUnderItsId) {
   EXPECT_EQ(IdentifyHand(*missing).failure().kind, FailureKind::NO_LINK);
 }
 
+/// The service interface at an address opens as that model and can be used.
+void ExpectServiceOpens(const std::string& address, Model model, std::uint8_t id) {
+  SCOPED_TRACE(address);
+  const auto hand = OpenServiceHand(address);
+  ASSERT_TRUE(hand) << hand.failure().text;
+  EXPECT_EQ(hand->address.model, model);
+  EXPECT_EQ(hand->address.id, id);
+  hand->hand->SetFrameRecvTimeout(1000);
+  hand->Public().SetFrameRecvTimeout(1000);
+  EXPECT_FALSE(hand->Service().GetAxisLimitPos().lower.empty());
+  EXPECT_FALSE(hand->Public().GetAllJointMotorPosi().empty());
+}
+
+TEST_P(OnAdapters, TheServiceInterfaceOpensOnceOneHandAloneTakesItsRequests) {
+  const auto expect_failure = [&](const std::string& rest, FailureKind kind, const char* text) {
+    const auto hand = OpenServiceHand(At(rest));
+    ASSERT_FALSE(hand) << rest;
+    EXPECT_STREQ(ToString(hand.failure().kind), ToString(kind));
+    EXPECT_EQ(hand.failure().operation, "OpenServiceHand");
+    EXPECT_THAT(hand.failure().text, HasSubstr(text));
+  };
+  auto& bus = adapters_.Bus(0, 0);
+  bus.Add({sim::kTessel, 2});
+  const std::size_t brisa = bus.Add({sim::kBrisa, 1});
+  ExpectServiceOpens(At("0.0:brisa"), Model::BRISA, 1);
+  ExpectServiceOpens(At("0.0:1"), Model::BRISA, 1);
+  expect_failure("0.0:tessel", FailureKind::NOT_SUPPORTED, "a tessel has no service interface");
+  expect_failure("0.0:lumen:1", FailureKind::REFUSED, "what answers is: brisa with id 1");
+  expect_failure("0.0:9", FailureKind::NO_REPLY, "no hand with id 9 answers");
+  expect_failure("0.0:brisa:300", FailureKind::BAD_ARGUMENT, "no id");
+  bus.Add({sim::kLumen, 4});
+  expect_failure("0.0:brisa:1", FailureKind::REFUSED, "leave only one on the bus");
+  bus.SetPlugged(brisa, false);
+  ExpectServiceOpens(At("0.0:lumen"), Model::LUMEN, 4);
+}
+
 TEST_P(OnAdapters, EveryHandOnEveryChannelIsFoundAndCanBeOpened) {
   adapters_.Bus(0, 1).Add({sim::kQuill, 127});
   adapters_.Bus(0, 1).Add({sim::kTessel, 1});
@@ -274,6 +311,13 @@ TEST_F(OnASerialPort, ABrisaOpensWhateverTheAddressLeavesOut) {
   hand->SetFrameRecvTimeout(1000);
   EXPECT_EQ(*IdentifyHand(*hand), Model::BRISA);
   EXPECT_EQ(hand->SetJointMotorPosi(3, 12), 0);
+  EXPECT_EQ(OpenServiceHand(At("")).failure().kind, FailureKind::NO_LINK) << "the port is taken";
+}
+
+TEST_F(OnASerialPort, OneObjectSpeaksBothProtocols) {
+  Plug(sim::kBrisa, 2);
+  ExpectServiceOpens(At(""), Model::BRISA, 2);
+  ExpectServiceOpens(At(":brisa:2"), Model::BRISA, 2);
 }
 
 TEST_F(OnASerialPort, WhatCannotBeMeantIsRefusedWithItsReason) {

@@ -25,6 +25,9 @@ def test_find_lists_every_hand_on_every_link(sim):
     text = sim.korvane("find", "zlg:0.0:2").out.splitlines()
     assert text[0].split() == ["ADDRESS", "PRODUCT", "SERIAL", "NUMBER", "FIRMWARE"]
     assert [line.split()[0] for line in text[1:]] == ["zlg:0.0:tessel:2"]
+    # Places that overlap, and a hand that only the other commands are about.
+    same = sim.korvane("find", "--json", "zlg:0.0:2", "zlg:0.0:tessel:2", KORVANE_HAND="hcan:0.0:lumen:4")
+    assert [h["address"] for h in same.json["hands"]] == ["zlg:0.0:tessel:2"]
 
 
 @pytest.mark.parametrize(

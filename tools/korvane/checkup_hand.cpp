@@ -244,7 +244,8 @@ std::optional<Finding> LookAtErrors(const OpenedHand& hand) {
     text += fmt::format("{}motor {}: {}", text.empty() ? "" : "; ", motor + 1, names);
   }
   if (text.empty()) return Ok("none");
-  return Bad(text, "korvane info -H '" + hand.address.ToString() + "'", kFailed);
+  const char* const command = hand.Info().has_service ? "service clear-errors" : "info";
+  return Bad(text, fmt::format("korvane {} -H '{}'", command, hand.address.ToString()), kFailed);
 }
 
 void ExamineHealth(const OpenedHand& hand, Checkup& checkup) {

@@ -167,7 +167,7 @@ class Doctor : public Command {
 
   int Run(Tool& tool) override {
     const Machine machine{root_};
-    const bool is_named = !tool.options.hands.empty();
+    const bool is_named = !tool.Named().empty();
     std::vector<Checkup> all;
     if (is_named) {
       for (const HandAddress& address : tool.Addresses()) {

@@ -149,14 +149,15 @@ class Service : public Command {
     if (!Has(model, setting)) {
       throw ToolError(kUsage, fmt::format("a {} has no {}", ToString(model), setting.key));
     }
-    if (axis_ <= hand.Axes()) return;
-    throw ToolError(kUsage, fmt::format("a {} has the axes 1 to {}", ToString(model), hand.Axes()));
+    if (axis_ <= AxesOf(hand)) return;
+    throw ToolError(kUsage,
+                    fmt::format("a {} has the axes 1 to {}", ToString(model), AxesOf(hand)));
   }
 
   std::vector<int> AxesToSet(const ServiceHand& hand, const Setting& setting) const {
     if (setting.scope != Scope::AXIS || axis_ != 0) return {axis_};
     std::vector<int> axes;
-    for (int axis = 1; axis <= hand.Axes(); ++axis) axes.push_back(axis);
+    for (int axis = 1; axis <= AxesOf(hand); ++axis) axes.push_back(axis);
     return axes;
   }
 

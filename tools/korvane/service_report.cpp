@@ -86,7 +86,7 @@ const std::vector<Reading>& AllReadings() {
 bool Has(const ServiceHand& hand, const Reading& reading) {
   if (reading.where == Where::EVERYWHERE) return true;
   const bool is_brisa = *hand.address.model == Model::BRISA;
-  return is_brisa && (reading.where == Where::BRISA || !hand.OnSerial());
+  return is_brisa && (reading.where == Where::BRISA || !IsOnSerial(hand));
 }
 
 Json VersionsOf(const kv::FwVersion& version) {
@@ -197,7 +197,7 @@ Json ServiceReport(const ServiceHand& hand) {
     if (!Has(hand, reading)) continue;
     Put(report, reading.key, CheckedService(hand, reading.get));
     if (reading.shape == Shape::AXES && report.contains(reading.key)) {
-      report[reading.key] = CutToAxes(report[reading.key], hand.Axes());
+      report[reading.key] = CutToAxes(report[reading.key], AxesOf(hand));
     }
   }
   return report;

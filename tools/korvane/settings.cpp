@@ -18,41 +18,37 @@ constexpr int kMaxCurrent = 3250;
 /// Speeds of a Lumen are ten, too.
 constexpr std::size_t kSpeeds = 10;
 
-PrivateKorvane& ServiceOf(const ServiceHand& hand) {
-  return dynamic_cast<PrivateKorvane&>(*hand.hand);
-}
-
 /// A setter of the whole hand.
 template <auto kSet, class Value>
 bool SetHand(const ServiceHand& hand, int, int value) {
-  return (ServiceOf(hand).*kSet)(static_cast<Value>(value));
+  return (hand.Service().*kSet)(static_cast<Value>(value));
 }
 
 /// A setter of one axis.
 template <auto kSet, class Value>
 bool SetAxis(const ServiceHand& hand, int axis, int value) {
-  return (ServiceOf(hand).*kSet)(static_cast<std::uint8_t>(axis), static_cast<Value>(value));
+  return (hand.Service().*kSet)(static_cast<std::uint8_t>(axis), static_cast<Value>(value));
 }
 
 template <auto kGet>
 Values GetHand(const ServiceHand& hand) {
-  return {(ServiceOf(hand).*kGet)()};
+  return {(hand.Service().*kGet)()};
 }
 
 template <auto kList>
 Values GetLimits(const ServiceHand& hand) {
-  const auto limits = ServiceOf(hand).GetAxisLimitPos();
+  const auto limits = hand.Service().GetAxisLimitPos();
   return {(limits.*kList).begin(), (limits.*kList).end()};
 }
 
 bool SetControlSource(const ServiceHand& hand, int, int value) {
   // Serial: the result tells only that the hand answered; it is read back anyway.
-  const int in_force = ServiceOf(hand).SetControlSource(static_cast<std::uint8_t>(value));
-  return hand.OnSerial() || in_force == value;
+  const int in_force = hand.Service().SetControlSource(static_cast<std::uint8_t>(value));
+  return IsOnSerial(hand) || in_force == value;
 }
 
 bool SetSpeed(const ServiceHand& hand, int, int value) {
-  return ServiceOf(hand).SetAllRunSpeed(
+  return hand.Service().SetAllRunSpeed(
       std::vector<std::int16_t>(kSpeeds, static_cast<std::int16_t>(value)));
 }
 

@@ -16,9 +16,12 @@ namespace {
 
 namespace kv = talvera::korvane;
 
-/// OpenHand refuses where another model answers and where several hands do: asks again who is there
-/// to know which.
-ExitStatus StatusOfRefusal(const HandAddress& address) {
+void WriteLibraryLine(kv::LogLevel, std::string_view line) { fmt::print(stderr, "{}\n", line); }
+
+}  // namespace
+
+ExitStatus StatusOfOpening(const Failure& failure, const HandAddress& address) {
+  if (failure.kind != FailureKind::REFUSED) return StatusOf(failure);
   kv::FindOptions options;
   options.places = {address};
   const auto found = FindHands(options).hands;
@@ -27,10 +30,6 @@ ExitStatus StatusOfRefusal(const HandAddress& address) {
   });
   return meant > 1 ? kSeveral : kOtherModel;
 }
-
-void WriteLibraryLine(kv::LogLevel, std::string_view line) { fmt::print(stderr, "{}\n", line); }
-
-}  // namespace
 
 ExitStatus StatusOf(const Failure& failure) {
   switch (failure.kind) {
@@ -82,23 +81,25 @@ void AddCommonOptions(Options command, CommonOptions& options) {
 }
 
 void Tool::Begin() {
-  if (options.hands.empty()) {
-    if (const char* const named = std::getenv("KORVANE_HAND"); named != nullptr && *named != '\0') {
-      options.hands.emplace_back(named);
-    }
-  }
   kv::SetLogSink(options.verbose ? kv::LogSink(WriteLibraryLine) : kv::SilentLog());
   kv::SetDefaultReceiving(kv::Receiving::BY_EVENTS);
 }
 
+std::vector<std::string> Tool::Named() const {
+  const char* const named = std::getenv("KORVANE_HAND");
+  if (options.hands.empty() && named != nullptr && *named != '\0') return {named};
+  return options.hands;
+}
+
 std::vector<HandAddress> Tool::Addresses() const {
-  if (options.hands.empty()) {
+  const auto named = Named();
+  if (named.empty()) {
     throw ToolError(kUsage,
                     "which hand? Name it with -H ADDRESS or in KORVANE_HAND; `korvane find` lists "
                     "those that are there");
   }
   std::vector<HandAddress> addresses;
-  for (const std::string& text : options.hands) addresses.push_back(Need(HandAddress::Parse(text)));
+  for (const std::string& text : named) addresses.push_back(Need(HandAddress::Parse(text)));
   return addresses;
 }
 
@@ -110,10 +111,7 @@ HandAddress Tool::Address() const {
 
 OpenedHand Tool::Open(const HandAddress& address) const {
   auto hand = OpenHand(address);
-  if (!hand) {
-    const bool refused = hand.failure().kind == FailureKind::REFUSED;
-    throw ToolError(refused ? StatusOfRefusal(address) : StatusOf(hand.failure()), hand.failure());
-  }
+  if (!hand) throw ToolError(StatusOfOpening(hand.failure(), address), hand.failure());
   if (options.timeout_ms != 0) (*hand)->SetFrameRecvTimeout(options.timeout_ms);
   OpenedHand opened{address, *std::move(hand)};
   opened.address.model = static_cast<Model>(opened->model_code);

@@ -97,6 +97,10 @@ struct CommonOptions {
 /// Adds them to a command's own.
 void AddCommonOptions(Options command, CommonOptions& options);
 
+/// The status for a hand that wasn't opened. A refusal doesn't say whether another model answers or
+/// several hands do: asks again who is there.
+ExitStatus StatusOfOpening(const Failure& failure, const HandAddress& address);
+
 /// What all commands share: their common options, the hands that these name, and the output.
 class Tool {
  public:
@@ -105,7 +109,9 @@ class Tool {
   /// Applies the options, before a command runs.
   void Begin();
 
-  /// The addresses that were named by --hand or KORVANE_HAND, at least one.
+  /// What --hand or KORVANE_HAND names, if any.
+  std::vector<std::string> Named() const;
+  /// The addresses that were named, at least one.
   std::vector<HandAddress> Addresses() const;
   /// The only one. A usage error if there are several.
   HandAddress Address() const;

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <korvane_diagnostics.h>
+#include <korvane_log.h>
+#include <korvane_model.h>
+#include <korvane_open.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+// What every example does alike: failures are told in one place, on the standard error stream.
+
+namespace examples {
+
+namespace kv = talvera::korvane;
+
+/// Says what went wrong and what helps. The exit status.
+inline int Explain(const kv::Failure& failure) {
+  std::fprintf(stderr, "%s\n", failure.text.c_str());
+  const std::string advice = AdviceOn(failure);
+  if (!advice.empty()) std::fprintf(stderr, "%s\n", advice.c_str());
+  return EXIT_FAILURE;
+}
+
+/// Checks that the arguments are there, and switches the library's own lines off, as Explain tells
+/// what matters.
+inline void Begin(int argc, int arguments, const char* usage) {
+  if (argc <= arguments) {
+    std::fprintf(stderr, "usage: %s\n", usage);
+    std::exit(2);
+  }
+  kv::SetLogSink(kv::SilentLog());
+}
+
+inline const kv::ModelInfo& InfoOf(const kv::Korvane& hand) {
+  return kv::InfoOf(static_cast<kv::Model>(hand.model_code));
+}
+
+}  // namespace examples

@@ -1,0 +1,102 @@
+#include "korvane_open_service.h"
+
+#include <utility>
+
+#include "private_korvane_brisa.h"
+#include "private_korvane_lumen.h"
+#include "util/text.h"
+
+namespace talvera::korvane {
+namespace {
+
+using Hand = std::unique_ptr<KorvaneBase>;
+
+template <class Private>
+Hand MakeOnCan(const HandAddress& where) {
+  if (where.link == LinkKind::SOCKET_CAN) {
+    return Private::createHandSocketCan(where.side, *where.id, where.interface_name);
+  }
+  const auto make = [&](const auto& adapter) -> Hand {
+    return where.link == LinkKind::HCAN
+               ? Private::createHandByHcan(where.side, *where.id, adapter, where.channel)
+               : Private::createHandByZlgcan(where.side, *where.id, adapter, where.channel);
+  };
+  return where.adapter_index ? make(*where.adapter_index) : make(where.adapter_serial);
+}
+
+Hand Make(const HandAddress& where) {
+  if (where.link == LinkKind::SERIAL) {
+    return PrivateKorvaneBrisa::createHandByUsb(where.side, *where.id, where.port, where.baud);
+  }
+  return *where.model == Model::LUMEN ? MakeOnCan<PrivateKorvaneLumen>(where)
+                                      : MakeOnCan<PrivateKorvaneBrisa>(where);
+}
+
+/// Before a hand is open: the search leaves alone what this process uses.
+Outcome<void> CheckOneOnBus(const HandAddress& address) {
+  if (address.link == LinkKind::SERIAL) return {};
+  FindOptions options;
+  options.places = {address};
+  options.places[0].model.reset();
+  options.places[0].id.reset();
+  std::string speakers;
+  int count = 0;
+  for (const FoundHand& found : FindHands(options).hands) {
+    if (!InfoOf(found.model).has_service) continue;
+    speakers += (count++ == 0 ? "" : ", ") + found.address.ToString();
+  }
+  if (count < 2) return {};
+  return Failure{FailureKind::REFUSED, "",
+                 speakers +
+                     ": requests of the service interface don't name a hand, and these would "
+                     "all take them: leave only one on the bus",
+                 0};
+}
+
+Outcome<void> CheckModel(const ServiceHand& hand) {
+  const auto answers = IdentifyHand(*hand.hand);
+  if (!answers) return answers.failure();
+  if (*answers == *hand.address.model) return {};
+  return Failure{FailureKind::REFUSED, "",
+                 Compose("a ", ToString(*answers),
+                         " answers on the service interface: leave only one hand on the bus"),
+                 0};
+}
+
+Outcome<ServiceHand> Open(const HandAddress& address) {
+  if (const auto alone = CheckOneOnBus(address); !alone) return alone.failure();
+  auto face = OpenHand(address);
+  if (!face) return face.failure();
+  ServiceHand hand{address, *std::move(face), nullptr};
+  hand.address.model = static_cast<Model>(hand.face->model_code);
+  hand.address.id = hand.face->device_id;
+  const ModelInfo& model = InfoOf(*hand.address.model);
+  if (!model.has_service) {
+    return Failure{FailureKind::NOT_SUPPORTED, "",
+                   Compose("a ", model.name, " has no service interface"), 0};
+  }
+  if (address.link == LinkKind::SERIAL) hand.face.reset();  // a port belongs to one object
+  hand.hand = Make(hand.address);
+  if (!hand.hand->connected) return LastFailure(*hand.hand);
+  if (const auto same = CheckModel(hand); !same) return same.failure();
+  return hand;
+}
+
+Outcome<ServiceHand> Named(Outcome<ServiceHand> outcome) {
+  if (outcome) return outcome;
+  Failure failure = outcome.failure();
+  failure.operation = "OpenServiceHand";
+  return failure;
+}
+
+}  // namespace
+
+Outcome<ServiceHand> OpenServiceHand(const HandAddress& address) { return Named(Open(address)); }
+
+Outcome<ServiceHand> OpenServiceHand(const std::string& text) {
+  const auto address = HandAddress::Parse(text);
+  if (!address) return Named(address.failure());
+  return OpenServiceHand(*address);
+}
+
+}  // namespace talvera::korvane
