@@ -86,8 +86,8 @@ inline bool operator!=(const HandAddress& a, const HandAddress& b) { return !(a 
 /// | NO_REPLY | nobody answers there, or nobody with that id, or a hand told its id and then no
 /// more |
 /// | BAD_REPLY | something answers that is none of the models |
-/// | REFUSED | another model answers, or several hands do and the address doesn't say which; the
-/// text lists them |
+/// | REFUSED | another model answers, or several hands do and the address doesn't say which, or
+/// several have that id; the text lists them |
 ///
 /// With an id only that id is asked, for its vendor record, up to three times as each of the two
 /// families of models: milliseconds if the hand is there and the address says the model, 0.1 s if
@@ -139,7 +139,8 @@ struct FindOptions {
 struct FindResult {
   std::vector<FoundHand> hands;  ///< By link, and by id on each.
   /// Links that there are and that couldn't be asked, and what answered without being a hand that
-  /// is known, or went before it had told its model; the text begins with the link.
+  /// is known, or went before it had told its model, or shares its id with another hand on the bus
+  /// (REFUSED); the text begins with the link.
   std::vector<Failure> not_asked;
 };
 

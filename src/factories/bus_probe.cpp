@@ -17,6 +17,8 @@ namespace {
 constexpr int kRounds = 2;
 constexpr int kVendorAttempts = 3;
 constexpr int kVendorTimeoutMs = 100;
+/// How long a second hand with the same id may take to answer, behind the first one.
+constexpr auto kRivalTime = std::chrono::milliseconds(5);
 /// Leaves most of the bus to others: a frame takes about 0.2 ms.
 constexpr auto kPace = std::chrono::microseconds(500);
 constexpr int kSendAttempts = 5;
@@ -146,26 +148,71 @@ class ShortTimeout {
   int before_;
 };
 
-Outcome<VendorInfo> AskVendor(CanBusDeviceBase& device, std::uint32_t family, std::uint8_t id) {
+/// The serial numbers in the vendor records that come in under one identifier while it lives.
+class SerialNumbers {
+ public:
+  SerialNumbers(CanBusDeviceBase& device, std::uint32_t can_id) : device_(device) {
+    device_.tap_.Set([can_id, heard = heard_](const FrameEvent& event) {
+      if (!event.sent && event.id == can_id) heard->Take(event);
+    });
+  }
+  ~SerialNumbers() { device_.tap_.Set({}); }
+  SerialNumbers(const SerialNumbers&) = delete;
+  SerialNumbers& operator=(const SerialNumbers&) = delete;
+
+  /// One that isn't `known`.
+  std::optional<std::string> OtherThan(const std::string& known) const {
+    const std::lock_guard lock(heard_->mutex);
+    for (const std::string& number : heard_->numbers) {
+      if (number != known) return number;
+    }
+    return std::nullopt;
+  }
+
+ private:
+  /// Shared with the tap, a call of which may still be running when it is taken back.
+  struct Heard {
+    std::mutex mutex;
+    std::vector<std::string> numbers;
+
+    void Take(const FrameEvent& event) {
+      CanfdFrame frame;
+      frame.can_id = event.id;
+      std::copy_n(event.data, std::min(event.size, sizeof frame.data), frame.data);
+      const auto record = VendorRecordIn(frame);
+      const std::lock_guard lock(mutex);
+      if (record) numbers.push_back(record->serial_number);
+    }
+  };
+
+  CanBusDeviceBase& device_;
+  std::shared_ptr<Heard> heard_ = std::make_shared<Heard>();
+};
+
+/// Asks a hand for its vendor record, and listens whether another one answers, too.
+void AskVendor(CanBusDeviceBase& device, BusHand& hand) {
+  const CanfdFrame query = VendorQuery(hand.family, hand.id);
+  const SerialNumbers numbers(device, query.can_id);
   try {
-    const auto record = VendorRecordIn(device.SendRequestSynchInternal(VendorQuery(family, id)));
-    if (record) return *record;
-    return Failure{FailureKind::NO_REPLY, "", "its vendor record is empty", 0};
+    const auto record = VendorRecordIn(device.SendRequestSynchInternal(query));
+    hand.vendor_failure.reset();
+    if (!record) {
+      hand.vendor_failure = {FailureKind::NO_REPLY, "", "its vendor record is empty", 0};
+      return;
+    }
+    hand.vendor = *record;
+    std::this_thread::sleep_for(kRivalTime);
+    hand.rival = numbers.OtherThan(record->serial_number);
   } catch (const std::exception& error) {
-    return FailureOf(error);
+    hand.vendor_failure = FailureOf(error);
   }
 }
 
 /// For a hand that has told its id.
 void CompleteWithVendor(CanBusDeviceBase& device, BusHand& hand) {
   for (int i = 0; i < kVendorAttempts; ++i) {
-    auto vendor = AskVendor(device, hand.family, hand.id);
-    if (vendor) {
-      hand.vendor = *std::move(vendor);
-      hand.vendor_failure.reset();
-      return;
-    }
-    hand.vendor_failure = vendor.failure();
+    AskVendor(device, hand);
+    if (!hand.vendor_failure) return;
   }
 }
 
@@ -184,6 +231,14 @@ Failure BusHand::Gone(const std::string& link) const {
   failure.text =
       Compose(link, ": the hand with id ", id, " told its id and then no more: ", failure.text);
   return failure;
+}
+
+Failure BusHand::Doubled(const std::string& link) const {
+  return {FailureKind::REFUSED, "",
+          Compose(link, ": several hands have the id ", id, ", with the serial numbers \"",
+                  PlainText(vendor.serial_number), "\" and \"", PlainText(*rival),
+                  "\": give one of them another id while it is alone on the bus"),
+          0};
 }
 
 Failure FailureOf(const std::exception& error) {
@@ -232,11 +287,13 @@ BusAnswers AskId(CanBusDeviceBase& device, std::uint8_t id, std::optional<Model>
   const auto goes_on = [&] { return answers.hands.empty() && !answers.send_failure; };
   for (int i = 0; i < kVendorAttempts && goes_on(); ++i) {
     for (const std::uint32_t family : families) {
-      const auto vendor = AskVendor(device, family, id);
-      if (vendor) answers.hands.push_back({id, family, *vendor});
-      if (vendor && wanted && ModelOf(*vendor, family) == wanted) return answers;
-      if (vendor.failure().kind == FailureKind::SEND_FAILED)
-        answers.send_failure = vendor.failure();
+      BusHand hand{id, family, {}};
+      AskVendor(device, hand);
+      if (!hand.vendor_failure) answers.hands.push_back(hand);
+      if (wanted && hand.IsModel() == wanted) return answers;
+      if (hand.vendor_failure && hand.vendor_failure->kind == FailureKind::SEND_FAILED) {
+        answers.send_failure = hand.vendor_failure;
+      }
     }
   }
   return answers;

@@ -21,11 +21,15 @@ struct BusHand {
   VendorInfo vendor;
   /// Why there is no vendor record, if the hand told its id and no more.
   std::optional<Failure> vendor_failure = {};
+  /// The serial number of another hand that answered under the same id.
+  std::optional<std::string> rival = {};
 
   /// Nothing if it is none of the models, or didn't say.
   std::optional<Model> IsModel() const;
   /// What became of it on `link`, if it told its id and no more.
   Failure Gone(const std::string& link) const;
+  /// Why nobody may take it for one hand, if it has a rival.
+  Failure Doubled(const std::string& link) const;
 };
 
 struct BusAnswers {

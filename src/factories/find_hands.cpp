@@ -172,6 +172,7 @@ class Finder {
 
   void Add(HandAddress address, const BusHand& hand) {
     if (hand.vendor_failure) return AddNotAsked(hand.Gone(LinkText(address)));
+    if (hand.rival) return AddNotAsked(hand.Doubled(LinkText(address)));
     const auto model = hand.IsModel();
     if (!model) {
       return AddNotAsked({FailureKind::BAD_REPLY, "",

@@ -108,6 +108,7 @@ Outcome<Candidate> Choose(const HandAddress& address, const BusAnswers& answers)
   }
   if (meant.size() > 1) return Several(address, meant);
   if (meant.empty() || !meant.front().model) return NotWanted(address, all);
+  if (meant.front().hand.rival) return meant.front().hand.Doubled(LinkText(address));
   return meant.front();
 }
 

@@ -41,7 +41,11 @@ Outcome<void> CheckOneOnBus(const HandAddress& address) {
   options.places[0].id.reset();
   std::string speakers;
   int count = 0;
-  for (const FoundHand& found : FindHands(options).hands) {
+  const FindResult all = FindHands(options);
+  for (const Failure& failure : all.not_asked) {
+    if (failure.kind == FailureKind::REFUSED) return failure;  // hands that share an id
+  }
+  for (const FoundHand& found : all.hands) {
     if (!InfoOf(found.model).has_service) continue;
     speakers += (count++ == 0 ? "" : ", ") + found.address.ToString();
   }

@@ -154,6 +154,26 @@ TEST_P(OnAdapters, AnAdapterThatWasAskedInVainOpensAgain) {
   ExpectOpens(At("0.0"), kTestedModels[4], 1);
 }
 
+TEST_P(OnAdapters, HandsThatShareAnIdAreNotTakenForOne) {
+  auto& bus = adapters_.Bus(0, 0);
+  bus.Add({sim::kBrisa, 1});
+  sim::SimulatedHand twin(sim::kBrisa, 1);
+  twin.GetIdentity().serial_number = "TWIN";
+  const std::size_t number = bus.Add(std::move(twin));
+  const char* const told = "several hands have the id 1, with the serial numbers";
+  ExpectFailure(At("0.0:brisa:1"), FailureKind::REFUSED, told);
+  ExpectFailure(At("0.0"), FailureKind::REFUSED, "TWIN");
+  EXPECT_THAT(OpenServiceHand(At("0.0:brisa:1")).failure().text, HasSubstr(told));
+  FindOptions options;
+  options.places = {*HandAddress::Parse(At("0.0"))};
+  const FindResult found = FindHands(options);
+  EXPECT_TRUE(found.hands.empty());
+  ASSERT_EQ(found.not_asked.size(), 1U);
+  EXPECT_THAT(found.not_asked[0].text, HasSubstr(told));
+  bus.SetPlugged(number, false);
+  ExpectOpens(At("0.0:brisa:1"), kTestedModels[0], 1);
+}
+
 TEST_P(OnAdapters, AHandIsIdentifiedByWhoAnswersUnderItsId) {
   std::uint8_t id = 0;
   for (const TestedModel& tested : kTestedModels) adapters_.Bus(0, 0).Add({*tested.row, ++id});

@@ -24,11 +24,14 @@ ExitStatus StatusOfOpening(const Failure& failure, const HandAddress& address) {
   if (failure.kind != FailureKind::REFUSED) return StatusOf(failure);
   kv::FindOptions options;
   options.places = {address};
-  const auto found = FindHands(options).hands;
-  const auto meant = std::count_if(found.begin(), found.end(), [&](const kv::FoundHand& hand) {
+  const auto [hands, not_asked] = FindHands(options);
+  const auto meant = std::count_if(hands.begin(), hands.end(), [&](const kv::FoundHand& hand) {
     return !address.model || hand.model == *address.model;
   });
-  return meant > 1 ? kSeveral : kOtherModel;
+  const bool share_id = std::any_of(not_asked.begin(), not_asked.end(), [](const Failure& why) {
+    return why.kind == FailureKind::REFUSED;
+  });
+  return meant > 1 || share_id ? kSeveral : kOtherModel;
 }
 
 ExitStatus StatusOf(const Failure& failure) {
