@@ -17,8 +17,8 @@ namespace {
 constexpr int kRounds = 2;
 constexpr int kVendorAttempts = 3;
 constexpr int kVendorTimeoutMs = 100;
-/// How long a second hand with the same id may take to answer, behind the first one.
-constexpr auto kRivalTime = std::chrono::milliseconds(5);
+/// How long at least a second hand with the same id may take to answer, behind the first one.
+constexpr std::chrono::steady_clock::duration kRivalTime = std::chrono::milliseconds(5);
 /// Leaves most of the bus to others: a frame takes about 0.2 ms.
 constexpr auto kPace = std::chrono::microseconds(500);
 constexpr int kSendAttempts = 5;
@@ -148,23 +148,24 @@ class ShortTimeout {
   int before_;
 };
 
-/// The serial numbers in the vendor records that come in under one identifier while it lives.
+/// The serial numbers in all vendor records that come in while it lives.
 class SerialNumbers {
  public:
-  SerialNumbers(CanBusDeviceBase& device, std::uint32_t can_id) : device_(device) {
-    device_.tap_.Set([can_id, heard = heard_](const FrameEvent& event) {
-      if (!event.sent && event.id == can_id) heard->Take(event);
+  explicit SerialNumbers(CanBusDeviceBase& device) : device_(device) {
+    device_.tap_.Set([heard = heard_](const FrameEvent& event) {
+      if (!event.sent) heard->Take(event);
     });
   }
   ~SerialNumbers() { device_.tap_.Set({}); }
   SerialNumbers(const SerialNumbers&) = delete;
   SerialNumbers& operator=(const SerialNumbers&) = delete;
 
-  /// One that isn't `known`.
-  std::optional<std::string> OtherThan(const std::string& known) const {
+  /// That of another hand with the same id, if one has answered.
+  std::optional<std::string> RivalOf(const BusHand& hand) const {
+    const std::uint32_t can_id = VendorQuery(hand.family, hand.id).can_id;
     const std::lock_guard lock(heard_->mutex);
-    for (const std::string& number : heard_->numbers) {
-      if (number != known) return number;
+    for (const auto& [sender, number] : heard_->numbers) {
+      if (sender == can_id && number != hand.vendor.serial_number) return number;
     }
     return std::nullopt;
   }
@@ -173,15 +174,16 @@ class SerialNumbers {
   /// Shared with the tap, a call of which may still be running when it is taken back.
   struct Heard {
     std::mutex mutex;
-    std::vector<std::string> numbers;
+    std::vector<std::pair<std::uint32_t, std::string>> numbers;
 
     void Take(const FrameEvent& event) {
+      if (FunctionOf(event.id) != function_code::kVendorRecord) return;
       CanfdFrame frame;
       frame.can_id = event.id;
       std::copy_n(event.data, std::min(event.size, sizeof frame.data), frame.data);
       const auto record = VendorRecordIn(frame);
       const std::lock_guard lock(mutex);
-      if (record) numbers.push_back(record->serial_number);
+      if (record) numbers.emplace_back(event.id, record->serial_number);
     }
   };
 
@@ -189,20 +191,17 @@ class SerialNumbers {
   std::shared_ptr<Heard> heard_ = std::make_shared<Heard>();
 };
 
-/// Asks a hand for its vendor record, and listens whether another one answers, too.
+/// Asks a hand for its vendor record.
 void AskVendor(CanBusDeviceBase& device, BusHand& hand) {
-  const CanfdFrame query = VendorQuery(hand.family, hand.id);
-  const SerialNumbers numbers(device, query.can_id);
   try {
-    const auto record = VendorRecordIn(device.SendRequestSynchInternal(query));
+    const auto reply = device.SendRequestSynchInternal(VendorQuery(hand.family, hand.id));
+    const auto record = VendorRecordIn(reply);
     hand.vendor_failure.reset();
-    if (!record) {
+    if (record) {
+      hand.vendor = *record;
+    } else {
       hand.vendor_failure = {FailureKind::NO_REPLY, "", "its vendor record is empty", 0};
-      return;
     }
-    hand.vendor = *record;
-    std::this_thread::sleep_for(kRivalTime);
-    hand.rival = numbers.OtherThan(record->serial_number);
   } catch (const std::exception& error) {
     hand.vendor_failure = FailureOf(error);
   }
@@ -214,6 +213,18 @@ void CompleteWithVendor(CanBusDeviceBase& device, BusHand& hand) {
     AskVendor(device, hand);
     if (!hand.vendor_failure) return;
   }
+}
+
+/// The same for a hand that may not be the only one with its id: listens as long again as the first
+/// answer took.
+void AskAlone(CanBusDeviceBase& device, BusHand& hand) {
+  const SerialNumbers numbers(device);
+  const auto begin = std::chrono::steady_clock::now();
+  AskVendor(device, hand);
+  if (hand.vendor_failure) return;
+  const auto took = std::chrono::steady_clock::now() - begin;
+  std::this_thread::sleep_for(std::max(kRivalTime, took));
+  hand.rival = numbers.RivalOf(hand);
 }
 
 void BindForRequests(CanBusDeviceBase& device) {
@@ -274,7 +285,10 @@ BusAnswers AskBus(CanBusDeviceBase& device, const std::vector<std::uint8_t>& ids
   }
   BindForRequests(device);
   const ShortTimeout timeout(device);
+  const SerialNumbers numbers(device);
   for (BusHand& hand : answers.hands) CompleteWithVendor(device, hand);
+  if (!answers.hands.empty()) std::this_thread::sleep_for(answer_time);
+  for (BusHand& hand : answers.hands) hand.rival = numbers.RivalOf(hand);
   return answers;
 }
 
@@ -288,7 +302,7 @@ BusAnswers AskId(CanBusDeviceBase& device, std::uint8_t id, std::optional<Model>
   for (int i = 0; i < kVendorAttempts && goes_on(); ++i) {
     for (const std::uint32_t family : families) {
       BusHand hand{id, family, {}};
-      AskVendor(device, hand);
+      AskAlone(device, hand);
       if (!hand.vendor_failure) answers.hands.push_back(hand);
       if (wanted && hand.IsModel() == wanted) return answers;
       if (hand.vendor_failure && hand.vendor_failure->kind == FailureKind::SEND_FAILED) {

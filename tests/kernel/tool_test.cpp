@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -117,6 +118,34 @@ TEST(FindOnTheKernel, ListsTheHandsOfAnInterface) {
   EXPECT_EQ(answer.status, 0);
   ASSERT_EQ(answer.document["hands"].size(), 2U);
   EXPECT_EQ(answer.document["hands"][1]["address"], "vcan0:tessel:2");
+}
+
+/// What the other commands do on any link, tests/tool tries on links that need no kernel.
+TEST(ToolOnTheKernel, EveryCommandReachesItsHand) {
+  const test::SimulatorProcess simulator({"--can", std::getenv("KORVANE_TEST_CAN"), "--hand",
+                                          "brisa:1", "--hand", "tessel:2", "--hand", "quill:3",
+                                          "--hand", "vanta:5", "--restart-ms", "50"});
+  ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
+  const auto file = [](const char* name) { return testing::TempDir() + name; };
+  std::ofstream(file("image.bin")) << std::string(5000, 'x');
+  const std::string record = "record --seconds 0.3 --rate 50 --overwrite -o ";
+  const std::string commands[] = {
+      "info -H vcan0:tessel:2",
+      "info -H vcan0:quill",
+      "move -H vcan0:vanta:5 --to 1000 --seconds 0.2 --hold 0 --end start",
+      "move -H vcan0:brisa:1 --gesture 3",
+      record + file("values.csv") + " -H vcan0:brisa:1",
+      "replay " + file("values.csv") + " -H vcan0:brisa:1",
+      "record --seconds 0.3 --frames --overwrite -o " + file("frames.log") + " -H vcan0:quill:3",
+      "watch --seconds 0.2 -H vcan0:tessel:2",
+      "service report -H vcan0:brisa:1",
+      "service id 9 -y -H vcan0:brisa:1",
+      "update -y -H vcan0:brisa:9 " + file("image.bin"),
+  };
+  for (const std::string& command : commands) {
+    EXPECT_EQ(Ask(command).status, 0) << command;
+  }
+  EXPECT_EQ(Ask("service id 2 -y -H vcan0:brisa:9").status, 1) << "the id is taken";
 }
 
 TEST(BenchOnTheKernel, SplitsARoundTripBetweenHostAndHand) {

@@ -77,10 +77,21 @@ class Simulator:
         )
         return Result(done.returncode, done.stdout, done.stderr)
 
+    def is_open_in(self, process):
+        files = pathlib.Path(f"/proc/{process.pid}/fd")
+        try:
+            return os.path.realpath(self.port) in [os.path.realpath(file) for file in files.iterdir()]
+        except OSError:
+            return False
+
     def interrupt(self, *arguments, after):
-        """Runs a command, and sends it Ctrl-C once `after` stands in its output or in a file."""
+        """Runs a command, and sends it Ctrl-C once `after` stands in its output or in a file, or it is a port that is
+        open."""
         process = self.start(*arguments)
-        if isinstance(after, pathlib.Path):
+        if after == self.port:
+            while process.poll() is None and not self.is_open_in(process):
+                pass
+        elif isinstance(after, pathlib.Path):
             while not (after.exists() and after.stat().st_size) and process.poll() is None:
                 pass
         else:

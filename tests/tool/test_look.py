@@ -130,6 +130,18 @@ def test_watch_ends_when_the_hand_has_gone(make_sim, fault, link, status):
     assert gone.err
 
 
+@pytest.mark.parametrize(
+    "command",
+    ["find PORT", "info", "doctor", "watch", "record", "move --gesture 1", "bench", "service report", "update -y /bin/true"],
+)
+def test_ctrl_c_ends_a_command_that_waits_for_a_hand(make_sim, command):
+    sim = make_sim("--silent-after", "0")
+    arguments = command.replace("PORT", f"serial:{sim.port}").split()
+    hand = () if "find" in command else ("-H", sim.address("serial"))
+    ended = sim.interrupt(*arguments, *hand, after=sim.port)
+    assert (ended.status, ended.out, ended.err) == (130, "", "")
+
+
 def test_nothing_is_believed_that_could_not_be_written(sim):
     for command in (["find", "zlg:0.0:2"], ["info", "-H", sim.address("zlg")], ["watch", "--csv", "-H", sim.address("zlg")]):
         with open("/dev/full", "w") as full:
