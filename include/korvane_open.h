@@ -90,7 +90,7 @@ inline bool operator!=(const HandAddress& a, const HandAddress& b) { return !(a 
 /// several have that id; the text lists them |
 ///
 /// With an id only that id is asked, for its vendor record, up to three times as each of the two
-/// families of models: milliseconds if the hand is there and the address says the model, 0.1 s if
+/// families of models: 0.01 s if the hand is there and the address says the model, 0.1 s if
 /// it doesn't, about 0.6 s if the id is silent. Without one every id is asked as by FindHands,
 /// which takes about half a second, twice that on a silent HCAN channel. On a serial port a hand
 /// answers whatever its id is, within milliseconds; a silent one takes 1 s, and 1.5 s with an id.
@@ -126,8 +126,8 @@ struct FindOptions {
   int baud = 115200;
   /// The ids to ask on CAN; 1 to 127 if empty.
   std::vector<std::uint8_t> ids;
-  /// How long answers are waited for behind the last question, on each channel and twice. On a
-  /// serial port at least 100 ms.
+  /// How long answers are waited for behind the last question, on each channel and twice, and once
+  /// more for a second hand with the id of a first one. On a serial port at least 100 ms.
   std::chrono::milliseconds answer_time{100};
   /// Only these links are looked at if there are any here, whatever `links` and `serial_ports` say:
   /// "can0", "zlg:0.1", "serial:/dev/ttyUSB0@115200". Of an address with an id only that id is
