@@ -84,15 +84,15 @@ class Simulator:
         except OSError:
             return False
 
-    def interrupt(self, *arguments, after):
-        """Runs a command, and sends it Ctrl-C once `after` stands in its output or in a file, or it is a port that is
-        open."""
+    def interrupt(self, *arguments, after, size=1):
+        """Runs a command, and sends it Ctrl-C once `after` stands in its output, is a file of that size, or is a port that
+        is open."""
         process = self.start(*arguments)
         if after == self.port:
             while process.poll() is None and not self.is_open_in(process):
                 pass
         elif isinstance(after, pathlib.Path):
-            while not (after.exists() and after.stat().st_size) and process.poll() is None:
+            while not (after.exists() and after.stat().st_size >= size) and process.poll() is None:
                 pass
         else:
             for line in process.stdout:

@@ -76,7 +76,8 @@ def test_ctrl_c_stops_a_motion_and_tells_where_the_hand_stands(sim, tmp_path):
     sim.korvane("move", *BRISA, "--to", "0")
     frames = tmp_path / "frames.log"
     watcher = sim.start("record", "-H", "hcan:0.0:brisa:1", "--frames", "-o", frames)
-    stopped = sim.interrupt("move", *BRISA, "--to", "4096", "--seconds", "30", "--json", after=frames)
+    # More frames than it takes to open the hand.
+    stopped = sim.interrupt("move", *BRISA, "--to", "4096", "--seconds", "30", "--json", after=frames, size=5000)
     watcher.send_signal(2)
     watcher.communicate()
     hand = stopped.json["hands"][0]
