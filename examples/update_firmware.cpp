@@ -17,6 +17,18 @@ namespace {
 namespace kv = talvera::korvane;
 using examples::Explain;
 
+/// An update over a serial port has that many passes, in each of which one packet goes out.
+constexpr int kSerialPackets = 150;
+
+/// Why this file can't go to that hand, to be known before anything is sent.
+std::string ProblemOf(const char* file, const kv::HandAddress& address) {
+  if (!address.model) return "Say of which model the hand is, as in can0:brisa:1.";
+  const auto image = kv::LoadFirmwareOnly(file);
+  if (image.error_code != 0) return std::string(file) + " is empty or can't be read.";
+  if (address.link != kv::LinkKind::SERIAL || image.packet_count <= kSerialPackets) return "";
+  return std::string(file) + " is too long for a serial port (300 kB). Use CAN FD for it.";
+}
+
 /// Counts what the library reports, from whichever of its threads: a line for each tenth.
 class Progress {
  public:
@@ -47,8 +59,8 @@ int main(int argc, char** argv) {
   examples::Begin(argc, 2, "update_firmware ADDRESS FILE");
   const auto address = kv::HandAddress::Parse(argv[1]);
   if (!address) return Explain(address.failure());
-  if (!address->model) {
-    std::fprintf(stderr, "Say of which model the hand is, as in can0:brisa:1.\n");
+  if (const std::string problem = ProblemOf(argv[2], *address); !problem.empty()) {
+    std::fprintf(stderr, "%s\n", problem.c_str());
     return EXIT_FAILURE;
   }
   // Made before the hand: its receive thread may report late, until the hand is gone.
