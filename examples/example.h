@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <string>
 
 // What every example does alike: failures are told in one place, on the standard error stream.
 
@@ -30,6 +32,16 @@ inline void Begin(int argc, int arguments, const char* usage) {
     std::exit(2);
   }
   kv::SetLogSink(kv::SilentLog());
+}
+
+/// More than the 50 ms that hands wait at first: for busy machines, and hands that store a setting.
+inline constexpr int kReplyTimeMs = 500;
+
+/// The hand, once it has answered as the model that the address says.
+inline kv::Outcome<std::unique_ptr<kv::KorvaneBase>> Open(const std::string& address) {
+  auto hand = kv::OpenHand(address);
+  if (hand) (*hand)->SetFrameRecvTimeout(kReplyTimeMs);
+  return hand;
 }
 
 inline const kv::ModelInfo& InfoOf(const kv::Korvane& hand) {

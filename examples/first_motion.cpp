@@ -43,7 +43,7 @@ kv::Outcome<std::vector<short>> MakeStep(kv::KorvaneBase& hand, int step,
 int main(int argc, char** argv) {
   examples::Begin(argc, 1, "first_motion ADDRESS [SECONDS]");
   const std::chrono::duration<double> time(argc > 2 ? std::atof(argv[2]) : 0.7);
-  const auto opened = kv::OpenHand(argv[1]);
+  const auto opened = examples::Open(argv[1]);
   if (!opened) return Explain(opened.failure());
   kv::KorvaneBase& hand = **opened;
   const int gestures = examples::InfoOf(hand).gestures;

@@ -16,8 +16,6 @@ using examples::Explain;
 
 constexpr std::uint8_t kAxis = 1;
 constexpr int kStep = 100;
-/// A hand that stores a setting answers late.
-constexpr int kReplyTimeMs = 200;
 
 kv::Outcome<kv::AxisLimitPos> ReadLimits(const kv::ServiceHand& hand) {
   return Checked(*hand.hand, [&](auto&) { return hand.Service().GetAxisLimitPos(); });
@@ -40,7 +38,7 @@ int main(int argc, char** argv) {
   examples::Begin(argc, 1, "service_limits ADDRESS");
   const auto hand = kv::OpenServiceHand(argv[1]);
   if (!hand) return Explain(hand.failure());
-  hand->hand->SetFrameRecvTimeout(kReplyTimeMs);
+  hand->hand->SetFrameRecvTimeout(examples::kReplyTimeMs);
   const auto limits = ReadLimits(*hand);
   if (!limits) return Explain(limits.failure());
   if (limits->lower.size() < kAxis || limits->upper.size() != limits->lower.size()) {

@@ -58,7 +58,7 @@ int main(int argc, char** argv) {
   examples::Begin(argc, 1, "tactile_map ADDRESS [READINGS]");
   const auto address = kv::HandAddress::Parse(argv[1]);
   if (!address) return Explain(address.failure());
-  const auto hand = kv::OpenHand(*address);
+  const auto hand = examples::Open(argv[1]);
   if (!hand) return Explain(hand.failure());
   const bool whole =
       address->link == kv::LinkKind::SOCKET_CAN || address->link == kv::LinkKind::ZLG;

@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
   // Made before the hand: its receive thread may report late, until the hand is gone.
   Progress progress;
   // Another model than the one that was told ends here, before it can be flashed.
-  const auto hand = kv::OpenHand(*address);
+  const auto hand = examples::Open(argv[1]);
   if (!hand) return Explain(hand.failure());
   const auto updated = Checked(**hand, [&](kv::Korvane& h) {
     h.UpdateFirmware(argv[2], [&](int, int total, kv::OtaProgressStatus status) {

@@ -11,6 +11,9 @@ namespace {
 
 using Hand = std::unique_ptr<KorvaneBase>;
 
+/// A busy machine may keep a reply for a while, and a hand is refused only once.
+constexpr int kCheckTimeoutMs = 200;
+
 template <class Private>
 Hand MakeOnCan(const HandAddress& where) {
   if (where.link == LinkKind::SOCKET_CAN) {
@@ -58,7 +61,10 @@ Outcome<void> CheckOneOnBus(const HandAddress& address) {
 }
 
 Outcome<void> CheckModel(const ServiceHand& hand) {
+  const int before = hand.hand->GetFrameRecvTimeout();
+  hand.hand->SetFrameRecvTimeout(kCheckTimeoutMs);
   const auto answers = IdentifyHand(*hand.hand);
+  hand.hand->SetFrameRecvTimeout(before);
   if (!answers) return answers.failure();
   if (*answers == *hand.address.model) return {};
   return Failure{FailureKind::REFUSED, "",
