@@ -61,5 +61,10 @@ hands, and korvane-sim, which serves simulated ones." "${korvane_same}")
     "This package has the library by which a program's own tests have simulated
 hands and adapters inside." "libkorvane-dev")
 endif()
+if(korvane_has_ros2)
+  korvane_package(ros2 korvane-ros2 utils
+    "This package has korvane-ros2, which makes hands nodes of ROS 2 over DDS,
+without ROS itself." "${korvane_same}")
+endif()
 set(CPACK_COMPONENTS_ALL ${korvane_components})
 include(CPack)
