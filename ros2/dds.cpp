@@ -125,7 +125,7 @@ std::uint32_t Writer::Mismatches() const {
 }
 
 Reader::Reader(const Participant& participant, const std::string& dds_topic,
-               const MessageType& type, Reliability reliability, Take take)
+               const MessageType& type, Reliability reliability, Take take, bool is_lasting)
     : topic_(MakeTopic(participant, dds_topic, type)),
       take_(std::make_unique<Take>(std::move(take))) {
   const std::unique_ptr<dds_listener_t, void (*)(dds_listener_t*)> listener(
@@ -133,9 +133,10 @@ Reader::Reader(const Participant& participant, const std::string& dds_topic,
   dds_lset_data_available(listener.get(), [](dds_entity_t reader, void* argument) {
     TakeAll(reader, *static_cast<const Take*>(argument));
   });
-  reader_ = Entity(dds_create_reader(participant.Handle(), topic_.Handle(),
-                                     EndpointQos(type, reliability, false).get(), listener.get()),
-                   "reader of " + dds_topic);
+  reader_ =
+      Entity(dds_create_reader(participant.Handle(), topic_.Handle(),
+                               EndpointQos(type, reliability, is_lasting).get(), listener.get()),
+             "reader of " + dds_topic);
 }
 
 std::uint32_t Reader::Mismatches() const {

@@ -84,8 +84,9 @@ class Reader {
   using Take = std::function<void(const void* message, const dds_sample_info_t& info)>;
 
   Reader() = default;
+  /// `is_lasting`: what writers that keep their last message wrote before counts, too.
   Reader(const Participant& participant, const std::string& dds_topic, const MessageType& type,
-         Reliability reliability, Take take);
+         Reliability reliability, Take take, bool is_lasting = false);
 
   std::uint32_t Mismatches() const;
   dds_entity_t Handle() const { return reader_.Handle(); }

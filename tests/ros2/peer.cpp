@@ -254,8 +254,9 @@ Reader MakeReader(const Participant& participant, std::string topic) {
     Say("{\"topic\": " + Quoted(name) + ", \"late_us\": " + std::to_string(late) + ", " +
         ToJson(type, message) + "}");
   };
-  return {participant, type == "nodes" ? name : DdsTopic(name), TypeOf(type),
-          is_reliable ? Reliability::RELIABLE : Reliability::BEST_EFFORT, say};
+  return {participant,  type == "nodes" ? name : DdsTopic(name),
+          TypeOf(type), is_reliable ? Reliability::RELIABLE : Reliability::BEST_EFFORT,
+          say,          type == "nodes"};
 }
 
 }  // namespace

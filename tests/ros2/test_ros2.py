@@ -58,11 +58,11 @@ def test_a_peer_that_is_stopped_ends_motion_and_goes_on(commanded):
     commanded.order("joints", "w", 0, "right_index_flexion=0.5")
     commanded.order("repeat", "w", 100)
     before = int(commanded.status(lambda s: s["message"] == "commanded")["accepted"])
-    commanded.signal(signal.SIGSTOP)
+    commanded.send(signal.SIGSTOP)
     # Nothing else can be waited for: who would hear of it is stopped.
     with commanded.changed:
         commanded.changed.wait(5)
-    commanded.signal(signal.SIGCONT)
+    commanded.send(signal.SIGCONT)
     status = commanded.status(lambda s: s["message"] == "commanded" and int(s["accepted"]) > before + 100)
     assert status["state"] == "armed"
     commanded.order("stop", "w")
