@@ -34,6 +34,7 @@ Gid GidOf(dds_entity_t entity) {
 template <class Gid>
 std::vector<Gid> GidsOf(const std::vector<dds_entity_t>& entities) {
   std::vector<Gid> gids;
+  gids.reserve(entities.size());
   for (const dds_entity_t entity : entities) gids.push_back(GidOf<Gid>(entity));
   return gids;
 }

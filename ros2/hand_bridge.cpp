@@ -69,6 +69,7 @@ HandBridge::HandBridge(const Participant& participant, const HandOptions& hand_o
                        bool renews_silent)
     : options_(hand_options),
       rate_(options.rate),
+      timeout_ms_(options.timeout_ms),
       renews_silent_(renews_silent),
       model_(kv::InfoOf(*hand_options.address.model)),
       joint_rules_(JointRules(model_.model, hand_options.address.side, hand_options.prefix,
@@ -140,6 +141,7 @@ bool HandBridge::IsTurn(double times) const {
 
 void HandBridge::UseHand() {
   kinematics_ = KinematicsOf(*hand_);
+  if (timeout_ms_ != 0) hand_->SetFrameRecvTimeout(timeout_ms_);
   last_answer_ = Clock::now();
   failures_ = 0;
   now_.is_open = true;
@@ -255,10 +257,9 @@ void HandBridge::TakeCommands() {
 
 void HandBridge::SendStep(Seconds since_last) {
   const auto step = gate_.Walk(Clock::now(), since_last);
-  if (!step) {
-    standing_ = pose_;
-    return;
-  }
+  const auto space = step ? std::optional<Space>(step->space) : std::nullopt;
+  if (std::exchange(walks_in_, space) != space) standing_ = pose_;
+  if (!step) return;
   const Pose pose = ToPose(*step);
   Ask([&](KorvaneBase& hand) { return hand.SetAllJointMotorPosi(pose); });
 }

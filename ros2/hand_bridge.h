@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -66,6 +67,7 @@ class HandBridge {
 
   const HandOptions options_;
   const double rate_;
+  const int timeout_ms_;
   const bool renews_silent_;
   const talvera::korvane::ModelInfo& model_;
   SpaceRules joint_rules_;
@@ -78,9 +80,10 @@ class HandBridge {
   talvera::korvane::LogSink log_;
 
   std::uint64_t cycle_ = 0;
-  Pose pose_;         ///< As last read; empty if it wasn't.
-  Pose standing_;     ///< Where the hand was before the walk under way.
-  int failures_ = 0;  ///< In a row.
+  Pose pose_;                      ///< As last read; empty if it wasn't.
+  std::optional<Space> walks_in_;  ///< The walk under way.
+  Pose standing_;                  ///< Where the hand was when that began.
+  int failures_ = 0;               ///< In a row.
   Instant last_answer_;
   bool must_identify_ = false;
   std::size_t next_touch_ = 0;

@@ -127,6 +127,7 @@ void Serve(Options options) {
   const auto bridges = MakeBridges(participant, options);
   const Writer diagnostics(participant, DdsTopic("/diagnostics"), types::kDiagnosticArray);
   std::vector<Node> nodes;
+  nodes.reserve(bridges.size());
   for (const auto& bridge : bridges) nodes.push_back(bridge->ToNode());
   nodes.front().writers.push_back(diagnostics.Handle());
   const Graph graph(participant, nodes, options.is_humble);
@@ -137,6 +138,7 @@ void Serve(Options options) {
   const timespec second{1, 0};
   do {
     std::vector<Status> statuses;
+    statuses.reserve(bridges.size());
     for (const auto& bridge : bridges) statuses.push_back(bridge->Report());
     Publish(diagnostics, statuses);
   } while (sigtimedwait(&signals, nullptr, &second) < 0);

@@ -43,6 +43,7 @@ char* View(const std::string& text) { return const_cast<char*>(text.c_str()); }
 
 std::vector<char*> ViewAll(const std::vector<std::string>& texts) {
   std::vector<char*> views;
+  views.reserve(texts.size());
   for (const std::string& text : texts) views.push_back(View(text));
   return views;
 }

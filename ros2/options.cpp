@@ -58,6 +58,9 @@ void AddHandOptions(CLI::App& app, Given& given, Options& options) {
   app.add_option("--rate", options.rate, "Cycles in a second: readings, and commands to the hand")
       ->check(CLI::Range(1.0, 100.0))
       ->capture_default_str();
+  app.add_option("--timeout", options.timeout_ms, "How long a reply is waited for, in ms")
+      ->check(CLI::Range(10, 1000))
+      ->type_name("MS");
   app.add_option("--joint-prefix", given.prefix,
                  "What names of joints begin with; otherwise right_ or left_");
   app.add_option("--frame-id", given.frame_id,

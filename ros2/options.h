@@ -50,6 +50,7 @@ struct Options {
   bool is_humble = false;
   bool lists_joints = false;
   double rate = 50;
+  int timeout_ms = 0;  ///< 0: the hand's own.
   double joint_speed = 3;
   double motor_speed = 1500;
   Reliability commands = Reliability::RELIABLE;

@@ -16,7 +16,7 @@ import pytest
 
 BUILD = pathlib.Path(os.environ.get("KORVANE_BUILD", "build/dev")).resolve()
 #: More than anything takes on a busy machine, discovery included.
-LIMIT = 60
+LIMIT = 15
 #: A domain for each process that runs tests beside others.
 DOMAIN = os.environ.get("PYTEST_XDIST_WORKER", "gw0")[2:]
 
@@ -62,7 +62,7 @@ class Process:
                         return line
                 seen = max(seen, len(self.lines))
                 self.changed.wait(max(0, end - time.monotonic()))
-                assert time.monotonic() < end, f"it didn't come; last: {self.lines[-4:]} {self.errors}"
+                assert time.monotonic() < end, f"it didn't come; last: {''.join(self.lines[-60:])} {self.errors}"
 
     def send(self, number):
         self.process.send_signal(number)
@@ -136,13 +136,14 @@ class Setup:
         return sim
 
     def serial_sim(self, *options):
+        pathlib.Path(self.port).unlink(missing_ok=True)  # of one that was killed
         return self.sim("--serial", f"brisa@{self.port}", *options)
 
     def adapters(self, *options):
         return self.sim("--adapters", "--socket", self.env["KORVANE_SIM_SOCKET"], *options, ready="ready at")
 
     def bridge(self, *options, waits=True):
-        bridge = self.keep(Process([BUILD / "bin/korvane-ros2", "--local", "--domain", DOMAIN, *options], self.env))
+        bridge = self.keep(Process([BUILD / "bin/korvane-ros2", "--local", "--domain", DOMAIN, "--timeout", "1000", *options], self.env))
         if waits:
             bridge.wait(lambda line: " is " in line)
         return bridge

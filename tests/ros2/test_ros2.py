@@ -41,7 +41,7 @@ def test_both_directions_whoever_starts_first(setup, first, reliability):
         options.append("--best-effort-commands")
     if first == "bridge":
         setup.bridge(*options)
-    peer = setup.peer(f"{mark}{STATES}=joints")
+    peer = setup.peer(f"{mark}{STATES}=joints", "/diagnostics=diagnostics")
     peer.writer(COMMANDS, reliability=reliability)
     if first == "peer":
         setup.bridge(*options)
