@@ -16,7 +16,7 @@ import pytest
 
 BUILD = pathlib.Path(os.environ.get("KORVANE_BUILD", "build/dev")).resolve()
 #: More than anything takes on a busy machine, discovery included.
-LIMIT = 15
+LIMIT = 60
 #: A domain for each process that runs tests beside others.
 DOMAIN = os.environ.get("PYTEST_XDIST_WORKER", "gw0")[2:]
 
