@@ -147,6 +147,22 @@ def test_two_hands_are_two_nodes(setup):
     assert peer.status(name="/arm/hand")["accepted"] != "0" and peer.status(name=HAND)["accepted"] == "0"
 
 
+def test_models_tell_what_they_have(setup):
+    sizes = {"quill:3": 10, "lumen:4": 4, "tessel:2": 12}
+    setup.adapters(*[f"--hand={hand}" for hand in sizes])
+    setup.bridge(*[word for hand in sizes for word in ("-H", f"zlg:0.0:{hand}=/{hand[:5]}")])
+    peer = setup.peer("/diagnostics=diagnostics", "ros_discovery_info=nodes",
+                      *[f"/{hand[:5]}/motor_{what}=array" for hand in sizes for what in ("positions", "currents")])
+    for hand, size in sizes.items():
+        assert len(peer.message(f"/{hand[:5]}/motor_positions")["data"]) == size
+        status = peer.status(name=f"/{hand[:5]}")
+        assert (status["level"], status["message"], status["failed_requests"]) == (0, "reading", "0")
+    assert len(peer.message("/lumen/motor_currents")["data"]) == 4
+    assert peer.count("/quill/motor_currents") == 0
+    nodes = peer.message("ros_discovery_info", fresh=False)["nodes"]
+    assert nodes == ["/quill/bridge", 0, 8, "/lumen/bridge", 1, 2, "/tesse/bridge", 2, 8]
+
+
 def test_a_hand_that_goes_is_an_error_and_comes_back_disarmed(setup):
     sim = setup.serial_sim()
     bridge = setup.bridge("-H", f"serial:{setup.port}:brisa", "--allow-commands")
