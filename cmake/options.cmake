@@ -1,7 +1,7 @@
 # Flags that every target of the project is compiled with.
 add_library(korvane_options INTERFACE)
 target_compile_options(korvane_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wzero-as-null-pointer-constant
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<COMPILE_LANGUAGE:CXX>:-Wzero-as-null-pointer-constant>
   # The solvers give the same digits on every machine only if no multiply and add are fused.
   -ffp-contract=off
   # No path of this machine in what is given away; a debugger needs them.
