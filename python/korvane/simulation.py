@@ -1,0 +1,101 @@
+"""Simulated hands, for trying and for tests."""
+
+from __future__ import annotations
+
+import os
+import shutil
+import subprocess
+import tempfile
+import weakref
+from typing import List, Optional, Sequence
+
+from .errors import KorvaneError, NotSupported
+from .hand import CLASSES, Brisa, Hand
+from .models import MODELS
+from .opening import open
+
+__all__ = ["SimulatedBrisa", "simulated"]
+
+_READY = "korvane-sim: ready"
+
+
+def _command() -> List[str]:
+    """$KORVANE_SIM, or korvane-sim or `korvane sim` in PATH."""
+    named = os.environ.get("KORVANE_SIM")
+    if named:
+        return [named]
+    program = shutil.which("korvane-sim")
+    if program:
+        return [program]
+    raise KorvaneError(
+        "there is no korvane-sim", operation="simulated",
+        advice="Install korvane-tools, put the folder of korvane-sim into PATH, or name it in KORVANE_SIM.",
+    )
+
+
+class _Simulator:
+    """korvane-sim with one hand on a pseudo-terminal. Ends with the last reference."""
+
+    def __init__(self, model: str, options: Sequence[str]):
+        self._folder = tempfile.TemporaryDirectory(prefix="korvane-")
+        self.port = os.path.join(self._folder.name, "hand")
+        # Ctrl-C is for the program, and not for the hand.
+        self.process = subprocess.Popen(
+            [*_command(), "--serial", f"{model}@{self.port}", *options],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, start_new_session=True,
+        )
+        self.end = weakref.finalize(self, _end, self.process, self._folder)
+        self._await_ready()
+
+    def _await_ready(self) -> None:
+        assert self.process.stdout is not None and self.process.stderr is not None
+        for line in self.process.stdout:
+            if line.startswith(_READY):
+                return
+        said = self.process.stderr.read().strip()
+        self.end()
+        raise KorvaneError(f"korvane-sim ended at once: {said}", operation="simulated")
+
+
+def _end(process: "subprocess.Popen[str]", folder: "tempfile.TemporaryDirectory[str]") -> None:
+    process.terminate()
+    process.wait()
+    for pipe in (process.stdout, process.stderr):
+        if pipe is not None:
+            pipe.close()
+    folder.cleanup()
+
+
+class SimulatedBrisa(Brisa):
+    """A hand that takes its simulator along when it is closed."""
+
+    _simulator: Optional[_Simulator] = None
+
+    @property
+    def simulator(self) -> "subprocess.Popen[str]":
+        """The process of korvane-sim."""
+        assert self._simulator is not None
+        return self._simulator.process
+
+    def close(self) -> None:
+        super().close()
+        if self._simulator is not None:
+            self._simulator.end()
+
+
+def simulated(model: str = "brisa", *, side: str = "right", options: Sequence[str] = ()) -> SimulatedBrisa:
+    """A simulated hand on a pseudo-terminal, connected. It goes when it is closed, or nothing refers to it.
+
+    Of a model that is to be had on a serial link: a Brisa. `options` are more options of korvane-sim, such as
+    "--loss=0.1". Serve the other models by korvane-sim on a CAN bus; see the page of the simulator.
+    """
+    if model not in MODELS or not MODELS[model].has_serial:
+        raise NotSupported(
+            f"a {model} isn't to be had on a serial link, and so not on a pseudo-terminal",
+            operation="simulated", advice="Serve it with korvane-sim on a CAN bus.",
+        )
+    simulator = _Simulator(model, options)
+    hand = open(f"serial:{simulator.port}:{model}?side={side}", CLASSES[model])
+    made = SimulatedBrisa(hand._handle, hand.address)
+    made._simulator = simulator
+    return made
