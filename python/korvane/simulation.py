@@ -58,7 +58,7 @@ class _Simulator:
 
 
 def _end(process: "subprocess.Popen[str]", folder: "tempfile.TemporaryDirectory[str]") -> None:
-    process.terminate()
+    process.kill()  # it has nothing to lose
     process.wait()
     for pipe in (process.stdout, process.stderr):
         if pipe is not None:
