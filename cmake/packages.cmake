@@ -65,6 +65,18 @@ if(korvane_has_ros2)
   korvane_package(ros2 korvane-ros2 utils
     "This package has korvane-ros2, which makes hands nodes of ROS 2 over DDS,
 without ROS itself." "${korvane_same}")
+if(KORVANE_BUILD_PYTHON)
+  korvane_package(python python3-korvane python
+    "This package has the Python package korvane: hands with exceptions and
+arrays, streams and recordings." "${korvane_same}, python3-numpy")
+  # A module in C++ is for the minor version that it was built with.
+  math(EXPR korvane_next_python "${korvane_python_minor} + 1")
+  string(APPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    ", python3 (>= 3.${korvane_python_minor}~), python3 (<< 3.${korvane_next_python})")
+  # Which compile the modules, and take away what was compiled.
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    "${PROJECT_SOURCE_DIR}/packaging/python/postinst" "${PROJECT_SOURCE_DIR}/packaging/python/prerm")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "korvane-tools")
 endif()
 set(CPACK_COMPONENTS_ALL ${korvane_components})
 include(CPack)

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import List, NamedTuple, Sequence, Type, TypeVar, Union, cast
+from typing import List, NamedTuple, Sequence, Type, TypeVar, Union, overload
 
 from . import _korvane, _log
 from .errors import BadArgument, KorvaneError, Refused, error_of
@@ -28,8 +28,11 @@ class FoundHands(List[FoundHand]):
     not_asked: List[KorvaneError]
 
 
-# Called open, as a program that imports it by name wouldn't want.
-def open(address: Union[str, Address], kind: Type[AnyHand] = Hand) -> AnyHand:  # type: ignore[assignment]  # noqa: A001
+@overload
+def open(address: Union[str, Address]) -> Hand: ...
+@overload
+def open(address: Union[str, Address], kind: Type[AnyHand]) -> AnyHand: ...
+def open(address: Union[str, Address], kind: Type[Hand] = Hand) -> Hand:  # noqa: A001
     """The hand at an address such as "can0:tessel:2", once it has answered; an object of its model's class.
 
     `kind`, such as `korvane.Brisa`, says which class it must be, also to a type checker. Takes milliseconds if
@@ -43,7 +46,7 @@ def open(address: Union[str, Address], kind: Type[AnyHand] = Hand) -> AnyHand:  
     if not issubclass(made, kind):
         handle.close()
         raise Refused(f"{where}: a {where.model} answers, and no {kind.__name__}", operation="Open", hand=text)
-    return cast(AnyHand, made(handle, where))
+    return made(handle, where)
 
 
 def find(

@@ -82,7 +82,7 @@ class Recorder:
         self._file = open(path, "w" if overwrite else "x", encoding="utf-8")
         try:
             self._writer = _Writer(self._file, hand, rate, values)
-            self._reader = Reader(hand, rate, values, self._writer.write, self._file.flush)
+            self._reader = Reader(hand, rate, values, self._writer.write, lambda: None)
         except BaseException:
             self._file.close()
             os.unlink(path)

@@ -10,7 +10,7 @@ import weakref
 from typing import List, Optional, Sequence
 
 from .errors import KorvaneError, NotSupported
-from .hand import CLASSES, Brisa, Hand
+from .hand import CLASSES, Brisa
 from .models import MODELS
 from .opening import open
 

@@ -90,7 +90,7 @@ def test_modes_and_targets(hand):
     hand.set_control_mode(2, 6)
     hand.set_current_thresholds(range(900, 900 + hand.motors))
     hand.set_current_threshold(1, 850)
-    hand.set_velocity(1, 100)
+    hand.set_velocity(1, 4000)
     assert hand.control_mode(2) is korvane.ControlMode.POSITION_VELOCITY_CURRENT
     assert hand.control_modes().tolist() == [4, 6] + [4] * (hand.motors - 2)
     assert hand.current_thresholds().tolist() == [850] + list(range(901, 900 + hand.motors))

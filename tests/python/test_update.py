@@ -51,6 +51,7 @@ def test_an_update(make_hand, firmware):
     assert not hand.updating
 
 
+@pytest.mark.parametrize("make_hand", ["zlg"], indirect=True)
 def test_an_update_that_the_hand_refuses(make_hand, firmware):
     hand = make_hand("--update-status=upgrade:5")
     with pytest.raises(korvane.KorvaneError, match="UpdateFirmware|update"):
@@ -124,9 +125,9 @@ next(stream)
 silent = _Simulator("brisa", [])
 os.kill(silent.process.pid, signal.SIGSTOP)
 port = silent.port
-threading.Timer(0.2, lambda: os.kill(os.getpid(), signal.SIGINT)).start()
 begin = time.monotonic()
 try:
+    threading.Timer(0.2, lambda: os.kill(os.getpid(), signal.SIGINT)).start()
     exec({WAITS[wait]!r})
 except KeyboardInterrupt:
     print(time.monotonic() - begin < 60)
