@@ -5,6 +5,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -106,7 +107,7 @@ class Handle {
  private:
   kv::HandAddress address_;
   std::shared_ptr<HeldHand> hand_;
-  int process_;
+  int forks_;  ///< Before it was made.
 };
 
 /// Calls of several Python threads go to the hand one after the other.
@@ -118,12 +119,22 @@ inline std::unique_lock<std::timed_mutex> WaitForTurn(HeldHand& hand) {
   return turn;
 }
 
+/// The hand as a class of the library; null if it isn't of that class.
+template <class Face>
+Face* AsFace(kv::KorvaneBase& hand) {
+  if constexpr (std::is_convertible_v<kv::KorvaneBase*, Face*>) {
+    return &hand;
+  } else {
+    return dynamic_cast<Face*>(&hand);
+  }
+}
+
 /// What `operation` returns when it is called with the hand as a Face, a class of the library.
 template <class Face, class F>
 auto Call(const Handle& handle, const char* name, F&& operation) {
   const auto held = handle.Borrow();
   kv::KorvaneBase& hand = held->For<Face>();
-  auto* const face = dynamic_cast<Face*>(&hand);
+  Face* const face = AsFace<Face>(hand);
   if (face == nullptr) {
     handle.RaiseHere(kv::FailureKind::NOT_SUPPORTED, name,
                      std::string("a ") + handle.Info().name + " doesn't have it");
@@ -197,7 +208,9 @@ struct Taken<Face, std::vector<T>> {
 
 template <class T>
 py::array_t<T> ToArray(const std::vector<T>& values) {
-  return py::array_t<T>(static_cast<py::ssize_t>(values.size()), values.data());
+  py::array_t<T> array(static_cast<py::ssize_t>(values.size()));
+  std::copy(values.begin(), values.end(), array.mutable_data());
+  return array;
 }
 
 inline py::object ToPython(const kv::Version& version) {

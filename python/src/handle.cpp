@@ -1,4 +1,4 @@
-#include <unistd.h>
+#include <pthread.h>
 
 #include "engine.h"
 
@@ -11,6 +11,13 @@ bool InterpreterEnds() {
 #else
   return _Py_IsFinalizing() != 0;
 #endif
+}
+
+/// How many forks lie between this process and the one that loaded the module.
+int Forks() {
+  static std::atomic<int> forks = 0;
+  [[maybe_unused]] static const int counted = pthread_atfork(nullptr, nullptr, [] { ++forks; });
+  return forks;
 }
 
 }  // namespace
@@ -35,14 +42,14 @@ void RaiseFailed(const kv::KorvaneBase& hand, kv::Failure failure, const std::st
 Handle::Handle(OpenedHand opened)
     : address_(opened.address),
       hand_(std::make_shared<HeldHand>(std::move(opened))),
-      process_(getpid()) {}
+      forks_(Forks()) {}
 
 Handle::~Handle() { Close(); }
 
 void Handle::Close() {
   auto hand = std::exchange(hand_, nullptr);
   if (hand == nullptr) return;
-  if (process_ != getpid()) {
+  if (forks_ != Forks()) {
     // The receive thread is the parent's; waiting for it here would never end.
     new std::shared_ptr<HeldHand>(std::move(hand));  // NOLINT(bugprone-unused-raii)
     return;
@@ -55,7 +62,7 @@ void Handle::Close() {
 std::shared_ptr<HeldHand> Handle::Borrow() const {
   const auto refuse = [this](const char* text) { RaiseHere(kv::FailureKind::NO_LINK, "", text); };
   if (hand_ == nullptr) refuse("it is closed; open it anew");
-  if (process_ != getpid()) refuse("it was opened before a fork; open it anew in this process");
+  if (forks_ != Forks()) refuse("it was opened before a fork; open it anew in this process");
   if (hand_->updating) refuse("an update of its firmware is running; wait for its end");
   return hand_;
 }

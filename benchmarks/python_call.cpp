@@ -1,0 +1,45 @@
+// The C++ half of python_call.py: how long calls of a Tessel take, as one line "name seconds" each.
+// usage: python_call ADDRESS CALLS
+
+#include <korvane_link.h>
+#include <korvane_log.h>
+#include <korvane_open.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
+namespace kv = talvera::korvane;
+
+namespace {
+
+template <class F>
+void Measure(const char* name, int calls, kv::KorvaneBase& hand, F operation) {
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < calls; ++i) {
+    if (!Checked(hand, operation)) std::exit(1);
+  }
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+  std::printf("%s %.9f\n", name, time.count() / calls);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) return 2;
+  kv::SetLogSink(kv::SilentLog());
+  kv::SetDefaultReceiving(kv::Receiving::BY_EVENTS);
+  auto hand = kv::OpenHand(argv[1]);
+  if (!hand) return 1;
+  (*hand)->SetFrameRecvTimeout(1000);
+  const std::vector<unsigned short> periods(12, 5);
+  (*hand)->SetAllTemperReportPeriod(periods);
+  while ((*hand)->GetAllTemperatureReport().empty()) {
+  }
+  (*hand)->SetAllTemperReportPeriod(std::vector<unsigned short>(12, 0));
+  const int calls = std::atoi(argv[2]);
+  Measure("temperatures", calls * 20, **hand, [](auto& h) { return h.GetAllTemperatureReport(); });
+  Measure("positions", calls, **hand, [](auto& h) { return h.GetAllJointMotorPosi(); });
+  Measure("set_positions", calls, **hand,
+          [](auto& h) { return h.SetAllJointMotorPosi(std::vector<short>(12, 1000)); });
+}
