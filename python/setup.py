@@ -9,7 +9,10 @@ from setuptools import setup
 
 
 def pkg_config(what):
-    return shlex.split(subprocess.run(["pkg-config", what, "korvane"], check=True, capture_output=True, text=True).stdout)
+    done = subprocess.run(["pkg-config", what, "korvane"], capture_output=True, text=True)
+    if done.returncode != 0:
+        raise SystemExit("libkorvane isn't found: install libkorvane-dev, or name the folder of korvane.pc in PKG_CONFIG_PATH")
+    return shlex.split(done.stdout)
 
 
 setup(

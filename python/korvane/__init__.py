@@ -16,13 +16,13 @@ from .hand import Brisa, Hand, Lumen, Quill, Statistics, Target, Tessel, Vanta
 from .models import FINGERS, MODELS, Address, ControlMode, Info, Joint, Model, MotorErrors, UpdateStatus
 from .opening import FoundHand, FoundHands, find, open
 from .recording import Recorder, Recording, load, record
-from .simulation import SimulatedBrisa, simulated
+from .simulation import SimulatedBrisa, Simulator, simulated
 from .streaming import VALUES, Sample, Stream
 
 __all__ = [
     "Address", "BadArgument", "BadReply", "Brisa", "ControlMode", "FINGERS", "FoundHand", "FoundHands", "Hand",
     "Info", "Joint", "KorvaneError", "LinkLost", "Lumen", "MODELS", "Model", "MotorErrors", "NoReply",
-    "NotSupported", "Quill", "Recorder", "Recording", "Refused", "Sample", "SendFailed", "SimulatedBrisa", "Statistics", "Stream",
+    "NotSupported", "Quill", "Recorder", "Recording", "Refused", "Sample", "SendFailed", "SimulatedBrisa", "Simulator", "Statistics", "Stream",
     "Target", "Tessel", "UpdateStatus", "VALUES", "Vanta", "__version__", "find", "load", "open", "record",
     "service", "simulated",
 ]

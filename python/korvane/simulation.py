@@ -14,7 +14,7 @@ from .hand import CLASSES, Brisa
 from .models import MODELS
 from .opening import open
 
-__all__ = ["SimulatedBrisa", "simulated"]
+__all__ = ["SimulatedBrisa", "Simulator", "simulated"]
 
 _READY = "korvane-sim: ready"
 
@@ -33,19 +33,38 @@ def _command() -> List[str]:
     )
 
 
-class _Simulator:
-    """korvane-sim with one hand on a pseudo-terminal. Ends with the last reference."""
+class Simulator:
+    """korvane-sim with one hand on a pseudo-terminal. A context manager; ends with the last reference, too.
 
-    def __init__(self, model: str, options: Sequence[str]):
+    `korvane.open(simulator.address)` opens the hand. `options` are more options of korvane-sim.
+    """
+
+    def __init__(self, model: str = "brisa", options: Sequence[str] = ()) -> None:
+        if model not in MODELS or not MODELS[model].has_serial:
+            raise NotSupported(
+                f"a {model} isn't to be had on a serial link, and so not on a pseudo-terminal",
+                operation="simulated", advice="Serve it with korvane-sim on a CAN bus.",
+            )
         self._folder = tempfile.TemporaryDirectory(prefix="korvane-")
-        self.port = os.path.join(self._folder.name, "hand")
+        port = os.path.join(self._folder.name, "hand")
+        self.address = f"serial:{port}:{model}"
         # Ctrl-C is for the program, and not for the hand.
         self.process = subprocess.Popen(
-            [*_command(), "--serial", f"{model}@{self.port}", *options],
+            [*_command(), "--serial", f"{model}@{port}", *options],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, start_new_session=True,
         )
-        self.end = weakref.finalize(self, _end, self.process, self._folder)
+        self._finalizer = weakref.finalize(self, _end, self.process, self._folder)
         self._await_ready()
+
+    def close(self) -> None:
+        """Ends the simulator; the hand is gone."""
+        self._finalizer()
+
+    def __enter__(self) -> "Simulator":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
 
     def _await_ready(self) -> None:
         assert self.process.stdout is not None and self.process.stderr is not None
@@ -53,7 +72,7 @@ class _Simulator:
             if line.startswith(_READY):
                 return
         said = self.process.stderr.read().strip()
-        self.end()
+        self.close()
         raise KorvaneError(f"korvane-sim ended at once: {said}", operation="simulated")
 
 
@@ -69,18 +88,18 @@ def _end(process: "subprocess.Popen[str]", folder: "tempfile.TemporaryDirectory[
 class SimulatedBrisa(Brisa):
     """A hand that takes its simulator along when it is closed."""
 
-    _simulator: Optional[_Simulator] = None
+    _simulator: Optional[Simulator] = None
 
     @property
-    def simulator(self) -> "subprocess.Popen[str]":
-        """The process of korvane-sim."""
+    def simulator(self) -> Simulator:
+        """What simulates it."""
         assert self._simulator is not None
-        return self._simulator.process
+        return self._simulator
 
     def close(self) -> None:
         super().close()
         if self._simulator is not None:
-            self._simulator.end()
+            self._simulator.close()
 
 
 def simulated(model: str = "brisa", *, side: str = "right", options: Sequence[str] = ()) -> SimulatedBrisa:
@@ -89,13 +108,8 @@ def simulated(model: str = "brisa", *, side: str = "right", options: Sequence[st
     Of a model that is to be had on a serial link: a Brisa. `options` are more options of korvane-sim, such as
     "--loss=0.1". Serve the other models by korvane-sim on a CAN bus; see the page of the simulator.
     """
-    if model not in MODELS or not MODELS[model].has_serial:
-        raise NotSupported(
-            f"a {model} isn't to be had on a serial link, and so not on a pseudo-terminal",
-            operation="simulated", advice="Serve it with korvane-sim on a CAN bus.",
-        )
-    simulator = _Simulator(model, options)
-    hand = open(f"serial:{simulator.port}:{model}?side={side}", CLASSES[model])
+    simulator = Simulator(model, options)
+    hand = open(f"{simulator.address}?side={side}", CLASSES[model])
     made = SimulatedBrisa(hand._handle, hand.address)
     made._simulator = simulator
     return made

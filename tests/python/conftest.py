@@ -79,7 +79,7 @@ def silent():
 
 def freeze(hand):
     """The simulator stops where it is: the port stays, and nothing answers."""
-    os.kill(hand.simulator.pid, 19)
+    os.kill(hand.simulator.process.pid, 19)
 
 
 def run(program, *arguments):

@@ -228,8 +228,8 @@ def test_failures_say_what_failed(silent, caplog):
 
 
 def test_a_hand_that_goes(brisa):
-    brisa.simulator.kill()
-    brisa.simulator.wait()
+    brisa.simulator.process.kill()
+    brisa.simulator.process.wait()
     with pytest.raises(korvane.KorvaneError):
         brisa.positions()
     with pytest.raises(korvane.LinkLost, match="the link has gone"):

@@ -33,7 +33,7 @@ for _ in range(20):
     hand.positions()
 """,
     "a daemon thread that waits for a reply": """
-os.kill(hand.simulator.pid, signal.SIGSTOP)
+os.kill(hand.simulator.process.pid, signal.SIGSTOP)
 hand.reply_timeout_ms = 1000
 threading.Thread(target=hand.positions, daemon=True).start()
 """,
@@ -55,7 +55,7 @@ def test_programs_end_without_a_word(ending, tmp_path):
 
 def test_garbage_takes_the_link(brisa):
     other = korvane.simulated()
-    process = other.simulator
+    process = other.simulator.process
     handle = weakref.ref(other)
     del other
     gc.collect()

@@ -96,10 +96,10 @@ hand.update(sys.argv[1], progress)
     assert "waiting for its end" in done.stderr
 
 
-#: Each with a silent hand on `port` at its side.
+#: Each with a silent simulator at its side.
 WAITS = {
     "calls": """
-os.kill(hand.simulator.pid, signal.SIGSTOP)
+os.kill(hand.simulator.process.pid, signal.SIGSTOP)
 while True:
     try:
         hand.positions()
@@ -108,7 +108,7 @@ while True:
 """,
     "a move": "hand.move([0] * 10, seconds=100)",
     "a stream": "next(stream)",
-    "a search": "korvane.find(places=['serial:' + port], answer_ms=100_000)",
+    "a search": "korvane.find(places=[silent.address], answer_ms=100_000)",
     "a recording": "korvane.record(hand, sys.argv[1] + '/r.csv', seconds=100)",
 }
 
@@ -118,13 +118,12 @@ def test_ctrl_c_ends_a_wait(wait, tmp_path):
     """Each would last 100 s and more, and a search of a silent port can't be stopped."""
     done = conftest.run(f"""
 import korvane, os, signal, sys, threading, time
-from korvane.simulation import _Simulator
 hand = korvane.simulated()
 stream = hand.stream(0.01)
 next(stream)
-silent = _Simulator("brisa", [])
+silent = korvane.Simulator()
 os.kill(silent.process.pid, signal.SIGSTOP)
-port = silent.port
+
 begin = time.monotonic()
 try:
     threading.Timer(0.2, lambda: os.kill(os.getpid(), signal.SIGINT)).start()
