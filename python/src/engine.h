@@ -85,7 +85,7 @@ auto InBackground(F work) {
 /// A hand as Python holds it. Its members are used with the GIL only.
 class Handle {
  public:
-  explicit Handle(OpenedHand opened);
+  explicit Handle(kv::ServiceHand opened);
   ~Handle();
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;

@@ -39,7 +39,7 @@ void RaiseFailed(const kv::KorvaneBase& hand, kv::Failure failure, const std::st
   Raise(failure, name);
 }
 
-Handle::Handle(OpenedHand opened)
+Handle::Handle(kv::ServiceHand opened)
     : address_(opened.address),
       hand_(std::make_shared<HeldHand>(std::move(opened))),
       forks_(Forks()) {}

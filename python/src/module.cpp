@@ -16,9 +16,29 @@ T Need(kv::Outcome<T> outcome, const std::string& where) {
   return *std::move(outcome);
 }
 
+/// A hand without the service interface, in the same form.
+kv::Outcome<kv::ServiceHand> OpenPublic(const std::string& text) {
+  const auto address = HandAddress::Parse(text);
+  if (!address) return address.failure();
+  auto hand = kv::OpenHand(*address);
+  if (!hand) return hand.failure();
+  kv::ServiceHand opened{*address, nullptr, *std::move(hand)};
+  opened.address.model = static_cast<kv::Model>(opened.hand->model_code);
+  opened.address.id = opened.hand->device_id;
+  return opened;
+}
+
+kv::Outcome<kv::ServiceHand> OpenService(const std::string& text) {
+  // Longer than the 50 ms of the library: a hand that stores settings answers late.
+  constexpr int kReplyMs = 200;
+  auto opened = kv::OpenServiceHand(text);
+  if (opened) opened->hand->SetFrameRecvTimeout(kReplyMs);
+  return opened;
+}
+
 std::unique_ptr<Handle> MakeHandle(const std::string& address, bool service) {
-  auto opened =
-      InBackground([address, service] { return service ? OpenService(address) : Open(address); });
+  auto opened = InBackground(
+      [address, service] { return service ? OpenService(address) : OpenPublic(address); });
   return std::make_unique<Handle>(Need(std::move(opened), address));
 }
 
