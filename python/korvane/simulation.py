@@ -17,6 +17,8 @@ from .opening import open
 __all__ = ["SimulatedBrisa", "Simulator", "simulated"]
 
 _READY = "korvane-sim: ready"
+#: A busy machine keeps the reply of another process for longer than a real hand does.
+_REPLY_MS = 1000
 
 
 def _command() -> List[str]:
@@ -106,10 +108,11 @@ def simulated(model: str = "brisa", *, side: str = "right", options: Sequence[st
     """A simulated hand on a pseudo-terminal, connected. It goes when it is closed, or nothing refers to it.
 
     Of a model that is to be had on a serial link: a Brisa. `options` are more options of korvane-sim, such as
-    "--loss=0.1". Serve the other models by korvane-sim on a CAN bus; see the page of the simulator.
+    "--loss=0.1". Replies are waited for up to 1 s, as a machine may be busy. Serve the other models by korvane-sim on a CAN bus; see the page of the simulator.
     """
     simulator = Simulator(model, options)
     hand = open(f"{simulator.address}?side={side}", CLASSES[model])
     made = SimulatedBrisa(hand._handle, hand.address)
     made._simulator = simulator
+    made.reply_timeout_ms = _REPLY_MS
     return made

@@ -52,10 +52,11 @@ class Reader:
     def __init__(self, hand: Hand, rate: float, values: Sequence[str], take: Callable[[Sample], None], done: Callable[[], None]):
         if not 0.01 <= rate <= 1000:
             raise BadArgument(f"{hand.address}: a rate is 0.01 to 1000 readings a second, and not {rate}")
+        values = (values,) if isinstance(values, str) else tuple(values)
         unknown = [value for value in values if value not in READERS]
         if unknown or not values:
-            raise BadArgument(f"{hand.address}: nothing is called {', '.join(unknown)}; there are {', '.join(VALUES)}")
-        self._hand, self._rate, self._values = hand, rate, tuple(values)
+            raise BadArgument(f"{hand.address}: nothing is called {', '.join(unknown) or 'nothing'}; there are {', '.join(VALUES)}")
+        self._hand, self._rate, self._values = hand, rate, values
         self._take, self._done = take, done
         self._start: Optional[float] = None
         self._stop = threading.Event()

@@ -276,6 +276,13 @@ std::string Identify(const Handle& handle) {
   return ToString(*model);
 }
 
+/// Of both objects, where the service interface is one of its own.
+void SetReplyTimeout(const Handle& handle, int ms) {
+  const auto held = handle.Borrow();
+  held->For<KorvaneBase>().SetFrameRecvTimeout(ms);
+  held->For<kv::PrivateKorvane>().SetFrameRecvTimeout(ms);
+}
+
 py::dict Statistics(const Handle& handle) {
   const auto held = handle.Borrow();
   const kv::LinkStatistics counts = kv::StatisticsOf(held->For<KorvaneBase>());
@@ -307,13 +314,13 @@ void DefinePublicOperations(py::class_<Handle>& hand) {
   hand.def("asked_id", &ReadId);
   hand.def("identify", &Identify);
   hand.def("statistics", &Statistics);
+  hand.def("set_reply_timeout", &SetReplyTimeout);
   const Operations<kv::Korvane> def(hand);
   def("set_id", "SetDeviceId", &kv::Korvane::SetDeviceId);
   def("show_frames", "ShowDataDetails", &kv::Korvane::ShowDataDetails);
   def("request_interval", "GetRequestInterval", &kv::Korvane::GetRequestInterval);
   def("set_request_interval", "SetRequestInterval", &kv::Korvane::SetRequestInterval);
   def("reply_timeout", "GetFrameRecvTimeout", &kv::Korvane::GetFrameRecvTimeout);
-  def("set_reply_timeout", "SetFrameRecvTimeout", &kv::Korvane::SetFrameRecvTimeout);
   def("send_timeout", "GetFrameSendTimeout", &kv::Korvane::GetFrameSendTimeout);
   def("set_send_timeout", "SetFrameSendTimeout", &kv::Korvane::SetFrameSendTimeout);
   DefineMotors(hand);

@@ -64,7 +64,6 @@ def sim(tmp_path_factory):
 def brisa():
     """A simulated hand of the test's own."""
     with korvane.simulated() as hand:
-        hand.reply_timeout_ms = 1000
         yield hand
 
 
@@ -72,7 +71,6 @@ def brisa():
 def silent():
     """A hand that answers no more once it is open, with the longest time-out that there is."""
     with korvane.simulated() as hand:
-        hand.reply_timeout_ms = 1000
         freeze(hand)
         yield hand
 

@@ -34,7 +34,6 @@ for _ in range(20):
 """,
     "a daemon thread that waits for a reply": """
 os.kill(hand.simulator.process.pid, signal.SIGSTOP)
-hand.reply_timeout_ms = 1000
 threading.Thread(target=hand.positions, daemon=True).start()
 """,
     "a hand kept by the interpreter": "sys.kept = hand; import atexit; atexit.register(lambda: print(hand.closed))",
