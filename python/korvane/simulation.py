@@ -9,8 +9,8 @@ import tempfile
 import weakref
 from typing import List, Optional, Sequence
 
-from .errors import KorvaneError, NotSupported
-from .hand import CLASSES, Brisa
+from .errors import KorvaneError, NoReply, NotSupported
+from .hand import Brisa
 from .models import MODELS
 from .opening import open
 
@@ -19,6 +19,7 @@ __all__ = ["SimulatedBrisa", "Simulator", "simulated"]
 _READY = "korvane-sim: ready"
 #: A busy machine keeps the reply of another process for longer than a real hand does.
 _REPLY_MS = 1000
+_TRIES = 3
 
 
 def _command() -> List[str]:
@@ -104,14 +105,24 @@ class SimulatedBrisa(Brisa):
             self._simulator.close()
 
 
+def _open_patiently(address: str) -> Brisa:
+    for _ in range(_TRIES - 1):
+        try:
+            return open(address, Brisa)
+        except NoReply:
+            pass
+    return open(address, Brisa)
+
+
 def simulated(model: str = "brisa", *, side: str = "right", options: Sequence[str] = ()) -> SimulatedBrisa:
     """A simulated hand on a pseudo-terminal, connected. It goes when it is closed, or nothing refers to it.
 
     Of a model that is to be had on a serial link: a Brisa. `options` are more options of korvane-sim, such as
-    "--loss=0.1". Replies are waited for up to 1 s, as a machine may be busy. Serve the other models by korvane-sim on a CAN bus; see the page of the simulator.
+    "--loss=0.1". Replies are waited for up to 1 s, as a machine may be busy. Serve the other models by
+    korvane-sim on a CAN bus; see the page of the simulator.
     """
     simulator = Simulator(model, options)
-    hand = open(f"{simulator.address}?side={side}", CLASSES[model])
+    hand = _open_patiently(f"{simulator.address}?side={side}")
     made = SimulatedBrisa(hand._handle, hand.address)
     made._simulator = simulator
     made.reply_timeout_ms = _REPLY_MS

@@ -198,6 +198,7 @@ struct Taken<Face, std::vector<T>> {
         RequireOneForEachMotor(handle, name, numbers.size());
       }
       std::vector<T> values;
+      values.reserve(numbers.size());
       for (const double number : numbers) values.push_back(Narrow<T>(handle, name, number));
       return values;
     }

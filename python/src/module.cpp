@@ -73,6 +73,8 @@ py::tuple Find(const std::vector<std::string>& links, const std::vector<std::str
                const std::vector<std::string>& serial_ports, int baud,
                const std::vector<std::uint8_t>& ids, int answer_ms) {
   kv::FindOptions options;
+  options.links.reserve(links.size());
+  options.places.reserve(places.size());
   for (const auto& link : links) options.links.push_back(LinkNamed(link));
   for (const auto& place : places) {
     options.places.push_back(Need(HandAddress::Parse(place), place));

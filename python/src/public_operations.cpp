@@ -38,6 +38,7 @@ py::object SetPositions(const Handle& handle, const std::vector<double>& positio
   std::vector<short> pose;
   if (handle.Info().has_motors) {
     RequireOneForEachMotor(handle, name, positions.size());
+    pose.reserve(positions.size());
     for (const double position : positions) {
       pose.push_back(CheckedPosition(handle, name, position));
     }
@@ -67,6 +68,7 @@ void SetTargets(const Handle& handle, int mode, const std::vector<Target>& targe
     return value ? std::optional<short>(Narrow<short>(handle, name, *value)) : std::nullopt;
   };
   std::vector<kv::MixCtrl> mixed;
+  mixed.reserve(targets.size());
   for (const auto& [motor, position, velocity, current] : targets) {
     kv::MixCtrl target{};
     target.joint_index = Narrow<std::uint8_t>(handle, name, motor) & 0x1FU;
@@ -129,8 +131,10 @@ std::vector<std::uint8_t> ReadFingertip(const KorvaneTessel& hand, Finger finger
 }
 
 Touch ReadFingertips(const KorvaneTessel& hand) {
+  constexpr int kFingers = 5;
   Touch sensors;
-  for (int number = 1; number <= 5; ++number) {
+  sensors.reserve(kFingers);
+  for (int number = 1; number <= kFingers; ++number) {
     const auto finger = static_cast<Finger>(number);
     sensors.push_back({finger, ReadFingertip(hand, finger)});
   }

@@ -80,12 +80,12 @@ def test_a_recording_is_the_tools(values, brisa, tmp_path):
     address = brisa.address
     brisa._handle.close()  # a port has one user
     options = ["--values", ",".join(values)] if values else []
-    made = korvane_tool("record", "-H", address, "-o", tmp_path / "tool.csv", "--seconds", 0.1, "--rate", 100, *options)
+    made = korvane_tool("record", "-H", address, "-o", tmp_path / "tool.csv", "--seconds", 1, "--rate", 100, "--timeout", 1000, *options)
     assert made.returncode == 0, made.stderr
     heads = [(tmp_path / name).read_text().splitlines()[:2] for name in ("python.csv", "tool.csv")]
     assert heads[0] == heads[1]
     assert list(korvane.load(tmp_path / "tool.csv").columns()) == heads[1][1].split(",")
-    played = korvane_tool("replay", "-H", address, tmp_path / "python.csv", "--json")
+    played = korvane_tool("replay", "-H", address, tmp_path / "python.csv", "--json", "--timeout", 1000)
     assert played.returncode == 0, played.stderr
     assert np.abs(np.array(json.loads(played.stdout)["hands"][0]["positions"]) - end).max() < 400
 
