@@ -65,6 +65,7 @@ if(korvane_has_ros2)
   korvane_package(ros2 korvane-ros2 utils
     "This package has korvane-ros2, which makes hands nodes of ROS 2 over DDS,
 without ROS itself." "${korvane_same}")
+endif()
 if(KORVANE_BUILD_PYTHON)
   korvane_package(python python3-korvane python
     "This package has the Python package korvane: hands with exceptions and
