@@ -8,6 +8,7 @@ const std::vector<CommandRow>& AllCommands() {
       {"info", "Tell what a hand is and how it is", &MakeInfo},
       {"doctor", "Look for what keeps a hand from answering, and say what mends it", &MakeDoctor},
       {"watch", "Show a hand live: joints, currents, temperatures, errors, touch", &MakeWatch},
+      {"serve", "Show hands on a page in the browser", &MakeServe},
       {"move", "Move motors, joints or the whole hand, within its limits", &MakeMove},
       {"update", "Replace the firmware of a hand", &MakeUpdate},
       {"service", "Set a hand up: settings, serial number, id", &MakeService},

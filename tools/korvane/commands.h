@@ -11,6 +11,7 @@ namespace korvane_tool {
 std::unique_ptr<Command> MakeFind(Options options);
 std::unique_ptr<Command> MakeInfo(Options options);
 std::unique_ptr<Command> MakeWatch(Options options);
+std::unique_ptr<Command> MakeServe(Options options);
 std::unique_ptr<Command> MakeMove(Options options);
 std::unique_ptr<Command> MakeRecord(Options options);
 std::unique_ptr<Command> MakeReplay(Options options);

@@ -8,6 +8,7 @@
 
 #include "commands.h"
 #include "interrupt.h"
+#include "reading.h"
 #include "samples.h"
 #include "terminal.h"
 #include "tool.h"
@@ -20,63 +21,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kNameWidth = 16;
 constexpr std::size_t kBarWidth = 30;
-
-/// Values that change slowly are read by turns, so that the fast ones keep their rate.
-class Reading {
- public:
-  explicit Reading(const OpenedHand& hand) : hand_(hand) {
-    for (const Quantity& quantity : AllQuantities()) {
-      const std::string key = quantity.key;
-      if (key == "control_modes" || key == "thresholds" || key == "velocities") continue;
-      const auto values = Read(hand, quantity);
-      if (values || values.failure().kind != FailureKind::NOT_SUPPORTED) {
-        rows_.push_back({&quantity, values.value_or(std::vector<double>())});
-      }
-    }
-  }
-
-  /// Positions and angles, and one of the others. The failure of any.
-  Outcome<void> Refresh() {
-    Outcome<void> outcome;
-    const auto refresh = [&](Row& row) {
-      auto values = Read(hand_, *row.quantity);
-      if (!values) outcome = values.failure();
-      if (values) row.values = *std::move(values);
-    };
-    std::vector<Row*> slow;
-    for (Row& row : rows_) {
-      const std::string key = row.quantity->key;
-      key == "positions" || key == "angles" ? refresh(row) : slow.push_back(&row);
-    }
-    const std::size_t turns = slow.size() + (HasTouch(hand_) ? 1 : 0);
-    if (!outcome || turns == 0) return outcome;
-    if (HasTouch(hand_) && turn_ % 2 == 0) {
-      if (auto touch = ReadTouch(hand_)) touch_ = *std::move(touch);
-    } else if (!slow.empty()) {
-      refresh(*slow[turn_ / 2 % slow.size()]);
-    }
-    ++turn_;
-    return outcome;
-  }
-
-  const std::vector<double>* ValuesOf(const std::string& key) const {
-    for (const Row& row : rows_) {
-      if (key == row.quantity->key && !row.values.empty()) return &row.values;
-    }
-    return nullptr;
-  }
-  const std::vector<kv::TactileSensorData>& Touch() const { return touch_; }
-
- private:
-  struct Row {
-    const Quantity* quantity;
-    std::vector<double> values;
-  };
-  const OpenedHand& hand_;
-  std::vector<Row> rows_;
-  std::vector<kv::TactileSensorData> touch_;
-  std::size_t turn_ = 0;
-};
 
 /// What a picture of the hand shows, line by line.
 class Picture {

@@ -1,0 +1,331 @@
+#include "hand_feed.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "../motion.h"
+#include "../samples.h"
+
+namespace korvane_tool {
+namespace {
+
+namespace kv = talvera::korvane;
+
+/// Readings may fail for so long before a hand counts as gone.
+constexpr auto kSilence = std::chrono::milliseconds(500);
+constexpr auto kRetry = std::chrono::milliseconds(300);
+/// A whole range takes so long, so that a released switch stops the hand where it is.
+constexpr double kRangeSeconds = 2;
+
+kv::VendorInfo VendorOf(const OpenedHand& hand) {
+  return Need(Checked(*hand, [](const KorvaneBase& h) { return h.GetVendorInfo(); }));
+}
+
+Json Joints(const OpenedHand& hand) {
+  Json joints = Json::array();
+  for (const kv::JointInfo& joint : kv::JointsOf(hand.Info().model, hand.address.side)) {
+    joints.push_back({{"name", joint.name},
+                      {"lower", joint.lower},
+                      {"upper", joint.upper},
+                      {"can_be_commanded", joint.can_be_commanded}});
+  }
+  return joints;
+}
+
+Json ErrorTexts(const std::vector<double>& errors) {
+  Json texts = Json::array();
+  for (const double error : errors) texts.push_back(ErrorNames(static_cast<unsigned>(error)));
+  return texts;
+}
+
+Json TouchOf(const Reading& reading) {
+  Json touch = Json::object();
+  for (const auto& sensor : reading.Touch()) touch[NameOf(sensor.finger)] = sensor.data;
+  return touch;
+}
+
+/// The number that a request holds; NaN, which no limit lets pass, for anything else.
+double NumberOrNan(const Json& value) {
+  return value.is_number() ? value.get<double>() : std::nan("");
+}
+
+Pose WithMotors(const OpenedHand& hand, const Pose& pose, const Json& motors) {
+  std::vector<double> positions(pose.begin(), pose.end());
+  for (const auto& [name, position] : motors.items()) {
+    const double number = NumberIn(name).value_or(0);
+    if (!(number >= 1 && number <= hand.Info().positions) || number != std::trunc(number)) {
+      throw ToolError(kUsage, fmt::format("a {} has the motors 1 to {}", hand.Info().name,
+                                          hand.Info().positions));
+    }
+    positions[static_cast<std::size_t>(number) - 1] = NumberOrNan(position);
+  }
+  return CheckedPose(hand.Info(), positions);
+}
+
+Pose WithJoints(const OpenedHand& hand, const Pose& pose, const Json& joints) {
+  std::vector<std::string> names;
+  std::vector<double> angles;
+  for (const auto& [name, angle] : joints.items()) {
+    names.push_back(name);
+    angles.push_back(NumberOrNan(angle));
+  }
+  return WithAngles(hand, pose, names, angles, BeyondLimits::REFUSED);
+}
+
+Pose PoseIn(const Json& request, const OpenedHand& hand, const Pose& pose) {
+  if (request.is_object() && request.size() == 1) {
+    const std::string key = request.begin().key();
+    const Json& value = request.begin().value();
+    if (key == "motors" && value.is_object()) return WithMotors(hand, pose, value);
+    if (key == "joints" && value.is_object()) return WithJoints(hand, pose, value);
+    if (key == "gesture" && value.is_number_integer()) {
+      const double gesture = NumberOrNan(value);
+      return GesturePose(hand, gesture >= 0 && gesture < 1000 ? static_cast<int>(gesture) : -1);
+    }
+    if (key == "positions" && value.is_array()) {
+      std::vector<double> positions;
+      for (const Json& position : value) positions.push_back(NumberOrNan(position));
+      return CheckedPose(hand.Info(), positions);
+    }
+  }
+  throw ToolError(kUsage, "expected one of positions, motors, joints and gesture");
+}
+
+}  // namespace
+
+void StopSign::Set() {
+  {
+    const std::lock_guard lock(mutex_);
+    came_ = true;
+  }
+  changed_.notify_all();
+}
+
+bool StopSign::Came() const {
+  const std::lock_guard lock(mutex_);
+  return came_;
+}
+
+bool StopSign::WaitUntil(std::chrono::steady_clock::time_point end) const {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_until(lock, end, [this] { return came_; });
+}
+
+void Board::Publish(std::string text) {
+  auto made = std::make_shared<const std::string>(std::move(text));
+  const std::lock_guard lock(mutex_);
+  text_ = std::move(made);
+}
+
+Newest::Text Board::Get() const {
+  const std::lock_guard lock(mutex_);
+  return text_;
+}
+
+void LinkRecord::Count(bool answered, std::chrono::steady_clock::duration round_trip) {
+  const auto now = std::chrono::steady_clock::now();
+  ++readings_;
+  lost_ += answered ? 0 : 1;
+  if (answered) {
+    trips_us_.resize(std::min(trips_us_.size() + 1, kTrips));
+    trips_us_[next_trip_++ % kTrips] =
+        std::chrono::duration<double, std::micro>(round_trip).count();
+    ++in_second_;
+  }
+  const double elapsed = std::chrono::duration<double>(now - second_).count();
+  if (elapsed < 1 && readings_ > 1) return;
+  rate_hz_ = readings_ > 1 ? in_second_ / elapsed : 0;
+  in_second_ = 0;
+  second_ = now;
+  if (trips_us_.empty()) return;
+  std::vector<double> sorted = trips_us_;
+  std::sort(sorted.begin(), sorted.end());
+  p50_us_ = Percentile(sorted, 0.5);
+  p99_us_ = Percentile(sorted, 0.99);
+}
+
+Json LinkRecord::ToJson(const OpenedHand* hand) const {
+  const auto rounded = [](double number, double digits) {
+    return NumberOf(std::round(number * digits) / digits);
+  };
+  Json json{{"rate_hz", rounded(rate_hz_, 10)},
+            {"readings", readings_},
+            {"lost", lost_},
+            {"p50_us", rounded(p50_us_, 1)},
+            {"p99_us", rounded(p99_us_, 1)}};
+  if (hand == nullptr) return json;
+  const auto statistics = StatisticsOf(**hand);
+  json["requests"] = statistics.requests;
+  json["timeouts"] = statistics.timeouts;
+  json["bad_replies"] = statistics.bad_replies;
+  json["send_failures"] = statistics.send_failures;
+  json["unmatched_frames"] = statistics.unmatched_frames;
+  return json;
+}
+
+HandFeed::HandFeed(const Tool& tool, OpenedHand hand, FeedSettings settings,
+                   std::function<void()> published)
+    : tool_(tool),
+      settings_(settings),
+      published_(std::move(published)),
+      address_(hand.address),
+      hand_(std::move(hand)) {
+  Describe();
+}
+
+HandFeed::~HandFeed() {
+  Stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+void HandFeed::Start() {
+  thread_ = std::thread([this] { Run(); });
+}
+
+void HandFeed::Describe() {
+  const ModelInfo& info = hand_->Info();
+  const auto vendor = VendorOf(*hand_);
+  serial_number_ = kv::PlainText(vendor.serial_number);
+  description_ = ToJson(address_);
+  description_["class"] = info.class_name;
+  AddVendor(vendor, description_);
+  description_["position_max"] = info.position_max;
+  description_["motors"] = info.has_motors ? info.positions : 0;
+  description_["gestures"] = info.gestures;
+  description_["joints"] = Joints(*hand_);
+  description_["rate_hz"] = NumberOf(settings_.rate_hz);
+}
+
+Pose HandFeed::TargetOf(const Json& request) {
+  const auto target = desk_.Look().target;
+  const std::lock_guard lock(hand_mutex_);
+  if (!hand_ || !pose_) throw ToolError(kNobody, "the hand doesn't answer");
+  const auto within = PositionsWithin(hand_->Info(), *pose_);
+  return PoseIn(request, *hand_, target ? *target : Pose(within.begin(), within.end()));
+}
+
+void HandFeed::Run() {
+  while (!stop_.Came()) {
+    try {
+      if (number_ > 0) LookForIt();
+      ReadWhileItAnswers();
+    } catch (const ToolError& error) {
+      failure_ = error.Cause();
+      if (failure_.kind == FailureKind::NONE)
+        failure_ = {FailureKind::REFUSED, "", error.what(), 0};
+    }
+    desk_.Drop();
+    PublishGone();
+    if (stop_.WaitUntil(Clock::now() + kRetry)) return;
+  }
+}
+
+void HandFeed::ReadWhileItAnswers() {
+  const Reports reports(*hand_, hand_->Info().tells_by_reports ? settings_.report_period : 0);
+  reports.AwaitFirst();
+  Reading reading(*hand_);
+  answered_ = Clock::now();
+  AtRate(settings_.rate_hz, stop_, [&] { return Step(reading); });
+}
+
+bool HandFeed::Step(Reading& reading) {
+  const auto refreshed = reading.Refresh();
+  link_.Count(static_cast<bool>(refreshed), reading.RoundTrip());
+  if (refreshed) {
+    answered_ = Clock::now();
+    const auto* const positions = reading.ValuesOf("positions");
+    const std::lock_guard lock(hand_mutex_);
+    if (positions != nullptr) pose_ = Pose(positions->begin(), positions->end());
+  } else {
+    failure_ = refreshed.failure();
+    if (StatisticsOf(**hand_).link_lost || Clock::now() - answered_ > kSilence) return false;
+  }
+  Steer(reading);
+  PublishReading(reading);
+  return true;
+}
+
+/// A small step towards the target, so that nothing is left to go to when the switch is released.
+void HandFeed::Steer(const Reading& reading) {
+  const auto target = desk_.Look().target;
+  const auto now = Clock::now();
+  const double elapsed = std::chrono::duration<double>(now - std::exchange(steered_, now)).count();
+  if (!target || reading.ValuesOf("positions") == nullptr) return setpoint_.clear();
+  if (setpoint_.empty()) setpoint_ = PositionsWithin(hand_->Info(), *pose_);
+  const double step = hand_->Info().position_max * std::min(elapsed, 0.1) / kRangeSeconds;
+  for (std::size_t i = 0; i < setpoint_.size(); ++i) {
+    setpoint_[i] += std::clamp((*target)[i] - setpoint_[i], -step, step);
+  }
+  const Pose pose = CheckedPose(hand_->Info(), setpoint_);
+  const auto sent = Checked(**hand_, [&](KorvaneBase& h) { h.SetAllJointMotorPosi(pose); });
+  if (!sent) failure_ = sent.failure();
+}
+
+void HandFeed::LookForIt() {
+  const bool is_open = hand_ && !StatisticsOf(**hand_).link_lost;
+  if (!is_open || !settings_.shares_adapter) Reopen();
+  CheckIdentity(*hand_);
+}
+
+void HandFeed::Reopen() {
+  std::optional<OpenedHand> old;
+  {
+    const std::lock_guard lock(hand_mutex_);
+    old.swap(hand_);
+  }
+  old.reset();  // before the link is opened again
+  OpenedHand opened = tool_.Open(address_);
+  const std::lock_guard lock(hand_mutex_);
+  hand_ = std::move(opened);
+}
+
+void HandFeed::CheckIdentity(const OpenedHand& hand) const {
+  const Model model = Need(IdentifyHand(*hand));
+  if (model != *address_.model) {
+    throw ToolError(kOtherModel, fmt::format("a {} answers now", ToString(model)));
+  }
+  const std::string serial_number = kv::PlainText(VendorOf(hand).serial_number);
+  if (serial_number != serial_number_) {
+    throw ToolError(kOtherModel,
+                    fmt::format("another hand answers now, with the serial number {}, not {}",
+                                serial_number, serial_number_));
+  }
+}
+
+void HandFeed::PublishReading(const Reading& reading) {
+  Json json{{"hand", settings_.number}, {"state", "live"}};
+  for (const Quantity& quantity : AllQuantities()) {
+    const auto* const values = reading.ValuesOf(quantity.key);
+    if (values == nullptr) continue;
+    json[quantity.key] = NumbersOf(*values);
+    if (std::string(quantity.key) == "errors") json["error_names"] = ErrorTexts(*values);
+  }
+  if (!reading.Touch().empty()) json["touch"] = TouchOf(reading);
+  Publish(std::move(json));
+}
+
+void HandFeed::PublishGone() {
+  {
+    const std::lock_guard lock(hand_mutex_);
+    pose_.reset();
+  }
+  setpoint_.clear();
+  Publish({{"hand", settings_.number}, {"state", "gone"}, {"failure", ToJson(failure_)}});
+}
+
+void HandFeed::Publish(Json json) {
+  json["time_s"] =
+      std::round(std::chrono::duration<double>(Clock::now() - start_).count() * 1e4) / 1e4;
+  json["link"] = link_.ToJson(hand_ ? &*hand_ : nullptr);
+  const auto control = desk_.Look();
+  json["control"] = {{"allowed", settings_.allows_control},
+                     {"owner", control.owner == 0 ? Json() : Json(control.owner)},
+                     {"target", control.target ? Json(*control.target) : Json()}};
+  board_->Publish(fmt::format("id: {}\ndata: {}\n\n", ++number_,
+                              json.dump(-1, ' ', false, Json::error_handler_t::replace)));
+  published_();
+}
+
+}  // namespace korvane_tool

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "http_message.h"
+
+namespace korvane_tool {
+
+class HttpConnection;
+
+/// Serves HTTP on one address, all connections in the thread that calls Run. Nothing that a client
+/// does, or leaves undone, makes another one wait or takes more than a bounded room: there are so
+/// many connections at most, the oldest that waits for a request goes when there are more, and one
+/// that is late with its request, or takes nothing, is closed.
+class HttpServer {
+ public:
+  static constexpr std::size_t kMostConnections = 128;
+  static constexpr std::size_t kMostStreams = 32;
+
+  /// Must not wait for anything: everybody waits meanwhile.
+  using Handler = std::function<HttpAnswer(const HttpRequest&)>;
+
+  /// Binds to an IPv4 or IPv6 address; port 0 is any free one. Throws a ToolError if it can't.
+  HttpServer(const std::string& address, int port, Handler handler);
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  int Port() const { return port_; }
+  /// Serves until Stop.
+  void Run();
+  /// Any thread.
+  void Stop();
+  /// Tells that streams may have a newer text. Any thread; doesn't block.
+  void Wake();
+
+ private:
+  void Accept();
+  void Welcome(int socket);
+  bool MakeRoom();
+  void Step();
+  HttpAnswer Answer(const HttpRequest& request) const;
+
+  Handler handler_;
+  int socket_ = -1;
+  int event_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stopped_{false};
+  std::vector<std::unique_ptr<HttpConnection>> connections_;
+};
+
+/// "127.0.0.1:80" or "[::1]:80".
+std::string HostText(const std::string& address, int port);
+/// Whether that is an IPv4 or IPv6 address.
+bool IsAddress(const std::string& text);
+
+}  // namespace korvane_tool

@@ -1,0 +1,126 @@
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../commands.h"
+#include "../interrupt.h"
+#include "../tool.h"
+#include "hand_feed.h"
+#include "http_server.h"
+#include "secret.h"
+#include "site.h"
+
+namespace korvane_tool {
+namespace {
+
+constexpr const char* kLoopback = "127.0.0.1";
+
+/// Whether both are on one adapter of those whose channel ends with any of its hands.
+bool ShareAdapter(HandAddress a, HandAddress b) {
+  if (a.link != LinkKind::ZLG && a.link != LinkKind::HCAN) return false;
+  a.id = b.id = {};
+  a.model = b.model = {};
+  a.side = b.side;
+  return a == b;
+}
+
+class Serve : public Command {
+ public:
+  explicit Serve(Options options) {
+    options.Add("--port", port_, "The port; 0 is any that is free")
+        .Within(0, 65535)
+        .Value("N")
+        .ShowDefault();
+    options
+        .Add("--bind", bind_,
+             "Serve this address of the machine to others, too, who must know a token, which is "
+             "printed; without this only the machine itself is served")
+        .Value("ADDRESS");
+    options.AddFlag("--allow-control", feed_.allows_control,
+                    "Let the page move the hands; without this they are only looked at");
+    options.Add("--rate", feed_.rate_hz, "Readings of each hand in a second")
+        .Within(5.0, 100.0)
+        .Value("HZ")
+        .ShowDefault();
+    options
+        .Add("--report-period", feed_.report_period,
+             "Switch the reports of a tessel on, which its currents and temperatures come in, and "
+             "off at the end; in the hand's unit")
+        .Within(1, 65535)
+        .Value("N");
+  }
+
+  int Run(Tool& tool) override {
+    if (!bind_.empty() && !IsAddress(bind_))
+      throw ToolError(kUsage, fmt::format("--bind: \"{}\" is no IPv4 or IPv6 address", bind_));
+    std::vector<std::unique_ptr<HandFeed>> feeds;
+    Site site({bind_.empty() ? std::string() : NewSecret(), feed_.allows_control}, feeds);
+    HttpServer server(bind_.empty() ? kLoopback : bind_, port_,
+                      [&site](const HttpRequest& request) { return site.Answer(request); });
+    OpenAll(tool, server, feeds);
+    Announce(tool, server, site);
+    return ServeUntilInterrupt(server, feeds);
+  }
+
+ private:
+  void OpenAll(const Tool& tool, HttpServer& server,
+               std::vector<std::unique_ptr<HandFeed>>& feeds) const {
+    std::vector<OpenedHand> hands;
+    for (const HandAddress& address : tool.Addresses()) hands.push_back(tool.Open(address));
+    for (OpenedHand& hand : hands) {
+      int alike = 0;
+      int sharing = 0;
+      for (const OpenedHand& other : hands) {
+        alike += hand.address == other.address ? 1 : 0;
+        sharing += ShareAdapter(hand.address, other.address) ? 1 : 0;
+      }
+      if (alike > 1) throw ToolError(kUsage, hand.address.ToString() + " is named more than once");
+      FeedSettings settings = feed_;
+      settings.number = feeds.size() + 1;
+      settings.shares_adapter = sharing > 1;
+      feeds.push_back(std::make_unique<HandFeed>(tool, std::move(hand), settings,
+                                                 [&server] { server.Wake(); }));
+    }
+  }
+
+  void Announce(const Tool& tool, const HttpServer& server, const Site& site) const {
+    const std::string address = bind_.empty() ? kLoopback : bind_;
+    std::string url = "http://" + HostText(address, server.Port()) + "/";
+    if (!site.Token().empty()) url += "?token=" + site.Token();
+    tool.Print(url + "\n");
+    tool.PrintJson({{"url", url}, {"token", site.Token().empty() ? Json() : Json(site.Token())}});
+    std::fflush(stdout);
+    if (!bind_.empty()) tool.Warn("what goes over the network is not encrypted");
+  }
+
+  static int ServeUntilInterrupt(HttpServer& server,
+                                 std::vector<std::unique_ptr<HandFeed>>& feeds) {
+    std::thread serving([&server] { server.Run(); });
+    {
+      const Interrupt interrupt;
+      for (const auto& feed : feeds) feed->Start();
+      while (!interrupt.WaitFor(std::chrono::hours(1))) {
+      }
+    }
+    // From here a second Ctrl-C ends the program, should a link take its time.
+    server.Stop();
+    serving.join();
+    for (const auto& feed : feeds) feed->Stop();
+    feeds.clear();
+    return kDone;
+  }
+
+  int port_ = 8017;
+  std::string bind_;
+  FeedSettings feed_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> MakeServe(Options options) { return std::make_unique<Serve>(options); }
+
+}  // namespace korvane_tool

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "hand_feed.h"
+#include "http_message.h"
+
+namespace korvane_tool {
+
+struct SiteSettings {
+  std::string token;  ///< What a client must know; empty where everybody on the machine may look.
+  bool allows_control = false;
+};
+
+/// The page and the data behind it: what is answered to which request, and to whom.
+class Site {
+ public:
+  Site(SiteSettings settings, const std::vector<std::unique_ptr<HandFeed>>& hands);
+
+  HttpAnswer Answer(const HttpRequest& request);
+  const std::string& Token() const { return settings_.token; }
+
+ private:
+  HttpAnswer Answered(const HttpRequest& request);
+  HttpAnswer Admission(const HttpRequest& request) const;
+  bool IsAdmitted(const HttpRequest& request) const;
+  HttpAnswer Hands() const;
+  HttpAnswer OfHand(const HttpRequest& request, const std::string& what);
+  HttpAnswer Change(const HttpRequest& request, const std::string& what, HandFeed& hand) const;
+  void CheckChange(const HttpRequest& request) const;
+
+  const SiteSettings settings_;
+  const std::vector<std::unique_ptr<HandFeed>>& hands_;
+  const std::string session_;     ///< The cookie of those who knew the token.
+  const std::string page_token_;  ///< Only a page of this origin can read it.
+};
+
+/// A file of the page, built into the program; nothing if there is none of that name.
+struct PageFile {
+  const char* path;
+  const char* type;
+  const unsigned char* bytes;
+  std::size_t size;
+};
+const std::vector<PageFile>& PageFiles();
+
+}  // namespace korvane_tool
