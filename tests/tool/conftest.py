@@ -47,11 +47,14 @@ class Simulator:
             "TERM": "dumb",
         }
         self.env.pop("KORVANE_HAND", None)
-        serve = ["--adapters", "--socket", self.env["KORVANE_SIM_SOCKET"]]
+        self.places = ["--adapters", "--socket", self.env["KORVANE_SIM_SOCKET"]]
         if serial:
-            serve += ["--serial", f"brisa@{self.port}"]
+            self.places += ["--serial", f"brisa@{self.port}"]
+        self.begin(*options)
+
+    def begin(self, *options):
         self.process = subprocess.Popen(
-            [TOOL, "sim", *serve, *options], stdout=subprocess.PIPE, text=True, env=self.env
+            [TOOL, "sim", *self.places, *options], stdout=subprocess.PIPE, text=True, env=self.env
         )
         for line in self.process.stdout:
             if line.startswith("korvane-sim: ready at"):
@@ -61,6 +64,11 @@ class Simulator:
         self.process.terminate()
         self.process.wait(LIMIT)
         self.process.stdout.close()
+
+    def restart(self, *options):
+        """Other hands in the place of these."""
+        self.stop()
+        self.begin(*options)
 
     def address(self, link, model="brisa", hand_id=1):
         place = {"zlg": "zlg:0.0", "hcan": "hcan:0.0", "serial": f"serial:{self.port}"}[link]

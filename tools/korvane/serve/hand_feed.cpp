@@ -188,6 +188,7 @@ void HandFeed::Describe() {
   const ModelInfo& info = hand_->Info();
   const auto vendor = VendorOf(*hand_);
   serial_number_ = kv::PlainText(vendor.serial_number);
+  pose_ = PoseOf(*hand_);
   description_ = ToJson(address_);
   description_["class"] = info.class_name;
   AddVendor(vendor, description_);

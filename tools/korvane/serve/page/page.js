@@ -40,6 +40,12 @@ function make(tag, className, text) {
   return element;
 }
 
+/** A number with so many digits, and without a sign if it is nothing. */
+function fixed(number, digits) {
+  const text = number.toFixed(digits);
+  return Number(text) === 0 ? text.replace("-", "") : text;
+}
+
 /** Writes only what has changed, so that screen readers and the layout stay calm. */
 function write(element, text) {
   if (element.textContent !== text) element.textContent = text;
@@ -109,10 +115,10 @@ function thumbPoints(angleOf) {
 function drawSkeleton(canvas, angles, side) {
   const { pen, width, height } = brush(canvas);
   const mirror = side === "left" ? -1 : 1;
-  const scale = Math.min(width / 17, height / 21);
+  const scale = Math.min(width / 17, height / 23);
   const place = (point) => {
     const at = projected(point, mirror);
-    return { x: width / 2 + (at.x - mirror * 0.6) * scale, y: height * 0.64 - at.y * scale, z: at.z };
+    return { x: width / 2 + (at.x - mirror * 0.6) * scale, y: height * 0.7 - at.y * scale, z: at.z };
   };
   const angleOf = (name) => angles.get(name);
   pen.lineCap = pen.lineJoin = "round";
@@ -281,11 +287,14 @@ class HandView {
     const titles = { currents: "current", temperatures: "temperature" };
     const told = Object.keys(titles).filter((key) => data[key]);
     for (const [text, span] of [["#", 1], ["position", 2], ...told.map((key) => [titles[key], 2])]) {
-      const cell = make("th", "", text);
+      const cell = make("th", span === 1 ? "count" : "", text);
       cell.scope = "col";
       cell.colSpan = span;
       head.append(cell);
     }
+    const columns = make("colgroup");
+    for (const name of ["count", "", "number", ...told.flatMap(() => ["number", ""])]) columns.append(make("col", name));
+    this.find("section.motors table").prepend(columns);
     this.find("section.motors .errors").hidden = !data.errors;
     this.motors = data.positions.map((_, i) => {
       const row = make("tr");
@@ -351,7 +360,7 @@ class HandView {
       ["round trip", `${(link.p50_us / 1000).toFixed(2)} ms, p99 ${(link.p99_us / 1000).toFixed(2)} ms`],
       ["requests", `${link.requests}, ${link.timeouts} without an answer, ${link.bad_replies} with a bad one`],
       ["not sent", link.send_failures],
-      ["foreign frames", link.unmatched_frames],
+      ["frames for others", link.unmatched_frames],
     ]);
   }
 
@@ -380,7 +389,7 @@ class HandView {
     this.joints.forEach(({ joint, bar, number }, i) => {
       const part = (data.angles[i] - joint.lower) / (joint.upper - joint.lower || 1);
       bar.style.transform = `scaleX(${Math.max(0, Math.min(1, part))})`;
-      write(number, data.angles[i].toFixed(3));
+      write(number, fixed(data.angles[i], 3));
     });
   }
 
@@ -500,7 +509,7 @@ class Control {
       this.mode.value = "";
       slider.show();
     });
-    slider.show = () => write(output, Number(input.value).toFixed(digits));
+    slider.show = () => write(output, fixed(Number(input.value), digits));
     label.append(make("span", "", row.text), input, output);
     this.view.find(".sliders").append(label);
     return slider;
