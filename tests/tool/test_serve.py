@@ -20,6 +20,7 @@ class Site:
     def __init__(self, sim, *options):
         self.process = sim.start("serve", "--port", "0", *options)
         self.url = self.process.stdout.readline().strip()
+        assert self.url, self.process.communicate()[1]
         parts = urllib.parse.urlsplit(self.url)
         self.host, self.port, self.netloc = parts.hostname, parts.port, parts.netloc
         self.token = parts.query.removeprefix("token=")

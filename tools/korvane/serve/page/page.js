@@ -104,12 +104,12 @@ function fingerPoints(name, angleOf, sign) {
   return chain(base, [-Math.sin(sideways), Math.cos(sideways), 0], [0, 0, 1], lengths, bends);
 }
 
-/** The first two joints set the thumb against the palm, the others bend it. */
+/** The first two joints set the thumb beside the palm or in front of it, the others bend it. */
 function thumbPoints(angleOf) {
   const joint = (i) => Math.abs(angleOf("thumb_" + i) || 0);
-  const opposed = joint(2), lifted = 1.0 - 0.55 * joint(1);
-  const direction = unit([Math.sin(lifted) * Math.cos(opposed), Math.cos(lifted), Math.sin(lifted) * Math.sin(opposed)]);
-  return chain([2.6, -2.4, 0.4], direction, unit([-0.9, 0.1, 0.3]), [3.4, 2.7, 2.1], [joint(3), joint(4), joint(5)]);
+  const aside = Math.cos(joint(2)), before = Math.sin(joint(2));
+  const direction = unit([0.85 * aside, 0.55 * aside - 0.45 * before + 0.4 * joint(1), 0.85 * before]);
+  return chain([2.6, -2.4, 0.4], direction, [-0.4, 0.9, 0.1], [3.4, 2.7, 2.1], [joint(3), joint(4), joint(5)]);
 }
 
 function drawSkeleton(canvas, angles, side) {

@@ -1,0 +1,178 @@
+"""The page of serve in a real browser: what it shows, and how a hand is moved from it.
+
+With KORVANE_PICTURES, a folder, the pictures of docs/serve.md are made there.
+"""
+
+import os
+import pathlib
+import shutil
+
+import pytest
+from conftest import LIMIT
+from test_serve import Site
+
+webdriver = pytest.importorskip("selenium.webdriver", reason="the page is tried where python3-selenium is installed")
+if not shutil.which("chromium") or not shutil.which("chromedriver"):
+    pytest.skip("the page is tried where chromium and chromium-driver are installed", allow_module_level=True)
+
+import selenium.webdriver.chrome.service  # noqa: E402  where it is there at all
+import selenium.webdriver.common.action_chains  # noqa: E402
+import selenium.webdriver.support.wait  # noqa: E402
+
+SPACE = "\ue00d"
+PICTURES = os.environ.get("KORVANE_PICTURES")
+
+
+class Browser:
+    def __init__(self):
+        options = webdriver.ChromeOptions()
+        options.binary_location = shutil.which("chromium")
+        for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage"):
+            options.add_argument(argument)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        service = webdriver.chrome.service.Service(shutil.which("chromedriver"))
+        self.driver = webdriver.Chrome(service=service, options=options)
+
+    def look_at(self, url, width=1280, height=900, scheme="light"):
+        screen = {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 500}
+        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", screen)
+        media = [{"name": "prefers-color-scheme", "value": scheme}]
+        self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": media})
+        self.driver.get_log("browser")
+        self.driver.get(url)
+        self.wait("return document.querySelectorAll('.link dd').length > 0")
+
+    def run(self, script):
+        return self.driver.execute_script(script)
+
+    def wait(self, script):
+        waiting = webdriver.support.wait.WebDriverWait(self.driver, LIMIT, 0.05)
+        return waiting.until(lambda driver: driver.execute_script(script), script)
+
+    def text(self, selector):
+        return self.run(f"return document.querySelector({selector!r}).textContent")
+
+    def wait_for_text(self, selector, text):
+        self.wait(f"return document.querySelector({selector!r}).textContent.includes({text!r})")
+
+    def complaints(self):
+        return [line["message"] for line in self.driver.get_log("browser")]
+
+    def keys(self):
+        return webdriver.common.action_chains.ActionChains(self.driver)
+
+    def find(self, selector):
+        return self.driver.find_element("css selector", selector)
+
+
+@pytest.fixture(scope="module")
+def browser():
+    made = Browser()
+    yield made
+    made.driver.quit()
+
+
+@pytest.fixture
+def serve():
+    sites = []
+
+    def start(sim, *options):
+        sites.append(Site(sim, *options))
+        return sites[-1]
+
+    yield start
+    for site in sites:
+        site.end()
+
+
+ANGLE = "parseFloat([...document.querySelectorAll('.joints tr')].find(r => r.textContent.includes('index flexion')).lastChild.textContent)"
+TOUCH = "[...document.querySelectorAll('figcaption span')].reduce((sum, s) => sum + Number(s.textContent), 0)"
+PRESSED = "document.querySelector('.hold').getAttribute('aria-pressed')"
+
+
+def test_the_page_shows_every_model_and_only_shows(sim, serve, browser):
+    hands = [("brisa", 1), ("tessel", 2), ("quill", 3), ("lumen", 4), ("vanta", 5)]
+    site = serve(sim, *[word for model, i in hands for word in ("-H", sim.address("zlg", model, i))])
+    browser.look_at(site.url)
+    browser.wait("return [...document.querySelectorAll('.state')].filter(s => s.textContent === 'live').length === 5")
+    assert browser.text("#connection") == "Connected"
+    rows = browser.run("return [...document.querySelectorAll('.hand')].map(h => h.querySelectorAll('.motors tbody tr').length)")
+    assert rows == [10, 12, 10, 4, 20]
+    drawn = "return [...document.querySelectorAll('.figure')].every(c => c.getContext('2d').getImageData(0, 0, c.width, c.height).data.some(Boolean))"
+    assert browser.run(drawn)
+    assert browser.run("return [...document.querySelectorAll('.control')].every(c => c.hidden)")
+    unnamed = "return [...document.querySelectorAll('canvas, input, button, select')].filter(e => !e.getAttribute('aria-label') && !e.textContent && !e.closest('label')).length"
+    assert browser.run(unnamed) == 0
+    assert browser.complaints() == []
+
+
+def test_the_hand_moves_on_the_page_while_the_switch_is_held(sim, serve, browser):
+    address = sim.address("zlg")
+    assert sim.korvane("move", "-H", address, "--gesture", "0").status == 0
+    site = serve(sim, "-H", address, "--allow-control")
+    browser.look_at(site.url)
+    browser.wait(f"return {ANGLE} < 0.1 && document.querySelectorAll('figcaption').length === 7")
+    browser.run("window.jumps = []; new PerformanceObserver(l => jumps.push(...l.getEntries().map(e => e.value))).observe({type: 'layout-shift'})")
+    before = browser.run(f"return [document.querySelector('.figure').toDataURL(), {TOUCH}]")
+    browser.find(".take").click()
+    browser.wait_for_text(".owner", "You control this hand")
+    browser.run("document.querySelector('.mode').value = '5'; document.querySelector('.hold').focus()")
+    browser.keys().key_down(SPACE).perform()
+    browser.wait(f"return {ANGLE} > 0.3")
+    assert browser.run(f"return {PRESSED}") == "true"
+    browser.wait(f"return {TOUCH} > {before[1]} && document.querySelector('.figure').toDataURL() !== {before[0]!r}")
+    # Another window comes to the front.
+    browser.run("window.dispatchEvent(new Event('blur'))")
+    assert browser.run(f"return {PRESSED}") == "false"
+    assert site.event(lambda e: e["control"]["target"] is None)["angles"][6] < 1.4
+    browser.keys().key_up(SPACE).perform()
+    # A slider goes by its own limits; the hand follows while the switch is held, by the mouse too.
+    browser.run("const s = [...document.querySelectorAll('.sliders label')].find(l => l.textContent.includes('index flexion')).querySelector('input'); s.value = 99; s.dispatchEvent(new Event('input'))")
+    browser.keys().click_and_hold(browser.find(".hold")).perform()
+    browser.wait(f"return {ANGLE} > 1.45")
+    browser.keys().release().perform()
+    site.event(lambda e: e["control"]["target"] is None)
+    # Numbers that get longer count a little.
+    assert sum(browser.run("return window.jumps")) < 0.01 and browser.complaints() == []
+    browser.find(".take").click()
+    site.event(lambda e: e["control"]["owner"] is None)
+    # Somebody else has it now.
+    owner = site.post("1/control", {"action": "take"})[1]["owner"]
+    browser.wait_for_text(".owner", f"Browser {owner} controls this hand")
+    assert not browser.find(".take").is_enabled() and not browser.find(".hold").is_enabled()
+
+
+def test_a_hand_that_goes_and_a_server_that_ends_are_told(make_sim, serve, browser):
+    sim = make_sim("--serial-unplug-after=700", "--serial-replug-ms=3000")
+    site = serve(sim, "-H", sim.address("serial"))
+    browser.look_at(site.url)
+    browser.wait_for_text(".state", "gone")
+    browser.wait_for_text(".trouble", "No answer")
+    browser.wait_for_text("#news", "is gone")
+    browser.wait_for_text(".state", "live")
+    browser.wait_for_text("#news", "is back")
+    assert browser.text(".trouble") == "" and browser.complaints() == []
+    assert site.end()[0] == 0
+    browser.wait_for_text("#connection", "is lost")
+
+
+def test_a_browser_is_let_in_by_the_token_and_forgets_it(sim, serve, browser):
+    site = serve(sim, "-H", sim.address("zlg"), "--bind", "127.0.0.1")
+    browser.look_at(site.url)
+    assert browser.driver.current_url == f"http://{site.netloc}/" and browser.complaints() == []
+    browser.look_at(f"http://{site.netloc}/")
+    assert browser.run("return document.cookie") == ""
+
+
+@pytest.mark.parametrize("width, height, scheme", [(360, 1900, "light"), (360, 1900, "dark"), (1920, 800, "light"), (1920, 800, "dark")])
+def test_nothing_is_wider_than_the_screen(sim, serve, browser, width, height, scheme):
+    address = sim.address("zlg")
+    assert sim.korvane("move", "-H", address, "--gesture", "3").status == 0
+    site = serve(sim, "-H", address, "--allow-control")
+    browser.look_at(site.url, width, height, scheme)
+    browser.wait("return document.querySelectorAll('figcaption').length === 7")
+    too_wide = "return [...document.querySelectorAll('main *')].filter(e => e.getBoundingClientRect().right > innerWidth).map(e => e.className)"
+    assert browser.run(too_wide) == []
+    if PICTURES:
+        browser.wait("return Number(document.querySelectorAll('.link dd')[1].textContent.split(' ')[2]) > 900")
+        browser.driver.save_screenshot(str(pathlib.Path(PICTURES) / f"serve-{width}-{scheme}.png"))
