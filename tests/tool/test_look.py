@@ -132,7 +132,7 @@ def test_watch_ends_when_the_hand_has_gone(make_sim, fault, link, status):
 
 @pytest.mark.parametrize(
     "command",
-    ["find PORT", "info", "doctor", "watch", "record", "move --gesture 1", "bench", "service report", "update -y /bin/true"],
+    ["find PORT", "info", "doctor", "watch", "record", "move --gesture 1", "bench", "serve --port 0", "service report", "update -y /bin/true"],
 )
 def test_ctrl_c_ends_a_command_that_waits_for_a_hand(make_sim, command):
     sim = make_sim("--silent-after", "0")

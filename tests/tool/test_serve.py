@@ -212,7 +212,9 @@ def test_who_binds_to_an_address_needs_the_token(sim, serve):
 @pytest.mark.parametrize(
     "options, status, text",
     [
-        (["--bind", "example.org"], 2, "no IPv4 or IPv6 address"),
+        (["--bind", "example.org"], 2, "isn't one IPv4 or IPv6 address"),
+        (["--bind", "0.0.0.0"], 2, "isn't one IPv4 or IPv6 address"),
+        (["--bind", "::0"], 2, "isn't one IPv4 or IPv6 address"),
         (["--bind", "192.0.2.1"], 1, "192.0.2.1"),
         (["--rate", "1000"], 2, "--rate"),
         (["-H", "zlg:0.0:brisa:1"], 2, "more than once"),

@@ -58,8 +58,8 @@ struct HttpAnswer {
 /// Reads a request from the bytes of a connection as they come.
 class HttpReader {
  public:
-  static constexpr std::size_t kMostHead = 16 * 1024;
-  static constexpr std::size_t kMostBody = 64 * 1024;
+  static constexpr std::size_t kMostHead = 16384;
+  static constexpr std::size_t kMostBody = 65536;
 
   /// Adds bytes. Returns a status of 400 or more once it is clear that they are no request that is
   /// taken, otherwise 0.

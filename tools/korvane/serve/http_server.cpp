@@ -29,9 +29,15 @@ constexpr auto kSendTime = std::chrono::seconds(10);     // without a byte that 
 constexpr auto kFarewellTime = std::chrono::seconds(1);  // for what a refused client still sends
 constexpr int kPollMs = 250;
 constexpr int kBacklog = 64;
-constexpr std::size_t kChunk = 16 * 1024;
+constexpr std::size_t kChunk = 16384;
 /// What the kernel keeps for a client that doesn't read: a few readings, rather than a minute.
-constexpr int kSendBuffer = 64 * 1024;
+constexpr int kSendBuffer = 65536;
+
+/// "127.0.0.1:80" or "[::1]:80".
+std::string HostText(const std::string& address, int port) {
+  const bool is_v6 = address.find(':') != std::string::npos;
+  return fmt::format(is_v6 ? "[{}]:{}" : "{}:{}", address, port);
+}
 
 /// An address of either family as the system takes it.
 struct SocketAddress {
@@ -198,12 +204,12 @@ class HttpConnection {
   std::size_t sent_ = 0;
 };
 
-std::string HostText(const std::string& address, int port) {
-  const bool is_v6 = address.find(':') != std::string::npos;
-  return fmt::format(is_v6 ? "[{}]:{}" : "{}:{}", address, port);
+bool IsOneAddress(const std::string& text) {
+  SocketAddress address;
+  if (!address.Parse(text, 0)) return false;
+  const std::string host = address.Host();
+  return host != HostText("0.0.0.0", 0) && host != HostText("::", 0);
 }
-
-bool IsAddress(const std::string& text) { return SocketAddress().Parse(text, 0); }
 
 HttpServer::HttpServer(const std::string& address, int port, Handler handler)
     : handler_(std::move(handler)), event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -219,7 +225,7 @@ HttpServer::HttpServer(const std::string& address, int port, Handler handler)
     throw ToolError(kFailed, fmt::format("{}: {}; --port names another one, 0 any that is free",
                                          HostText(address, port), reason));
   }
-  port_ = LocalAddress(socket_).Port();
+  host_ = LocalAddress(socket_).Host();
 }
 
 HttpServer::~HttpServer() {

@@ -30,7 +30,8 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  int Port() const { return port_; }
+  /// Address and port, as they stand in a URL.
+  const std::string& Host() const { return host_; }
   /// Serves until Stop.
   void Run();
   /// Any thread.
@@ -48,14 +49,12 @@ class HttpServer {
   Handler handler_;
   int socket_ = -1;
   int event_ = -1;
-  int port_ = 0;
+  std::string host_;
   std::atomic<bool> stopped_{false};
   std::vector<std::unique_ptr<HttpConnection>> connections_;
 };
 
-/// "127.0.0.1:80" or "[::1]:80".
-std::string HostText(const std::string& address, int port);
-/// Whether that is an IPv4 or IPv6 address.
-bool IsAddress(const std::string& text);
+/// Whether that is an IPv4 or IPv6 address, of one place.
+bool IsOneAddress(const std::string& text);
 
 }  // namespace korvane_tool

@@ -55,8 +55,8 @@ class Serve : public Command {
   }
 
   int Run(Tool& tool) override {
-    if (!bind_.empty() && !IsAddress(bind_))
-      throw ToolError(kUsage, fmt::format("--bind: \"{}\" is no IPv4 or IPv6 address", bind_));
+    if (!bind_.empty() && !IsOneAddress(bind_))
+      throw ToolError(kUsage, fmt::format("--bind: \"{}\" isn't one IPv4 or IPv6 address", bind_));
     std::vector<std::unique_ptr<HandFeed>> feeds;
     Site site({bind_.empty() ? std::string() : NewSecret(), feed_.allows_control}, feeds);
     HttpServer server(bind_.empty() ? kLoopback : bind_, port_,
@@ -88,8 +88,7 @@ class Serve : public Command {
   }
 
   void Announce(const Tool& tool, const HttpServer& server, const Site& site) const {
-    const std::string address = bind_.empty() ? kLoopback : bind_;
-    std::string url = "http://" + HostText(address, server.Port()) + "/";
+    std::string url = "http://" + server.Host() + "/";
     if (!site.Token().empty()) url += "?token=" + site.Token();
     tool.Print(url + "\n");
     tool.PrintJson({{"url", url}, {"token", site.Token().empty() ? Json() : Json(site.Token())}});

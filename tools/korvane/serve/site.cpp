@@ -84,7 +84,8 @@ HttpAnswer ChangeControl(const Json& body, const std::string& secret, ControlDes
   return JsonAnswer(Json::object());
 }
 
-/// All hands in one stream, since browsers open only a few connections to one server. For one client.
+/// All hands in one stream, since browsers open only a few connections to one server. For one
+/// client.
 class AllHands : public Newest {
  public:
   explicit AllHands(const std::vector<std::unique_ptr<HandFeed>>& hands) : last_(hands.size()) {
