@@ -16,6 +16,9 @@ class HttpConnection;
 /// does, or leaves undone, makes another one wait or takes more than a bounded room: there are so
 /// many connections at most, the oldest that waits for a request goes when there are more, and one
 /// that is late with its request, or takes nothing, is closed.
+///
+/// No library stands behind it: the one that Debian has keeps heads of any size in memory, and
+/// gives each client a thread.
 class HttpServer {
  public:
   static constexpr std::size_t kMostConnections = 128;
