@@ -18,7 +18,8 @@ class Site:
     """`korvane serve` as a program sees it that speaks plain HTTP."""
 
     def __init__(self, sim, *options):
-        self.process = sim.start("serve", "--port", "0", *options)
+        # A busy machine keeps a reply for longer than a hand may.
+        self.process = sim.start("serve", "--port", "0", "--timeout", "500", *options)
         self.url = self.process.stdout.readline().strip()
         assert self.url, self.process.communicate()[1]
         parts = urllib.parse.urlsplit(self.url)
@@ -86,7 +87,7 @@ def serve(sim):
 def controlled(sim, serve):
     """A hand that may be moved, at a known place."""
     address = sim.address("zlg")
-    assert sim.korvane("move", "-H", address, "--to", "4000").status == 0
+    assert sim.korvane("move", "--timeout", "500", "-H", address, "--to", "4000").status == 0
     return serve("-H", address, "--allow-control")
 
 
