@@ -229,6 +229,10 @@ function drawScale(canvas) {
 
 // ---- one hand
 
+function whyGone({ kind, text, advice }) {
+  return (kind === "REFUSED" ? "" : "No answer: ") + text + (advice ? ". " + advice : "");
+}
+
 class HandView {
   constructor(hand, controlAllowed) {
     this.hand = hand;
@@ -372,8 +376,7 @@ class HandView {
     }
     this.root.classList.toggle("gone", gone);
     write(state, gone ? "gone" : "live");
-    const text = gone ? `No answer: ${data.failure.text}${data.failure.advice ? ". " + data.failure.advice : ""}` : this.control?.trouble || "";
-    write(this.find(".trouble"), text);
+    write(this.find(".trouble"), gone ? whyGone(data.failure) : this.control?.trouble || "");
   }
 
   drawPose(data) {
