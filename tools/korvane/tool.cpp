@@ -102,6 +102,7 @@ std::vector<HandAddress> Tool::Addresses() const {
                     "those that are there");
   }
   std::vector<HandAddress> addresses;
+  addresses.reserve(named.size());
   for (const std::string& text : named) addresses.push_back(Need(HandAddress::Parse(text)));
   return addresses;
 }
