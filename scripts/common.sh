@@ -39,14 +39,18 @@ need() {
   as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# Configures and builds a preset, or some targets of it; quiet unless it fails.
+# build_preset PRESET [-DSETTING]... [TARGET]...: configures and builds it; quiet unless it fails.
 build_preset() {
-  local preset=$1 targets=() log
+  local preset=$1 settings=() targets=() log
   shift
+  while [[ ${1:-} == -D* ]]; do
+    settings+=("$1")
+    shift
+  done
   [ $# -eq 0 ] || targets=(--target "$@")
   log=$(mktemp)
   say "Building: $preset"
-  if ! { cmake --preset "$preset" && cmake --build --preset "$preset" "${targets[@]}"; } >"$log" 2>&1; then
+  if ! { cmake --preset "$preset" "${settings[@]}" && cmake --build --preset "$preset" "${targets[@]}"; } >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
     return 1
