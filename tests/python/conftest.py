@@ -6,6 +6,7 @@ KORVANE_BUILD is the build folder, whose package is imported.
 import ctypes
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 
@@ -17,6 +18,8 @@ FIVE = {"brisa": 1, "tessel": 2, "quill": 3, "lumen": 4, "vanta": 5}
 #: More than anything takes, and less than a test may.
 LIMIT = 120
 
+# What is started in the background of a script ignores Ctrl-C, and so would all that it starts.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 os.environ["PATH"] = f"{BUILD / 'bin'}:{os.environ['PATH']}"
 os.environ["PYTHONPATH"] = str(BUILD / "python")
 sys.path.insert(0, str(BUILD / "python"))
