@@ -183,8 +183,7 @@ class Finder {
     address.model = model;
     address.id = hand.id;
     // Places may overlap, as "can0" and "can0:brisa:1" do.
-    const std::string name = address.ToString();
-    const auto is_same = [&](const FoundHand& other) { return other.address.ToString() == name; };
+    const auto is_same = [&](const FoundHand& other) { return other.address == address; };
     if (std::any_of(result_.hands.begin(), result_.hands.end(), is_same)) return;
     result_.hands.push_back({address, *model, hand.id, hand.vendor});
   }
