@@ -25,7 +25,6 @@ namespace {
 
 using namespace korvane_ros2;  // the bridge is all that this file is about
 namespace kv = talvera::korvane;
-using kv::FailureKind;
 
 constexpr int kLibraryLinesPerSecond = 1;
 
@@ -33,40 +32,12 @@ void WriteLibraryLine(kv::LogLevel, std::string_view line) {
   std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
 }
 
-/// A refusal doesn't say whether another model answers or several hands do: asks again who is
-/// there.
-ExitStatus StatusOfRefusal(const kv::HandAddress& address) {
-  kv::FindOptions options;
-  options.places = {address};
-  const auto found = FindHands(options).hands;
-  const auto meant = std::count_if(found.begin(), found.end(), [&](const kv::FoundHand& hand) {
-    return !address.model || hand.model == *address.model;
-  });
-  return meant > 1 ? kSeveral : kOtherModel;
-}
-
-ExitStatus StatusOf(const kv::Failure& failure, const kv::HandAddress& address) {
-  switch (failure.kind) {
-    case FailureKind::BAD_ARGUMENT:
-      return kUsage;
-    case FailureKind::NO_LINK:
-    case FailureKind::SEND_FAILED:
-      return kNoLink;
-    case FailureKind::NO_REPLY:
-      return kNobody;
-    case FailureKind::REFUSED:
-      return StatusOfRefusal(address);
-    default:
-      return kFailed;
-  }
-}
-
 /// The hand, once it has answered; `options` then has its model and its id.
 std::unique_ptr<kv::KorvaneBase> Open(HandOptions& options) {
   auto hand = kv::OpenHand(options.address);
   if (!hand) {
     const std::string advice = AdviceOn(hand.failure());
-    throw ProgramError(StatusOf(hand.failure(), options.address),
+    throw ProgramError(korvane_tool::StatusOfOpening(hand.failure(), options.address),
                        hand.failure().text + (advice.empty() ? "" : "\n" + advice));
   }
   options.address.model = static_cast<kv::Model>((*hand)->model_code);
@@ -86,7 +57,8 @@ bool MayRenew(const HandOptions& hand, const std::vector<HandOptions>& all) {
 void ListJoints(const Options& options) {
   for (const HandOptions& hand : options.hands) {
     if (!hand.address.model) {
-      throw ProgramError(kUsage, "--list-joints needs the model in the address, as in can0:brisa");
+      throw ProgramError(korvane_tool::kUsage,
+                         "--list-joints needs the model in the address, as in can0:brisa");
     }
     for (const Axis& axis :
          JointRules(*hand.address.model, hand.address.side, hand.prefix, 0).axes) {
@@ -148,19 +120,19 @@ int Run(int argc, char** argv) {
   kv::SetLogSink(kv::RateLimitedLog(kLibraryLinesPerSecond, WriteLibraryLine));
   kv::SetDefaultReceiving(kv::Receiving::BY_EVENTS);
   const auto options = ReadOptions(argc, argv);
-  if (!options) return kDone;
+  if (!options) return korvane_tool::kDone;
   if (options->lists_joints) {
     ListJoints(*options);
   } else {
     Serve(*options);
   }
-  return kDone;
+  return korvane_tool::kDone;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int status = kFailed;
+  int status = korvane_tool::kFailed;
   try {
     return Run(argc, argv);
   } catch (const ProgramError& error) {

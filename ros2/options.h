@@ -8,21 +8,14 @@
 #include <string>
 #include <vector>
 
+#include "../tools/korvane/exit_status.h"
 #include "command_gate.h"
 #include "dds.h"
 
 namespace korvane_ros2 {
 
-/// How the program ends; the same as those of the tool `korvane`.
-enum ExitStatus : int {
-  kDone = 0,
-  kFailed = 1,
-  kUsage = 2,
-  kNoLink = 3,
-  kNobody = 4,
-  kOtherModel = 5,
-  kSeveral = 6,
-};
+// It ends as the tool `korvane` does.
+using korvane_tool::ExitStatus;
 
 /// Ends the program with a status and a reason.
 class ProgramError : public std::runtime_error {

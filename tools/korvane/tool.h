@@ -97,10 +97,6 @@ struct CommonOptions {
 /// Adds them to a command's own.
 void AddCommonOptions(Options command, CommonOptions& options);
 
-/// The status for a hand that wasn't opened. A refusal doesn't say whether another model answers or
-/// several hands do: asks again who is there.
-ExitStatus StatusOfOpening(const Failure& failure, const HandAddress& address);
-
 /// What all commands share: their common options, the hands that these name, and the output.
 class Tool {
  public:
