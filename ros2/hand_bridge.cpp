@@ -140,7 +140,7 @@ bool HandBridge::IsTurn(double times) const {
 }
 
 void HandBridge::UseHand() {
-  kinematics_ = KinematicsOf(*hand_);
+  kinematics_ = korvane_common::KinematicsOf(*hand_);
   if (timeout_ms_ != 0) hand_->SetFrameRecvTimeout(timeout_ms_);
   last_answer_ = Clock::now();
   failures_ = 0;

@@ -16,7 +16,7 @@
 #include "command_gate.h"
 #include "endpoints.h"
 #include "health.h"
-#include "kinematics.h"
+#include "joint_rules.h"
 #include "mailbox.h"
 #include "options.h"
 

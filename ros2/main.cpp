@@ -17,7 +17,7 @@
 #include "dds.h"
 #include "graph.h"
 #include "hand_bridge.h"
-#include "kinematics.h"
+#include "joint_rules.h"
 #include "messages.h"
 #include "options.h"
 
@@ -37,7 +37,7 @@ std::unique_ptr<kv::KorvaneBase> Open(HandOptions& options) {
   auto hand = kv::OpenHand(options.address);
   if (!hand) {
     const std::string advice = AdviceOn(hand.failure());
-    throw ProgramError(korvane_tool::StatusOfOpening(hand.failure(), options.address),
+    throw ProgramError(korvane_common::StatusOfOpening(hand.failure(), options.address),
                        hand.failure().text + (advice.empty() ? "" : "\n" + advice));
   }
   options.address.model = static_cast<kv::Model>((*hand)->model_code);
@@ -57,7 +57,7 @@ bool MayRenew(const HandOptions& hand, const std::vector<HandOptions>& all) {
 void ListJoints(const Options& options) {
   for (const HandOptions& hand : options.hands) {
     if (!hand.address.model) {
-      throw ProgramError(korvane_tool::kUsage,
+      throw ProgramError(korvane_common::kUsage,
                          "--list-joints needs the model in the address, as in can0:brisa");
     }
     for (const Axis& axis :
@@ -120,19 +120,19 @@ int Run(int argc, char** argv) {
   kv::SetLogSink(kv::RateLimitedLog(kLibraryLinesPerSecond, WriteLibraryLine));
   kv::SetDefaultReceiving(kv::Receiving::BY_EVENTS);
   const auto options = ReadOptions(argc, argv);
-  if (!options) return korvane_tool::kDone;
+  if (!options) return korvane_common::kDone;
   if (options->lists_joints) {
     ListJoints(*options);
   } else {
     Serve(*options);
   }
-  return korvane_tool::kDone;
+  return korvane_common::kDone;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int status = korvane_tool::kFailed;
+  int status = korvane_common::kFailed;
   try {
     return Run(argc, argv);
   } catch (const ProgramError& error) {

@@ -114,8 +114,8 @@ void CheckNamesDiffer(const std::vector<HandOptions>& hands) {
   std::set<std::string> spaces;
   for (const HandOptions& hand : hands) {
     if (!spaces.insert(hand.space).second) {
-      throw ProgramError(korvane_tool::kUsage, "two hands have the namespace " + hand.space +
-                                                   "; give one with -H ADDRESS=/NAMESPACE");
+      throw ProgramError(korvane_common::kUsage, "two hands have the namespace " + hand.space +
+                                                     "; give one with -H ADDRESS=/NAMESPACE");
     }
   }
 }
@@ -125,11 +125,11 @@ void AddHands(const Given& given, Options& options) {
   const std::string usual = FromEnvironment("KORVANE_HAND");
   if (texts.empty() && !usual.empty()) texts.push_back(usual);
   if (texts.empty()) {
-    throw ProgramError(korvane_tool::kUsage,
+    throw ProgramError(korvane_common::kUsage,
                        "which hand? Name it with -H ADDRESS or in KORVANE_HAND");
   }
   if (texts.size() > 1 && (given.prefix || given.frame_id)) {
-    throw ProgramError(korvane_tool::kUsage, "--joint-prefix and --frame-id are for one hand");
+    throw ProgramError(korvane_common::kUsage, "--joint-prefix and --frame-id are for one hand");
   }
   for (const std::string& text : texts) {
     HandOptions hand = ParseHand(text);
@@ -145,12 +145,12 @@ void AddHands(const Given& given, Options& options) {
 HandOptions ParseHand(const std::string& text) {
   const auto mark = text.rfind("=/");
   const auto address = kv::HandAddress::Parse(text.substr(0, mark));
-  if (!address) throw ProgramError(korvane_tool::kUsage, address.failure().text);
+  if (!address) throw ProgramError(korvane_common::kUsage, address.failure().text);
   const std::string side = SideOf(*address);
   HandOptions hand{*address, "/korvane/" + side, side + "_", side + "_hand_base"};
   if (mark != std::string::npos) hand.space = text.substr(mark + 1);
   if (!IsNamespace(hand.space)) {
-    throw ProgramError(korvane_tool::kUsage,
+    throw ProgramError(korvane_common::kUsage,
                        hand.space +
                            " is no namespace of ROS 2: names of letters, digits and single "
                            "underscores, each after a slash");
@@ -172,7 +172,7 @@ std::optional<Options> ReadOptions(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (app.exit(error) == 0) return std::nullopt;
-    throw ProgramError(korvane_tool::kUsage, "");
+    throw ProgramError(korvane_common::kUsage, "");
   }
   options.is_humble = given.ros == "humble";
   options.gate.check_age = !given.takes_any_age;

@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "../tools/korvane/exit_status.h"
 #include "command_gate.h"
+#include "common/exit_status.h"
 #include "dds.h"
 
 namespace korvane_ros2 {
 
 // It ends as the tool `korvane` does.
-using korvane_tool::ExitStatus;
+using korvane_common::ExitStatus;
 
 /// Ends the program with a status and a reason.
 class ProgramError : public std::runtime_error {

@@ -15,8 +15,9 @@ LEVELS = [{"util"}, {"can", "serial", "solver"}, {"update"}, {"hand"}, {"protoco
           {"protocol/serial"}, {"factories"}]
 LEVEL = {room: level for level, rooms in enumerate(LEVELS) for room in rooms}
 OUTSIDE = {"examples", "tools", "python", "ros2"}  # use the library as any program does
+SHARED = "tools/common"  # what some of them share, which knows none of them
 FOLDERS = {"src", "include", "sim"} | OUTSIDE
-SEARCHED = ("src", "include", "sim/src", "sim/include")
+SEARCHED = ("src", "include", "sim/src", "sim/include", "tools")
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^">]+)[">]', re.M)
 
 
@@ -27,7 +28,7 @@ def area_of(path):
         return "/".join(parts[1:3] if parts[1] == "protocol" else parts[1:2])
     if parts[0] == "sim":
         return "sim/include" if parts[1] == "include" else "sim"
-    return parts[0]
+    return SHARED if path.is_relative_to(SHARED) else parts[0]
 
 
 def may_include(user, used):
@@ -36,7 +37,9 @@ def may_include(user, used):
     if user == "sim":
         return used in ("sim", "sim/include", "util")
     if user in OUTSIDE:
-        return used in ("include", "sim/include", user)
+        return used in ("include", "sim/include", SHARED, user)
+    if user == SHARED:
+        return used in ("include", SHARED)
     return used == user
 
 
@@ -72,6 +75,9 @@ GOOD = {
     "src/protocol/can/engine.h": '#include "can/bus.h"',
     "sim/src/hand.cpp": '#include "util/text.h"',
     "examples/motion.cpp": "#include <korvane.h>",
+    "tools/common/status.h": "#include <korvane.h>",
+    "tools/korvane/tool.h": "",
+    "ros2/options.cpp": '#include "common/status.h"',
 }
 BAD = {
     "src/util/text.cpp": '#include "can/bus.h"',
@@ -82,6 +88,8 @@ BAD = {
     "sim/src/world.cpp": "#include <korvane.h>",
     "examples/tour.cpp": '#  include "util/text.h"',
     "src/attic/old.cpp": "",
+    "ros2/main.cpp": '#include "korvane/tool.h"',
+    "tools/common/motion.cpp": '#include "korvane/tool.h"',
 }
 
 

@@ -120,6 +120,15 @@ TEST(FindOnTheKernel, ListsTheHandsOfAnInterface) {
   EXPECT_EQ(answer.document["hands"][1]["address"], "vcan0:tessel:2");
 }
 
+/// Two simulators, as one gives no two hands of a bus the same id.
+TEST(ServiceOnTheKernel, RefusesABusOnWhichOthersShareAnId) {
+  const char* const can = std::getenv("KORVANE_TEST_CAN");
+  const test::SimulatorProcess one({"--can", can, "--hand", "brisa:1", "--hand", "lumen:4"});
+  const test::SimulatorProcess other({"--can", can, "--hand", "vanta:4"});
+  ASSERT_TRUE(one.AwaitReady() && other.AwaitReady()) << one.Said() << other.Said();
+  EXPECT_EQ(Ask("service report -H vcan0:brisa:1").status, 6);
+}
+
 /// What the other commands do on any link, tests/tool tries on links that need no kernel.
 TEST(ToolOnTheKernel, EveryCommandReachesItsHand) {
   const test::SimulatorProcess simulator({"--can", std::getenv("KORVANE_TEST_CAN"), "--hand",

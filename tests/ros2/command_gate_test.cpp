@@ -10,7 +10,7 @@
 #include <string>
 
 #include "health.h"
-#include "kinematics.h"
+#include "joint_rules.h"
 #include "mailbox.h"
 #include "options.h"
 
@@ -235,7 +235,7 @@ TEST(Health, TheWorstIsTold) {
 
 TEST(Kinematics, AJointThatIsNotNamedKeepsItsMotorToTheUnit) {
   const auto hand = kv::KorvaneTessel::createHandSocketCan(kv::HandType::LEFT, 1, "none");
-  const Kinematics kinematics = KinematicsOf(*hand);
+  const Kinematics kinematics = korvane_common::KinematicsOf(*hand);
   const SpaceRules rules = JointRules(kv::Model::TESSEL, kv::HandType::LEFT, "left_", 3);
   const Pose standing(12, 1003);
   auto angles = kinematics.held(AnglesOf(kinematics, standing));

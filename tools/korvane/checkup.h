@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "exit_status.h"
+#include "common/exit_status.h"
 #include "tool.h"
 
 // What `korvane doctor` finds: for each kind of link a table of checks, from the plug upwards.

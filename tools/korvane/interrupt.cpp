@@ -9,7 +9,7 @@
 #include <csignal>
 #include <cstdint>
 
-#include "exit_status.h"
+#include "common/exit_status.h"
 
 namespace korvane_tool {
 namespace {
@@ -19,7 +19,7 @@ volatile std::sig_atomic_t g_count = 0;
 int g_event = -1;
 
 void OnSignal(int) {
-  if (g_taken == 0) _exit(kInterrupted);
+  if (g_taken == 0) _exit(korvane_common::kInterrupted);
   const int error = errno;
   g_count = g_count + 1;
   const std::uint64_t one = 1;

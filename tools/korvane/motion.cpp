@@ -1,10 +1,6 @@
 #include "motion.h"
 
 #include <fmt/format.h>
-#include <korvane_brisa.h>
-#include <korvane_brisa_solver.h>
-#include <korvane_tessel.h>
-#include <korvane_tessel_solver.h>
 
 #include <algorithm>
 #include <cmath>
@@ -25,39 +21,13 @@ constexpr double kSettleRate = 20;
 constexpr int kSettleReadings = 60;  // 3 s
 constexpr int kStillReadings = 4;
 
-/// The two solvers as one: angles and inputs of all active joints.
-struct Conversions {
-  std::function<std::vector<int>(const std::vector<double>&)> to_inputs;
-  std::function<std::vector<double>(const std::vector<int>&)> to_angles;
-  std::function<std::vector<int>(int)> gesture;
-  /// Angles that the model brings within limits which depend on each other.
-  std::function<std::vector<double>(std::vector<double>)> held;
-};
-
-Conversions ConversionsOf(const OpenedHand& hand) {
-  if (const auto* const brisa = dynamic_cast<const kv::KorvaneBrisa*>(hand.hand.get())) {
-    const auto* const solver = brisa->solver.get();
-    return {[solver](const auto& angles) { return solver->ActiveJointPos2ActuatorInput(angles); },
-            [solver](const auto& inputs) { return solver->ActuatorInput2ActiveJointPos(inputs); },
-            [solver](int gesture) { return solver->SetHandGesture(gesture); },
-            [solver](auto angles) { return solver->ClampJointPos(angles), angles; }};
-  }
-  if (const auto* const tessel = dynamic_cast<const kv::KorvaneTessel*>(hand.hand.get())) {
-    const auto* const solver = tessel->solver.get();
-    return {[solver](const auto& angles) { return solver->ConvertJoint2Actuator(angles); },
-            [solver](const auto& inputs) { return solver->ConvertActuator2Joint(inputs); },
-            [solver](int gesture) { return solver->SetHandGesture(gesture); },
-            [solver](auto angles) { return solver->CheckJointPos(angles), angles; }};
-  }
+/// A usage error for a model without known kinematics.
+Kinematics NeedKinematics(const OpenedHand& hand) {
+  Kinematics kinematics = KinematicsOf(*hand.hand);
+  if (kinematics) return kinematics;
   throw ToolError(kUsage, fmt::format("the joint angles of a {} aren't known; name its motors",
                                       hand.Info().name));
 }
-
-Pose ToPose(const ModelInfo& model, const std::vector<int>& inputs) {
-  return CheckedPose(model, {inputs.begin(), inputs.end()});
-}
-
-std::vector<int> ToInputs(const Pose& pose) { return {pose.begin(), pose.end()}; }
 
 std::string NamesOfJoints(const std::vector<kv::JointInfo>& joints) {
   std::string names;
@@ -176,18 +146,19 @@ Pose GesturePose(const OpenedHand& hand, int gesture) {
                                                 : fmt::format("a {} has the gestures 0 to {}",
                                                               model.name, model.gestures - 1));
   }
-  return ToPose(model, ConversionsOf(hand).gesture(gesture));
+  const auto inputs = NeedKinematics(hand).gesture(gesture);
+  return CheckedPose(model, {inputs.begin(), inputs.end()});
 }
 
 std::vector<double> AnglesOf(const OpenedHand& hand, const Pose& pose) {
-  return ConversionsOf(hand).to_angles(ToInputs(pose));
+  return korvane_common::AnglesOf(NeedKinematics(hand), pose);
 }
 
 Pose WithAngles(const OpenedHand& hand, const Pose& pose, const std::vector<std::string>& names,
                 const std::vector<double>& angles, BeyondLimits beyond) {
-  const Conversions conversions = ConversionsOf(hand);
+  const Kinematics kinematics = NeedKinematics(hand);
   const auto& joints = kv::JointsOf(hand.Info().model, hand.address.side);
-  const std::vector<double> before = AnglesOf(hand, pose);
+  const std::vector<double> before = korvane_common::AnglesOf(kinematics, pose);
   std::vector<double> wanted = before;
   for (std::size_t i = 0; i < names.size(); ++i) {
     const auto joint = std::find_if(joints.begin(), joints.end(), [&](const auto& candidate) {
@@ -200,19 +171,13 @@ Pose WithAngles(const OpenedHand& hand, const Pose& pose, const std::vector<std:
     wanted[static_cast<std::size_t>(joint->active_index)] =
         Allowed(hand, *joint, angles[i], beyond);
   }
-  if (beyond == BeyondLimits::HELD) wanted = conversions.held(wanted);
-  if (conversions.held(wanted) != wanted) {
+  if (beyond == BeyondLimits::HELD) wanted = kinematics.held(wanted);
+  if (kinematics.held(wanted) != wanted) {
     throw ToolError(kUsage,
                     "these angles don't go together: a knuckle's range is narrower where the "
                     "finger stands sideways");
   }
-  // Motors whose joints keep their angles keep their positions to the unit.
-  const auto from = conversions.to_inputs(before);
-  const auto to = conversions.to_inputs(wanted);
-  Pose result = pose;
-  for (std::size_t i = 0; i < result.size(); ++i) {
-    if (from[i] != to[i]) result[i] = static_cast<short>(to[i]);
-  }
+  const Pose result = Moved(kinematics, pose, before, wanted);
   return CheckedPose(hand.Info(), {result.begin(), result.end()});
 }
 

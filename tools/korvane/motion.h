@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "common/kinematics.h"
 #include "interrupt.h"
 #include "tool.h"
 
@@ -11,9 +12,6 @@
 // in which the tool moves hands.
 
 namespace korvane_tool {
-
-/// A position for each motor, in the model's units.
-using Pose = std::vector<short>;
 
 /// Where the motors stand. Throws what failed.
 Pose PoseOf(const OpenedHand& hand);

@@ -12,10 +12,12 @@
 #include <utility>
 #include <vector>
 
-#include "exit_status.h"
+#include "common/exit_status.h"
 #include "options.h"
 
 namespace korvane_tool {
+
+using namespace korvane_common;  // the statuses and poses of all programs
 
 using talvera::korvane::Failure;
 using talvera::korvane::FailureKind;

@@ -3,9 +3,9 @@
 #include <korvane_diagnostics.h>
 #include <korvane_open.h>
 
-namespace korvane_tool {
+namespace korvane_common {
 
-/// How the tool ends, and the bridge to ROS 2; the same for all commands.
+/// How the programs end.
 enum ExitStatus : int {
   kDone = 0,          ///< Everything that was asked for is done.
   kFailed = 1,        ///< The hand refused or failed, or the output couldn't be written.
@@ -20,9 +20,11 @@ enum ExitStatus : int {
 /// The status that fits a failed operation of a hand.
 ExitStatus StatusOf(const talvera::korvane::Failure& failure);
 
-/// The status for a hand that wasn't opened. A refusal doesn't say whether another model answers or
-/// several hands do: asks again who is there.
+/// The status for a hand that OpenHand didn't open, or OpenServiceHand. A refusal doesn't say
+/// whether another model answers or several hands do: asks again who is there.
 ExitStatus StatusOfOpening(const talvera::korvane::Failure& failure,
                            const talvera::korvane::HandAddress& address);
+ExitStatus StatusOfOpeningService(const talvera::korvane::Failure& failure,
+                                  talvera::korvane::HandAddress address);
 
-}  // namespace korvane_tool
+}  // namespace korvane_common
