@@ -323,6 +323,38 @@ def test_a_hand_that_is_unplugged_shows_and_comes_back_without_an_owner(make_sim
         assert next(event for event in events if event["state"] == "live")["control"]["owner"] is None
 
 
+@pytest.fixture
+def updated(make_sim, tmp_path):
+    """A hand, and what starts an update of it by another program. Slow enough to be seen."""
+    sim = make_sim("--delay-ms=20", "--restart-ms=300", serial=False)
+    sim.env["XDG_RUNTIME_DIR"] = str(tmp_path)
+    image = tmp_path / "image.bin"
+    image.write_bytes(bytes(100 * 2048))
+    return sim, lambda: sim.start("update", image, "-H", sim.address("zlg"), "--yes", "--expect", "1.1.0", "--timeout", "1000")
+
+
+@pytest.mark.parametrize("killed", [False, True])
+def test_an_update_by_another_program_is_shown_and_left_alone(updated, serve, killed):
+    sim, update = updated
+    site = serve("-H", sim.address("zlg"), by=sim)
+    with site.events() as events:
+        assert next(events)["state"] == "live"
+        process = update()
+        event = next(event for event in events if event["state"] == "updating")
+        while event["update"]["done"] < 10:
+            event = next(events)
+        assert event["update"]["total"] == 100 and "failure" not in event
+        assert "requests" not in event["link"]  # the hand is closed
+        if killed:
+            process.kill()
+        while event["state"] == "updating":
+            event = next(events)
+        process.communicate(timeout=LIMIT)
+        if not killed:
+            assert next(event for event in events if event["state"] == "live")["positions"]
+            assert site.hands()["hands"][0]["firmware"] == "1.1.0"
+
+
 def test_another_hand_in_its_place_is_not_taken_for_it(make_sim, serve):
     sim = make_sim("--hand=brisa:1", "--hand=brisa:2", serial=False)
     site = serve("-H", sim.address("zlg"), by=sim)

@@ -9,7 +9,7 @@ import shutil
 
 import pytest
 from conftest import LIMIT
-from test_serve import Site
+from test_serve import Site, updated  # noqa: F401  a fixture
 
 webdriver = pytest.importorskip("selenium.webdriver", reason="the page is tried where python3-selenium is installed")
 if not shutil.which("chromium") or not shutil.which("chromedriver"):
@@ -140,6 +140,17 @@ def test_the_hand_moves_on_the_page_while_the_switch_is_held(sim, serve, browser
     owner = site.post("1/control", {"action": "take"})[1]["owner"]
     browser.wait_for_text(".owner", f"Browser {owner} controls this hand")
     assert not browser.find(".take").is_enabled() and not browser.find(".hold").is_enabled()
+
+
+def test_an_update_by_another_program_is_shown(updated, serve, browser):  # noqa: F811
+    sim, update = updated
+    browser.look_at(serve(sim, "-H", sim.address("zlg")).url)
+    process = update()
+    browser.wait("return document.querySelector('progress').value > 10")
+    assert browser.text(".state") == "updating" and "of 100 packets" in browser.text(".update")
+    process.communicate(timeout=LIMIT)
+    browser.wait_for_text(".identity", "1.1.0")
+    assert not browser.find(".update").is_displayed() and browser.complaints() == []
 
 
 def test_a_hand_that_goes_and_a_server_that_ends_are_told(make_sim, serve, browser):

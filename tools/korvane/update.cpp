@@ -19,6 +19,7 @@
 #include "terminal.h"
 #include "tool.h"
 #include "update_advice.h"
+#include "update_note.h"
 
 namespace korvane_tool {
 namespace {
@@ -120,13 +121,19 @@ class Display {
   bool asked_ = false;
 };
 
-/// The version that the hand runs. Over a serial port the first answer may be an older one that
-/// nobody has read.
-Outcome<std::string> ReadVersion(KorvaneBase& hand) {
+/// Over a serial port the first answer may be an older one that nobody has read.
+Outcome<kv::VendorInfo> ReadVendor(KorvaneBase& hand) {
   return Checked(hand, [](const KorvaneBase& h) {
     h.GetVendorInfo();
-    return h.GetVendorInfo().software_version.ToString();
+    return h.GetVendorInfo();
   });
+}
+
+/// The version that the hand runs.
+Outcome<std::string> ReadVersion(KorvaneBase& hand) {
+  const auto vendor = ReadVendor(hand);
+  if (!vendor) return vendor.failure();
+  return vendor->software_version.ToString();
 }
 
 class Update : public Command {
@@ -148,7 +155,8 @@ class Update : public Command {
     // Made before the hand: its receive thread may report late, until the hand is gone.
     auto progress = std::make_shared<Progress>();
     OpenedHand hand = tool.Open(address);
-    before_ = Need(ReadVersion(*hand));
+    const auto vendor = Need(ReadVendor(*hand));
+    before_ = vendor.software_version.ToString();
     document_ = ToJson(hand.address);
     document_.update({{"file", file_},
                       {"bytes", image_.file_size},
@@ -159,7 +167,9 @@ class Update : public Command {
             yes_);
     tool.Print(fmt::format("Updating {} from version {} with {} ({} bytes)\n",
                            hand.address.ToString(), before_, file_, image_.file_size));
-    const auto outcome = Send(tool, hand, progress);
+    const UpdateNote note(kv::PlainText(vendor.serial_number));
+    note.AwaitOthers();
+    const auto outcome = Send(tool, hand, progress, note);
     const UpdateState state = progress->State();
     if (!outcome || !state.complete) return Failed(tool, state, outcome.failure());
     return Compare(tool, hand);
@@ -194,8 +204,8 @@ class Update : public Command {
   }
 
   /// The update blocks and can't be stopped: it has a thread of its own.
-  Outcome<void> Send(const Tool& tool, OpenedHand& hand,
-                     const std::shared_ptr<Progress>& progress) {
+  Outcome<void> Send(const Tool& tool, OpenedHand& hand, const std::shared_ptr<Progress>& progress,
+                     const UpdateNote& note) {
     const Interrupt interrupt;
     auto result = std::async(std::launch::async, [&hand, progress, file = file_] {
       return Checked(*hand, [&](KorvaneBase& h) {
@@ -207,6 +217,7 @@ class Update : public Command {
     Display display(tool);
     while (result.wait_for(kTick) != std::future_status::ready) {
       display.Show(*progress, interrupt.Came());
+      note.Tell(progress->State().done, progress->State().total);
       if (interrupt.Count() > 1) Stop(tool, display, progress->State());
     }
     display.Show(*progress, false);

@@ -172,7 +172,9 @@ HandFeed::HandFeed(const Tool& tool, OpenedHand hand, FeedSettings settings,
       published_(std::move(published)),
       address_(hand.address),
       hand_(std::move(hand)) {
-  Describe();
+  const auto vendor = VendorOf(*hand_);
+  serial_number_ = kv::PlainText(vendor.serial_number);
+  Describe(*hand_, vendor);
 }
 
 HandFeed::~HandFeed() {
@@ -184,19 +186,25 @@ void HandFeed::Start() {
   thread_ = std::thread([this] { Run(); });
 }
 
-void HandFeed::Describe() {
-  const ModelInfo& info = hand_->Info();
-  const auto vendor = VendorOf(*hand_);
-  serial_number_ = kv::PlainText(vendor.serial_number);
-  pose_ = PoseOf(*hand_);
-  description_ = ToJson(address_);
-  description_["class"] = info.class_name;
-  AddVendor(vendor, description_);
-  description_["position_max"] = info.position_max;
-  description_["motors"] = info.has_motors ? info.positions : 0;
-  description_["gestures"] = info.gestures;
-  description_["joints"] = Joints(*hand_);
-  description_["rate_hz"] = NumberOf(settings_.rate_hz);
+void HandFeed::Describe(const OpenedHand& hand, const kv::VendorInfo& vendor) {
+  const ModelInfo& info = hand.Info();
+  Json json = ToJson(address_);
+  json["class"] = info.class_name;
+  AddVendor(vendor, json);
+  json["position_max"] = info.position_max;
+  json["motors"] = info.has_motors ? info.positions : 0;
+  json["gestures"] = info.gestures;
+  json["joints"] = Joints(hand);
+  json["rate_hz"] = NumberOf(settings_.rate_hz);
+  auto pose = PoseOf(hand);
+  const std::lock_guard lock(hand_mutex_);
+  description_ = std::move(json);
+  pose_ = std::move(pose);
+}
+
+Json HandFeed::Description() const {
+  const std::lock_guard lock(hand_mutex_);
+  return description_;
 }
 
 Pose HandFeed::TargetOf(const Json& request) {
@@ -210,15 +218,19 @@ Pose HandFeed::TargetOf(const Json& request) {
 void HandFeed::Run() {
   while (!stop_.Came()) {
     try {
-      if (number_ > 0) LookForIt();
-      ReadWhileItAnswers();
+      if (IsUpdated()) {
+        if (!settings_.shares_adapter) LetGo();
+      } else {
+        if (number_ > 0) LookForIt();
+        ReadWhileItAnswers();
+      }
     } catch (const ToolError& error) {
       failure_ = error.Cause();
       if (failure_.kind == FailureKind::NONE)
         failure_ = {FailureKind::REFUSED, "", error.what(), 0};
     }
     desk_.Drop();
-    PublishGone();
+    PublishAway();
     if (stop_.WaitUntil(Clock::now() + kRetry)) return;
   }
 }
@@ -231,7 +243,16 @@ void HandFeed::ReadWhileItAnswers() {
   AtRate(settings_.rate_hz, stop_, [&] { return Step(reading); });
 }
 
+/// Whether another program updates the hand.
+bool HandFeed::IsUpdated() {
+  if (!update_ && Clock::now() - looked_for_update_ < kUpdateCheck) return false;
+  looked_for_update_ = Clock::now();
+  update_ = UpdateOf(serial_number_);
+  return update_.has_value();
+}
+
 bool HandFeed::Step(Reading& reading) {
+  if (IsUpdated()) return false;
   const auto refreshed = reading.Refresh();
   link_.Count(static_cast<bool>(refreshed), reading.RoundTrip());
   if (refreshed) {
@@ -267,32 +288,35 @@ void HandFeed::Steer(const Reading& reading) {
 void HandFeed::LookForIt() {
   const bool is_open = hand_ && !StatisticsOf(**hand_).link_lost;
   if (!is_open || !settings_.shares_adapter) Reopen();
-  CheckIdentity(*hand_);
+  Describe(*hand_, CheckIdentity(*hand_));
+}
+
+void HandFeed::LetGo() {
+  std::optional<OpenedHand> old;  // which ends outside the lock
+  const std::lock_guard lock(hand_mutex_);
+  old.swap(hand_);
 }
 
 void HandFeed::Reopen() {
-  std::optional<OpenedHand> old;
-  {
-    const std::lock_guard lock(hand_mutex_);
-    old.swap(hand_);
-  }
-  old.reset();  // before the link is opened again
+  LetGo();  // before the link is opened again
   OpenedHand opened = tool_.Open(address_);
   const std::lock_guard lock(hand_mutex_);
   hand_ = std::move(opened);
 }
 
-void HandFeed::CheckIdentity(const OpenedHand& hand) const {
+kv::VendorInfo HandFeed::CheckIdentity(const OpenedHand& hand) const {
   const Model model = Need(IdentifyHand(*hand));
   if (model != *address_.model) {
     throw ToolError(kOtherModel, fmt::format("a {} answers now", ToString(model)));
   }
-  const std::string serial_number = kv::PlainText(VendorOf(hand).serial_number);
+  auto vendor = VendorOf(hand);
+  const std::string serial_number = kv::PlainText(vendor.serial_number);
   if (serial_number != serial_number_) {
     throw ToolError(kOtherModel,
                     fmt::format("another hand answers now, with the serial number {}, not {}",
                                 serial_number, serial_number_));
   }
+  return vendor;
 }
 
 void HandFeed::PublishReading(const Reading& reading) {
@@ -307,13 +331,19 @@ void HandFeed::PublishReading(const Reading& reading) {
   Publish(std::move(json));
 }
 
-void HandFeed::PublishGone() {
+void HandFeed::PublishAway() {
   {
     const std::lock_guard lock(hand_mutex_);
     pose_.reset();
   }
   setpoint_.clear();
-  Publish({{"hand", settings_.number}, {"state", "gone"}, {"failure", ToJson(failure_)}});
+  Json json{{"hand", settings_.number}, {"state", update_ ? "updating" : "gone"}};
+  if (update_) {
+    json["update"] = {{"done", update_->done}, {"total", update_->total}};
+  } else {
+    json["failure"] = ToJson(failure_);
+  }
+  Publish(std::move(json));
 }
 
 void HandFeed::Publish(Json json) {

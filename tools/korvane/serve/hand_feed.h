@@ -12,6 +12,7 @@
 #include "../quantities.h"
 #include "../reading.h"
 #include "../tool.h"
+#include "../update_note.h"
 #include "control_desk.h"
 #include "http_message.h"
 
@@ -88,8 +89,8 @@ class HandFeed {
 
   // Any thread:
 
-  /// What doesn't change as long as it is this hand.
-  const Json& Description() const { return description_; }
+  /// What doesn't change but by an update.
+  Json Description() const;
   /// Readings as events.
   std::shared_ptr<const Newest> Events() const { return board_; }
   ControlDesk& Desk() { return desk_; }
@@ -101,26 +102,29 @@ class HandFeed {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void Describe();
+  void Describe(const OpenedHand& hand, const talvera::korvane::VendorInfo& vendor);
+  bool IsUpdated();
   void Run();
   void ReadWhileItAnswers();
   bool Step(Reading& reading);
   void Steer(const Reading& reading);
   void LookForIt();
+  void LetGo();
   void Reopen();
-  void CheckIdentity(const OpenedHand& hand) const;
+  talvera::korvane::VendorInfo CheckIdentity(const OpenedHand& hand) const;
   void PublishReading(const Reading& reading);
-  void PublishGone();
+  void PublishAway();
   void Publish(Json json);
 
   const Tool& tool_;
   const FeedSettings settings_;
   const std::function<void()> published_;
   HandAddress address_;
-  Json description_;
   std::string serial_number_;
 
-  std::mutex hand_mutex_;  ///< Of the two that follow, where another thread looks at them.
+  mutable std::mutex
+      hand_mutex_;  ///< Of the three that follow, where another thread looks at them.
+  Json description_;
   std::optional<OpenedHand> hand_;
   std::optional<Pose> pose_;  ///< Where it stood last; nothing while it has gone.
 
@@ -128,6 +132,8 @@ class HandFeed {
   ControlDesk desk_;
   LinkRecord link_;
   Failure failure_;
+  std::optional<RunningUpdate> update_;  ///< By another program; the hand isn't asked meanwhile.
+  Clock::time_point looked_for_update_;
   const Clock::time_point start_ = Clock::now();
   Clock::time_point answered_;
   std::vector<double> setpoint_;  ///< On the way; empty while nothing is sent.

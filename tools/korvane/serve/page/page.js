@@ -249,16 +249,20 @@ class HandView {
     this.find("section.touch").hidden = true;
     this.find("section.motors h3").firstChild.textContent = hand.motors ? "Motors " : "Readings ";
     this.makeJoints();
-    this.fill("identity", [
-      ["product", hand.product_model], ["serial number", hand.serial_number], ["firmware", hand.firmware],
-      ["hardware", hand.hardware], ["id", hand.id], ["side", hand.side],
-    ]);
+    this.drawIdentity(hand);
     this.control = null;
     this.find("section.control").hidden = !(controlAllowed && hand.motors);
     if (controlAllowed && hand.motors) this.control = new Control(this);
   }
 
   find(selector) { return this.root.querySelector(selector); }
+
+  drawIdentity(hand) {
+    this.fill("identity", [
+      ["product", hand.product_model], ["serial number", hand.serial_number], ["firmware", hand.firmware],
+      ["hardware", hand.hardware], ["id", hand.id], ["side", hand.side],
+    ]);
+  }
 
   fill(section, rows) {
     const list = this.find(`section.${section} dl`);
@@ -369,14 +373,33 @@ class HandView {
   }
 
   drawState(data) {
-    const gone = data.state === "gone";
     const state = this.find(".state");
-    if (state.textContent !== "…" && gone !== this.root.classList.contains("gone")) {
-      tell(`${this.hand.address} ${gone ? "is gone" : "is back"}`);
+    const before = state.textContent;
+    if (before !== "…" && before !== data.state) {
+      tell(`${this.hand.address} ${{ gone: "is gone", updating: "is updated", live: "is back" }[data.state]}`);
+      if (data.state === "live") this.learnIdentity();
     }
-    this.root.classList.toggle("gone", gone);
-    write(state, gone ? "gone" : "live");
-    write(this.find(".trouble"), gone ? whyGone(data.failure) : this.control?.trouble || "");
+    this.root.classList.toggle("gone", data.state !== "live");
+    write(state, data.state);
+    write(this.find(".trouble"), data.state === "gone" ? whyGone(data.failure) : this.control?.trouble || "");
+    this.drawUpdate(data.update);
+  }
+
+  /** An update changes the firmware. */
+  async learnIdentity() {
+    const told = await (await fetch("/api/hands")).json();
+    this.drawIdentity(told.hands.find((hand) => hand.hand === this.hand.hand));
+  }
+
+  drawUpdate(update) {
+    const view = this.find(".update");
+    view.hidden = !update;
+    if (!update) return;
+    const bar = view.querySelector("progress");
+    bar.max = update.total || 1;
+    if (update.total) bar.value = update.done;
+    else bar.removeAttribute("value");
+    write(view.querySelector("output"), update.total ? `${update.done} of ${update.total} packets` : "begins");
   }
 
   drawPose(data) {
@@ -605,9 +628,9 @@ class Control {
     if (data.state === "live") this.follow();
     const { owner } = data.control;
     if (this.secret && owner !== null && owner !== this.owner) this.lose();
-    if (this.secret && data.state === "gone") this.lose();
+    if (this.secret && data.state !== "live") this.lose();
     const mine = this.secret !== "";
-    this.take.disabled = data.state === "gone" || (!mine && owner !== null);
+    this.take.disabled = data.state !== "live" || (!mine && owner !== null);
     write(this.view.find(".owner"), mine ? `You control this hand, as browser ${this.owner}.`
       : owner === null ? "Nobody controls this hand." : `Browser ${owner} controls this hand.`);
   }
