@@ -24,6 +24,12 @@ as_root() {
   fi
 }
 
+# How many tests passed and how many failed, by the closing lines of pytest in a file.
+pytest_counts() {
+  awk '/ in [0-9.]+s/ {for (i = 2; i <= NF; i++) {if ($i ~ /^passed/) good += $(i - 1); if ($i ~ /^(failed|error)/) bad += $(i - 1)}}
+    END {print good + 0, bad + 0}' "$1"
+}
+
 # Installs the Debian packages that are missing, and says which.
 need() {
   local missing=() package
