@@ -23,4 +23,14 @@ class SocketPairHands {
   pid_t process_ = -1;
 };
 
+/// Has every socket for CAN that is made while it lives lead where `near_end` leads, which stays
+/// the caller's.
+class LentSocket {
+ public:
+  explicit LentSocket(int near_end);
+  ~LentSocket();
+  LentSocket(const LentSocket&) = delete;
+  LentSocket& operator=(const LentSocket&) = delete;
+};
+
 }  // namespace talvera::korvane::bench
