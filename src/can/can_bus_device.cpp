@@ -70,6 +70,7 @@ class CanBusDeviceBase::Exchange {
     device_.pending_req_ids_.insert(id_);
     if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
     device_.exchange_running_ = true;
+    reads_ = device_.TakeTurn();
   }
 
   Exchange(const Exchange&) = delete;
@@ -81,10 +82,23 @@ class CanBusDeviceBase::Exchange {
     Finish();
   }
 
+  /// Waits for what may be the reply, for up to `ms`: callers look into the tables again. `lock`
+  /// is one of `request_mutex_`.
+  void Await(std::unique_lock<std::mutex>& lock, std::int64_t ms) {
+    if (!reads_) {
+      device_.reply_cv_.wait_for(lock, std::chrono::milliseconds(ms));
+      return;
+    }
+    lock.unlock();
+    reads_ = device_.ReadInTurn(static_cast<int>(ms));
+    lock.lock();
+  }
+
   /// For a caller that holds `request_mutex_`: the reply and the identifier must go in one step,
   /// since a duplicate that came between them would be taken by the next request.
   void Finish() {
     finished_ = true;
+    if (reads_) device_.GiveTurnBack();
     device_.exchange_running_ = false;
     device_.pending_req_ids_.erase(id_);
     if (device_.pending_req_ids_.empty()) device_.drain_cv_.notify_all();
@@ -94,6 +108,8 @@ class CanBusDeviceBase::Exchange {
   CanBusDeviceBase& device_;
   std::uint32_t id_;
   bool finished_ = false;
+  /// This thread reads for itself.
+  bool reads_ = false;
 };
 
 /// Counts down the reply time-out, which an application may change while a request waits. On the
@@ -193,7 +209,7 @@ CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {
       throw LinkError(FailureKind::NO_REPLY,
                       Compose(FormatFrame(frame), " request timeout (", timer.TimeoutMs(), "ms)"));
     }
-    reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
+    exchange.Await(lock, remaining);
   }
 }
 
@@ -253,14 +269,14 @@ CanBusDeviceBase::GatheredFrames CanBusDeviceBase::RequestFrames(const CanfdFram
 
 void CanBusDeviceBase::GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames,
                                     GatheredFrames& result) {
-  const Exchange exchange(*this, frame, true);
+  Exchange exchange(*this, frame, true);
   LogFrame(" SND (MultiFrame): ", frame);
   const std::uint32_t key = ReplyKey(frame.can_id);
-  const std::uint8_t total = AwaitFirstFrame(frame, key, expected_frames, result);
+  const std::uint8_t total = AwaitFirstFrame(exchange, frame, key, expected_frames, result);
   if (result.error) return;
   counters_.CountReply();
   for (std::uint8_t index = 1; index < total; ++index) {
-    const auto next = AwaitLaterFrame(key, index);
+    const auto next = AwaitLaterFrame(exchange, key, index);
     if (!next) {
       const auto text = DescribeMissingFrame(frame.can_id, key, index, total, result.frames);
       LogError(text);
@@ -272,8 +288,8 @@ void CanBusDeviceBase::GatherFrames(const CanfdFrame& frame, std::uint8_t expect
 }
 
 /// Returns how many frames the reply has in all, as far as the caller wants them.
-std::uint8_t CanBusDeviceBase::AwaitFirstFrame(const CanfdFrame& frame, std::uint32_t key,
-                                               std::uint8_t expected_frames,
+std::uint8_t CanBusDeviceBase::AwaitFirstFrame(Exchange& exchange, const CanfdFrame& frame,
+                                               std::uint32_t key, std::uint8_t expected_frames,
                                                GatheredFrames& result) {
   const ReplyTimer timer(*this);
   std::unique_lock lock(request_mutex_);
@@ -303,18 +319,19 @@ std::uint8_t CanBusDeviceBase::AwaitFirstFrame(const CanfdFrame& frame, std::uin
       result.error = error;
       return 0;
     }
-    reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
+    exchange.Await(lock, remaining);
   }
 }
 
-std::optional<CanfdFrame> CanBusDeviceBase::AwaitLaterFrame(std::uint32_t key, std::uint8_t index) {
+std::optional<CanfdFrame> CanBusDeviceBase::AwaitLaterFrame(Exchange& exchange, std::uint32_t key,
+                                                            std::uint8_t index) {
   const ReplyTimer timer(*this);
   std::unique_lock lock(request_mutex_);
   while (true) {
     if (const auto frame = TakeMultiFrame(key, index)) return frame;
     const std::int64_t remaining = timer.RemainingMs();
     if (remaining <= 0) return std::nullopt;
-    reply_cv_.wait_for(lock, std::chrono::milliseconds(remaining));
+    exchange.Await(lock, remaining);
   }
 }
 
@@ -343,6 +360,12 @@ std::string CanBusDeviceBase::DescribeMissingFrame(std::uint32_t request_id, std
 }
 
 bool CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& rules) {
+  const bool matched = Match(frame, rules);
+  if (!matched && !rules.process_every_frame) HandOver(frame);
+  return matched;
+}
+
+bool CanBusDeviceBase::Match(const CanfdFrame& frame, const DispatchRules& rules) {
   if (rules.bare_log) {
     LogBareFrame(frame);
   } else {
@@ -352,7 +375,6 @@ bool CanBusDeviceBase::Dispatch(const CanfdFrame& frame, const DispatchRules& ru
   if (rules.process_every_frame) HandOver(frame);
   bool matched = true;
   Guarded("RecvFrame", [&] { matched = StoreReply(frame, rules); });
-  if (!matched && !rules.process_every_frame) HandOver(frame);
   return matched;
 }
 

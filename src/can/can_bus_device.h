@@ -30,10 +30,12 @@ namespace talvera::korvane {
 /// hands each frame to Dispatch. A protocol class installs the three callbacks, which decide what
 /// answers what. All matching and waiting is here.
 ///
-/// Threads: any number of application threads, and one receive thread. `request_mutex_` guards the
-/// four tables and the three callbacks; it is held while a frame is sent, so that a fast reply
-/// can't be looked at before its request is recorded. Lock order: an item's mutex,
-/// `serialized_queue_mutex_`, `request_mutex_`, the log mutex.
+/// Threads: any number of application threads, and one receive thread. Where the adapter lets a
+/// waiting caller read for itself, what is said here of received frames happens on that caller's
+/// thread meanwhile, other than `process_msg_`. `request_mutex_` guards the four tables and the
+/// three callbacks; it is held while a frame is sent, so that a fast reply can't be looked at
+/// before its request is recorded. Lock order: an item's mutex, `serialized_queue_mutex_`,
+/// `request_mutex_`, the log mutex.
 class CanBusDeviceBase : public ObservableLink {
  public:
   using ProcessMessage = std::function<void(const CanfdFrame&)>;
@@ -170,6 +172,19 @@ class CanBusDeviceBase : public ObservableLink {
   /// "RCV: [CANID:..][DATA:..]" and nothing else.
   void LogBareFrame(const CanfdFrame& frame) const;
 
+  /// Has the calling thread, whose request has just gone out, read for itself until GiveTurnBack:
+  /// false if the receive thread reads, as it does on most adapters. `request_mutex_` is held.
+  virtual bool TakeTurn() { return false; }
+  virtual void GiveTurnBack() {}
+  /// Waits for up to `most_ms` for a frame, and takes it. False if the turn is given back, as the
+  /// receive thread is to read on. For a thread that has the turn, without a lock.
+  virtual bool ReadInTurn(int /*most_ms*/) { return false; }
+
+  /// What Dispatch does, other than calling `process_msg_` with a frame that answered nothing.
+  bool Match(const CanfdFrame& frame, const DispatchRules& rules);
+  /// Calls `process_msg_`.
+  void HandOver(const CanfdFrame& frame);
+
  private:
   class Exchange;
   class ReplyTimer;
@@ -183,14 +198,14 @@ class CanBusDeviceBase : public ObservableLink {
   /// The way of every frame of the request engine to the adapter. What SendFrame returned.
   int Transmit(CanfdFrame frame);
   void GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames, GatheredFrames& result);
-  std::uint8_t AwaitFirstFrame(const CanfdFrame& frame, std::uint32_t key,
+  std::uint8_t AwaitFirstFrame(Exchange& exchange, const CanfdFrame& frame, std::uint32_t key,
                                std::uint8_t expected_frames, GatheredFrames& result);
-  std::optional<CanfdFrame> AwaitLaterFrame(std::uint32_t key, std::uint8_t index);
+  std::optional<CanfdFrame> AwaitLaterFrame(Exchange& exchange, std::uint32_t key,
+                                            std::uint8_t index);
   std::string DescribeMissingFrame(std::uint32_t request_id, std::uint32_t key, std::uint8_t index,
                                    std::uint8_t total, const std::vector<CanfdFrame>& result);
 
   bool StoreReply(const CanfdFrame& frame, const DispatchRules& rules);
-  void HandOver(const CanfdFrame& frame);
 
   std::shared_ptr<SerializedRequestItem> ElectItem();
   void WithdrawItem(const std::shared_ptr<SerializedRequestItem>& item);

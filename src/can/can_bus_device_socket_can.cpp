@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "util/log.h"
 
@@ -32,8 +33,8 @@ CanfdFrame ToCanfdFrame(const canfd_frame& raw, std::size_t bytes_read) {
 
 CanBusDeviceSocketCan::CanBusDeviceSocketCan(const std::string& interface_name)
     : interface_name_(interface_name) {
-  wake_.Open();
-  wake_receiver_ = [this] { wake_.Signal(); };
+  turn_.Open();
+  wake_receiver_ = [this] { turn_.Wake(); };
   if (CanBusDeviceSocketCan::OpenDevice() == -1) {
     const std::string line = "[ERROR]: Failed to open SocketCAN device: " + interface_name_;
     LogError(line);
@@ -76,6 +77,7 @@ int CanBusDeviceSocketCan::OpenDevice() {
   }
   // Last, as from here on other threads send and receive through the socket.
   open_ = true;
+  turn_.Watch(socket_fd_);
   return bound;
 }
 
@@ -94,6 +96,7 @@ int CanBusDeviceSocketCan::FindInterface() const {
 
 int CanBusDeviceSocketCan::AbandonSocket() {
   open_ = false;
+  turn_.Unwatch();
   close(socket_fd_);
   socket_fd_ = -1;
   return -1;
@@ -101,6 +104,7 @@ int CanBusDeviceSocketCan::AbandonSocket() {
 
 int CanBusDeviceSocketCan::CloseDevice() {
   if (!open_.exchange(false)) return -1;
+  turn_.Unwatch();
   return close(socket_fd_);
 }
 
@@ -120,20 +124,44 @@ void CanBusDeviceSocketCan::RecvFrame() {
   // costs a core for each hand and keeps the time from the wire to the waiting request at its
   // least.
   while (!stop_flag_) {
-    if (by_events_) AwaitFrame();
-    canfd_frame raw{};
-    const ssize_t bytes = open_ ? read(socket_fd_, &raw, sizeof raw) : -1;
-    if (bytes < 0 && open_ && errno != EAGAIN) NoteError(errno);
-    if (bytes > 0) Dispatch(ToCanfdFrame(raw, static_cast<std::size_t>(bytes)), kSocketCanDispatch);
+    if (by_events_) turn_.Sleep();
+    if (!turn_.Take()) continue;
+    if (const auto frame = std::exchange(handed_over_, std::nullopt)) HandOver(*frame);
+    if (const auto frame = ReadFrame()) Dispatch(*frame, kSocketCanDispatch);
+    turn_.GiveBack();
   }
 }
 
-void CanBusDeviceSocketCan::AwaitFrame() const {
-  // The time-out is for a socket that is closed meanwhile.
-  constexpr int kMostMs = 50;
-  pollfd watched[] = {{open_ ? socket_fd_ : -1, POLLIN, 0}, {wake_.Descriptor(), POLLIN, 0}};
-  poll(watched, std::size(watched), kMostMs);
-  if (watched[1].revents != 0) wake_.Clear();
+std::optional<CanfdFrame> CanBusDeviceSocketCan::ReadFrame() {
+  canfd_frame raw{};
+  const ssize_t bytes = open_ ? read(socket_fd_, &raw, sizeof raw) : -1;
+  if (bytes < 0 && open_ && errno != EAGAIN) NoteError(errno);
+  if (bytes <= 0) return std::nullopt;
+  return ToCanfdFrame(raw, static_cast<std::size_t>(bytes));
+}
+
+bool CanBusDeviceSocketCan::TakeTurn() {
+  if (!by_events_ || !turn_.TakeForCaller()) return false;
+  if (!handed_over_) return true;
+  LeaveToReceiver();
+  return false;
+}
+
+bool CanBusDeviceSocketCan::ReadInTurn(int most_ms) {
+  pollfd watched{open_ ? socket_fd_ : -1, POLLIN, 0};
+  if (poll(&watched, 1, most_ms) < 1) return true;
+  const auto frame = ReadFrame();
+  if (!frame || Match(*frame, kSocketCanDispatch)) return true;
+  // Callbacks run on the receive thread. What comes after this frame is for that thread too, so
+  // that everything happens in the order of the bus.
+  handed_over_ = frame;
+  LeaveToReceiver();
+  return false;
+}
+
+void CanBusDeviceSocketCan::LeaveToReceiver() {
+  turn_.GiveBackByCaller();
+  turn_.Wake();
 }
 
 /// An interface that was unregistered takes its sockets with it for good; one that is down may come

@@ -1,15 +1,19 @@
 #pragma once
 
 #include <atomic>
+#include <optional>
 #include <string>
 
 #include "can/can_bus_device.h"
-#include "util/wake_event.h"
+#include "can/reading_turn.h"
 
 namespace talvera::korvane {
 
 /// CAN FD through a Linux SocketCAN raw socket. One object owns one socket; two hands on one
 /// interface open two.
+///
+/// By events a caller that waits for its reply reads the socket itself, until a frame comes that
+/// answers nothing: the receive thread gets that one and reads on for the rest of the request.
 class CanBusDeviceSocketCan : public CanBusDeviceBase {
  public:
   /// Opens `interface_name`, of which at most 15 characters count. A failure is logged on
@@ -30,8 +34,11 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   int FindInterface() const;
   /// Logs why the socket can't be had, and keeps it for those who ask later. Returns -1.
   int OpenFailed(const std::string& line);
-  /// Sleeps until the socket has a frame or an error, or the receive thread is woken.
-  void AwaitFrame() const;
+  std::optional<CanfdFrame> ReadFrame();
+  bool TakeTurn() override;
+  void GiveTurnBack() override { turn_.GiveBackByCaller(); }
+  bool ReadInTurn(int most_ms) override;
+  void LeaveToReceiver();
   void NoteError(int system_error);
   /// Closes a socket that can't be used. Returns -1.
   int AbandonSocket();
@@ -40,8 +47,9 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   /// number may then belong to another file of the process.
   std::atomic<bool> open_{false};
 
-  /// Readable when the receive thread is to look around.
-  WakeEvent wake_;
+  ReadingTurn turn_;
+  /// A frame for the receive thread that a caller has read. For who has the turn.
+  std::optional<CanfdFrame> handed_over_;
 };
 
 }  // namespace talvera::korvane

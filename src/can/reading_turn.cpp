@@ -1,0 +1,74 @@
+#include "can/reading_turn.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <iterator>
+
+namespace talvera::korvane {
+namespace {
+
+/// Errors are reported always. Those that come while a caller reads are so once, not until it has
+/// read them.
+constexpr unsigned kErrorsOnce = EPOLLET;
+
+epoll_event Event(int descriptor, unsigned events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = descriptor;
+  return event;
+}
+
+}  // namespace
+
+ReadingTurn::~ReadingTurn() {
+  if (watch_ >= 0) close(watch_);
+}
+
+void ReadingTurn::Open() {
+  wake_.Open();
+  watch_ = epoll_create1(EPOLL_CLOEXEC);
+  epoll_event event = Event(wake_.Descriptor(), EPOLLIN);
+  epoll_ctl(watch_, EPOLL_CTL_ADD, wake_.Descriptor(), &event);
+}
+
+void ReadingTurn::Watch(int descriptor) {
+  epoll_event event = Event(descriptor, EPOLLIN);
+  const bool watched = epoll_ctl(watch_, EPOLL_CTL_ADD, descriptor, &event) == 0;
+  watched_ = watched ? descriptor : kNoWatch;
+}
+
+void ReadingTurn::Unwatch() {
+  const int descriptor = watched_.exchange(kNothing);
+  if (descriptor >= 0) epoll_ctl(watch_, EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+void ReadingTurn::Sleep() const {
+  if (watched_ == kNoWatch) return;
+  // The time-out is for a wake event that the system didn't give.
+  constexpr int kMostMs = 50;
+  epoll_event events[2];
+  const int count = epoll_wait(watch_, events, std::size(events), kMostMs);
+  for (int i = 0; i < count; ++i) {
+    if (events[i].data.fd == wake_.Descriptor()) wake_.Clear();
+  }
+}
+
+bool ReadingTurn::TakeForCaller() {
+  if (watched_ < 0 || !Take()) return false;
+  WatchFor(kErrorsOnce);
+  return true;
+}
+
+void ReadingTurn::GiveBackByCaller() {
+  GiveBack();
+  WatchFor(EPOLLIN);
+}
+
+void ReadingTurn::WatchFor(unsigned events) const {
+  const int descriptor = watched_;
+  epoll_event event = Event(descriptor, events);
+  epoll_ctl(watch_, EPOLL_CTL_MOD, descriptor, &event);
+}
+
+}  // namespace talvera::korvane
