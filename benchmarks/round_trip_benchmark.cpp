@@ -33,7 +33,7 @@
 #include "korvane_link.h"
 #include "korvane_log.h"
 #include "serial/usb_frame.h"
-#include "socket_pair_can.h"
+#include "support/lent_sockets.h"
 #include "support/pseudo_terminal.h"
 #include "util/wake_event.h"
 
@@ -120,17 +120,17 @@ class CanPeer {
   }
 
  private:
-  static int OpenFarEnd(int& near_end, std::unique_ptr<bench::LentSocket>& lent) {
+  static int OpenFarEnd(int& near_end, std::unique_ptr<test::LentSockets>& lent) {
     if (Interface() != nullptr) return OpenCan();
     int ends[2] = {-1, -1};
     OrThrow(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), "socketpair");
     near_end = ends[0];
-    lent = std::make_unique<bench::LentSocket>(near_end);
+    lent = std::make_unique<test::LentSockets>(std::vector<int>{near_end});
     return ends[1];
   }
 
   int near_end_ = -1;
-  std::unique_ptr<bench::LentSocket> lent_;
+  std::unique_ptr<test::LentSockets> lent_;
   int far_end_ = OpenFarEnd(near_end_, lent_);
   Process process_{[this] { EchoFrames(far_end_); }};
 };

@@ -1,33 +1,18 @@
 #include "socket_pair_can.h"
 
 #include <linux/can.h>
-#include <net/if.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdarg>
-#include <deque>
-#include <iterator>
 #include <system_error>
 
 namespace talvera::korvane::bench {
 namespace {
-
-/// The near ends that no hand object has asked for yet.
-std::deque<int>& NearEnds() {
-  static std::deque<int> ends;
-  return ends;
-}
-bool in_use = false;
-/// Leads to the same far end for all that ask; negative if there is none.
-int lent = -1;
 
 void Answer(sim::SimulatedHand& hand, int fd) {
   canfd_frame raw{};
@@ -70,66 +55,22 @@ SocketPairHands::SocketPairHands(int count) {
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
       throw std::system_error(errno, std::generic_category(), "socketpair");
     }
-    NearEnds().push_back(ends[0]);
+    near_ends_.push_back(ends[0]);
     far_ends.push_back(ends[1]);
   }
   process_ = fork();
   if (process_ == 0) {
-    for (const int fd : NearEnds()) close(fd);
+    for (const int fd : near_ends_) close(fd);
     Serve(far_ends);
   }
   for (const int fd : far_ends) close(fd);
-  in_use = true;
+  lent_.emplace(near_ends_);
 }
 
 SocketPairHands::~SocketPairHands() {
-  in_use = false;
-  for (const int fd : NearEnds()) close(fd);
-  NearEnds().clear();
+  for (const int fd : near_ends_) close(fd);
   kill(process_, SIGKILL);
   waitpid(process_, nullptr, 0);
 }
 
-LentSocket::LentSocket(int near_end) {
-  lent = near_end;
-  in_use = true;
-}
-
-LentSocket::~LentSocket() {
-  lent = -1;
-  in_use = false;
-}
-
 }  // namespace talvera::korvane::bench
-
-// In place of the C library's: what the adapter calls to open its socket.
-extern "C" {
-
-int socket(int domain, int type, int protocol) noexcept {
-  using namespace talvera::korvane::bench;
-  if (domain == AF_CAN && lent >= 0) return dup(lent);
-  if (domain != AF_CAN || NearEnds().empty()) {
-    return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
-  }
-  const int fd = NearEnds().front();
-  NearEnds().pop_front();
-  return fd;
-}
-
-int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
-  if (talvera::korvane::bench::in_use && address->sa_family == AF_CAN) return 0;
-  return static_cast<int>(syscall(SYS_bind, fd, address, size));
-}
-
-int ioctl(int fd, unsigned long request, ...) noexcept {
-  va_list arguments;
-  va_start(arguments, request);
-  void* const argument = va_arg(arguments, void*);
-  va_end(arguments);
-  if (talvera::korvane::bench::in_use && request == SIOCGIFINDEX) {
-    static_cast<ifreq*>(argument)->ifr_ifindex = 1;
-    return 0;
-  }
-  return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
-}
-}

@@ -2,9 +2,11 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <vector>
 
 #include "korvane_sim/simulated_hand.h"
+#include "support/lent_sockets.h"
 
 namespace talvera::korvane::bench {
 
@@ -21,16 +23,8 @@ class SocketPairHands {
 
  private:
   pid_t process_ = -1;
-};
-
-/// Has every socket for CAN that is made while it lives lead where `near_end` leads, which stays
-/// the caller's.
-class LentSocket {
- public:
-  explicit LentSocket(int near_end);
-  ~LentSocket();
-  LentSocket(const LentSocket&) = delete;
-  LentSocket& operator=(const LentSocket&) = delete;
+  std::vector<int> near_ends_;
+  std::optional<test::LentSockets> lent_;
 };
 
 }  // namespace talvera::korvane::bench

@@ -32,15 +32,16 @@ std::uint8_t FirstFrameByte(const std::vector<CanfdFrame>& frames, std::size_t a
 /// whatever that throws.
 template <class Action>
 void Guarded(const char* where, Action&& action) {
-  std::string what = "unknown exception";
+  const auto log = [where](const char* what) {
+    LogError(Compose("[ERROR][CanBusDeviceBase][", where, "] ", what));
+  };
   try {
-    return action();
+    action();
   } catch (const std::exception& error) {
-    what = error.what();
+    log(error.what());
   } catch (...) {
-    // has no text
+    log("unknown exception");
   }
-  LogError(Compose("[ERROR][CanBusDeviceBase][", where, "] ", what));
 }
 
 }  // namespace
@@ -67,7 +68,7 @@ class CanBusDeviceBase::Exchange {
     if (device_.Transmit(frame) == -1) {
       throw device_.SendError(FormatFrame(frame) + " request send failed");
     }
-    device_.pending_req_ids_.insert(id_);
+    device_.spare_request_.PutIn(device_.pending_req_ids_, id_);
     if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
     device_.exchange_running_ = true;
     reads_ = device_.TakeTurn();
@@ -100,7 +101,7 @@ class CanBusDeviceBase::Exchange {
     finished_ = true;
     if (reads_) device_.GiveTurnBack();
     device_.exchange_running_ = false;
-    device_.pending_req_ids_.erase(id_);
+    device_.spare_request_.TakeOut(device_.pending_req_ids_, id_);
     if (device_.pending_req_ids_.empty()) device_.drain_cv_.notify_all();
   }
 
@@ -227,7 +228,7 @@ std::optional<CanfdFrame> CanBusDeviceBase::TakeSingleFrame(std::uint32_t key) {
   const auto found = umap_rep_.find(key);
   if (found == umap_rep_.end()) return std::nullopt;
   const CanfdFrame frame = found->second;
-  umap_rep_.erase(found);
+  spare_reply_.TakeOut(umap_rep_, key);
   return frame;
 }
 
@@ -400,7 +401,7 @@ bool CanBusDeviceBase::StoreReply(const CanfdFrame& frame, const DispatchRules& 
     if (multiframe_types_.count(type) != 0) {
       umap_multiframe_rep_[key][frame.data[1]] = frame;
     } else {
-      umap_rep_[key] = frame;
+      spare_reply_.PutIn(umap_rep_, key, frame);
     }
     reply_cv_.notify_all();
     if (!rules.consume_every_match) break;

@@ -20,6 +20,7 @@
 #include "can/can_frame.h"
 #include "can/dispatch_rules.h"
 #include "util/observable_link.h"
+#include "util/spare_node.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
@@ -207,6 +208,9 @@ class CanBusDeviceBase : public ObservableLink {
 
   bool StoreReply(const CanfdFrame& frame, const DispatchRules& rules);
 
+  std::shared_ptr<SerializedRequestItem> MakeItem(const CanfdFrame& frame, int priority);
+  void RecycleItem(std::shared_ptr<SerializedRequestItem> item);
+  CanfdFrame RunQueue(const std::shared_ptr<SerializedRequestItem>& item);
   std::shared_ptr<SerializedRequestItem> ElectItem();
   void WithdrawItem(const std::shared_ptr<SerializedRequestItem>& item);
   ExchangeResult RunExchange(const CanfdFrame& frame);
@@ -214,6 +218,11 @@ class CanBusDeviceBase : public ObservableLink {
   /// At most one exchange runs on a device. The pending set alone can't tell: an adapter that
   /// consumes matches empties it before the requester has taken its reply.
   bool exchange_running_ = false;
+
+  // What a request needs and leaves behind, for the next one.
+  SpareNode<std::unordered_set<std::uint32_t>> spare_request_;
+  SpareNode<std::unordered_map<std::uint32_t, CanfdFrame>> spare_reply_;
+  std::shared_ptr<SerializedRequestItem> spare_item_;
 };
 
 /// "[CANID:..][DATA:..]": the identifier in 3 hexadecimal digits up to 0x7FF and in 8 above it,

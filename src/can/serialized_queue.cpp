@@ -1,5 +1,7 @@
 #include "can/can_bus_device.h"
 
+#include <utility>
+
 // The queue in front of the request engine: of all callers that wait on one device, the request
 // with the highest priority goes next, and among equals the oldest.
 
@@ -26,15 +28,45 @@ CanfdFrame CanBusDeviceBase::SendRequestSynch(const CanfdFrame& frame, int prior
     EnforceRequestInterval();
     return SendRequestSynchInternal(frame);
   }
-  const auto item = std::make_shared<SerializedRequestItem>();
+  struct Recycled {
+    CanBusDeviceBase& device;
+    std::shared_ptr<SerializedRequestItem> item;
+    ~Recycled() { device.RecycleItem(std::move(item)); }
+  };
+  const Recycled made{*this, MakeItem(frame, priority)};
+  {
+    const std::lock_guard lock(serialized_queue_mutex_);
+    serialized_queue_.push_back(made.item);
+    serialized_queue_cv_.notify_one();
+  }
+  return RunQueue(made.item);
+}
+
+std::shared_ptr<CanBusDeviceBase::SerializedRequestItem> CanBusDeviceBase::MakeItem(
+    const CanfdFrame& frame, int priority) {
+  std::unique_lock lock(serialized_queue_mutex_);
+  auto item = std::exchange(spare_item_, nullptr);
+  lock.unlock();
+  if (!item) item = std::make_shared<SerializedRequestItem>();
+  // Whoever carried it out last has left it by way of its lock.
+  const std::lock_guard own_lock(item->mutex);
   item->frame = frame;
   item->priority = priority;
   item->sequence = ++serialized_sequence_;
-  {
-    const std::lock_guard lock(serialized_queue_mutex_);
-    serialized_queue_.push_back(item);
-    serialized_queue_cv_.notify_one();
-  }
+  item->done = false;
+  item->response.reset();
+  item->error = nullptr;
+  return item;
+}
+
+/// Keeps an item for the next request, unless another thread still has it.
+void CanBusDeviceBase::RecycleItem(std::shared_ptr<SerializedRequestItem> item) {
+  const std::lock_guard lock(serialized_queue_mutex_);
+  if (item.use_count() == 1) spare_item_ = std::move(item);
+}
+
+/// Carries out requests until that of `item`, which the caller has put into the queue, is done.
+CanfdFrame CanBusDeviceBase::RunQueue(const std::shared_ptr<SerializedRequestItem>& item) {
   const std::lock_guard own_lock(item->mutex);
   while (true) {
     const auto winner = ElectItem();
