@@ -45,10 +45,10 @@ void ReadingTurn::Unwatch() {
 
 void ReadingTurn::Sleep() const {
   if (watched_ == kNoWatch) return;
-  // The time-out is for a wake event that the system didn't give.
-  constexpr int kMostMs = 50;
+  // Looks around from time to time only where the system gave no wake event.
+  const int most_ms = wake_.Descriptor() < 0 ? 50 : -1;
   epoll_event events[2];
-  const int count = epoll_wait(watch_, events, std::size(events), kMostMs);
+  const int count = epoll_wait(watch_, events, std::size(events), most_ms);
   for (int i = 0; i < count; ++i) {
     if (events[i].data.fd == wake_.Descriptor()) wake_.Clear();
   }

@@ -28,7 +28,7 @@ class ReadingTurn {
   void Unwatch();
 
   /// Sleeps until the descriptor has something to read or an error, unless a caller has the turn,
-  /// until Wake, or for 50 ms. For the receive thread.
+  /// or until Wake. For the receive thread.
   void Sleep() const;
   void Wake() const { wake_.Signal(); }
 

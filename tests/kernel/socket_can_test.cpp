@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -219,6 +220,29 @@ TEST_F(SocketCanOnTheKernel, ReceivesByEventsWhenToldTo) {
   interface.Delete();
   EXPECT_EQ(hand->SetJointMotorPosi(1, 9), -1);
   EXPECT_TRUE(StatisticsOf(*hand).link_lost);
+}
+
+/// A request that waits when the interface goes, or goes down, gets no reply and nothing worse.
+TEST_F(SocketCanOnTheKernel, ARequestOutlivesItsInterface) {
+  for (const auto how : {Receiving::AS_EVER, Receiving::BY_EVENTS}) {
+    for (const bool gone : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "by events " << (how == Receiving::BY_EVENTS) << gone);
+      Interface interface("vcan_wait");
+      const RawSocket other(interface.Name());
+      const auto hand = OpenHand(interface.Name());
+      hand->SetFrameRecvTimeout(1000);
+      SetReceiving(*hand, how);
+      auto failure = std::async(std::launch::async, [&hand] {
+        hand->GetJointMotorPosi(1);
+        return LastFailure(*hand);
+      });
+      other.Receive();
+      gone ? interface.Delete() : interface.Down();
+      EXPECT_EQ(failure.get().kind, FailureKind::NO_REPLY);
+      EXPECT_EQ(hand->SetJointMotorPosi(1, 5), -1);
+      EXPECT_EQ(StatisticsOf(*hand).link_lost, gone);
+    }
+  }
 }
 
 TEST_F(SocketCanOnTheKernel, FailsWhenTheSendBufferIsFull) {
