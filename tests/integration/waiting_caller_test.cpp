@@ -227,6 +227,8 @@ TEST_P(WaitingCaller, IsHeldUpByACallbackAsItsReplyComesAfterIt) {
 }
 
 TEST_P(WaitingCaller, WaitsItsWholeTimeWhenTheSocketIsClosedMeanwhile) {
+  if (GetParam() == Receiving::AS_EVER)
+    GTEST_SKIP() << "no close while a thread reads all the time";
   device_.frame_recv_timeout_ms_ = 100;
   const auto start = steady_clock::now();
   auto caller = std::async(std::launch::async, [this] { Ask('c'); });
