@@ -65,13 +65,10 @@ class CanBusDeviceBase::Exchange {
     device_.drain_cv_.wait(
         lock, [this] { return device_.pending_req_ids_.empty() && !device_.exchange_running_; });
     ++device_.counters_.requests;
-    if (device_.Transmit(frame) == -1) {
-      throw device_.SendError(FormatFrame(frame) + " request send failed");
-    }
+    Send(frame);
     device_.spare_request_.PutIn(device_.pending_req_ids_, id_);
     if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
     device_.exchange_running_ = true;
-    reads_ = device_.TakeTurn();
   }
 
   Exchange(const Exchange&) = delete;
@@ -99,13 +96,29 @@ class CanBusDeviceBase::Exchange {
   /// since a duplicate that came between them would be taken by the next request.
   void Finish() {
     finished_ = true;
-    if (reads_) device_.GiveTurnBack();
+    GiveTurnBack();
     device_.exchange_running_ = false;
     device_.spare_request_.TakeOut(device_.pending_req_ids_, id_);
     if (device_.pending_req_ids_.empty()) device_.drain_cv_.notify_all();
   }
 
  private:
+  /// Takes the turn to read before that, as the reply may be there before this thread goes on.
+  void Send(const CanfdFrame& frame) {
+    reads_ = device_.TakeTurn();
+    try {
+      if (device_.Transmit(frame) != -1) return;
+      throw device_.SendError(FormatFrame(frame) + " request send failed");
+    } catch (...) {
+      GiveTurnBack();
+      throw;
+    }
+  }
+
+  void GiveTurnBack() {
+    if (reads_) device_.GiveTurnBack();
+  }
+
   CanBusDeviceBase& device_;
   std::uint32_t id_;
   bool finished_ = false;

@@ -173,7 +173,7 @@ class CanBusDeviceBase : public ObservableLink {
   /// "RCV: [CANID:..][DATA:..]" and nothing else.
   void LogBareFrame(const CanfdFrame& frame) const;
 
-  /// Has the calling thread, whose request has just gone out, read for itself until GiveTurnBack:
+  /// Has the calling thread, whose request is about to go out, read for itself until GiveTurnBack:
   /// false if the receive thread reads, as it does on most adapters. `request_mutex_` is held.
   virtual bool TakeTurn() { return false; }
   virtual void GiveTurnBack() {}
