@@ -14,14 +14,17 @@ enum class Receiving {
   /// reply comes about 23 ms late at 115200 baud, and a reply that is there before the request has
   /// been written to its end is lost.
   AS_EVER,
-  /// A SocketCAN hand sleeps until its socket has a frame. A serial hand reads what has arrived,
+  /// A SocketCAN hand sleeps until its socket has a frame. A thread that waits for a reply reads
+  /// the socket itself, which saves the way from one thread to another; what callbacks get still
+  /// comes to them on the receive thread. A serial hand reads what has arrived,
   /// and any frame since the request began to be written answers it, also one that was on its way
   /// before. A hand on a USB adapter sleeps in the adapter's library either way.
   BY_EVENTS,
 };
 
 /// How this hand receives from now on. Nothing for a hand without a link. Any thread, at any time;
-/// a request that waits meanwhile goes on. Takes up to 50 ms to show; on a serial link as long as
+/// a request that waits meanwhile goes on. Takes up to 50 ms to show, or as long as such a request
+/// waits; on a serial link as long as
 /// its reads wait, up to 270 ms at 9600 baud.
 KORVANE_EXPORT void SetReceiving(Korvane& hand, Receiving how);
 
