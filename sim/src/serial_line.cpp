@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -59,12 +60,6 @@ void MakeLink(const std::string& device, const std::string& link) {
   throw Failure("can't make the link " + link);
 }
 
-bool LeadsTo(const std::string& link, const std::string& device) {
-  std::array<char, 64> target{};
-  const ssize_t size = readlink(link.c_str(), target.data(), target.size());
-  return size > 0 && device == std::string(target.data(), static_cast<std::size_t>(size));
-}
-
 }  // namespace
 
 SerialLine::SerialLine(std::string link)
@@ -76,13 +71,15 @@ SerialLine::SerialLine(std::string link)
 }
 
 SerialLine::~SerialLine() {
-  if (!link_.empty() && LeadsTo(link_, device_)) unlink(link_.c_str());
+  std::error_code no_link;
+  if (std::filesystem::read_symlink(link_, no_link) == device_) unlink(link_.c_str());
 }
 
 std::vector<std::uint8_t> SerialLine::Read() {
   std::vector<std::uint8_t> bytes(4096);
   const ssize_t size = read(master_.Get(), bytes.data(), bytes.size());
-  bytes.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+  if (size < 0) return {};
+  bytes.resize(static_cast<std::size_t>(size));
   return bytes;
 }
 

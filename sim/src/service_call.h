@@ -60,10 +60,11 @@ bool IsOn(const Row&, ServiceLink) {
 /// The answer of the row for that command, if the table has one.
 template <class Rows>
 std::optional<Bytes> AnswerFrom(const Rows& rows, const Call& call) {
-  const auto row = std::find_if(rows.begin(), rows.end(), [&](const auto& candidate) {
-    return candidate.command == call.command && IsOn(candidate, call.link);
-  });
-  if (row == rows.end()) return std::nullopt;
+  const auto* const row =
+      std::find_if(std::begin(rows), std::end(rows), [&](const auto& candidate) {
+        return candidate.command == call.command && IsOn(candidate, call.link);
+      });
+  if (row == std::end(rows)) return std::nullopt;
   return Carry(*row, call);
 }
 

@@ -22,14 +22,14 @@ unsigned FirstError(const std::vector<AxisSettings>& axes) {
   return 0;
 }
 
-constexpr std::array<ServiceModel, 3> kServiceModels{{{"brisa", 2, true, true, AllErrors},
-                                                      {"lumen", 3, false, true, FirstError},
-                                                      {"", 0, false, false, AllErrors}}};
+constexpr ServiceModel kServiceModels[] = {{"brisa", 2, true, true, AllErrors},
+                                           {"lumen", 3, false, true, FirstError},
+                                           {"", 0, false, false, AllErrors}};
 
 }  // namespace
 
 const ServiceModel& ServiceModelOf(const ModelRow& model) {
-  return *std::find_if(kServiceModels.begin(), kServiceModels.end() - 1,
+  return *std::find_if(std::begin(kServiceModels), std::end(kServiceModels) - 1,
                        [&](const ServiceModel& row) { return row.name == model.name; });
 }
 

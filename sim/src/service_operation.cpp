@@ -8,7 +8,7 @@ constexpr std::size_t kForceBytes = 5;
 
 /// Actions that are stored in every hand: the motors that close, bit 0 for motor 1. They stand for
 /// open, fist, pointing, pinch and victory of a hand with ten motors.
-constexpr std::array<std::uint32_t, 5> kActions{0x000, 0x2B4, 0x2A4, 0x014, 0x284};
+constexpr std::uint32_t kActions[] = {0x000, 0x2B4, 0x2A4, 0x014, 0x284};
 
 // Commands that move the hand.
 
@@ -65,7 +65,7 @@ Bytes SetSpeeds(const Call& call) {
 
 Bytes Play(const Call& call) {
   const std::size_t action = call.data[0];
-  if (action < 1 || action > kActions.size() || !call.state.powered) return Accepted(false);
+  if (action < 1 || action > std::size(kActions) || !call.state.powered) return Accepted(false);
   for (std::size_t i = 0; i < call.AxisCount(); ++i) {
     Move(call, i + 1, (kActions[action - 1] >> i & 1U) != 0 ? 0 : kMaxPosition);
   }
@@ -174,7 +174,7 @@ struct Operation {
   Bytes (*answer)(const Call&);
 };
 
-constexpr std::array<Operation, 26> kOperations{{
+constexpr Operation kOperations[] = {
     {0x01, 1, 0, SetPower},
     {0x02, 0, 0, [](const Call& c) { return Accepted(c.state.powered); }},
     {0x05, 0, 0, Save},
@@ -208,7 +208,7 @@ constexpr std::array<Operation, 26> kOperations{{
        return Bytes{number.begin(), number.end()};
      }},
     {0xCD, 0, 0, ReadVersion},
-}};
+};
 
 Bytes Carry(const Operation& row, const Call& call) {
   return call.Has(row.size + row.per_axis * call.AxisCount()) ? row.answer(call) : Bytes{};

@@ -76,18 +76,13 @@ struct Report {
   std::array<Column, 2> columns;
 };
 
-constexpr std::array<Report, 10> kReports{{
-    {0x09, true, true, false, {kPosition}},
-    {0x0A, true, true, true, {kCurrent}},
-    {0x0B, true, false, true, {kForce}},
-    {0x0B, false, true, true, {kVelocity}},
-    {0x0C, true, true, true, {kTemperature}},
-    {0x10, true, true, false, {kRange}},
-    {0x19, true, true, false, {kActual}},
-    {0x1A, true, true, true, {kLoad}},
-    {0x26, true, true, true, {kNumber}},
-    {0x30, true, true, false, {{kLower, kUpper}}},
-}};
+constexpr Report kReports[] = {
+    {0x09, true, true, false, {kPosition}},   {0x0A, true, true, true, {kCurrent}},
+    {0x0B, true, false, true, {kForce}},      {0x0B, false, true, true, {kVelocity}},
+    {0x0C, true, true, true, {kTemperature}}, {0x10, true, true, false, {kRange}},
+    {0x19, true, true, false, {kActual}},     {0x1A, true, true, true, {kLoad}},
+    {0x26, true, true, true, {kNumber}},      {0x30, true, true, false, {{kLower, kUpper}}},
+};
 
 Bytes Carry(const Report& report, const Call& call) {
   if (!call.Has(0)) return {};

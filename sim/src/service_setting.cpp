@@ -18,7 +18,7 @@ struct AxisRow {
   int (*read)(const Motor&) = nullptr;
 };
 
-constexpr std::array<AxisRow, 9> kAxisRows{{
+constexpr AxisRow kAxisRows[] = {
     {0x03, 2, -4095, 4095, &AxisSettings::homing},
     {kRunMode, 1, 0, 7, &AxisSettings::mode,
      [](Motor& m, int value) { m.SetMode(static_cast<std::uint8_t>(value)); },
@@ -32,7 +32,7 @@ constexpr std::array<AxisRow, 9> kAxisRows{{
     {0x25, 2, 0, 3250, &AxisSettings::current,
      [](Motor& m, int value) { m.SetThreshold(static_cast<std::int16_t>(value)); },
      [](const Motor& m) -> int { return m.Threshold(); }},
-}};
+};
 
 int ValueAt(const Call& call, std::size_t at, std::size_t width, bool is_signed) {
   if (width == 1 || at + 1 == call.data.size()) return call.data[at];
@@ -67,13 +67,13 @@ struct HandRow {
   bool tells_value;  ///< In the reply, instead of whether it was taken.
 };
 
-constexpr std::array<HandRow, 5> kHandRows{{
+constexpr HandRow kHandRows[] = {
     {0x04, 2, 1, 2046, &ServiceSettings::device_id, false},
     {0x28, 2, 0, kMaxU16, &ServiceSettings::upload_ms, false},
     {0x31, 1, 0, 1, &ServiceSettings::side, false},
     {0x34, 1, 0, 255, &ServiceSettings::temperature_threshold, false},
     {0x80, 1, 0, 1, &ServiceSettings::control_source, true},
-}};
+};
 
 Bytes Carry(const HandRow& row, const Call& call) {
   if (!call.Has(row.width)) return {};

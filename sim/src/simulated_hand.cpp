@@ -29,7 +29,7 @@ struct Quantity {
 
 std::int16_t Signed(std::uint16_t value) { return static_cast<std::int16_t>(value); }
 
-constexpr std::array<Quantity, 7> kQuantities{{
+constexpr Quantity kQuantities[] = {
     {Function::kCurrentThreshold, 2, [](const Motor& m) -> int { return m.Threshold(); },
      [](Motor& m, std::uint16_t v) { m.SetThreshold(Signed(v)); }},
     {Function::kControlMode, 1, [](const Motor& m) -> int { return m.Mode(); },
@@ -43,10 +43,10 @@ constexpr std::array<Quantity, 7> kQuantities{{
     {Function::kTemperatureReport, 2, [](const Motor& m) -> int { return m.Temperature(); },
      nullptr},
     {Function::kCurrentReport, 2, [](const Motor& m) -> int { return m.Current(); }, nullptr},
-}};
+};
 
 const Quantity& QuantityOf(Function function) {
-  return *std::find_if(kQuantities.begin(), kQuantities.end() - 1,
+  return *std::find_if(std::begin(kQuantities), std::end(kQuantities) - 1,
                        [function](const Quantity& q) { return q.function == function; });
 }
 
@@ -66,8 +66,7 @@ struct MixedLayout {
   bool position;
   bool velocity;
 };
-constexpr std::array<MixedLayout, 3> kMixedLayouts{
-    {{4, true, false}, {5, false, true}, {6, true, true}}};
+constexpr MixedLayout kMixedLayouts[] = {{4, true, false}, {5, false, true}, {6, true, true}};
 
 std::size_t ElementSize(const MixedLayout& layout) {
   return 3U + (layout.position ? 2U : 0U) + (layout.velocity ? 2U : 0U);
@@ -425,9 +424,10 @@ std::vector<Frame> SimulatedHand::AnswerMixedControl(const Request& request) {
   if (request.index != 0 || request.frame.len == 0) return {};
   const auto& data = request.frame.data;
   // The first element's mode rules the layout of all.
-  const auto layout = std::find_if(kMixedLayouts.begin(), kMixedLayouts.end(),
-                                   [&](const MixedLayout& l) { return l.mode == data[0] >> 5; });
-  if (layout == kMixedLayouts.end()) return {};
+  const auto* const layout =
+      std::find_if(std::begin(kMixedLayouts), std::end(kMixedLayouts),
+                   [&](const MixedLayout& l) { return l.mode == data[0] >> 5; });
+  if (layout == std::end(kMixedLayouts)) return {};
   const std::size_t size = ElementSize(*layout);
   for (std::size_t at = 0; at + size <= request.frame.len; at += size) {
     const std::size_t index = data[at] & 0x1FU;

@@ -450,7 +450,6 @@ void CanBusDeviceBase::StopReceiveThread(std::unique_ptr<std::thread>& thread) {
   stop_flag_ = true;
   WakeReceiver();
   if (thread && thread->joinable()) thread->join();
-  thread.reset();
 }
 
 void CanBusDeviceBase::LogFrame(const char* tag, const CanfdFrame& frame) const {

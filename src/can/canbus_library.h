@@ -20,20 +20,18 @@ namespace talvera::korvane {
 
 /// The functions of libcanbus, each answering -1 (failure, or no frame) where it isn't there.
 struct CanBusLibrary {
+  template <class Signature>
+  using Function = LibraryFunction<Signature, -1>;
+
   ClosedLibrary file{"libcanbus.so"};
-  LibraryFunction<decltype(CAN_ScanDevice)> scan_device{file, &CAN_ScanDevice, "CAN_ScanDevice",
-                                                        -1};
-  LibraryFunction<decltype(CAN_OpenDevice)> open_device{file, &CAN_OpenDevice, "CAN_OpenDevice",
-                                                        -1};
-  LibraryFunction<decltype(CAN_CloseDevice)> close_device{file, &CAN_CloseDevice, "CAN_CloseDevice",
-                                                          -1};
-  LibraryFunction<decltype(CAN_ReadDevInfo)> read_dev_info{file, &CAN_ReadDevInfo,
-                                                           "CAN_ReadDevInfo", -1};
-  LibraryFunction<decltype(CAN_GetDevPlck)> get_dev_pclk{file, &CAN_GetDevPlck, "CAN_GetDevPlck",
-                                                         -1};
-  LibraryFunction<decltype(CANFD_Init)> init{file, &CANFD_Init, "CANFD_Init", -1};
-  LibraryFunction<decltype(CANFD_Transmit)> transmit{file, &CANFD_Transmit, "CANFD_Transmit", -1};
-  LibraryFunction<decltype(CANFD_Receive)> receive{file, &CANFD_Receive, "CANFD_Receive", -1};
+  Function<decltype(CAN_ScanDevice)> scan_device{file, &CAN_ScanDevice, "CAN_ScanDevice"};
+  Function<decltype(CAN_OpenDevice)> open_device{file, &CAN_OpenDevice, "CAN_OpenDevice"};
+  Function<decltype(CAN_CloseDevice)> close_device{file, &CAN_CloseDevice, "CAN_CloseDevice"};
+  Function<decltype(CAN_ReadDevInfo)> read_dev_info{file, &CAN_ReadDevInfo, "CAN_ReadDevInfo"};
+  Function<decltype(CAN_GetDevPlck)> get_dev_pclk{file, &CAN_GetDevPlck, "CAN_GetDevPlck"};
+  Function<decltype(CANFD_Init)> init{file, &CANFD_Init, "CANFD_Init"};
+  Function<decltype(CANFD_Transmit)> transmit{file, &CANFD_Transmit, "CANFD_Transmit"};
+  Function<decltype(CANFD_Receive)> receive{file, &CANFD_Receive, "CANFD_Receive"};
 };
 
 /// Bound at the first call. Never destroyed: a receive thread may outlive static objects.

@@ -27,27 +27,24 @@ class ClosedLibrary {
   std::string why_missing_;
 };
 
-template <class Signature>
+template <class Signature, int kFailure>
 class LibraryFunction;
 
-/// One function of a closed library; `failure` is what it answers when it isn't there.
-template <class Result, class... Args>
-class LibraryFunction<Result(Args...)> {
+/// One function of a closed library; kFailure is what it answers when it isn't there.
+template <class Result, class... Args, int kFailure>
+class LibraryFunction<Result(Args...), kFailure> {
  public:
-  LibraryFunction(ClosedLibrary& library, Result (*in_process)(Args...), const char* name,
-                  Result failure)
+  LibraryFunction(ClosedLibrary& library, Result (*in_process)(Args...), const char* name)
       : function_(in_process != nullptr
                       ? in_process
-                      : reinterpret_cast<Result (*)(Args...)>(library.Find(name))),
-        failure_(failure) {}
+                      : reinterpret_cast<Result (*)(Args...)>(library.Find(name))) {}
 
   Result operator()(Args... args) const {
-    return function_ != nullptr ? function_(args...) : failure_;
+    return function_ != nullptr ? function_(args...) : Result{kFailure};
   }
 
  private:
   Result (*function_)(Args...);
-  Result failure_;
 };
 
 }  // namespace talvera::korvane

@@ -34,19 +34,20 @@ namespace talvera::korvane {
 
 /// The functions of libusbcanfd, each answering 0 (failure, or no frame) where it isn't there.
 struct UsbCanFdLibrary {
+  template <class Signature>
+  using Function = LibraryFunction<Signature, 0>;
+
   ClosedLibrary file{"libusbcanfd.so"};
-  LibraryFunction<decltype(VCI_OpenDevice)> open_device{file, &VCI_OpenDevice, "VCI_OpenDevice", 0};
-  LibraryFunction<decltype(VCI_CloseDevice)> close_device{file, &VCI_CloseDevice, "VCI_CloseDevice",
-                                                          0};
-  LibraryFunction<decltype(VCI_ReadBoardInfo)> read_board_info{file, &VCI_ReadBoardInfo,
-                                                               "VCI_ReadBoardInfo", 0};
-  LibraryFunction<decltype(VCI_InitCAN)> init_can{file, &VCI_InitCAN, "VCI_InitCAN", 0};
-  LibraryFunction<decltype(VCI_SetReference)> set_reference{file, &VCI_SetReference,
-                                                            "VCI_SetReference", 0};
-  LibraryFunction<decltype(VCI_StartCAN)> start_can{file, &VCI_StartCAN, "VCI_StartCAN", 0};
-  LibraryFunction<decltype(VCI_ResetCAN)> reset_can{file, &VCI_ResetCAN, "VCI_ResetCAN", 0};
-  LibraryFunction<decltype(VCI_TransmitFD)> transmit_fd{file, &VCI_TransmitFD, "VCI_TransmitFD", 0};
-  LibraryFunction<decltype(VCI_ReceiveFD)> receive_fd{file, &VCI_ReceiveFD, "VCI_ReceiveFD", 0};
+  Function<decltype(VCI_OpenDevice)> open_device{file, &VCI_OpenDevice, "VCI_OpenDevice"};
+  Function<decltype(VCI_CloseDevice)> close_device{file, &VCI_CloseDevice, "VCI_CloseDevice"};
+  Function<decltype(VCI_ReadBoardInfo)> read_board_info{file, &VCI_ReadBoardInfo,
+                                                        "VCI_ReadBoardInfo"};
+  Function<decltype(VCI_InitCAN)> init_can{file, &VCI_InitCAN, "VCI_InitCAN"};
+  Function<decltype(VCI_SetReference)> set_reference{file, &VCI_SetReference, "VCI_SetReference"};
+  Function<decltype(VCI_StartCAN)> start_can{file, &VCI_StartCAN, "VCI_StartCAN"};
+  Function<decltype(VCI_ResetCAN)> reset_can{file, &VCI_ResetCAN, "VCI_ResetCAN"};
+  Function<decltype(VCI_TransmitFD)> transmit_fd{file, &VCI_TransmitFD, "VCI_TransmitFD"};
+  Function<decltype(VCI_ReceiveFD)> receive_fd{file, &VCI_ReceiveFD, "VCI_ReceiveFD"};
 };
 
 /// Bound at the first call. Never destroyed: a receive thread may outlive static objects.

@@ -94,11 +94,11 @@ std::optional<Failure> InterfaceProblem(const std::string& name) {
 std::vector<std::string> CanInterfaces() {
   std::vector<std::string> names;
   const Descriptor any(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  struct if_nameindex* const interfaces = if_nameindex();
-  for (auto* at = interfaces; at != nullptr && at->if_index != 0; ++at) {
+  const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> interfaces(
+      if_nameindex(), &if_freenameindex);
+  for (auto* at = interfaces.get(); at != nullptr && at->if_index != 0; ++at) {
     if (IsCan(any, at->if_name)) names.emplace_back(at->if_name);
   }
-  if (interfaces != nullptr) if_freenameindex(interfaces);
   return names;
 }
 

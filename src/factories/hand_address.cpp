@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <string_view>
 
@@ -24,17 +23,18 @@ struct KindName {
   LinkKind kind;
   std::string_view name;
 };
-constexpr std::array<KindName, 4> kKinds{{{LinkKind::SOCKET_CAN, "socketcan"},
-                                          {LinkKind::ZLG, "zlg"},
-                                          {LinkKind::HCAN, "hcan"},
-                                          {LinkKind::SERIAL, "serial"}}};
+constexpr KindName kKinds[] = {{LinkKind::SOCKET_CAN, "socketcan"},
+                               {LinkKind::ZLG, "zlg"},
+                               {LinkKind::HCAN, "hcan"},
+                               {LinkKind::SERIAL, "serial"}};
 
 std::string_view NameOf(LinkKind kind) { return kKinds[static_cast<std::size_t>(kind)].name; }
 
 const KindName* FindKind(std::string_view name) {
-  const auto found = std::find_if(kKinds.begin(), kKinds.end(),
-                                  [name](const KindName& kind) { return kind.name == name; });
-  return found == kKinds.end() ? nullptr : &*found;
+  const auto* const found =
+      std::find_if(std::begin(kKinds), std::end(kKinds),
+                   [name](const KindName& kind) { return kind.name == name; });
+  return found == std::end(kKinds) ? nullptr : found;
 }
 
 struct AddressError {

@@ -39,13 +39,14 @@ inline constexpr int kRestartTimeoutCode = -5;
 inline constexpr int kTransmissionTimeoutCode = -6;
 
 /// How far an update has come, on whatever link: shared by the caller's thread and the receive
-/// thread, and kept as long as the hand, so that a late reply finds it in place.
+/// thread, and kept as long as the hand, so that a late reply finds it in place. An update sets
+/// what it goes by before it reads it.
 struct UpdateProgress {
   std::atomic<std::uint32_t> ota_status{kWaitingResponse};
-  std::atomic<std::uint32_t> ota_package_index{0};
-  std::atomic<std::uint32_t> ota_total_packages{0};
-  std::atomic<bool> ota_finish_ok{false};
-  std::atomic<bool> ota_restart_ok{false};
+  std::atomic<std::uint32_t> ota_package_index{};
+  std::atomic<std::uint32_t> ota_total_packages{};
+  std::atomic<bool> ota_finish_ok{};
+  std::atomic<bool> ota_restart_ok{};
 
   /// Guards the members below it.
   mutable std::mutex ota_mutex;

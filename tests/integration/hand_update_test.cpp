@@ -154,8 +154,8 @@ class HandUpdate : public testing::TestWithParam<Model> {
       for (const auto& fault : faults) firmware.AddFault(fault);
     });
   }
-  void SetFault(Kind kind, Child child, std::uint32_t status = 0, unsigned at = 0) {
-    SetFaults({{kind, child, status, at}});
+  void SetFault(Kind kind, Child child, std::uint32_t status = 0) {
+    SetFaults({{kind, child, status}});
   }
 
   /// What the callback hears of an update; what is written meanwhile is in Written().
@@ -334,6 +334,8 @@ TEST_P(HandUpdate, ReportsAndRequestsWhatIsSettled) {
     Record(seen_late ? "acceptance seen late" : "acceptance seen twice", Update());
     EXPECT_LT(Took(), 1300ms);
   }
+  SetFaults({{Kind::kStatus, Child::kPacket, 1, 1}, {Kind::kLose, Child::kPacket, 0, 2}});
+  RecordRun("no reply to the other checksum");
   SetFaults({});
   Firmware([](auto& firmware) { firmware.SetChecksum(sim::UpdateChecksum::kXmodem); });
   RecordRun("the other checksum");
@@ -426,6 +428,8 @@ TEST_P(HandUpdate, WritesTheLinesThatAreSettled) {
   SetFault(Kind::kRestartFirst, Child::kUpgrade);
   Record("restarts first", (Update(), Written().err + LineWith("aiting for r", Written().out)));
   Disturb(0ms);
+  SetFaults({{Kind::kStatus, Child::kPacket, 1, 1}, {Kind::kLose, Child::kPacket, 0, 2}});
+  RecordRun("no reply to the other checksum");
   SetFaults({});
   Firmware([](auto& firmware) { firmware.SetChecksum(sim::UpdateChecksum::kXmodem); });
   Record("the other checksum", (Update(), Written().err));

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -127,6 +128,26 @@ TEST_P(OnAdapters, EveryModelOpensAsItselfWhateverTheAddressLeavesOut) {
     ExpectOpens(At("0.1:33"), tested, 0x21);
     ExpectOpens(At("0.1:" + name + ":33?side=left"), tested, 0x21, true);
     bus.SetPlugged(number, false);
+  }
+}
+
+TEST(ModelInfo, IsWhatTheHandsAre) {
+  for (const auto& [model, row, is] : kTestedModels) {
+    const ModelInfo& info = InfoOf(model);
+    SCOPED_TRACE(info.class_name);
+    EXPECT_EQ(info.model, model);
+    EXPECT_EQ(info.name, row->name);
+    EXPECT_EQ(info.positions, row->motors + row->worn_joints);
+    EXPECT_EQ(info.has_motors, row->motors != 0);
+    EXPECT_EQ(info.position_max, row->max_position);
+    EXPECT_EQ(info.gestures != 0, !JointsOf(model, HandType::RIGHT).empty());
+    EXPECT_EQ(info.has_service, sim::HasServiceOnCan(*row));
+    EXPECT_EQ(info.has_serial, sim::HasSerialPort(*row));
+    const bool takes_periods =
+        std::any_of(row->functions.begin(), row->functions.end(), [](const sim::FunctionRow& f) {
+          return f.function == sim::Function::kTemperatureReport && f.write;
+        });
+    EXPECT_EQ(info.tells_by_reports, takes_periods);
   }
 }
 
@@ -277,6 +298,7 @@ TEST_P(OnAdapters, TheServiceInterfaceOpensOnceOneHandAloneTakesItsRequests) {
 }
 
 TEST_P(OnAdapters, EveryHandOnEveryChannelIsFoundAndCanBeOpened) {
+  CanfdDevices().canfd_device_info_cache.clear();  // As before anybody used an adapter
   adapters_.Bus(0, 1).Add({sim::kQuill, 127});
   adapters_.Bus(0, 1).Add({sim::kTessel, 1});
   adapters_.Bus(1, 0).Add({sim::kBrisa, 64});
@@ -360,6 +382,8 @@ TEST_F(OnASerialPort, ABrisaOpensWhateverTheAddressLeavesOut) {
   Plug(sim::kBrisa, 0x21);
   ExpectOpens(At(""), kTestedModels[0], 0x21);
   ExpectOpens(At(":33?side=left"), kTestedModels[0], 0x21, true);
+  Plug(sim::kBrisa, 127);
+  ExpectOpens(At(""), kTestedModels[0], 127);
   const auto hand = Opened("serial:" + device_->Path() + ":Brisa");
   hand->SetFrameRecvTimeout(1000);
   EXPECT_EQ(*IdentifyHand(*hand), Model::BRISA);

@@ -1,5 +1,6 @@
 #include "serial/usb_device.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -173,6 +174,15 @@ TEST(UsbDevicePort, ThatCantBeOpenedThrowsAndLeavesNothingBehind) {
   for (int i = 0; i < 2; ++i) {
     EXPECT_THROW(none.WriteRaw(kPing.data(), kPing.size()), serial::PortNotOpenedException);
   }
+}
+
+// A line may come without a carrier, which opening it must not wait for; and a program that this
+// one starts must not keep the port.
+TEST(UsbDevicePort, IsClaimedWithoutWaitingAndForThisProcessAlone) {
+  const PseudoTerminal line;
+  const PortClaim claim(line.Path(), kBaud);
+  EXPECT_EQ(fcntl(claim.Descriptor(), F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
+  EXPECT_EQ(fcntl(claim.Descriptor(), F_GETFD), FD_CLOEXEC);
 }
 
 // The serial library would end the process with a descriptor of 1024 or more.

@@ -69,16 +69,16 @@ double InProcess(double) { return 42.0; }
 
 TEST(PresentLibrary, IsCalledUnlessTheProcessHasTheFunctionItself) {
   ClosedLibrary file(kPresent);
-  const LibraryFunction<double(double)> loaded(file, nullptr, "fabs", -7.0);
+  const LibraryFunction<double(double), -7> loaded(file, nullptr, "fabs");
   EXPECT_EQ(loaded(-3.0), 3.0);
-  const LibraryFunction<double(double)> own(file, InProcess, "fabs", -7.0);
+  const LibraryFunction<double(double), -7> own(file, InProcess, "fabs");
   EXPECT_EQ(own(-3.0), 42.0);
 }
 
 TEST(PresentLibrary, ThatLacksAFunctionTellsItAndAnswersFailure) {
   ClosedLibrary file(kPresent);
   const auto written = CaptureStreams([&] {
-    const LibraryFunction<int()> missing(file, nullptr, "korvane_no_such_function", -7);
+    const LibraryFunction<int(), -7> missing(file, nullptr, "korvane_no_such_function");
     EXPECT_EQ(missing(), -7);
   });
   EXPECT_EQ(written.err, "[ERROR]: libm.so.6 has no function korvane_no_such_function\n");
@@ -87,7 +87,7 @@ TEST(PresentLibrary, ThatLacksAFunctionTellsItAndAnswersFailure) {
 TEST(MissingLibrary, IsNotLookedForAsLongAsTheProcessHasItsFunctions) {
   const auto written = CaptureStreams([&] {
     ClosedLibrary file("libkorvane-no-such-library.so");
-    const LibraryFunction<double(double)> own(file, InProcess, "f", -7.0);
+    const LibraryFunction<double(double), -7> own(file, InProcess, "f");
     EXPECT_EQ(own(0.0), 42.0);
   });
   EXPECT_EQ(written.err, "");

@@ -16,6 +16,9 @@ namespace {
 template <class Solver>
 void CheckJoints(Model model, HandType side) {
   const Solver solver(side == HandType::LEFT);
+  const int gestures = InfoOf(model).gestures;
+  EXPECT_NE(solver.SetHandGesture(gestures - 1), solver.SetHandGesture(-1));
+  EXPECT_EQ(solver.SetHandGesture(gestures), solver.SetHandGesture(-1));
   const auto joints = JointsOf(model, side);
   std::set<std::string> names;
   for (const JointInfo& joint : joints) names.insert(joint.name);

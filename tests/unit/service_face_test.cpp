@@ -1,6 +1,7 @@
 #include "korvane_sim/service_face.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -183,6 +184,9 @@ TEST_F(SerialHandTest, AnswersFramesForItThatHaveTheRightTrailerAndUploadsOnItsP
   Exchange("EEAA FF07 01 09 7A0B", "EEAA 0100 15 09 0010*10 6A84");
   for (const char* byte : {"EE", "AA", "01", "00", "01", "02", "96", "02"}) Write(byte);
   Exchange(kAsk + " " + kAsk, kPower + kPower + kPower);
+  const auto rejected = device_.Statistics().rejected;
+  Exchange("EEAA 0100 04 06 0BEEAA 67E2 " + kAsk, "EEAA 0100 02 06 00 D623" + kPower);
+  EXPECT_EQ(device_.Statistics().rejected, rejected) << "a value that looks like a header";
   Exchange("EEAA 0100 08 F1 01 00080000 0100 5555", "EEAA 0100 06 F2 01 00*4 2C87");
   Exchange("EEAA 0100 06 F1 04 00*4 9B6A", "EEAA 0100 06 F2 04 00*4 7BA4");
   AskForNothing();
@@ -240,6 +244,12 @@ TEST_F(SerialHandTest, ReplacesALinkThatLeadsNowhereAndNothingElse) {
   EXPECT_EQ(fs::read_symlink(other), second.Device());
   EXPECT_THROW(SerialHand({kBrisa, 3}, other), std::runtime_error);
   EXPECT_THROW(SerialHand({kBrisa, 3}, fs::temp_directory_path()), std::runtime_error);
+  EXPECT_THAT(
+      [&] {
+        SerialHand({kBrisa, 3}, other + "/link");
+      },
+      testing::ThrowsMessage<std::runtime_error>("can't make the link " + other +
+                                                 "/link: Not a directory"));
   EXPECT_EQ(fs::read_symlink(other), second.Device());
 }
 

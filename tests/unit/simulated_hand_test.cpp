@@ -141,8 +141,8 @@ TEST_F(SimulatedHandTest, AnObstacleStallsAMotorWhichWarmsAndHardPressingIsAnErr
   EXPECT_GT(Value("02210127"), 25);
   hand_.JointMotor(2).SetTarget(4096);
   Play("pass 120000; 01200127 > 0700; 02130127 > 0010; 02200127 > 0000");
-  hand_.JointMotor(1).SetFault(kCommunicationException);
-  Play("01200127 > 1700; pass 600000; 02210127 > 1900");
+  hand_.JointMotor(1).SetFault(kMotorException | kCommunicationException);
+  Play("01200127 > 1F00; pass 600000; 02210127 > 1900");
 }
 
 TEST_F(SimulatedHandTest, MixedControlAppliesEveryElementInTheFirstOnesLayout) {

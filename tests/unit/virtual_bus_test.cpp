@@ -131,7 +131,10 @@ TEST(InProcessAdaptersTest, AreOneToEightOfOneToSixteenChannels) {
   for (const AdapterOptions& bad : {AdapterOptions{0, 1}, {9, 1}, {1, 0}, {1, 17}}) {
     EXPECT_THROW(InProcessAdapters{bad}, std::invalid_argument);
   }
-  EXPECT_EQ(InProcessAdapters({8, 16}).Bus(7, 15).HandCount(), 0U);
+  InProcessAdapters all({8, 16});
+  EXPECT_EQ(all.Bus(7, 15).HandCount(), 0U);
+  EXPECT_THROW(all.Bus(8, 0), std::out_of_range);
+  EXPECT_THROW(all.Bus(0, 16), std::out_of_range);
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ struct CanUpdateState : UpdateProgress {
   std::atomic<std::int32_t> ota_child_id{-1};
   std::atomic<bool> ota_use_modbus_crc{true};
   /// The last reply to the upgrade request was a good one.
-  std::atomic<bool> ota_accepted{false};
+  std::atomic<bool> ota_accepted{};
 };
 
 /// Keeps the frames of a packet together when both threads have one to send: first come, first

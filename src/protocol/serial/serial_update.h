@@ -20,14 +20,14 @@ std::uint8_t ValidationTypeOf(const Version& firmware);
 /// and results; the caller's thread pumps the packets.
 struct SerialUpdateState : UpdateProgress {
   std::atomic<std::uint8_t> ota_validation_type{kUnknownValidation};
-  std::atomic<bool> ota_upgrade_acked{false};
-  std::atomic<bool> ota_package_acked{false};
-  std::atomic<bool> ota_finish_acked{false};
-  std::atomic<bool> ota_restart_acked{false};
-  std::atomic<std::uint32_t> ota_upgrade_result{0};
-  std::atomic<std::uint32_t> ota_package_result{0};
-  std::atomic<std::uint32_t> ota_finish_result{0};
-  std::atomic<std::uint32_t> ota_restart_result{0};
+  std::atomic<bool> ota_upgrade_acked{};
+  std::atomic<bool> ota_package_acked{};
+  std::atomic<bool> ota_finish_acked{};
+  std::atomic<bool> ota_restart_acked{};
+  std::atomic<std::uint32_t> ota_upgrade_result{};
+  std::atomic<std::uint32_t> ota_package_result{};
+  std::atomic<std::uint32_t> ota_finish_result{};
+  std::atomic<std::uint32_t> ota_restart_result{};
 };
 
 /// The firmware update of a hand on a serial link. Unlike over CAN, one thread runs the whole

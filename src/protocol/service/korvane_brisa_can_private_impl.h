@@ -22,7 +22,7 @@ struct BrisaServiceRow {
   }();
   static constexpr std::uint8_t kHomingAxes = 10;
   /// Over CAN a value above 255 arrives cut to its low byte.
-  static constexpr std::uint8_t kOverloadBytes = 1;
+  static constexpr bool kOverloadInTwoBytes = false;
 
   static void Prepare(KorvaneBrisa& hand, std::uint8_t /*id*/, HandType type) {
     BrisaKinematics::MakeSolver(hand, type);

@@ -11,9 +11,7 @@ constexpr std::size_t kSpeeds = 10;
 /// Replies for ten axes begin with the motors that there are.
 template <class Value, class Reading>
 std::vector<Value> OfMotors(const std::vector<Reading>& readings) {
-  std::vector<Value> values(kMotors);
-  for (std::size_t i = 0; i < kMotors; ++i) values[i] = static_cast<Value>(readings[i]);
-  return values;
+  return std::vector<Value>(readings.begin(), readings.begin() + kMotors);
 }
 
 template <class Value>

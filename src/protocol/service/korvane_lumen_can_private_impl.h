@@ -19,7 +19,7 @@ struct LumenServiceRow {
     return model;
   }();
   static constexpr std::uint8_t kHomingAxes = 4;
-  static constexpr std::uint8_t kOverloadBytes = 1;
+  static constexpr bool kOverloadInTwoBytes = false;
 
   static void Prepare(KorvaneLumen& /*hand*/, std::uint8_t /*id*/, HandType /*type*/) {}
 };

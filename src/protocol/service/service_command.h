@@ -111,7 +111,7 @@ struct ServiceSetting {
   ServiceCommand command;
   int min = 0;
   int max = 0xFFFF;
-  std::uint8_t value_bytes = 1;
+  bool two_bytes = false;
   std::uint8_t first_axis = 0;
   std::uint8_t last_axis = 0xFF;
 
@@ -121,9 +121,9 @@ struct ServiceSetting {
     setting.max = most;
     return setting;
   }
-  constexpr ServiceSetting Bytes(std::uint8_t count) const {
+  constexpr ServiceSetting TwoBytes(bool two = true) const {
     ServiceSetting setting = *this;
-    setting.value_bytes = count;
+    setting.two_bytes = two;
     return setting;
   }
   constexpr ServiceSetting Axes(std::uint8_t first, std::uint8_t last) const {
@@ -149,33 +149,34 @@ inline constexpr auto kPowerState =
     ServiceSetting{"SetPowerState", Command::kSetPowerState};
 /// How many axes have a homing offset is the hand's.
 inline constexpr auto kAxisHoming =
-    ServiceSetting{"SetAxisHoming", Command::kSetAxisHoming}.Range(-4095, 4095).Bytes(2).Axes(1, 0xFF);
+    ServiceSetting{"SetAxisHoming", Command::kSetAxisHoming}.Range(-4095, 4095).TwoBytes().Axes(1, 0xFF);
 inline constexpr auto kId =
-    ServiceSetting{"SetId", Command::kSetId}.Range(1, 2046).Bytes(2);
+    ServiceSetting{"SetId", Command::kSetId}.Range(1, 2046).TwoBytes();
 inline constexpr auto kPlayAction =
     ServiceSetting{"PlayAction", Command::kPlayAction};
 inline constexpr auto kSingleAxisPos =
-    ServiceSetting{"SetSingleAxisPos", Command::kSetSingleAxisPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 12);
+    ServiceSetting{"SetSingleAxisPos", Command::kSetSingleAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 12);
 inline constexpr auto kSingleActualAxisPos =
-    ServiceSetting{"SetSingleActualAxisPos", Command::kSetSingleActualAxisPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 10);
+    ServiceSetting{"SetSingleActualAxisPos", Command::kSetSingleActualAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 10);
 inline constexpr auto kRunMode =
     ServiceSetting{"SetRunMode", Command::kSetRunMode};
 inline constexpr auto kAxisMinPos =
-    ServiceSetting{"SetAxisMinPos", Command::kSetAxisMinPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 12);
+    ServiceSetting{"SetAxisMinPos", Command::kSetAxisMinPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 12);
 inline constexpr auto kAxisMaxPos =
-    ServiceSetting{"SetAxisMaxPos", Command::kSetAxisMaxPos}.Range(0, kMaxPos).Bytes(2).Axes(1, 12);
+    ServiceSetting{"SetAxisMaxPos", Command::kSetAxisMaxPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 12);
+/// How many bytes an overload torque or time has is the hand's.
 inline constexpr auto kOverloadTorque =
-    ServiceSetting{"SetOverloadTorque", Command::kSetOverloadTorque}.Range(0, 1000).Bytes(2);
+    ServiceSetting{"SetOverloadTorque", Command::kSetOverloadTorque}.Range(0, 1000);
 inline constexpr auto kOverloadProtectionTime =
-    ServiceSetting{"SetOverloadProtectionTime", Command::kSetOverloadProtectionTime}.Bytes(2);
+    ServiceSetting{"SetOverloadProtectionTime", Command::kSetOverloadProtectionTime};
 inline constexpr auto kProtectedTorque =
     ServiceSetting{"SetProtectedTorque", Command::kSetProtectedTorque}.Range(0, 100);
 inline constexpr auto kMinTorque =
     ServiceSetting{"SetMinTorque", Command::kSetMinTorque}.Axes(1, 12);
 inline constexpr auto kProtectiveCurrent =
-    ServiceSetting{"SetProtectiveCurrent", Command::kSetProtectiveCurrent}.Range(0, kMaxProtectiveCurrent).Bytes(2).Axes(1, 12);
+    ServiceSetting{"SetProtectiveCurrent", Command::kSetProtectiveCurrent}.Range(0, kMaxProtectiveCurrent).TwoBytes().Axes(1, 12);
 inline constexpr auto kCvpUploadInterval =
-    ServiceSetting{"SetAllAxisCvpUploadInterval", Command::kSetAllAxisCvpUploadInterval}.Bytes(2);
+    ServiceSetting{"SetAllAxisCvpUploadInterval", Command::kSetAllAxisCvpUploadInterval}.TwoBytes();
 inline constexpr auto kRightOrLeft =
     ServiceSetting{"SetRightOrLeft", Command::kSetRightOrLeft}.Range(0, 1);
 inline constexpr auto kTemperatureThreshold =

@@ -10,8 +10,8 @@ namespace talvera::korvane {
 struct SerialBrisaSettings {
   /// The axes that have a homing offset.
   static constexpr std::uint8_t kHomingAxes = 10;
-  /// The bytes of an overload torque or time that are sent.
-  static constexpr std::uint8_t kOverloadBytes = 2;
+  /// An overload torque or time goes out in two bytes, otherwise in its low one.
+  static constexpr bool kOverloadInTwoBytes = true;
 };
 
 /// The settings of the service interface, over one way to send a command. `Base` is a service
@@ -46,11 +46,11 @@ class WithServiceSettings : public Base {
   }
   bool SaveParam() override { return Order("SaveParam", ServiceCommand::kSaveParam); }
   bool SetOverloadTorque(Byte axis, Word torque) override {
-    return Set(Shortened(setting::kOverloadTorque), axis, torque);
+    return Set(WithItsBytes(setting::kOverloadTorque), axis, torque);
   }
   bool ClearError() override { return Order("ClearError", ServiceCommand::kClearError); }
   bool SetOverloadProtectionTime(Byte axis, Word time) override {
-    return Set(Shortened(setting::kOverloadProtectionTime), axis, time);
+    return Set(WithItsBytes(setting::kOverloadProtectionTime), axis, time);
   }
   bool ClearAllLimitPos() override {
     return Order("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos);
@@ -103,13 +103,13 @@ class WithServiceSettings : public Base {
     return CheckArgument(good_arguments) && Execute(operation, command, payload);
   }
 
-  static constexpr ServiceSetting Shortened(const ServiceSetting& setting) {
-    return setting.Bytes(Settings::kOverloadBytes);
+  static constexpr ServiceSetting WithItsBytes(const ServiceSetting& setting) {
+    return setting.TwoBytes(Settings::kOverloadInTwoBytes);
   }
 
   static ServicePayload Value(const ServiceSetting& setting, ServicePayload payload, int value) {
     const auto bits = static_cast<unsigned>(value);
-    return setting.value_bytes == 1 ? payload.Add8(bits) : payload.Add16(bits);
+    return setting.two_bytes ? payload.Add16(bits) : payload.Add8(bits);
   }
 };
 

@@ -17,7 +17,7 @@ class CanLink;
 struct ServiceUpdateState : UpdateProgress {
   std::atomic<std::int32_t> ota_child_id{-1};
   std::atomic<std::uint32_t> ota_package_result{kWaitingResponse};
-  std::atomic<bool> ota_responded{false};
+  std::atomic<bool> ota_responded{};
 };
 
 /// The firmware update of one hand over the service protocol. The caller's thread runs the whole of
