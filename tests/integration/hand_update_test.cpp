@@ -428,8 +428,6 @@ TEST_P(HandUpdate, WritesTheLinesThatAreSettled) {
   SetFault(Kind::kRestartFirst, Child::kUpgrade);
   Record("restarts first", (Update(), Written().err + LineWith("aiting for r", Written().out)));
   Disturb(0ms);
-  SetFaults({{Kind::kStatus, Child::kPacket, 1, 1}, {Kind::kLose, Child::kPacket, 0, 2}});
-  RecordRun("no reply to the other checksum");
   SetFaults({});
   Firmware([](auto& firmware) { firmware.SetChecksum(sim::UpdateChecksum::kXmodem); });
   Record("the other checksum", (Update(), Written().err));

@@ -74,6 +74,16 @@ TEST_F(LogSinkTest, MayBeChangedFromWithinAndWhileHandsTalk) {
   EXPECT_GE(taken, 300);
 }
 
+TEST_F(LogSinkTest, LimitsTheStreamsUnlessAnotherSinkIsNamed) {
+  const auto streams = test::CaptureStreams([] {
+    const LogSink limited = RateLimitedLog(9);
+    limited(LogLevel::INFO, "told");
+    limited(LogLevel::WARNING, "warned");
+  });
+  EXPECT_EQ(streams.out, "told\n");
+  EXPECT_EQ(streams.err, "warned\n");
+}
+
 TEST_F(LogSinkTest, LetsSoManyLinesThroughInASecondAndCountsTheRest) {
   const LogSink limited = RateLimitedLog(2, Keeping());
   for (int i = 0; i < 100; ++i) limited(LogLevel::ERROR, "line");

@@ -7,6 +7,7 @@
 #include <numeric>
 #include <stdexcept>
 
+#include "korvane_diagnostics.h"
 #include "support/tested_hands.h"
 
 namespace talvera::korvane {
@@ -96,6 +97,15 @@ TEST_P(TactileSensors, KeepWhatArrivedWhenTheirRawArrayIsCutOff) {
     EXPECT_EQ(lines.substr(announced == 2 ? lines.find('\n') + 1 : 0),
               "[Warning]: Incomplete data for sensor 6. Expected 78 bytes, got 62\n");
   }
+}
+
+TEST_P(TactileSensors, AreEmptyWithALineWhereNothingComes) {
+  rig_.hand->SetFrameRecvTimeout(10);
+  EXPECT_EQ(hand_.GetSensorOrder(), order_);
+  const std::string lines =
+      Told([&] { EXPECT_TRUE(hand_.GetTactileSensorDataRaw(Finger::PALM).data.empty()); });
+  EXPECT_THAT(lines, testing::EndsWith("No tactile sensor data available for sensor 6\n"));
+  EXPECT_EQ(LastFailure(*rig_.hand).kind, FailureKind::NO_REPLY);
 }
 
 TEST_P(TactileSensors, AreCutFromTheStreamOfAllInTheirOrder) {
