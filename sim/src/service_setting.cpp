@@ -60,19 +60,19 @@ Bytes Carry(const AxisRow& row, const Call& call) {
 
 struct HandRow {
   std::uint8_t command;
-  std::size_t width;
+  bool tells_value;  ///< In the reply, instead of whether it was taken.
+  std::uint8_t width;
   int min;
   int max;
   int ServiceSettings::*field;
-  bool tells_value;  ///< In the reply, instead of whether it was taken.
 };
 
 constexpr HandRow kHandRows[] = {
-    {0x04, 2, 1, 2046, &ServiceSettings::device_id, false},
-    {0x28, 2, 0, kMaxU16, &ServiceSettings::upload_ms, false},
-    {0x31, 1, 0, 1, &ServiceSettings::side, false},
-    {0x34, 1, 0, 255, &ServiceSettings::temperature_threshold, false},
-    {0x80, 1, 0, 1, &ServiceSettings::control_source, true},
+    {0x04, false, 2, 1, 2046, &ServiceSettings::device_id},
+    {0x28, false, 2, 0, kMaxU16, &ServiceSettings::upload_ms},
+    {0x31, false, 1, 0, 1, &ServiceSettings::side},
+    {0x34, false, 1, 0, 255, &ServiceSettings::temperature_threshold},
+    {0x80, true, 1, 0, 1, &ServiceSettings::control_source},
 };
 
 Bytes Carry(const HandRow& row, const Call& call) {
