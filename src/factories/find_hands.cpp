@@ -27,10 +27,10 @@ struct FoundAdapter {
 };
 
 std::vector<FoundAdapter> ZlgAdapters() {
-  const std::lock_guard device_lock(ZlgUsbcanfdDevice::device_mutex_);
+  const MutexLock device_lock(ZlgUsbcanfdDevice::device_mutex_);
   ZlgUsbcanfdDevice::Scan();
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   std::vector<FoundAdapter> adapters;
   for (const auto& [index, device] : table.canfd_device_info_cache) {
     adapters.push_back({index, device.channels, device.ref_count > 0});
@@ -40,7 +40,7 @@ std::vector<FoundAdapter> ZlgAdapters() {
 
 std::vector<FoundAdapter> HcanAdapters() {
   const auto devices = HcanDevice::ScanHcanDevices();
-  const std::lock_guard lock(HcanDevice::device_mutex_);
+  const MutexLock lock(HcanDevice::device_mutex_);
   std::vector<FoundAdapter> adapters;
   for (const HcanDeviceInfo& device : devices) {
     const auto index = static_cast<std::uint8_t>(device.adapter_index);
