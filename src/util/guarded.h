@@ -3,8 +3,8 @@
 #include <mutex>
 
 // What a mutex guards, told so that clang's -Wthread-safety checks it: a member with
-// KORVANE_GUARDED_BY(mutex_) is touched only while a MutexLock of that mutex lives, or in a function
-// with KORVANE_REQUIRES(mutex_). Constructors and destructors aren't checked.
+// KORVANE_GUARDED_BY(mutex_) is touched only while a MutexLock of that mutex lives, or in a
+// function with KORVANE_REQUIRES(mutex_). Constructors and destructors aren't checked.
 
 #if defined(__clang__)
 #define KORVANE_THREAD_ATTRIBUTE(...) __attribute__((__VA_ARGS__))
@@ -21,8 +21,8 @@ namespace talvera::korvane {
 /// A std::mutex that the check knows, as the one of libstdc++ isn't.
 class KORVANE_THREAD_ATTRIBUTE(capability("mutex")) Mutex : public std::mutex {};
 
-/// Holds a mutex while it lives. What waits for a condition takes it as the std::unique_lock that it
-/// is.
+/// Holds a mutex while it lives. What waits for a condition takes it as the std::unique_lock that
+/// it is.
 class KORVANE_THREAD_ATTRIBUTE(scoped_lockable) MutexLock : public std::unique_lock<std::mutex> {
  public:
   explicit MutexLock(Mutex& mutex) KORVANE_THREAD_ATTRIBUTE(acquire_capability(mutex))

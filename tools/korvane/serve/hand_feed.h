@@ -122,8 +122,8 @@ class HandFeed {
   HandAddress address_;
   std::string serial_number_;
 
-  /// Of the three that follow, where another thread looks at them: the feed's own thread, which alone
-  /// changes them, reads them without it.
+  /// Of the three that follow, where another thread looks at them: the feed's own thread, which
+  /// alone changes them, reads them without it.
   mutable talvera::korvane::Mutex hand_mutex_;
   Json description_;
   std::optional<OpenedHand> hand_;
