@@ -2,6 +2,8 @@
 add_library(korvane_options INTERFACE)
 target_compile_options(korvane_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<COMPILE_LANGUAGE:CXX>:-Wzero-as-null-pointer-constant>
+  # What src/util/guarded.h tells of mutexes; only clang knows it.
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang,AppleClang>:-Wthread-safety>
   # The solvers give the same digits on every machine only if no multiply and add are fused.
   -ffp-contract=off
   # No path of this machine in what is given away; a debugger needs them.

@@ -131,7 +131,9 @@ struct FindOptions {
   std::chrono::milliseconds answer_time{100};
   /// Only these links are looked at if there are any here, whatever `links` and `serial_ports` say:
   /// "can0", "zlg:0.1", "serial:/dev/ttyUSB0@115200". Of an address with an id only that id is
-  /// asked; its model doesn't matter. A hand that two of them lead to is found once.
+  /// asked; its model doesn't matter. Where they overlap, each id is asked once, and a hand that
+  /// two of them lead to is found once: for the side of the place with its id, or else of the
+  /// first.
   std::vector<HandAddress> places;
 };
 

@@ -43,7 +43,7 @@ enum class Reliability : std::uint8_t { RELIABLE, BEST_EFFORT };
 class Participant {
  public:
   /// With `is_local` it keeps to the loopback interface. Otherwise CYCLONEDDS_URI decides, or else
-  /// what ROS 2 itself does: the network interface, multicast, up to 33 participants on a machine.
+  /// what ROS 2 itself does: the network interface, multicast, up to 32 participants on a machine.
   Participant(dds_domainid_t domain, bool is_local);
 
   dds_entity_t Handle() const { return participant_.Handle(); }

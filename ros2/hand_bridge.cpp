@@ -87,7 +87,7 @@ HandBridge::HandBridge(const Participant& participant, const HandOptions& hand_o
 
 HandBridge::~HandBridge() {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     is_ending_ = true;
   }
   changed_.notify_all();
@@ -117,8 +117,8 @@ void HandBridge::Run() {
 
 /// False once the program ends.
 bool HandBridge::WaitUntil(Instant time) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return !changed_.wait_until(lock, time, [this] { return is_ending_; });
+  kv::MutexLock lock(mutex_);
+  return !changed_.wait_until(lock, time, [this]() KORVANE_REQUIRES(mutex_) { return is_ending_; });
 }
 
 void HandBridge::Cycle(Seconds since_last) {
@@ -303,14 +303,14 @@ void HandBridge::UpdateHealth() {
   for (std::size_t i = 0; i < kRefusals; ++i) {
     now_.refused[i] = gate_.Refused(static_cast<Refusal>(i));
   }
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const kv::MutexLock lock(mutex_);
   health_ = now_;
 }
 
 Status HandBridge::Report() {
   Health health;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     health_.failed_recently =
         health_.failed_requests - std::exchange(failed_before_, health_.failed_requests);
     health = health_;

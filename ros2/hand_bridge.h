@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -19,6 +18,7 @@
 #include "joint_rules.h"
 #include "mailbox.h"
 #include "options.h"
+#include "util/guarded.h"
 
 namespace korvane_ros2 {
 
@@ -89,11 +89,11 @@ class HandBridge {
   std::size_t next_touch_ = 0;
   Health now_;  ///< Of the hand's thread.
 
-  std::mutex mutex_;  ///< Guards what stands below.
+  talvera::korvane::Mutex mutex_;
   std::condition_variable changed_;
-  bool is_ending_ = false;
-  Health health_;
-  std::uint64_t failed_before_ = 0;
+  bool is_ending_ KORVANE_GUARDED_BY(mutex_) = false;
+  Health health_ KORVANE_GUARDED_BY(mutex_);
+  std::uint64_t failed_before_ KORVANE_GUARDED_BY(mutex_) = 0;
 
   std::thread thread_;  ///< The last, as it uses all others.
 };

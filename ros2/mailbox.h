@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "command_gate.h"
+#include "util/guarded.h"
 
 namespace korvane_ros2 {
 
@@ -16,7 +16,7 @@ class Mailbox {
  public:
   /// Keeps a command in place of its commander's last. `written` is when it was, by the wall clock.
   void Put(Command command, std::int64_t written_ns) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const talvera::korvane::MutexLock lock(mutex_);
     const auto same = std::find_if(letters_.begin(), letters_.end(), [&](const Letter& letter) {
       return letter.command.commander == command.commander;
     });
@@ -29,7 +29,7 @@ class Mailbox {
 
   /// All that is there, with its age at `now`.
   std::vector<Command> TakeAll(std::int64_t now_ns) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const talvera::korvane::MutexLock lock(mutex_);
     std::vector<Command> commands;
     for (Letter& letter : letters_) {
       letter.command.age = std::chrono::nanoseconds(now_ns - letter.written_ns);
@@ -41,7 +41,7 @@ class Mailbox {
 
   /// Commands that were overtaken by a newer one before the hand's thread came for them.
   std::uint64_t Superseded() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const talvera::korvane::MutexLock lock(mutex_);
     return superseded_;
   }
 
@@ -53,9 +53,9 @@ class Mailbox {
   /// What more than these send between two cycles is dropped.
   static constexpr std::size_t kMostCommanders = 16;
 
-  mutable std::mutex mutex_;
-  std::vector<Letter> letters_;
-  std::uint64_t superseded_ = 0;
+  mutable talvera::korvane::Mutex mutex_;
+  std::vector<Letter> letters_ KORVANE_GUARDED_BY(mutex_);
+  std::uint64_t superseded_ KORVANE_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace korvane_ros2

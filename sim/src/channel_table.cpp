@@ -12,14 +12,14 @@ void CloseLink(std::shared_ptr<Link>& link) {
 }  // namespace
 
 bool ChannelTable::OpenDevice(std::uint32_t index) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   if (devices_.count(index) != 0) return false;
   auto device = MakeDevice(index);
   return device && devices_.emplace(index, std::move(*device)).second;
 }
 
 bool ChannelTable::OpenChannel(std::uint32_t index, std::uint32_t channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   auto device = devices_.find(index);
   if (device == devices_.end()) {
     auto made = MakeDevice(index);
@@ -31,7 +31,7 @@ bool ChannelTable::OpenChannel(std::uint32_t index, std::uint32_t channel) {
 }
 
 bool ChannelTable::CloseDevice(std::uint32_t index) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto device = devices_.find(index);
   if (device == devices_.end()) return false;
   for (auto& [channel, link] : device->second.links) CloseLink(link);
@@ -40,19 +40,19 @@ bool ChannelTable::CloseDevice(std::uint32_t index) {
 }
 
 std::optional<AdapterInfo> ChannelTable::Info(std::uint32_t index) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto device = devices_.find(index);
   if (device == devices_.end()) return std::nullopt;
   return device->second.info;
 }
 
 bool ChannelTable::IsOpen(std::uint32_t index, std::uint32_t channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   return Find(index, channel) != nullptr;
 }
 
 bool ChannelTable::Start(std::uint32_t index, std::uint32_t channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   auto* const link = Find(index, channel);
   if (link == nullptr) return false;
   if (!*link) *link = backend_->Attach(index, channel);
@@ -60,7 +60,7 @@ bool ChannelTable::Start(std::uint32_t index, std::uint32_t channel) {
 }
 
 bool ChannelTable::Stop(std::uint32_t index, std::uint32_t channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   auto* const link = Find(index, channel);
   if (link == nullptr) return false;
   CloseLink(*link);
@@ -68,7 +68,7 @@ bool ChannelTable::Stop(std::uint32_t index, std::uint32_t channel) {
 }
 
 std::shared_ptr<Link> ChannelTable::StartedLink(std::uint32_t index, std::uint32_t channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   auto* const link = Find(index, channel);
   return link == nullptr ? nullptr : *link;
 }

@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 
 #include "backend.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane::sim {
 
@@ -44,12 +44,12 @@ class ChannelTable {
   };
 
   std::optional<Device> MakeDevice(std::uint32_t index);
-  std::shared_ptr<Link>* Find(std::uint32_t index, std::uint32_t channel);
+  std::shared_ptr<Link>* Find(std::uint32_t index, std::uint32_t channel) KORVANE_REQUIRES(mutex_);
 
   const AdapterKind kind_;
   const std::shared_ptr<Backend> backend_;
-  std::mutex mutex_;
-  std::map<std::uint32_t, Device> devices_;
+  Mutex mutex_;
+  std::map<std::uint32_t, Device> devices_ KORVANE_GUARDED_BY(mutex_);
 };
 
 /// Both libraries keep a frame in 80 bytes.

@@ -1,17 +1,17 @@
 #include "korvane_sim/in_process_adapters.h"
 
-#include <mutex>
 #include <stdexcept>
 
 #include "util/clock.h"
+#include "util/guarded.h"
 #include "world.h"
 
 namespace talvera::korvane::sim {
 namespace {
 
 struct Slot {
-  std::mutex mutex;
-  std::shared_ptr<Backend> backend;
+  Mutex mutex;
+  std::shared_ptr<Backend> backend KORVANE_GUARDED_BY(mutex);
 };
 
 Slot& TheSlot() {
@@ -23,7 +23,7 @@ Slot& TheSlot() {
 }  // namespace
 
 std::shared_ptr<Backend> CurrentBackend() {
-  const std::lock_guard<std::mutex> lock(TheSlot().mutex);
+  const MutexLock lock(TheSlot().mutex);
   return TheSlot().backend;
 }
 
@@ -31,14 +31,14 @@ class InProcessAdapters::Impl {
  public:
   Impl(const AdapterOptions& options, Clock& clock)
       : world_(std::make_shared<World>(options, clock)) {
-    const std::lock_guard<std::mutex> lock(TheSlot().mutex);
+    const MutexLock lock(TheSlot().mutex);
     if (TheSlot().backend) throw std::logic_error("another InProcessAdapters lives");
     TheSlot().backend = world_;
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
   ~Impl() {
-    const std::lock_guard<std::mutex> lock(TheSlot().mutex);
+    const MutexLock lock(TheSlot().mutex);
     TheSlot().backend.reset();
   }
 

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "backend.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane::sim {
 
@@ -13,13 +13,13 @@ namespace talvera::korvane::sim {
 template <class Library>
 std::shared_ptr<Library> CurrentLibrary() {
   struct Slot {
-    std::mutex mutex;
-    std::shared_ptr<Backend> backend;
-    std::shared_ptr<Library> library;
+    Mutex mutex;
+    std::shared_ptr<Backend> backend KORVANE_GUARDED_BY(mutex);
+    std::shared_ptr<Library> library KORVANE_GUARDED_BY(mutex);
   };
   static auto* const slot = new Slot;
   std::shared_ptr<Library> old;  // Outlives the lock: closing its links may take a while.
-  const std::lock_guard<std::mutex> lock(slot->mutex);
+  const MutexLock lock(slot->mutex);
   auto backend = CurrentBackend();
   if (backend != slot->backend) {
     old = std::move(slot->library);

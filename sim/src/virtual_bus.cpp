@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <condition_variable>
 #include <map>
-#include <mutex>
 #include <random>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "util/clock.h"
+#include "util/guarded.h"
 #include "wire.h"
 
 namespace talvera::korvane::sim {
@@ -63,12 +63,12 @@ class VirtualBus::State {
   State(Clock& clock, std::uint64_t seed) : clock_(clock), random_(seed) {}
 
   void Attach(const std::shared_ptr<Port::Inbox>& inbox) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     inboxes_.push_back(inbox);
   }
 
   void Close(Port::Inbox& inbox) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     inbox.closed = true;
     inbox.frames.clear();
     inboxes_.erase(std::remove_if(inboxes_.begin(), inboxes_.end(),
@@ -78,7 +78,7 @@ class VirtualBus::State {
   }
 
   bool IsClosed(const Port::Inbox& inbox) const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     return inbox.closed;
   }
 
@@ -86,7 +86,7 @@ class VirtualBus::State {
     if (frame.id > 0x1FFFFFFF || frame.len > frame.data.size()) return false;
     std::fill(frame.data.begin() + frame.len, frame.data.end(), std::uint8_t{0});
     frame.len = PaddedLength(frame.len);
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (from.closed) return false;
     const TimePoint now = clock_.Now();
     ++statistics_.from_hosts;
@@ -100,7 +100,7 @@ class VirtualBus::State {
   }
 
   std::optional<Frame> Receive(Port::Inbox& inbox, std::chrono::nanoseconds wait) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     const TimePoint deadline = clock_.Now() + wait;
     while (!inbox.closed) {
       const TimePoint now = clock_.Now();
@@ -118,19 +118,19 @@ class VirtualBus::State {
   }
 
   std::size_t Add(SimulatedHand hand) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     hand.Advance(clock_.Now());
     hands_.emplace_back(std::move(hand));
     return hands_.size() - 1;
   }
 
   std::size_t HandCount() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     return hands_.size();
   }
 
   void WithHand(std::size_t number, const std::function<void(SimulatedHand&)>& action) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     PluggedHand& place = hands_.at(number);
     const TimePoint now = clock_.Now();
     place.hand.Advance(now);
@@ -140,7 +140,7 @@ class VirtualBus::State {
   }
 
   ServiceSettings Settings(std::size_t number) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     PluggedHand& place = hands_.at(number);
     if (!place.service) throw std::out_of_range("a hand without service commands over CAN");
     place.service->Follow(place.hand, clock_.Now());
@@ -152,41 +152,42 @@ class VirtualBus::State {
   }
 
   void SetPlugged(std::size_t number, bool plugged) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     hands_.at(number).plugged = plugged;
     clock_.NotifyAll(arrived_);
   }
 
   void SetFaults(const Faults& faults) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     faults_ = faults;
     emitted_ = 0;
   }
 
   BusStatistics Statistics() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     return statistics_;
   }
 
  private:
-  bool Happens(double probability) {
+  bool Happens(double probability) KORVANE_REQUIRES(mutex_) {
     if (probability <= 0.0) return false;
     return std::uniform_real_distribution<>(0.0, 1.0)(random_) < probability;
   }
 
-  bool Loses() {
+  bool Loses() KORVANE_REQUIRES(mutex_) {
     if (!Happens(faults_.loss)) return false;
     ++statistics_.lost;
     return true;
   }
 
-  std::chrono::nanoseconds UpTo(std::chrono::nanoseconds limit) {
+  std::chrono::nanoseconds UpTo(std::chrono::nanoseconds limit) KORVANE_REQUIRES(mutex_) {
     if (limit.count() <= 0) return std::chrono::nanoseconds(0);
     return std::chrono::nanoseconds(
         std::uniform_int_distribution<std::int64_t>(0, limit.count())(random_));
   }
 
-  void Deliver(const Frame& frame, TimePoint due, const Port::Inbox* except) {
+  void Deliver(const Frame& frame, TimePoint due, const Port::Inbox* except)
+      KORVANE_REQUIRES(mutex_) {
     for (const auto& inbox : inboxes_) {
       if (inbox.get() == except) continue;
       if (inbox->frames.size() >= kInboxFrames) {
@@ -197,7 +198,7 @@ class VirtualBus::State {
     }
   }
 
-  void EmitFromHand(const Frame& frame, TimePoint now) {
+  void EmitFromHand(const Frame& frame, TimePoint now) KORVANE_REQUIRES(mutex_) {
     if (faults_.silent_after && emitted_ >= *faults_.silent_after) return;
     ++emitted_;
     ++statistics_.from_hands;
@@ -218,8 +219,8 @@ class VirtualBus::State {
 
   /// The same reply from an id that no hand on this bus has, with every data byte changed. That of
   /// service replies is taken too.
-  Frame Foreign(Frame frame) {
-    const auto is_taken = [&](std::uint32_t id) {
+  Frame Foreign(Frame frame) KORVANE_REQUIRES(mutex_) {
+    const auto is_taken = [&](std::uint32_t id) KORVANE_REQUIRES(mutex_) {
       return id == frame.id ||
              std::any_of(hands_.begin(), hands_.end(),
                          [id](const PluggedHand& place) { return place.hand.DeviceId() == id; });
@@ -232,7 +233,7 @@ class VirtualBus::State {
     return frame;
   }
 
-  void EmitDueReports(TimePoint now) {
+  void EmitDueReports(TimePoint now) KORVANE_REQUIRES(mutex_) {
     for (PluggedHand& place : hands_) {
       if (place.NextEvent() > now) continue;
       for (const Frame& frame : place.TakeDue(now)) {
@@ -242,21 +243,21 @@ class VirtualBus::State {
     }
   }
 
-  TimePoint NextEvent(const Port::Inbox& inbox) const {
+  TimePoint NextEvent(const Port::Inbox& inbox) const KORVANE_REQUIRES(mutex_) {
     TimePoint next = inbox.frames.empty() ? TimePoint::max() : inbox.frames.begin()->first;
     for (const PluggedHand& place : hands_) next = std::min(next, place.NextEvent());
     return next;
   }
 
   Clock& clock_;
-  mutable std::mutex mutex_;
+  mutable Mutex mutex_;
   std::condition_variable arrived_;
-  std::vector<std::shared_ptr<Port::Inbox>> inboxes_;
-  std::vector<PluggedHand> hands_;
-  Faults faults_;
-  std::uint64_t emitted_ = 0;
-  BusStatistics statistics_;
-  std::mt19937_64 random_;
+  std::vector<std::shared_ptr<Port::Inbox>> inboxes_ KORVANE_GUARDED_BY(mutex_);
+  std::vector<PluggedHand> hands_ KORVANE_GUARDED_BY(mutex_);
+  Faults faults_ KORVANE_GUARDED_BY(mutex_);
+  std::uint64_t emitted_ KORVANE_GUARDED_BY(mutex_) = 0;
+  BusStatistics statistics_ KORVANE_GUARDED_BY(mutex_);
+  std::mt19937_64 random_ KORVANE_GUARDED_BY(mutex_);
 };
 
 VirtualBus::VirtualBus(std::uint64_t seed) : VirtualBus(SystemClock(), seed) {}

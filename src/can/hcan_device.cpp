@@ -104,7 +104,7 @@ std::map<std::uint8_t, int>& DeviceRefCounts() {
 }  // namespace
 
 std::map<std::uint8_t, int>& HcanDevice::device_ref_count_ = DeviceRefCounts();
-std::mutex HcanDevice::device_mutex_;
+Mutex HcanDevice::device_mutex_;
 
 HcanDevice::HcanDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type)
     : UsbCanAdapter(adapter_index, channel, product_type, /*send_timeout_ms=*/0) {
@@ -148,7 +148,6 @@ void HcanDevice::OpenAndReceive() {
                   channel_id_));
 }
 
-/// For a caller that holds `device_mutex_`.
 bool HcanDevice::IsInUse(int index) {
   const auto count = DeviceRefCounts().find(static_cast<std::uint8_t>(index));
   return count != DeviceRefCounts().end() && count->second > 0;
@@ -170,7 +169,7 @@ std::optional<HcanDeviceInfo> HcanDevice::LookAt(int index) {
 }
 
 std::vector<HcanDeviceInfo> HcanDevice::ScanHcanDevices() {
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   std::vector<HcanDeviceInfo> devices;
   // An index is one byte; a greater count is none that a library could mean.
   const int count = std::min(CanBus().scan_device(), kMaxDevices);
@@ -189,7 +188,7 @@ std::optional<HcanDeviceInfo> HcanDevice::FindHcanDeviceBySerialNumber(
 }
 
 int HcanDevice::OpenDevice() {
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   if (IsInUse(adapter_index_)) {
     ++times_opened_;
     const int count = ++DeviceRefCounts()[adapter_index_];
@@ -258,7 +257,7 @@ bool HcanDevice::InitialiseChannel() {
 }
 
 int HcanDevice::CloseDevice() {
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   if (!HoldsChannel()) return 0;
   --times_opened_;
   int& count = DeviceRefCounts()[adapter_index_];

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "can/usb_can_adapter.h"
+#include "util/guarded.h"
 #include "util/models.h"
 
 namespace talvera::korvane {
@@ -53,18 +54,18 @@ class HcanDevice : public UsbCanAdapter {
   std::unique_ptr<std::thread> recv_thread_;
   bool running_ = true;
 
-  /// Channels in use, by device index. Guarded by `device_mutex_`, and never destroyed, since a
-  /// hand with static storage may close while the process ends.
-  static std::map<std::uint8_t, int>& device_ref_count_;
-  static std::mutex device_mutex_;
+  static Mutex device_mutex_;
+  /// Channels in use, by device index. Never destroyed, since a hand with static storage may close
+  /// while the process ends.
+  static std::map<std::uint8_t, int>& device_ref_count_ KORVANE_GUARDED_BY(device_mutex_);
 
  private:
   void OpenAndReceive();
-  static std::optional<HcanDeviceInfo> LookAt(int index);
-  static bool IsInUse(int index);
-  bool OpenChannel();
-  bool CheckClock();
-  bool InitialiseChannel();
+  static std::optional<HcanDeviceInfo> LookAt(int index) KORVANE_REQUIRES(device_mutex_);
+  static bool IsInUse(int index) KORVANE_REQUIRES(device_mutex_);
+  bool OpenChannel() KORVANE_REQUIRES(device_mutex_);
+  bool CheckClock() KORVANE_REQUIRES(device_mutex_);
+  bool InitialiseChannel() KORVANE_REQUIRES(device_mutex_);
   bool TransmitRecord(std::uint8_t* record) const;
 };
 

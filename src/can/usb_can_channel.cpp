@@ -16,9 +16,9 @@ constexpr std::size_t kInboxSize = 4096;
 
 std::shared_ptr<UsbCanChannel> UsbCanChannel::Named(const std::string& name) {
   // Never destroyed: hands with static storage close their channel while the process ends.
-  static auto* const mutex = new std::mutex;
+  static auto* const mutex = new Mutex;
   static auto* const channels = new std::map<std::string, std::weak_ptr<UsbCanChannel>>;
-  const std::lock_guard lock(*mutex);
+  const MutexLock lock(*mutex);
   std::weak_ptr<UsbCanChannel>& known = (*channels)[name];
   auto channel = known.lock();
   if (!channel) known = channel = std::make_shared<UsbCanChannel>();
@@ -26,12 +26,12 @@ std::shared_ptr<UsbCanChannel> UsbCanChannel::Named(const std::string& name) {
 }
 
 UsbCanChannel::Seat::Seat(std::shared_ptr<UsbCanChannel> channel) : channel_(std::move(channel)) {
-  const std::lock_guard lock(channel_->mutex_);
+  const MutexLock lock(channel_->mutex_);
   channel_->seats_.push_back(this);
 }
 
 UsbCanChannel::Seat::~Seat() {
-  const std::lock_guard lock(channel_->mutex_);
+  const MutexLock lock(channel_->mutex_);
   auto& seats = channel_->seats_;
   seats.erase(std::find(seats.begin(), seats.end(), this));
 }
@@ -39,8 +39,7 @@ UsbCanChannel::Seat::~Seat() {
 /// The time in which one object reads the channel and the lock is free.
 class UsbCanChannel::Turn {
  public:
-  Turn(UsbCanChannel& channel, std::unique_lock<std::mutex>& lock)
-      : channel_(channel), lock_(lock) {
+  Turn(UsbCanChannel& channel, MutexLock& lock) : channel_(channel), lock_(lock) {
     channel_.being_read_ = true;
     lock_.unlock();
   }
@@ -54,12 +53,12 @@ class UsbCanChannel::Turn {
 
  private:
   UsbCanChannel& channel_;
-  std::unique_lock<std::mutex>& lock_;
+  MutexLock& lock_;
 };
 
 void UsbCanChannel::Seat::Next(const Reader& read, const Taker& take) {
   own_.clear();
-  Lock lock(channel_->mutex_);
+  MutexLock lock(channel_->mutex_);
   if (inbox_.empty() && channel_->being_read_) channel_->changed_.wait_for(lock, kLongestWait);
   if (inbox_.empty() && !channel_->being_read_) Read(lock, read);
   const std::vector<std::shared_ptr<SharedFrame>> shared(inbox_.begin(), inbox_.end());
@@ -75,7 +74,7 @@ void UsbCanChannel::Seat::Next(const Reader& read, const Taker& take) {
 }
 
 /// An object that is alone on its channel keeps what it reads: sharing costs memory for each frame.
-void UsbCanChannel::Seat::Read(Lock& lock, const Reader& read) {
+void UsbCanChannel::Seat::Read(MutexLock& lock, const Reader& read) {
   {
     const Turn turn(*channel_, lock);
     read(own_);

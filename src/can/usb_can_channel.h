@@ -6,11 +6,11 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "can/can_frame.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane {
 
@@ -57,11 +57,10 @@ class UsbCanChannel {
 
    private:
     friend class UsbCanChannel;
-    using Lock = std::unique_lock<std::mutex>;
-
-    void Read(Lock& lock, const Reader& read);
+    void Read(MutexLock& lock, const Reader& read) KORVANE_REQUIRES(channel_->mutex_);
 
     std::shared_ptr<UsbCanChannel> channel_;
+    /// Guarded by the mutex of the channel, which fills it.
     std::deque<std::shared_ptr<SharedFrame>> inbox_;
     /// What this object has read and nobody else is to see. Kept for its memory.
     std::vector<CanfdFrame> own_;
@@ -76,12 +75,12 @@ class UsbCanChannel {
  private:
   class Turn;
 
-  void Distribute(const std::vector<CanfdFrame>& frames);
+  void Distribute(const std::vector<CanfdFrame>& frames) KORVANE_REQUIRES(mutex_);
 
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable changed_;
-  bool being_read_ = false;
-  std::vector<Seat*> seats_;
+  bool being_read_ KORVANE_GUARDED_BY(mutex_) = false;
+  std::vector<Seat*> seats_ KORVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace talvera::korvane

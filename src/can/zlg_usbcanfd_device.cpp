@@ -85,7 +85,7 @@ class KnownDevice {
   explicit operator bool() const { return info_ != nullptr; }
 
  private:
-  std::unique_lock<std::mutex> lock_;
+  MutexLock lock_;
   CanfdDeviceInfo* info_ = nullptr;
 };
 
@@ -127,7 +127,7 @@ CanfdFrame ToCanfdFrame(const std::uint8_t* record) {
 
 }  // namespace
 
-std::mutex ZlgUsbcanfdDevice::device_mutex_;
+Mutex ZlgUsbcanfdDevice::device_mutex_;
 
 CanfdDeviceTable& CanfdDevices() {
   // Hands with static storage close their channel while the process ends.
@@ -140,7 +140,7 @@ ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t ch
     : UsbCanAdapter(adapter_index, channel, product_type, kInitialSendTimeoutMs) {
   // One lock over both steps: the probe leaves the device open, and a scan that came then could not
   // open it, would take it for unplugged and forget it.
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   if (!TakeFromCache()) Probe();
   OpenAndReceive();
 }
@@ -148,7 +148,7 @@ ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t ch
 ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(const std::string& serial_number, std::uint8_t channel,
                                      std::uint8_t product_type)
     : UsbCanAdapter(0, channel, product_type, kInitialSendTimeoutMs) {
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   auto device = FindInCache(serial_number);
   if (!device) {
     Scan();
@@ -179,7 +179,7 @@ void ZlgUsbcanfdDevice::OpenAndReceive() {
 
 bool ZlgUsbcanfdDevice::TakeFromCache() {
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   const auto entry = table.canfd_device_info_cache.find(adapter_index_);
   if (!table.cache_valid_ || entry == table.canfd_device_info_cache.end()) return false;
   device_type_ = entry->second.device_type;
@@ -197,14 +197,14 @@ void ZlgUsbcanfdDevice::Probe() {
   info->opened = true;
   device_type_ = kDeviceType;
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   table.canfd_device_info_cache[adapter_index_] = *info;
   table.cache_valid_ = true;
 }
 
 std::optional<CanfdDeviceInfo> ZlgUsbcanfdDevice::FindInCache(const std::string& serial_number) {
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   if (!table.cache_valid_) return std::nullopt;
   for (const auto& entry : table.canfd_device_info_cache) {
     const CanfdDeviceInfo& info = entry.second;
@@ -217,7 +217,7 @@ void ZlgUsbcanfdDevice::Scan() {
   CanfdDeviceTable& table = CanfdDevices();
   std::map<std::uint8_t, CanfdDeviceInfo> found;
   {
-    const std::lock_guard lock(table.scan_cache_mutex_);
+    const MutexLock lock(table.scan_cache_mutex_);
     if (table.cache_valid_ && HoldsEveryIndex(table.canfd_device_info_cache)) return;
     for (const auto& entry : table.canfd_device_info_cache) {
       if (entry.second.ref_count > 0) found.insert(entry);
@@ -229,7 +229,7 @@ void ZlgUsbcanfdDevice::Scan() {
     if (const auto info = ReadBoardInfo(index)) found[index] = *info;
     UsbCanFd().close_device(kDeviceType, index);
   }
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   table.canfd_device_info_cache = std::move(found);
   table.cache_valid_ = true;
 }
@@ -245,7 +245,7 @@ int ZlgUsbcanfdDevice::SetParameter(std::uint32_t command, int value) const {
 }
 
 int ZlgUsbcanfdDevice::OpenDevice() {
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   return Open();
 }
 
@@ -283,7 +283,7 @@ bool ZlgUsbcanfdDevice::OpenPhysicalDevice() {
   }
   LogInfo(Compose("[INFO]: Open device ", adapter_index_, " usbcanfd successfully."));
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   const auto [entry, created] = table.canfd_device_info_cache.try_emplace(adapter_index_);
   if (created) {
     entry->second.adapter_index = adapter_index_;
@@ -325,7 +325,7 @@ bool ZlgUsbcanfdDevice::StartChannel() {
 }
 
 int ZlgUsbcanfdDevice::CloseDevice() {
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   // An object that isn't counted has nothing to close while others use the device. One that tried
   // to open it and failed may have left it open.
   const bool mine = HoldsChannel() || (attempted_ && ChannelsInUse(adapter_index_) < 1);
@@ -389,7 +389,7 @@ void ZlgUsbcanfdDevice::SetFrameSendTimeout(int ms) {
   UsbCanAdapter::SetFrameSendTimeout(ms);
   const int timeout = send_timeout_ms_;
   if (timeout < 1) return;
-  const std::lock_guard lock(device_mutex_);
+  const MutexLock lock(device_mutex_);
   const KnownDevice device(adapter_index_);
   if (!HoldsChannel() || !device || device->ref_count < 1) return;
   if (SetParameter(kCmdSendTimeout, timeout) == 0) {

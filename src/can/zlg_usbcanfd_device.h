@@ -6,6 +6,7 @@
 #include <string>
 
 #include "can/usb_can_adapter.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane {
 
@@ -25,9 +26,10 @@ struct CanfdDeviceInfo {
 
 /// The adapters that this process has met, by index, shared by all objects.
 struct CanfdDeviceTable {
-  std::mutex scan_cache_mutex_;
-  std::map<std::uint8_t, CanfdDeviceInfo> canfd_device_info_cache;
-  bool cache_valid_ = false;
+  Mutex scan_cache_mutex_;
+  std::map<std::uint8_t, CanfdDeviceInfo> canfd_device_info_cache
+      KORVANE_GUARDED_BY(scan_cache_mutex_);
+  bool cache_valid_ KORVANE_GUARDED_BY(scan_cache_mutex_) = false;
 };
 
 CanfdDeviceTable& CanfdDevices();
@@ -38,6 +40,8 @@ CanfdDeviceTable& CanfdDevices();
 /// Lock order: `device_mutex_`, then `scan_cache_mutex_`.
 class ZlgUsbcanfdDevice : public UsbCanAdapter {
  public:
+  static Mutex device_mutex_;
+
   /// The product type kBroadcastProduct marks a short-lived object for a broadcast query.
   ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
 
@@ -56,32 +60,30 @@ class ZlgUsbcanfdDevice : public UsbCanAdapter {
   void SetFrameSendTimeout(int ms) override;
 
   /// Looks at every index and records what is there. Devices in use are left alone and keep their
-  /// entries. The caller holds `device_mutex_`.
-  static void Scan();
+  /// entries.
+  static void Scan() KORVANE_REQUIRES(device_mutex_);
 
   std::uint32_t device_type_ = 0;
 
-  static std::mutex device_mutex_;
-
  private:
-  // The caller of all these holds `device_mutex_`.
-  void OpenAndReceive();
-  bool TakeFromCache();
-  void Probe();
-  static std::optional<CanfdDeviceInfo> FindInCache(const std::string& serial_number);
-  int Open();
-  bool OpenPhysicalDevice();
-  void AbandonDevice() const;
-  bool InitialiseChannel();
-  bool StartChannel();
-  bool ResetChannel();
-  bool ClosePhysicalDevice();
-  int SetParameter(std::uint32_t command, int value) const;
+  void OpenAndReceive() KORVANE_REQUIRES(device_mutex_);
+  bool TakeFromCache() KORVANE_REQUIRES(device_mutex_);
+  void Probe() KORVANE_REQUIRES(device_mutex_);
+  static std::optional<CanfdDeviceInfo> FindInCache(const std::string& serial_number)
+      KORVANE_REQUIRES(device_mutex_);
+  int Open() KORVANE_REQUIRES(device_mutex_);
+  bool OpenPhysicalDevice() KORVANE_REQUIRES(device_mutex_);
+  void AbandonDevice() const KORVANE_REQUIRES(device_mutex_);
+  bool InitialiseChannel() KORVANE_REQUIRES(device_mutex_);
+  bool StartChannel() KORVANE_REQUIRES(device_mutex_);
+  bool ResetChannel() KORVANE_REQUIRES(device_mutex_);
+  bool ClosePhysicalDevice() KORVANE_REQUIRES(device_mutex_);
+  int SetParameter(std::uint32_t command, int value) const KORVANE_REQUIRES(device_mutex_);
 
   std::string Place() const;
 
   /// OpenDevice was tried and CloseDevice hasn't run since.
-  bool attempted_ = false;
+  bool attempted_ KORVANE_GUARDED_BY(device_mutex_) = false;
 };
 
 }  // namespace talvera::korvane

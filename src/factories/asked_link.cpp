@@ -126,7 +126,7 @@ bool AdapterLibraryIsThere(LinkKind kind) {
 
 AskedLink::AskedLink() {
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   for (const auto& [index, device] : table.canfd_device_info_cache) {
     if (device.opened) open_before_.push_back(index);
   }
@@ -153,9 +153,9 @@ std::unique_ptr<CanBusDeviceBase> AskedLink::Release() {
 
 void AskedLink::Close() {
   bus_.reset();
-  const std::lock_guard device_lock(ZlgUsbcanfdDevice::device_mutex_);
+  const MutexLock device_lock(ZlgUsbcanfdDevice::device_mutex_);
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   for (auto& [index, device] : table.canfd_device_info_cache) {
     const bool before =
         std::find(open_before_.begin(), open_before_.end(), index) != open_before_.end();

@@ -9,6 +9,7 @@
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/can_public_engine.h"
 #include "util/diagnostics.h"
+#include "util/guarded.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
@@ -75,7 +76,7 @@ class Listener {
       const std::lock_guard lock(device_.request_mutex_);
       for (const auto& stored : device_.umap_rep_) heard_->Take(stored.second);
     }
-    const std::lock_guard lock(heard_->mutex);
+    const MutexLock lock(heard_->mutex);
     std::vector<BusHand> hands;
     for (const auto& [id, family] : heard_->hands) hands.push_back({id, family, {}});
     return hands;
@@ -84,8 +85,8 @@ class Listener {
  private:
   /// Shared with the callbacks, one of which may still be running when they are taken back.
   struct Heard {
-    std::mutex mutex;
-    std::vector<std::pair<std::uint8_t, std::uint32_t>> hands;
+    Mutex mutex;
+    std::vector<std::pair<std::uint8_t, std::uint32_t>> hands KORVANE_GUARDED_BY(mutex);
     /// The identifier that was judged last, under which its frame is stored.
     std::uint32_t judged = 0;
 
@@ -95,7 +96,7 @@ class Listener {
       const auto id = static_cast<std::uint8_t>(can_id & kDeviceIdMask);
       if (!IsDeviceRecord(can_id) || id == 0 || (frame.data[0] & kDeviceIdMask) != id) return;
       const std::pair hand(id, can_id & kFamilyMask);
-      const std::lock_guard lock(mutex);
+      const MutexLock lock(mutex);
       const auto place = std::lower_bound(hands.begin(), hands.end(), hand);
       if (place == hands.end() || *place != hand) hands.insert(place, hand);
     }
@@ -163,7 +164,7 @@ class SerialNumbers {
   /// That of another hand with the same id, if one has answered.
   std::optional<std::string> RivalOf(const BusHand& hand) const {
     const std::uint32_t can_id = VendorQuery(hand.family, hand.id).can_id;
-    const std::lock_guard lock(heard_->mutex);
+    const MutexLock lock(heard_->mutex);
     for (const auto& [sender, number] : heard_->numbers) {
       if (sender == can_id && number != hand.vendor.serial_number) return number;
     }
@@ -173,8 +174,8 @@ class SerialNumbers {
  private:
   /// Shared with the tap, a call of which may still be running when it is taken back.
   struct Heard {
-    std::mutex mutex;
-    std::vector<std::pair<std::uint32_t, std::string>> numbers;
+    Mutex mutex;
+    std::vector<std::pair<std::uint32_t, std::string>> numbers KORVANE_GUARDED_BY(mutex);
 
     void Take(const FrameEvent& event) {
       if (FunctionOf(event.id) != function_code::kVendorRecord) return;
@@ -182,7 +183,7 @@ class SerialNumbers {
       frame.can_id = event.id;
       std::copy_n(event.data, std::min(event.size, sizeof frame.data), frame.data);
       const auto record = VendorRecordIn(frame);
-      const std::lock_guard lock(mutex);
+      const MutexLock lock(mutex);
       if (record) numbers.emplace_back(event.id, record->serial_number);
     }
   };

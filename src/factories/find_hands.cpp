@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "can/hcan_device.h"
@@ -26,10 +27,10 @@ struct FoundAdapter {
 };
 
 std::vector<FoundAdapter> ZlgAdapters() {
-  const std::lock_guard device_lock(ZlgUsbcanfdDevice::device_mutex_);
+  const MutexLock device_lock(ZlgUsbcanfdDevice::device_mutex_);
   ZlgUsbcanfdDevice::Scan();
   CanfdDeviceTable& table = CanfdDevices();
-  const std::lock_guard lock(table.scan_cache_mutex_);
+  const MutexLock lock(table.scan_cache_mutex_);
   std::vector<FoundAdapter> adapters;
   for (const auto& [index, device] : table.canfd_device_info_cache) {
     adapters.push_back({index, device.channels, device.ref_count > 0});
@@ -39,7 +40,7 @@ std::vector<FoundAdapter> ZlgAdapters() {
 
 std::vector<FoundAdapter> HcanAdapters() {
   const auto devices = HcanDevice::ScanHcanDevices();
-  const std::lock_guard lock(HcanDevice::device_mutex_);
+  const MutexLock lock(HcanDevice::device_mutex_);
   std::vector<FoundAdapter> adapters;
   for (const HcanDeviceInfo& device : devices) {
     const auto index = static_cast<std::uint8_t>(device.adapter_index);
@@ -60,7 +61,7 @@ class Finder {
 
   FindResult Find() {
     if (!options_.places.empty()) {
-      for (const HandAddress& place : options_.places) AskPlace(place);
+      AskPlaces();
       return std::move(result_);
     }
     if (IsAsked(LinkKind::SOCKET_CAN)) AskInterfaces();
@@ -85,7 +86,7 @@ class Finder {
     for (const std::string& name : CanInterfaces()) {
       HandAddress address;
       address.interface_name = name;
-      AskChannel(address);
+      AskChannel(address, ids_);
     }
   }
 
@@ -110,29 +111,62 @@ class Finder {
     }
   }
 
-  void AskPlace(HandAddress place) {
-    place.model.reset();
-    const auto checked = HandAddress::Parse(place.ToString());
-    if (!checked) return AddNotAsked(checked.failure());
-    if (place.link == LinkKind::SERIAL) return AskOnePort(place);
-    if (!place.id) return AskChannel(place);
-    const std::vector<std::uint8_t> all = std::exchange(ids_, {*place.id});
-    AskChannel(place);
-    ids_ = all;
+  /// What is wanted of one link, "any hand" before the ids.
+  using Wanted = std::set<std::optional<std::uint8_t>>;
+
+  /// Places may overlap, as "can0" and "can0:brisa:1" do: each link is asked once, for all of them.
+  void AskPlaces() {
+    std::vector<std::pair<HandAddress, Wanted>> links;
+    for (HandAddress place : options_.places) {
+      place.model.reset();
+      const auto checked = HandAddress::Parse(place.ToString());
+      if (!checked) {
+        AddNotAsked(checked.failure());
+        continue;
+      }
+      const auto id = std::exchange(place.id, std::nullopt);
+      const auto same = std::find_if(links.begin(), links.end(), [&](const auto& link) {
+        return LinkText(link.first) == LinkText(place);
+      });
+      (same == links.end() ? links.emplace_back(place, Wanted()) : *same).second.insert(id);
+    }
+    for (const auto& [link, wanted] : links) {
+      link.link == LinkKind::SERIAL ? AskLine(link, wanted) : AskChannel(link, IdsOf(wanted));
+    }
+  }
+
+  std::vector<std::uint8_t> IdsOf(const Wanted& wanted) const {
+    std::set<std::uint8_t> ids;
+    for (const auto& id : wanted) {
+      if (id) ids.insert(*id);
+      if (!id) ids.insert(ids_.begin(), ids_.end());
+    }
+    return {ids.begin(), ids.end()};
+  }
+
+  /// Several hands may be on one line, and the one that answers to any id among those wanted.
+  void AskLine(HandAddress address, const Wanted& wanted) {
+    for (const auto& id : wanted) {
+      address.id = id;
+      const auto is_it = [&](const FoundHand& hand) {
+        return hand.id == id && LinkText(hand.address) == LinkText(address);
+      };
+      if (std::none_of(result_.hands.begin(), result_.hands.end(), is_it)) AskOnePort(address);
+    }
   }
 
   void AskUnlessInUse(const HandAddress& address, bool in_use) {
-    if (!in_use) return AskChannel(address);
+    if (!in_use) return AskChannel(address, ids_);
     AddNotAsked({FailureKind::NO_LINK, "",
                  LinkText(address) + ": this process has hands on the adapter", 0});
   }
 
-  void AskChannel(const HandAddress& address) {
+  void AskChannel(const HandAddress& address, const std::vector<std::uint8_t>& ids) {
     AskedLink link;
     BusAnswers answers;
     for (const std::uint8_t product : ProductTypesFor(address)) {
       if (auto failure = link.Open(address, product)) return AddNotAsked(*failure);
-      answers = AskBus(link.Bus(), ids_, options_.answer_time);
+      answers = AskBus(link.Bus(), ids, options_.answer_time);
       if (!answers.hands.empty()) break;
     }
     if (answers.send_failure && answers.hands.empty()) {
@@ -143,12 +177,14 @@ class Finder {
   }
 
   void AskPorts() {
-    std::vector<std::string> ports = options_.serial_ports;
-    if (IsAsked(LinkKind::SERIAL)) {
-      for (const std::string& port : UsbSerialPorts()) {
+    std::vector<std::string> ports;
+    const auto add = [&](const std::vector<std::string>& more) {
+      for (const std::string& port : more) {
         if (std::find(ports.begin(), ports.end(), port) == ports.end()) ports.push_back(port);
       }
-    }
+    };
+    add(options_.serial_ports);
+    if (IsAsked(LinkKind::SERIAL)) add(UsbSerialPorts());
     for (const std::string& port : ports) {
       HandAddress address;
       address.link = LinkKind::SERIAL;
@@ -182,10 +218,16 @@ class Finder {
     }
     address.model = model;
     address.id = hand.id;
-    // Places may overlap, as "can0" and "can0:brisa:1" do.
-    const auto is_same = [&](const FoundHand& other) { return other.address == address; };
-    if (std::any_of(result_.hands.begin(), result_.hands.end(), is_same)) return;
+    address.side = SideOf(address);
     result_.hands.push_back({address, *model, hand.id, hand.vendor});
+  }
+
+  /// As the place says that names the hand, or else the first one on its link.
+  HandType SideOf(const HandAddress& hand) const {
+    for (const HandAddress& place : options_.places) {
+      if (place.id == hand.id && LinkText(place) == LinkText(hand)) return place.side;
+    }
+    return hand.side;
   }
 
   const FindOptions& options_;

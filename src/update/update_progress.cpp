@@ -7,21 +7,21 @@ namespace talvera::korvane {
 void UpdateProgress::SetCallback(ProgressCallback callback) {
   std::shared_ptr<const ProgressCallback> holder;
   if (callback) holder = std::make_shared<const ProgressCallback>(std::move(callback));
-  const std::lock_guard lock(ota_mutex);
+  const MutexLock lock(ota_mutex);
   ota_progress_callback.swap(holder);
 }
 
 void UpdateProgress::ClearCallback() { SetCallback(nullptr); }
 
 bool UpdateProgress::HasCallback() const {
-  const std::lock_guard lock(ota_mutex);
+  const MutexLock lock(ota_mutex);
   return ota_progress_callback != nullptr;
 }
 
 bool UpdateProgress::Report(int current, int total, OtaProgressStatus status) const {
   std::shared_ptr<const ProgressCallback> callback;
   {
-    const std::lock_guard lock(ota_mutex);
+    const MutexLock lock(ota_mutex);
     callback = ota_progress_callback;
   }
   if (!callback) return false;
@@ -40,7 +40,7 @@ std::size_t UpdateProgress::ReportOrLogLoad(
     if (!Report(file.error_code, 0, OtaProgressStatus::FAILED)) log_failure(file.error_code);
     return 0;
   }
-  const std::lock_guard lock(ota_mutex);
+  const MutexLock lock(ota_mutex);
   ota_total_packages = static_cast<std::uint32_t>(file.packets.size());
   ota_package_index = 0;
   ota_status = kWaitingResponse;
@@ -51,18 +51,18 @@ std::size_t UpdateProgress::ReportOrLogLoad(
 }
 
 std::size_t UpdateProgress::PacketsLeft() const {
-  const std::lock_guard lock(ota_mutex);
+  const MutexLock lock(ota_mutex);
   return ota_packages.size();
 }
 
 std::optional<FirmwarePacket> UpdateProgress::FrontPacket() const {
-  const std::lock_guard lock(ota_mutex);
+  const MutexLock lock(ota_mutex);
   if (ota_packages.empty()) return std::nullopt;
   return ota_packages.front();
 }
 
 void UpdateProgress::PopPacket() {
-  const std::lock_guard lock(ota_mutex);
+  const MutexLock lock(ota_mutex);
   if (!ota_packages.empty()) ota_packages.pop_front();
 }
 

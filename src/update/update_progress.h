@@ -5,7 +5,6 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -13,6 +12,7 @@
 #include "korvane_types.h"
 #include "update/firmware_file.h"
 #include "util/clock.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane {
 
@@ -48,14 +48,13 @@ struct UpdateProgress {
   std::atomic<bool> ota_finish_ok{};
   std::atomic<bool> ota_restart_ok{};
 
-  /// Guards the members below it.
-  mutable std::mutex ota_mutex;
+  mutable Mutex ota_mutex;
   /// The packets that are still to be sent or acknowledged, oldest first.
-  std::deque<FirmwarePacket> ota_packages;
-  FirmwarePacket ota_current_package{};
+  std::deque<FirmwarePacket> ota_packages KORVANE_GUARDED_BY(ota_mutex);
+  FirmwarePacket ota_current_package KORVANE_GUARDED_BY(ota_mutex){};
   /// Null if there is none. The application's own function object, not copied: it is called outside
   /// the lock, and lives until the last of its calls has returned.
-  std::shared_ptr<const ProgressCallback> ota_progress_callback;
+  std::shared_ptr<const ProgressCallback> ota_progress_callback KORVANE_GUARDED_BY(ota_mutex);
 
   /// The clock of all waits of the update. Set before an update starts.
   Clock* ota_clock = &SystemClock();

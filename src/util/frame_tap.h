@@ -3,10 +3,10 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "korvane_observe.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane {
 
@@ -17,7 +17,7 @@ class FrameTap {
 
   void Set(Function function) {
     auto next = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     is_set_ = next != nullptr;
     function_.swap(next);
   }
@@ -32,7 +32,7 @@ class FrameTap {
   /// Shows a received frame, not before what SendAndShow is about to show.
   void ShowInTurn(std::uint32_t id, const std::uint8_t* data, std::size_t size) const {
     if (!is_set_.load(std::memory_order_relaxed)) return;
-    const std::lock_guard turn(order_);
+    const MutexLock turn(order_);
     Show(false, id, data, size);
   }
 
@@ -42,20 +42,20 @@ class FrameTap {
   void SendAndShow(const Send& send, std::uint32_t id, const std::uint8_t* data,
                    std::size_t size) const {
     if (!is_set_.load(std::memory_order_relaxed)) return static_cast<void>(send());
-    const std::lock_guard turn(order_);
+    const MutexLock turn(order_);
     if (send()) Show(true, id, data, size);
   }
 
  private:
   std::shared_ptr<const Function> Current() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return function_;
   }
 
   std::atomic<bool> is_set_{false};
-  mutable std::mutex order_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<const Function> function_;
+  mutable Mutex order_;  ///< Of what is shown.
+  mutable Mutex mutex_;
+  std::shared_ptr<const Function> function_ KORVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace talvera::korvane

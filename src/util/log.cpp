@@ -1,10 +1,10 @@
 #include "util/log.h"
+#include "util/guarded.h"
 
 #include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace talvera::korvane {
@@ -12,8 +12,8 @@ namespace {
 
 /// The sink of the process; null for the streams.
 struct SinkHolder {
-  std::mutex mutex;
-  std::shared_ptr<const LogSink> sink;
+  Mutex mutex;
+  std::shared_ptr<const LogSink> sink KORVANE_GUARDED_BY(mutex);
 };
 
 /// Never destroyed: hands with static storage write lines while the process ends.
@@ -25,7 +25,7 @@ SinkHolder& TheSink() {
 /// A copy, so that a line can be handed over without the lock and a sink may set another one.
 std::shared_ptr<const LogSink> CurrentSink() {
   SinkHolder& holder = TheSink();
-  const std::lock_guard lock(holder.mutex);
+  const MutexLock lock(holder.mutex);
   return holder.sink;
 }
 
@@ -87,7 +87,7 @@ void SetLogSink(LogSink sink) {
   auto next = sink ? std::make_shared<const LogSink>(std::move(sink)) : nullptr;
   SinkHolder& holder = TheSink();
   {
-    const std::lock_guard lock(holder.mutex);
+    const MutexLock lock(holder.mutex);
     holder.sink.swap(next);
   }
   // The former sink goes here, without the lock: what it holds may write lines as it goes.
@@ -110,7 +110,7 @@ class LineBudget {
   };
   Answer Spend() {
     const auto now = std::chrono::steady_clock::now();
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (now - begin_ >= std::chrono::seconds(1)) {
       begin_ = now;
       spent_ = 0;
@@ -122,10 +122,10 @@ class LineBudget {
 
  private:
   const int most_;
-  std::mutex mutex_;
-  std::chrono::steady_clock::time_point begin_{};
-  int spent_ = 0;
-  std::uint64_t left_out_ = 0;
+  Mutex mutex_;
+  std::chrono::steady_clock::time_point begin_ KORVANE_GUARDED_BY(mutex_){};
+  int spent_ KORVANE_GUARDED_BY(mutex_) = 0;
+  std::uint64_t left_out_ KORVANE_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace

@@ -323,6 +323,33 @@ TEST_P(OnAdapters, EveryHandOnEveryChannelIsFoundAndCanBeOpened) {
   for (const FoundHand& hand : found.hands) EXPECT_TRUE(Opened(hand.address.ToString()));
 }
 
+TEST_P(OnAdapters, PlacesThatOverlapAreAskedOnce) {
+  const auto asked = [this](const std::vector<std::string>& places) {
+    FindOptions options;
+    for (const auto& place : places) options.places.push_back(*HandAddress::Parse(At(place)));
+    options.ids = {3, 4};
+    options.answer_time = std::chrono::milliseconds(1);
+    const auto before = adapters_.Bus(0, 0).Statistics().from_hosts;
+    FindHands(options);
+    return adapters_.Bus(0, 0).Statistics().from_hosts - before;
+  };
+  const auto one_id = asked({"0.0:3"});
+  EXPECT_GT(one_id, 0U);
+  EXPECT_EQ(asked({"0.0:3", "0.0:tessel:3"}), one_id);
+  EXPECT_EQ(asked({"0.0:3", "0.1", "0.0", "0.0:4?side=left", "0.0"}), 2 * one_id);
+  EXPECT_EQ(asked({"0.0:9", "0.0"}), 3 * one_id);
+  adapters_.Bus(0, 0).Add({sim::kLumen, 3});
+  adapters_.Bus(0, 0).Add({sim::kVanta, 4});
+  FindOptions options;
+  for (const char* place : {"0.0", "0.0:4?side=left"}) {
+    options.places.push_back(*HandAddress::Parse(At(place)));
+  }
+  const FindResult found = FindAll(options, 2);
+  ASSERT_EQ(found.hands.size(), 2U);
+  EXPECT_EQ(found.hands[0].address.ToString(), At("0.0:lumen:3"));
+  EXPECT_EQ(found.hands[1].address.ToString(), At("0.0:vanta:4?side=left"));
+}
+
 TEST_P(OnAdapters, AHandOfThisProcessIsNotDisturbed) {
   adapters_.Bus(0, 0).Add({sim::kLumen, 3});
   adapters_.Bus(1, 0).Add({sim::kLumen, 4});

@@ -83,8 +83,8 @@ class Process:
 class Peer(Process):
     """Another process of DDS."""
 
-    def __init__(self, *topics):
-        super().__init__([PEER or BUILD / "tests/bin/ros2_peer", DOMAIN, *topics], stdin=subprocess.PIPE)
+    def __init__(self, *topics, env=None):
+        super().__init__([PEER or BUILD / "tests/bin/ros2_peer", DOMAIN, *topics], env, stdin=subprocess.PIPE)
 
     def order(self, *words):
         self.process.stdin.write(" ".join(str(word) for word in words) + "\n")
@@ -152,7 +152,7 @@ class Setup:
         return bridge
 
     def peer(self, *topics):
-        return self.keep(Peer(*topics))
+        return self.keep(Peer(*topics, env=self.env))
 
     def end(self):
         for process in reversed(self.made):

@@ -11,8 +11,13 @@
 //            huge NAME COUNT                                a JointState of COUNT names
 //            odd NAME NAMES POSITIONS VELOCITIES            a JointState of such lengths
 //            repeat NAME HZ                                 the last again and again, with new
-//            stamps stop NAME                                      no more
+//            stamps
+//            stop NAME                                      no more
+//            drive ADDRESS MOTOR VELOCITY                   lets a motor of a hand run, as another
+//            program that has the hand would
 #include <dds/dds.h>
+#include <korvane_log.h>
+#include <korvane_open.h>
 
 #include <atomic>
 #include <chrono>
@@ -209,12 +214,28 @@ void FillOdd(Author& author, std::size_t names, std::size_t positions, std::size
   author.velocities.assign(velocities, 0.1);
 }
 
+/// Past the hand's node.
+void Drive(const std::string& address, std::istream& order) {
+  namespace kv = talvera::korvane;
+  int motor = 0;
+  short velocity = 0;
+  order >> motor >> velocity;
+  kv::SetLogSink(kv::SilentLog());
+  auto hand = kv::OpenHand(address);
+  while (!hand) hand = kv::OpenHand(address);  // a busy machine may be late to answer
+  (*hand)->SetFrameRecvTimeout(1000);
+  const auto index = static_cast<std::uint8_t>(motor);
+  (*hand)->SetControlMode(index, kv::ControlMode::VELOCITY_CURRENT);
+  (*hand)->SetJointMotorVelo(index, velocity);
+}
+
 void Obey(const Participant& participant, std::map<std::string, Author>& authors,
           const std::string& line) {
   std::istringstream order(line);
   std::string what;
   std::string name;
   order >> what >> name;
+  if (what == "drive") return Drive(name, order);
   Author& author = authors[name];
   if (what == "writer") return MakeWriter(participant, author, order);
   if (what == "stop") {

@@ -6,11 +6,11 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 
 #include "checkup.h"
 #include "interrupt.h"
 #include "quantities.h"
+#include "util/guarded.h"
 
 // A hand: who answers, how well, and how it is.
 
@@ -103,7 +103,7 @@ class Traffic {
  public:
   void Count(const kv::FrameEvent& frame) {
     constexpr std::uint32_t kWriteFlag = 0x80;
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     Counts& counts = by_identifier_[frame.id & ~kWriteFlag];
     ++(frame.sent ? counts.sent : counts.received);
   }
@@ -111,7 +111,7 @@ class Traffic {
   /// Frames that answer none of this program's questions: another one's questions, which look
   /// like answers, and the answers to those.
   std::uint64_t Foreign() {
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     std::uint64_t foreign = 0;
     for (const auto& [identifier, counts] : by_identifier_) {
       const bool is_more = counts.sent > 0 && counts.received > counts.sent;
@@ -125,8 +125,8 @@ class Traffic {
     std::uint64_t sent = 0;
     std::uint64_t received = 0;
   };
-  std::mutex mutex_;
-  std::map<std::uint32_t, Counts> by_identifier_;
+  kv::Mutex mutex_;
+  std::map<std::uint32_t, Counts> by_identifier_ KORVANE_GUARDED_BY(mutex_);
 };
 
 struct RoundTrips {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -14,14 +15,16 @@
 namespace korvane_tool {
 namespace {
 
-volatile std::sig_atomic_t g_taken = 0;  // an Interrupt exists
-volatile std::sig_atomic_t g_count = 0;
+// Whichever thread the signal strikes, the others look at these.
+std::atomic<bool> g_taken{false};  // an Interrupt exists
+std::atomic<int> g_count{0};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 int g_event = -1;
 
 void OnSignal(int) {
-  if (g_taken == 0) _exit(korvane_common::kInterrupted);
+  if (!g_taken) _exit(korvane_common::kInterrupted);
   const int error = errno;
-  g_count = g_count + 1;
+  ++g_count;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = write(g_event, &one, sizeof(one));
   errno = error;
@@ -45,10 +48,10 @@ Interrupt::Interrupt() {
   g_count = 0;
   std::uint64_t events = 0;
   [[maybe_unused]] const auto read_bytes = read(g_event, &events, sizeof(events));
-  g_taken = 1;
+  g_taken = true;
 }
 
-Interrupt::~Interrupt() { g_taken = 0; }
+Interrupt::~Interrupt() { g_taken = false; }
 
 int Interrupt::Count() const { return g_count; }
 

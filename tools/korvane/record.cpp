@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include "interrupt.h"
 #include "samples.h"
 #include "tool.h"
+#include "util/guarded.h"
 
 namespace korvane_tool {
 namespace {
@@ -25,7 +25,7 @@ class FrameQueue {
     const auto since = event.at.time_since_epoch();
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(since).count();
     Frame frame{us, event.sent, event.id, {event.data, event.data + event.size}};
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     frames_.push_back(std::move(frame));
   }
 
@@ -36,13 +36,13 @@ class FrameQueue {
     std::vector<std::uint8_t> bytes;
   };
   std::deque<Frame> Take() {
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     return std::exchange(frames_, {});
   }
 
  private:
-  std::mutex mutex_;
-  std::deque<Frame> frames_;
+  kv::Mutex mutex_;
+  std::deque<Frame> frames_ KORVANE_GUARDED_BY(mutex_);
 };
 
 std::string Hex(const std::vector<std::uint8_t>& bytes) {

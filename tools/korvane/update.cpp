@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <regex>
 #include <string>
@@ -20,6 +19,7 @@
 #include "tool.h"
 #include "update_advice.h"
 #include "update_note.h"
+#include "util/guarded.h"
 
 namespace korvane_tool {
 namespace {
@@ -54,23 +54,23 @@ std::string Normal(const std::string& version) {
 class Progress {
  public:
   void Report(int current, int total, kv::OtaProgressStatus status) {
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     Take(state_, current, total, status);
     if (status == kv::OtaProgressStatus::UPGRADE_ACCEPTED) start_ = Clock::now();
   }
   UpdateState State() const {
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     return state_;
   }
   double Seconds() const {
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     return std::chrono::duration<double>(Clock::now() - start_).count();
   }
 
  private:
-  mutable std::mutex mutex_;
-  UpdateState state_;
-  Clock::time_point start_ = Clock::now();
+  mutable kv::Mutex mutex_;
+  UpdateState state_ KORVANE_GUARDED_BY(mutex_);
+  Clock::time_point start_ KORVANE_GUARDED_BY(mutex_) = Clock::now();
 };
 
 /// Shows them, on the thread of the command alone: a bar on a terminal, otherwise a line for each

@@ -3,11 +3,11 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "can/can_bus_device_socket_can.h"
 #include "can/zlg_usbcanfd_device.h"
 #include "protocol/can/can_identifier.h"
+#include "util/guarded.h"
 #include "util/log.h"
 #include "util/models.h"
 
@@ -23,18 +23,18 @@ constexpr auto kPollInterval = std::chrono::milliseconds(1);
 class FirstAnswer {
  public:
   void StoreIfFirst(const CanfdFrame& frame) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!frame_) frame_ = frame;
   }
 
   std::optional<CanfdFrame> Get() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return frame_;
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::optional<CanfdFrame> frame_;
+  mutable Mutex mutex_;
+  std::optional<CanfdFrame> frame_ KORVANE_GUARDED_BY(mutex_);
 };
 
 /// Whether a frame is a hand's own record: not the echo of a write, and not from id 0, which no

@@ -47,13 +47,13 @@ bool PeriodicReports::StoreIfReport(const CanfdFrame& frame) {
 
 void PeriodicReports::Store(Cache& cache, const CanfdFrame& frame) {
   auto values = WordsOf<unsigned short>(frame);
-  const std::lock_guard lock(cache.mutex);
+  const MutexLock lock(cache.mutex);
   cache.values.swap(values);
 }
 
 std::vector<std::uint16_t> PeriodicReports::Values(std::uint8_t function) const {
   const Cache& cache = function == function_code::kTemperature ? temperature_ : current_;
-  const std::lock_guard lock(cache.mutex);
+  const MutexLock lock(cache.mutex);
   return cache.values;
 }
 

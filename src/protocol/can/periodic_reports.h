@@ -1,10 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 #include "can/can_frame.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane {
 
@@ -25,8 +25,8 @@ class PeriodicReports {
 
  private:
   struct Cache {
-    mutable std::mutex mutex;
-    std::vector<std::uint16_t> values;
+    mutable Mutex mutex;
+    std::vector<std::uint16_t> values KORVANE_GUARDED_BY(mutex);
   };
 
   static void Store(Cache& cache, const CanfdFrame& frame);

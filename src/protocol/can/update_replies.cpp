@@ -107,7 +107,7 @@ void UpdateReplies::OnPacketReply(std::uint32_t status) {
 /// Takes the front packet off. True if none is left.
 bool UpdateReplies::AcknowledgePacket() {
   // Together, as the other thread may take the front packet and its number at any time.
-  const std::lock_guard lock(state_.ota_mutex);
+  const MutexLock lock(state_.ota_mutex);
   if (!state_.ota_packages.empty()) state_.ota_packages.pop_front();
   ++state_.ota_package_index;
   return state_.ota_packages.empty();

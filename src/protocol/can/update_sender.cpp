@@ -24,7 +24,7 @@ constexpr milliseconds kWholePacket{170};
 }  // namespace
 
 SendTurns::Turn::Turn(SendTurns& turns, Clock& clock) : turns_(turns), clock_(clock) {
-  std::unique_lock lock(turns_.mutex_);
+  MutexLock lock(turns_.mutex_);
   const auto self = std::this_thread::get_id();
   if (turns_.owner_ == self) return;
   const std::uint64_t number = turns_.next_++;
@@ -37,7 +37,7 @@ SendTurns::Turn::Turn(SendTurns& turns, Clock& clock) : turns_(turns), clock_(cl
 
 SendTurns::Turn::~Turn() {
   if (!taken_) return;
-  const std::lock_guard lock(turns_.mutex_);
+  const MutexLock lock(turns_.mutex_);
   turns_.owner_ = {};
   ++turns_.current_;
   clock_.NotifyAll(turns_.passed_on_);
@@ -90,7 +90,7 @@ SendFailure UpdateSender::SendPackage() {
   std::uint32_t number = 0;
   bool found = false;
   {
-    const std::lock_guard lock(state_.ota_mutex);
+    const MutexLock lock(state_.ota_mutex);
     found = !state_.ota_packages.empty();
     if (found) packet = state_.ota_current_package = state_.ota_packages.front();
     number = state_.ota_package_index;

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -13,6 +12,7 @@
 #include "protocol/can/update_rules.h"
 #include "update/update_progress.h"
 #include "util/diagnostics.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane {
 
@@ -46,11 +46,11 @@ class SendTurns {
   };
 
  private:
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable passed_on_;
-  std::uint64_t next_ = 0;
-  std::uint64_t current_ = 0;
-  std::thread::id owner_;
+  std::uint64_t next_ KORVANE_GUARDED_BY(mutex_) = 0;
+  std::uint64_t current_ KORVANE_GUARDED_BY(mutex_) = 0;
+  std::thread::id owner_ KORVANE_GUARDED_BY(mutex_);
 };
 
 /// How a frame couldn't be sent; nothing if it could.

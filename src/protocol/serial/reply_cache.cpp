@@ -80,7 +80,7 @@ ReplyCache::ReplyCache() {
 }
 
 void ReplyCache::Store(std::uint8_t command, const std::uint8_t* data, std::size_t size) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (static_cast<Command>(command) == Command::kGetFingertipSensor) StoreSensor(data, size);
   for (const ReplyRow& row : kReplies) {
     if (static_cast<Command>(command) != row.command) continue;
@@ -104,7 +104,7 @@ void ReplyCache::StoreSensor(const std::uint8_t* data, std::size_t size) {
 }
 
 std::optional<ReplyCache::Bytes> ReplyCache::Take(ReplySlot slot) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   Cache& cache = At(slot);
   if (!cache.fresh) return std::nullopt;
   cache.fresh = false;
@@ -112,17 +112,17 @@ std::optional<ReplyCache::Bytes> ReplyCache::Take(ReplySlot slot) {
 }
 
 ReplyCache::Bytes ReplyCache::Last(ReplySlot slot) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return caches_[static_cast<std::size_t>(slot)].data;
 }
 
 void ReplyCache::Forget(ReplySlot slot) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   At(slot).fresh = false;
 }
 
 void ReplyCache::AwaitSensor(std::uint8_t number) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   awaited_sensor_ = number;
 }
 

@@ -2,11 +2,11 @@
 
 #include <array>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "protocol/service/service_command.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane {
 
@@ -76,12 +76,14 @@ class ReplyCache {
     Bytes data;
   };
 
-  Cache& At(ReplySlot slot) { return caches_[static_cast<std::size_t>(slot)]; }
-  void StoreSensor(const std::uint8_t* data, std::size_t size);
+  Cache& At(ReplySlot slot) KORVANE_REQUIRES(mutex_) {
+    return caches_[static_cast<std::size_t>(slot)];
+  }
+  void StoreSensor(const std::uint8_t* data, std::size_t size) KORVANE_REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::array<Cache, static_cast<std::size_t>(ReplySlot::kCount)> caches_;
-  std::optional<std::uint8_t> awaited_sensor_;
+  mutable Mutex mutex_;
+  std::array<Cache, static_cast<std::size_t>(ReplySlot::kCount)> caches_ KORVANE_GUARDED_BY(mutex_);
+  std::optional<std::uint8_t> awaited_sensor_ KORVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace talvera::korvane

@@ -85,7 +85,7 @@ bool SerialUpdate::SendUpgradeRequest(std::uint32_t size, std::uint16_t count) {
 
 bool SerialUpdate::SendPackage(const FirmwarePacket& packet) {
   {
-    const std::lock_guard lock(state_.ota_mutex);
+    const MutexLock lock(state_.ota_mutex);
     state_.ota_current_package = packet;
   }
   const std::uint16_t crc = state_.ota_validation_type != 0

@@ -4,6 +4,8 @@
 
 namespace korvane_tool {
 
+using talvera::korvane::MutexLock;
+
 void ControlDesk::Expire() {
   const auto now = Clock::now();
   if (now - hold_sign_ > kHoldTime) target_.reset();
@@ -18,7 +20,7 @@ bool ControlDesk::IsOwner(const std::string& secret) {
 }
 
 std::optional<ControlDesk::Ticket> ControlDesk::Take() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   Expire();
   if (!secret_.empty()) return std::nullopt;
   secret_ = NewSecret();
@@ -27,12 +29,12 @@ std::optional<ControlDesk::Ticket> ControlDesk::Take() {
 }
 
 bool ControlDesk::Keep(const std::string& secret) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return IsOwner(secret);
 }
 
 bool ControlDesk::GiveUp(const std::string& secret) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!IsOwner(secret)) return false;
   secret_.clear();
   target_.reset();
@@ -40,7 +42,7 @@ bool ControlDesk::GiveUp(const std::string& secret) {
 }
 
 bool ControlDesk::Aim(const std::string& secret, const Pose& target) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!IsOwner(secret)) return false;
   target_ = target;
   hold_sign_ = Clock::now();
@@ -48,20 +50,20 @@ bool ControlDesk::Aim(const std::string& secret, const Pose& target) {
 }
 
 bool ControlDesk::Release(const std::string& secret) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!IsOwner(secret)) return false;
   target_.reset();
   return true;
 }
 
 void ControlDesk::Drop() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   secret_.clear();
   target_.reset();
 }
 
 ControlDesk::State ControlDesk::Look() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   Expire();
   return {secret_.empty() ? 0 : last_owner_, target_};
 }

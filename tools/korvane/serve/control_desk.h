@@ -1,11 +1,11 @@
 #pragma once
 
 #include <chrono>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "../motion.h"
+#include "util/guarded.h"
 
 namespace korvane_tool {
 
@@ -45,15 +45,15 @@ class ControlDesk {
   State Look();
 
  private:
-  bool IsOwner(const std::string& secret);
-  void Expire();
+  bool IsOwner(const std::string& secret) KORVANE_REQUIRES(mutex_);
+  void Expire() KORVANE_REQUIRES(mutex_);
 
-  std::mutex mutex_;
-  int last_owner_ = 0;
-  std::string secret_;  ///< Empty: nobody.
-  Clock::time_point owner_sign_;
-  Clock::time_point hold_sign_;
-  std::optional<Pose> target_;
+  talvera::korvane::Mutex mutex_;
+  int last_owner_ KORVANE_GUARDED_BY(mutex_) = 0;
+  std::string secret_ KORVANE_GUARDED_BY(mutex_);  ///< Empty: nobody.
+  Clock::time_point owner_sign_ KORVANE_GUARDED_BY(mutex_);
+  Clock::time_point hold_sign_ KORVANE_GUARDED_BY(mutex_);
+  std::optional<Pose> target_ KORVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvane_tool

@@ -97,30 +97,30 @@ Pose PoseIn(const Json& request, const OpenedHand& hand, const Pose& pose) {
 
 void StopSign::Set() {
   {
-    const std::lock_guard lock(mutex_);
+    const kv::MutexLock lock(mutex_);
     came_ = true;
   }
   changed_.notify_all();
 }
 
 bool StopSign::Came() const {
-  const std::lock_guard lock(mutex_);
+  const kv::MutexLock lock(mutex_);
   return came_;
 }
 
 bool StopSign::WaitUntil(std::chrono::steady_clock::time_point end) const {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_until(lock, end, [this] { return came_; });
+  kv::MutexLock lock(mutex_);
+  return changed_.wait_until(lock, end, [this]() KORVANE_REQUIRES(mutex_) { return came_; });
 }
 
 void Board::Publish(std::string text) {
   auto made = std::make_shared<const std::string>(std::move(text));
-  const std::lock_guard lock(mutex_);
+  const kv::MutexLock lock(mutex_);
   text_ = std::move(made);
 }
 
 Newest::Text Board::Get() const {
-  const std::lock_guard lock(mutex_);
+  const kv::MutexLock lock(mutex_);
   return text_;
 }
 
@@ -197,19 +197,19 @@ void HandFeed::Describe(const OpenedHand& hand, const kv::VendorInfo& vendor) {
   json["joints"] = Joints(hand);
   json["rate_hz"] = NumberOf(settings_.rate_hz);
   auto pose = PoseOf(hand);
-  const std::lock_guard lock(hand_mutex_);
+  const kv::MutexLock lock(hand_mutex_);
   description_ = std::move(json);
   pose_ = std::move(pose);
 }
 
 Json HandFeed::Description() const {
-  const std::lock_guard lock(hand_mutex_);
+  const kv::MutexLock lock(hand_mutex_);
   return description_;
 }
 
 Pose HandFeed::TargetOf(const Json& request) {
   const auto target = desk_.Look().target;
-  const std::lock_guard lock(hand_mutex_);
+  const kv::MutexLock lock(hand_mutex_);
   if (!hand_ || !pose_) throw ToolError(kNobody, "the hand doesn't answer");
   const auto within = PositionsWithin(hand_->Info(), *pose_);
   return PoseIn(request, *hand_, target ? *target : Pose(within.begin(), within.end()));
@@ -258,7 +258,7 @@ bool HandFeed::Step(Reading& reading) {
   if (refreshed) {
     answered_ = Clock::now();
     const auto* const positions = reading.ValuesOf("positions");
-    const std::lock_guard lock(hand_mutex_);
+    const kv::MutexLock lock(hand_mutex_);
     if (positions != nullptr) pose_ = Pose(positions->begin(), positions->end());
   } else {
     failure_ = refreshed.failure();
@@ -293,14 +293,14 @@ void HandFeed::LookForIt() {
 
 void HandFeed::LetGo() {
   std::optional<OpenedHand> old;  // which ends outside the lock
-  const std::lock_guard lock(hand_mutex_);
+  const kv::MutexLock lock(hand_mutex_);
   old.swap(hand_);
 }
 
 void HandFeed::Reopen() {
   LetGo();  // before the link is opened again
   OpenedHand opened = tool_.Open(address_);
-  const std::lock_guard lock(hand_mutex_);
+  const kv::MutexLock lock(hand_mutex_);
   hand_ = std::move(opened);
 }
 
@@ -333,7 +333,7 @@ void HandFeed::PublishReading(const Reading& reading) {
 
 void HandFeed::PublishAway() {
   {
-    const std::lock_guard lock(hand_mutex_);
+    const kv::MutexLock lock(hand_mutex_);
     pose_.reset();
   }
   setpoint_.clear();

@@ -3,7 +3,6 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "../update_note.h"
 #include "control_desk.h"
 #include "http_message.h"
+#include "util/guarded.h"
 
 namespace korvane_tool {
 
@@ -27,9 +27,9 @@ class StopSign {
   bool WaitUntil(std::chrono::steady_clock::time_point end) const;
 
  private:
-  mutable std::mutex mutex_;
+  mutable talvera::korvane::Mutex mutex_;
   mutable std::condition_variable changed_;
-  bool came_ = false;
+  bool came_ KORVANE_GUARDED_BY(mutex_) = false;
 };
 
 /// The newest text, for any number of readers.
@@ -39,8 +39,8 @@ class Board : public Newest {
   Text Get() const override;
 
  private:
-  mutable std::mutex mutex_;
-  Text text_;
+  mutable talvera::korvane::Mutex mutex_;
+  Text text_ KORVANE_GUARDED_BY(mutex_);
 };
 
 /// How a link does: rate, losses, round trips.
@@ -122,8 +122,9 @@ class HandFeed {
   HandAddress address_;
   std::string serial_number_;
 
-  mutable std::mutex
-      hand_mutex_;  ///< Of the three that follow, where another thread looks at them.
+  /// Of the three that follow, where another thread looks at them: the feed's own thread, which
+  /// alone changes them, reads them without it.
+  mutable talvera::korvane::Mutex hand_mutex_;
   Json description_;
   std::optional<OpenedHand> hand_;
   std::optional<Pose> pose_;  ///< Where it stood last; nothing while it has gone.
