@@ -62,7 +62,10 @@ Way WayOf(const benchmark::State& state) { return static_cast<Way>(state.range(2
 class Simulated {
  public:
   Simulated(int count, bench::Buses buses) {
-    if (Interface() == nullptr) return void(pairs_.emplace(count, buses));
+    if (Interface() == nullptr) {
+      pairs_.emplace(count, buses);
+      return;
+    }
     std::vector<std::string> arguments{"--can", Interface()};
     for (int i = 1; i <= count; ++i) {
       arguments.insert(arguments.end(), {"--hand", "brisa:" + std::to_string(i)});

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "korvane_brisa.h"
+#include "korvane_diagnostics.h"
 #include "korvane_link.h"
 #include "korvane_log.h"
 #include "korvane_sim/in_process_adapters.h"
