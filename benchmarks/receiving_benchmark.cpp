@@ -1,15 +1,25 @@
 // Hands on SocketCAN that receive as ever and by events: requests a second, what they take of the
 // processors, and how long a request takes. On the interface that KORVANE_TEST_CAN names, with the
-// hands in korvane-sim, all on one bus; without it on socket pairs, a bus for each hand. The
-// simulated hands run in another process, whose time isn't counted, but which shares the
-// processors. Compare within one run only.
+// hands in korvane-sim, all on one bus; without it on socket pairs, on separate buses, on one, or
+// on one that takes the time of a real one. The baseline is the same exchange of frames on the same
+// sockets without the library. The simulated hands run in another process, whose time isn't
+// counted, but which shares the processors. Compare within one run only.
 
 #include <benchmark/benchmark.h>
+#include <linux/can.h>
+#include <linux/can/raw.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -21,6 +31,7 @@
 #include "korvane_diagnostics.h"
 #include "korvane_link.h"
 #include "korvane_log.h"
+#include "samples.h"
 #include "socket_pair_can.h"
 #include "support/simulator_process.h"
 
@@ -31,46 +42,136 @@ using Seconds = std::chrono::duration<double>;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kMeasuredTime = std::chrono::seconds(1);
+/// Of a request, and of its reply.
+constexpr std::uint32_t kPositionOfMotor3 = 0x03130100;
 constexpr int kLongestTimeoutMs = 1000;
 
 const char* Interface() {
   return std::getenv("KORVANE_TEST_CAN");  // NOLINT(concurrency-mt-unsafe)
 }
 
-/// Simulated Brisas with the ids 1 to `count`, and the hand objects for them.
-class Hands {
+bench::Buses BusesOf(const benchmark::State& state) {
+  return static_cast<bench::Buses>(state.range(1));
+}
+
+enum class Way : std::uint8_t { kAsEver, kByEvents, kBare };
+
+Way WayOf(const benchmark::State& state) { return static_cast<Way>(state.range(2)); }
+
+/// Simulated Brisas with the ids 1 to `count`.
+class Simulated {
  public:
-  Hands(int count, Receiving how) {
-    SetLogSink(SilentLog());
-    Simulate(count);
-    SetDefaultReceiving(how);
-    for (int i = 0; i < count; ++i) {
-      hands_.push_back(KorvaneBrisa::createHandSocketCan(
-          HandType::RIGHT, static_cast<std::uint8_t>(i + 1), Interface() ? Interface() : "pair"));
-      // So that a late reply counts as slow, not as none.
-      hands_.back()->SetFrameRecvTimeout(kLongestTimeoutMs);
+  Simulated(int count, bench::Buses buses) {
+    if (Interface() == nullptr) {
+      pairs_.emplace(count, buses);
+      return;
     }
-  }
-  Hands(const Hands&) = delete;
-  Hands& operator=(const Hands&) = delete;
-  ~Hands() = default;
-
-  const std::vector<std::unique_ptr<KorvaneBrisa>>& All() const { return hands_; }
-
- private:
-  void Simulate(int count) {
-    if (Interface() == nullptr) return void(pairs_.emplace(count));
     std::vector<std::string> arguments{"--can", Interface()};
     for (int i = 1; i <= count; ++i) {
       arguments.insert(arguments.end(), {"--hand", "brisa:" + std::to_string(i)});
     }
+    if (buses == bench::Buses::kOnePaced) arguments.emplace_back("--paced");
     simulator_.emplace(arguments);
     if (!simulator_->AwaitReady()) throw std::runtime_error(simulator_->Said());
   }
 
+  std::chrono::nanoseconds BusyTime() const {
+    return pairs_ ? pairs_->BusyTime() : std::chrono::nanoseconds(0);
+  }
+
+ private:
   std::optional<bench::SocketPairHands> pairs_;
   std::optional<test::SimulatorProcess> simulator_;
-  std::vector<std::unique_ptr<KorvaneBrisa>> hands_;
+};
+
+/// What asks one hand for a position.
+class Asker {
+ public:
+  Asker() = default;
+  Asker(const Asker&) = delete;
+  Asker& operator=(const Asker&) = delete;
+  virtual ~Asker() = default;
+  virtual bool Ask() = 0;
+};
+
+class Hand final : public Asker {
+ public:
+  explicit Hand(std::uint8_t id)
+      : hand_(KorvaneBrisa::createHandSocketCan(HandType::RIGHT, id,
+                                                Interface() ? Interface() : "pair")) {
+    // So that a late reply counts as slow, not as none.
+    hand_->SetFrameRecvTimeout(kLongestTimeoutMs);
+  }
+  bool Ask() override {
+    return bool(Checked(*hand_, [](auto& h) { return h.GetJointMotorPosi(3); }));
+  }
+
+ private:
+  std::unique_ptr<KorvaneBrisa> hand_;
+};
+
+/// The frames alone: a write, and reads up to the reply.
+class BareSocket final : public Asker {
+ public:
+  explicit BareSocket(std::uint8_t id) : id_(kPositionOfMotor3 | id) {
+    fd_ = socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+    ifreq request{};
+    std::strncpy(request.ifr_name, Interface() ? Interface() : "pair", IFNAMSIZ - 1);
+    sockaddr_can address{};
+    address.can_family = AF_CAN;
+    const int on = 1;
+    setsockopt(fd_, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on);
+    if (ioctl(fd_, SIOCGIFINDEX, &request) == 0) address.can_ifindex = request.ifr_ifindex;
+    if (bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      throw std::runtime_error("bind");
+    }
+  }
+  BareSocket(const BareSocket&) = delete;
+  BareSocket& operator=(const BareSocket&) = delete;
+  ~BareSocket() override { close(fd_); }
+
+  bool Ask() override {
+    canfd_frame frame{};
+    frame.can_id = id_ | CAN_EFF_FLAG;
+    frame.len = CANFD_MAX_DLEN;
+    if (write(fd_, &frame, sizeof frame) != sizeof frame) return false;
+    pollfd watched{fd_, POLLIN, 0};
+    while (poll(&watched, 1, kLongestTimeoutMs) > 0 &&
+           read(fd_, &frame, sizeof frame) == sizeof frame) {
+      if ((frame.can_id & CAN_EFF_MASK) == id_) return true;
+    }
+    return false;
+  }
+
+ private:
+  const std::uint32_t id_;
+  int fd_;
+};
+
+/// Simulated hands, and what asks each of them.
+class Hands {
+ public:
+  explicit Hands(const benchmark::State& state)
+      : simulated_(static_cast<int>(state.range(0)), BusesOf(state)) {
+    SetLogSink(SilentLog());
+    const Way way = WayOf(state);
+    SetDefaultReceiving(way == Way::kByEvents ? Receiving::BY_EVENTS : Receiving::AS_EVER);
+    for (int i = 1; i <= state.range(0); ++i) {
+      const auto id = static_cast<std::uint8_t>(i);
+      if (way == Way::kBare) {
+        askers_.push_back(std::make_unique<BareSocket>(id));
+      } else {
+        askers_.push_back(std::make_unique<Hand>(id));
+      }
+    }
+  }
+
+  const std::vector<std::unique_ptr<Asker>>& All() const { return askers_; }
+  std::chrono::nanoseconds BusyTime() const { return simulated_.BusyTime(); }
+
+ private:
+  Simulated simulated_;
+  std::vector<std::unique_ptr<Asker>> askers_;
 };
 
 Seconds ProcessTime() {
@@ -87,10 +188,10 @@ struct Asked {
   int failed = 0;
 };
 
-Asked AskUntil(KorvaneBase& hand, Clock::time_point end) {
+Asked AskUntil(Asker& hand, Clock::time_point end) {
   Asked asked;
   for (auto start = Clock::now(); start < end;) {
-    if (!Checked(hand, [](auto& h) { return h.GetJointMotorPosi(3); })) ++asked.failed;
+    if (!hand.Ask()) ++asked.failed;
     const auto answered = Clock::now();
     asked.microseconds.push_back(Seconds(answered - start).count() * 1e6);
     start = answered;
@@ -116,39 +217,32 @@ Asked AskAll(const Hands& hands) {
   return all;
 }
 
-double Percentile(std::vector<double>& values, double share) {
-  const auto at =
-      values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-  std::nth_element(values.begin(), at, values.end());
-  return *at;
-}
-
-Receiving How(const benchmark::State& state) {
-  return state.range(1) != 0 ? Receiving::BY_EVENTS : Receiving::AS_EVER;
-}
-
 /// In processors: 1 is one that does nothing else.
 double LoadOfEach(const Hands& hands, Seconds used, Clock::time_point since) {
   return used / Seconds(Clock::now() - since) / static_cast<double>(hands.All().size());
 }
 
 void HandsThatAreAsked(benchmark::State& state) {
-  const Hands hands(static_cast<int>(state.range(0)), How(state));
+  const Hands hands(state);
   for ([[maybe_unused]] auto _ : state) {
     const auto start = Clock::now();
     const Seconds before = ProcessTime();
+    const auto busy = hands.BusyTime();
     Asked asked = AskAll(hands);
     state.counters["load"] = LoadOfEach(hands, ProcessTime() - before, start);
-    state.counters["requests"] =
-        static_cast<double>(asked.microseconds.size()) / Seconds(Clock::now() - start).count();
-    state.counters["p50_us"] = Percentile(asked.microseconds, 0.5);
-    state.counters["p99_us"] = Percentile(asked.microseconds, 0.99);
+    const Seconds took = Clock::now() - start;
+    state.counters["requests"] = static_cast<double>(asked.microseconds.size()) / took.count();
+    if (BusesOf(state) == bench::Buses::kOnePaced && Interface() == nullptr) {
+      state.counters["bus_busy"] = Seconds(hands.BusyTime() - busy) / took;
+    }
+    state.counters["p50_us"] = bench::Percentile(asked.microseconds, 0.5);
+    state.counters["p99_us"] = bench::Percentile(asked.microseconds, 0.99);
     state.counters["failed"] = asked.failed;
   }
 }
 
 void HandsThatAreLeftAlone(benchmark::State& state) {
-  const Hands hands(static_cast<int>(state.range(0)), How(state));
+  const Hands hands(state);
   for ([[maybe_unused]] auto _ : state) {
     const auto start = Clock::now();
     const Seconds before = ProcessTime();
@@ -157,23 +251,21 @@ void HandsThatAreLeftAlone(benchmark::State& state) {
   }
 }
 
-double Least(const std::vector<double>& values) {
-  return *std::min_element(values.begin(), values.end());
+// `bus`: 0 separate ones, 1 one for all, 2 one with the time of a real one. `way`: 0 as ever, 1 by
+// events, 2 without the library. A kernel's bus is one for all.
+void Asked3Ways(benchmark::internal::Benchmark* registered) {
+  registered->ArgNames({"hands", "bus", "way"})->Apply(&bench::WithSpread);
+  const std::vector<std::int64_t> buses =
+      Interface() ? std::vector<std::int64_t>{1} : std::vector<std::int64_t>{0, 1, 2};
+  registered->ArgsProduct({{1, 2, 5, 10, 20}, buses, {0, 1, 2}});
 }
-double Most(const std::vector<double>& values) {
-  return *std::max_element(values.begin(), values.end());
-}
+BENCHMARK(HandsThatAreAsked)->Apply(&Asked3Ways);
 
-void BothWays(benchmark::internal::Benchmark* registered) {
-  registered->ArgNames({"hands", "by_events"})
-      ->ArgsProduct({{1, 2, 4, 8}, {0, 1}})
-      ->Iterations(1)
-      ->UseRealTime()
-      ->ComputeStatistics("min", &Least)
-      ->ComputeStatistics("max", &Most);
+void Alone2Ways(benchmark::internal::Benchmark* registered) {
+  registered->ArgNames({"hands", "bus", "way"})->Apply(&bench::WithSpread);
+  registered->ArgsProduct({{1, 5, 20}, {Interface() ? 1 : 0}, {0, 1}});
 }
-BENCHMARK(HandsThatAreAsked)->Apply(&BothWays);
-BENCHMARK(HandsThatAreLeftAlone)->Apply(&BothWays);
+BENCHMARK(HandsThatAreLeftAlone)->Apply(&Alone2Ways);
 
 }  // namespace
 }  // namespace talvera::korvane

@@ -82,13 +82,5 @@ void GetJointMotorPosiOverASocketPair(benchmark::State& state) {
 }
 BENCHMARK(GetJointMotorPosiOverASocketPair)->UseRealTime();
 
-void SolverForward(benchmark::State& state) {
-  const br7::KorvaneBrisaSolver solver(false);
-  const std::vector<double> angles{0.5, -0.5, 0.4, -0.1, 0.7, 0.7, 0.1, 0.7, 0.1, 0.7};
-  for ([[maybe_unused]] auto _ : state)
-    benchmark::DoNotOptimize(solver.ActiveJointPos2ActuatorInput(angles));
-}
-BENCHMARK(SolverForward);
-
 }  // namespace
 }  // namespace talvera::korvane

@@ -3,52 +3,108 @@
 #include <linux/can.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <deque>
+#include <memory>
+#include <new>
+#include <optional>
 #include <system_error>
+#include <vector>
+
+#include "korvane_sim/virtual_bus.h"
 
 namespace talvera::korvane::bench {
 namespace {
 
-void Answer(sim::SimulatedHand& hand, int fd) {
+/// What the simulated hands say to the process that measures.
+struct Said {
+  std::atomic<std::int64_t> busy_ns{0};
+};
+
+std::optional<sim::Frame> ReadFrame(int fd) {
   canfd_frame raw{};
-  if (read(fd, &raw, sizeof raw) != sizeof raw) return;
+  if (read(fd, &raw, sizeof raw) != sizeof raw) return std::nullopt;
   sim::Frame frame;
   frame.id = raw.can_id & CAN_EFF_MASK;
   frame.len = raw.len;
   std::copy_n(raw.data, raw.len, frame.data.begin());
-  for (const sim::Frame& reply : hand.Handle(frame, std::chrono::steady_clock::now())) {
-    canfd_frame out{};
-    out.can_id = reply.id | CAN_EFF_FLAG;
-    out.len = reply.len;
-    std::copy_n(reply.data.begin(), reply.len, out.data);
-    static_cast<void>(!write(fd, &out, sizeof out));
-  }
+  return frame;
 }
 
-[[noreturn]] void Serve(const std::vector<int>& far_ends) {
-  std::vector<sim::SimulatedHand> hands;
-  std::vector<pollfd> watched;
-  for (const int fd : far_ends) {
-    hands.emplace_back(sim::kBrisa, static_cast<std::uint8_t>(hands.size() + 1));
-    watched.push_back({fd, POLLIN, 0});
-  }
-  while (poll(watched.data(), watched.size(), -1) > 0) {
-    for (std::size_t i = 0; i < hands.size(); ++i) {
-      if ((watched[i].revents & POLLIN) != 0) Answer(hands[i], watched[i].fd);
-      if ((watched[i].revents & POLLHUP) != 0) watched[i].fd = -1;
-    }
-  }
-  _exit(0);
+/// What a full socket doesn't take is lost, as in the kernel.
+void WriteFrame(int fd, const sim::Frame& frame) {
+  canfd_frame raw{};
+  raw.can_id = frame.id | CAN_EFF_FLAG;
+  raw.len = frame.len;
+  std::copy_n(frame.data.begin(), frame.len, raw.data);
+  static_cast<void>(send(fd, &raw, sizeof raw, MSG_DONTWAIT));
 }
+
+/// The far ends of the socket pairs, and the hands behind them.
+class Server {
+ public:
+  Server(const std::vector<int>& far_ends, Buses buses, Said& said)
+      : paced_(buses == Buses::kOnePaced), said_(said) {
+    for (const int fd : far_ends) {
+      if (buses_.empty() || buses == Buses::kSeparate) buses_.emplace_back();
+      buses_.back().Add({sim::kBrisa, static_cast<std::uint8_t>(ports_.size() + 1)});
+      ports_.push_back(buses_.back().Open());
+      watched_.push_back({fd, POLLIN, 0});
+    }
+    if (paced_) buses_.front().SetBitRates(sim::BitRates{});
+  }
+
+  [[noreturn]] void Serve() {
+    while (Await() >= 0) {
+      for (std::size_t i = 0; i < ports_.size(); ++i) TakeRequest(i);
+      for (std::size_t i = 0; i < ports_.size(); ++i) GiveWhatCame(i);
+      if (paced_) said_.busy_ns = buses_.front().Statistics().busy.count();
+    }
+    _exit(0);
+  }
+
+ private:
+  int Await() {
+    // A part of the time of one frame.
+    constexpr timespec kStep{0, 20'000};
+    return ppoll(watched_.data(), watched_.size(), paced_ ? &kStep : nullptr, nullptr);
+  }
+
+  void TakeRequest(std::size_t i) {
+    if ((watched_[i].revents & POLLIN) != 0) {
+      if (const auto frame = ReadFrame(watched_[i].fd)) ports_[i]->Send(*frame);
+    }
+    if ((watched_[i].revents & POLLHUP) != 0) watched_[i].fd = -1;
+  }
+
+  void GiveWhatCame(std::size_t i) {
+    while (const auto frame = ports_[i]->Receive({})) WriteFrame(watched_[i].fd, *frame);
+  }
+
+  const bool paced_;
+  Said& said_;
+  std::deque<sim::VirtualBus> buses_;
+  std::vector<std::unique_ptr<sim::VirtualBus::Port>> ports_;
+  std::vector<pollfd> watched_;
+};
 
 }  // namespace
 
-SocketPairHands::SocketPairHands(int count) {
+struct SocketPairHands::Shared : Said {};
+
+SocketPairHands::SocketPairHands(int count, Buses buses) {
+  void* const memory =
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
+  shared_ = new (memory) Shared;
   std::vector<int> far_ends;
   for (int i = 0; i < count; ++i) {
     int ends[2] = {-1, -1};
@@ -61,7 +117,9 @@ SocketPairHands::SocketPairHands(int count) {
   process_ = fork();
   if (process_ == 0) {
     for (const int fd : near_ends_) close(fd);
-    Serve(far_ends);
+    // Steps of a paced bus end on time, not up to 50 µs later.
+    prctl(PR_SET_TIMERSLACK, 1);
+    Server(far_ends, buses, *shared_).Serve();
   }
   for (const int fd : far_ends) close(fd);
   lent_.emplace(near_ends_);
@@ -71,6 +129,11 @@ SocketPairHands::~SocketPairHands() {
   for (const int fd : near_ends_) close(fd);
   kill(process_, SIGKILL);
   waitpid(process_, nullptr, 0);
+  munmap(shared_, sizeof(Shared));
+}
+
+std::chrono::nanoseconds SocketPairHands::BusyTime() const {
+  return std::chrono::nanoseconds(shared_->busy_ns);
 }
 
 }  // namespace talvera::korvane::bench

@@ -28,7 +28,10 @@ class Simulation {
   explicit Simulation(const Options& options) : world_(options.adapters, SystemClock()) {
     NamePlaces(options);
     for (const HandSpec& hand : options.hands) AddHand(hand, options);
-    for (const auto& [place, bus] : buses_) bus->SetFaults(options.faults);
+    for (const auto& [place, bus] : buses_) {
+      bus->SetBitRates(options.bit_rates);
+      bus->SetFaults(options.faults);
+    }
     Serve(options);
   }
 

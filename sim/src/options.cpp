@@ -136,6 +136,9 @@ void AddLinkOptions(CLI::App& app, Options& options) {
       ->take_all();
   app.add_flag("--adapters", options.serves_adapters,
                "Serve the stand-in adapter libraries (the default without --can and --serial)");
+  app.add_flag_callback(
+      "--paced", [&options] { options.bit_rates.emplace(); },
+      "Frames take the time of a bus with 1 and 5 Mbit/s, one after another");
   app.add_option_function<std::vector<std::string>>(
          "--serial",
          [&options](const std::vector<std::string>& texts) {

@@ -26,6 +26,7 @@ struct Options {
   bool serves_adapters = false;
   std::string socket_path;
   AdapterOptions adapters;
+  std::optional<BitRates> bit_rates;  ///< Of each bus.
   Faults faults;
   FirmwarePartition firmware;  ///< What each hand begins with.
   std::optional<std::array<std::uint8_t, 4>> firmware_version;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <random>
 #include <stdexcept>
@@ -17,6 +18,7 @@ namespace {
 
 using TimePoint = Clock::TimePoint;
 constexpr std::size_t kInboxFrames = 4096;
+constexpr std::chrono::nanoseconds kNoTime{0};
 
 /// A hand with its service side, if it has one.
 struct PluggedHand {
@@ -87,14 +89,14 @@ class VirtualBus::State {
     std::fill(frame.data.begin() + frame.len, frame.data.end(), std::uint8_t{0});
     frame.len = PaddedLength(frame.len);
     const MutexLock lock(mutex_);
-    if (from.closed) return false;
     const TimePoint now = clock_.Now();
+    LetHandsHear(now);
+    if (from.closed || passing_.size() >= kInboxFrames) return false;
     ++statistics_.from_hosts;
-    Deliver(frame, now, &from);
-    for (PluggedHand& place : hands_) {
-      if (!place.plugged || Loses()) continue;
-      for (const Frame& reply : place.Handle(frame, now)) EmitFromHand(reply, now);
-    }
+    const TimePoint passed = Pass(frame, now);
+    Deliver(frame, passed, &from);
+    passing_.push_back({passed, frame});
+    LetHandsHear(now);
     clock_.NotifyAll(arrived_);
     return true;
   }
@@ -104,6 +106,7 @@ class VirtualBus::State {
     const TimePoint deadline = clock_.Now() + wait;
     while (!inbox.closed) {
       const TimePoint now = clock_.Now();
+      LetHandsHear(now);
       EmitDueReports(now);
       const auto first = inbox.frames.begin();
       if (first != inbox.frames.end() && first->first <= now) {
@@ -163,12 +166,46 @@ class VirtualBus::State {
     emitted_ = 0;
   }
 
+  void SetBitRates(const std::optional<BitRates>& rates) {
+    const MutexLock lock(mutex_);
+    rates_ = rates;
+  }
+
   BusStatistics Statistics() const {
     const MutexLock lock(mutex_);
     return statistics_;
   }
 
  private:
+  /// A host's frame that no hand has heard to its end.
+  struct Passing {
+    TimePoint passed;
+    Frame frame;
+  };
+
+  /// When a frame that is ready at a time has passed. Frames pass one after another.
+  TimePoint Pass(const Frame& frame, TimePoint ready) KORVANE_REQUIRES(mutex_) {
+    if (!rates_) return ready;
+    const auto time = FrameTime(frame, *rates_);
+    statistics_.busy += time;
+    free_at_ = std::max(free_at_, ready) + time;
+    return free_at_;
+  }
+
+  void LetHandsHear(TimePoint now) KORVANE_REQUIRES(mutex_) {
+    while (!passing_.empty() && passing_.front().passed <= now) {
+      const Passing heard = passing_.front();
+      passing_.pop_front();
+      for (PluggedHand& place : hands_) {
+        if (!place.plugged || Loses()) continue;
+        for (const Frame& reply : place.Handle(heard.frame, now)) {
+          EmitFromHand(reply, heard.passed);
+        }
+      }
+      clock_.NotifyAll(arrived_);
+    }
+  }
+
   bool Happens(double probability) KORVANE_REQUIRES(mutex_) {
     if (probability <= 0.0) return false;
     return std::uniform_real_distribution<>(0.0, 1.0)(random_) < probability;
@@ -181,7 +218,7 @@ class VirtualBus::State {
   }
 
   std::chrono::nanoseconds UpTo(std::chrono::nanoseconds limit) KORVANE_REQUIRES(mutex_) {
-    if (limit.count() <= 0) return std::chrono::nanoseconds(0);
+    if (limit.count() <= 0) return kNoTime;
     return std::chrono::nanoseconds(
         std::uniform_int_distribution<std::int64_t>(0, limit.count())(random_));
   }
@@ -198,23 +235,26 @@ class VirtualBus::State {
     }
   }
 
-  void EmitFromHand(const Frame& frame, TimePoint now) KORVANE_REQUIRES(mutex_) {
+  /// `ready` is when the hand has it for the bus.
+  void EmitFromHand(const Frame& frame, TimePoint ready) KORVANE_REQUIRES(mutex_) {
     if (faults_.silent_after && emitted_ >= *faults_.silent_after) return;
     ++emitted_;
     ++statistics_.from_hands;
-    const TimePoint due = now + faults_.delay + UpTo(faults_.jitter);
+    const auto delay = faults_.delay + UpTo(faults_.jitter);
     if (Happens(faults_.foreign)) {
       ++statistics_.foreign;
-      Deliver(Foreign(frame), due, nullptr);
+      const Frame foreign = Foreign(frame);
+      Deliver(foreign, Pass(foreign, ready) + delay, nullptr);
     }
+    const TimePoint passed = Pass(frame, ready);
     if (Loses()) return;
     if (Happens(faults_.duplicate)) {
       ++statistics_.duplicated;
-      Deliver(frame, now + faults_.delay + UpTo(faults_.jitter), nullptr);
+      Deliver(frame, Pass(frame, ready) + faults_.delay + UpTo(faults_.jitter), nullptr);
     }
     const bool held = Happens(faults_.reorder);
     if (held) ++statistics_.reordered;
-    Deliver(frame, held ? due + UpTo(faults_.reorder_window) : due, nullptr);
+    Deliver(frame, passed + delay + (held ? UpTo(faults_.reorder_window) : kNoTime), nullptr);
   }
 
   /// The same reply from an id that no hand on this bus has, with every data byte changed. That of
@@ -245,6 +285,7 @@ class VirtualBus::State {
 
   TimePoint NextEvent(const Port::Inbox& inbox) const KORVANE_REQUIRES(mutex_) {
     TimePoint next = inbox.frames.empty() ? TimePoint::max() : inbox.frames.begin()->first;
+    if (!passing_.empty()) next = std::min(next, passing_.front().passed);
     for (const PluggedHand& place : hands_) next = std::min(next, place.NextEvent());
     return next;
   }
@@ -254,6 +295,9 @@ class VirtualBus::State {
   std::condition_variable arrived_;
   std::vector<std::shared_ptr<Port::Inbox>> inboxes_ KORVANE_GUARDED_BY(mutex_);
   std::vector<PluggedHand> hands_ KORVANE_GUARDED_BY(mutex_);
+  std::optional<BitRates> rates_ KORVANE_GUARDED_BY(mutex_);
+  TimePoint free_at_ KORVANE_GUARDED_BY(mutex_);            ///< When the last frame has passed.
+  std::deque<Passing> passing_ KORVANE_GUARDED_BY(mutex_);  ///< In the order in which they pass.
   Faults faults_ KORVANE_GUARDED_BY(mutex_);
   std::uint64_t emitted_ KORVANE_GUARDED_BY(mutex_) = 0;
   BusStatistics statistics_ KORVANE_GUARDED_BY(mutex_);
@@ -283,6 +327,7 @@ void VirtualBus::Restart(std::size_t number) { state_->Restart(number); }
 void VirtualBus::SetPlugged(std::size_t number, bool plugged) {
   state_->SetPlugged(number, plugged);
 }
+void VirtualBus::SetBitRates(const std::optional<BitRates>& rates) { state_->SetBitRates(rates); }
 void VirtualBus::SetFaults(const Faults& faults) { state_->SetFaults(faults); }
 BusStatistics VirtualBus::Statistics() const { return state_->Statistics(); }
 

@@ -1,6 +1,7 @@
 #include "korvane_brisa_solver.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <iterator>
 
@@ -41,6 +42,9 @@ constexpr JointRow kJoints[] = {
     {0.0, 1.48, 0.0, 1.43, 1, 4096, 0, 4096, 0},       // little
 };
 constexpr std::size_t kJointCount = std::size(kJoints);
+
+/// A value for each joint, where a vector would be another allocation.
+using JointArray = std::array<double, kJointCount>;
 
 /// The joints whose position isn't linear in the actuator input.
 constexpr std::size_t kThumbJoint = 2;
@@ -88,12 +92,36 @@ std::vector<JointRow> Joints(bool mirrored) {
 }
 
 /// Takes the joints that aren't linear from the one scale to the other.
-void ApplyFits(std::vector<double>& joints, const std::vector<double>& thumb_fit,
+template <class Joints>
+void ApplyFits(Joints& joints, const std::vector<double>& thumb_fit,
                const std::vector<double>& flexion_fit) {
   joints[kThumbJoint] = solver::Polynomial(joints[kThumbJoint], thumb_fit);
   for (const std::size_t i : kFlexionJoints) {
     joints[i] = solver::Polynomial(joints[i], flexion_fit);
   }
+}
+
+template <class Joints>
+void HoldWithinLimits(const KorvaneBrisaSolver& s, Joints& joints) {
+  const std::size_t count = std::min(joints.size(), kJointCount);
+  for (std::size_t i = 0; i < count; ++i) {
+    joints[i] = solver::Confine(s.joint_min[i], s.joint_max[i], joints[i]);
+  }
+}
+
+std::vector<int> ActuatorInputs(const KorvaneBrisaSolver& s, JointArray joints) {
+  HoldWithinLimits(s, joints);
+  ApplyFits(joints, s.mirrored ? s.thumb_forward_mirrored : s.thumb_forward_plain,
+            s.flexion_forward);
+  std::vector<int> inputs(kJointCount);
+  for (std::size_t i = 0; i < kJointCount; ++i) {
+    const double offset = Difference(s.actuator_at_max[i], s.actuator_at_min[i]) *
+                          (joints[i] - s.linear_min[i]) / (s.linear_max[i] - s.linear_min[i]);
+    // The limits left nothing that an int can't hold. Truncating before the addition, and no second
+    // clamp: the fits miss the ends of the scale by some units, and applications see those.
+    inputs[i] = static_cast<int>(offset) + s.actuator_at_min[i];
+  }
+  return inputs;
 }
 
 }  // namespace
@@ -129,19 +157,9 @@ std::vector<int> KorvaneBrisaSolver::ActiveJointPos2ActuatorInput(
   if (!HasSize("ActiveJointPos2ActuatorInput", joint_pos.size(), kJointCount)) return {};
   if (show_details && !CheckJointPos(joint_pos)) LogInfo("joint position over limit");
 
-  std::vector<double> linear = joint_pos;
-  ClampJointPos(linear);
-  ApplyFits(linear, mirrored ? thumb_forward_mirrored : thumb_forward_plain, flexion_forward);
-
-  std::vector<int> actuator_input(kJointCount);
-  for (std::size_t i = 0; i < kJointCount; ++i) {
-    const double offset = Difference(actuator_at_max[i], actuator_at_min[i]) *
-                          (linear[i] - linear_min[i]) / (linear_max[i] - linear_min[i]);
-    // The clamp left nothing that an int can't hold. Truncating before the addition, and no second
-    // clamp: the fits miss the ends of the scale by some units, and applications see those.
-    actuator_input[i] = static_cast<int>(offset) + actuator_at_min[i];
-  }
-  return actuator_input;
+  JointArray joints{};
+  std::copy(joint_pos.begin(), joint_pos.end(), joints.begin());
+  return ActuatorInputs(*this, joints);
 }
 
 std::vector<double> KorvaneBrisaSolver::ActuatorInput2ActiveJointPos(
@@ -183,15 +201,14 @@ std::vector<double> KorvaneBrisaSolver::GetAllJointPos(std::vector<double> const
 }
 
 std::vector<int> KorvaneBrisaSolver::SetHandGesture(int const& gesture) const {
-  std::vector<double> joint_pos(kJointCount, 0.0);
+  JointArray joints{};
   // As unsigned a negative number is beyond the table too.
   const auto row = static_cast<unsigned>(gesture);
   if (row < std::size(kGestures)) {
-    joint_pos.assign(std::begin(kGestures[row]), std::end(kGestures[row]));
+    std::copy(std::begin(kGestures[row]), std::end(kGestures[row]), joints.begin());
   }
-  for (std::size_t i = 0; i < kJointCount; ++i) joint_pos[i] *= mirrored ? direction[i] : 1;
-  ClampJointPos(joint_pos);
-  return ActiveJointPos2ActuatorInput(joint_pos);
+  for (std::size_t i = 0; i < kJointCount; ++i) joints[i] *= mirrored ? direction[i] : 1;
+  return ActuatorInputs(*this, joints);
 }
 
 double KorvaneBrisaSolver::CalculatePower(double x, std::vector<double> const& coefficients) const {
@@ -217,10 +234,7 @@ bool KorvaneBrisaSolver::CheckActuatorInput(std::vector<int> const& actuator_inp
 }
 
 void KorvaneBrisaSolver::ClampJointPos(std::vector<double>& joint_pos) const {
-  const std::size_t count = std::min(joint_pos.size(), kJointCount);
-  for (std::size_t i = 0; i < count; ++i) {
-    joint_pos[i] = solver::Confine(joint_min[i], joint_max[i], joint_pos[i]);
-  }
+  HoldWithinLimits(*this, joint_pos);
 }
 
 }  // namespace talvera::korvane::br7

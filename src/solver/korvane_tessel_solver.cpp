@@ -1,5 +1,7 @@
 #include "korvane_tessel_solver.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <iterator>
@@ -51,6 +53,9 @@ constexpr MotorRow kMotors[] = {
 constexpr std::size_t kMotorCount = std::size(kMotors);
 constexpr int kInputMax = 2000;
 
+/// A value for each joint or motor, where a vector would be another allocation.
+using Twelve = std::array<double, kMotorCount>;
+
 /// Active joint positions by gesture number. They aren't mirrored.
 constexpr double kGestures[][kMotorCount] = {
     {},
@@ -70,7 +75,7 @@ constexpr double kUpperSlope = 0.6818076923076924;
 
 /// What the two sides of the hand do with the signs of the joints, on the way to the motors and on
 /// the way back. Hands in the field are calibrated to it, uneven as it is for joint 1.
-void ChangeSigns(Doubles& joints, bool mirrored) {
+void ChangeSigns(Twelve& joints, bool mirrored) {
   const auto negate = [&joints](std::size_t i) { joints[i] = -joints[i]; };
   negate(2);
   negate(3);
@@ -81,6 +86,119 @@ void ChangeSigns(Doubles& joints, bool mirrored) {
     negate(1);
   }
 }
+
+/// What is missing counts as 0.0, what is too much as not there.
+Twelve ToTwelve(const Doubles& values) {
+  Twelve twelve{};
+  std::copy_n(values.begin(), std::min(values.size(), twelve.size()), twelve.begin());
+  return twelve;
+}
+
+/// As KorvaneTesselSolver::Clamp does, for limits of the right size.
+template <class Values>
+void HoldWithin(const Doubles& max, const Doubles& min, Values& values) {
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    values[i] = solver::Confine(std::min(min[i], max[i]), std::max(min[i], max[i]), values[i]);
+  }
+}
+
+/// One value of KorvaneTesselSolver::Scale.
+double Rescaled(double value, double source_max, double source_min, double target_max,
+                double target_min) {
+  if (source_max == source_min) {
+    throw std::invalid_argument("Scale: max and min values must differ for each element");
+  }
+  const double held =
+      solver::Confine(std::min(source_min, source_max), std::max(source_min, source_max), value);
+  const double ratio = (held - source_min) / (source_max - source_min);
+  return ratio * (target_max - target_min) + target_min;
+}
+
+[[noreturn]] void ThrowScaleSizes() {
+  throw std::invalid_argument("Scale: all input vectors must have the same length");
+}
+
+template <class Joints>
+void BringWithinLimits(const KorvaneTesselSolver& s, Joints& joints) {
+  HoldWithin(s.joint_max, s.joint_min, joints);
+  s.ClampAbadMcpJoint(joints[4], joints[5]);
+  s.ClampAbadMcpJoint(joints[7], joints[8]);
+}
+
+bool AreJoints(std::size_t count) {
+  if (count == kMotorCount) return true;
+  // Applications that read this text know it without a line end.
+  LogErrorText("Joint input size does not match expected joint count.");
+  return false;
+}
+
+Twelve LengthsOf(const KorvaneTesselSolver& s, Twelve j) {
+  ChangeSigns(j, s.mirrored);
+  // Only on this way, so that the motor stands at its end on the mirrored side wherever the joint
+  // is. Applications rely on it: don't make it the inverse of the way back.
+  if (s.mirrored) j[0] = -j[0];
+  Twelve m{};
+  m[5] = kMetres * s.PredictPoly(j[0], s.thumb_forward_0);
+  m[4] = kMetres * s.PredictPoly(j[1], s.thumb_forward_1);
+  m[11] = kMetres * s.PredictPoly(j[2], s.thumb_forward_2);
+  m[10] = kMetres * s.PredictPoly(j[3], s.thumb_forward_3);
+  m[0] = s.PredictPoly33(j[4], j[5], s.abad_mcp_forward_a);
+  m[1] = s.PredictPoly33(j[4], j[5], s.abad_mcp_forward_b);
+  m[2] = s.PredictPoly33(j[7], j[8], s.abad_mcp_forward_a);
+  m[3] = s.PredictPoly33(j[7], j[8], s.abad_mcp_forward_b);
+  m[6] = s.FingerPIPFitPredict(j[4], j[5], j[6], s.pip_forward_first);
+  m[7] = s.FingerPIPFitPredict(j[7], j[8], j[9], s.pip_forward_second);
+  m[8] = kMetres * s.PredictPoly(j[10], s.single_forward);
+  m[9] = kMetres * s.PredictPoly(j[11], s.single_forward);
+  HoldWithin(s.motor_length_max, s.motor_length_min, m);
+  return m;
+}
+
+Twelve JointsOf(const KorvaneTesselSolver& s, Twelve m) {
+  HoldWithin(s.motor_length_max, s.motor_length_min, m);
+  Twelve j{};
+  j[0] = s.PredictPoly(kMillimetres * m[5], s.thumb_inverse_0);
+  j[1] = s.PredictPoly(kMillimetres * m[4], s.thumb_inverse_1);
+  j[2] = s.PredictPoly(kMillimetres * m[11], s.thumb_inverse_2);
+  j[3] = s.PredictPoly(kMillimetres * m[10], s.thumb_inverse_3);
+  j[4] = s.PredictPoly33(m[1], m[0], s.abad_mcp_inverse_a);
+  j[5] = s.PredictPoly33(m[1], m[0], s.abad_mcp_inverse_b);
+  j[6] = s.FingerPIPFitPredict(j[4], j[5], m[6], s.pip_inverse_first);
+  j[7] = s.PredictPoly33(m[3], m[2], s.abad_mcp_inverse_a);
+  j[8] = s.PredictPoly33(m[3], m[2], s.abad_mcp_inverse_b);
+  j[9] = s.FingerPIPFitPredict(j[7], j[8], m[7], s.pip_inverse_second);
+  j[10] = s.PredictPoly(kMillimetres * m[8], s.single_inverse);
+  j[11] = s.PredictPoly(kMillimetres * m[9], s.single_inverse);
+  ChangeSigns(j, s.mirrored);
+  HoldWithin(s.joint_max, s.joint_min, j);
+  return j;
+}
+
+Ints InputsOf(const KorvaneTesselSolver& s, const Twelve& lengths) {
+  Ints inputs(kMotorCount);
+  for (std::size_t i = 0; i < kMotorCount; ++i) {
+    // Cuts fractions off.
+    inputs[i] = static_cast<int>(Rescaled(lengths[i], s.motor_length_max[i], s.motor_length_min[i],
+                                          s.motor_input_at_max[i], s.motor_input_at_min[i]));
+  }
+  return inputs;
+}
+
+Twelve LengthsAt(const KorvaneTesselSolver& s, const Ints& inputs) {
+  Twelve lengths{};
+  for (std::size_t i = 0; i < kMotorCount; ++i) {
+    lengths[i] = Rescaled(inputs[i], s.motor_input_at_max[i], s.motor_input_at_min[i],
+                          s.motor_length_max[i], s.motor_length_min[i]);
+  }
+  return lengths;
+}
+
+Ints InputsForJoints(const KorvaneTesselSolver& s, Twelve joints) {
+  BringWithinLimits(s, joints);
+  return InputsOf(s, LengthsOf(s, joints));
+}
+
+Doubles ToVector(const Twelve& values) { return {values.begin(), values.end()}; }
 
 }  // namespace
 
@@ -163,18 +281,11 @@ Doubles KorvaneTesselSolver::Scale(Doubles const& value, Doubles const& source_m
                                    Doubles const& source_min, Doubles const& target_max,
                                    Doubles const& target_min) const {
   for (const Doubles* limits : {&source_max, &source_min, &target_max, &target_min}) {
-    if (limits->size() != value.size()) {
-      throw std::invalid_argument("Scale: all input vectors must have the same length");
-    }
+    if (limits->size() != value.size()) ThrowScaleSizes();
   }
-  Doubles result = value;
-  Clamp(source_max, source_min, result);
+  Doubles result(value.size());
   for (std::size_t i = 0; i < result.size(); ++i) {
-    if (source_max[i] == source_min[i]) {
-      throw std::invalid_argument("Scale: max and min values must differ for each element");
-    }
-    const double ratio = (result[i] - source_min[i]) / (source_max[i] - source_min[i]);
-    result[i] = ratio * (target_max[i] - target_min[i]) + target_min[i];
+    result[i] = Rescaled(value[i], source_max[i], source_min[i], target_max[i], target_min[i]);
   }
   return result;
 }
@@ -194,14 +305,8 @@ void KorvaneTesselSolver::ClampAbadMcpJoint(double const& abad, double& mcp) con
 }
 
 bool KorvaneTesselSolver::CheckJointPos(Doubles& joint_pos) const {
-  if (joint_pos.size() != joint_max.size()) {
-    // Applications that read this text know it without a line end.
-    LogErrorText("Joint input size does not match expected joint count.");
-    return false;
-  }
-  Clamp(joint_max, joint_min, joint_pos);
-  ClampAbadMcpJoint(joint_pos[4], joint_pos[5]);
-  ClampAbadMcpJoint(joint_pos[7], joint_pos[8]);
+  if (!AreJoints(joint_pos.size())) return false;
+  BringWithinLimits(*this, joint_pos);
   return true;
 }
 
@@ -221,67 +326,27 @@ bool KorvaneTesselSolver::CheckActuatorInput(Ints const& actuator_input) const {
 }
 
 Doubles KorvaneTesselSolver::ActiveJoint2MotorLength(Doubles const& joint_pos) const {
-  Doubles j = joint_pos;
-  j.resize(kMotorCount);  // the size isn't checked, but nothing may be read beyond it
-  ChangeSigns(j, mirrored);
-  // Only on this way, so that the motor stands at its end on the mirrored side wherever the joint
-  // is. Applications rely on it: don't make it the inverse of the way back.
-  if (mirrored) j[0] = -j[0];
-  Doubles m(kMotorCount);
-  m[5] = kMetres * PredictPoly(j[0], thumb_forward_0);
-  m[4] = kMetres * PredictPoly(j[1], thumb_forward_1);
-  m[11] = kMetres * PredictPoly(j[2], thumb_forward_2);
-  m[10] = kMetres * PredictPoly(j[3], thumb_forward_3);
-  m[0] = PredictPoly33(j[4], j[5], abad_mcp_forward_a);
-  m[1] = PredictPoly33(j[4], j[5], abad_mcp_forward_b);
-  m[2] = PredictPoly33(j[7], j[8], abad_mcp_forward_a);
-  m[3] = PredictPoly33(j[7], j[8], abad_mcp_forward_b);
-  m[6] = FingerPIPFitPredict(j[4], j[5], j[6], pip_forward_first);
-  m[7] = FingerPIPFitPredict(j[7], j[8], j[9], pip_forward_second);
-  m[8] = kMetres * PredictPoly(j[10], single_forward);
-  m[9] = kMetres * PredictPoly(j[11], single_forward);
-  Clamp(motor_length_max, motor_length_min, m);
-  return m;
+  return ToVector(LengthsOf(*this, ToTwelve(joint_pos)));
 }
 
 Doubles KorvaneTesselSolver::MotorLength2ActiveJoint(Doubles const& motor_length) const {
   if (!HasSize("MotorLength2ActiveJoint", motor_length.size(), kMotorCount)) return {};
-  Doubles m = motor_length;
-  Clamp(motor_length_max, motor_length_min, m);
-  Doubles j(kMotorCount);
-  j[0] = PredictPoly(kMillimetres * m[5], thumb_inverse_0);
-  j[1] = PredictPoly(kMillimetres * m[4], thumb_inverse_1);
-  j[2] = PredictPoly(kMillimetres * m[11], thumb_inverse_2);
-  j[3] = PredictPoly(kMillimetres * m[10], thumb_inverse_3);
-  j[4] = PredictPoly33(m[1], m[0], abad_mcp_inverse_a);
-  j[5] = PredictPoly33(m[1], m[0], abad_mcp_inverse_b);
-  j[6] = FingerPIPFitPredict(j[4], j[5], m[6], pip_inverse_first);
-  j[7] = PredictPoly33(m[3], m[2], abad_mcp_inverse_a);
-  j[8] = PredictPoly33(m[3], m[2], abad_mcp_inverse_b);
-  j[9] = FingerPIPFitPredict(j[7], j[8], m[7], pip_inverse_second);
-  j[10] = PredictPoly(kMillimetres * m[8], single_inverse);
-  j[11] = PredictPoly(kMillimetres * m[9], single_inverse);
-  ChangeSigns(j, mirrored);
-  Clamp(joint_max, joint_min, j);
-  return j;
+  return ToVector(JointsOf(*this, ToTwelve(motor_length)));
 }
 
 Ints KorvaneTesselSolver::MotorLength2MotorInput(Doubles const& motor_length) const {
-  const Doubles inputs = Scale(motor_length, motor_length_max, motor_length_min, motor_input_at_max,
-                               motor_input_at_min);
-  return {inputs.begin(), inputs.end()};  // cuts fractions off
+  if (motor_length.size() != kMotorCount) ThrowScaleSizes();
+  return InputsOf(*this, ToTwelve(motor_length));
 }
 
 Doubles KorvaneTesselSolver::MotorInput2MotorLength(Ints const& motor_input) const {
   if (!HasSize("MotorInput2MotorLength", motor_input.size(), kMotorCount)) return {};
-  return Scale(motor_input, motor_input_at_max, motor_input_at_min, motor_length_max,
-               motor_length_min);
+  return ToVector(LengthsAt(*this, motor_input));
 }
 
 Ints KorvaneTesselSolver::ConvertJoint2Actuator(Doubles const& joint_pos) const {
-  Doubles joints = joint_pos;
-  if (!CheckJointPos(joints)) return {};
-  return MotorLength2MotorInput(ActiveJoint2MotorLength(joints));
+  if (!AreJoints(joint_pos.size())) return {};
+  return InputsForJoints(*this, ToTwelve(joint_pos));
 }
 
 Doubles KorvaneTesselSolver::ConvertActuator2Joint(Ints const& actuator_input) const {
@@ -289,7 +354,7 @@ Doubles KorvaneTesselSolver::ConvertActuator2Joint(Ints const& actuator_input) c
     LogError("[ERROR]: ConvertActuator2Joint: Invalid actuator input, returning empty vector");
     return {};
   }
-  return MotorLength2ActiveJoint(MotorInput2MotorLength(actuator_input));
+  return ToVector(JointsOf(*this, LengthsAt(*this, actuator_input)));
 }
 
 /// Both of the last fingers take their coupled joints from the fourth one's active joint.
@@ -306,8 +371,9 @@ Doubles KorvaneTesselSolver::GetAllJointPos(Doubles const& a) const {
 
 Ints KorvaneTesselSolver::SetHandGesture(int const& gesture) const {
   const bool known = gesture >= 0 && gesture < static_cast<int>(std::size(kGestures));
-  const auto& row = kGestures[known ? gesture : 0];
-  return ConvertJoint2Actuator({std::begin(row), std::end(row)});
+  Twelve joints{};
+  std::copy_n(std::begin(kGestures[known ? gesture : 0]), joints.size(), joints.begin());
+  return InputsForJoints(*this, joints);
 }
 
 }  // namespace talvera::korvane::ts9

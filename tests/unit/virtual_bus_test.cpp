@@ -59,6 +59,42 @@ TEST_F(VirtualBusTest, WhoeverWaitsGetsRepliesReportsAndUploadsOnTime) {
   EXPECT_EQ(came, " r5 u5 u5 u55 u55 r75 u105 u105 r145");
 }
 
+TEST(FrameTimeTest, CountsEachBitAndTheStuffedOnes) {
+  const auto time = [](std::uint32_t id, std::uint8_t len, std::uint8_t byte, BitRates rates = {}) {
+    Frame frame{id, len, {}};
+    frame.data.fill(byte);
+    return FrameTime(frame, rates).count();
+  };
+  constexpr std::uint32_t kNothingToStuff = 0x15555555;
+  EXPECT_EQ(time(kNothingToStuff, 64, 0x55), 158800);
+  EXPECT_EQ(time(kNothingToStuff, 64, 0x87), 158800 + 128 * 200) << "every fourth bit";
+  EXPECT_EQ(time(kNothingToStuff, 64, 0x55, {1000000, 1000000}), 598000);
+  EXPECT_EQ(time(0x155F0555, 64, 0x55), 158800 + 2000) << "in the identifier";
+  EXPECT_EQ(time(0x555, 0, 0), 36400) << "five equal bits at the end need none";
+  EXPECT_EQ(time(0x555, 16, 0x55) - time(0x555, 12, 0x55), 4 * 8 * 200);
+  EXPECT_EQ(time(0x555, 20, 0x55) - time(0x555, 16, 0x55), (4 * 8 + 5) * 200) << "longer checksum";
+}
+
+TEST_F(VirtualBusTest, WithBitRatesFramesPassOneAfterAnother) {
+  bus_.Add({kBrisa, 1});
+  bus_.SetBitRates(BitRates{});
+  const auto other = bus_.Open();
+  const auto start = clock_.Now();
+  const Ids asked{0x03130101, 0x04130101};
+  for (const std::uint32_t id : asked) EXPECT_TRUE(port_->Send(Read(id)));
+  auto passed = start;
+  for (int i = 0; i < 4; ++i) {  // Both replies are ready before the second request has passed.
+    const Frame frame = other->Receive(seconds(1)).value_or(Frame{});
+    EXPECT_EQ(frame.id, asked[static_cast<std::size_t>(i % 2)]);
+    passed += FrameTime(frame, {});
+    EXPECT_EQ(clock_.Now(), passed) << i;
+  }
+  EXPECT_EQ(bus_.Statistics().busy, passed - start);
+  while (port_->Send(Read(asked[0]))) {
+  }
+  EXPECT_EQ(bus_.Statistics().from_hosts, 2U + 4096U);
+}
+
 TEST(VirtualBusOfTwoThreads, AFrameOrAClosingPortEndsAWaitThatTimeDoesNot) {
   test::VirtualClock clock(2);
   VirtualBus bus(clock);

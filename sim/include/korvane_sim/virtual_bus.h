@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 
+#include "korvane_sim/bit_rates.h"
 #include "korvane_sim/export.h"
 #include "korvane_sim/frame.h"
 #include "korvane_sim/service_face.h"
@@ -38,7 +39,8 @@ struct BusStatistics {
   std::uint64_t duplicated = 0;
   std::uint64_t reordered = 0;
   std::uint64_t foreign = 0;
-  std::uint64_t overruns = 0;  ///< Frames that didn't fit into the buffer of a port.
+  std::uint64_t overruns = 0;        ///< Frames that didn't fit into the buffer of a port.
+  std::chrono::nanoseconds busy{0};  ///< What frames took on a bus with bit rates.
 };
 
 /// A CAN FD bus with hands on it and ports for hosts.
@@ -81,6 +83,12 @@ class KORVANE_SIM_EXPORT VirtualBus {
   /// An unplugged hand neither hears nor sends; its motors go on.
   void SetPlugged(std::size_t number, bool plugged);
 
+  /// How fast the bus is, from the next frame on; without bit rates, as at first, frames take no
+  /// time. With them frames pass one after another in the order in which they are sent, whatever
+  /// their identifiers. A hand hears a frame at its end and has its replies ready then. Delays of
+  /// `Faults` come on top, and what is lost has passed all the same.
+  void SetBitRates(const std::optional<BitRates>& rates);
+
   /// Holds from the next frame on. The count of `silent_after` starts anew.
   void SetFaults(const Faults& faults);
   BusStatistics Statistics() const;
@@ -97,7 +105,8 @@ class KORVANE_SIM_EXPORT VirtualBus::Port {
   Port& operator=(const Port&) = delete;
   ~Port();
 
-  /// False if the port is closed or the frame is no CAN FD frame.
+  /// False if the port is closed, the frame is no CAN FD frame, or as many frames as a port
+  /// buffers wait for a bus with bit rates.
   bool Send(const Frame& frame);
 
   /// The next frame, waiting up to `wait` for it; none when the time is over or the port closed.
