@@ -1,6 +1,7 @@
 #include "can/can_bus_device.h"
 
 #include <algorithm>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 
@@ -66,8 +67,7 @@ class CanBusDeviceBase::Exchange {
         lock, [this] { return device_.pending_req_ids_.empty() && !device_.exchange_running_; });
     ++device_.counters_.requests;
     Send(frame);
-    device_.spare_request_.PutIn(device_.pending_req_ids_, id_);
-    if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
+    Enter(multi_frame);
     device_.exchange_running_ = true;
   }
 
@@ -109,6 +109,17 @@ class CanBusDeviceBase::Exchange {
     try {
       if (device_.Transmit(frame) != -1) return;
       throw device_.SendError(FormatFrame(frame) + " request send failed");
+    } catch (...) {
+      GiveTurnBack();
+      throw;
+    }
+  }
+
+  /// Nobody clears up behind a constructor that runs out of memory.
+  void Enter(bool multi_frame) {
+    try {
+      if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
+      device_.spare_request_.PutIn(device_.pending_req_ids_, id_);
     } catch (...) {
       GiveTurnBack();
       throw;
@@ -438,11 +449,25 @@ void CanBusDeviceBase::HandOver(const CanfdFrame& frame) {
 
 bool CanBusDeviceBase::StartReceiveThread(std::unique_ptr<std::thread>& thread) {
   try {
-    thread = std::make_unique<std::thread>([this] { RecvFrame(); });
+    thread = std::make_unique<std::thread>([this] { ReceiveUntilStopped(); });
     return true;
   } catch (const std::system_error& error) {
-    LogError(Compose("[ERROR]: Failed to start the receive thread: ", error.what()));
+    system_error_ = error.code().value();
+    open_failure_ = Compose("[ERROR]: Failed to start the receive thread: ", error.what());
+    LogError(open_failure_);
     return false;
+  }
+}
+
+/// Where there is no memory the frames that the thread had in hand are lost, and no more.
+void CanBusDeviceBase::ReceiveUntilStopped() {
+  for (bool whole = false; !whole && !stop_flag_;) {
+    try {
+      RecvFrame();
+      whole = true;
+    } catch (const std::bad_alloc&) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
   }
 }
 

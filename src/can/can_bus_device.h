@@ -160,7 +160,11 @@ class CanBusDeviceBase : public ObservableLink {
   static std::mutex s_data_details_log_mutex_;
 
  protected:
-  /// Starts `thread` on RecvFrame. False, after a line, if the system has no thread to give.
+  /// Marks the constructor of an adapter that opens nothing.
+  struct Closed {};
+
+  /// Starts `thread` on RecvFrame. False, after a line, if the system has no thread to give: the
+  /// device then isn't open.
   bool StartReceiveThread(std::unique_ptr<std::thread>& thread);
 
   /// Ends RecvFrame, joins and frees its thread. Every adapter's destructor begins with it, while
@@ -206,6 +210,7 @@ class CanBusDeviceBase : public ObservableLink {
   std::string DescribeMissingFrame(std::uint32_t request_id, std::uint32_t key, std::uint8_t index,
                                    std::uint8_t total, const std::vector<CanfdFrame>& result);
 
+  void ReceiveUntilStopped();
   bool StoreReply(const CanfdFrame& frame, const DispatchRules& rules);
 
   std::shared_ptr<SerializedRequestItem> MakeItem(const CanfdFrame& frame, int priority);

@@ -29,10 +29,19 @@ CanfdFrame ToCanfdFrame(const canfd_frame& raw, std::size_t bytes_read) {
   return frame;
 }
 
+/// Gives the receive thread's turn back, also when memory runs out in it.
+struct ReceiversTurn {
+  ReadingTurn& turn;
+  ~ReceiversTurn() { turn.GiveBack(); }
+};
+
 }  // namespace
 
+CanBusDeviceSocketCan::CanBusDeviceSocketCan(Closed, const std::string& interface_name)
+    : interface_name_(interface_name) {}
+
 CanBusDeviceSocketCan::CanBusDeviceSocketCan(const std::string& interface_name)
-    : interface_name_(interface_name) {
+    : CanBusDeviceSocketCan(Closed{}, interface_name) {
   turn_.Open();
   wake_receiver_ = [this] { turn_.Wake(); };
   if (CanBusDeviceSocketCan::OpenDevice() == -1) {
@@ -54,13 +63,21 @@ int CanBusDeviceSocketCan::OpenDevice() {
   if (open_) return 0;
   socket_fd_ = socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
   if (socket_fd_ < 0) {
+    system_error_ = errno;
     return OpenFailed("[ERROR]: Failed to create CAN socket");
   }
-  fcntl(socket_fd_, F_SETFL, fcntl(socket_fd_, F_GETFL, 0) | O_NONBLOCK);
+  // A thread that reads a socket which blocks couldn't be ended.
+  const int flags = fcntl(socket_fd_, F_GETFL, 0);
+  if (flags < 0 || fcntl(socket_fd_, F_SETFL, flags | O_NONBLOCK) < 0) {
+    system_error_ = errno;
+    AbandonSocket();
+    return OpenFailed("[ERROR]: Failed to create CAN socket");
+  }
   const int index = FindInterface();
   if (index < 0) {
-    OpenFailed("[ERROR]: Failed to get interface index for " + interface_name_);
-    return AbandonSocket();
+    system_error_ = errno;
+    AbandonSocket();
+    return OpenFailed("[ERROR]: Failed to get interface index for " + interface_name_);
   }
   const int enabled = 1;
   // A kernel without CAN FD still carries frames of up to 8 bytes. There is no filter: the match
@@ -82,7 +99,6 @@ int CanBusDeviceSocketCan::OpenDevice() {
 }
 
 int CanBusDeviceSocketCan::OpenFailed(const std::string& line) {
-  system_error_ = errno;
   open_failure_ = line;
   LogError(line);
   return -1;
@@ -126,9 +142,9 @@ void CanBusDeviceSocketCan::RecvFrame() {
   while (!stop_flag_) {
     if (by_events_) turn_.Sleep();
     if (!turn_.Take()) continue;
+    const ReceiversTurn turn{turn_};
     if (const auto frame = std::exchange(handed_over_, std::nullopt)) HandOver(*frame);
     if (const auto frame = ReadFrame()) Dispatch(*frame, kSocketCanDispatch);
-    turn_.GiveBack();
   }
 }
 

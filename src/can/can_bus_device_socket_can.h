@@ -31,6 +31,10 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   int socket_fd_ = -1;
 
  private:
+  /// The other one delegates to it, so that the destructor clears up what it throws in the middle
+  /// of.
+  CanBusDeviceSocketCan(Closed, const std::string& interface_name);
+
   int FindInterface() const;
   /// Logs why the socket can't be had, and keeps it for those who ask later. Returns -1.
   int OpenFailed(const std::string& line);

@@ -106,14 +106,18 @@ std::map<std::uint8_t, int>& DeviceRefCounts() {
 std::map<std::uint8_t, int>& HcanDevice::device_ref_count_ = DeviceRefCounts();
 Mutex HcanDevice::device_mutex_;
 
+HcanDevice::HcanDevice(Closed, std::uint8_t adapter_index, std::uint8_t channel,
+                       std::uint8_t product_type)
+    : UsbCanAdapter(adapter_index, channel, product_type, /*send_timeout_ms=*/0) {}
+
 HcanDevice::HcanDevice(std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type)
-    : UsbCanAdapter(adapter_index, channel, product_type, /*send_timeout_ms=*/0) {
+    : HcanDevice(Closed{}, adapter_index, channel, product_type) {
   OpenAndReceive();
 }
 
 HcanDevice::HcanDevice(const std::string& serial_number, std::uint8_t channel,
                        std::uint8_t product_type)
-    : UsbCanAdapter(0, channel, product_type, /*send_timeout_ms=*/0) {
+    : HcanDevice(Closed{}, 0, channel, product_type) {
   const auto device = FindHcanDeviceBySerialNumber(serial_number);
   if (!device) {
     running_ = false;
@@ -143,7 +147,11 @@ void HcanDevice::OpenAndReceive() {
   if (product_type_ == kBroadcastProduct) return;
   if (HcanDevice::OpenDevice() == -1) return;
   TakeSeat("hcan");
-  if (!StartReceiveThread(recv_thread_)) return;
+  if (!StartReceiveThread(recv_thread_)) {
+    LeaveSeat();
+    HcanDevice::CloseDevice();
+    return;
+  }
   LogInfo(Compose("[HCAN] Receive thread started for device ", adapter_index_, " channel ",
                   channel_id_));
 }
@@ -158,8 +166,10 @@ bool HcanDevice::IsInUse(int index) {
 std::optional<HcanDeviceInfo> HcanDevice::LookAt(int index) {
   const bool in_use = IsInUse(index);
   if (!in_use && CanBus().open_device(index, 0) < 0) return std::nullopt;
+  const CloseUnlessKept closing([&] {
+    if (!in_use) CanBus().close_device(index, 0);
+  });
   auto info = ReadDeviceInfo(index);
-  if (!in_use) CanBus().close_device(index, 0);
   if (in_use && !info) info = RememberedDevice(index);
   if (!info) return std::nullopt;
   KnownDevices()[index] = *info;
@@ -196,39 +206,41 @@ int HcanDevice::OpenDevice() {
                     " already opened, ref_count=", count));
     return 0;
   }
-  if (!OpenChannel()) return -1;
-  if (!CheckClock() || !InitialiseChannel()) {
-    CanBus().close_device(adapter_index_, channel_id_);
-    return -1;
-  }
+  int& channels_in_use = DeviceRefCounts()[adapter_index_];
+  const int result = OpenChannel();
+  if (result < 0) return -1;
+  CloseUnlessKept closing([this] { CanBus().close_device(adapter_index_, channel_id_); });
+  LogInfo(Compose("[HCAN] Device ", adapter_index_, ", channel ", channel_id_,
+                  " opened successfully, ret=", result));
+  if (!CheckClock() || !InitialiseChannel()) return -1;
+  closing.Keep();
   ++times_opened_;
-  DeviceRefCounts()[adapter_index_] = 1;
+  channels_in_use = 1;
   LogInfo(Compose("[HCAN] Device ", adapter_index_, " channel ", channel_id_,
                   " opened successfully (CANFD mode)"));
   return 0;
 }
 
-bool HcanDevice::OpenChannel() {
+/// What the library returned, negative after a line if the channel isn't open.
+int HcanDevice::OpenChannel() {
   const int count = CanBus().scan_device();
   LogInfo(Compose("[HCAN] Scanned ", count, " device(s)"));
   if (count <= 0) {
     LogOpenFailure(CanBus().file, "[HCAN ERROR] No device found!");
-    return false;
+    return -1;
   }
   if (adapter_index_ >= count) {
     LogOpenFailure(CanBus().file, Compose("[HCAN ERROR] Device ID ", adapter_index_,
                                           " exceeds device count ", count));
-    return false;
+    return -1;
   }
   const int result = CanBus().open_device(adapter_index_, channel_id_);
   if (result < 0) {
     LogOpenFailure(CanBus().file, Compose("[HCAN ERROR] Failed to open device ", adapter_index_,
                                           ", channel ", channel_id_, ", ret=", result));
-    return false;
+    return -1;
   }
-  LogInfo(Compose("[HCAN] Device ", adapter_index_, ", channel ", channel_id_,
-                  " opened successfully, ret=", result));
-  return true;
+  return result;
 }
 
 bool HcanDevice::CheckClock() {
@@ -263,10 +275,12 @@ int HcanDevice::CloseDevice() {
   int& count = DeviceRefCounts()[adapter_index_];
   if (count < 1) return 0;
   --count;
-  LogInfo(Compose("[HCAN] Device ", adapter_index_, " ch ", channel_id_, " ref_count=", count));
+  LogIfMemoryLasts([&] {
+    LogInfo(Compose("[HCAN] Device ", adapter_index_, " ch ", channel_id_, " ref_count=", count));
+  });
   if (count > 0) return 0;
   CanBus().close_device(adapter_index_, channel_id_);
-  LogInfo(Compose("[HCAN] Device ", adapter_index_, " closed"));
+  LogIfMemoryLasts([&] { LogInfo(Compose("[HCAN] Device ", adapter_index_, " closed")); });
   return 0;
 }
 

@@ -60,10 +60,13 @@ class HcanDevice : public UsbCanAdapter {
   static std::map<std::uint8_t, int>& device_ref_count_ KORVANE_GUARDED_BY(device_mutex_);
 
  private:
+  /// The others delegate to it, so that the destructor clears up what they throw in the middle of.
+  HcanDevice(Closed, std::uint8_t adapter_index, std::uint8_t channel, std::uint8_t product_type);
+
   void OpenAndReceive();
   static std::optional<HcanDeviceInfo> LookAt(int index) KORVANE_REQUIRES(device_mutex_);
   static bool IsInUse(int index) KORVANE_REQUIRES(device_mutex_);
-  bool OpenChannel() KORVANE_REQUIRES(device_mutex_);
+  int OpenChannel() KORVANE_REQUIRES(device_mutex_);
   bool CheckClock() KORVANE_REQUIRES(device_mutex_);
   bool InitialiseChannel() KORVANE_REQUIRES(device_mutex_);
   bool TransmitRecord(std::uint8_t* record) const;

@@ -29,7 +29,7 @@ void ReadingTurn::Open() {
   wake_.Open();
   watch_ = epoll_create1(EPOLL_CLOEXEC);
   epoll_event event = Event(wake_.Descriptor(), EPOLLIN);
-  epoll_ctl(watch_, EPOLL_CTL_ADD, wake_.Descriptor(), &event);
+  wakes_ = epoll_ctl(watch_, EPOLL_CTL_ADD, wake_.Descriptor(), &event) == 0;
 }
 
 void ReadingTurn::Watch(int descriptor) {
@@ -45,8 +45,8 @@ void ReadingTurn::Unwatch() {
 
 void ReadingTurn::Sleep() const {
   if (watched_ == kNoWatch) return;
-  // Looks around from time to time only where the system gave no wake event.
-  const int most_ms = wake_.Descriptor() < 0 ? 50 : -1;
+  // Looks around from time to time only where the system gave no wake event, or no watch of it.
+  const int most_ms = wakes_ ? -1 : 50;
   epoll_event events[2];
   const int count = epoll_wait(watch_, events, std::size(events), most_ms);
   for (int i = 0; i < count; ++i) {

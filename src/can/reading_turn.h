@@ -50,6 +50,8 @@ class ReadingTurn {
   static constexpr int kNoWatch = -2;
   std::atomic<int> watched_{kNothing};
   int watch_ = -1;
+  /// Wake ends a Sleep.
+  bool wakes_ = false;
   WakeEvent wake_;
 };
 

@@ -13,6 +13,23 @@
 
 namespace talvera::korvane {
 
+/// Closes what was opened unless it is kept, also when memory runs out in between.
+template <class Close>
+class CloseUnlessKept {
+ public:
+  explicit CloseUnlessKept(Close close) : close_(close) {}
+  CloseUnlessKept(const CloseUnlessKept&) = delete;
+  CloseUnlessKept& operator=(const CloseUnlessKept&) = delete;
+  ~CloseUnlessKept() {
+    if (!kept_) close_();
+  }
+  void Keep() { kept_ = true; }
+
+ private:
+  Close close_;
+  bool kept_ = false;
+};
+
 /// One channel of a USB-to-CAN adapter. All objects of the process that use a channel of a device
 /// share the device by count: who closes last closes it.
 class UsbCanAdapter : public CanBusDeviceBase {
@@ -56,6 +73,8 @@ class UsbCanAdapter : public CanBusDeviceBase {
   /// Has this object hear what any object of the process reads on its channel. `library` names the
   /// adapter's library. Before the receive thread starts, so that no reply is missed.
   void TakeSeat(const char* library);
+  /// For an object that hears nothing after all.
+  void LeaveSeat() { seat_.reset(); }
 
   /// Dispatches what comes in, until the object is destroyed.
   void ReceiveFrames(const Reception& reception, const DispatchRules& rules);

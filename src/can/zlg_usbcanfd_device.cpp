@@ -100,7 +100,7 @@ int ChannelsInUse(std::uint8_t index) {
 }
 
 void LogCount(std::uint8_t index, int count) {
-  LogInfo(Compose("[INFO]: Device ", index, " ref count: ", count));
+  LogIfMemoryLasts([&] { LogInfo(Compose("[INFO]: Device ", index, " ref count: ", count)); });
 }
 
 void CountUp(std::uint8_t index) {
@@ -135,9 +135,13 @@ CanfdDeviceTable& CanfdDevices() {
   return *table;
 }
 
+ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(Closed, std::uint8_t adapter_index, std::uint8_t channel,
+                                     std::uint8_t product_type)
+    : UsbCanAdapter(adapter_index, channel, product_type, kInitialSendTimeoutMs) {}
+
 ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t channel,
                                      std::uint8_t product_type)
-    : UsbCanAdapter(adapter_index, channel, product_type, kInitialSendTimeoutMs) {
+    : ZlgUsbcanfdDevice(Closed{}, adapter_index, channel, product_type) {
   // One lock over both steps: the probe leaves the device open, and a scan that came then could not
   // open it, would take it for unplugged and forget it.
   const MutexLock lock(device_mutex_);
@@ -147,7 +151,7 @@ ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(std::uint8_t adapter_index, std::uint8_t ch
 
 ZlgUsbcanfdDevice::ZlgUsbcanfdDevice(const std::string& serial_number, std::uint8_t channel,
                                      std::uint8_t product_type)
-    : UsbCanAdapter(0, channel, product_type, kInitialSendTimeoutMs) {
+    : ZlgUsbcanfdDevice(Closed{}, 0, channel, product_type) {
   const MutexLock lock(device_mutex_);
   auto device = FindInCache(serial_number);
   if (!device) {
@@ -174,7 +178,9 @@ ZlgUsbcanfdDevice::~ZlgUsbcanfdDevice() {
 void ZlgUsbcanfdDevice::OpenAndReceive() {
   if (Open() == -1) return;
   TakeSeat("zlg");
-  StartReceiveThread(recv_thread_);
+  if (StartReceiveThread(recv_thread_)) return;
+  LeaveSeat();
+  Close();
 }
 
 bool ZlgUsbcanfdDevice::TakeFromCache() {
@@ -189,17 +195,16 @@ bool ZlgUsbcanfdDevice::TakeFromCache() {
 /// Looks at an adapter that the process hasn't met. One that answers stays open.
 void ZlgUsbcanfdDevice::Probe() {
   if (UsbCanFd().open_device(kDeviceType, adapter_index_, 0) == 0) return;
+  CloseUnlessKept closing([this] { UsbCanFd().close_device(kDeviceType, adapter_index_); });
   auto info = ReadBoardInfo(adapter_index_);
-  if (!info) {
-    UsbCanFd().close_device(kDeviceType, adapter_index_);
-    return;
-  }
+  if (!info) return;
   info->opened = true;
   device_type_ = kDeviceType;
   CanfdDeviceTable& table = CanfdDevices();
   const MutexLock lock(table.scan_cache_mutex_);
   table.canfd_device_info_cache[adapter_index_] = *info;
   table.cache_valid_ = true;
+  closing.Keep();
 }
 
 std::optional<CanfdDeviceInfo> ZlgUsbcanfdDevice::FindInCache(const std::string& serial_number) {
@@ -226,8 +231,8 @@ void ZlgUsbcanfdDevice::Scan() {
   for (std::uint8_t index = 0; index < kMaxDevices; ++index) {
     if (found.count(index) != 0) continue;
     if (UsbCanFd().open_device(kDeviceType, index, 0) == 0) continue;
+    const CloseUnlessKept closing([index] { UsbCanFd().close_device(kDeviceType, index); });
     if (const auto info = ReadBoardInfo(index)) found[index] = *info;
-    UsbCanFd().close_device(kDeviceType, index);
   }
   const MutexLock lock(table.scan_cache_mutex_);
   table.canfd_device_info_cache = std::move(found);
@@ -281,6 +286,7 @@ bool ZlgUsbcanfdDevice::OpenPhysicalDevice() {
                    Compose("[ERROR]: Open device ", adapter_index_, " usbcanfd failed!"));
     return false;
   }
+  CloseUnlessKept closing([this] { UsbCanFd().close_device(device_type_, adapter_index_); });
   LogInfo(Compose("[INFO]: Open device ", adapter_index_, " usbcanfd successfully."));
   CanfdDeviceTable& table = CanfdDevices();
   const MutexLock lock(table.scan_cache_mutex_);
@@ -291,6 +297,7 @@ bool ZlgUsbcanfdDevice::OpenPhysicalDevice() {
     table.cache_valid_ = true;
   }
   entry->second.opened = true;
+  closing.Keep();
   return true;
 }
 
@@ -326,6 +333,10 @@ bool ZlgUsbcanfdDevice::StartChannel() {
 
 int ZlgUsbcanfdDevice::CloseDevice() {
   const MutexLock lock(device_mutex_);
+  return Close();
+}
+
+int ZlgUsbcanfdDevice::Close() {
   // An object that isn't counted has nothing to close while others use the device. One that tried
   // to open it and failed may have left it open.
   const bool mine = HoldsChannel() || (attempted_ && ChannelsInUse(adapter_index_) < 1);
@@ -339,19 +350,21 @@ int ZlgUsbcanfdDevice::CloseDevice() {
 
 bool ZlgUsbcanfdDevice::ResetChannel() {
   if (UsbCanFd().reset_can(device_type_, adapter_index_, channel_id_) == 0) {
-    LogError(Compose("[ERROR]: Reset canfd ", Place(), " failed!"));
+    LogIfMemoryLasts([&] { LogError(Compose("[ERROR]: Reset canfd ", Place(), " failed!")); });
     return false;
   }
-  LogInfo(Compose("[INFO]: Reset canfd ", Place(), " successfully."));
+  LogIfMemoryLasts([&] { LogInfo(Compose("[INFO]: Reset canfd ", Place(), " successfully.")); });
   return true;
 }
 
 bool ZlgUsbcanfdDevice::ClosePhysicalDevice() {
   if (UsbCanFd().close_device(device_type_, adapter_index_) == 0) {
-    LogError(Compose("[ERROR]: Close canfd device ", adapter_index_, " failed!"));
+    LogIfMemoryLasts(
+        [&] { LogError(Compose("[ERROR]: Close canfd device ", adapter_index_, " failed!")); });
     return false;
   }
-  LogInfo(Compose("[INFO]: Close canfd device ", adapter_index_, " successfully."));
+  LogIfMemoryLasts(
+      [&] { LogInfo(Compose("[INFO]: Close canfd device ", adapter_index_, " successfully.")); });
   return true;
 }
 

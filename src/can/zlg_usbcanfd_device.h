@@ -66,12 +66,17 @@ class ZlgUsbcanfdDevice : public UsbCanAdapter {
   std::uint32_t device_type_ = 0;
 
  private:
+  /// The others delegate to it, so that the destructor clears up what they throw in the middle of.
+  ZlgUsbcanfdDevice(Closed, std::uint8_t adapter_index, std::uint8_t channel,
+                    std::uint8_t product_type);
+
   void OpenAndReceive() KORVANE_REQUIRES(device_mutex_);
   bool TakeFromCache() KORVANE_REQUIRES(device_mutex_);
   void Probe() KORVANE_REQUIRES(device_mutex_);
   static std::optional<CanfdDeviceInfo> FindInCache(const std::string& serial_number)
       KORVANE_REQUIRES(device_mutex_);
   int Open() KORVANE_REQUIRES(device_mutex_);
+  int Close() KORVANE_REQUIRES(device_mutex_);
   bool OpenPhysicalDevice() KORVANE_REQUIRES(device_mutex_);
   void AbandonDevice() const KORVANE_REQUIRES(device_mutex_);
   bool InitialiseChannel() KORVANE_REQUIRES(device_mutex_);

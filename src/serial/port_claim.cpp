@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -32,13 +33,14 @@ void Check(int result) {
   if (result < 0) Refuse(errno);
 }
 
-/// The library opens the port a second time, and gets the next descriptor that is free.
-void CheckRoomForDescriptor(int descriptor) {
+/// The library opens the port a second time, and gets the next descriptor that is free. Returns it.
+int CheckRoomForDescriptor(int descriptor) {
   const int next = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
   Check(next);
   close(next);
   if (next >= FD_SETSIZE)
     Refuse("too many open files: a serial port needs a descriptor below 1024");
+  return next;
 }
 
 /// Sets an unusual speed just as the library is going to.
@@ -74,12 +76,21 @@ PortClaim::PortClaim(const std::string& port, unsigned baud)
   try {
     CheckTerminal(descriptor_);
     Lock(descriptor_);
-    CheckRoomForDescriptor(descriptor_);
+    next_ = CheckRoomForDescriptor(descriptor_);
     CheckSpeed(descriptor_, baud);
   } catch (...) {
     close(descriptor_);
     throw;
   }
+}
+
+/// Another file of the process may have got that number; it is left alone unless it is this port,
+/// which nobody else is to have.
+void PortClaim::CloseLost() const {
+  struct stat claimed {};
+  struct stat lost {};
+  if (fstat(descriptor_, &claimed) != 0 || fstat(next_, &lost) != 0) return;
+  if (claimed.st_dev == lost.st_dev && claimed.st_ino == lost.st_ino) close(next_);
 }
 
 /// A child of this process that hasn't started its program yet may share the descriptor: so the

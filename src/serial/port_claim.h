@@ -17,18 +17,26 @@ class PortClaim {
   PortClaim() = default;
   /// Throws serial::IOException if the port can't be claimed.
   PortClaim(const std::string& port, unsigned baud);
-  PortClaim(PortClaim&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+  PortClaim(PortClaim&& other) noexcept
+      : descriptor_(std::exchange(other.descriptor_, -1)), next_(other.next_) {}
   PortClaim& operator=(PortClaim&& other) noexcept {
     std::swap(descriptor_, other.descriptor_);
+    std::swap(next_, other.next_);
     return *this;
   }
   ~PortClaim();
+
+  /// Closes the descriptor that the serial library lost, if it opened the port under this claim and
+  /// then couldn't set it up.
+  void CloseLost() const;
 
   /// For poll, which tells through it whether the port has bytes; negative without a port.
   int Descriptor() const { return descriptor_; }
 
  private:
   int descriptor_ = -1;
+  /// The one that the serial library gets when it opens the port.
+  int next_ = -1;
 };
 
 }  // namespace talvera::korvane

@@ -3,8 +3,10 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -75,7 +77,16 @@ bool UsbSerialDevice::Reconnect() {
 void UsbSerialDevice::OpenPort() {
   const std::lock_guard lock(write_mutex_);
   PortClaim claim(getPort(), getBaudrate());
-  open();
+  errno = 0;
+  try {
+    open();
+  } catch (serial::IOException& error) {
+    const int system_error = errno;
+    claim.CloseLost();
+    // The library keeps some reasons to itself.
+    if (error.getErrorNumber() != 0 || system_error == 0) throw;
+    throw serial::IOException(__FILE__, __LINE__, system_error);
+  }
   claim_ = std::move(claim);
 }
 
@@ -121,9 +132,12 @@ std::size_t UsbSerialDevice::WriteOut(const std::uint8_t* data, std::size_t size
     for (int left = kWriteAttempts; written == 0 && left > 0; --left) written = write(data, size);
     return is_frame && written == size;
   };
+  write_error_ = 0;
+  errno = 0;
   try {
     tap_.SendAndShow(send, is_frame ? LoadU16(data + kUsbFrameDeviceId) : 0U, data, size);
   } catch (...) {
+    write_error_ = errno;
     ++counters_.send_failures;
     throw;
   }
@@ -198,7 +212,7 @@ void UsbSerialDevice::SetFrameRecvTimeout(int ms) {
 void UsbSerialDevice::RecvThread() {
   try {
     KeepNewest(0);
-    while (running_) ReceivePass();
+    while (running_) ReceiveOn();
   } catch (const std::exception& error) {
     LogDeath(error.what());
   } catch (...) {
@@ -211,6 +225,15 @@ void UsbSerialDevice::LogDeath(const char* what) {
                    "][recv_buffer_pos_:", recv_buffer_pos_, ']'));
   counters_.link_lost = true;
   running_ = false;
+}
+
+/// A frame that there was no memory for is found again with the next block.
+void UsbSerialDevice::ReceiveOn() {
+  try {
+    ReceivePass();
+  } catch (const std::bad_alloc&) {
+    std::this_thread::sleep_for(kPause);
+  }
 }
 
 void UsbSerialDevice::ReceivePass() {

@@ -132,6 +132,8 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
       std::chrono::system_clock::now()};
   std::atomic<int> min_request_interval_ms_{0};
   std::atomic<int> frame_recv_timeout_ms_{50};
+  /// errno of the last write that threw; the library keeps it to itself.
+  std::atomic<int> write_error_{0};
   /// Asks the receive thread to forget what it has of an incomplete frame.
   std::atomic<bool> clear_recv_buffer_{false};
   /// The clock of the wait in Reconnect, and that of the pauses around each write.
@@ -146,6 +148,7 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   void StartReceiving();
   std::size_t WriteOut(const std::uint8_t* data, std::size_t size);
   void AwaitReplies();
+  void ReceiveOn();
   void ReceivePass();
   std::size_t ReadBlock(Block& block);
   std::size_t ReadArrived(Block& block);

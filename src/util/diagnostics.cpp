@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <vector>
 
 #include "korvane.h"
@@ -33,13 +34,15 @@ struct OperationRecord {
   /// Only the first failure of an operation counts.
   void Fail(FailureKind kind, const std::string& text, int system_error, bool thrown, bool logged) {
     const bool first = last.kind == FailureKind::NONE;
-    if (first) last = {kind, operation, text, system_error};
+    if (first) Keep(last, kind, system_error, operation, text);
     awaits_line = first && !logged;
     if (watch != nullptr) watch->thrown_ = watch->thrown_ || thrown;
   }
 
   void Amend(const std::string& line) {
-    if (awaits_line && last.kind != FailureKind::NONE) last.text = line;
+    if (awaits_line && last.kind != FailureKind::NONE) {
+      Keep(last, last.kind, last.system_error, last.operation, line);
+    }
     awaits_line = false;
   }
 
@@ -49,7 +52,8 @@ struct OperationRecord {
     if (--depth > 0) return;
     if (last.kind == FailureKind::BAD_REPLY) CountBadReply();
     const bool first = watch != nullptr && watch->first_.kind == FailureKind::NONE;
-    if (first && last.kind != FailureKind::NONE) watch->first_ = last;
+    if (!first || last.kind == FailureKind::NONE) return;
+    Keep(watch->first_, last.kind, last.system_error, last.operation, last.text);
   }
 
   void AddWatch(FailureWatch& added) {
@@ -60,6 +64,21 @@ struct OperationRecord {
   void RemoveWatch(const FailureWatch& removed) { watch = removed.outer_; }
 
  private:
+  /// Where there is no memory for its texts a failure is told without them.
+  template <class Name>
+  static void Keep(Failure& where, FailureKind kind, int system_error, const Name& name,
+                   const std::string& text) noexcept {
+    where.kind = kind;
+    where.system_error = system_error;
+    try {
+      where.operation = name;
+      where.text = text;
+    } catch (const std::bad_alloc&) {
+      where.operation.clear();
+      where.text.clear();
+    }
+  }
+
   void CountBadReply() const {
     if (const auto count = hand.lock()) ++*count;
   }

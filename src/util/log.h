@@ -1,5 +1,6 @@
 #pragma once
 
+#include <new>
 #include <string>
 
 #include "korvane_log.h"
@@ -24,5 +25,16 @@ void LogDetail(const std::string& line);
 
 /// Writes such a text as it stands, without a line end, to the standard output stream.
 void LogDetailText(const std::string& text);
+
+/// Runs what composes and writes a line, for destructors and what they call: where there is no
+/// memory for the line it isn't written.
+template <class Log>
+void LogIfMemoryLasts(const Log& log) noexcept {
+  try {
+    log();
+  } catch (const std::bad_alloc&) {
+    // What is being closed matters more.
+  }
+}
 
 }  // namespace talvera::korvane

@@ -1,6 +1,7 @@
 #include "protocol/serial/serial_link.h"
 
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "hand/hand_members.h"
@@ -20,9 +21,12 @@ UsbFrameBuilder FrameOf(std::uint16_t device_id, ServiceCommand command,
   return frame;
 }
 
-/// errno of an exception of the serial library, 0 if it has none. Asking changes nothing, but the
+/// errno of an exception of the serial library or of a thread that wasn't to be had, 0 if it has
+/// none. Asking changes nothing, but the
 /// library doesn't say so.
 int SystemErrorOf(const std::exception& error) {
+  const auto* const no_thread = dynamic_cast<const std::system_error*>(&error);
+  if (no_thread != nullptr) return no_thread->code().value();
   const auto* const failed = dynamic_cast<const serial::IOException*>(&error);
   return failed != nullptr ? const_cast<serial::IOException*>(failed)->getErrorNumber() : 0;
 }
@@ -107,7 +111,9 @@ std::optional<LinkError> SerialLink::Explain(const std::exception& error) const 
   if (const auto* const own = dynamic_cast<const LinkError*>(&error)) return *own;
   if (IsOneOf<serial::PortNotOpenedException>(error)) return NoPort(error.what());
   if (!IsOneOf<serial::IOException, serial::SerialException>(error)) return std::nullopt;
-  return LinkError(FailureKind::SEND_FAILED, error.what(), SystemErrorOf(error));
+  const int told = SystemErrorOf(error);
+  return LinkError(FailureKind::SEND_FAILED, error.what(),
+                   told == 0 && device ? device->write_error_.load() : told);
 }
 
 void SerialLink::RecordThrown(const std::exception& error) const {

@@ -1,0 +1,514 @@
+// Asks a hand that answers late, twice, out of order, for another hand, or not at all, and sorts
+// what comes back; or takes its link away and brings it back. Run by scripts/campaign.
+//
+//     fault_campaign requests LINK N
+//     fault_campaign cycles LINK N
+//
+// LINK is socketcan, zlg, hcan or serial. Each reply says which request it answers, so that a value
+// that belongs to another one shows. The exit status is 1 if something came out that no document
+// tells of.
+
+#include <fcntl.h>
+#include <linux/can.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "korvane_brisa.h"
+#include "korvane_diagnostics.h"
+#include "korvane_link.h"
+#include "korvane_log.h"
+#include "korvane_sim/in_process_adapters.h"
+#include "serial/usb_frame.h"
+#include "support/call_faults.h"
+#include "support/process_resources.h"
+#include "util/bytes.h"
+
+namespace talvera::korvane {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr std::uint8_t kId = 1;
+constexpr std::uint8_t kForeignId = 9;
+constexpr int kTimeoutMs = 10;
+constexpr unsigned kMotors = 10;
+constexpr unsigned kNumbers = 512;
+
+// --- What is asked, and how an answer says what it answers -----------------------------------
+
+/// The last two bits differ among the kinds of one link.
+enum Kind : unsigned {
+  kPosition,
+  kVelocity,
+  kThreshold,
+  kAllPositions,
+  kNoKind,
+  kAllCurrents,
+};
+
+/// The value that motor `index` has in the answer to a request: 9 bits for the number of the
+/// request, 4 for the motor and 2 for the kind.
+struct Stamp {
+  unsigned number;
+  unsigned index;
+  unsigned kind;
+
+  std::uint16_t Value() const {
+    return static_cast<std::uint16_t>(number % kNumbers << 6 | index << 2 | (kind & 3));
+  }
+  static Stamp Of(short value) {
+    const auto bits = static_cast<unsigned>(value);
+    return {bits >> 6 & (kNumbers - 1), bits >> 2 & 15, bits & 3};
+  }
+};
+
+/// A request as the far end sees it.
+struct Question {
+  Bytes frame;  ///< CAN: id and payload. Serial: whole frame.
+  unsigned kind;
+  unsigned index;  ///< 0 for all motors.
+};
+
+// --- The far end ----------------------------------------------------------------------------
+
+/// How a far end hears and speaks. `Hear` returns after a while without a request.
+class Line {
+ public:
+  virtual ~Line() = default;
+  virtual std::optional<Question> Hear() = 0;
+  virtual void Say(const Bytes& frame) = 0;
+  virtual Bytes Reply(const Question& question, unsigned number, std::uint8_t id) = 0;
+  /// Whether a reply behind another hand's frame may be taken twice.
+  virtual bool RepeatsBehindForeign() const { return false; }
+};
+
+/// On CAN a frame is its identifier, four bytes, and its payload.
+class CanLine : public Line {
+ protected:
+  static std::optional<Question> Read(std::uint32_t id) {
+    static const std::map<unsigned, unsigned> kinds{
+        {0x13, kPosition}, {0x12, kVelocity}, {0x03, kThreshold}};
+    if ((id & 0x7F) != kId) return std::nullopt;
+    const unsigned index = id >> 24 & 0x1F;
+    const auto known = kinds.find(id >> 16 & 0xFF);
+    const unsigned kind = known == kinds.end() ? static_cast<unsigned>(kNoKind) : known->second;
+    Bytes frame(4);
+    StoreU32(frame.data(), id);
+    return Question{frame, kind == kPosition && index == 0 ? kAllPositions : kind, index};
+  }
+  Bytes Reply(const Question& question, unsigned number, std::uint8_t id) override {
+    const unsigned first = question.index == 0 ? 1 : question.index;
+    const unsigned last = question.index == 0 ? kMotors : question.index;
+    Bytes frame(4 + 2 * (last - first + 1));
+    StoreU32(frame.data(), (LoadU32(question.frame.data()) & ~0x7FU) | id);
+    for (unsigned i = first; i <= last; ++i) {
+      StoreU16(&frame[4 + 2 * (i - first)], Stamp{number, i, question.kind}.Value());
+    }
+    return frame;
+  }
+};
+
+class SocketLine : public CanLine {
+ public:
+  SocketLine() {
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends_) != 0) {
+      throw std::runtime_error("socketpair");
+    }
+    test::LeadCanSocketsTo(ends_[0]);
+  }
+  ~SocketLine() override {
+    test::LeadCanSocketsTo(-1);
+    close(ends_[0]);
+    close(ends_[1]);
+  }
+  std::optional<Question> Hear() override {
+    pollfd watched{ends_[1], POLLIN, 0};
+    canfd_frame raw{};
+    if (poll(&watched, 1, 20) < 1 || read(ends_[1], &raw, sizeof raw) <= 0) return std::nullopt;
+    return Read(raw.can_id & CAN_EFF_MASK);
+  }
+  void Say(const Bytes& frame) override {
+    canfd_frame raw{};
+    raw.can_id = LoadU32(frame.data()) | CAN_EFF_FLAG;
+    raw.len = static_cast<std::uint8_t>(frame.size() - 4);
+    std::copy(frame.begin() + 4, frame.end(), raw.data);
+    static_cast<void>(!write(ends_[1], &raw, sizeof raw));
+  }
+
+ private:
+  int ends_[2] = {-1, -1};
+};
+
+class AdapterLine : public CanLine {
+ public:
+  std::optional<Question> Hear() override {
+    const auto frame = port_->Receive(Milliseconds(20));
+    return frame ? Read(frame->id) : std::nullopt;
+  }
+  void Say(const Bytes& bytes) override {
+    sim::Frame frame{LoadU32(bytes.data()), static_cast<std::uint8_t>(bytes.size() - 4), {}};
+    std::copy(bytes.begin() + 4, bytes.end(), frame.data.begin());
+    port_->Send(frame);
+  }
+
+ private:
+  sim::InProcessAdapters adapters_;
+  std::unique_ptr<sim::VirtualBus::Port> port_ = adapters_.Bus(0, 0).Open();
+};
+
+class SerialLine : public Line {
+ public:
+  SerialLine() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0) {
+      throw std::runtime_error("pseudo-terminal");
+    }
+    std::array<char, 64> name{};
+    ptsname_r(master_, name.data(), name.size());
+    path = name.data();
+    slave_ = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios settings{};
+    tcgetattr(slave_, &settings);
+    cfmakeraw(&settings);
+    tcsetattr(slave_, TCSANOW, &settings);
+  }
+  ~SerialLine() override {
+    close(slave_);
+    close(master_);
+  }
+
+  std::optional<Question> Hear() override {
+    const std::size_t size = bytes_.size() < 5 ? 0 : bytes_[kUsbFrameLength] + kUsbFrameOverhead;
+    if (size == 0 || bytes_.size() < size) {
+      pollfd watched{master_, POLLIN, 0};
+      std::array<std::uint8_t, 256> some{};
+      if (poll(&watched, 1, 20) < 1) return std::nullopt;
+      const ssize_t got = read(master_, some.data(), some.size());
+      if (got > 0) bytes_.insert(bytes_.end(), some.begin(), some.begin() + got);
+      return std::nullopt;
+    }
+    Question question{Bytes(bytes_.begin(), bytes_.begin() + static_cast<long>(size)), kNoKind, 0};
+    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<long>(size));
+    const std::uint8_t command = question.frame[kUsbFrameCommand];
+    if (command == 0x07) question.kind = kPosition, question.index = question.frame[kUsbFrameData];
+    if (command == 0x09) question.kind = kAllPositions;
+    if (command == 0x0A) question.kind = kAllCurrents;
+    return question;
+  }
+  void Say(const Bytes& frame) override {
+    static_cast<void>(!write(master_, frame.data(), frame.size()));
+  }
+  Bytes Reply(const Question& question, unsigned number, std::uint8_t id) override {
+    UsbFrameBuilder frame(id, question.frame[kUsbFrameCommand]);
+    const unsigned index = question.index;
+    if (index > 0) frame.AddUint8(static_cast<std::uint8_t>(index));
+    for (unsigned i = index == 0 ? 1 : index; i <= (index == 0 ? kMotors : index); ++i) {
+      frame.AddUint16(Stamp{number, i, question.kind}.Value());
+    }
+    const std::size_t size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
+    return {frame.Data(), frame.Data() + size};
+  }
+
+  bool RepeatsBehindForeign() const override { return true; }
+
+  std::string path;
+
+ private:
+  int master_;
+  int slave_ = -1;
+  Bytes bytes_;
+};
+
+/// What may be wrong with an answer, by request; written by both sides.
+struct Trouble {
+  /// The reply was sent more than once, or may come when its request is over.
+  std::array<std::atomic<bool>, kNumbers> stray{};
+  /// The request that is under way.
+  std::atomic<unsigned> number{0};
+  /// Whether the present request's reply was held back, in whole or for a while.
+  std::atomic<bool> withheld{false};
+};
+
+/// Answers on a thread of its own, with faults or without.
+class FarEnd {
+ public:
+  FarEnd(Line& line, Trouble& trouble, bool faults)
+      : line_(line), trouble_(trouble), faults_(faults), thread_([this] { Run(); }) {}
+  FarEnd(const FarEnd&) = delete;
+  FarEnd& operator=(const FarEnd&) = delete;
+  ~FarEnd() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  void Run() {
+    while (!stop_) {
+      if (const auto question = line_.Hear()) Answer(*question);
+    }
+  }
+
+  void Answer(const Question& question) {
+    // One frame for each request, however late this thread gets to it.
+    const unsigned number = ++heard_;
+    const Bytes reply = line_.Reply(question, number, kId);
+    const double luck = faults_ ? std::uniform_real_distribution<>(0, 1)(random_) : 1;
+    const auto before = std::exchange(late_before_, {});
+    const auto behind = std::exchange(late_behind_, {});
+    if (!before.empty()) line_.Say(before);
+    if (luck < 0.005) {
+      Withhold(number);  // never comes
+    } else if (luck < 0.010) {
+      Withhold(number);
+      late_before_ = reply;
+    } else if (luck < 0.015) {
+      Withhold(number);
+      late_behind_ = reply;
+    } else if (luck < 0.016) {
+      Withhold(number);
+      std::this_thread::sleep_for(Milliseconds(kTimeoutMs));
+      line_.Say(reply);
+    } else if (luck < 0.026) {
+      trouble_.stray[number % kNumbers] = true;
+      line_.Say(reply);
+      line_.Say(reply);
+    } else {
+      if (luck < 0.036) {
+        if (line_.RepeatsBehindForeign()) trouble_.stray[number % kNumbers] = true;
+        line_.Say(line_.Reply(question, number + 77, kForeignId));
+      }
+      line_.Say(reply);
+    }
+    if (!behind.empty()) line_.Say(behind);
+  }
+
+  void Withhold(unsigned number) {
+    trouble_.stray[number % kNumbers] = true;
+    if (number == trouble_.number) trouble_.withheld = true;
+  }
+
+  Line& line_;
+  Trouble& trouble_;
+  const bool faults_;
+  std::mt19937 random_{1};
+  unsigned heard_ = 0;
+  Bytes late_before_;
+  Bytes late_behind_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// --- The near end ---------------------------------------------------------------------------
+
+struct Link {
+  std::function<std::unique_ptr<Line>()> plug;
+  std::function<std::unique_ptr<KorvaneBrisa>(Line&)> open;
+  std::vector<unsigned> kinds;
+};
+
+const std::vector<unsigned> kOnCan{kPosition, kVelocity, kThreshold, kAllPositions};
+
+const std::map<std::string, Link> kLinks{
+    {"socketcan",
+     {[] { return std::make_unique<SocketLine>(); },
+      [](Line&) { return KorvaneBrisa::createHandSocketCan(HandType::RIGHT, kId, "pair"); },
+      kOnCan}},
+    {"zlg",
+     {[] { return std::make_unique<AdapterLine>(); },
+      [](Line&) { return KorvaneBrisa::createHandByZlgcan(HandType::RIGHT, kId, 0, 0); }, kOnCan}},
+    {"hcan",
+     {[] { return std::make_unique<AdapterLine>(); },
+      [](Line&) { return KorvaneBrisa::createHandByHcan(HandType::RIGHT, kId, 0, 0); }, kOnCan}},
+    {"serial",
+     {[] { return std::make_unique<SerialLine>(); },
+      [](Line& line) {
+        return KorvaneBrisa::createHandByUsb(HandType::RIGHT, kId,
+                                             dynamic_cast<SerialLine&>(line).path, 4000000);
+      },
+      {kPosition, kAllPositions, kAllCurrents}}}};
+
+using Values = std::vector<short>;
+
+Values Ask(KorvaneBrisa& hand, unsigned kind, unsigned index) {
+  const auto motor = static_cast<std::uint8_t>(index);
+  switch (kind) {
+    case kPosition:
+      return {hand.GetJointMotorPosi(motor)};
+    case kVelocity:
+      return {hand.GetJointMotorVelo(motor)};
+    case kThreshold:
+      return {hand.GetCurrentThreshold(motor)};
+    case kAllPositions:
+      return hand.GetAllJointMotorPosi();
+    default:
+      return hand.GetAllCurrentReport();
+  }
+}
+
+/// Sorts what came back.
+class Tally {
+ public:
+  explicit Tally(bool serial, const Trouble& trouble) : serial_(serial), trouble_(trouble) {}
+
+  /// True if it was the right answer, so that no other one is left for this request.
+  bool Take(const Outcome<Values>& answer, const Stamp& asked) {
+    const std::string what = answer ? Judge(*answer, asked) : FailureName(answer.failure());
+    ++counts[what];
+    return what == kRight;
+  }
+
+  static constexpr const char* kRight = "right";
+  std::map<std::string, long> counts;
+  long unsettled = 0;
+
+ private:
+  std::string FailureName(const Failure& failure) const {
+    const std::string why = trouble_.withheld ? "" : ", though the reply was sent at once";
+    return std::string("told: ") + ToString(failure.kind) + why;
+  }
+
+  std::string Judge(const Values& values, const Stamp& asked) {
+    const Stamp first = Stamp::Of(values.at(0));
+    unsigned index = asked.index == 0 ? 1 : asked.index;
+    bool whole = values.size() == (asked.index == 0 ? kMotors : 1);
+    bool same_motor = true;
+    for (const short value : values) {
+      const Stamp stamp = Stamp::Of(value);
+      whole = whole && stamp.number == first.number && stamp.kind == (asked.kind & 3);
+      same_motor = same_motor && stamp.index == index++;
+    }
+    if (whole && same_motor && first.number == asked.number % kNumbers) return kRight;
+    const bool stray = trouble_.stray[first.number];
+    if (whole && same_motor && stray) return "settled: a late or second reply of the same kind";
+    if (whole && stray && serial_) return "settled: the position of another axis (serial)";
+    ++unsettled;
+    if (unsettled < 10) {
+      std::printf(
+          "\nunsettled: asked %u of motor %u with number %u, got %d: number %u, motor %u, kind "
+          "%u\n",
+          asked.kind, asked.index, asked.number % kNumbers, values[0], first.number, first.index,
+          first.kind);
+    }
+    return "NOT SETTLED";
+  }
+
+  const bool serial_;
+  const Trouble& trouble_;
+};
+
+void ShowProgress(long done, long all, std::chrono::steady_clock::time_point began) {
+  const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - began;
+  std::fprintf(stderr, "\r%ld of %ld, %.0f s", done, all, passed.count());
+}
+
+int RunRequests(const std::string& name, const Link& link, long requests) {
+  Trouble trouble;
+  const auto line = link.plug();
+  const FarEnd far_end(*line, trouble, true);
+  const auto hand = link.open(*line);
+  hand->SetFrameRecvTimeout(kTimeoutMs);
+  Tally tally(name == "serial", trouble);
+  std::mt19937 random(2);
+  const auto began = std::chrono::steady_clock::now();
+  for (long n = 1; n <= requests; ++n) {
+    const unsigned kind = link.kinds[random() % link.kinds.size()];
+    const bool all = kind == kAllPositions || kind == kAllCurrents;
+    const Stamp asked{static_cast<unsigned>(n),
+                      all ? 0U : 1 + static_cast<unsigned>(random()) % kMotors, kind};
+    trouble.withheld = false;
+    trouble.stray[asked.number % kNumbers] = false;
+    trouble.number = asked.number;
+    const auto answer = Checked(*hand, [&](auto& h) { return Ask(h, kind, asked.index); });
+    // Otherwise its reply may still come.
+    if (!tally.Take(answer, asked)) trouble.stray[asked.number % kNumbers] = true;
+    if (n % 1000 == 0) ShowProgress(n, requests, began);
+  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+  std::printf("\n%s: %ld requests in %.0f s\n", name.c_str(), requests, took.count());
+  for (const auto& [what, count] : tally.counts) std::printf("  %8ld  %s\n", count, what.c_str());
+  return tally.unsettled == 0 ? 0 : 1;
+}
+
+/// One life of a link. False if the hand doesn't answer while it is there, or a loss isn't told.
+bool LiveOnce(const Link& link) {
+  Trouble trouble;
+  auto line = link.plug();
+  std::optional<FarEnd> far_end;
+  far_end.emplace(*line, trouble, false);
+  const auto hand = link.open(*line);
+  const auto ask = [&] {
+    return static_cast<bool>(Checked(*hand, [](auto& h) { return Ask(h, kAllPositions, 0); }));
+  };
+  bool answered = false;
+  for (int i = 0; i < 20 && !answered; ++i) answered = ask();
+  far_end.reset();
+  line.reset();
+  hand->SetFrameRecvTimeout(kTimeoutMs);
+  bool told = true;
+  for (int i = 0; i < 3; ++i) told = !ask();
+  return answered && told;
+}
+
+int RunCycles(const std::string& name, const Link& link, long cycles) {
+  const auto began = std::chrono::steady_clock::now();
+  long failed = 0;
+  std::optional<test::ProcessResources> warm;
+  for (long n = 1; n <= cycles; ++n) {
+    if (!LiveOnce(link)) ++failed;
+    if (n == cycles / 5) warm = test::MeasureResources();
+    if (n % 10 == 0) ShowProgress(n, cycles, began);
+  }
+  const auto end = test::MeasureResources();
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+  const auto first = warm.value_or(end);
+  std::printf(
+      "\n%s: %ld cycles in %.0f s, %ld failed; descriptors %zu, then %zu; threads %zu, then %zu; "
+      "heap %zu, then %zu bytes\n",
+      name.c_str(), cycles, took.count(), failed, first.descriptors, end.descriptors, first.threads,
+      end.threads, first.heap_bytes, end.heap_bytes);
+  const bool flat = end.descriptors == first.descriptors && end.threads <= first.threads &&
+                    end.heap_bytes <= first.heap_bytes + 4096;
+  return flat && failed == 0 ? 0 : 1;
+}
+
+int Run(const std::vector<std::string>& arguments) {
+  const auto link = arguments.size() == 3 ? kLinks.find(arguments[1]) : kLinks.end();
+  if (link == kLinks.end()) {
+    std::fprintf(stderr, "usage: fault_campaign requests|cycles socketcan|zlg|hcan|serial N\n");
+    return 2;
+  }
+  // A pair of sockets, unlike a CAN socket, ends the program when its far end is gone.
+  signal(SIGPIPE, SIG_IGN);
+  SetLogSink(SilentLog());
+  SetDefaultReceiving(Receiving::BY_EVENTS);
+  const long count = std::stol(arguments[2]);
+  return arguments[0] == "cycles" ? RunCycles(link->first, link->second, count)
+                                  : RunRequests(link->first, link->second, count);
+}
+
+}  // namespace
+}  // namespace talvera::korvane
+
+int main(int argc, char** argv) {
+  return talvera::korvane::Run(std::vector<std::string>(argv + 1, argv + argc));
+}
