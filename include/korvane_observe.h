@@ -28,10 +28,11 @@ struct FrameEvent {
 /// for a hand without a link.
 ///
 /// `tap` is called on the threads that send and receive, several at a time, before a waiting caller
-/// gets the frame, and sees a request before its reply. A caller that waits by events may receive. So it should be quick, must not throw, and
-/// must neither call the hand nor wait for another frame, which may itself wait for the tap. Any
-/// thread may call this at any time, but not from within a tap; a call of the former tap that has
-/// begun may still be running when it returns. Costs nothing while there is no tap.
+/// gets the frame, and sees a request before its reply. A caller that waits by events may receive.
+/// So it should be quick, must not throw, and must neither call the hand nor wait for another
+/// frame, which may itself wait for the tap. Any thread may call this at any time, but not from
+/// within a tap; a call of the former tap that has begun may still be running when it returns.
+/// Costs nothing while there is no tap.
 KORVANE_EXPORT void ObserveFrames(Korvane& hand, std::function<void(const FrameEvent&)> tap);
 
 }  // namespace talvera::korvane
