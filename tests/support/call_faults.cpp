@@ -211,9 +211,11 @@ int tcsetattr(int fd, int when, const termios* settings) noexcept {
   return next(fd, when, settings);
 }
 
-// A thread that the sanitizers don't hear of would blind them.
+// A thread that the sanitizers don't hear of would blind them. The name is theirs.
+// NOLINTBEGIN(readability-identifier-naming)
 [[gnu::weak]] int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*),
                                                void*) noexcept;
+// NOLINTEND(readability-identifier-naming)
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                    void* argument) noexcept {
   FAILS(pthread_create, int);
