@@ -66,9 +66,14 @@ class CanBusDeviceBase::Exchange {
     device_.drain_cv_.wait(
         lock, [this] { return device_.pending_req_ids_.empty() && !device_.exchange_running_; });
     ++device_.counters_.requests;
-    Send(frame);
-    Enter(multi_frame);
     device_.exchange_running_ = true;
+    try {
+      Begin(lock, frame, multi_frame);
+    } catch (...) {
+      if (!lock.owns_lock()) lock.lock();
+      Finish();
+      throw;
+    }
   }
 
   Exchange(const Exchange&) = delete;
@@ -96,38 +101,24 @@ class CanBusDeviceBase::Exchange {
   /// since a duplicate that came between them would be taken by the next request.
   void Finish() {
     finished_ = true;
-    GiveTurnBack();
+    if (reads_) device_.GiveTurnBack();
     device_.exchange_running_ = false;
     device_.spare_request_.TakeOut(device_.pending_req_ids_, id_);
     if (device_.pending_req_ids_.empty()) device_.drain_cv_.notify_all();
   }
 
  private:
-  /// Takes the turn to read before that, as the reply may be there before this thread goes on.
-  void Send(const CanfdFrame& frame) {
+  /// Takes the turn to read before the frame goes out, as the reply may be there before this thread
+  /// goes on.
+  void Begin(std::unique_lock<std::mutex>& lock, const CanfdFrame& frame, bool multi_frame) {
+    lock.unlock();
     reads_ = device_.TakeTurn();
-    try {
-      if (device_.Transmit(frame) != -1) return;
+    lock.lock();
+    if (device_.Transmit(frame) == -1) {
       throw device_.SendError(FormatFrame(frame) + " request send failed");
-    } catch (...) {
-      GiveTurnBack();
-      throw;
     }
-  }
-
-  /// Nobody clears up behind a constructor that runs out of memory.
-  void Enter(bool multi_frame) {
-    try {
-      if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
-      device_.spare_request_.PutIn(device_.pending_req_ids_, id_);
-    } catch (...) {
-      GiveTurnBack();
-      throw;
-    }
-  }
-
-  void GiveTurnBack() {
-    if (reads_) device_.GiveTurnBack();
+    if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
+    device_.spare_request_.PutIn(device_.pending_req_ids_, id_);
   }
 
   CanBusDeviceBase& device_;

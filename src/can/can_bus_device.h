@@ -178,7 +178,8 @@ class CanBusDeviceBase : public ObservableLink {
   void LogBareFrame(const CanfdFrame& frame) const;
 
   /// Has the calling thread, whose request is about to go out, read for itself until GiveTurnBack:
-  /// false if the receive thread reads, as it does on most adapters. `request_mutex_` is held.
+  /// false if the receive thread reads, as it does on most adapters. Frames that are there already
+  /// come before the request, and can't be taken for its reply. Without a lock.
   virtual bool TakeTurn() { return false; }
   virtual void GiveTurnBack() {}
   /// Waits for up to `most_ms` for a frame, and takes it. False if the turn is given back, as the

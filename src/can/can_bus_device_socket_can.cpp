@@ -19,6 +19,9 @@
 namespace talvera::korvane {
 namespace {
 
+/// More than come between two requests, unless the bus is full.
+constexpr int kMostTaken = 64;
+
 CanfdFrame ToCanfdFrame(const canfd_frame& raw, std::size_t bytes_read) {
   const std::size_t available = bytes_read - std::min(bytes_read, offsetof(canfd_frame, data));
   CanfdFrame frame;
@@ -143,7 +146,7 @@ void CanBusDeviceSocketCan::RecvFrame() {
     if (by_events_) turn_.Sleep();
     if (!turn_.Take()) continue;
     const ReceiversTurn turn{turn_};
-    if (const auto frame = std::exchange(handed_over_, std::nullopt)) HandOver(*frame);
+    for (const CanfdFrame& frame : std::exchange(handed_over_, {})) HandOver(frame);
     if (const auto frame = ReadFrame()) Dispatch(*frame, kSocketCanDispatch);
   }
 }
@@ -158,9 +161,23 @@ std::optional<CanfdFrame> CanBusDeviceSocketCan::ReadFrame() {
 
 bool CanBusDeviceSocketCan::TakeTurn() {
   if (!by_events_ || !turn_.TakeForCaller()) return false;
-  if (!handed_over_) return true;
+  try {
+    TakeWhatIsThere();
+  } catch (...) {
+    LeaveToReceiver();
+    throw;
+  }
+  if (handed_over_.empty()) return true;
   LeaveToReceiver();
   return false;
+}
+
+void CanBusDeviceSocketCan::TakeWhatIsThere() {
+  for (int i = 0; i < kMostTaken; ++i) {
+    const auto frame = ReadFrame();
+    if (!frame) return;
+    if (!Match(*frame, kSocketCanDispatch)) handed_over_.push_back(*frame);
+  }
 }
 
 bool CanBusDeviceSocketCan::ReadInTurn(int most_ms) {
@@ -170,7 +187,7 @@ bool CanBusDeviceSocketCan::ReadInTurn(int most_ms) {
   if (!frame || Match(*frame, kSocketCanDispatch)) return true;
   // Callbacks run on the receive thread. What comes after this frame is for that thread too, so
   // that everything happens in the order of the bus.
-  handed_over_ = frame;
+  handed_over_.push_back(*frame);
   LeaveToReceiver();
   return false;
 }

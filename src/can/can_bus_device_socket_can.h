@@ -3,6 +3,7 @@
 #include <atomic>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "can/can_bus_device.h"
 #include "can/reading_turn.h"
@@ -42,6 +43,7 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   bool TakeTurn() override;
   void GiveTurnBack() override { turn_.GiveBackByCaller(); }
   bool ReadInTurn(int most_ms) override;
+  void TakeWhatIsThere();
   void LeaveToReceiver();
   void NoteError(int system_error);
   /// Closes a socket that can't be used. Returns -1.
@@ -52,8 +54,8 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   std::atomic<bool> open_{false};
 
   ReadingTurn turn_;
-  /// A frame for the receive thread that a caller has read. For who has the turn.
-  std::optional<CanfdFrame> handed_over_;
+  /// Frames for the receive thread that a caller has read. For who has the turn.
+  std::vector<CanfdFrame> handed_over_;
 };
 
 }  // namespace talvera::korvane
