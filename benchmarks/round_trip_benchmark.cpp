@@ -379,7 +379,7 @@ void RegisterAll(const std::string& link) {
   Register<Peer, Wire, ThroughHand<Receiving::BY_EVENTS>>((link + "/hand_by_events").c_str());
 }
 
-const bool registered = [] {
+const bool kRegistered = [] {
   RegisterAll<CanPeer, CanWire>(Interface() != nullptr ? "kernel_can" : "socket_pair");
   if (Interface() == nullptr) RegisterAll<SerialPeer, SerialWire>("serial");
   return true;

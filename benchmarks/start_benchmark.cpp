@@ -150,6 +150,7 @@ void MemoryOfAThread(benchmark::State& state) {
     int running = 0;
     bool over = false;
     std::vector<std::thread> threads;
+    threads.reserve(kHands);
     const double before = ResidentKib();
     for (int i = 0; i < kHands; ++i) {
       threads.emplace_back([&] {
