@@ -1,13 +1,9 @@
 #pragma once
 
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+#include <deque>
 #include <thread>
-#include <vector>
+
+#include "child_process.h"
 
 namespace talvera::korvane::bench {
 
@@ -16,27 +12,16 @@ class BusyLoops {
  public:
   explicit BusyLoops(unsigned for_each_processor) {
     const unsigned count = for_each_processor * std::thread::hardware_concurrency();
-    for (unsigned i = 0; i < count; ++i) processes_.push_back(Start());
-  }
-  BusyLoops(const BusyLoops&) = delete;
-  BusyLoops& operator=(const BusyLoops&) = delete;
-  ~BusyLoops() {
-    for (const pid_t process : processes_) {
-      kill(process, SIGKILL);
-      waitpid(process, nullptr, 0);
+    for (unsigned i = 0; i < count; ++i) {
+      processes_.emplace_back([] {
+        for (volatile unsigned n = 0;; n = n + 1) {
+        }
+      });
     }
   }
 
  private:
-  static pid_t Start() {
-    const pid_t process = fork();
-    if (process != 0) return process;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    for (volatile unsigned n = 0;; n = n + 1) {
-    }
-  }
-
-  std::vector<pid_t> processes_;
+  std::deque<ChildProcess> processes_;
 };
 
 }  // namespace talvera::korvane::bench

@@ -8,13 +8,10 @@
 // that belongs to another one shows. The exit status is 1 if something came out that no document
 // tells of.
 
-#include <fcntl.h>
 #include <linux/can.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,8 +36,9 @@
 #include "korvane_log.h"
 #include "korvane_sim/in_process_adapters.h"
 #include "serial/usb_frame.h"
-#include "support/call_faults.h"
+#include "support/lent_sockets.h"
 #include "support/process_resources.h"
+#include "support/pseudo_terminal.h"
 #include "util/bytes.h"
 
 namespace talvera::korvane {
@@ -135,10 +133,10 @@ class SocketLine : public CanLine {
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends_) != 0) {
       throw std::runtime_error("socketpair");
     }
-    test::LeadCanSocketsTo(ends_[0]);
+    lent_.emplace(std::vector<int>{ends_[0]});
   }
   ~SocketLine() override {
-    test::LeadCanSocketsTo(-1);
+    lent_.reset();
     close(ends_[0]);
     close(ends_[1]);
   }
@@ -158,6 +156,7 @@ class SocketLine : public CanLine {
 
  private:
   int ends_[2] = {-1, -1};
+  std::optional<test::LentSockets> lent_;
 };
 
 class AdapterLine : public CanLine {
@@ -179,32 +178,11 @@ class AdapterLine : public CanLine {
 
 class SerialLine : public Line {
  public:
-  SerialLine() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
-    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0) {
-      throw std::runtime_error("pseudo-terminal");
-    }
-    std::array<char, 64> name{};
-    ptsname_r(master_, name.data(), name.size());
-    path = name.data();
-    slave_ = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    termios settings{};
-    tcgetattr(slave_, &settings);
-    cfmakeraw(&settings);
-    tcsetattr(slave_, TCSANOW, &settings);
-  }
-  ~SerialLine() override {
-    close(slave_);
-    close(master_);
-  }
-
   std::optional<Question> Hear() override {
     const std::size_t size = bytes_.size() < 5 ? 0 : bytes_[kUsbFrameLength] + kUsbFrameOverhead;
     if (size == 0 || bytes_.size() < size) {
-      pollfd watched{master_, POLLIN, 0};
-      std::array<std::uint8_t, 256> some{};
-      if (poll(&watched, 1, 20) < 1) return std::nullopt;
-      const ssize_t got = read(master_, some.data(), some.size());
-      if (got > 0) bytes_.insert(bytes_.end(), some.begin(), some.begin() + got);
+      const auto some = line_.ReadSome(20);
+      bytes_.insert(bytes_.end(), some.begin(), some.end());
       return std::nullopt;
     }
     Question question{Bytes(bytes_.begin(), bytes_.begin() + static_cast<long>(size)), kNoKind, 0};
@@ -215,9 +193,7 @@ class SerialLine : public Line {
     if (command == 0x0A) question.kind = kAllCurrents;
     return question;
   }
-  void Say(const Bytes& frame) override {
-    static_cast<void>(!write(master_, frame.data(), frame.size()));
-  }
+  void Say(const Bytes& frame) override { line_.Write(frame); }
   Bytes Reply(const Question& question, unsigned number, std::uint8_t id) override {
     UsbFrameBuilder frame(id, question.frame[kUsbFrameCommand]);
     const unsigned index = question.index;
@@ -231,11 +207,10 @@ class SerialLine : public Line {
 
   bool RepeatsBehindForeign() const override { return true; }
 
-  std::string path;
+  const std::string& Path() const { return line_.Path(); }
 
  private:
-  int master_;
-  int slave_ = -1;
+  test::PseudoTerminal line_;
   Bytes bytes_;
 };
 
@@ -343,7 +318,7 @@ const std::map<std::string, Link> kLinks{
      {[] { return std::make_unique<SerialLine>(); },
       [](Line& line) {
         return KorvaneBrisa::createHandByUsb(HandType::RIGHT, kId,
-                                             dynamic_cast<SerialLine&>(line).path, 4000000);
+                                             dynamic_cast<SerialLine&>(line).Path(), 4000000);
       },
       {kPosition, kAllPositions, kAllCurrents}}}};
 

@@ -7,10 +7,7 @@
 
 #include <benchmark/benchmark.h>
 #include <linux/can.h>
-#include <linux/can/raw.h>
-#include <net/if.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,8 +15,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -27,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "can_socket.h"
 #include "korvane_brisa.h"
 #include "korvane_diagnostics.h"
 #include "korvane_link.h"
@@ -46,10 +42,6 @@ constexpr auto kMeasuredTime = std::chrono::seconds(1);
 constexpr std::uint32_t kPositionOfMotor3 = 0x03130100;
 constexpr int kLongestTimeoutMs = 1000;
 
-const char* Interface() {
-  return std::getenv("KORVANE_TEST_CAN");  // NOLINT(concurrency-mt-unsafe)
-}
-
 bench::Buses BusesOf(const benchmark::State& state) {
   return static_cast<bench::Buses>(state.range(1));
 }
@@ -62,11 +54,11 @@ Way WayOf(const benchmark::State& state) { return static_cast<Way>(state.range(2
 class Simulated {
  public:
   Simulated(int count, bench::Buses buses) {
-    if (Interface() == nullptr) {
+    if (bench::Interface() == nullptr) {
       pairs_.emplace(count, buses);
       return;
     }
-    std::vector<std::string> arguments{"--can", Interface()};
+    std::vector<std::string> arguments{"--can", bench::Interface()};
     for (int i = 1; i <= count; ++i) {
       arguments.insert(arguments.end(), {"--hand", "brisa:" + std::to_string(i)});
     }
@@ -97,8 +89,7 @@ class Asker {
 class Hand final : public Asker {
  public:
   explicit Hand(std::uint8_t id)
-      : hand_(KorvaneBrisa::createHandSocketCan(HandType::RIGHT, id,
-                                                Interface() ? Interface() : "pair")) {
+      : hand_(KorvaneBrisa::createHandSocketCan(HandType::RIGHT, id, bench::InterfaceName())) {
     // So that a late reply counts as slow, not as none.
     hand_->SetFrameRecvTimeout(kLongestTimeoutMs);
   }
@@ -113,19 +104,7 @@ class Hand final : public Asker {
 /// The frames alone: a write, and reads up to the reply.
 class BareSocket final : public Asker {
  public:
-  explicit BareSocket(std::uint8_t id) : id_(kPositionOfMotor3 | id) {
-    fd_ = socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
-    ifreq request{};
-    std::strncpy(request.ifr_name, Interface() ? Interface() : "pair", IFNAMSIZ - 1);
-    sockaddr_can address{};
-    address.can_family = AF_CAN;
-    const int on = 1;
-    setsockopt(fd_, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on);
-    if (ioctl(fd_, SIOCGIFINDEX, &request) == 0) address.can_ifindex = request.ifr_ifindex;
-    if (bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-      throw std::runtime_error("bind");
-    }
-  }
+  explicit BareSocket(std::uint8_t id) : id_(kPositionOfMotor3 | id) {}
   BareSocket(const BareSocket&) = delete;
   BareSocket& operator=(const BareSocket&) = delete;
   ~BareSocket() override { close(fd_); }
@@ -145,7 +124,7 @@ class BareSocket final : public Asker {
 
  private:
   const std::uint32_t id_;
-  int fd_;
+  const int fd_ = bench::OpenCanSocket();
 };
 
 /// Simulated hands, and what asks each of them.
@@ -232,7 +211,7 @@ void HandsThatAreAsked(benchmark::State& state) {
     state.counters["load"] = LoadOfEach(hands, ProcessTime() - before, start);
     const Seconds took = Clock::now() - start;
     state.counters["requests"] = static_cast<double>(asked.microseconds.size()) / took.count();
-    if (BusesOf(state) == bench::Buses::kOnePaced && Interface() == nullptr) {
+    if (BusesOf(state) == bench::Buses::kOnePaced && bench::Interface() == nullptr) {
       state.counters["bus_busy"] = Seconds(hands.BusyTime() - busy) / took;
     }
     state.counters["p50_us"] = bench::Percentile(asked.microseconds, 0.5);
@@ -256,14 +235,14 @@ void HandsThatAreLeftAlone(benchmark::State& state) {
 void Asked3Ways(benchmark::internal::Benchmark* registered) {
   registered->ArgNames({"hands", "bus", "way"})->Apply(&bench::WithSpread);
   const std::vector<std::int64_t> buses =
-      Interface() ? std::vector<std::int64_t>{1} : std::vector<std::int64_t>{0, 1, 2};
+      bench::Interface() ? std::vector<std::int64_t>{1} : std::vector<std::int64_t>{0, 1, 2};
   registered->ArgsProduct({{1, 2, 5, 10, 20}, buses, {0, 1, 2}});
 }
 BENCHMARK(HandsThatAreAsked)->Apply(&Asked3Ways);
 
 void Alone2Ways(benchmark::internal::Benchmark* registered) {
   registered->ArgNames({"hands", "bus", "way"})->Apply(&bench::WithSpread);
-  registered->ArgsProduct({{1, 5, 20}, {Interface() ? 1 : 0}, {0, 1}});
+  registered->ArgsProduct({{1, 5, 20}, {bench::Interface() ? 1 : 0}, {0, 1}});
 }
 BENCHMARK(HandsThatAreLeftAlone)->Apply(&Alone2Ways);
 

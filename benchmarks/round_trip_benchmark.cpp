@@ -6,32 +6,27 @@
 
 #include <benchmark/benchmark.h>
 #include <linux/can.h>
-#include <linux/can/raw.h>
-#include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
-#include <cstdlib>
-#include <functional>
 #include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "can_socket.h"
+#include "child_process.h"
 #include "korvane_brisa.h"
 #include "korvane_diagnostics.h"
 #include "korvane_link.h"
 #include "korvane_log.h"
+#include "samples.h"
 #include "serial/usb_frame.h"
 #include "support/lent_sockets.h"
 #include "support/pseudo_terminal.h"
@@ -54,48 +49,7 @@ constexpr int kRounds = 10;
 /// The first ones after opening, which aren't counted.
 constexpr int kWarmUp = 10;
 
-int OrThrow(int result, const char* what) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
-  return result;
-}
-
-const char* Interface() {
-  return std::getenv("KORVANE_TEST_CAN");  // NOLINT(concurrency-mt-unsafe)
-}
-
-int OpenCan() {
-  const int fd = OrThrow(socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW), "socket");
-  const int enabled = 1;
-  setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, sizeof enabled);
-  sockaddr_can address{};
-  address.can_family = AF_CAN;
-  if (Interface() != nullptr) {
-    address.can_ifindex = static_cast<int>(if_nametoindex(Interface()));
-  }
-  OrThrow(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), "bind");
-  return fd;
-}
-
 // --- The hand that answers, the same for all ------------------------------------------------
-
-/// A process that runs `serve` until it ends or this object goes.
-class Process {
- public:
-  explicit Process(const std::function<void()>& serve) : id_(fork()) {
-    if (id_ != 0) return;
-    serve();
-    _exit(0);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-  ~Process() {
-    kill(id_, SIGKILL);
-    waitpid(id_, nullptr, 0);
-  }
-
- private:
-  pid_t id_;
-};
 
 /// Where a request and its reply have the same identifier the frame itself is the reply.
 void EchoFrames(int fd) {
@@ -121,9 +75,9 @@ class CanPeer {
 
  private:
   static int OpenFarEnd(int& near_end, std::unique_ptr<test::LentSockets>& lent) {
-    if (Interface() != nullptr) return OpenCan();
+    if (bench::Interface() != nullptr) return bench::OpenCanSocket();
     int ends[2] = {-1, -1};
-    OrThrow(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), "socketpair");
+    bench::OrThrow(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), "socketpair");
     near_end = ends[0];
     lent = std::make_unique<test::LentSockets>(std::vector<int>{near_end});
     return ends[1];
@@ -132,7 +86,7 @@ class CanPeer {
   int near_end_ = -1;
   std::unique_ptr<test::LentSockets> lent_;
   int far_end_ = OpenFarEnd(near_end_, lent_);
-  Process process_{[this] { EchoFrames(far_end_); }};
+  bench::ChildProcess process_{[this] { EchoFrames(far_end_); }};
 };
 
 struct SerialFrame : UsbFrameBuilder {
@@ -160,7 +114,7 @@ class SerialPeer {
   }
 
   test::PseudoTerminal line_;
-  Process process_{[this] { Echo(); }};
+  bench::ChildProcess process_{[this] { Echo(); }};
 };
 
 // --- The ways to ask ------------------------------------------------------------------------
@@ -169,7 +123,7 @@ class SerialPeer {
 /// whole.
 class CanWire {
  public:
-  explicit CanWire(const CanPeer& /*peer*/) : fd_(OpenCan()) {
+  explicit CanWire(const CanPeer& /*peer*/) : fd_(bench::OpenCanSocket()) {
     frame_.can_id = kPositionId | CAN_EFF_FLAG;
     frame_.len = CANFD_MAX_DLEN;
   }
@@ -178,7 +132,9 @@ class CanWire {
   ~CanWire() { close(fd_); }
 
   int Descriptor() const { return fd_; }
-  void Send() const { OrThrow(static_cast<int>(write(fd_, &frame_, sizeof frame_)), "write"); }
+  void Send() const {
+    bench::OrThrow(static_cast<int>(write(fd_, &frame_, sizeof frame_)), "write");
+  }
   bool Receive() {
     canfd_frame reply{};
     return read(fd_, &reply, sizeof reply) > 0 && reply.can_id == frame_.can_id;
@@ -192,18 +148,19 @@ class CanWire {
 class SerialWire {
  public:
   explicit SerialWire(const SerialPeer& peer)
-      : fd_(OrThrow(open(peer.Path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC), "open")) {}
+      : fd_(bench::OrThrow(open(peer.Path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC), "open")) {}
   SerialWire(const SerialWire&) = delete;
   SerialWire& operator=(const SerialWire&) = delete;
   ~SerialWire() { close(fd_); }
 
   int Descriptor() const { return fd_; }
   void Send() const {
-    OrThrow(static_cast<int>(write(fd_, request_.Data(), request_.size)), "write");
+    bench::OrThrow(static_cast<int>(write(fd_, request_.Data(), request_.size)), "write");
   }
   bool Receive() {
     std::uint8_t bytes[256];
-    received_ += static_cast<std::size_t>(OrThrow(static_cast<int>(read(fd_, bytes, 256)), "read"));
+    received_ +=
+        static_cast<std::size_t>(bench::OrThrow(static_cast<int>(read(fd_, bytes, 256)), "read"));
     if (received_ < reply_size_) return false;
     received_ = 0;
     return true;
@@ -281,8 +238,7 @@ class TwoThreads : public Way {
 };
 
 std::unique_ptr<KorvaneBrisa> OpenHand(const CanPeer& /*peer*/) {
-  return KorvaneBrisa::createHandSocketCan(HandType::RIGHT, kId,
-                                           Interface() ? Interface() : "pair");
+  return KorvaneBrisa::createHandSocketCan(HandType::RIGHT, kId, bench::InterfaceName());
 }
 
 std::unique_ptr<KorvaneBrisa> OpenHand(const SerialPeer& peer) {
@@ -315,14 +271,6 @@ class ThroughHand : public Way {
 struct Times {
   std::vector<double> microseconds;
   int failed = 0;
-
-  double Percentile(double share) {
-    const auto at =
-        microseconds.begin() +
-        static_cast<std::ptrdiff_t>(share * static_cast<double>(microseconds.size() - 1));
-    std::nth_element(microseconds.begin(), at, microseconds.end());
-    return *at;
-  }
 };
 
 /// Opened for this alone: of two links on one bus each would hear what the other says.
@@ -347,28 +295,20 @@ void RoundTrip(benchmark::State& state) {
       Measure<Asking>(peer, own);
       Measure<Reference>(peer, reference);
     }
-    state.counters["p50_us"] = own.Percentile(0.5);
-    state.counters["p99_us"] = own.Percentile(0.99);
-    state.counters["p50_ratio"] = own.Percentile(0.5) / reference.Percentile(0.5);
-    state.counters["p99_ratio"] = own.Percentile(0.99) / reference.Percentile(0.99);
+    state.counters["p50_us"] = bench::Percentile(own.microseconds, 0.5);
+    state.counters["p99_us"] = bench::Percentile(own.microseconds, 0.99);
+    state.counters["p50_ratio"] =
+        bench::Percentile(own.microseconds, 0.5) / bench::Percentile(reference.microseconds, 0.5);
+    state.counters["p99_ratio"] =
+        bench::Percentile(own.microseconds, 0.99) / bench::Percentile(reference.microseconds, 0.99);
     state.counters["failed"] = own.failed + reference.failed;
   }
-}
-
-double Least(const std::vector<double>& values) {
-  return *std::min_element(values.begin(), values.end());
-}
-double Most(const std::vector<double>& values) {
-  return *std::max_element(values.begin(), values.end());
 }
 
 template <class Peer, class Wire, class Asking>
 void Register(const char* name) {
   benchmark::RegisterBenchmark(name, &RoundTrip<Peer, Asking, TwoThreads<Wire>>)
-      ->Iterations(1)
-      ->UseRealTime()
-      ->ComputeStatistics("min", &Least)
-      ->ComputeStatistics("max", &Most);
+      ->Apply(&bench::WithSpread);
 }
 
 template <class Peer, class Wire>
@@ -380,8 +320,8 @@ void RegisterAll(const std::string& link) {
 }
 
 const bool kRegistered = [] {
-  RegisterAll<CanPeer, CanWire>(Interface() != nullptr ? "kernel_can" : "socket_pair");
-  if (Interface() == nullptr) RegisterAll<SerialPeer, SerialWire>("serial");
+  RegisterAll<CanPeer, CanWire>(bench::Interface() != nullptr ? "kernel_can" : "socket_pair");
+  if (bench::Interface() == nullptr) RegisterAll<SerialPeer, SerialWire>("serial");
   return true;
 }();
 

@@ -2,11 +2,9 @@
 
 #include <linux/can.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +17,9 @@
 #include <system_error>
 #include <vector>
 
+#include "can_socket.h"
 #include "korvane_sim/virtual_bus.h"
+#include "support/sim_frames.h"
 
 namespace talvera::korvane::bench {
 namespace {
@@ -32,19 +32,12 @@ struct Said {
 std::optional<sim::Frame> ReadFrame(int fd) {
   canfd_frame raw{};
   if (read(fd, &raw, sizeof raw) != sizeof raw) return std::nullopt;
-  sim::Frame frame;
-  frame.id = raw.can_id & CAN_EFF_MASK;
-  frame.len = raw.len;
-  std::copy_n(raw.data, raw.len, frame.data.begin());
-  return frame;
+  return test::ToSimFrame(raw);
 }
 
 /// What a full socket doesn't take is lost, as in the kernel.
 void WriteFrame(int fd, const sim::Frame& frame) {
-  canfd_frame raw{};
-  raw.can_id = frame.id | CAN_EFF_FLAG;
-  raw.len = frame.len;
-  std::copy_n(frame.data.begin(), frame.len, raw.data);
+  const canfd_frame raw = test::ToSocketFrame(frame);
   static_cast<void>(send(fd, &raw, sizeof raw, MSG_DONTWAIT));
 }
 
@@ -62,13 +55,12 @@ class Server {
     if (paced_) buses_.front().SetBitRates(sim::BitRates{});
   }
 
-  [[noreturn]] void Serve() {
+  void Serve() {
     while (Await() >= 0) {
       for (std::size_t i = 0; i < ports_.size(); ++i) TakeRequest(i);
       for (std::size_t i = 0; i < ports_.size(); ++i) GiveWhatCame(i);
       if (paced_) said_.busy_ns = buses_.front().Statistics().busy.count();
     }
-    _exit(0);
   }
 
  private:
@@ -108,27 +100,23 @@ SocketPairHands::SocketPairHands(int count, Buses buses) {
   std::vector<int> far_ends;
   for (int i = 0; i < count; ++i) {
     int ends[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-      throw std::system_error(errno, std::generic_category(), "socketpair");
-    }
+    OrThrow(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), "socketpair");
     near_ends_.push_back(ends[0]);
     far_ends.push_back(ends[1]);
   }
-  process_ = fork();
-  if (process_ == 0) {
+  process_.emplace([&] {
     for (const int fd : near_ends_) close(fd);
     // Steps of a paced bus end on time, not up to 50 µs later.
     prctl(PR_SET_TIMERSLACK, 1);
     Server(far_ends, buses, *shared_).Serve();
-  }
+  });
   for (const int fd : far_ends) close(fd);
   lent_.emplace(near_ends_);
 }
 
 SocketPairHands::~SocketPairHands() {
   for (const int fd : near_ends_) close(fd);
-  kill(process_, SIGKILL);
-  waitpid(process_, nullptr, 0);
+  process_.reset();
   munmap(shared_, sizeof(Shared));
 }
 

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
+#include "child_process.h"
 #include "support/lent_sockets.h"
 
 namespace talvera::korvane::bench {
@@ -32,10 +31,10 @@ class SocketPairHands {
   std::chrono::nanoseconds BusyTime() const;
 
  private:
-  pid_t process_ = -1;
   struct Shared;
   Shared* shared_;
   std::vector<int> near_ends_;
+  std::optional<ChildProcess> process_;
   std::optional<test::LentSockets> lent_;
 };
 

@@ -29,7 +29,9 @@
 #include "korvane_sim/in_process_adapters.h"
 #include "support/allocation_hook.h"
 #include "support/call_faults.h"
+#include "support/lent_sockets.h"
 #include "support/process_resources.h"
+#include "support/sim_frames.h"
 #include "support/simulator_process.h"
 
 namespace talvera::korvane {
@@ -57,12 +59,12 @@ class SocketPairHand {
     process_ = fork();
     if (process_ == 0) Serve();
     close(ends_[1]);
-    test::LeadCanSocketsTo(ends_[0]);
+    lent_.emplace(std::vector<int>{ends_[0]});
   }
   SocketPairHand(const SocketPairHand&) = delete;
   SocketPairHand& operator=(const SocketPairHand&) = delete;
   ~SocketPairHand() {
-    test::LeadCanSocketsTo(-1);
+    lent_.reset();
     close(ends_[0]);
     kill(process_, SIGKILL);
     waitpid(process_, nullptr, 0);
@@ -74,15 +76,11 @@ class SocketPairHand {
     sim::SimulatedHand hand(sim::kBrisa, kId);
     canfd_frame raw{};
     while (read(ends_[1], &raw, sizeof raw) > 0) {
-      sim::Frame frame{raw.can_id & CAN_EFF_MASK, raw.len, {}};
-      std::copy_n(raw.data, raw.len, frame.data.begin());
+      const sim::Frame frame = test::ToSimFrame(raw);
       auto replies = hand.Handle(frame, std::chrono::steady_clock::now());
       if (!replies.empty()) replies.insert(replies.begin(), {frame.id + 1, 64, {}});
       for (const sim::Frame& reply : replies) {
-        canfd_frame out{};
-        out.can_id = reply.id | CAN_EFF_FLAG;
-        out.len = reply.len;
-        std::copy_n(reply.data.begin(), reply.len, out.data);
+        const canfd_frame out = test::ToSocketFrame(reply);
         static_cast<void>(!write(ends_[1], &out, sizeof out));
       }
     }
@@ -91,6 +89,7 @@ class SocketPairHand {
 
   int ends_[2] = {-1, -1};
   pid_t process_ = -1;
+  std::optional<test::LentSockets> lent_;
 };
 
 /// A Brisa on a pseudo-terminal, in a process of its own.

@@ -24,6 +24,7 @@
 #include "protocol/can/korvane_brisa_can_impl.h"
 #include "support/allocation_hook.h"
 #include "support/lent_sockets.h"
+#include "support/sim_frames.h"
 
 namespace talvera::korvane {
 namespace {
@@ -300,17 +301,9 @@ class HandByEvents : public testing::Test {
  protected:
   sim::SimulatedHand simulated_{sim::kBrisa, kId};
   Bus bus_{[this](const canfd_frame& request) {
-    sim::Frame frame;
-    frame.id = request.can_id & CAN_EFF_MASK;
-    frame.len = request.len;
-    std::copy_n(request.data, request.len, frame.data.begin());
     std::vector<canfd_frame> replies;
-    for (const sim::Frame& reply : simulated_.Handle(frame, steady_clock::now())) {
-      canfd_frame& out = replies.emplace_back();
-      out = {};
-      out.can_id = reply.id | CAN_EFF_FLAG;
-      out.len = reply.len;
-      std::copy_n(reply.data.begin(), reply.len, out.data);
+    for (const auto& reply : simulated_.Handle(test::ToSimFrame(request), steady_clock::now())) {
+      replies.push_back(test::ToSocketFrame(reply));
     }
     return replies;
   }};

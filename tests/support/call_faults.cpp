@@ -20,13 +20,14 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "support/lent_sockets.h"
+
 namespace talvera::korvane::test {
 namespace {
 
 CallFault present;
 std::atomic<bool> active{false};
 std::atomic<int> struck{0};
-std::atomic<int> can_descriptor{-1};
 
 /// One function in front of another. Needs no memory, as it may be called before anything else.
 struct Call {
@@ -59,10 +60,11 @@ std::int64_t Garbled(void* record, std::size_t size) {
 }
 
 /// Blocking at first, as a new socket.
-int SocketPairEnd() {
-  const int flags = static_cast<int>(syscall(SYS_fcntl, can_descriptor.load(), F_GETFL, 0));
-  syscall(SYS_fcntl, can_descriptor.load(), F_SETFL, flags & ~O_NONBLOCK);
-  return dup(can_descriptor);
+int LentSocket() {
+  const int fd = LentSockets::Next();
+  const int flags = static_cast<int>(syscall(SYS_fcntl, fd, F_GETFL, 0));
+  syscall(SYS_fcntl, fd, F_SETFL, flags & ~O_NONBLOCK);
+  return fd;
 }
 
 }  // namespace
@@ -87,8 +89,6 @@ std::vector<std::pair<std::string, int>> CallFaults::Counts() {
   return counts;
 }
 
-void LeadCanSocketsTo(int descriptor) { can_descriptor = descriptor; }
-
 }  // namespace talvera::korvane::test
 
 using namespace talvera::korvane::test;
@@ -103,13 +103,13 @@ extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
   FAILS(socket, int);
-  if (domain == AF_CAN && can_descriptor >= 0) return SocketPairEnd();
+  if (LentSockets::AreFor(domain)) return LentSocket();
   return next(domain, type, protocol);
 }
 
 int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
   FAILS(bind, int);
-  return address->sa_family == AF_CAN && can_descriptor >= 0 ? 0 : next(fd, address, size);
+  return LentSockets::AreFor(address->sa_family) ? 0 : next(fd, address, size);
 }
 
 int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
@@ -123,7 +123,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   void* const argument = va_arg(arguments, void*);
   va_end(arguments);
   FAILS(ioctl, int);
-  if (request != SIOCGIFINDEX || can_descriptor < 0) return next(fd, request, argument);
+  if (request != SIOCGIFINDEX || !LentSockets::AreFor(AF_CAN)) return next(fd, request, argument);
   static_cast<ifreq*>(argument)->ifr_ifindex = 1;
   return 0;
 }

@@ -21,7 +21,8 @@ struct CallFault {
 };
 
 /// The system calls of a program that links call_faults.cpp, and the calls of both adapter
-/// libraries, in front of the functions that it would call otherwise. One object at a time.
+/// libraries, in front of the functions that it would call otherwise. Sockets for CAN may be lent
+/// (lent_sockets.h). One object at a time.
 class CallFaults {
  public:
   /// Counts from now on the calls of all threads of the process, and has one fail.
@@ -39,8 +40,5 @@ class CallFaults {
   /// What has been called, and how often.
   static std::vector<std::pair<std::string, int>> Counts();
 };
-
-/// The next CAN sockets are this descriptor's copies; negative ends that.
-void LeadCanSocketsTo(int descriptor);
 
 }  // namespace talvera::korvane::test

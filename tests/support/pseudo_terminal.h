@@ -6,6 +6,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -66,6 +67,16 @@ class PseudoTerminal {
     if (write(master_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
       Fail("write");
     }
+  }
+
+  /// What has arrived, once there is something or the time is over; empty then, and if something is
+  /// broken.
+  std::vector<std::uint8_t> ReadSome(int most_ms, std::size_t most = 256) {
+    std::vector<std::uint8_t> bytes(most);
+    pollfd event{master_, POLLIN, 0};
+    const ssize_t got = poll(&event, 1, most_ms) < 1 ? 0 : read(master_, bytes.data(), most);
+    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return bytes;
   }
 
   /// Waits until `size` bytes have arrived. Fewer come back only if something is broken.

@@ -217,7 +217,8 @@ class Update : public Command {
     Display display(tool);
     while (result.wait_for(kTick) != std::future_status::ready) {
       display.Show(*progress, interrupt.Came());
-      note.Tell(progress->State().done, progress->State().total);
+      const UpdateState state = progress->State();
+      note.Tell(state.done, state.total);
       if (interrupt.Count() > 1) Stop(tool, display, progress->State());
     }
     display.Show(*progress, false);
