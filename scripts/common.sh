@@ -38,11 +38,12 @@ need() {
   done
   [ "${#missing[@]}" -eq 0 ] && return 0
   say "Installing: ${missing[*]}"
-  # The lists of a fresh machine may be missing or old; a failed first try tells.
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
-    >/dev/null 2>&1 && return 0
-  as_root apt-get update -qq
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  # One script at a time, as two run side by side in CI. The lists of a fresh machine may be missing or
+  # old; a failed first try tells.
+  # shellcheck disable=SC2016
+  as_root flock /var/lock/korvane-packages env DEBIAN_FRONTEND=noninteractive sh -c '
+    install() { apt-get install -y -qq --no-install-recommends "$@" >/dev/null; }
+    install "$@" 2>/dev/null || { apt-get update -qq && install "$@"; }' sh "${missing[@]}"
 }
 
 # build_preset PRESET [-DSETTING]... [TARGET]...: configures and builds it; quiet unless it fails.
