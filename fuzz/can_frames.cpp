@@ -1,132 +1,82 @@
-// What arrives on a CAN bus: any reply to any request of any hand, and any frame that none asked
-// for.
+// What arrives on a CAN bus: any frames, those that nobody asked for, those that answer an
+// operation, and those that come while an update runs.
 
-#include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <iterator>
-#include <vector>
-
-#include "protocol/can/korvane_brisa_can_impl.h"
-#include "protocol/can/korvane_lumen_can_impl.h"
-#include "protocol/can/korvane_quill_can_impl.h"
-#include "protocol/can/korvane_tessel_can_impl.h"
-#include "protocol/can/korvane_vanta_can_impl.h"
-#include "protocol/service/korvane_brisa_can_private_impl.h"
-#include "protocol/service/korvane_lumen_can_private_impl.h"
-#include "support/recording_device.h"
+#include "can_hands.h"
+#include "support/all_operations.h"
 
 using namespace talvera::korvane;
+using namespace talvera::korvane::fuzz;
 
 namespace {
 
-constexpr std::uint8_t kId = 0x27;
+constexpr DispatchRules kRules[] = {kSocketCanDispatch, kZlgDispatch, kHcanDispatch};
 
-/// The input, cut into pieces until it is used up.
-class Input {
- public:
-  Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-
-  bool IsOver() const { return size_ == 0; }
-  std::uint8_t Byte() {
-    if (size_ == 0) return 0;
-    --size_;
-    return *data_++;
+std::vector<test::HandOperation> OperationsOf(KorvaneBase& hand) {
+  using test::operator+;
+  const int motors = InfoOf(static_cast<Model>(hand.model_code)).positions;
+  auto operations = test::HandOperations(static_cast<std::size_t>(motors));
+  if (dynamic_cast<KorvaneBrisa*>(&hand) != nullptr) {
+    operations = operations + test::TouchOperations();
   }
-  CanfdFrame Frame(std::uint32_t id) {
-    CanfdFrame frame;
-    frame.can_id = id;
-    frame.len = Byte() % (kMaxPayload + 1);
-    std::generate_n(frame.data, frame.len, [this] { return Byte(); });
-    return frame;
-  }
-
- private:
-  const std::uint8_t* data_;
-  std::size_t size_;
-};
-
-using Calls = std::vector<std::function<void()>>;
-
-/// Operations that read something out of replies.
-Calls PublicCalls(KorvaneBase& hand) {
-  return {[&] { hand.GetVendorInfo(); },        [&] { hand.GetDeviceInfo(); },
-          [&] { hand.GetAllJointMotorPosi(); }, [&] { hand.SetJointMotorPosi(1, 2); },
-          [&] { hand.GetAllControlMode(); },    [&] { hand.GetAllErrorReport(); },
-          [&] { hand.GetAllCurrentReport(); },  [&] { hand.GetAllActiveJointAngles(); },
-          [&] { hand.GetErrorReport(2); }};
+  if (dynamic_cast<PrivateKorvane*>(&hand) == nullptr) return operations;
+  return operations + test::ServiceOperations(static_cast<std::uint8_t>(motors));
 }
 
-Calls TactileCalls(KorvaneBase& hand) {
+CanfdFrame FrameOf(Input& input, std::uint32_t id) {
+  return test::MakeFrame(id, input.Block(kMaxPayload));
+}
+
+/// With an identifier of a report, an update reply or the service interface, or any.
+CanfdFrame UnaskedFrame(Input& input) {
+  const std::uint32_t part = input.Byte() & 0x1FU;
+  const std::uint32_t ids[] = {9, 0xF20100 | part << 24 | kId, 0xF20700 | part << 24 | kId,
+                               0x200100 | part << 16 | kId, input.Take<std::uint32_t>()};
+  return FrameOf(input, input.Of(ids));
+}
+
+/// What comes in a wait: a frame that answers the last sent one, an unasked one, or nothing.
+Frames Coming(Input& input, std::uint32_t last_id) {
+  const std::size_t kind = input.Below(8);
+  if (kind == 7 || input.IsOver()) return {};
+  return {kind < 5 ? FrameOf(input, last_id & ~0x80U) : UnaskedFrame(input)};
+}
+
+void Touch(KorvaneBase& hand, Finger finger) {
   if (auto* const tessel = dynamic_cast<KorvaneTessel*>(&hand)) {
-    return {[=] { tessel->GetTactileSensor3DData(Finger::THUMB); }};
+    tessel->GetTactileSensor3DData(finger);
+  } else if (auto* const raw = dynamic_cast<IBR7TactileSensor1D*>(&hand)) {
+    raw->GetTactileSensorDataRaw(finger);
+    raw->GetAllTactileSensorDataRaw();
   }
-  if (auto* const sensors = dynamic_cast<IBR7TactileSensor1D*>(&hand)) {
-    return {[=] { sensors->GetTactileSensorDataRaw(Finger::PALM); },
-            [=] { sensors->GetAllTactileSensorDataRaw(); }};
-  }
-  return {};
 }
 
-Calls ServiceCalls(KorvaneBase& hand) {
-  auto* const service = dynamic_cast<PrivateKorvane*>(&hand);
-  if (service == nullptr) return {};
-  return {[=] { service->GetAxisLimitPos(); },
-          [=] { service->GetFwVersion(); },
-          [=] { service->GetProductSerialNumber(); },
-          [=] { service->SetAllAxisPos(std::vector<std::uint16_t>(10)); },
-          [=] { service->SetAllAxisPos(std::vector<std::uint16_t>(4)); },
-          [=] { service->GetAllAxisCvp(); },
-          [=] { service->GetFingertipSensor(7); },
-          [=] { service->GetAllAxisTemp(); },
-          [=] { service->SetSingleAxisPos(1, 1); },
-          [=] { service->SaveParam(); }};
-}
-
-struct Place {
-  explicit Place(test::Rig<KorvaneBase>::Maker make) : rig(kId, HandType::RIGHT, true, make) {
-    for (const auto& more :
-         {PublicCalls(*rig.hand), TactileCalls(*rig.hand), ServiceCalls(*rig.hand)}) {
-      calls.insert(calls.end(), more.begin(), more.end());
-    }
-    rig.hand->SetFrameRecvTimeout(10);
-  }
-
-  test::Rig<KorvaneBase> rig;
-  Calls calls;
-};
-
-template <class Hand>
-Place PlaceOf() {
-  return Place(&test::MakeHand<Hand, KorvaneBase>);
+void TakeStep(CanHand& place, const std::vector<test::HandOperation>& operations, Input& input) {
+  const std::size_t kind = input.Below(8);
+  if (kind < 2) place.link->Dispatch(UnaskedFrame(input), place.link->rules);
+  if (kind >= 2 && kind < 6) input.Of(operations).call(*place.hand);
+  if (kind == 6) Touch(*place.hand, static_cast<Finger>(input.Below(9)));
+  if (kind == 7) Update(*place.hand, input.Flag());
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Place places[] = {
-      PlaceOf<KorvaneBrisaCanImpl>(),       PlaceOf<KorvaneTesselCanImpl>(),
-      PlaceOf<KorvaneQuillCanImpl>(),       PlaceOf<KorvaneLumenCanImpl>(),
-      PlaceOf<KorvaneVantaCanImpl>(),       PlaceOf<KorvaneBrisaCanPrivateImpl>(),
-      PlaceOf<KorvaneLumenCanPrivateImpl>()};
-  Input input(data, size);
-  Place& place = places[input.Byte() % std::size(places)];
-  test::RecordingDevice& device = *place.rig.device;
+void talvera::korvane::fuzz::Fuzz(Input& input) {
+  static std::vector<test::HandOperation> operations[std::size(kMakers)];
+  const std::size_t which = input.Byte();
+  const std::size_t maker = which % std::size(kMakers);
+  CanHand place(kMakers[maker]);
+  if (operations[maker].empty()) operations[maker] = OperationsOf(*place.hand);
+  place.link->rules = kRules[which / std::size(kMakers) % std::size(kRules)];
+  std::uint32_t last_id = 0;
+  place.link->on_wait = [&](const Frames& sent) {
+    if (!sent.empty()) last_id = sent.back().can_id;
+    return Coming(input, last_id);
+  };
   while (!input.IsOver()) {
-    // Nobody asked for this one. Its identifier is that of a report or an update reply, or random.
-    const std::uint8_t kind = input.Byte();
-    const std::uint32_t part = input.Byte();
-    const std::uint32_t ids[] = {9, 0xF20100 | part << 24 | kId, 0x1000100 | part << 16 | kId,
-                                 part << kind % 24};
-    const std::uint32_t id = ids[kind % std::size(ids)];
-    device.Receive(input.Frame(id));
-    device.script = [&](const CanfdFrame& sent) {
-      return std::vector<CanfdFrame>{input.Frame(sent.can_id & ~0x80U)};
-    };
-    place.calls[input.Byte() % place.calls.size()]();
-    device.script = [](const CanfdFrame&) { return std::vector<CanfdFrame>{}; };
-    device.TakeSent();
+    try {
+      TakeStep(place, operations[maker], input);
+    } catch (const std::exception&) {
+      // How some operations refuse.
+    }
   }
-  return 0;
 }

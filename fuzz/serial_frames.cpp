@@ -1,33 +1,44 @@
-// What arrives on a serial port: any bytes, in blocks of any size.
+// What arrives on a serial port: any bytes and any frames, unasked, as the answers to any
+// operation, and while an update runs.
 
-#include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <numeric>
-
-#include "protocol/serial/reply_cache.h"
-#include "serial/usb_device.h"
+#include "serial_hand.h"
+#include "support/all_operations.h"
 
 using namespace talvera::korvane;
+using namespace talvera::korvane::fuzz;
 
-/// Each block is led by its size.
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  constexpr std::size_t kMostData = 63;
-  UsbSerialDevice device("", 115200);
-  ReplyCache replies;
-  device.frame_callback_ = [&](std::uint8_t command, const std::uint8_t* bytes, std::size_t count) {
-    if (count > kMostData) std::abort();
-    volatile int sum = std::accumulate(bytes, bytes + count, 0);
-    static_cast<void>(sum);
-    replies.Store(command, bytes, count);
+namespace {
+
+/// Bytes as they are, or as the data of a frame with a good checksum.
+Bytes Arriving(Input& input) {
+  const std::uint8_t kind = input.Byte();
+  if (kind < 0x40) return input.Block();
+  const Bytes data = input.Block(63);
+  UsbFrameBuilder frame(kId, kind < 0x60 ? 0xF2 : input.Byte());
+  frame.AddData(data.data(), data.size());
+  const std::size_t size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
+  return {frame.Data(), frame.Data() + size};
+}
+
+}  // namespace
+
+void talvera::korvane::fuzz::Fuzz(Input& input) {
+  using test::operator+;
+  static const auto operations =
+      test::HandOperations(10) + test::TouchOperations() + test::ServiceOperations(10);
+  SerialHand place;
+  place.clock.on_sleep = [&](auto) {
+    place.line.Read();
+    if (!input.IsOver()) place.Receive(Arriving(input));
   };
-  while (size > 0) {
-    const std::size_t block = std::min<std::size_t>(data[0], size - 1);
-    device.TakeBlock(data + 1, block);
-    if (device.recv_buffer_pos_ > device.recv_buffer_.size()) std::abort();
-    data += 1 + block;
-    size -= 1 + block;
+  while (!input.IsOver()) {
+    const std::size_t kind = input.Below(8);
+    try {
+      if (kind < 3) place.Receive(Arriving(input));
+      if (kind >= 3 && kind < 7) input.Of(operations).call(place.hand);
+      if (kind == 7) Update(place.hand, input.Flag());
+    } catch (const std::exception&) {
+      // How some operations refuse.
+    }
   }
-  return 0;
 }

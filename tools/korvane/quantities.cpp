@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cmath>
 #include <iterator>
 #include <thread>
 
@@ -174,19 +173,6 @@ const char* NameOf(Finger finger) {
                                                  "ring", "little", "palm",  "dorsum"};
   const auto index = static_cast<std::size_t>(finger);
   return index < kNames.size() ? kNames[index] : kNames[0];
-}
-
-Json NumberOf(double value) {
-  if (std::isfinite(value) && value == std::trunc(value) && std::abs(value) < 1e15) {
-    return static_cast<std::int64_t>(value);
-  }
-  return value;
-}
-
-Json NumbersOf(const std::vector<double>& values) {
-  Json numbers = Json::array();
-  for (const double value : values) numbers.push_back(NumberOf(value));
-  return numbers;
 }
 
 std::string ErrorNames(unsigned errors) {

@@ -10,20 +10,13 @@
 
 #include "options.h"
 #include "quantities.h"
+#include "recording.h"
 #include "tool.h"
 
 // Readings of a hand at a rate, and the files that hold them: what `watch` shows, `record` writes
 // and `replay` plays.
 
 namespace korvane_tool {
-
-/// One reading of all quantities that were asked for.
-struct Sample {
-  double time_s = 0;  ///< Halfway through the requests, since the first one; never goes back.
-  /// By quantity; as many values as Sampler::Names tells.
-  std::vector<std::vector<double>> values;
-  std::vector<talvera::korvane::TactileSensorData> touch;  ///< If it was asked for.
-};
 
 /// Reads a hand again and again.
 class Sampler {
@@ -63,17 +56,6 @@ Option AddSamplingOptions(Options all, SamplingOptions& options, double least_ra
 
 /// So many failed readings one after the other, and the hand counts as gone.
 inline constexpr int kFailedReadings = 20;
-
-/// What a recording is of.
-struct RecordingHead {
-  std::string address;
-  Model model = Model::BRISA;
-  talvera::korvane::HandType side = talvera::korvane::HandType::RIGHT;
-  double rate_hz = 0;
-  std::vector<std::string> keys;  ///< Of the quantities.
-};
-
-Json ToJson(const RecordingHead& head);
 
 /// A file that a full disk can't make shorter unseen: each write is checked.
 class OutputFile {
@@ -117,18 +99,6 @@ class SampleWriter {
   RecordingHead head_;
   bool has_head_ = false;
 };
-
-/// A recording as it was read from a file.
-struct Recording {
-  RecordingHead head;
-  std::vector<Sample> samples;
-
-  /// The place of a quantity among the values; -1 if it wasn't recorded.
-  int IndexOf(const std::string& key) const;
-};
-
-/// Reads either format. Throws a usage error that names the line if anything is wrong with it.
-Recording ReadRecording(const std::string& path);
 
 /// Calls `step` `rate_hz` times a second, by a clock that doesn't drift, until it returns false or
 /// an interrupt comes. False if one came. A step that takes too long shifts those behind it.

@@ -4,7 +4,6 @@
 #include <korvane_link.h>
 #include <korvane_log.h>
 
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -113,24 +112,6 @@ int Tool::Report(const ToolError& error) const {
   document["error"]["status"] = error.Status();
   PrintJson(document);
   return error.Status();
-}
-
-std::optional<double> NumberIn(const std::string& text) {
-  double number = 0;
-  const char* const end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, number);
-  const bool whole = result.ec == std::errc() && result.ptr == end;
-  return whole ? std::optional(number) : std::nullopt;
-}
-
-std::vector<std::string> SplitAtCommas(const std::string& text) {
-  std::vector<std::string> parts;
-  std::size_t begin = 0;
-  for (std::size_t comma = 0; comma != std::string::npos; begin = comma + 1) {
-    comma = text.find(',', begin);
-    parts.push_back(text.substr(begin, comma - begin));
-  }
-  return parts;
 }
 
 std::string PlainText(const Failure& failure) {

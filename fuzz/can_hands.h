@@ -1,0 +1,86 @@
+#pragma once
+
+#include <memory>
+#include <utility>
+
+#include "protocol/can/korvane_brisa_can_impl.h"
+#include "protocol/can/korvane_lumen_can_impl.h"
+#include "protocol/can/korvane_quill_can_impl.h"
+#include "protocol/can/korvane_tessel_can_impl.h"
+#include "protocol/can/korvane_vanta_can_impl.h"
+#include "protocol/service/korvane_brisa_can_private_impl.h"
+#include "protocol/service/korvane_lumen_can_private_impl.h"
+#include "support.h"
+#include "support/recording_device.h"
+#include "update/update_progress.h"
+
+namespace talvera::korvane::fuzz {
+
+using Maker = test::Rig<KorvaneBase>::Maker;
+
+template <class Hand>
+constexpr Maker kMake = &test::MakeHand<Hand, KorvaneBase>;
+
+/// The classes of hands on CAN in the order of `Model`, then those of the service interface.
+inline constexpr Maker kMakers[] = {
+    kMake<KorvaneBrisaCanImpl>,       kMake<KorvaneTesselCanImpl>,
+    kMake<KorvaneQuillCanImpl>,       kMake<KorvaneLumenCanImpl>,
+    kMake<KorvaneVantaCanImpl>,       kMake<KorvaneBrisaCanPrivateImpl>,
+    kMake<KorvaneLumenCanPrivateImpl>};
+
+using Frames = std::vector<CanfdFrame>;
+
+/// An adapter without a thread: whoever waits for a reply is handed what comes meanwhile. A wait
+/// in which nothing comes is over at once.
+class WaitedLink final : public CanBusDeviceBase {
+ public:
+  /// What comes while somebody waits, and what was sent since the last wait.
+  std::function<Frames(const Frames& sent)> on_wait;
+  DispatchRules rules;
+
+  bool Wait() {
+    const Frames coming = on_wait(std::exchange(sent_, {}));
+    for (const CanfdFrame& frame : coming) Dispatch(frame, rules);
+    return !coming.empty();
+  }
+
+  int OpenDevice() override { return 0; }
+  int CloseDevice() override { return 0; }
+  void RecvFrame() override {}
+  int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override {
+    sent_.push_back(test::FullFrame(id, {data, data + kMaxPayload}, len));
+    return 0;
+  }
+
+ private:
+  bool TakeTurn() override {
+    frame_recv_timeout_ms_ = 60'000;
+    return true;
+  }
+  bool ReadInTurn(int) override {
+    if (!Wait()) frame_recv_timeout_ms_ = -1;
+    return true;
+  }
+
+  Frames sent_;
+};
+
+/// A hand on such an adapter, whose updates wait on a clock of its own. The shorter pauses of these
+/// are those between the frames of a packet, during which no reply is taken.
+struct CanHand {
+  explicit CanHand(Maker make) {
+    auto adapter = std::make_unique<WaitedLink>();
+    link = adapter.get();
+    hand = make(HandType::RIGHT, kId, std::move(adapter));
+    dynamic_cast<UpdateProgress&>(*hand).ota_clock = &clock;
+    clock.on_sleep = [this](auto duration) {
+      if (duration >= std::chrono::milliseconds(100)) link->Wait();
+    };
+  }
+
+  ScriptedClock clock;
+  WaitedLink* link = nullptr;
+  std::unique_ptr<KorvaneBase> hand;
+};
+
+}  // namespace talvera::korvane::fuzz

@@ -1,0 +1,15 @@
+// What the page of `korvane serve`, or whoever speaks like it, posts to move a hand.
+
+#include "serve/pose_request.h"
+#include "tool_hands.h"
+
+using namespace talvera::korvane::fuzz;
+using namespace korvane_tool;
+
+void talvera::korvane::fuzz::Fuzz(Input& input) {
+  const OpenedHand hand = ToolHand(input);
+  const Pose pose(static_cast<std::size_t>(hand.Info().positions),
+                  static_cast<short>(hand.Info().position_max / 255.0 * input.Byte()));
+  const Json body = Json::parse(input.Rest(), nullptr, false);
+  RunOrRefuse([&] { RequireWithin(PoseIn(body, hand, pose), hand.Info()); });
+}

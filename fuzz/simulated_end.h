@@ -1,0 +1,38 @@
+#pragma once
+
+#include "korvane_sim/service_face.h"
+#include "serial_frame.h"
+#include "support.h"
+
+namespace talvera::korvane::fuzz {
+
+/// A simulated hand at the other end of a link.
+struct SimulatedEnd {
+  SimulatedEnd(const sim::ModelRow& model, sim::ServiceLink link)
+      : has_service(sim::HasServiceOnCan(model)), hand(model, kId), face(hand, link) {}
+
+  std::vector<sim::Frame> OnCan(const sim::Frame& frame, Clock::TimePoint now) {
+    const bool service = has_service && frame.id == sim::kServiceIdentifier;
+    return service ? face.Handle(hand, frame, now) : hand.Handle(frame, now);
+  }
+  /// The frames that answer, one behind the other.
+  Bytes OnSerial(const Bytes& bytes, Clock::TimePoint now) {
+    const auto checksum = sim::SerialChecksum(hand.GetIdentity().software_version);
+    Bytes replies;
+    parser.Feed(bytes);
+    while (const auto frame = parser.Next(checksum)) {
+      for (const auto& reply : face.Handle(hand, frame->message, now)) {
+        const Bytes built = sim::BuildSerialFrame({kId, reply, sim::SerialTrailer::kXmodem});
+        replies.insert(replies.end(), built.begin(), built.end());
+      }
+    }
+    return replies;
+  }
+
+  bool has_service;
+  sim::SimulatedHand hand;
+  sim::ServiceFace face;
+  sim::SerialFrameParser parser;
+};
+
+}  // namespace talvera::korvane::fuzz
