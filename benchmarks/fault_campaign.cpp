@@ -3,10 +3,13 @@
 //
 //     fault_campaign requests LINK N
 //     fault_campaign cycles LINK N
+//     fault_campaign soak LINK MINUTES
 //
-// LINK is socketcan, zlg, hcan or serial. Each reply says which request it answers, so that a value
-// that belongs to another one shows. The exit status is 1 if something came out that no document
-// tells of.
+// LINK is socketcan, zlg, hcan, serial, or, through scripts/kernel-guest, kernel: SocketCAN on a
+// bus of a real kernel, in place of a pair of sockets. A soak asks for that long, opens its hand
+// anew every ten seconds, and looks whether the process grows. Each reply says which request it
+// answers, so that a value that belongs to another one shows. The exit status is 1 if something
+// came out that no document tells of.
 
 #include <linux/can.h>
 #include <poll.h>
@@ -19,17 +22,20 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <random>
+#include <ratio>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "can_socket.h"
 #include "korvane_brisa.h"
 #include "korvane_diagnostics.h"
 #include "korvane_link.h"
@@ -127,23 +133,14 @@ class CanLine : public Line {
   }
 };
 
+/// The far end of a socket for CAN FD frames.
 class SocketLine : public CanLine {
  public:
-  SocketLine() {
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends_) != 0) {
-      throw std::runtime_error("socketpair");
-    }
-    lent_.emplace(std::vector<int>{ends_[0]});
-  }
-  ~SocketLine() override {
-    lent_.reset();
-    close(ends_[0]);
-    close(ends_[1]);
-  }
+  ~SocketLine() override { close(socket_); }
   std::optional<Question> Hear() override {
-    pollfd watched{ends_[1], POLLIN, 0};
+    pollfd watched{socket_, POLLIN, 0};
     canfd_frame raw{};
-    if (poll(&watched, 1, 20) < 1 || read(ends_[1], &raw, sizeof raw) <= 0) return std::nullopt;
+    if (poll(&watched, 1, 20) < 1 || read(socket_, &raw, sizeof raw) <= 0) return std::nullopt;
     return Read(raw.can_id & CAN_EFF_MASK);
   }
   void Say(const Bytes& frame) override {
@@ -151,11 +148,36 @@ class SocketLine : public CanLine {
     raw.can_id = LoadU32(frame.data()) | CAN_EFF_FLAG;
     raw.len = static_cast<std::uint8_t>(frame.size() - 4);
     std::copy(frame.begin() + 4, frame.end(), raw.data);
-    static_cast<void>(!write(ends_[1], &raw, sizeof raw));
+    static_cast<void>(!write(socket_, &raw, sizeof raw));
+  }
+
+ protected:
+  int socket_ = -1;
+};
+
+class KernelLine : public SocketLine {
+ public:
+  KernelLine() { socket_ = bench::OpenCanSocket(); }
+};
+
+class PairLine : public SocketLine {
+ public:
+  PairLine() {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+      throw std::runtime_error("socketpair");
+    }
+    near_end_ = ends[0];
+    socket_ = ends[1];
+    lent_.emplace(std::vector<int>{near_end_});
+  }
+  ~PairLine() override {
+    lent_.reset();
+    close(near_end_);
   }
 
  private:
-  int ends_[2] = {-1, -1};
+  int near_end_ = -1;
   std::optional<test::LentSockets> lent_;
 };
 
@@ -305,8 +327,14 @@ const std::vector<unsigned> kOnCan{kPosition, kVelocity, kThreshold, kAllPositio
 
 const std::map<std::string, Link> kLinks{
     {"socketcan",
-     {[] { return std::make_unique<SocketLine>(); },
+     {[] { return std::make_unique<PairLine>(); },
       [](Line&) { return KorvaneBrisa::createHandSocketCan(HandType::RIGHT, kId, "pair"); },
+      kOnCan}},
+    {"kernel",
+     {[] { return std::make_unique<KernelLine>(); },
+      [](Line&) {
+        return KorvaneBrisa::createHandSocketCan(HandType::RIGHT, kId, bench::InterfaceName());
+      },
       kOnCan}},
     {"zlg",
      {[] { return std::make_unique<AdapterLine>(); },
@@ -396,32 +424,125 @@ void ShowProgress(long done, long all, std::chrono::steady_clock::time_point beg
   std::fprintf(stderr, "\r%ld of %ld, %.0f s", done, all, passed.count());
 }
 
-int RunRequests(const std::string& name, const Link& link, long requests) {
-  Trouble trouble;
-  const auto line = link.plug();
-  const FarEnd far_end(*line, trouble, true);
-  const auto hand = link.open(*line);
-  hand->SetFrameRecvTimeout(kTimeoutMs);
-  Tally tally(name == "serial", trouble);
-  std::mt19937 random(2);
-  const auto began = std::chrono::steady_clock::now();
-  for (long n = 1; n <= requests; ++n) {
-    const unsigned kind = link.kinds[random() % link.kinds.size()];
+/// Asks one thing after another, and sorts what comes back.
+class Asker {
+ public:
+  Asker(const std::string& name, const Link& link)
+      : link_(link),
+        line_(link.plug()),
+        far_end_(*line_, trouble_, true),
+        tally_(name == "serial", trouble_) {}
+
+  void Open() {
+    hand_ = link_.open(*line_);
+    hand_->SetFrameRecvTimeout(kTimeoutMs);
+  }
+  void Close() { hand_.reset(); }
+
+  void AskOne() {
+    const unsigned kind = link_.kinds[random_() % link_.kinds.size()];
     const bool all = kind == kAllPositions || kind == kAllCurrents;
-    const Stamp asked{static_cast<unsigned>(n),
-                      all ? 0U : 1 + static_cast<unsigned>(random()) % kMotors, kind};
-    trouble.withheld = false;
-    trouble.stray[asked.number % kNumbers] = false;
-    trouble.number = asked.number;
-    const auto answer = Checked(*hand, [&](auto& h) { return Ask(h, kind, asked.index); });
+    const Stamp asked{static_cast<unsigned>(++count_),
+                      all ? 0U : 1 + static_cast<unsigned>(random_()) % kMotors, kind};
+    trouble_.withheld = false;
+    trouble_.stray[asked.number % kNumbers] = false;
+    trouble_.number = asked.number;
+    const auto answer = Checked(*hand_, [&](auto& h) { return Ask(h, kind, asked.index); });
     // Otherwise its reply may still come.
-    if (!tally.Take(answer, asked)) trouble.stray[asked.number % kNumbers] = true;
-    if (n % 1000 == 0) ShowProgress(n, requests, began);
+    if (!tally_.Take(answer, asked)) trouble_.stray[asked.number % kNumbers] = true;
+  }
+
+  long Count() const { return count_; }
+
+  /// False if something came out that no document tells of.
+  bool Report() const {
+    for (const auto& [what, count] : tally_.counts) {
+      std::printf("  %8ld  %s\n", count, what.c_str());
+    }
+    return tally_.unsettled == 0;
+  }
+
+ private:
+  const Link& link_;
+  Trouble trouble_;
+  std::unique_ptr<Line> line_;
+  FarEnd far_end_;
+  std::unique_ptr<KorvaneBrisa> hand_;
+  Tally tally_;
+  std::mt19937 random_{2};
+  long count_ = 0;
+};
+
+int RunRequests(const std::string& name, const Link& link, long requests) {
+  Asker asker(name, link);
+  asker.Open();
+  const auto began = std::chrono::steady_clock::now();
+  while (asker.Count() < requests) {
+    asker.AskOne();
+    if (asker.Count() % 1000 == 0) ShowProgress(asker.Count(), requests, began);
   }
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
   std::printf("\n%s: %ld requests in %.0f s\n", name.c_str(), requests, took.count());
-  for (const auto& [what, count] : tally.counts) std::printf("  %8ld  %s\n", count, what.c_str());
-  return tally.unsettled == 0 ? 0 : 1;
+  return asker.Report() ? 0 : 1;
+}
+
+/// Says what the process held first and what it holds at the end. True if it didn't grow, other
+/// than by what the allocator keeps at hand of what was freed: no more than `most_heap` bytes.
+bool ReportGrowth(const test::ProcessResources& first, const test::ProcessResources& end,
+                  std::size_t most_heap) {
+  std::printf("  descriptors %zu, then %zu; threads %zu, then %zu; heap %zu, then %zu bytes\n",
+              first.descriptors, end.descriptors, first.threads, end.threads, first.heap_bytes,
+              end.heap_bytes);
+  return end.descriptors == first.descriptors && end.threads <= first.threads &&
+         end.heap_bytes <= first.heap_bytes + most_heap;
+}
+
+long ResidentKib() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return 0;
+}
+
+/// What a soak sees between two lives of its hand.
+struct SoakSample {
+  test::ProcessResources held = test::MeasureResources();
+  long resident_kib = ResidentKib();
+};
+
+/// One life of a hand in a soak.
+void AskForAWhile(Asker& asker) {
+  asker.Open();
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (std::chrono::steady_clock::now() < end) asker.AskOne();
+  asker.Close();
+}
+
+bool ReportSoak(const std::string& name, const SoakSample& first, const SoakSample& end) {
+  constexpr long kMostGrowthKib = 512;
+  constexpr std::size_t kMostHeap = 16384;
+  std::printf("%s: memory %ld, then %ld KiB\n", name.c_str(), first.resident_kib, end.resident_kib);
+  return ReportGrowth(first.held, end.held, kMostHeap) &&
+         end.resident_kib <= first.resident_kib + kMostGrowthKib;
+}
+
+int RunSoak(const std::string& name, const Link& link, double minutes) {
+  constexpr double kWarmUp = 0.2;
+  Asker asker(name, link);
+  std::optional<SoakSample> warm;
+  const auto began = std::chrono::steady_clock::now();
+  for (double passed = 0; passed < minutes;) {
+    AskForAWhile(asker);
+    passed = std::chrono::duration<double, std::ratio<60>>(std::chrono::steady_clock::now() - began)
+                 .count();
+    if (!warm && passed >= kWarmUp * minutes) warm.emplace();
+    std::printf("%.1f min, %ld requests\n", passed, asker.Count());
+    std::fflush(stdout);
+  }
+  const SoakSample end;
+  const bool flat = ReportSoak(name, warm.value_or(end), end);
+  return asker.Report() && flat ? 0 : 1;
 }
 
 /// One life of a link. False if the hand doesn't answer while it is there, or a loss isn't told.
@@ -455,30 +576,28 @@ int RunCycles(const std::string& name, const Link& link, long cycles) {
   }
   const auto end = test::MeasureResources();
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
-  const auto first = warm.value_or(end);
-  std::printf(
-      "\n%s: %ld cycles in %.0f s, %ld failed; descriptors %zu, then %zu; threads %zu, then %zu; "
-      "heap %zu, then %zu bytes\n",
-      name.c_str(), cycles, took.count(), failed, first.descriptors, end.descriptors, first.threads,
-      end.threads, first.heap_bytes, end.heap_bytes);
-  const bool flat = end.descriptors == first.descriptors && end.threads <= first.threads &&
-                    end.heap_bytes <= first.heap_bytes + 4096;
-  return flat && failed == 0 ? 0 : 1;
+  std::printf("\n%s: %ld cycles in %.0f s, %ld failed\n", name.c_str(), cycles, took.count(),
+              failed);
+  return ReportGrowth(warm.value_or(end), end, 4096) && failed == 0 ? 0 : 1;
 }
 
 int Run(const std::vector<std::string>& arguments) {
   const auto link = arguments.size() == 3 ? kLinks.find(arguments[1]) : kLinks.end();
   if (link == kLinks.end()) {
-    std::fprintf(stderr, "usage: fault_campaign requests|cycles socketcan|zlg|hcan|serial N\n");
+    std::fprintf(stderr,
+                 "usage: fault_campaign requests|cycles LINK N\n"
+                 "       fault_campaign soak LINK MINUTES\n"
+                 "LINK: socketcan, kernel, zlg, hcan or serial\n");
     return 2;
   }
   // A pair of sockets, unlike a CAN socket, ends the program when its far end is gone.
   signal(SIGPIPE, SIG_IGN);
   SetLogSink(SilentLog());
   SetDefaultReceiving(Receiving::BY_EVENTS);
+  const auto& [name, way] = *link;
+  if (arguments[0] == "soak") return RunSoak(name, way, std::stod(arguments[2]));
   const long count = std::stol(arguments[2]);
-  return arguments[0] == "cycles" ? RunCycles(link->first, link->second, count)
-                                  : RunRequests(link->first, link->second, count);
+  return arguments[0] == "cycles" ? RunCycles(name, way, count) : RunRequests(name, way, count);
 }
 
 }  // namespace

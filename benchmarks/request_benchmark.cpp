@@ -59,7 +59,8 @@ class InstantDevice : public CanBusDeviceBase {
   int OpenDevice() override { return 0; }
   int CloseDevice() override { return 0; }
   void RecvFrame() override {}
-  int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override {
+  int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override
+      KORVANE_REQUIRES(request_mutex_) {
     CanfdFrame& reply = umap_rep_[matched_rep_id_(id)];
     reply.can_id = id;
     reply.len = len;

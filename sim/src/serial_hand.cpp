@@ -7,8 +7,8 @@
 #include <array>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <iostream>
-#include <mutex>
 #include <random>
 #include <system_error>
 #include <thread>
@@ -17,6 +17,7 @@
 #include "serial_frame.h"
 #include "serial_line.h"
 #include "util/clock.h"
+#include "util/guarded.h"
 
 namespace talvera::korvane::sim {
 namespace {
@@ -70,29 +71,29 @@ class SerialHand::Impl {
 
   ~Impl() {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       stopping_ = true;
     }
     Wake();
     thread_.join();
   }
 
-  /// Runs `action` on this object between two steps of the thread, which looks for what it did.
-  template <class Action>
-  auto Locked(Action action) {
-    const std::lock_guard lock(mutex_);
+  /// Calls a member function between two steps of the thread, which looks for what it did.
+  template <class Function, class... Arguments>
+  auto Locked(Function function, Arguments&&... arguments) {
+    const MutexLock lock(mutex_);
     Wake();
-    return action(*this);
+    return std::invoke(function, *this, std::forward<Arguments>(arguments)...);
   }
 
-  std::string Path() const { return link_.empty() ? device_ : link_; }
-  const std::string& Device() const { return device_; }
-  ServiceSettings Settings() {
+  std::string Path() const KORVANE_REQUIRES(mutex_) { return link_.empty() ? device_ : link_; }
+  const std::string& Device() const KORVANE_REQUIRES(mutex_) { return device_; }
+  ServiceSettings Settings() KORVANE_REQUIRES(mutex_) {
     face_.Follow(hand_, clock_.Now());
     return face_.Settings();
   }
 
-  void Plug() {
+  void Plug() KORVANE_REQUIRES(mutex_) {
     replug_at_.reset();
     if (line_) return;
     line_ = std::make_unique<SerialLine>(link_);
@@ -101,32 +102,34 @@ class SerialHand::Impl {
 
   /// The thread lets go of the line before it is closed.
   void Unplug() {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     replug_at_.reset();
     if (!line_) return;
     DropTraffic();
     unplugged_ = std::move(line_);
     Wake();
-    settled_.wait(lock, [this] { return unplugged_ == nullptr; });
+    settled_.wait(lock, [this]() KORVANE_REQUIRES(mutex_) { return unplugged_ == nullptr; });
   }
 
-  void SetFaults(const SerialFaults& faults) {
+  void SetFaults(const SerialFaults& faults) KORVANE_REQUIRES(mutex_) {
     faults_ = faults;
     emitted_ = received_ = 0;
   }
 
-  void WithHand(const std::function<void(SimulatedHand&)>& action) {
+  void WithHand(const std::function<void(SimulatedHand&)>& action) KORVANE_REQUIRES(mutex_) {
     hand_.Advance(clock_.Now());
     action(hand_);
     face_.Follow(hand_, clock_.Now());
   }
-  void Restart() { face_.Restart(hand_, clock_.Now()); }
-  void Say(const ServiceMessage& message) {
+  void Restart() KORVANE_REQUIRES(mutex_) { face_.Restart(hand_, clock_.Now()); }
+  void Say(const ServiceMessage& message) KORVANE_REQUIRES(mutex_) {
     Send(BuildSerialFrame({face_.DeviceId(), message, SerialTrailer::kXmodem}));
   }
-  void Send(const Bytes& bytes) { output_.push_back({clock_.Now(), bytes}); }
+  void Send(const Bytes& bytes) KORVANE_REQUIRES(mutex_) {
+    output_.push_back({clock_.Now(), bytes});
+  }
 
-  SerialStatistics Statistics() const {
+  SerialStatistics Statistics() const KORVANE_REQUIRES(mutex_) {
     SerialStatistics statistics = statistics_;
     statistics.rejected = parser_.Rejected();
     return statistics;
@@ -141,7 +144,7 @@ class SerialHand::Impl {
   void Wake() const { eventfd_write(wake_.Get(), 1); }
 
   void Serve() {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     while (!stopping_) {
       unplugged_.reset();
       settled_.notify_all();
@@ -155,7 +158,7 @@ class SerialHand::Impl {
     }
   }
 
-  void DoWhatIsDue(TimePoint now) {
+  void DoWhatIsDue(TimePoint now) KORVANE_REQUIRES(mutex_) {
     if (replug_at_ && *replug_at_ <= now) Replug();
     for (const auto& upload : face_.TakeDue(hand_, now)) {
       Emit({face_.DeviceId(), upload, SerialTrailer::kXmodem}, now);
@@ -165,11 +168,11 @@ class SerialHand::Impl {
     }
   }
 
-  void Replug() try { Plug(); } catch (const std::runtime_error& error) {
+  void Replug() KORVANE_REQUIRES(mutex_) try { Plug(); } catch (const std::runtime_error& error) {
     std::cerr << std::string("korvane-sim: ") + error.what() + "\n";
   }
 
-  std::optional<std::chrono::nanoseconds> TimeToNext() const {
+  std::optional<std::chrono::nanoseconds> TimeToNext() const KORVANE_REQUIRES(mutex_) {
     std::optional<TimePoint> next = face_.NextEvent();
     const auto consider = [&](TimePoint time) { next = next ? std::min(*next, time) : time; };
     if (replug_at_) consider(*replug_at_);
@@ -178,16 +181,18 @@ class SerialHand::Impl {
     return std::clamp<std::chrono::nanoseconds>(*next - clock_.Now(), kTick * 0, kTick);
   }
 
-  UpdateChecksum Checksum() { return SerialChecksum(hand_.GetIdentity().software_version); }
+  UpdateChecksum Checksum() KORVANE_REQUIRES(mutex_) {
+    return SerialChecksum(hand_.GetIdentity().software_version);
+  }
 
-  void TakeInput() {
+  void TakeInput() KORVANE_REQUIRES(mutex_) {
     if (!line_) return;
     parser_.Feed(line_->Read());
     const TimePoint now = clock_.Now();
     while (const auto frame = parser_.Next(Checksum())) Take(*frame, now);
   }
 
-  void Take(const SerialFrame& frame, TimePoint now) {
+  void Take(const SerialFrame& frame, TimePoint now) KORVANE_REQUIRES(mutex_) {
     const std::uint16_t id = face_.DeviceId();
     if (frame.device_id != id && frame.device_id != kEveryone) {
       ++statistics_.other_id;
@@ -208,16 +213,16 @@ class SerialHand::Impl {
     }
   }
 
-  void DropTraffic() {
+  void DropTraffic() KORVANE_REQUIRES(mutex_) {
     parser_.Clear();
     output_.clear();
   }
 
-  bool Happens(double share) {
+  bool Happens(double share) KORVANE_REQUIRES(mutex_) {
     return share > 0.0 && std::uniform_real_distribution<>(0.0, 1.0)(random_) < share;
   }
 
-  void Emit(const SerialFrame& frame, TimePoint now) {
+  void Emit(const SerialFrame& frame, TimePoint now) KORVANE_REQUIRES(mutex_) {
     if (faults_.silent_after && emitted_ >= *faults_.silent_after) return;
     ++emitted_;
     ++statistics_.from_hand;
@@ -249,7 +254,7 @@ class SerialHand::Impl {
   }
 
   /// Nothing overtakes on a line.
-  void Schedule(const Bytes& wire, TimePoint now) {
+  void Schedule(const Bytes& wire, TimePoint now) KORVANE_REQUIRES(mutex_) {
     const double share = std::uniform_real_distribution<>(0.0, 1.0)(random_);
     TimePoint due = now + faults_.delay +
                     std::chrono::duration_cast<std::chrono::nanoseconds>(faults_.jitter * share);
@@ -266,23 +271,23 @@ class SerialHand::Impl {
 
   Clock& clock_;
   const std::string link_;
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable settled_;
-  SimulatedHand hand_;
-  ServiceFace face_;
-  SerialFrameParser parser_;
-  std::unique_ptr<SerialLine> line_;  ///< Null while it is unplugged.
-  std::unique_ptr<SerialLine> unplugged_;
-  std::string device_;
-  std::optional<TimePoint> replug_at_;
-  std::deque<Output> output_;
-  SerialFaults faults_;
-  std::uint64_t emitted_ = 0;
-  std::uint64_t received_ = 0;
-  SerialStatistics statistics_;
-  std::mt19937_64 random_;
+  SimulatedHand hand_ KORVANE_GUARDED_BY(mutex_);
+  ServiceFace face_ KORVANE_GUARDED_BY(mutex_);
+  SerialFrameParser parser_ KORVANE_GUARDED_BY(mutex_);
+  std::unique_ptr<SerialLine> line_ KORVANE_GUARDED_BY(mutex_);  ///< Null while it is unplugged.
+  std::unique_ptr<SerialLine> unplugged_ KORVANE_GUARDED_BY(mutex_);
+  std::string device_ KORVANE_GUARDED_BY(mutex_);
+  std::optional<TimePoint> replug_at_ KORVANE_GUARDED_BY(mutex_);
+  std::deque<Output> output_ KORVANE_GUARDED_BY(mutex_);
+  SerialFaults faults_ KORVANE_GUARDED_BY(mutex_);
+  std::uint64_t emitted_ KORVANE_GUARDED_BY(mutex_) = 0;
+  std::uint64_t received_ KORVANE_GUARDED_BY(mutex_) = 0;
+  SerialStatistics statistics_ KORVANE_GUARDED_BY(mutex_);
+  std::mt19937_64 random_ KORVANE_GUARDED_BY(mutex_);
   UniqueFd wake_;
-  bool stopping_ = false;
+  bool stopping_ KORVANE_GUARDED_BY(mutex_) = false;
   std::thread thread_;
 };
 
@@ -292,36 +297,20 @@ SerialHand::SerialHand(SimulatedHand hand, std::string link, Clock& clock, std::
     : impl_(std::make_unique<Impl>(std::move(hand), std::move(link), clock, seed)) {}
 SerialHand::~SerialHand() = default;
 
-std::string SerialHand::Path() const {
-  return impl_->Locked([](Impl& impl) { return impl.Path(); });
-}
-std::string SerialHand::Device() const {
-  return impl_->Locked([](Impl& impl) { return impl.Device(); });
-}
+std::string SerialHand::Path() const { return impl_->Locked(&Impl::Path); }
+std::string SerialHand::Device() const { return impl_->Locked(&Impl::Device); }
 void SerialHand::Unplug() { impl_->Unplug(); }
-void SerialHand::Plug() {
-  impl_->Locked([](Impl& impl) { impl.Plug(); });
-}
-void SerialHand::SetFaults(const SerialFaults& faults) {
-  impl_->Locked([&](Impl& impl) { impl.SetFaults(faults); });
-}
+void SerialHand::Plug() { impl_->Locked(&Impl::Plug); }
+void SerialHand::SetFaults(const SerialFaults& faults) { impl_->Locked(&Impl::SetFaults, faults); }
 void SerialHand::WithHand(const std::function<void(SimulatedHand&)>& action) {
-  impl_->Locked([&](Impl& impl) { impl.WithHand(action); });
+  impl_->Locked(&Impl::WithHand, action);
 }
-ServiceSettings SerialHand::Settings() const {
-  return impl_->Locked([](Impl& impl) { return impl.Settings(); });
-}
-void SerialHand::Restart() {
-  impl_->Locked([](Impl& impl) { impl.Restart(); });
-}
-void SerialHand::Say(const ServiceMessage& message) {
-  impl_->Locked([&](Impl& impl) { impl.Say(message); });
-}
+ServiceSettings SerialHand::Settings() const { return impl_->Locked(&Impl::Settings); }
+void SerialHand::Restart() { impl_->Locked(&Impl::Restart); }
+void SerialHand::Say(const ServiceMessage& message) { impl_->Locked(&Impl::Say, message); }
 void SerialHand::SayRaw(const std::vector<std::uint8_t>& bytes) {
-  impl_->Locked([&](Impl& impl) { impl.Send(bytes); });
+  impl_->Locked(&Impl::Send, bytes);
 }
-SerialStatistics SerialHand::Statistics() const {
-  return impl_->Locked([](Impl& impl) { return impl.Statistics(); });
-}
+SerialStatistics SerialHand::Statistics() const { return impl_->Locked(&Impl::Statistics); }
 
 }  // namespace talvera::korvane::sim

@@ -62,16 +62,17 @@ class CanBusDeviceBase::Exchange {
  public:
   Exchange(CanBusDeviceBase& device, const CanfdFrame& frame, bool multi_frame)
       : device_(device), id_(frame.can_id) {
-    std::unique_lock lock(device_.request_mutex_);
-    device_.drain_cv_.wait(
-        lock, [this] { return device_.pending_req_ids_.empty() && !device_.exchange_running_; });
+    MutexLock lock(device_.request_mutex_);
+    device_.drain_cv_.wait(lock, [this]() KORVANE_REQUIRES(device_.request_mutex_) {
+      return device_.pending_req_ids_.empty() && !device_.exchange_running_;
+    });
     ++device_.counters_.requests;
     device_.exchange_running_ = true;
     try {
       Begin(lock, frame, multi_frame);
     } catch (...) {
       if (!lock.owns_lock()) lock.lock();
-      Finish();
+      device_.Finish(*this);
       throw;
     }
   }
@@ -81,8 +82,8 @@ class CanBusDeviceBase::Exchange {
 
   ~Exchange() {
     if (finished_) return;
-    const std::lock_guard lock(device_.request_mutex_);
-    Finish();
+    const MutexLock lock(device_.request_mutex_);
+    device_.Finish(*this);
   }
 
   /// Waits for what may be the reply, for up to `ms`: callers look into the tables again. `lock`
@@ -97,20 +98,13 @@ class CanBusDeviceBase::Exchange {
     lock.lock();
   }
 
-  /// For a caller that holds `request_mutex_`: the reply and the identifier must go in one step,
-  /// since a duplicate that came between them would be taken by the next request.
-  void Finish() {
-    finished_ = true;
-    if (reads_) device_.GiveTurnBack();
-    device_.exchange_running_ = false;
-    device_.spare_request_.TakeOut(device_.pending_req_ids_, id_);
-    if (device_.pending_req_ids_.empty()) device_.drain_cv_.notify_all();
-  }
-
  private:
+  friend class CanBusDeviceBase;
+
   /// Takes the turn to read before the frame goes out, as the reply may be there before this thread
   /// goes on.
-  void Begin(std::unique_lock<std::mutex>& lock, const CanfdFrame& frame, bool multi_frame) {
+  void Begin(std::unique_lock<std::mutex>& lock, const CanfdFrame& frame, bool multi_frame)
+      KORVANE_REQUIRES(device_.request_mutex_) {
     lock.unlock();
     reads_ = device_.TakeTurn();
     lock.lock();
@@ -127,6 +121,14 @@ class CanBusDeviceBase::Exchange {
   /// This thread reads for itself.
   bool reads_ = false;
 };
+
+void CanBusDeviceBase::Finish(Exchange& exchange) {
+  exchange.finished_ = true;
+  if (exchange.reads_) GiveTurnBack();
+  exchange_running_ = false;
+  spare_request_.TakeOut(pending_req_ids_, exchange.id_);
+  if (pending_req_ids_.empty()) drain_cv_.notify_all();
+}
 
 /// Counts down the reply time-out, which an application may change while a request waits. On the
 /// monotonic clock, so that a step of the wall clock neither stretches nor cuts a wait.
@@ -149,13 +151,13 @@ class CanBusDeviceBase::ReplyTimer {
 CanBusDeviceBase::~CanBusDeviceBase() { SetSerializedRequestQueue(false); }
 
 void CanBusDeviceBase::SetMsgMatchJudge(MatchJudge judge) {
-  const std::lock_guard lock(request_mutex_);
+  const MutexLock lock(request_mutex_);
   msg_match_judge_.swap(judge);
 }
 
 void CanBusDeviceBase::BindCallbacks(ProcessMessage process, MatchedReplyId reply_id,
                                      MatchJudge judge) {
-  const std::lock_guard lock(request_mutex_);
+  const MutexLock lock(request_mutex_);
   process_msg_.swap(process);
   matched_rep_id_.swap(reply_id);
   msg_match_judge_.swap(judge);
@@ -210,17 +212,17 @@ CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {
   LogFrame(" SND: ", frame);
   const ReplyTimer timer(*this);
   const std::uint32_t key = ReplyKey(frame.can_id);
-  std::unique_lock lock(request_mutex_);
+  MutexLock lock(request_mutex_);
   while (true) {
     if (const auto reply = TakeReply(key)) {
-      exchange.Finish();
+      Finish(exchange);
       counters_.CountReply();
       last_request_time_ = SystemNanoseconds();
       return *reply;
     }
     const std::int64_t remaining = timer.RemainingMs();
     if (remaining <= 0) {
-      exchange.Finish();
+      Finish(exchange);
       ++counters_.timeouts;
       throw LinkError(FailureKind::NO_REPLY,
                       Compose(FormatFrame(frame), " request timeout (", timer.TimeoutMs(), "ms)"));
@@ -230,7 +232,7 @@ CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {
 }
 
 std::uint32_t CanBusDeviceBase::ReplyKey(std::uint32_t request_id) {
-  const std::lock_guard lock(request_mutex_);
+  const MutexLock lock(request_mutex_);
   return matched_rep_id_(request_id);
 }
 
@@ -308,7 +310,7 @@ std::uint8_t CanBusDeviceBase::AwaitFirstFrame(Exchange& exchange, const CanfdFr
                                                std::uint32_t key, std::uint8_t expected_frames,
                                                GatheredFrames& result) {
   const ReplyTimer timer(*this);
-  std::unique_lock lock(request_mutex_);
+  MutexLock lock(request_mutex_);
   while (true) {
     if (const auto first = TakeMultiFrame(key, 0)) {
       result.frames.push_back(*first);
@@ -342,7 +344,7 @@ std::uint8_t CanBusDeviceBase::AwaitFirstFrame(Exchange& exchange, const CanfdFr
 std::optional<CanfdFrame> CanBusDeviceBase::AwaitLaterFrame(Exchange& exchange, std::uint32_t key,
                                                             std::uint8_t index) {
   const ReplyTimer timer(*this);
-  std::unique_lock lock(request_mutex_);
+  MutexLock lock(request_mutex_);
   while (true) {
     if (const auto frame = TakeMultiFrame(key, index)) return frame;
     const std::int64_t remaining = timer.RemainingMs();
@@ -354,7 +356,7 @@ std::optional<CanfdFrame> CanBusDeviceBase::AwaitLaterFrame(Exchange& exchange, 
 std::string CanBusDeviceBase::DescribeMissingFrame(std::uint32_t request_id, std::uint32_t key,
                                                    std::uint8_t index, std::uint8_t total,
                                                    const std::vector<CanfdFrame>& result) {
-  const std::lock_guard lock(request_mutex_);
+  const MutexLock lock(request_mutex_);
   std::string text = Compose(
       "[DEBUG][MultiFrame] timeout waiting for frame ", index, '/', total, " | req_id=0x",
       Hex(request_id), " | rep_id=0x", Hex(key), " | frames_received=", result.size(),
@@ -404,7 +406,7 @@ bool CanBusDeviceBase::StoreReply(const CanfdFrame& frame, const DispatchRules& 
   const std::uint32_t frame_id = frame.can_id & kCanIdMask;
   const std::uint8_t type = MessageType(frame.can_id);
   bool matched = false;
-  const std::lock_guard lock(request_mutex_);
+  const MutexLock lock(request_mutex_);
   const bool can_match = msg_match_judge_ && (matched_rep_id_ || !rules.consume_every_match);
   for (auto id = pending_req_ids_.begin(); can_match && id != pending_req_ids_.end();) {
     if (!msg_match_judge_(*id & kCanIdMask, frame_id)) {
@@ -432,7 +434,7 @@ void CanBusDeviceBase::HandOver(const CanfdFrame& frame) {
   {
     // The callback may be bound while frames already come in; it runs outside the lock, so that
     // it may send.
-    const std::lock_guard lock(request_mutex_);
+    const MutexLock lock(request_mutex_);
     process = process_msg_;
   }
   if (process) Guarded("ProcessMsg", [&] { process(frame); });

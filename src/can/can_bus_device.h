@@ -19,6 +19,7 @@
 
 #include "can/can_frame.h"
 #include "can/dispatch_rules.h"
+#include "util/guarded.h"
 #include "util/observable_link.h"
 #include "util/spare_node.h"
 #include "util/text.h"
@@ -33,10 +34,9 @@ namespace talvera::korvane {
 ///
 /// Threads: any number of application threads, and one receive thread. Where the adapter lets a
 /// waiting caller read for itself, what is said here of received frames happens on that caller's
-/// thread meanwhile, other than `process_msg_`. `request_mutex_` guards the four tables and the
-/// three callbacks; it is held while a frame is sent, so that a fast reply can't be looked at
-/// before its request is recorded. Lock order: an item's mutex, `serialized_queue_mutex_`,
-/// `request_mutex_`, the log mutex.
+/// thread meanwhile, other than `process_msg_`. `request_mutex_` is held while a frame is sent, so
+/// that a fast reply can't be looked at before its request is recorded. Lock order: an item's
+/// mutex, `serialized_queue_mutex_`, `request_mutex_`, the log mutex.
 class CanBusDeviceBase : public ObservableLink {
  public:
   using ProcessMessage = std::function<void(const CanfdFrame&)>;
@@ -47,6 +47,7 @@ class CanBusDeviceBase : public ObservableLink {
     CanfdFrame frame;
     int priority = 0;
     std::uint64_t sequence = 0;
+    /// Held by the caller for its whole call, which others wait for: a turn, no guard of members.
     std::mutex mutex;
     std::condition_variable cv;
     std::atomic<bool> done{false};
@@ -125,19 +126,20 @@ class CanBusDeviceBase : public ObservableLink {
   static void LogUnmatched(const CanfdFrame& frame);
 
   std::atomic<bool> stop_flag_{false};
-  ProcessMessage process_msg_;
-  MatchJudge msg_match_judge_;
-  MatchedReplyId matched_rep_id_;
+  ProcessMessage process_msg_ KORVANE_GUARDED_BY(request_mutex_);
+  MatchJudge msg_match_judge_ KORVANE_GUARDED_BY(request_mutex_);
+  MatchedReplyId matched_rep_id_ KORVANE_GUARDED_BY(request_mutex_);
   std::unique_ptr<std::thread> recv_thread_;
 
-  std::mutex request_mutex_;
+  Mutex request_mutex_;
   std::condition_variable reply_cv_;
   std::condition_variable drain_cv_;
-  std::unordered_set<std::uint32_t> pending_req_ids_;
+  std::unordered_set<std::uint32_t> pending_req_ids_ KORVANE_GUARDED_BY(request_mutex_);
   /// Message types (identifier byte 2) whose replies come in several frames. Only grows.
-  std::unordered_set<std::uint8_t> multiframe_types_;
-  std::unordered_map<std::uint32_t, CanfdFrame> umap_rep_;
-  std::unordered_map<std::uint32_t, std::map<std::uint8_t, CanfdFrame>> umap_multiframe_rep_;
+  std::unordered_set<std::uint8_t> multiframe_types_ KORVANE_GUARDED_BY(request_mutex_);
+  std::unordered_map<std::uint32_t, CanfdFrame> umap_rep_ KORVANE_GUARDED_BY(request_mutex_);
+  std::unordered_map<std::uint32_t, std::map<std::uint8_t, CanfdFrame>> umap_multiframe_rep_
+      KORVANE_GUARDED_BY(request_mutex_);
 
   std::atomic<bool> show_data_details_{false};
   /// System clock, nanoseconds.
@@ -146,8 +148,9 @@ class CanBusDeviceBase : public ObservableLink {
   std::atomic<int> frame_recv_timeout_ms_{50};
 
   std::atomic<bool> serialized_queue_enabled_{true};
-  std::deque<std::shared_ptr<SerializedRequestItem>> serialized_queue_;
-  std::mutex serialized_queue_mutex_;
+  std::deque<std::shared_ptr<SerializedRequestItem>> serialized_queue_
+      KORVANE_GUARDED_BY(serialized_queue_mutex_);
+  Mutex serialized_queue_mutex_;
   std::condition_variable serialized_queue_cv_;
   std::atomic<std::uint64_t> serialized_sequence_{0};
 
@@ -197,9 +200,13 @@ class CanBusDeviceBase : public ObservableLink {
   struct ExchangeResult;
 
   std::uint32_t ReplyKey(std::uint32_t request_id);
-  std::optional<CanfdFrame> TakeReply(std::uint32_t key);
-  std::optional<CanfdFrame> TakeSingleFrame(std::uint32_t key);
-  std::optional<CanfdFrame> TakeMultiFrame(std::uint32_t key, std::uint8_t index);
+  /// The reply and the identifier must go in one step, since a duplicate that came between them
+  /// would be taken by the next request.
+  void Finish(Exchange& exchange) KORVANE_REQUIRES(request_mutex_);
+  std::optional<CanfdFrame> TakeReply(std::uint32_t key) KORVANE_REQUIRES(request_mutex_);
+  std::optional<CanfdFrame> TakeSingleFrame(std::uint32_t key) KORVANE_REQUIRES(request_mutex_);
+  std::optional<CanfdFrame> TakeMultiFrame(std::uint32_t key, std::uint8_t index)
+      KORVANE_REQUIRES(request_mutex_);
 
   /// The way of every frame of the request engine to the adapter. What SendFrame returned.
   int Transmit(CanfdFrame frame);
@@ -223,12 +230,13 @@ class CanBusDeviceBase : public ObservableLink {
 
   /// At most one exchange runs on a device. The pending set alone can't tell: an adapter that
   /// consumes matches empties it before the requester has taken its reply.
-  bool exchange_running_ = false;
+  bool exchange_running_ KORVANE_GUARDED_BY(request_mutex_) = false;
 
   // What a request needs and leaves behind, for the next one.
-  SpareNode<std::unordered_set<std::uint32_t>> spare_request_;
-  SpareNode<std::unordered_map<std::uint32_t, CanfdFrame>> spare_reply_;
-  std::shared_ptr<SerializedRequestItem> spare_item_;
+  SpareNode<std::unordered_set<std::uint32_t>> spare_request_ KORVANE_GUARDED_BY(request_mutex_);
+  SpareNode<std::unordered_map<std::uint32_t, CanfdFrame>> spare_reply_
+      KORVANE_GUARDED_BY(request_mutex_);
+  std::shared_ptr<SerializedRequestItem> spare_item_ KORVANE_GUARDED_BY(serialized_queue_mutex_);
 };
 
 /// "[CANID:..][DATA:..]": the identifier in 3 hexadecimal digits up to 0x7FF and in 8 above it,

@@ -35,7 +35,7 @@ CanfdFrame CanBusDeviceBase::SendRequestSynch(const CanfdFrame& frame, int prior
   };
   const Recycled made{*this, MakeItem(frame, priority)};
   {
-    const std::lock_guard lock(serialized_queue_mutex_);
+    const MutexLock lock(serialized_queue_mutex_);
     serialized_queue_.push_back(made.item);
     serialized_queue_cv_.notify_one();
   }
@@ -44,7 +44,7 @@ CanfdFrame CanBusDeviceBase::SendRequestSynch(const CanfdFrame& frame, int prior
 
 std::shared_ptr<CanBusDeviceBase::SerializedRequestItem> CanBusDeviceBase::MakeItem(
     const CanfdFrame& frame, int priority) {
-  std::unique_lock lock(serialized_queue_mutex_);
+  MutexLock lock(serialized_queue_mutex_);
   auto item = std::exchange(spare_item_, nullptr);
   lock.unlock();
   if (!item) item = std::make_shared<SerializedRequestItem>();
@@ -61,7 +61,7 @@ std::shared_ptr<CanBusDeviceBase::SerializedRequestItem> CanBusDeviceBase::MakeI
 
 /// Keeps an item for the next request, unless another thread still has it.
 void CanBusDeviceBase::RecycleItem(std::shared_ptr<SerializedRequestItem> item) {
-  const std::lock_guard lock(serialized_queue_mutex_);
+  const MutexLock lock(serialized_queue_mutex_);
   if (item.use_count() == 1) spare_item_ = std::move(item);
 }
 
@@ -93,9 +93,10 @@ CanfdFrame CanBusDeviceBase::RunQueue(const std::shared_ptr<SerializedRequestIte
 
 /// Waits for an item and takes the best one out of the queue. Null once the queue is disabled.
 std::shared_ptr<CanBusDeviceBase::SerializedRequestItem> CanBusDeviceBase::ElectItem() {
-  std::unique_lock lock(serialized_queue_mutex_);
-  serialized_queue_cv_.wait(
-      lock, [this] { return !serialized_queue_.empty() || !serialized_queue_enabled_; });
+  MutexLock lock(serialized_queue_mutex_);
+  serialized_queue_cv_.wait(lock, [this]() KORVANE_REQUIRES(serialized_queue_mutex_) {
+    return !serialized_queue_.empty() || !serialized_queue_enabled_;
+  });
   if (!serialized_queue_enabled_) return nullptr;
   auto best = serialized_queue_.begin();
   for (auto candidate = best; candidate != serialized_queue_.end(); ++candidate) {
@@ -111,7 +112,7 @@ std::shared_ptr<CanBusDeviceBase::SerializedRequestItem> CanBusDeviceBase::Elect
 }
 
 void CanBusDeviceBase::WithdrawItem(const std::shared_ptr<SerializedRequestItem>& item) {
-  const std::lock_guard lock(serialized_queue_mutex_);
+  const MutexLock lock(serialized_queue_mutex_);
   for (auto it = serialized_queue_.begin(); it != serialized_queue_.end(); ++it) {
     if (*it != item) continue;
     serialized_queue_.erase(it);
@@ -132,7 +133,7 @@ CanBusDeviceBase::ExchangeResult CanBusDeviceBase::RunExchange(const CanfdFrame&
 
 void CanBusDeviceBase::SetSerializedRequestQueue(bool enabled) {
   if (serialized_queue_enabled_.exchange(enabled) == enabled || enabled) return;
-  const std::lock_guard lock(serialized_queue_mutex_);
+  const MutexLock lock(serialized_queue_mutex_);
   serialized_queue_cv_.notify_all();
 }
 

@@ -49,14 +49,15 @@ class Listener {
   explicit Listener(CanBusDeviceBase& device) : device_(device) {
     device_.BindCallbacks([heard = heard_](const CanfdFrame& frame) { heard->Take(frame); },
                           [heard = heard_](std::uint32_t) { return heard->judged; },
-                          [&device, heard = heard_](std::uint32_t, std::uint32_t received) {
-                            // What is stored under that identifier is about to be replaced.
-                            const auto stored = device.umap_rep_.find(received);
-                            if (stored != device.umap_rep_.end()) heard->Take(stored->second);
-                            heard->judged = received;
-                            return IsDeviceRecord(received);
-                          });
-    const std::lock_guard lock(device_.request_mutex_);
+                          [&device, heard = heard_](std::uint32_t, std::uint32_t received)
+                              KORVANE_REQUIRES(device.request_mutex_) {
+                                // What is stored under that identifier is about to be replaced.
+                                const auto stored = device.umap_rep_.find(received);
+                                if (stored != device.umap_rep_.end()) heard->Take(stored->second);
+                                heard->judged = received;
+                                return IsDeviceRecord(received);
+                              });
+    const MutexLock lock(device_.request_mutex_);
     device_.pending_req_ids_.insert(kListening);
   }
   Listener(const Listener&) = delete;
@@ -64,7 +65,7 @@ class Listener {
 
   ~Listener() {
     device_.BindCallbacks({}, {}, {});
-    const std::lock_guard lock(device_.request_mutex_);
+    const MutexLock lock(device_.request_mutex_);
     device_.pending_req_ids_.erase(kListening);
     device_.umap_rep_.clear();
     device_.drain_cv_.notify_all();
@@ -73,7 +74,7 @@ class Listener {
   /// Those that have answered so far, as family and id.
   std::vector<BusHand> Hands() {
     {
-      const std::lock_guard lock(device_.request_mutex_);
+      const MutexLock lock(device_.request_mutex_);
       for (const auto& stored : device_.umap_rep_) heard_->Take(stored.second);
     }
     const MutexLock lock(heard_->mutex);

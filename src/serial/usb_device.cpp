@@ -75,7 +75,7 @@ bool UsbSerialDevice::Reconnect() {
 // The library opens and closes without a look at who writes. A write between the two is refused,
 // not held up until the device is back.
 void UsbSerialDevice::OpenPort() {
-  const std::lock_guard lock(write_mutex_);
+  const MutexLock lock(write_mutex_);
   PortClaim claim(getPort(), getBaudrate());
   errno = 0;
   try {
@@ -91,7 +91,7 @@ void UsbSerialDevice::OpenPort() {
 }
 
 void UsbSerialDevice::ClosePort() {
-  const std::lock_guard lock(write_mutex_);
+  const MutexLock lock(write_mutex_);
   if (isOpen()) close();
   claim_ = PortClaim();
 }
@@ -114,7 +114,7 @@ std::size_t UsbSerialDevice::ReadRaw(std::uint8_t* data, std::size_t size) {
 }
 
 std::size_t UsbSerialDevice::WriteRaw(const std::uint8_t* data, std::size_t size) {
-  const std::lock_guard lock(write_mutex_);
+  const MutexLock lock(write_mutex_);
   EnforceRequestInterval();
   PrintFrame(data, size, true);
   pause_clock_->SleepFor(kPause);
@@ -156,21 +156,19 @@ std::size_t UsbSerialDevice::SendFrame(std::uint16_t device_id, std::uint8_t com
 UsbSerialDevice::Exchanged UsbSerialDevice::Exchange(const std::uint8_t* data, std::size_t size) {
   ++counters_.requests;
   const bool by_events = by_events_;
-  std::unique_lock lock(reply_mutex_, std::defer_lock);
   if (by_events) {
-    lock.lock();
+    const MutexLock lock(reply_mutex_);
     AwaitReplies();
-    lock.unlock();
   }
   const bool sent = WriteRaw(data, size) == size;
-  lock.lock();
+  MutexLock lock(reply_mutex_);
   // Unless the application asked for events, cleared only after the write and its pause: a reply
   // that is already there is lost, and the request times out. Applications rely on it that a frame
   // from before the request, such as a report, doesn't answer it. One that comes during the wait
   // does, whatever it is about.
   if (!by_events) AwaitReplies();
   reply_cv_.wait_for(lock, milliseconds(frame_recv_timeout_ms_),
-                     [this] { return reply_received_; });
+                     [this]() KORVANE_REQUIRES(reply_mutex_) { return reply_received_; });
   reply_awaited_ = false;
   if (reply_received_) counters_.CountReply();
   if (reply_received_) return Exchanged::kReplied;
@@ -179,7 +177,7 @@ UsbSerialDevice::Exchanged UsbSerialDevice::Exchange(const std::uint8_t* data, s
   return Exchanged::kNoReply;
 }
 
-/// The next frame answers. The caller holds `reply_mutex_`.
+/// The next frame answers.
 void UsbSerialDevice::AwaitReplies() {
   reply_received_ = false;
   reply_awaited_ = true;
@@ -342,7 +340,7 @@ void UsbSerialDevice::Deliver(const std::uint8_t* frame) {
   if (!frame_callback_ || length == 0) return;
   frame_callback_(frame[kUsbFrameCommand], frame + kUsbFrameData, length - 1);
   {
-    const std::lock_guard lock(reply_mutex_);
+    const MutexLock lock(reply_mutex_);
     reply_received_ = true;
     if (!std::exchange(reply_awaited_, false)) ++counters_.unmatched_frames;
   }
@@ -352,14 +350,14 @@ void UsbSerialDevice::Deliver(const std::uint8_t* frame) {
 /// Copies a block to `at`; `end` bytes of the buffer then count.
 void UsbSerialDevice::StoreBlock(std::size_t at, const std::uint8_t* block, std::size_t size,
                                  std::size_t end) {
-  const std::lock_guard lock(recv_buffer_mutex_);
+  const MutexLock lock(recv_buffer_mutex_);
   std::copy_n(block, size, &recv_buffer_[at]);
   recv_buffer_pos_ = end;
 }
 
 /// Moves the last `count` bytes to the front and zeroes what is behind them.
 void UsbSerialDevice::KeepNewest(std::size_t count) {
-  const std::lock_guard lock(recv_buffer_mutex_);
+  const MutexLock lock(recv_buffer_mutex_);
   std::memmove(recv_buffer_.data(), recv_buffer_.data() + recv_buffer_pos_ - count, count);
   std::memset(recv_buffer_.data() + count, 0, recv_buffer_.size() - count);
   recv_buffer_pos_ = count;
@@ -374,7 +372,7 @@ void UsbSerialDevice::PrintFrame(const std::uint8_t* data, std::size_t size, boo
 }
 
 void UsbSerialDevice::DebugDumpRecvBuffer(std::size_t max_bytes) {
-  const std::lock_guard lock(recv_buffer_mutex_);
+  const MutexLock lock(recv_buffer_mutex_);
   const std::size_t shown = std::min<std::size_t>(recv_buffer_pos_, max_bytes);
   LogError(Compose("[USB_OTA] recv_buffer_pos_=", recv_buffer_pos_, ", first ", shown,
                    " bytes (hex): ", HexBytes(recv_buffer_.data(), shown)));

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string_view>
 #include <thread>
 
@@ -15,6 +14,7 @@
 #include "serial/serial_library.h"
 #include "serial/usb_frame.h"
 #include "util/clock.h"
+#include "util/guarded.h"
 #include "util/observable_link.h"
 #include "util/wake_event.h"
 
@@ -99,9 +99,8 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   /// What of an incomplete frame has arrived, on the standard error stream.
   void DebugDumpRecvBuffer(std::size_t max_bytes);
 
-  /// Waits until the least gap since the last write is over, and marks a new write. The caller
-  /// holds `write_mutex_`.
-  void EnforceRequestInterval();
+  /// Waits until the least gap since the last write is over, and marks a new write.
+  void EnforceRequestInterval() KORVANE_REQUIRES(write_mutex_);
 
   /// The body of the receive thread. What follows runs on it, and needs no port.
   void RecvThread();
@@ -115,19 +114,20 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   std::thread recv_thread_;
   std::atomic<bool> running_{true};
   std::atomic<bool> print_frames_{false};
-  /// Written by the receive thread under a lock of its own; others read it through
-  /// DebugDumpRecvBuffer only.
+  /// Written by the receive thread under a lock of its own, without which it reads it; others read
+  /// it through DebugDumpRecvBuffer only.
   std::array<std::uint8_t, 1024> recv_buffer_{};
   std::atomic<std::uint64_t> recv_buffer_pos_{0};
   std::atomic<std::uint16_t> filter_device_id_{kAnyDeviceId};
   /// Set before Init. Must not throw: that ends the receive thread.
   FrameCallback frame_callback_;
-  std::mutex write_mutex_;
-  std::mutex reply_mutex_;
+  /// One write at a time, and none while the port is opened or closed.
+  Mutex write_mutex_;
+  Mutex reply_mutex_;
   std::condition_variable reply_cv_;
-  bool reply_received_ = false;
-  /// Whether the next frame answers somebody, for the counts. Under `reply_mutex_` too.
-  bool reply_awaited_ = false;
+  bool reply_received_ KORVANE_GUARDED_BY(reply_mutex_) = false;
+  /// Whether the next frame answers somebody, for the counts.
+  bool reply_awaited_ KORVANE_GUARDED_BY(reply_mutex_) = false;
   std::atomic<std::chrono::system_clock::time_point> last_request_time_{
       std::chrono::system_clock::now()};
   std::atomic<int> min_request_interval_ms_{0};
@@ -146,8 +146,8 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   void OpenPort();
   void ClosePort();
   void StartReceiving();
-  std::size_t WriteOut(const std::uint8_t* data, std::size_t size);
-  void AwaitReplies();
+  std::size_t WriteOut(const std::uint8_t* data, std::size_t size) KORVANE_REQUIRES(write_mutex_);
+  void AwaitReplies() KORVANE_REQUIRES(reply_mutex_);
   void ReceiveOn();
   void ReceivePass();
   std::size_t ReadBlock(Block& block);
@@ -162,7 +162,7 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   void StoreBlock(std::size_t at, const std::uint8_t* block, std::size_t size, std::size_t end);
   void KeepNewest(std::size_t count);
 
-  std::mutex recv_buffer_mutex_;
+  Mutex recv_buffer_mutex_;
   /// Held while the port is open. Changes only while there is no receive thread.
   PortClaim claim_;
   /// Readable when the receive thread is to look around.

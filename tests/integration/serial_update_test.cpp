@@ -189,10 +189,11 @@ class SerialUpdateRun : public testing::Test, public Clock {
   void Send(UsbFrameBuilder& frame) {
     UsbSerialDevice& device = *hand_->Device();
     const std::size_t size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
-    std::unique_lock lock(device.reply_mutex_);
+    MutexLock lock(device.reply_mutex_);
     device.reply_received_ = false;
     line_.Write({frame.Data(), frame.Data() + size});
-    device.reply_cv_.wait(lock, [&] { return device.reply_received_; });
+    device.reply_cv_.wait(
+        lock, [&]() KORVANE_REQUIRES(device.reply_mutex_) { return device.reply_received_; });
     while (device.recv_buffer_pos_ != 0U) std::this_thread::yield();
   }
 

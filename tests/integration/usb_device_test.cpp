@@ -94,7 +94,7 @@ class UsbDevice : public testing::Test {
 
   /// A request that has gone out and now waits for its reply.
   std::future<bool> WaitingRequest() {
-    std::unique_lock lock(device_.reply_mutex_);
+    MutexLock lock(device_.reply_mutex_);
     device_.reply_received_ = true;  // The request clears it as it begins to wait.
     lock.unlock();
     auto answer = Request();
@@ -257,7 +257,7 @@ TEST_F(UsbDevice, AReplyThatIsThereBeforeTheWaitCountsByEventsAlone) {
   device_.pause_clock_ = &clock;
   device_.Init();
   clock.action = [this] {
-    std::unique_lock lock(device_.reply_mutex_);
+    MutexLock lock(device_.reply_mutex_);
     device_.reply_received_ = false;
     lock.unlock();
     line_.Write(kPosition);
@@ -463,7 +463,7 @@ TEST_F(UsbDevice, TellsHowMuchAFullPortTookAndWritesOnWhenItHasRoom) {
 TEST_F(UsbDevice, KeepsFramesOfManyThreadsWhole) {
   constexpr std::size_t kEach = 30;
   device_.Init();
-  std::unique_lock lock(device_.write_mutex_);
+  MutexLock lock(device_.write_mutex_);
   std::vector<std::future<void>> writers;
   for (const Bytes* frame : {&kPing, &kPosition, &kPing}) {
     writers.push_back(std::async(std::launch::async, [this, frame] {

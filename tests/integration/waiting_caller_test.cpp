@@ -24,6 +24,7 @@
 #include "protocol/can/korvane_brisa_can_impl.h"
 #include "support/allocation_hook.h"
 #include "support/lent_sockets.h"
+#include "support/process_resources.h"
 #include "support/sim_frames.h"
 
 namespace talvera::korvane {
@@ -141,6 +142,17 @@ class WaitingCaller : public testing::TestWithParam<Receiving> {
     return std::exchange(log_, "");
   }
 
+  /// The receive thread has read what there was, so that the next caller gets the turn.
+  void AwaitSleepOfReceiver() {
+    std::promise<pid_t> id;
+    during_callback = [&id](char) { id.set_value(gettid()); };
+    bus_.Say(Letter('z'));
+    const pid_t receiver = id.get_future().get();
+    EXPECT_EQ(TakeLog("<z(z)"), "<z(z)");
+    during_callback = nullptr;
+    while (!test::IsAsleep(receiver)) std::this_thread::yield();
+  }
+
   /// The frames that follow a request, by its letter.
   std::map<char, std::string> answers_;
   std::function<void(char)> during_callback;
@@ -251,6 +263,7 @@ TEST_P(WaitingCaller, WaitsItsWholeTimeWhenTheSocketIsClosedMeanwhile) {
   if (GetParam() == Receiving::AS_EVER)
     GTEST_SKIP() << "no close while a thread reads all the time";
   device_.frame_recv_timeout_ms_ = 100;
+  AwaitSleepOfReceiver();
   const auto start = steady_clock::now();
   auto caller = std::async(std::launch::async, [this] { Ask('c'); });
   EXPECT_TRUE(Await(">c"));
