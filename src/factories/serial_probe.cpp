@@ -17,7 +17,7 @@ constexpr int kAttempts = 2;
 constexpr int kMaxId = 127;
 
 /// Gives the hand the id under which it answers. 0 if nobody does.
-int LearnId(KorvaneBrisaSerialImpl& hand) {
+int LearnId(const KorvaneBrisaSerialImpl& hand) {
   for (int i = 0; i < kAttempts; ++i) {
     const DeviceInfo info = hand.GetDeviceInfo();
     if (info.device_id != 0) return info.device_id;
@@ -39,7 +39,7 @@ Failure OpenFailure(const KorvaneBrisaSerialImpl& hand, const std::string& port)
 
 Failure NobodyWithThatId(const KorvaneBrisaSerialImpl& hand, const std::string& where, int id) {
   std::string text = Compose(where, ": no hand with id ", id, " answers");
-  const int other = hand.GetDeviceInfo().device_id;
+  const int other = LearnId(hand);
   if (other != 0) text += Compose("; the one that is there has the id ", other);
   return {FailureKind::NO_REPLY, "", text, 0};
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include "korvane_link.h"
 #include "korvane_sim/serial_hand.h"
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "protocol/service/korvane_brisa_can_private_impl.h"
@@ -80,10 +81,8 @@ class SerialBench : public Bench {
  private:
   explicit SerialBench(std::unique_ptr<sim::SerialHand> device)
       : Bench(MakeSerial(device->Path())), device_(std::move(device)) {
-    // A reply that comes before the library waits for it is lost.
-    sim::SerialFaults slow;
-    slow.delay = milliseconds(10);
-    device_->SetFaults(slow);
+    // Otherwise a reply is lost that comes before the library waits for it.
+    SetReceiving(*hand, Receiving::BY_EVENTS);
   }
 
   static std::unique_ptr<KorvaneBase> MakeSerial(const std::string& path) {
@@ -190,6 +189,7 @@ TEST_P(Service, KeepsWhatIsSavedAndForgetsTheRest) {
   EXPECT_TRUE(service_.SetAxisMaxPos(2, 1000));
   EXPECT_TRUE(service_.SetProductSerialNumber(std::vector<std::uint8_t>(19, 'z')));
   Restart();
+  EXPECT_EQ(bench_->Settings().axes[0].upper, 2000) << "before it is asked";
   const U16s upper = service_.GetAxisLimitPos().upper;
   ASSERT_GE(upper.size(), 2U);
   EXPECT_EQ(upper[0], 2000);

@@ -126,7 +126,13 @@ TEST(ServiceOnTheKernel, RefusesABusOnWhichOthersShareAnId) {
   const test::SimulatorProcess one({"--can", can, "--hand", "brisa:1", "--hand", "lumen:4"});
   const test::SimulatorProcess other({"--can", can, "--hand", "vanta:4"});
   ASSERT_TRUE(one.AwaitReady() && other.AwaitReady()) << one.Said() << other.Said();
-  EXPECT_EQ(Ask("service report -H vcan0:brisa:1").status, 6);
+  // On a busy machine the second reply may come too late to be seen: refused all the same, for the
+  // lumen.
+  int status = 5;
+  for (int i = 0; i < 20 && status == 5; ++i) {
+    status = Ask("service report -H vcan0:brisa:1").status;
+  }
+  EXPECT_EQ(status, 6);
 }
 
 /// What the other commands do on any link, tests/tool tries on links that need no kernel.

@@ -80,7 +80,11 @@ def silent():
 
 def freeze(hand):
     """The simulator stops where it is: the port stays, and nothing answers."""
-    os.kill(hand.simulator.process.pid, 19)
+    process = hand.simulator.process.pid
+    os.kill(process, signal.SIGSTOP)
+    states = pathlib.Path(f"/proc/{process}/task").glob("*/stat")
+    while any(file.read_text().rsplit(")", 1)[1].split()[0] != "T" for file in states):
+        states = pathlib.Path(f"/proc/{process}/task").glob("*/stat")
 
 
 def run(program, *arguments):

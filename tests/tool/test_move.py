@@ -97,7 +97,8 @@ def test_a_hand_that_goes_while_it_moves_is_told(make_sim, fault, link, status):
 def test_a_recording_is_played_as_it_was(sim, tmp_path, form):
     file = tmp_path / f"recording.{form}"
     sim.korvane("move", *BRISA, "--to", "1000")
-    told = sim.korvane("record", *BRISA, "-o", file, "--format", form, "--seconds", "0.3", "--rate", "100", "--json").json
+    told = sim.korvane("record", *BRISA, "-o", file, "--format", form, "--seconds", "0.3", "--rate", "100",
+                       "--timeout", "1000", "--json").json
     sim.korvane("move", *BRISA, "--to", "3000")
     assert told["samples"] > 0 and told["lost"] == 0
     played = sim.korvane("replay", file, *BRISA, "--json", "--speed", "3").json

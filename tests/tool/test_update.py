@@ -70,7 +70,7 @@ def test_says_what_to_do_after_a_failure(make_sim, image, link, faults, status, 
     sim = make_sim(*faults)
     done = sim.korvane("update", image(20), "-H", sim.address(link), "--yes", "--json")
     error = done.json["error"]
-    assert done.status == error["status"] != 0 and done.json["updated"] is False
+    assert done.status == error["status"] != 0 and done.json.get("updated") is False, done.out
     assert status in (None, done.status) and code in (None, error["code"])
     assert state in error["state"] and advice in error["advice"]
     assert error["state"] in done.err and error["advice"] in done.err

@@ -113,6 +113,9 @@ TEST(HandClasses, LeaveTheTransportOutWhenTheLinkIsOfNoKnownKind) {
     };
     expect_refused(kBadKind, kZero, kZero, kNoKind);
     expect_refused(kBadKind, "serial", kZero, kNoKind);
+    constexpr bool kQuillOrVanta =
+        std::is_same_v<Impl, KorvaneQuillCanImpl> || std::is_same_v<Impl, KorvaneVantaCanImpl>;
+    EXPECT_NE(kHasTcpForm<Impl>, kQuillOrVanta) << tested.class_name;
     if constexpr (kHasTcpForm<Impl>) {
       const auto port = static_cast<unsigned short>(8080);
       const std::string line = ": TCP CANFD is not supported on this platform.\n";

@@ -116,7 +116,7 @@ TEST(ServiceOnCanTest, BothProtocolsSeeTheSameHandWhichRestartsIntoWhatWasSaved)
         03 020000 > 03 01; 15 0104 > 15 01; 01030181: 2D01 > 2D01; 01 00 > 01 01;)" +
             restart + R"(;
         02 >; pass 2000; 02 > 02 01; 07 02 > 07 029C0F; 01100101: > 05; 01030101: > 2C01;
-        04 AA01 > 04 01; 02030101: >; 010201AA: 05 > 05; restart)");
+        04 AA01 > 04 01; restart; pass 2000; 01030101: > 2C01; 04 AA01 > 04 01; 02030101: >; 010201AA: 05 > 05; restart)");
     EXPECT_EQ(on.bus.Settings(0).axes[0].current, 0x12C);
     EXPECT_EQ(on.bus.Settings(0).device_id, 5) << "which the public protocol saves at once";
   }
