@@ -1,5 +1,7 @@
 // What the page of `korvane serve`, or whoever speaks like it, posts to move a hand.
 
+#include <nlohmann/json.hpp>
+
 #include "serve/pose_request.h"
 #include "tool_hands.h"
 

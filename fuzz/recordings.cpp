@@ -1,6 +1,8 @@
 // Recordings that the tool plays: whatever a file holds, no pose of it is beyond a hand's limits.
 // How it is played stands in the first line, the recording behind it.
 
+#include <nlohmann/json.hpp>
+
 #include "recorded_path.h"
 #include "tool_hands.h"
 

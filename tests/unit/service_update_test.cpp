@@ -2,6 +2,7 @@
 // says. The waits pass at once: each of them ends when all answers have been taken, so that what
 // happens first doesn't depend on the machine.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -81,6 +82,7 @@ class ServiceUpdateRun : public testing::Test, private Clock {
     EXPECT_FALSE(hand.HasCallback());
     const std::string& reports = runner_.Outcome().reports;
     failure_ = LastFailure(hand).kind;
+    why_ = LastFailure(hand).text;
     EXPECT_EQ(failure_ == FailureKind::NONE, reports.substr(reports.size() - 3) == "=0 ");
     return reports;
   }
@@ -114,6 +116,7 @@ class ServiceUpdateRun : public testing::Test, private Clock {
   UpdateLetters letters_;
   std::string wire_;
   FailureKind failure_ = FailureKind::NONE;
+  std::string why_;
 
  private:
   TimePoint now_{};
@@ -193,6 +196,7 @@ TEST_F(ServiceUpdateRun, EndsWhenFinishOrRestartIsNotAcknowledged) {
     EXPECT_GE(Took(), 30s);
     const bool refused = !answer.empty() && answer[0].data[1] == 3;
     EXPECT_EQ(failure_, refused ? FailureKind::REFUSED : FailureKind::NO_REPLY);
+    if (!refused) EXPECT_THAT(why_, testing::HasSubstr("the end of the update isn't confirmed"));
   }
   for (const Frames& answer : {Frames{}, Frames{Reply(4, 1)}, Frames{Reply(3)}}) {
     answers_ = {{'R', {answer}}};

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "quantities.h"
 #include "samples.h"

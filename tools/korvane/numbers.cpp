@@ -1,6 +1,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 
 #include "quantities.h"
 #include "tool.h"

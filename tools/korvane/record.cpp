@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <deque>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

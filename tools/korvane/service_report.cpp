@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "settings.h"

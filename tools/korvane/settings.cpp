@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 
 namespace korvane_tool {
 namespace {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <future>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <regex>
 #include <string>

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 namespace korvane_tool {

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <thread>

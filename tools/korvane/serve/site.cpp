@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "secret.h"
