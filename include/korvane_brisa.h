@@ -128,8 +128,8 @@ class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
   /// the middle of a packet, a serial::SerialException, reaches the caller; catch it as a
   /// std::exception. The update has then failed, and nothing more is reported.
   ///
-  /// Requests and replies aren't matched on this link: a request is answered by any frame, and a
-  /// read takes the last reply of its kind that nobody has read. So one thread may call, also after
+  /// Requests and replies aren't matched on this link: a request is answered by any frame, by
+  /// events by any with its command, and a read takes the last reply of its kind that nobody has read. So one thread may call, also after
   /// EnableConcurrentCalls, which has no effect, and no program without this library may use the
   /// port: of two readers each gets a part of the bytes, and both miss replies.
   ///

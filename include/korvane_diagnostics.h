@@ -62,8 +62,8 @@ struct LinkStatistics {
   std::uint64_t send_failures = 0;  ///< Frames that couldn't be sent, awaited or not.
   std::uint64_t timeouts = 0;       ///< Requests without a reply in time.
   std::uint64_t bad_replies = 0;    ///< Operations that ended with BAD_REPLY.
-  /// Received frames that no request waited for. Over a serial link any frame answers a request, so
-  /// that these are the ones that came while none waited.
+  /// Received frames that no request waited for. Over a serial link any frame answers a request, by
+  /// events any with its command: the others, and those that came while none waited.
   std::uint64_t unmatched_frames = 0;
   /// When the last reply came; the epoch if there was none.
   std::chrono::steady_clock::time_point last_reply{};

@@ -16,9 +16,10 @@ enum class Receiving {
   AS_EVER,
   /// A SocketCAN hand sleeps until its socket has a frame. A thread that waits for a reply reads
   /// the socket itself, which saves the way from one thread to another; what callbacks get still
-  /// comes to them on the receive thread. A serial hand reads what has arrived,
-  /// and any frame since the request began to be written answers it, also one that was on its way
-  /// before. A hand on a USB adapter sleeps in the adapter's library either way.
+  /// comes to them on the receive thread. A serial hand reads what has arrived, and the first frame
+  /// with the request's command since that began to be written answers it, also one that was on its
+  /// way before; the late answer to another command, or a report, doesn't. A hand on a USB adapter
+  /// sleeps in the adapter's library either way.
   BY_EVENTS,
 };
 

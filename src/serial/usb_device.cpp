@@ -158,7 +158,7 @@ UsbSerialDevice::Exchanged UsbSerialDevice::Exchange(const std::uint8_t* data, s
   const bool by_events = by_events_;
   if (by_events) {
     const MutexLock lock(reply_mutex_);
-    AwaitReplies();
+    AwaitReplies(size > kUsbFrameCommand ? std::optional(data[kUsbFrameCommand]) : std::nullopt);
   }
   const bool sent = WriteRaw(data, size) == size;
   MutexLock lock(reply_mutex_);
@@ -166,10 +166,11 @@ UsbSerialDevice::Exchanged UsbSerialDevice::Exchange(const std::uint8_t* data, s
   // that is already there is lost, and the request times out. Applications rely on it that a frame
   // from before the request, such as a report, doesn't answer it. One that comes during the wait
   // does, whatever it is about.
-  if (!by_events) AwaitReplies();
+  if (!by_events) AwaitReplies({});
   reply_cv_.wait_for(lock, milliseconds(frame_recv_timeout_ms_),
                      [this]() KORVANE_REQUIRES(reply_mutex_) { return reply_received_; });
   reply_awaited_ = false;
+  awaited_command_.reset();
   if (reply_received_) counters_.CountReply();
   if (reply_received_) return Exchanged::kReplied;
   if (!sent) return Exchanged::kNotSent;
@@ -177,8 +178,9 @@ UsbSerialDevice::Exchanged UsbSerialDevice::Exchange(const std::uint8_t* data, s
   return Exchanged::kNoReply;
 }
 
-/// The next frame answers.
-void UsbSerialDevice::AwaitReplies() {
+/// The next frame answers, or the next with that command.
+void UsbSerialDevice::AwaitReplies(std::optional<std::uint8_t> command) {
+  awaited_command_ = command;
   reply_received_ = false;
   reply_awaited_ = true;
 }
@@ -341,8 +343,10 @@ void UsbSerialDevice::Deliver(const std::uint8_t* frame) {
   frame_callback_(frame[kUsbFrameCommand], frame + kUsbFrameData, length - 1);
   {
     const MutexLock lock(reply_mutex_);
-    reply_received_ = true;
-    if (!std::exchange(reply_awaited_, false)) ++counters_.unmatched_frames;
+    const bool answers =
+        awaited_command_.value_or(frame[kUsbFrameCommand]) == frame[kUsbFrameCommand];
+    if (answers) reply_received_ = true;
+    if (!answers || !std::exchange(reply_awaited_, false)) ++counters_.unmatched_frames;
   }
   reply_cv_.notify_all();
 }

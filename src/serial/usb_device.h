@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string_view>
 #include <thread>
 
@@ -72,8 +73,8 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   /// How a request ended. One that the port didn't take whole may still be answered.
   enum class Exchanged { kReplied, kNoReply, kNotSent };
 
-  /// Sends bytes and waits for a frame, any frame, for up to the receive time-out. Throws what
-  /// WriteRaw does.
+  /// Sends bytes and waits for a frame, by events one with the same command and otherwise any, for
+  /// up to the receive time-out. Throws what WriteRaw does.
   Exchanged Exchange(const std::uint8_t* data, std::size_t size);
 
   /// The same. True if a frame came.
@@ -128,6 +129,8 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   bool reply_received_ KORVANE_GUARDED_BY(reply_mutex_) = false;
   /// Whether the next frame answers somebody, for the counts.
   bool reply_awaited_ KORVANE_GUARDED_BY(reply_mutex_) = false;
+  /// By events the command that a reply has; otherwise any frame answers.
+  std::optional<std::uint8_t> awaited_command_ KORVANE_GUARDED_BY(reply_mutex_);
   std::atomic<std::chrono::system_clock::time_point> last_request_time_{
       std::chrono::system_clock::now()};
   std::atomic<int> min_request_interval_ms_{0};
@@ -147,7 +150,7 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   void ClosePort();
   void StartReceiving();
   std::size_t WriteOut(const std::uint8_t* data, std::size_t size) KORVANE_REQUIRES(write_mutex_);
-  void AwaitReplies() KORVANE_REQUIRES(reply_mutex_);
+  void AwaitReplies(std::optional<std::uint8_t> command) KORVANE_REQUIRES(reply_mutex_);
   void ReceiveOn();
   void ReceivePass();
   std::size_t ReadBlock(Block& block);

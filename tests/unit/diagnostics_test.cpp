@@ -82,7 +82,7 @@ class SerialRig : public Rig {
     silent.silent_after = 0;
     device_.SetFaults(silent);
     hand_->SetFrameRecvTimeout(10);
-    Watch([] {});
+    Watch([](std::uint8_t) {});
   }
 
   KorvaneBase& Hand() override { return *hand_; }
@@ -93,8 +93,8 @@ class SerialRig : public Rig {
   }
   void AnswerBadly() override {
     BePatient();
-    Watch([this] {
-      device_.Say({0x55, {}});
+    Watch([this](std::uint8_t command) {
+      device_.Say({command, {}});
       ++said_;
     });
   }
@@ -115,11 +115,11 @@ class SerialRig : public Rig {
   static constexpr auto kSide = HandType::RIGHT;
 
   void BePatient() { hand_->Device()->frame_recv_timeout_ms_ = 60'000; }
-  void Watch(const std::function<void()>& on_sent) {
+  void Watch(const std::function<void(std::uint8_t command)>& on_sent) {
     ObserveFrames(*hand_, [this, on_sent](const FrameEvent& frame) {
       if (!frame.sent) return;
       ++sent_;
-      on_sent();
+      on_sent(frame.data[kUsbFrameCommand]);
     });
   }
 

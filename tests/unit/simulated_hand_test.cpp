@@ -79,6 +79,8 @@ TEST_F(SimulatedHandTest, IgnoresWhatIsNotForItOrMakesNoSense) {
       "031301A7 01 >; 001301A7 00*19 >; 010201A7 >; 010201A7 80 >;"        // Parts of values, id 0
       "001401A7 >; 001401A7 61 00*63 >; 00020127 > 27 00*4");              // Mixed control
   EXPECT_TRUE(hand_.Handle({0x031301A7, 200, {}}, now_).empty());
+  Become(kLumen);
+  Play("01050127 >; 01060127 >; 01130127 > 0010");  // No sensors
 }
 
 TEST_F(SimulatedHandTest, SurvivesAnyFrame) {
