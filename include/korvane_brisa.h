@@ -129,9 +129,10 @@ class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
   /// std::exception. The update has then failed, and nothing more is reported.
   ///
   /// Requests and replies aren't matched on this link: a request is answered by any frame, by
-  /// events by any with its command, and a read takes the last reply of its kind that nobody has read. So one thread may call, also after
-  /// EnableConcurrentCalls, which has no effect, and no program without this library may use the
-  /// port: of two readers each gets a part of the bytes, and both miss replies.
+  /// events by any with its command, and a read takes the last reply of its kind that nobody has
+  /// read. So one thread may call, also after EnableConcurrentCalls, which has no effect, and no
+  /// program without this library may use the port: of two readers each gets a part of the bytes,
+  /// and both miss replies.
   ///
   /// The first bytes that look like the head of a frame decide for the life of the object which
   /// hand's id it accepts. Noise on the line, such as when a cable is plugged in, can be such a
