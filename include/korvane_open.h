@@ -93,7 +93,7 @@ inline bool operator!=(const HandAddress& a, const HandAddress& b) { return !(a 
 /// families of models: 0.01 s if the hand is there and the address says the model, 0.1 s if
 /// it doesn't, about 0.6 s if the id is silent. Without one every id is asked as by FindHands,
 /// which takes about half a second, twice that on a silent HCAN channel. On a serial port a hand
-/// answers whatever its id is, within milliseconds; a silent one takes 1 s, and 1.5 s with an id.
+/// answers whatever its id is, within milliseconds; a silent one takes 1 s, and 2 s with an id.
 /// Of several hands on one line the id must be told, since their answers run into each other.
 /// Opening a port raises its control lines, on which some boards that are no hands restart.
 ///

@@ -82,9 +82,9 @@ def freeze(hand):
     """The simulator stops where it is: the port stays, and nothing answers."""
     process = hand.simulator.process.pid
     os.kill(process, signal.SIGSTOP)
-    states = pathlib.Path(f"/proc/{process}/task").glob("*/stat")
-    while any(file.read_text().rsplit(")", 1)[1].split()[0] != "T" for file in states):
-        states = pathlib.Path(f"/proc/{process}/task").glob("*/stat")
+    threads = pathlib.Path(f"/proc/{process}/task")
+    while any(stat.read_text().rsplit(")", 1)[1].split()[0] != "T" for stat in threads.glob("*/stat")):
+        pass
 
 
 def run(program, *arguments):

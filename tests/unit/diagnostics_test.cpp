@@ -99,7 +99,8 @@ class SerialRig : public Rig {
     });
   }
   void Break() override { device_.Unplug(); }
-  /// The answer to a command that wasn't waited for would answer the next request.
+  /// The answer to a command that wasn't waited for would answer the next request with that
+  /// command.
   void Settle() override {
     const auto received = [&] {
       const LinkStatistics counted = StatisticsOf(*hand_);
