@@ -28,6 +28,7 @@ using test::Times;
 using Kind = sim::UpdateFault::Kind;
 using Child = sim::UpdateChild;
 
+constexpr std::size_t kFourPackets = 3 * 2048 + 100;
 constexpr std::uint32_t kUnknownStatus = 0xFFFFFFFE;
 
 /// What a test of one of the classes records, as it is settled.
@@ -245,10 +246,10 @@ class HandUpdate : public testing::TestWithParam<Model> {
   }
 
   /// What is reported and requested, and how long it takes.
-  void RecordRun(const std::string& about) {
-    const std::string reports = Update();
+  void RecordRun(const std::string& about, std::size_t size = kThreePackets) {
+    const std::string reports = Update(size);
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Took()).count();
-    recorded_ += Compose(about, ": ", reports, "| ", Wire(), " | ", took, " ms",
+    recorded_ += Compose(about, ": ", reports, "| ", Wire(size), " | ", took, " ms",
                          state_->HasCallback() ? ", callback kept\n" : "\n");
   }
 
@@ -318,7 +319,9 @@ TEST_P(HandUpdate, ReportsAndRequestsWhatIsSettled) {
       EXPECT_THAT(Update(), testing::EndsWith(" 3/3=0 ")) << text;
       EXPECT_EQ(Wire().find('?'), std::string::npos) << text;
     } else {
-      RecordRun(text);
+      // The copy of the last of three packets would pass just when the run looks for the end.
+      const bool copies_later = model_.first_packet_twice && fault.child == Child::kUpgrade;
+      RecordRun(text, copies_later && fault.at == 1 ? kFourPackets : kThreePackets);
     }
     SetFaults({});
     EXPECT_EQ(Update(), clean) << "after " << text;
