@@ -10,6 +10,17 @@ target_compile_options(korvane_options INTERFACE
   $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>
   $<$<BOOL:${KORVANE_WERROR}>:-Werror>)
 
+# Where CMAKE_UNITY_BUILD is on, the files of one folder are compiled as one: most of what a compiler reads is headers.
+function(korvane_unite_folders target)
+  get_target_property(files ${target} SOURCES)
+  foreach(file ${files})
+    get_filename_component(folder "${file}" DIRECTORY)
+    string(REPLACE "/" "_" folder "${folder}")
+    set_source_files_properties("${file}" PROPERTIES UNITY_GROUP "${folder}")
+  endforeach()
+  set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
+endfunction()
+
 if(KORVANE_SANITIZE)
   add_compile_options(-fsanitize=${KORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1)
   add_link_options(-fsanitize=${KORVANE_SANITIZE})

@@ -18,8 +18,6 @@ constexpr std::size_t kMaxLength = 121;  // The host builds frames of up to 128 
 constexpr std::uint16_t kNoChecksum = 0x5555;
 
 constexpr std::uint8_t kVersionQuery = 0xCD;
-constexpr std::uint8_t kUpdateData = 0xF0;
-constexpr std::uint8_t kUpdateRequest = 0xF1;
 constexpr std::uint8_t kUpgradeChild = 1;
 
 std::uint16_t TrailerValue(SerialTrailer trailer, const std::uint8_t* data, std::size_t size) {
@@ -30,12 +28,12 @@ std::uint16_t TrailerValue(SerialTrailer trailer, const std::uint8_t* data, std:
 /// The kinds of trailer that a command may have. A host that asks for an update doesn't know yet
 /// which checksum the hand uses.
 std::vector<SerialTrailer> AllowedTrailers(const ServiceMessage& message, UpdateChecksum checksum) {
-  const bool request = message.command == kUpdateRequest;
+  const bool request = message.command == kUpdateRequestCommand;
   if (message.command == kVersionQuery) return {SerialTrailer::kXmodem, SerialTrailer::kNone};
   if (request && !message.data.empty() && message.data[0] == kUpgradeChild) {
     return {SerialTrailer::kNone};
   }
-  if (request || message.command == kUpdateData) return {TrailerOf(checksum)};
+  if (request || message.command == kUpdateDataCommand) return {TrailerOf(checksum)};
   return {SerialTrailer::kXmodem};
 }
 

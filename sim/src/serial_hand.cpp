@@ -18,6 +18,7 @@
 #include "serial_line.h"
 #include "util/clock.h"
 #include "util/guarded.h"
+#include "wire.h"
 
 namespace talvera::korvane::sim {
 namespace {
@@ -26,7 +27,6 @@ using Bytes = std::vector<std::uint8_t>;
 using TimePoint = Clock::TimePoint;
 
 constexpr std::uint16_t kEveryone = 0x7FF;
-constexpr std::uint8_t kUpdateReply = 0xF2;
 /// How often the clock is looked at while something is to come: it needn't be the machine's.
 constexpr std::chrono::nanoseconds kTick{std::chrono::milliseconds(2)};
 
@@ -208,7 +208,7 @@ class SerialHand::Impl {
     const SerialTrailer update_trailer = TrailerOf(Checksum());
     for (const ServiceMessage& reply : face_.Handle(hand_, frame.message, now)) {
       // An id that this command changed counts from the next one on.
-      const bool is_update = reply.command == kUpdateReply;
+      const bool is_update = reply.command == kUpdateReplyCommand;
       Emit({id, reply, is_update ? update_trailer : frame.trailer}, now);
     }
   }

@@ -8,10 +8,6 @@
 namespace talvera::korvane::sim {
 namespace {
 
-constexpr std::uint8_t kUpdateData = 0xF0;
-constexpr std::uint8_t kUpdateRequest = 0xF1;
-constexpr std::uint8_t kUpdateReply = 0xF2;
-
 Bytes AnswerTo(const Call& call) {
   std::optional<Bytes> answer = AnswerReport(call);
   if (!answer) answer = AnswerSetting(call);
@@ -58,7 +54,7 @@ std::vector<ServiceMessage> ServiceFace::Handle(SimulatedHand& hand, const Servi
                                                 TimePoint now) {
   Follow(hand, now);
   if (hand.IsSilent(now)) return {};
-  if (request.command == kUpdateData || request.command == kUpdateRequest) {
+  if (request.command == kUpdateDataCommand || request.command == kUpdateRequestCommand) {
     return HandleUpdate(hand, request, now);
   }
   Bytes reply = AnswerTo({state_, hand, link_, request.command, request.data});
@@ -130,7 +126,7 @@ void ServiceFace::ArmUploads(TimePoint now) {
 std::vector<ServiceMessage> ServiceFace::HandleUpdate(SimulatedHand& hand,
                                                       const ServiceMessage& request,
                                                       TimePoint now) {
-  const bool is_request = request.command == kUpdateRequest;
+  const bool is_request = request.command == kUpdateRequestCommand;
   const bool serial = link_ == ServiceLink::kSerial;
   const std::size_t head = serial || is_request ? 1 : 0;
   Frame frame;
@@ -152,7 +148,7 @@ std::vector<ServiceMessage> ServiceFace::HandleUpdate(SimulatedHand& hand,
   for (const auto& answer : answers) {
     Bytes data{static_cast<std::uint8_t>(answer.child)};
     Append(data, static_cast<int>(answer.status), answer.len);
-    replies.push_back({kUpdateReply, std::move(data)});
+    replies.push_back({kUpdateReplyCommand, std::move(data)});
   }
   if (firmware.TakeRestart()) Restart(hand, now);
   return replies;

@@ -20,38 +20,6 @@ using TimePoint = Clock::TimePoint;
 constexpr std::size_t kInboxFrames = 4096;
 constexpr std::chrono::nanoseconds kNoTime{0};
 
-/// A hand with its service side, if it has one.
-struct PluggedHand {
-  explicit PluggedHand(SimulatedHand simulated) : hand(std::move(simulated)) {
-    if (HasServiceOnCan(hand.Model())) service.emplace(hand, ServiceLink::kCan);
-  }
-
-  std::vector<Frame> Handle(const Frame& frame, TimePoint now) {
-    if (service && frame.id == kServiceIdentifier) return service->Handle(hand, frame, now);
-    std::vector<Frame> replies = hand.Handle(frame, now);
-    if (service) service->Follow(hand, now);
-    return replies;
-  }
-
-  std::vector<Frame> TakeDue(TimePoint now) {
-    std::vector<Frame> frames = hand.TakeDue(now);
-    if (!service) return frames;
-    const std::vector<Frame> uploads = service->TakeDueFrames(hand, now);
-    frames.insert(frames.end(), uploads.begin(), uploads.end());
-    return frames;
-  }
-
-  TimePoint NextEvent() const {
-    const auto report = hand.NextEvent();
-    const auto upload = service ? service->NextEvent() : std::nullopt;
-    return std::min(report.value_or(TimePoint::max()), upload.value_or(TimePoint::max()));
-  }
-
-  SimulatedHand hand;
-  std::optional<ServiceFace> service;
-  bool plugged = true;
-};
-
 }  // namespace
 
 /// Frames on their way to one port, by the time of their arrival.
@@ -177,6 +145,38 @@ class VirtualBus::State {
   }
 
  private:
+  /// A hand with its service side, if it has one.
+  struct PluggedHand {
+    explicit PluggedHand(SimulatedHand simulated) : hand(std::move(simulated)) {
+      if (HasServiceOnCan(hand.Model())) service.emplace(hand, ServiceLink::kCan);
+    }
+
+    std::vector<Frame> Handle(const Frame& frame, TimePoint now) {
+      if (service && frame.id == kServiceIdentifier) return service->Handle(hand, frame, now);
+      std::vector<Frame> replies = hand.Handle(frame, now);
+      if (service) service->Follow(hand, now);
+      return replies;
+    }
+
+    std::vector<Frame> TakeDue(TimePoint now) {
+      std::vector<Frame> frames = hand.TakeDue(now);
+      if (!service) return frames;
+      const std::vector<Frame> uploads = service->TakeDueFrames(hand, now);
+      frames.insert(frames.end(), uploads.begin(), uploads.end());
+      return frames;
+    }
+
+    TimePoint NextEvent() const {
+      const auto report = hand.NextEvent();
+      const auto upload = service ? service->NextEvent() : std::nullopt;
+      return std::min(report.value_or(TimePoint::max()), upload.value_or(TimePoint::max()));
+    }
+
+    SimulatedHand hand;
+    std::optional<ServiceFace> service;
+    bool plugged = true;
+  };
+
   /// A host's frame that no hand has heard to its end.
   struct Passing {
     TimePoint passed;

@@ -22,6 +22,11 @@ inline std::uint8_t DlcOf(std::size_t length) {
 
 inline std::uint8_t PaddedLength(std::size_t length) { return kFdLengths[DlcOf(length)]; }
 
+/// The commands of an update on a serial line and of the service protocol.
+inline constexpr std::uint8_t kUpdateDataCommand = 0xF0;
+inline constexpr std::uint8_t kUpdateRequestCommand = 0xF1;
+inline constexpr std::uint8_t kUpdateReplyCommand = 0xF2;
+
 inline constexpr bool IsExtended(std::uint32_t id) { return id > 0x7FF; }
 
 inline std::uint16_t LoadU16(const std::uint8_t* at) {

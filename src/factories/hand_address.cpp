@@ -16,7 +16,6 @@ constexpr std::size_t kMaxInterfaceName = 15;
 constexpr std::size_t kMaxIndexDigits = 3;
 constexpr int kMinBaud = 300;
 constexpr int kMaxBaud = 12'000'000;
-constexpr int kMaxId = 127;
 constexpr std::string_view kSerialNumberMark = "sn=";
 
 struct KindName {
@@ -172,7 +171,7 @@ void ReadHand(std::string_view text, HandAddress& address) {
     Refuse(Quoted(halves.head),
            " is no model; expected brisa, tessel, quill, lumen, vanta or an id");
   }
-  address.id = static_cast<std::uint8_t>(ReadNumber(halves.head, "id", 1, kMaxId));
+  address.id = static_cast<std::uint8_t>(ReadNumber(halves.head, "id", 1, kMaxHandId));
   if (halves.tail) Refuse(Quoted(*halves.tail), " behind the id; expected nothing more");
 }
 
@@ -214,7 +213,7 @@ std::string AdapterText(const HandAddress& address) {
   return marked ? Compose(kSerialNumberMark, serial) : serial;
 }
 
-std::string LinkText(const HandAddress& address) {
+std::string TextOfLink(const HandAddress& address) {
   const std::string_view kind = NameOf(address.link);
   switch (address.link) {
     case LinkKind::SERIAL:
@@ -240,7 +239,7 @@ Outcome<HandAddress> HandAddress::Parse(const std::string& text) {
 }
 
 std::string HandAddress::ToString() const {
-  std::string text = LinkText(*this);
+  std::string text = TextOfLink(*this);
   if (model) text += Compose(':', korvane::ToString(*model));
   if (id) text += Compose(':', *id);
   // A question mark of the link's own must not be taken for the one of the side.

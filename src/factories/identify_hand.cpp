@@ -9,7 +9,7 @@ namespace talvera::korvane {
 namespace {
 
 constexpr const char* kOperation = "IdentifyHand";
-constexpr int kAttempts = 2;
+constexpr int kRoundsOfFamilies = 2;
 
 bool IsServiceHand(const Korvane& hand) {
   return dynamic_cast<const PrivateKorvane*>(&hand) != nullptr;
@@ -38,7 +38,7 @@ Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
   const bool is_quill = hand.model_code == CodeOf(Model::QUILL);
   if (is_quill) std::swap(families[0], families[1]);
   Failure failure;
-  for (int i = 0; i < kAttempts; ++i) {
+  for (int i = 0; i < kRoundsOfFamilies; ++i) {
     for (const std::uint32_t family : families) {
       try {
         const auto vendor = VendorRecordIn(link.Request(VendorQuery(family, id), 0));

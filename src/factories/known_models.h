@@ -10,6 +10,8 @@
 
 namespace talvera::korvane {
 
+inline constexpr int kMaxHandId = 127;
+
 /// The model of that name, in any case.
 std::optional<Model> ModelNamed(std::string_view name);
 

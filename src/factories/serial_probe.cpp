@@ -5,6 +5,7 @@
 #include <set>
 
 #include "factories/asked_link.h"
+#include "factories/known_models.h"
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "util/text.h"
 
@@ -14,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kAttempts = 2;
-constexpr int kMaxId = 127;
 
 /// Gives the hand the id under which it answers. 0 if nobody does.
 int LearnId(const KorvaneBrisaSerialImpl& hand) {
@@ -69,9 +69,9 @@ Outcome<SerialAnswer> AskPort(const HandAddress& address, std::chrono::milliseco
   hand.SetFrameRecvTimeout(static_cast<int>(answer_time.count()));
   const int id = address.id ? *address.id : LearnId(hand);
   if (id == 0) return Failure{FailureKind::NO_REPLY, "", where + ": no hand answers", 0};
-  if (id > kMaxId) {
+  if (id > kMaxHandId) {
     return Failure{FailureKind::BAD_REPLY, "",
-                   Compose(where, ": what answers has the id ", id, "; expected 1 to ", kMaxId), 0};
+                   Compose(where, ": what answers has the id ", id, "; expected 1 to ", kMaxHandId), 0};
   }
   hand.device_id = static_cast<std::uint8_t>(id);
   answer.vendor = AskVendor(hand);

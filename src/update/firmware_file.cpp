@@ -10,7 +10,7 @@
 namespace talvera::korvane {
 namespace {
 
-FirmwareFile Failure(int error_code) {
+FirmwareFile NoFile(int error_code) {
   FirmwareFile file;
   file.error_code = error_code;
   return file;
@@ -32,14 +32,14 @@ FirmwareFile Read(const std::string& path) {
   std::error_code unknown;
   const auto status = std::filesystem::status(path, unknown);
   if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
-    return Failure(kCannotReadFirmware);
+    return NoFile(kCannotReadFirmware);
   }
   std::ifstream stream(path, std::ios::in | std::ios::binary);
-  if (!stream.is_open()) return Failure(kCannotOpenFirmware);
+  if (!stream.is_open()) return NoFile(kCannotOpenFirmware);
   // Not opened at its end: a file that can't be measured would count as one that doesn't open.
   stream.seekg(0, std::ios::end);
   const std::streamoff size = stream.tellg();
-  if (size < 1) return Failure(kCannotReadFirmware);
+  if (size < 1) return NoFile(kCannotReadFirmware);
   std::vector<std::uint8_t> bytes(static_cast<std::size_t>(size));
   stream.seekg(0);
   stream.read(reinterpret_cast<char*>(bytes.data()), size);
@@ -52,9 +52,9 @@ FirmwareFile ReadFirmwareFile(const std::string& path) {
   try {
     return Read(path);
   } catch (const std::bad_alloc&) {
-    return Failure(kCannotReadFirmware);
+    return NoFile(kCannotReadFirmware);
   } catch (const std::length_error&) {
-    return Failure(kCannotReadFirmware);
+    return NoFile(kCannotReadFirmware);
   }
 }
 

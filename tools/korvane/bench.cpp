@@ -30,7 +30,7 @@ struct Series {
   double seconds = 0;
 };
 
-Json ToJson(const Series& series) {
+Json SeriesJson(const Series& series) {
   Json json{{"count", series.times_us.size() + series.lost}, {"lost", series.lost}};
   if (series.times_us.empty()) return json;
   const auto rounded = [&](double part) {
@@ -91,15 +91,15 @@ class Bench : public Command {
     const Pose pose =
         writes_ ? CheckedPose(hand.Info(), PositionsWithin(hand.Info(), PoseOf(hand))) : Pose();
     const Interrupt interrupt;
-    Json document = korvane_tool::ToJson(hand.address);
+    Json document = ToJson(hand.address);
     const auto motor = [](const KorvaneBase& h) { h.GetJointMotorPosi(1); };
     const Series single = MeasureWithStamps(hand, interrupt, motor, document);
-    document["single_read"] = ToJson(single);
+    document["single_read"] = SeriesJson(single);
     document["whole_read"] =
-        ToJson(Measure(hand, interrupt, [](const KorvaneBase& h) { h.GetAllJointMotorPosi(); }));
+        SeriesJson(Measure(hand, interrupt, [](const KorvaneBase& h) { h.GetAllJointMotorPosi(); }));
     if (writes_) {
       document["whole_write"] =
-          ToJson(Measure(hand, interrupt, [&](KorvaneBase& h) { h.SetAllJointMotorPosi(pose); }));
+          SeriesJson(Measure(hand, interrupt, [&](KorvaneBase& h) { h.SetAllJointMotorPosi(pose); }));
     }
     const auto statistics = StatisticsOf(*hand);
     document["unmatched_frames"] = statistics.unmatched_frames;

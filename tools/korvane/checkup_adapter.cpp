@@ -50,7 +50,7 @@ std::optional<Finding> LookAtPlug(const Adapter& adapter) {
   return Warning(fmt::format("{}; this user may not open {}", all, locked->node), command);
 }
 
-const std::vector<Check<Adapter>>& Checks() {
+const std::vector<Check<Adapter>>& AdapterChecks() {
   static const std::vector<Check<Adapter>> checks{
       {"library", &LookAtLibrary},
       {"adapter", &LookAtPlug},
@@ -62,7 +62,7 @@ const std::vector<Check<Adapter>>& Checks() {
 
 void ExamineAdapter(const Machine& machine, const HandAddress& address, Checkup& checkup) {
   const bool is_zlg = address.link == LinkKind::ZLG;
-  checkup.Run(Checks(), Adapter{machine, is_zlg ? "libusbcanfd.so" : "libcanbus.so"});
+  checkup.Run(AdapterChecks(), Adapter{machine, is_zlg ? "libusbcanfd.so" : "libcanbus.so"});
 }
 
 }  // namespace korvane_tool

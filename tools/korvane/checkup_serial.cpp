@@ -162,7 +162,7 @@ std::optional<Finding> LookAtLatency(const Port& port) {
                  UdevCommand("usb-serial", rule, "61-korvane-serial.rules"));
 }
 
-const std::vector<Check<Port>>& Checks() {
+const std::vector<Check<Port>>& PortChecks() {
   static const std::vector<Check<Port>> checks{
       {"port", &LookAtFile}, {"port", &LookAtKind},
       {"chip", &LookAtChip}, {"permission", &LookAtPermission},
@@ -207,7 +207,7 @@ std::vector<std::string> SerialPortsOf(const Machine& machine) {
 }
 
 void ExamineSerial(const Machine& machine, const HandAddress& address, Checkup& checkup) {
-  checkup.Run(Checks(), Look(machine, address.port));
+  checkup.Run(PortChecks(), Look(machine, address.port));
 }
 
 }  // namespace korvane_tool

@@ -271,7 +271,7 @@ std::optional<Finding> LookAtRestart(const Interface& can) {
   return Warning("after BUS-OFF it stays off the bus", Reconfigure(can, "type can restart-ms 100"));
 }
 
-const std::vector<Check<Interface>>& Checks() {
+const std::vector<Check<Interface>>& InterfaceChecks() {
   static const std::vector<Check<Interface>> checks{
       {"kernel", &LookAtKernel},
       {"adapter", &LookForIdleAdapter},
@@ -335,7 +335,7 @@ void ExamineSocketCan(const Machine& machine, const HandAddress& address, Checku
     can.told_by_ip = false;
     can.link = AskSys(machine, can.name);
   }
-  checkup.Run(Checks(), can);
+  checkup.Run(InterfaceChecks(), can);
 }
 
 }  // namespace korvane_tool

@@ -114,7 +114,7 @@ State WorstOf(const Checkup& checkup) {
   return worst;
 }
 
-Json ToJson(const Checkup& checkup) {
+Json CheckupJson(const Checkup& checkup) {
   Json json{{"link", checkup.link}, {"state", ToString(WorstOf(checkup))}};
   json["findings"] = Json::array();
   for (const auto& [key, finding] : checkup.findings) {
@@ -193,7 +193,7 @@ class Doctor : public Command {
     Json document{{"links", Json::array()}};
     std::string text;
     for (const Checkup& checkup : all) {
-      document["links"].push_back(ToJson(checkup));
+      document["links"].push_back(CheckupJson(checkup));
       text += (text.empty() ? "" : "\n") + Text(checkup);
     }
     document["status"] = static_cast<int>(status);

@@ -14,8 +14,8 @@ namespace {
 
 namespace kv = talvera::korvane;
 
-Json ToJson(const kv::FoundHand& hand) {
-  Json json = korvane_tool::ToJson(hand.address);
+Json FoundJson(const kv::FoundHand& hand) {
+  Json json = ToJson(hand.address);
   json.erase("side");  // a hand doesn't tell
   AddVendor(hand.vendor, json);
   return json;
@@ -43,9 +43,9 @@ class Find : public Command {
   int Run(Tool& tool) override {
     const auto found = FindHands(Wanted(tool));
     Json document{{"hands", Json::array()}, {"not_asked", Json::array()}};
-    for (const auto& hand : found.hands) document["hands"].push_back(ToJson(hand));
+    for (const auto& hand : found.hands) document["hands"].push_back(FoundJson(hand));
     for (const Failure& failure : found.not_asked) {
-      document["not_asked"].push_back(korvane_tool::ToJson(failure));
+      document["not_asked"].push_back(ToJson(failure));
     }
     tool.PrintJson(document);
     tool.Print(Text(found));

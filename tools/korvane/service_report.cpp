@@ -21,7 +21,7 @@ using kv::PrivateKorvane;
 enum class Where { EVERYWHERE, BRISA, BRISA_ON_CAN };
 enum class Shape { ONE, AXES, BYTES };
 
-struct Reading {
+struct ReportedReading {
   const char* key;
   const char* title;
   Shape shape;
@@ -50,10 +50,10 @@ Json GetSensor(PrivateKorvane& service) {
 }
 
 /// Settings that can be read stand in front of these, from their own table.
-const std::vector<Reading>& AllReadings() {
+const std::vector<ReportedReading>& AllReadings() {
   using P = PrivateKorvane;
   constexpr auto kAll = Where::EVERYWHERE;
-  static const std::vector<Reading> readings{
+  static const std::vector<ReportedReading> readings{
       {"error_code", "error code", Shape::ONE, kAll, Get<&P::GetErrorCode>},
       {"positions", "position", Shape::AXES, kAll, Get<&P::GetAllAxisPos>},
       {"actual_positions", "actual", Shape::AXES, kAll, Get<&P::GetAllActualAxisPos>},
@@ -84,7 +84,7 @@ const std::vector<Reading>& AllReadings() {
   return readings;
 }
 
-bool Has(const ServiceHand& hand, const Reading& reading) {
+bool Has(const ServiceHand& hand, const ReportedReading& reading) {
   if (reading.where == Where::EVERYWHERE) return true;
   const bool is_brisa = *hand.address.model == Model::BRISA;
   return is_brisa && (reading.where == Where::BRISA || !IsOnSerial(hand));
@@ -131,7 +131,7 @@ struct Column {
 
 std::vector<Column> AxisColumns() {
   std::vector<Column> columns;
-  for (const Reading& reading : AllReadings()) {
+  for (const ReportedReading& reading : AllReadings()) {
     if (reading.shape == Shape::AXES) columns.push_back({reading.key, reading.title});
   }
   for (const Setting& setting : AllSettings()) {
@@ -164,7 +164,7 @@ std::string AxisTable(const Json& report) {
 
 std::string BytesTable(const Json& report) {
   std::string text;
-  for (const Reading& reading : AllReadings()) {
+  for (const ReportedReading& reading : AllReadings()) {
     if (reading.shape != Shape::BYTES || !report.contains(reading.key)) continue;
     std::string bytes;
     for (const Json& byte : report[reading.key]) bytes += fmt::format(" {:02x}", byte.get<int>());
@@ -194,7 +194,7 @@ Json ServiceReport(const ServiceHand& hand) {
   Put(report, "versions",
       CheckedService(hand, [](PrivateKorvane& s) { return VersionsOf(s.GetFwVersion()); }));
   PutSettings(report, hand);
-  for (const Reading& reading : AllReadings()) {
+  for (const ReportedReading& reading : AllReadings()) {
     if (!Has(hand, reading)) continue;
     Put(report, reading.key, CheckedService(hand, reading.get));
     if (reading.shape == Shape::AXES && report.contains(reading.key)) {
