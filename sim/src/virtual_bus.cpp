@@ -279,7 +279,6 @@ class VirtualBus::State {
       for (const Frame& frame : place.TakeDue(now)) {
         if (place.plugged) EmitFromHand(frame, now);
       }
-      clock_.NotifyAll(arrived_);
     }
   }
 

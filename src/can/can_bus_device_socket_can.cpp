@@ -114,8 +114,6 @@ int CanBusDeviceSocketCan::FindInterface() const {
 }
 
 int CanBusDeviceSocketCan::AbandonSocket() {
-  open_ = false;
-  turn_.Unwatch();
   close(socket_fd_);
   socket_fd_ = -1;
   return -1;

@@ -56,8 +56,7 @@ Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
 Failure WithoutVendor(const Korvane& hand) {
   Failure failure = LastFailure(hand);
   if (failure.kind == FailureKind::NONE) {
-    failure = hand.connected ? Failure{FailureKind::NO_REPLY, "", "no hand answers", 0}
-                             : Failure{FailureKind::NO_LINK, "", "the hand has no link", 0};
+    failure = {FailureKind::NO_REPLY, "", "no hand answers", 0};  // of a class that records none
   }
   failure.operation = kOperation;
   return failure;

@@ -92,7 +92,7 @@ Outcome<ServiceHand> Open(const HandAddress& address) {
   return hand;
 }
 
-Outcome<ServiceHand> Named(Outcome<ServiceHand> outcome) {
+Outcome<ServiceHand> NamedOpening(Outcome<ServiceHand> outcome) {
   if (outcome) return outcome;
   Failure failure = outcome.failure();
   failure.operation = "OpenServiceHand";
@@ -101,11 +101,13 @@ Outcome<ServiceHand> Named(Outcome<ServiceHand> outcome) {
 
 }  // namespace
 
-Outcome<ServiceHand> OpenServiceHand(const HandAddress& address) { return Named(Open(address)); }
+Outcome<ServiceHand> OpenServiceHand(const HandAddress& address) {
+  return NamedOpening(Open(address));
+}
 
 Outcome<ServiceHand> OpenServiceHand(const std::string& text) {
   const auto address = HandAddress::Parse(text);
-  if (!address) return Named(address.failure());
+  if (!address) return NamedOpening(address.failure());
   return OpenServiceHand(*address);
 }
 

@@ -260,6 +260,25 @@ class HandUpdate : public testing::TestWithParam<Model> {
     recorded_ += "## " + about + "\n" + text + (text.back() == '\n' ? "" : "\n");
   }
 
+  /// That an adapter can't send.
+  void ExpectALineForEachDataFrame() {
+    const test::Rig<KorvaneBase> rig(kId, HandType::RIGHT, true, model_.hand.make);
+    rig.device->script = [](const CanfdFrame& frame) {
+      if ((frame.can_id & 0xFF0000) == 0xF00000) throw std::runtime_error("gone");
+      return std::vector<CanfdFrame>{};
+    };
+    test::VirtualClock clock(1);
+    dynamic_cast<CanUpdateState&>(*rig.hand).ota_clock = &clock;
+    test::UpdateRunner().Run(*rig.hand, clock);
+    const std::string told = test::Told([&] { model_.send_all(*rig.hand); });
+    std::string expected;
+    for (int frame = 0; frame < 32; ++frame) {
+      expected += Compose(model_.hand.OfClass(), "[SendPackage][frame:", frame, "] gone\n");
+    }
+    EXPECT_EQ(told, model_.any_family ? expected : "") << "a Quill's update tells nothing";
+    EXPECT_EQ(rig.device->TakeSent().size(), 12 + 1 + 32 + 2U);
+  }
+
   void ExpectAsSettled() const {
     RecordProperty("recorded", recorded_);  // with --gtest_output=xml
     EXPECT_EQ(recorded_,
@@ -442,6 +461,7 @@ TEST_P(HandUpdate, WritesTheLinesThatAreSettled) {
   UseTransport(nullptr);
   Record("no transport", UpdateSilently().err);
   Record("steps", test::Told([&] { model_.send_all(*hand_); }));
+  ExpectALineForEachDataFrame();
   for (const int status : {0, 6, 99}) RecordResult(static_cast<std::uint8_t>(status));
   ExpectAsSettled();
 }

@@ -284,6 +284,7 @@ inline std::vector<ServiceRead> ServiceReads(std::uint8_t axes) {
        "error report failed"},
       {{CALL(GetAllAxisPosRange()), {16}}, all_words(Zeros(n)), all_words("")},
       {{CALL(SetSingleActualAxisPos(10, 4096)), {22, 10, 0, 0x10}}, position},
+      {{CALL(SetSingleActualAxisPos(1, 0)), {22, 1, 0, 0}}, position},
       {{CALL(GetSingleActualAxisPos(10)), {23, 10}}, position},
       {{CALL(SetAllActualAxisPos(words)), Bytes{24} + RampBytes(n)}, all_words(""),
        From("", 60, Words(10))},

@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "korvane_brisa.h"
+#include "korvane_open.h"
 #include "private_korvane.h"
 #include "support/all_operations.h"
 #include "support/capture.h"
@@ -64,6 +65,7 @@ class BareHand : public KorvaneBase {
 
 TEST(KorvaneBase, DoesNothingByDefaultAndSaysNothing) {
   BareHand hand;
+  EXPECT_EQ(IdentifyHand(hand).failure().kind, FailureKind::NO_REPLY);
   const StreamCapture output(stdout);
   const StreamCapture errors(stderr);
   const std::string none = "||0.0.0|0.0.0|0|0";

@@ -35,7 +35,7 @@ const std::pair<const char*, const char*> kScripts[] = {
         1D > 01; 20 0010*10 > 01; 20 00*8 >; 21 01E803 > 01; 21 01E903 > 00; 21 0105 >;
         22 01FFFF > 01; 23 0165 > 00; 24 0AFF > 01; 25 01B20C > 01; 25 01B30C > 00;
         26 > 0102030405060708090A; 27 > 01020304050607; 29 > 001000000000*10;
-        30 > 00*20 0010*10; 31 01 > 01; 31 02 > 00; 32 00*50 > 0010*10 00*40; 34 5A > 01;
+        30 > 00*20 0010*10; 31 01 > 01; 31 02 > 00; 32 00*50 > 0010*10 00*40; 33 > 00*35; 34 5A > 01;
         80 01 > 01; 80 02 > 01; 81 > 01; C1 78*19 > 01; C1 78*18 >; C2 > 78*19;
         CD > 02000001000001 00000A; F1 >; F1 0100 >; F0 >; F0 00*80 >; 7E >)"},
     {"limits, homing, actions and power", R"(
@@ -176,7 +176,8 @@ struct SerialHandTest : testing::Test {
 };
 
 TEST_F(SerialHandTest, AnswersFramesForItThatHaveTheRightTrailerAndUploadsOnItsPeriod) {
-  Write("00EE EEAAFF EEAA 0100 01 09 5555");           // Noise, and no checksum.
+  Write("00EE EEAAFF EEAA 0100 00 5555");              // Noise, and a frame without a command.
+  Write("EEAA 0100 01 09 5555");                       // No checksum.
   Write("EEAA 0100 01 09 CF27 EEAA 0200 01 09 2128");  // The wrong kind, another hand.
   Write("EEAA 0100 08 F1 01 00080000 0100 FFED");      // An upgrade must have none.
   Exchange(kAsk, kPower);
@@ -235,6 +236,15 @@ TEST_F(SerialHandTest, KeepsItsPathFromOnePlugToTheNext) {
   while (!fs::exists(link_)) std::this_thread::yield();
   Open();
   Exchange(kAsk, kPower);
+  // What was on its way when the plug was pulled is gone.
+  Spoil([](SerialFaults& f) { f.delay = milliseconds(1); });
+  AskForNothing();
+  device_.Unplug();
+  device_.Plug();
+  Open();
+  clock_.SleepFor(milliseconds(1));
+  Spoil([](SerialFaults&) {});
+  Exchange("EEAA FF07 01 09 7A0B", "EEAA 0100 15 09 0010*10 6A84");
 }
 
 TEST_F(SerialHandTest, ReplacesALinkThatLeadsNowhereAndNothingElse) {

@@ -70,6 +70,15 @@ TEST_F(SimulatedHandTest, AnswersEachKindOfFrameAtALengthThatCanFdHas) {
   Play("00010127 > 41*16 534E2D31 00*10 0102030405060708 A05B 0A 00*7");
 }
 
+TEST_F(SimulatedHandTest, IsPressedHardestInTheMiddleOfASensor) {
+  hand_.SetContact(1, 0.5);
+  const Bytes bytes = hand_.TactileBytes(1, 5);
+  EXPECT_TRUE(std::is_sorted(bytes.begin(), bytes.begin() + 3));
+  EXPECT_EQ(bytes, Bytes(bytes.rbegin(), bytes.rend())) << "as far to one side as to the other";
+  EXPECT_EQ(bytes[2], 128);
+  EXPECT_GT(bytes[0], 128 * 4 / 10);
+}
+
 TEST_F(SimulatedHandTest, IgnoresWhatIsNotForItOrMakesNoSense) {
   Play(
       "03130128 >; 03130727 >; 03138127 >; 23130127 >; 00000127 >;"  // Of others, and no identifier
