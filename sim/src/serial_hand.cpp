@@ -23,7 +23,6 @@
 namespace talvera::korvane::sim {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
 using TimePoint = Clock::TimePoint;
 
 constexpr std::uint16_t kEveryone = 0x7FF;

@@ -13,8 +13,6 @@
 
 namespace talvera::korvane::sim {
 
-using Bytes = std::vector<std::uint8_t>;
-
 inline constexpr std::uint8_t kUpload = 0x29;
 inline constexpr int kVelocityMode = 5;
 inline constexpr int kMaxPosition = 4096;

@@ -4,10 +4,13 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "korvane_sim/frame.h"
 
 namespace talvera::korvane::sim {
+
+using Bytes = std::vector<std::uint8_t>;
 
 /// Payload lengths that CAN FD has, by data length code.
 inline constexpr std::array<std::uint8_t, 16> kFdLengths{0, 1,  2,  3,  4,  5,  6,  7,
