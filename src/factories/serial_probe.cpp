@@ -71,7 +71,8 @@ Outcome<SerialAnswer> AskPort(const HandAddress& address, std::chrono::milliseco
   if (id == 0) return Failure{FailureKind::NO_REPLY, "", where + ": no hand answers", 0};
   if (id > kMaxHandId) {
     return Failure{FailureKind::BAD_REPLY, "",
-                   Compose(where, ": what answers has the id ", id, "; expected 1 to ", kMaxHandId), 0};
+                   Compose(where, ": what answers has the id ", id, "; expected 1 to ", kMaxHandId),
+                   0};
   }
   hand.device_id = static_cast<std::uint8_t>(id);
   answer.vendor = AskVendor(hand);

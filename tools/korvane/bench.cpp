@@ -95,11 +95,11 @@ class Bench : public Command {
     const auto motor = [](const KorvaneBase& h) { h.GetJointMotorPosi(1); };
     const Series single = MeasureWithStamps(hand, interrupt, motor, document);
     document["single_read"] = SeriesJson(single);
-    document["whole_read"] =
-        SeriesJson(Measure(hand, interrupt, [](const KorvaneBase& h) { h.GetAllJointMotorPosi(); }));
+    document["whole_read"] = SeriesJson(
+        Measure(hand, interrupt, [](const KorvaneBase& h) { h.GetAllJointMotorPosi(); }));
     if (writes_) {
-      document["whole_write"] =
-          SeriesJson(Measure(hand, interrupt, [&](KorvaneBase& h) { h.SetAllJointMotorPosi(pose); }));
+      document["whole_write"] = SeriesJson(
+          Measure(hand, interrupt, [&](KorvaneBase& h) { h.SetAllJointMotorPosi(pose); }));
     }
     const auto statistics = StatisticsOf(*hand);
     document["unmatched_frames"] = statistics.unmatched_frames;
