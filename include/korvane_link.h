@@ -19,7 +19,9 @@ enum class Receiving {
   /// comes to them on the receive thread. A serial hand reads what has arrived, and the first frame
   /// with the request's command since that began to be written answers it, also one that was on its
   /// way before; the late answer to another command, or a report, doesn't. A hand on a USB adapter
-  /// sleeps in the adapter's library either way.
+  /// sleeps in the adapter's library either way. On CAN a hand object that hasn't begun an update
+  /// leaves alone that of another object or program; as ever it takes the hand's replies for its
+  /// own and sends requests in between, and the hand refuses what comes twice.
   BY_EVENTS,
 };
 

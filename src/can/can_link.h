@@ -16,6 +16,7 @@ class CanLink {
   explicit CanLink(std::unique_ptr<CanBusDeviceBase> device) : transport(std::move(device)) {}
 
   bool IsInit() const { return transport && transport->IsInit(); }
+  bool ReceivesByEvents() const { return transport && transport->by_events_; }
 
   /// The reply to `frame`. Throws std::runtime_error.
   CanfdFrame Request(const CanfdFrame& frame, int priority) const;

@@ -468,6 +468,18 @@ TEST_P(HandUpdate, WritesTheLinesThatAreSettled) {
 
 // --- Frames outside of a run ----------------------------------------------------------------
 
+/// As ever it takes the reply for its own, has no packet left and says so to the hand.
+TEST_P(HandUpdate, ByEventsLeavesTheUpdateOfAnotherAlone) {
+  for (const Receiving how : {Receiving::BY_EVENTS, Receiving::AS_EVER, Receiving::BY_EVENTS}) {
+    SetReceiving(*hand_, how);
+    Wire();
+    Arrive(ReplyId(2));
+    EXPECT_EQ(Wire(), how == Receiving::BY_EVENTS ? "" : "F");
+    EXPECT_THAT(Update(), testing::EndsWith(" 3/3=0 "));
+    EXPECT_TRUE(Installed());
+  }
+}
+
 TEST_P(HandUpdate, TakesFramesOutsideARunAsItsModelDoes) {
   for (const auto id : {ReplyId(0), ReplyId(0x1F), ReplyId(2) ^ 0x30000, RequestId(2)}) Arrive(id);
   Arrive(ReplyId(2), 0, 3);

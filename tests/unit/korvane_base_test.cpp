@@ -65,7 +65,9 @@ class BareHand : public KorvaneBase {
 
 TEST(KorvaneBase, DoesNothingByDefaultAndSaysNothing) {
   BareHand hand;
-  EXPECT_EQ(IdentifyHand(hand).failure().kind, FailureKind::NO_REPLY);
+  const Failure nobody = IdentifyHand(hand).failure();
+  EXPECT_EQ(nobody.kind, FailureKind::NO_REPLY);
+  EXPECT_EQ(nobody.system_error, 0);
   const StreamCapture output(stdout);
   const StreamCapture errors(stderr);
   const std::string none = "||0.0.0|0.0.0|0|0";

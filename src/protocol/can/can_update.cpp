@@ -41,9 +41,13 @@ void CanUpdate::Run(const std::string& path, ProgressCallback callback) {
   OperationScope operation(link_.diagnostics, "UpdateFirmware");
   state_.SetCallback(std::move(callback));
   state_.ota_use_modbus_crc = true;
+  state_.ota_under_way = true;
   const bool done = Attempt(path);
   // A hand that restarts leaves requests unanswered, which is no failure of the update.
-  if (done) operation.Succeed();
+  if (done) {
+    state_.ota_under_way = false;
+    operation.Succeed();
+  }
   if (done || rules_.always_clears_callback) state_.ClearCallback();
 }
 
@@ -279,6 +283,7 @@ void CanUpdate::ReportOrLogNotReconnected() const {
 
 void CanUpdate::TakeStep(const char* name, SendFailure (UpdateSender::*send)()) {
   const OperationScope operation(link_.diagnostics, name);
+  state_.ota_under_way = true;
   const SendFailure failure = (sender_.*send)();
   if (failure) RecordFailure(link_.diagnostics, *failure, failure->what());
 }

@@ -29,8 +29,11 @@ class CanUpdate {
   /// The whole update, on the caller's thread.
   void Run(const std::string& path, ProgressCallback callback);
 
-  /// Takes an update reply, on the receive thread. Any other frame is left alone.
-  void OnFrame(const CanfdFrame& frame) { replies_.OnFrame(frame); }
+  /// Takes an update reply, on the receive thread. Any other frame is left alone. By events so are
+  /// the replies to another object or program, which would get requests in between.
+  void OnFrame(const CanfdFrame& frame) {
+    if (state_.ota_under_way || !link_.ReceivesByEvents()) replies_.OnFrame(frame);
+  }
 
   /// Asks the hand, up to ten times, how its last update ended. No run does that.
   void QueryResult();

@@ -25,6 +25,8 @@ struct CanUpdateState : UpdateProgress {
   std::atomic<bool> ota_use_modbus_crc{true};
   /// The last reply to the upgrade request was a good one.
   std::atomic<bool> ota_accepted{};
+  /// This object has begun an update and hasn't seen it end well, so that replies may be for it.
+  std::atomic<bool> ota_under_way{};
 };
 
 /// Keeps the frames of a packet together when both threads have one to send: first come, first
