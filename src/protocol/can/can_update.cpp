@@ -51,6 +51,10 @@ void CanUpdate::Run(const std::string& path, ProgressCallback callback) {
   if (done || rules_.always_clears_callback) state_.ClearCallback();
 }
 
+void CanUpdate::OnFrame(const CanfdFrame& frame) {
+  if (state_.ota_under_way || !link_.ReceivesByEvents()) replies_.OnFrame(frame);
+}
+
 bool CanUpdate::Attempt(const std::string& path) {
   std::size_t file_size = 0;
   if (!LoadPackets(path, file_size) || !RequestUpgrade(file_size)) return false;

@@ -31,9 +31,7 @@ class CanUpdate {
 
   /// Takes an update reply, on the receive thread. Any other frame is left alone. By events so are
   /// the replies to another object or program, which would get requests in between.
-  void OnFrame(const CanfdFrame& frame) {
-    if (state_.ota_under_way || !link_.ReceivesByEvents()) replies_.OnFrame(frame);
-  }
+  void OnFrame(const CanfdFrame& frame);
 
   /// Asks the hand, up to ten times, how its last update ended. No run does that.
   void QueryResult();
