@@ -55,7 +55,7 @@ class Finder {
  public:
   explicit Finder(const FindOptions& options)
       : options_(options), ids_(options.ids.empty() ? EveryId() : options.ids) {
-    const auto is_id = [](std::uint8_t id) { return id >= 1 && id <= 127; };
+    const auto is_id = [](std::uint8_t id) { return id >= 1 && id <= kMaxHandId; };
     ids_.erase(std::partition(ids_.begin(), ids_.end(), is_id), ids_.end());
   }
 

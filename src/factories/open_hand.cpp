@@ -166,7 +166,7 @@ Failure Named(Failure failure) {
 }  // namespace
 
 std::vector<std::uint8_t> EveryId() {
-  std::vector<std::uint8_t> ids(127);
+  std::vector<std::uint8_t> ids(kMaxHandId);
   std::iota(ids.begin(), ids.end(), std::uint8_t{1});
   return ids;
 }
