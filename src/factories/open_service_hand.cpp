@@ -1,5 +1,6 @@
 #include "korvane_open_service.h"
 
+#include <chrono>
 #include <utility>
 
 #include "private_korvane_brisa.h"
@@ -39,6 +40,7 @@ Hand Make(const HandAddress& where) {
 Outcome<void> CheckOneOnBus(const HandAddress& address) {
   if (address.link == LinkKind::SERIAL) return {};
   FindOptions options;
+  options.answer_time = std::chrono::milliseconds(kCheckTimeoutMs);
   options.places = {address};
   options.places[0].model.reset();
   options.places[0].id.reset();

@@ -34,10 +34,11 @@ def test_samples_that_nobody_fetches_are_counted(brisa):
 
 
 def test_a_stream_whose_hand_is_silent_ends(brisa):
-    brisa.reply_timeout_ms = 10
+    brisa.reply_timeout_ms = 1000
     stream = brisa.stream(1000, buffer=10_000)
     first = next(stream)
     conftest.freeze(brisa)
+    brisa.reply_timeout_ms = 10
     with pytest.raises(korvane.NoReply):
         for sample in stream:
             assert sample.time > first.time

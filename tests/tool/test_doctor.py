@@ -214,7 +214,7 @@ def test_latency_of_a_serial_chip(sim, tree, latency):
     if latency == "16":
         rule = f'SUBSYSTEM=="usb-serial", ACTION=="add", DRIVER=="ftdi_sio", {USB.replace("ATTR", "ATTRS")}, ATTR{{latency_timer}}="1"'
         assert f"echo '{rule}' | sudo tee -a /etc/udev/rules.d/" in found["latency"]["command"]
-    everything = sim.korvane("doctor", "--json", "--root", tree).json["links"]
+    everything = sim.korvane("doctor", "--json", "--root", tree, "--timeout", 1000).json["links"]
     assert [row for row in everything[-1]["findings"] if row["key"] == "hands"][0]["state"] == "ok"
 
 

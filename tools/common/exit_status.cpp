@@ -19,6 +19,8 @@ template <class IsMeant>
 ExitStatus StatusOfRefusal(const HandAddress& place, IsMeant is_meant) {
   kv::FindOptions options;
   options.places = {place};
+  // A machine that is busy was so a moment ago, too.
+  options.answer_time *= 2;
   const auto [hands, not_asked] = FindHands(options);
   const bool share_id = std::any_of(not_asked.begin(), not_asked.end(), [](const Failure& why) {
     return why.kind == FailureKind::REFUSED;

@@ -92,7 +92,8 @@ void ExamineSerial(const Machine& machine, const HandAddress& address, Checkup& 
 /// From the link to the hand; asks it, and measures.
 void ExamineHand(const Tool& tool, const HandAddress& address, Checkup& checkup);
 
-/// The hands on some links, as a finding: a place, or all links of a kind.
-Finding FindHandsOn(const talvera::korvane::FindOptions& where);
+/// The hands on some links, as a finding: a place, or all links of a kind. `--timeout` is how long
+/// answers are waited for.
+Finding FindHandsOn(const Tool& tool, const talvera::korvane::FindOptions& where);
 
 }  // namespace korvane_tool

@@ -28,9 +28,16 @@ constexpr std::uint64_t kStrayFrames = 3;
 
 // --- Who answers ----------------------------------------------------------------------------
 
+kv::FindResult Search(const Tool& tool, kv::FindOptions where) {
+  if (tool.options.timeout_ms != 0) {
+    where.answer_time = std::chrono::milliseconds(tool.options.timeout_ms);
+  }
+  return FindHands(where);
+}
+
 /// A look at the first hand that answers in place of the one that was meant.
-std::string LookAtOther(const kv::FindOptions& where) {
-  const auto found = FindHands(where).hands;
+std::string LookAtOther(const Tool& tool, const kv::FindOptions& where) {
+  const auto found = Search(tool, where).hands;
   return found.empty() ? "" : "korvane doctor -H '" + found.front().address.ToString() + "'";
 }
 
@@ -52,18 +59,18 @@ bool IsAdapter(const HandAddress& address) {
   return address.link == LinkKind::ZLG || address.link == LinkKind::HCAN;
 }
 
-Finding NoLink(const HandAddress& address, const Failure& failure) {
+Finding NoLink(const Tool& tool, const HandAddress& address, const Failure& failure) {
   const std::string text = WithAdvice(failure);
   if (!IsAdapter(address)) return Bad(text);
   kv::FindOptions where;
   where.links = {address.link};
-  const std::string other = LookAtOther(where);
+  const std::string other = LookAtOther(tool, where);
   return other.empty() ? Bad(text, "lsusb") : Bad(text + " There are hands elsewhere.", other);
 }
 
-Finding Nobody(const HandAddress& address, const Failure& failure) {
+Finding Nobody(const Tool& tool, const HandAddress& address, const Failure& failure) {
   const std::string text = PlainText(failure);
-  const std::string other = LookAtOther(SameLink(address));
+  const std::string other = LookAtOther(tool, SameLink(address));
   if (!other.empty()) return Bad(text + "; another one does", other, kNobody);
   const bool is_serial = address.link == LinkKind::SERIAL;
   return Bad(text + (is_serial ? "; is the hand powered, the cable in, and this its bit rate?"
@@ -72,12 +79,12 @@ Finding Nobody(const HandAddress& address, const Failure& failure) {
              "korvane find", kNobody);
 }
 
-Finding NotReached(const HandAddress& address, const ToolError& error) {
+Finding NotReached(const Tool& tool, const HandAddress& address, const ToolError& error) {
   const auto status = static_cast<ExitStatus>(error.Status());
-  if (status == kNoLink) return NoLink(address, error.Cause());
-  if (status == kNobody) return Nobody(address, error.Cause());
+  if (status == kNoLink) return NoLink(tool, address, error.Cause());
+  if (status == kNobody) return Nobody(tool, address, error.Cause());
   if (status == kFailed) return Bad(WithAdvice(error.Cause()), "", status);
-  return Bad(PlainText(error.Cause()), LookAtOther(SameLink(address)), status);
+  return Bad(PlainText(error.Cause()), LookAtOther(tool, SameLink(address)), status);
 }
 
 std::optional<OpenedHand> Reach(const Tool& tool, const HandAddress& address, Checkup& checkup) {
@@ -91,7 +98,7 @@ std::optional<OpenedHand> Reach(const Tool& tool, const HandAddress& address, Ch
     const bool is_open = error.Status() != kNoLink;
     if (is_open && error.Cause().kind != FailureKind::NOT_SUPPORTED)
       checkup.Add("link", Ok("it opens"));
-    checkup.Add(is_open ? "answer" : "link", NotReached(address, error));
+    checkup.Add(is_open ? "answer" : "link", NotReached(tool, address, error));
     return std::nullopt;
   }
 }
@@ -265,8 +272,8 @@ void ExamineHand(const Tool& tool, const HandAddress& address, Checkup& checkup)
   if (checkup.FirstBad() == nullptr) ExamineHealth(*hand, checkup);
 }
 
-Finding FindHandsOn(const kv::FindOptions& where) {
-  const auto found = FindHands(where);
+Finding FindHandsOn(const Tool& tool, const kv::FindOptions& where) {
+  const auto found = Search(tool, where);
   if (found.hands.empty() && !found.not_asked.empty()) {
     const Failure& failure = found.not_asked.front();
     return Bad(WithAdvice(failure), "", StatusOf(failure));

@@ -56,40 +56,40 @@ void Excuse(Checkup& checkup) {
   }
 }
 
-Checkup ExaminePlace(const Machine& machine, const HandAddress& place) {
+Checkup ExaminePlace(const Tool& tool, const Machine& machine, const HandAddress& place) {
   Checkup checkup = ExamineLink(machine, place, place.ToString());
   if (checkup.FirstBad() != nullptr) return checkup;
   kv::FindOptions where;
   where.places = {place};
-  checkup.Add(kHands, FindHandsOn(where));
+  checkup.Add(kHands, FindHandsOn(tool, where));
   return checkup;
 }
 
 /// All adapters of a vendor: only its library knows how many there are.
-Checkup ExamineAdapters(const Machine& machine, LinkKind kind) {
+Checkup ExamineAdapters(const Tool& tool, const Machine& machine, LinkKind kind) {
   HandAddress address;
   address.link = kind;
   Checkup checkup = ExamineLink(machine, address, kind == LinkKind::ZLG ? "zlg" : "hcan");
   kv::FindOptions where;
   where.links = {kind};
-  checkup.FirstBad() != nullptr ? Excuse(checkup) : checkup.Add(kHands, FindHandsOn(where));
+  checkup.FirstBad() != nullptr ? Excuse(checkup) : checkup.Add(kHands, FindHandsOn(tool, where));
   return checkup;
 }
 
-std::vector<Checkup> ExamineMachine(const Machine& machine) {
+std::vector<Checkup> ExamineMachine(const Tool& tool, const Machine& machine) {
   std::vector<Checkup> all;
   const auto interfaces = CanInterfacesOf(machine);
   all.reserve(interfaces.size() + 1);
-  for (const auto& name : interfaces) all.push_back(ExaminePlace(machine, Interface(name)));
+  for (const auto& name : interfaces) all.push_back(ExaminePlace(tool, machine, Interface(name)));
   if (interfaces.empty()) {
     all.push_back(ExamineLink(machine, Interface(""), "socketcan"));
     Excuse(all.back());
   }
   for (const LinkKind kind : {LinkKind::ZLG, LinkKind::HCAN}) {
-    all.push_back(ExamineAdapters(machine, kind));
+    all.push_back(ExamineAdapters(tool, machine, kind));
   }
   const auto ports = SerialPortsOf(machine);
-  for (const auto& path : ports) all.push_back(ExaminePlace(machine, Port(path)));
+  for (const auto& path : ports) all.push_back(ExaminePlace(tool, machine, Port(path)));
   if (ports.empty()) all.push_back({"serial", {{"port", Unknown("no USB serial port")}}});
   return all;
 }
@@ -174,7 +174,7 @@ class Doctor : public Command {
         all.push_back(ExamineAddress(tool, machine, address));
       }
     } else {
-      all = ExamineMachine(machine);
+      all = ExamineMachine(tool, machine);
     }
     const ExitStatus status = StatusOf(all, is_named);
     Write(tool, all, status);
