@@ -65,6 +65,8 @@ Outcome<SerialAnswer> AskPort(const HandAddress& address, std::chrono::milliseco
                                                          address.port, address.baud);
   KorvaneBrisaSerialImpl& hand = *answer.hand;
   if (!hand.connected) return OpenFailure(hand, address.port);
+  // As ever a reply that is there early is lost, as happens on a busy machine.
+  SetReceiving(hand, Receiving::BY_EVENTS);
   const int timeout_before = hand.GetFrameRecvTimeout();
   hand.SetFrameRecvTimeout(static_cast<int>(answer_time.count()));
   const int id = address.id ? *address.id : LearnId(hand);
@@ -78,6 +80,7 @@ Outcome<SerialAnswer> AskPort(const HandAddress& address, std::chrono::milliseco
   answer.vendor = AskVendor(hand);
   if (answer.vendor.product_model.empty()) return NobodyWithThatId(hand, where, id);
   hand.SetFrameRecvTimeout(timeout_before);
+  SetReceiving(hand, DefaultReceiving());
   return answer;
 }
 

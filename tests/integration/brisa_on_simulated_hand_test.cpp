@@ -8,6 +8,7 @@
 
 #include "protocol/can/korvane_brisa_can_impl.h"
 #include "support/bus_device.h"
+#include "support/patient_link.h"
 
 namespace talvera::korvane {
 namespace {
@@ -21,7 +22,7 @@ std::unique_ptr<KorvaneBrisaCanImpl> Connect(sim::VirtualBus& bus,
                                              const DispatchRules& rules = test::kLikeSocketCan) {
   auto hand = std::make_unique<KorvaneBrisaCanImpl>(HandType::RIGHT, kId,
                                                     std::make_unique<BusDevice>(bus, rules));
-  hand->SetFrameRecvTimeout(1000);
+  test::BePatient(*hand);
   return hand;
 }
 

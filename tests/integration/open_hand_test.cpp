@@ -27,6 +27,7 @@
 #include "private_korvane_lumen.h"
 #include "support/bus_device.h"
 #include "support/capture.h"
+#include "support/patient_link.h"
 
 namespace talvera::korvane {
 namespace {
@@ -99,7 +100,7 @@ void ExpectOpens(const std::string& address, const TestedModel& expected, std::u
   EXPECT_TRUE(opened.connected);
   EXPECT_EQ(opened.GetFrameRecvTimeout(), 50) << "as from a factory";
   EXPECT_EQ(LastFailure(opened).kind, FailureKind::NONE);
-  (*hand)->SetFrameRecvTimeout(1000);
+  test::BePatient(**hand);
   // On a serial port a late answer to an earlier request may come first.
   std::uint8_t joints = 0;
   for (int i = 0; i < 20 && joints == 0; ++i) joints = opened.GetVendorInfo().active_dof;
@@ -254,7 +255,7 @@ TEST_P(OnAdapters, AHandIsIdentifiedByWhoAnswersUnderItsId) {
   }
   const auto service = PrivateKorvaneLumen::createHandByZlgcan(HandType::LEFT, 4, 1);
   adapters_.Bus(1, 0).Add({sim::kLumen, 4});
-  service->SetFrameRecvTimeout(1000);
+  test::BePatient(*service);
   EXPECT_EQ(*IdentifyHand(*service), Model::LUMEN) << "whatever the service interface calls it";
   const auto missing = KorvaneBrisa::createHandByZlgcan(HandType::LEFT, 1, 7);
   EXPECT_EQ(IdentifyHand(*missing).failure().kind, FailureKind::NO_LINK);
@@ -267,8 +268,8 @@ void ExpectServiceOpens(const std::string& address, Model model, std::uint8_t id
   ASSERT_TRUE(hand) << hand.failure().text;
   EXPECT_EQ(hand->address.model, model);
   EXPECT_EQ(hand->address.id, id);
-  hand->hand->SetFrameRecvTimeout(1000);
-  hand->Public().SetFrameRecvTimeout(1000);
+  test::BePatient(*hand->hand);
+  test::BePatient(hand->Public());
   EXPECT_FALSE(hand->Service().GetAxisLimitPos().lower.empty());
   EXPECT_FALSE(hand->Public().GetAllJointMotorPosi().empty());
 }
@@ -354,7 +355,7 @@ TEST_P(OnAdapters, AHandOfThisProcessIsNotDisturbed) {
   adapters_.Bus(0, 0).Add({sim::kLumen, 3});
   adapters_.Bus(1, 0).Add({sim::kLumen, 4});
   const auto hand = Opened(At("0.0:lumen:3"));
-  hand->SetFrameRecvTimeout(1000);
+  test::BePatient(*hand);
   FindOptions options;
   options.links = {*GetParam() == 'z' ? LinkKind::ZLG : LinkKind::HCAN};
   options.ids = {3, 4};
@@ -412,7 +413,7 @@ TEST_F(OnASerialPort, ABrisaOpensWhateverTheAddressLeavesOut) {
   Plug(sim::kBrisa, 127);
   ExpectOpens(At(""), kTestedModels[0], 127);
   const auto hand = Opened("serial:" + device_->Path() + ":Brisa");
-  hand->SetFrameRecvTimeout(1000);
+  test::BePatient(*hand);
   EXPECT_EQ(*IdentifyHand(*hand), Model::BRISA);
   EXPECT_EQ(hand->SetJointMotorPosi(3, 12), 0);
   EXPECT_EQ(OpenServiceHand(At("")).failure().kind, FailureKind::NO_LINK) << "the port is taken";

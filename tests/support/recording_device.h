@@ -188,7 +188,7 @@ struct Rig {
     auto adapter = std::make_unique<RecordingDevice>(opens);
     device = adapter.get();
     hand = make(type, id, std::move(adapter));
-    hand->SetFrameRecvTimeout(1000);
+    device->frame_recv_timeout_ms_ = 60'000;
   }
 
   RecordingDevice* device;

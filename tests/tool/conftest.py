@@ -17,6 +17,9 @@ TOOL = BUILD / "bin" / "korvane"
 FIVE = ("--hand=brisa:1", "--hand=tessel:2", "--hand=quill:3", "--hand=lumen:4", "--hand=vanta:5")
 #: More than any request takes, and less than a test may.
 LIMIT = 60
+#: A busy machine keeps a reply for longer than most commands wait.
+PATIENCE = ("--timeout", 500)
+PATIENT = {"bench", "doctor", "find", "info", "move", "record", "replay", "serve", "service", "update", "watch"}
 
 
 @dataclass
@@ -28,6 +31,12 @@ class Result:
     @property
     def json(self):
         return json.loads(self.out)
+
+
+def command_line(arguments):
+    arguments = [str(argument) for argument in arguments]
+    is_patient = arguments and arguments[0] in PATIENT and "--timeout" not in arguments
+    return [TOOL, *arguments, *(map(str, PATIENCE) if is_patient else ())]
 
 
 def hear_ctrl_c():
@@ -76,11 +85,11 @@ class Simulator:
 
     def start(self, *arguments, **options):
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
-        return subprocess.Popen([TOOL, *map(str, arguments)], text=True, env=self.env, preexec_fn=hear_ctrl_c, **pipes)
+        return subprocess.Popen(command_line(arguments), text=True, env=self.env, preexec_fn=hear_ctrl_c, **pipes)
 
     def korvane(self, *arguments, **environment):
         done = subprocess.run(
-            [TOOL, *map(str, arguments)], capture_output=True, text=True, timeout=LIMIT,
+            command_line(arguments), capture_output=True, text=True, timeout=LIMIT,
             env={**self.env, **environment}, stdin=subprocess.DEVNULL,
         )
         return Result(done.returncode, done.stdout, done.stderr)

@@ -187,7 +187,7 @@ def test_who_answers(sim, address, status, other):
     ],
 )
 def test_how_well_a_hand_answers(make_sim, fault, bad, warning, status):
-    found, ended = examine(make_sim("--hand=brisa:1", fault, serial=False), "zlg:0.0:brisa:1")
+    found, ended = examine(make_sim("--hand=brisa:1", fault, serial=False), "zlg:0.0:brisa:1", "--timeout", 50)
     assert (ended, states(found, "bad")) == (status, bad)
     assert warning <= states(found, "warning")
 

@@ -125,7 +125,7 @@ def test_watch_without_a_terminal_shows_the_last_picture(sim):
 @pytest.mark.parametrize("fault, link, status", [("--silent-after=40", "zlg", 4), ("--serial-unplug-after=30", "serial", 3)])
 def test_watch_ends_when_the_hand_has_gone(make_sim, fault, link, status):
     sim = make_sim("--hand=brisa:1", fault)
-    gone = sim.korvane("watch", "-H", sim.address(link), "--json")
+    gone = sim.korvane("watch", "-H", sim.address(link), "--json", "--timeout", 100)
     assert gone.status == status
     assert gone.err
 

@@ -196,5 +196,5 @@ def test_bench_counts_every_request_and_compares(sim, tmp_path, hand):
 
 def test_bench_counts_what_is_lost(make_sim):
     sim = make_sim("--hand=brisa:1", "--silent-after=10", serial=False)
-    told = sim.korvane("bench", "-H", sim.address("zlg"), "--count", "100")
+    told = sim.korvane("bench", "-H", sim.address("zlg"), "--count", "100", "--timeout", 50)
     assert told.status == 4 and " 20 " in told.out  # as many in a row, and it gives up

@@ -62,7 +62,7 @@ class CanRig : public Rig {
 
  private:
   void Say(int size) {
-    hands_.hand_.SetFrameRecvTimeout(1000);
+    hands_.device_.frame_recv_timeout_ms_ = 60'000;
     hands_.device_.script = test::Replies(test::Bytes(64, 1), size);
   }
 

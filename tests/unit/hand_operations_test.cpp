@@ -320,7 +320,7 @@ TEST_P(HandOperations, FailWithOneLineThatSaysWhyAndGoOnAfterwards) {
     hand_.SetFrameRecvTimeout(10);
     device_.script = RepliesInFrames({});
     expect_failure(hand_, if_waiting(" request timeout (10ms)", ""));
-    hand_.SetFrameRecvTimeout(1000);
+    device_.frame_recv_timeout_ms_ = 60'000;
     device_.script = CantSend();
     expect_failure(hand_, if_waiting(" request send failed", operation.not_sent));
     device_.script = Throws(std::out_of_range("adapter broke"));

@@ -74,8 +74,8 @@ TEST_F(TesselReports, TellEachFaultInALine) {
 TEST_F(TesselReports, AreAlsoTheRepliesOnHcan) {
   KorvaneTesselCanImpl hand(HandType::RIGHT, kId,
                             std::make_unique<RecordingDevice>(true, kHcanDispatch));
-  hand.SetFrameRecvTimeout(1000);
   auto& device = static_cast<RecordingDevice&>(*hand.Link().transport);
+  device.frame_recv_timeout_ms_ = 60'000;
   device.script = Replies({1, 0});
   EXPECT_EQ(Told([&] { EXPECT_EQ(hand.GetErrorReport(4), 1); }),
             "[ERROR]: Joint motor 4 stalled!\n");
