@@ -43,16 +43,25 @@ def test_refuses_before_anything_is_sent(sim, image, address, packets, options, 
     assert says in done.err
 
 
+def update(sim, *arguments):
+    """A busy machine keeps what a hand acknowledges for longer than an update waits: once more then, as the tool advises."""
+    for _ in range(5):
+        done = sim.korvane("update", *arguments, "--yes")
+        if done.status == 0:
+            break
+    return done
+
+
 @pytest.mark.parametrize("link", LINKS)
 def test_updates_and_reads_the_version_back(make_sim, image, link):
     sim = make_sim("--restart-ms=100")
     address = sim.address(link)
-    done = sim.korvane("update", image(20), "-H", address, "--yes", "--json", "--expect", "1.1.0.0")
+    done = update(sim, image(20), "-H", address, "--json", "--expect", "1.1.0.0")
     assert done.status == 0, done.err
     told = done.json
     assert (told["version_before"], told["version_after"]) == ("1.0.0", "1.1.0")
     assert (told["packets"], told["updated"], told["model"]) == (20, True, "brisa")
-    text = sim.korvane("update", image(20), "-H", address, "--yes").out
+    text = update(sim, image(20), "-H", address).out
     assert re.findall(r"^ *(\d+) %", text, re.M) == [str(p) for p in range(10, 101, 10)]
     assert "the hand runs version 1.2.0, before 1.1.0" in text
 
