@@ -52,9 +52,9 @@ class Browser:
     def wait_with_held_key(self, script):
         """The page lets go of the switch when a busy server refuses a request: pressed once more then."""
         def look(driver):
-            if driver.execute_script(f"return {PRESSED}") == "false":
-                self.keys().key_up(SPACE).key_down(SPACE).perform()
-            return driver.execute_script(script)
+            if driver.execute_script(f"return {PRESSED}") == "true":
+                return driver.execute_script(script)
+            self.keys().key_up(SPACE).key_down(SPACE).perform()
 
         webdriver.support.wait.WebDriverWait(self.driver, LIMIT, 0.05).until(look, script)
 
