@@ -2,7 +2,7 @@
 // operation, and those that come while an update runs.
 
 #include "can_hands.h"
-#include "support/all_operations.h"
+#include "operations.h"
 
 using namespace talvera::korvane;
 using namespace talvera::korvane::fuzz;
@@ -50,12 +50,29 @@ void Touch(KorvaneBase& hand, Finger finger) {
   }
 }
 
+/// Asks a hand of one of these classes how its last update ended; nothing for another one.
+template <class... Hands>
+void AskForResult(KorvaneBase& hand) {
+  const auto ask = [](auto* asked) {
+    if (asked != nullptr) asked->GetUpgradeResult();
+  };
+  (ask(dynamic_cast<Hands*>(&hand)), ...);
+}
+
+/// An update, or the question how the last one ended.
+void StepOfUpdate(KorvaneBase& hand, Input& input) {
+  const std::uint8_t byte = input.Byte();
+  if ((byte & 2U) == 0) return Update(hand, (byte & 1U) != 0);
+  AskForResult<KorvaneBrisaCanImpl, KorvaneTesselCanImpl, KorvaneQuillCanImpl, KorvaneLumenCanImpl,
+               KorvaneVantaCanImpl>(hand);
+}
+
 void TakeStep(CanHand& place, const std::vector<test::HandOperation>& operations, Input& input) {
   const std::size_t kind = input.Below(8);
   if (kind < 2) place.link->Dispatch(UnaskedFrame(input), place.link->rules);
-  if (kind >= 2 && kind < 6) input.Of(operations).call(*place.hand);
+  if (kind >= 2 && kind < 6) CallOneOf(operations, *place.hand, input);
   if (kind == 6) Touch(*place.hand, static_cast<Finger>(input.Below(9)));
-  if (kind == 7) Update(*place.hand, input.Flag());
+  if (kind == 7) StepOfUpdate(*place.hand, input);
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
 // Firmware files: any file is cut into packets that hold it, and every kind of update brings it
 // into a hand as it is.
 
-#include <serial/serial.h>
-
 #include <optional>
 
 #include "can_hands.h"
 #include "ota_load.h"
+#include "serial/serial_library.h"
 #include "serial_hand.h"
 #include "simulated_end.h"
 

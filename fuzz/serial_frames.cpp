@@ -1,8 +1,8 @@
 // What arrives on a serial port: any bytes and any frames, unasked, as the answers to any
 // operation, and while an update runs.
 
+#include "operations.h"
 #include "serial_hand.h"
-#include "support/all_operations.h"
 
 using namespace talvera::korvane;
 using namespace talvera::korvane::fuzz;
@@ -39,7 +39,7 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
     const std::size_t kind = input.Below(8);
     try {
       if (kind < 3) place.Receive(Arriving(input, asked));
-      if (kind >= 3 && kind < 7) input.Of(operations).call(place.hand);
+      if (kind >= 3 && kind < 7) CallOneOf(operations, place.hand, input);
       if (kind == 7) Update(place.hand, input.Flag());
     } catch (const std::exception&) {
       // How some operations refuse.
