@@ -62,8 +62,9 @@ class KORVANE_EXPORT Korvane {
   /// Asks the hand which id it has. All zero on failure.
   virtual DeviceInfo GetDeviceInfo() const = 0;
 
-  /// Switches the log of every frame, on the standard output stream, and in models with a solver
-  /// also the solver's log. Doesn't block. May be called at any time from any thread.
+  /// Switches the log of every frame, on the standard output stream, and of a KorvaneBrisa also the
+  /// solver's log (not of a PrivateKorvaneBrisa over CAN). Doesn't block. May be called at any time
+  /// from any thread.
   virtual void ShowDataDetails(bool on) const = 0;
 
   /// Minimum time between two requests, held to 0..100 ms (0..500 ms on a serial port); 0 at first.
@@ -90,7 +91,11 @@ class KORVANE_EXPORT Korvane {
 
   /// Replaces the firmware of the hand by the file at `path`.
   ///
-  /// Blocks until the update ends, which may take minutes; leave the hand alone meanwhile.
+  /// Blocks until the update ends, which may take minutes; leave the hand alone meanwhile. On CAN
+  /// no other hand object for this hand may exist then, in this program or another, even an idle
+  /// one, unless it receives by events (korvane_link.h): it answers the replies, and the hand
+  /// refuses what comes twice.
+  ///
   /// `callback` is called with (current, total, status); OtaProgressStatus has a table of the
   /// statuses by link. Without a callback the same events are written to the standard streams. A
   /// model that can't update itself calls callback(-1, 0, FAILED) and returns.
@@ -118,6 +123,9 @@ class KORVANE_EXPORT Korvane {
   /// KorvaneTessel reports it only then, and so a failed check as 1. A KorvaneBrisa sends a first
   /// packet that failed the check again with the other checksum, so that success may follow a -7.
   /// Over serial a failed check mostly shows as 1.
+  ///
+  /// Over CAN nobody looks whether the frames of a packet went out. While the interface is down, or
+  /// its queue full, they are lost, on SocketCAN without a line, and the run ends with -6.
   ///
   /// Nor does every failure have a report. Over CAN an upgrade request that can't be sent has only
   /// its line, and with a KorvaneBrisa or KorvaneVanta one that nothing answers, too. Over serial
@@ -204,7 +212,10 @@ class KORVANE_EXPORT KorvaneBase : public virtual Korvane {
   /// Angles of all joints, coupled ones included, in radians. Asks the hand. Empty on failure.
   virtual std::vector<double> GetAllJointAngles() const;
 
-  /// Works out the angles of all joints from those of the active ones. Asks nobody.
+  /// Works out the angles of all joints from those of the active ones [rad]. Asks nobody. Empty,
+  /// after a line, on a wrong size. Models without a solver have other values: KorvaneVanta returns
+  /// its argument, PrivateKorvaneLumen four zeros; the default is empty, in KorvaneLumen after a
+  /// line.
   virtual std::vector<double> GetAllJointPos(const std::vector<double>& active_angles) const;
 
   /// Sets the velocity of one motor. Asks the hand.

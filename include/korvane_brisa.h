@@ -49,8 +49,10 @@ namespace talvera::korvane {
 ///       SetAllActiveJointAngles                    empty        empty        yes
 ///     other operations named Get..All..                           empty        yes
 ///     SetControlMode, SetAllControlMode            line         none         no
-///     other setters of motor values, MixCtrl-
-///       JointMotor, SetHandGesture                 line         line         yes
+///     other setters of motor values,
+///       MixCtrlJointMotor                          line         line         yes
+///     SetHandGesture                                            line         yes
+///     GetAllJointPos                               empty                     -
 ///     six report period setters                    line         line         -
 ///     GetTactileSensorData                         throws       zeros        yes
 ///     GetAllTactileSensorData                                   7 x zeros    yes, 7 times
@@ -62,7 +64,9 @@ namespace talvera::korvane {
 ///     on a serial port                             bad          silent       waits
 ///     SetJointMotorPosi                            -1           0 (1)        no
 ///     GetJointMotorPosi (2)                        -1           -1           yes
-///     SetAllJointMotorPosi (3), SetHandGesture     empty        10 x last    reads after it
+///     SetAllJointMotorPosi (3)                     empty        10 x last    reads after it
+///     SetHandGesture                                            line         reads after it
+///     GetAllJointPos                               empty                     -
 ///     GetAllJointMotorPosi                                      10 x last    yes
 ///     SetAllActiveJointAngles                      empty        of 10 x last reads after it
 ///     GetAllActiveJointAngles, GetAllJointAngles                of 10 x last yes
@@ -119,7 +123,8 @@ class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
  public:
   /// A hand on the serial port `port`, such as "/dev/ttyUSB0", at `baud` bits per second, by
   /// RS-485. The port is opened at once; like the factories over CAN FD this never fails on a
-  /// missing device.
+  /// missing device. `device_id` is 1 to 127, `baud` 300 to 12000000, as far as the port's driver
+  /// goes: one that refuses the rate gives a hand that isn't connected.
   ///
   /// The port belongs to one hand object, also among programs; a second one isn't connected, and a
   /// line says why.
@@ -167,7 +172,7 @@ class KORVANE_EXPORT KorvaneBrisa : public KorvaneBase,
 
   ~KorvaneBrisa() override;
 
-  /// Null until the implementation class fills it.
+  /// Never null in a hand from a factory.
   std::unique_ptr<br7::KorvaneBrisaSolver> solver;
 };
 

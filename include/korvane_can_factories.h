@@ -14,6 +14,9 @@ namespace talvera::korvane {
 ///
 /// A factory opens the link, which takes milliseconds, sends nothing, and never fails on a missing
 /// device: look at `connected`. Factories may be called from several threads at once.
+///
+/// `device_id` is 1 to 127. Adapters and their channels are counted from 0; a number that isn't
+/// there gives a hand that isn't connected.
 template <class Hand>
 class KORVANE_EXPORT CanFactories {
  public:
@@ -38,7 +41,8 @@ class KORVANE_EXPORT CanFactories {
                                                 std::uint8_t channel = 0);
 
   /// A hand on a SocketCAN interface, which must be up and carry CAN FD frames. Its receive thread
-  /// polls without a pause, which takes one core for each hand.
+  /// polls without a pause, which takes one core for each hand, unless the hand receives by events
+  /// (korvane_link.h).
   static std::unique_ptr<Hand> createHandSocketCan(HandType hand, std::uint8_t device_id,
                                                    const std::string& interface_name = "can0");
 

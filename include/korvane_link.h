@@ -27,8 +27,7 @@ enum class Receiving {
 
 /// How this hand receives from now on. Nothing for a hand without a link. Any thread, at any time;
 /// a request that waits meanwhile goes on. Takes up to 50 ms to show, or as long as such a request
-/// waits; on a serial link as long as
-/// its reads wait, up to 270 ms at 9600 baud.
+/// waits; on a serial link as long as its reads wait, up to 270 ms at 9600 baud.
 KORVANE_EXPORT void SetReceiving(Korvane& hand, Receiving how);
 
 /// The same for all hands that the process makes from now on. Any thread, at any time.

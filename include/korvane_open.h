@@ -83,17 +83,19 @@ inline bool operator!=(const HandAddress& a, const HandAddress& b) { return !(a 
 /// | NOT_SUPPORTED | a model that isn't to be had on a serial link; only a Brisa is |
 /// | NO_LINK | the link can't be opened; `system_error` where the system gave one |
 /// | SEND_FAILED | the link takes no frames |
-/// | NO_REPLY | nobody answers there, or nobody with that id, or a hand told its id and then no
-/// more |
+/// | NO_REPLY | nobody answers there, or with that id, or a hand told its id and then no more |
 /// | BAD_REPLY | something answers that is none of the models |
-/// | REFUSED | another model answers, or several hands do and the address doesn't say which, or
-/// several have that id; the text lists them |
+/// | REFUSED | what answers isn't the one hand that the address means |
+///
+/// With REFUSED another model answers, or several hands do and the address doesn't say which, or
+/// several have that id; the text lists them.
 ///
 /// With an id only that id is asked, for its vendor record, up to three times as each of the two
 /// families of models: 0.01 s if the hand is there and the address says the model, 0.1 s if
-/// it doesn't, about 0.6 s if the id is silent. Without one every id is asked as by FindHands,
-/// which takes about half a second, twice that on a silent HCAN channel. On a serial port a hand
-/// answers whatever its id is, within milliseconds; a silent one takes 1 s, and 2 s with an id.
+/// it doesn't, about 0.6 s if the id is silent, and 1.2 s on HCAN without a model, where both bit
+/// timings are tried. Without an id every id is asked as by FindHands, which takes about half a
+/// second, twice that on a silent HCAN channel. On a serial port a hand answers whatever its id is,
+/// within milliseconds; a silent one takes 1 s, and 2 s with an id.
 /// Of several hands on one line the id must be told, since their answers run into each other.
 /// Opening a port raises its control lines, on which some boards that are no hands restart.
 ///

@@ -38,7 +38,8 @@ namespace talvera::korvane {
 ///     11         3: thumb                                    0.0: 2000, -1.29: 9
 ///     12         2: thumb                                    0.0: 2000, -0.83: 52
 ///
-/// The inputs of motors 7 and 8 also depend a little on the finger's other two joints.
+/// First to fourth finger are index, middle, ring and little in JointsOf (korvane_model.h). The
+/// inputs of motors 7 and 8 also depend a little on the finger's other two joints.
 ///
 /// What the operations return when they fail; KorvaneBase explains the words:
 ///
@@ -57,9 +58,11 @@ namespace talvera::korvane {
 ///     GetAllTemperatureReport,
 ///       GetAllCurrentReport                                     last (2)     -
 ///     SetCurrentThreshold, SetAllCurrentThreshold,
-///       MixCtrlJointMotor, SetHandGesture,
+///       MixCtrlJointMotor,
 ///       SetAllErrorReportPeriod,
 ///       SetTemperReportPeriod                      line         line         yes
+///     SetHandGesture                                            line         yes
+///     GetAllJointPos                               empty                     -
 ///     SetJointMotorVelo, SetAllJointMotorVelo,
 ///       SetControlMode, SetAllControlMode,
 ///       SetErrorReportPeriod,
@@ -90,7 +93,7 @@ class KORVANE_EXPORT KorvaneTessel : public KorvaneBase,
 
   ~KorvaneTessel() override;
 
-  /// Null until Reset.
+  /// Never null in a hand from a factory.
   std::unique_ptr<ts9::KorvaneTesselSolver> solver;
 };
 

@@ -26,6 +26,8 @@ namespace talvera::korvane::ts9 {
 ///     7, 8, 9   second finger, as the first        -0.26 to 0.26, 0 to 1.36, 0 to 1.82
 ///     10, 11    third and fourth finger            0 to 1.55, 0 to 1.54
 ///
+/// First to fourth finger are index, middle, ring and little in JointsOf (korvane_model.h).
+///
 /// The two sides of the hand share the tables and the limits; `mirrored` decides the signs of some
 /// joints alone. It does so unevenly for two joints of the thumb: on the mirrored side the motor of
 /// joint 0 is sent to its end (input 2000) wherever the joint is to go, and joint 1 reads as 0.0

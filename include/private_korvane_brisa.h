@@ -25,6 +25,8 @@ namespace talvera::korvane {
 ///     SetAllJointMotorPosi, GetAllJointMotorPosi   empty        empty        yes
 ///     SetAllActiveJointAngles                      empty        empty        yes
 ///     GetAllActiveJointAngles, GetAllJointAngles                empty        yes
+///     GetAllJointPos                               empty                     -
+///     SetHandGesture                                            line         yes
 ///     SetControlMode, SetCurrentThreshold (1)      none         line         yes
 ///     SetAllControlMode, SetAllCurrentThreshold    none         ten lines    yes, 10 times
 ///     GetControlMode, GetCurrentThreshold                       always 0     -
