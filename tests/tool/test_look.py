@@ -60,6 +60,8 @@ def test_info_tells_what_a_model_has(sim, link, model):
     assert info["firmware"] == "1.0.0" and info["product_model"] and "failures" not in info
     text = sim.korvane("info", "-H", sim.address(link, model, hand_id)).out
     assert any(line.split()[:1] == [str(motors)] for line in text.splitlines()) and info["serial_number"] in text
+    supply = [line.split(maxsplit=1)[1] for line in text.splitlines() if line.startswith("supply")]
+    assert supply == ["not told" if link == "serial" else f"{info['supply_voltage_mv'] / 1000:.1f} V"]
 
 
 WRONG_TURNS = [

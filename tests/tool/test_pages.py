@@ -1,6 +1,7 @@
 """What is made from the tool itself, for the shell and for man, leaves no option out."""
 
 import re
+import shutil
 import subprocess
 
 import pytest
@@ -53,3 +54,9 @@ def test_the_manual_page_knows_every_option():
         assert not command or re.search(rf"^{' '.join(command)}$", text, re.M), command
         for option in options_of(*command):
             assert re.search(rf"(?<![\w-]){option}(?![\w-])", text), (command, option)
+
+
+def test_a_simulator_that_is_not_there_is_told_with_its_package(tmp_path):
+    alone = shutil.copy(TOOL, tmp_path)  # which looks beside itself, and then in PATH
+    told = subprocess.run([alone, "sim"], capture_output=True, text=True, env={"PATH": str(tmp_path)})
+    assert told.returncode == 1 and "install korvane-tools" in told.stderr

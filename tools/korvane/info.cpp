@@ -118,6 +118,12 @@ std::string TouchTable(const Json& document) {
   return "\n" + table.ToString();
 }
 
+/// A hand on a serial port tells no voltage, which reads as 0.
+std::string SupplyText(const Json& document) {
+  const int millivolts = document["supply_voltage_mv"].get<int>();
+  return millivolts == 0 ? "not told" : fmt::format("{:.1f} V", millivolts / 1000.0);
+}
+
 std::string Text(const OpenedHand& hand, const Json& document) {
   std::string text;
   for (const char* const key : {"address", "side", "product_model", "serial_number", "firmware",
@@ -126,9 +132,7 @@ std::string Text(const OpenedHand& hand, const Json& document) {
     text += fmt::format("{:<14} {}\n", key,
                         value.is_string() ? value.get<std::string>() : value.dump());
   }
-  // A hand on a serial port may tell no voltage.
-  text +=
-      fmt::format("{:<14} {:.1f} V\n", "supply", document["supply_voltage_mv"].get<int>() / 1000.0);
+  text += fmt::format("{:<14} {}\n", "supply", SupplyText(document));
   text += MotorTable(document) + JointTable(hand, document) + TouchTable(document);
   if (document.contains("failures")) {
     for (const Json& failure : document["failures"]) {

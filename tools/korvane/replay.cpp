@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
@@ -69,7 +70,7 @@ class Replay : public Command {
     const Path path = Plan(recording, mapping, start, speed_);
     tool.Print(fmt::format("{} samples over {:.1f} s on {}: {}\n", path.times.size(), path.Length(),
                            hand.address.ToString(), mapping.Describe()));
-    if (check_) return kDone;
+    if (check_) return TellThatItFits(tool, hand, path);
     const Interrupt interrupt;
     Mover mover(hands, interrupt);
     return MoveAndTell(tool, hands, mover, [&] {
@@ -78,6 +79,15 @@ class Replay : public Command {
   }
 
  private:
+  int TellThatItFits(const Tool& tool, const OpenedHand& hand, const Path& path) const {
+    Json document = ToJson(hand.address);
+    document["file"] = path_;
+    document["samples"] = path.times.size();
+    document["seconds"] = path.Length();
+    tool.PrintJson(document);
+    return kDone;
+  }
+
   /// Plays a path; a motor that is to go faster than it may comes late.
   bool Play(Mover& mover, const OpenedHand& hand, const Path& path) const {
     const double limit = max_speed_ > 0 ? max_speed_ : 2.0 * hand.Info().position_max;

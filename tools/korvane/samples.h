@@ -30,7 +30,6 @@ class Sampler {
 
   const OpenedHand& Hand() const { return hand_; }
   const std::vector<const Quantity*>& Quantities() const { return quantities_; }
-  bool ReadsTouch() const { return reads_touch_; }
 
  private:
   const OpenedHand& hand_;

@@ -42,8 +42,8 @@ class Sim : public Command {
     pointers.push_back(nullptr);
     std::fflush(stdout);
     execvp(program.c_str(), pointers.data());
-    throw ToolError(kFailed, fmt::format("{} can't be started: {}; it comes with the package "
-                                         "korvane-sim",
+    throw ToolError(kFailed, fmt::format("{} can't be started: {}; install korvane-tools, or build "
+                                         "with -DKORVANE_BUILD_SIM=ON",
                                          program, std::strerror(errno)));
   }
 
