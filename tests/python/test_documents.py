@@ -25,7 +25,7 @@ def test_every_block_of_the_page(page, least, tmp_path, monkeypatch, capfd):
         exec(compile("\n" * line + block[1], page.name, "exec"), names)
         out, err = capfd.readouterr()
         assert err == ""
-        for said in re.findall(r"print\(.*\) +# (\[.*\]|brisa.*)$", block[1], re.M):
+        for said in re.findall(r"print\(.*\) +# (?:serial:.*?:)?(\[.*\]|brisa.*)$", block[1], re.M):
             assert said in out
     assert page is README or len(names["grasp"]) > 10
 
