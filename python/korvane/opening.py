@@ -36,7 +36,7 @@ def open(address: Union[str, Address], kind: Type[Hand] = Hand) -> Hand:  # noqa
     """The hand at an address such as "can0:tessel:2", once it has answered; an object of its model's class.
 
     `kind`, such as `korvane.Brisa`, says which class it must be, also to a type checker. Takes milliseconds if
-    the hand is there, up to 1.5 s otherwise. Raises what keeps it from being used; `advice` says what helps.
+    the hand is there, up to 2 s otherwise. Raises what keeps it from being used; `advice` says what helps.
     """
     _log.start()
     text = str(address)

@@ -23,7 +23,7 @@ _TRIES = 3
 
 
 def _command() -> List[str]:
-    """$KORVANE_SIM, or korvane-sim or `korvane sim` in PATH."""
+    """$KORVANE_SIM, or korvane-sim in PATH."""
     named = os.environ.get("KORVANE_SIM")
     if named:
         return [named]
