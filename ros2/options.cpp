@@ -44,7 +44,6 @@ bool IsNamespace(const std::string& text) {
   return text.size() <= kMost && std::regex_match(text, segments);
 }
 
-/// A name as it may begin the name of a joint or a frame.
 const char* SideOf(const kv::HandAddress& address) {
   return address.side == kv::HandType::LEFT ? "left" : "right";
 }
