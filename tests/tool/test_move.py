@@ -111,7 +111,7 @@ def test_a_recording_is_played_as_it_was(sim, tmp_path, form):
     assert sim.korvane("replay", file, *lumen, "--map", "1=2", "--check").status == 0
     assert positions(sim, lumen) == [2000] * 4
     checked = sim.korvane("replay", file, *BRISA, "--check", "--json").json
-    times = [float(time) for time in re.findall(r'^(?:{"time_s":)?(\d[\d.]*)', file.read_text(), re.M)]
+    times = [float(time) for time in re.findall(r'^(?:{"time_s":)?(\d[\d.e-]*)', file.read_text(), re.M)]
     assert checked["samples"] == told["samples"] == len(times)
     assert checked["seconds"] == pytest.approx(times[-1] - times[0], abs=1e-5)
     assert sim.korvane("replay", file, *lumen, "--map", "1=2").status == 0
