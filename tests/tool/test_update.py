@@ -6,6 +6,7 @@ import re
 import signal
 
 import pytest
+from conftest import TOOL, command_line
 
 PACKET = 2048
 LINKS = ("zlg", "hcan", "serial")
@@ -114,7 +115,7 @@ def on_terminal(sim, answer, *arguments):
     child, terminal = pty.fork()
     if child == 0:
         os.environ.update(sim.env, TERM="xterm", NO_COLOR="1")
-        os.execv(sim.process.args[0], ["korvane", *map(str, arguments)])
+        os.execv(TOOL, command_line(arguments))
     shown = b""
     while True:
         try:
