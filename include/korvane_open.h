@@ -129,7 +129,7 @@ struct FindOptions {
   /// The ids to ask on CAN; 1 to 127 if empty.
   std::vector<std::uint8_t> ids;
   /// How long answers are waited for behind the last question, on each channel and twice, and once
-  /// more for a second hand with the id of a first one. On a serial port at least 100 ms.
+  /// more for a second hand with the id of a first one. On a serial port 100 ms to 1 s.
   std::chrono::milliseconds answer_time{100};
   /// Only these links are looked at if there are any here, whatever `links` and `serial_ports` say:
   /// "can0", "zlg:0.1", "serial:/dev/ttyUSB0@115200". Of an address with an id only that id is
