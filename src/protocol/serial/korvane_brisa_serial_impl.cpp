@@ -182,14 +182,14 @@ short KorvaneBrisaSerialImpl::GetJointMotorPosi(std::uint8_t index) const {
 std::vector<short> KorvaneBrisaSerialImpl::SetAllJointMotorPosi(
     const std::vector<short>& positions) {
   const auto operation = link_.Operation(__func__);
-  if (positions.size() < kAxes) {
+  if (positions.size() < kServiceAxes) {
     link_.LogRefused(
         FailureKind::BAD_ARGUMENT,
         "[ERROR][KorvaneBrisaSerialImpl][SetAllJointMotorPosi] Invalid parameter, size must be at "
         "least 10");
     return {};
   }
-  const std::vector<short> ten(positions.begin(), positions.begin() + kAxes);
+  const std::vector<short> ten(positions.begin(), positions.begin() + kServiceAxes);
   if (!link_.Write("SetAllJointMotorPosi", Command::kSetAllAxisPos, ServicePayload().AddAll(ten))) {
     link_.LogFailed("[Error]: Failed to send all axis position request");
     return {};
@@ -254,7 +254,7 @@ ControlMode KorvaneBrisaSerialImpl::GetControlMode(std::uint8_t index) const {
 void KorvaneBrisaSerialImpl::SetAllControlMode(const std::vector<std::uint8_t>& modes) {
   const auto operation = link_.Operation(__func__);
   if (!CheckJointCount(modes.size())) return;
-  for (std::uint8_t axis = 1; axis <= kAxes; ++axis) {
+  for (std::uint8_t axis = 1; axis <= kServiceAxes; ++axis) {
     SetControlMode(axis, static_cast<ControlMode>(modes[axis - 1U]));
     std::this_thread::sleep_for(kBetweenAxes);
   }
@@ -263,7 +263,7 @@ void KorvaneBrisaSerialImpl::SetAllControlMode(const std::vector<std::uint8_t>& 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllControlMode() const {
   const auto operation = link_.Operation(__func__);
   LogNotSupported(NotFullySupported(__func__));
-  return std::vector<std::uint8_t>(kAxes);
+  return std::vector<std::uint8_t>(kServiceAxes);
 }
 
 short KorvaneBrisaSerialImpl::GetCurrentThreshold(std::uint8_t index) const {
@@ -275,7 +275,7 @@ short KorvaneBrisaSerialImpl::GetCurrentThreshold(std::uint8_t index) const {
 std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentThreshold() const {
   const auto operation = link_.Operation(__func__);
   LogNotSupported(NotFullySupported(__func__));
-  return std::vector<short>(kAxes);
+  return std::vector<short>(kServiceAxes);
 }
 
 void KorvaneBrisaSerialImpl::SetCurrentThreshold(std::uint8_t index, short threshold) {
@@ -306,7 +306,7 @@ void KorvaneBrisaSerialImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targe
                             "[Error]: Invalid control mode for mixed control.");
   }
   if (targets.size() > most) {
-    if (most == kAxes) {
+    if (most == kServiceAxes) {
       CheckJointCount(targets.size());
     } else {
       link_.LogRefused(FailureKind::BAD_ARGUMENT,
@@ -336,7 +336,7 @@ unsigned short KorvaneBrisaSerialImpl::GetErrorReport(std::uint8_t index) const 
 std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllErrorReport() const {
   const auto operation = link_.Operation(__func__);
   const auto reply = link_.Read("GetAllErrorReport", Command::kGetErrorCode);
-  if (reply) return std::vector<unsigned short>(kAxes, ErrorOf(*reply));
+  if (reply) return std::vector<unsigned short>(kServiceAxes, ErrorOf(*reply));
   link_.LogReadFailed("get error report failed");
   return {};
 }

@@ -52,10 +52,10 @@ std::uint16_t KorvaneBrisaSerialImpl::GetSingleActualAxisPos(std::uint8_t axis) 
 SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetAllAxisPos(
     const std::vector<std::uint16_t>& positions) {
   const auto operation = link_.Operation(__func__);
-  if (!CheckArgument(positions.size() == kAxes)) return {};
+  if (!CheckArgument(positions.size() == kServiceAxes)) return {};
   const auto reply =
       ReadService("SetAllAxisPos", Command::kSetAllAxisPos, ServicePayload().AddAll(positions));
-  return reply ? LoadAxisResponse(reply->data(), kAxes) : SetAllAxisPosResponse{};
+  return reply ? LoadAxisResponse(reply->data(), kServiceAxes) : SetAllAxisPosResponse{};
 }
 
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::GetAllAxisPos() const {
@@ -77,7 +77,7 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetAllAxisTemp() const {
   const auto operation = link_.Operation(__func__);
   if (!link_.CheckReady()) return {};
   std::vector<std::uint8_t> temperatures;
-  temperatures.reserve(kAxes);
+  temperatures.reserve(kServiceAxes);
   for (const unsigned short value : GetAllTemperatureReport()) {
     temperatures.push_back(static_cast<std::uint8_t>(value));
   }
@@ -103,7 +103,7 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingertipSensor(std::uint8_
 std::vector<std::uint16_t> KorvaneBrisaSerialImpl::SetAllActualAxisPos(
     const std::vector<std::uint16_t>& positions) {
   const auto operation = link_.Operation(__func__);
-  if (!CheckArgument(positions.size() == kAxes)) return {};
+  if (!CheckArgument(positions.size() == kServiceAxes)) return {};
   return ReadServiceWords("SetAllActualAxisPos", Command::kSetAllActualAxisPos,
                           ServicePayload().AddAll(positions));
 }
@@ -111,18 +111,19 @@ std::vector<std::uint16_t> KorvaneBrisaSerialImpl::SetAllActualAxisPos(
 AxisLimitPos KorvaneBrisaSerialImpl::GetAxisLimitPos() const {
   const auto operation = link_.Operation(__func__);
   const auto reply = ReadService("GetAxisLimitPos", Command::kGetAxisLimitPos);
-  return reply ? LoadAxisLimits(reply->data(), kAxes) : AxisLimitPos{};
+  return reply ? LoadAxisLimits(reply->data(), kServiceAxes) : AxisLimitPos{};
 }
 
 SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetPosSpeedCurData(
     const std::vector<std::uint16_t>& pos, const std::vector<std::int16_t>& speed,
     const std::vector<std::uint8_t>& current) {
   const auto operation = link_.Operation(__func__);
-  const bool of_all = pos.size() == kAxes && speed.size() == kAxes && current.size() == kAxes;
+  const bool of_all =
+      pos.size() == kServiceAxes && speed.size() == kServiceAxes && current.size() == kServiceAxes;
   if (!CheckArgument(of_all)) return {};
   const auto reply = ReadService("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
                                  ServicePayload().AddAll(pos).AddAll(speed).AddAll(current));
-  return reply ? LoadAxisResponse(reply->data(), kAxes) : SetAllAxisPosResponse{};
+  return reply ? LoadAxisResponse(reply->data(), kServiceAxes) : SetAllAxisPosResponse{};
 }
 
 std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingerTactileForce() const {

@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "hand/tactile_layout.h"
+#include "protocol/service/service_reading.h"
 
 namespace talvera::korvane {
 namespace {
@@ -13,20 +14,20 @@ namespace {
 struct ReplyRow {
   ServiceCommand command;
   ReplySlot slot;
-  std::uint8_t size = 0;
   bool exact = false;
-  std::uint8_t offset = 0;
-  std::uint8_t width = 0;
+  std::size_t size = 0;
+  std::size_t offset = 0;
+  std::size_t width = 0;
 
-  constexpr ReplyRow AtLeast(std::uint8_t bytes) const {
-    return {command, slot, bytes, /*exact=*/false, /*offset=*/0, /*width=*/bytes};
+  constexpr ReplyRow AtLeast(std::size_t bytes) const {
+    return {command, slot, /*exact=*/false, bytes, /*offset=*/0, /*width=*/bytes};
   }
-  constexpr ReplyRow Exactly(std::uint8_t bytes) const {
-    return {command, slot, bytes, /*exact=*/true, /*offset=*/0, /*width=*/bytes};
+  constexpr ReplyRow Exactly(std::size_t bytes) const {
+    return {command, slot, /*exact=*/true, bytes, /*offset=*/0, /*width=*/bytes};
   }
   /// All of the size is kept unless a row names a part of it.
-  constexpr ReplyRow Part(std::uint8_t first, std::uint8_t bytes) const {
-    return {command, slot, size, exact, first, bytes};
+  constexpr ReplyRow Part(std::size_t first, std::size_t bytes) const {
+    return {command, slot, exact, size, first, bytes};
   }
 
   bool Accepts(std::size_t received) const { return exact ? received == size : received >= size; }
@@ -34,33 +35,37 @@ struct ReplyRow {
 
 using Command = ServiceCommand;
 
+/// A value of two bytes for each axis, and the blocks of LoadAxisResponse.
+constexpr std::size_t kWords = 2 * kServiceAxes;
+constexpr std::size_t kAxisResponse = 6 * kServiceAxes;
+
 // clang-format off
 constexpr ReplyRow kReplies[] = {
     ReplyRow{Command::kGetPowerState, ReplySlot::kPowerState}.AtLeast(1),
     ReplyRow{Command::kSetSingleAxisPos, ReplySlot::kAxisPosition}.AtLeast(3).Part(1, 2),
     ReplyRow{Command::kGetSingleAxisPos, ReplySlot::kAxisPosition}.AtLeast(3).Part(1, 2),
-    ReplyRow{Command::kSetAllAxisPos, ReplySlot::kPositionResponse}.Exactly(60),
-    ReplyRow{Command::kSetAllAxisPos, ReplySlot::kPositions}.Exactly(60).Part(0, 20),
-    ReplyRow{Command::kGetAllAxisPos, ReplySlot::kPositions}.Exactly(20),
-    ReplyRow{Command::kGetAllAxisCurrent, ReplySlot::kCurrents}.Exactly(20),
-    ReplyRow{Command::kGetAllAxisForce, ReplySlot::kForces}.Exactly(20),
-    ReplyRow{Command::kGetAllAxisTemp, ReplySlot::kTemperatures}.AtLeast(10),
+    ReplyRow{Command::kSetAllAxisPos, ReplySlot::kPositionResponse}.Exactly(kAxisResponse),
+    ReplyRow{Command::kSetAllAxisPos, ReplySlot::kPositions}.Exactly(kAxisResponse).Part(0, kWords),
+    ReplyRow{Command::kGetAllAxisPos, ReplySlot::kPositions}.Exactly(kWords),
+    ReplyRow{Command::kGetAllAxisCurrent, ReplySlot::kCurrents}.Exactly(kWords),
+    ReplyRow{Command::kGetAllAxisForce, ReplySlot::kForces}.Exactly(kWords),
+    ReplyRow{Command::kGetAllAxisTemp, ReplySlot::kTemperatures}.AtLeast(reading::kAxisTemp.count),
     ReplyRow{Command::kGetErrorCode, ReplySlot::kErrors}.Exactly(2),
-    ReplyRow{Command::kGetAllAxisPosRange, ReplySlot::kPositionRanges}.AtLeast(20),
-    ReplyRow{Command::kGetAllFingertipSensorA, ReplySlot::kSensorsA}.AtLeast(48),
-    ReplyRow{Command::kGetAllFingertipSensorB, ReplySlot::kSensorsB}.AtLeast(32),
-    ReplyRow{Command::kGetAllFingertipSensorC, ReplySlot::kSensorsC}.AtLeast(50),
-    ReplyRow{Command::kSetAllActualAxisPos, ReplySlot::kActualResponse}.AtLeast(60),
-    ReplyRow{Command::kGetAllActualAxisPos, ReplySlot::kActualPositions}.AtLeast(20),
-    ReplyRow{Command::kGetAllLoadData, ReplySlot::kLoads}.AtLeast(20),
-    ReplyRow{Command::kGetAllElectricMotorId, ReplySlot::kMotorIds}.AtLeast(10),
-    ReplyRow{Command::kGetAllSensorId, ReplySlot::kSensorIds}.AtLeast(7),
-    ReplyRow{Command::kGetAllAxisCvp, ReplySlot::kCvp}.Exactly(60),
-    ReplyRow{Command::kGetAxisLimitPos, ReplySlot::kLimits}.AtLeast(40),
-    ReplyRow{Command::kSetPosSpeedCurData, ReplySlot::kTargetResponse}.Exactly(60),
-    ReplyRow{Command::kSetPosSpeedCurData, ReplySlot::kPositions}.Exactly(60).Part(0, 20),
+    ReplyRow{Command::kGetAllAxisPosRange, ReplySlot::kPositionRanges}.AtLeast(kWords),
+    ReplyRow{Command::kGetAllFingertipSensorA, ReplySlot::kSensorsA}.AtLeast(reading::kFingertipSensorA.count),
+    ReplyRow{Command::kGetAllFingertipSensorB, ReplySlot::kSensorsB}.AtLeast(reading::kFingertipSensorB.count),
+    ReplyRow{Command::kGetAllFingertipSensorC, ReplySlot::kSensorsC}.AtLeast(reading::kFingertipSensorC.count),
+    ReplyRow{Command::kSetAllActualAxisPos, ReplySlot::kActualResponse}.AtLeast(kAxisResponse),
+    ReplyRow{Command::kGetAllActualAxisPos, ReplySlot::kActualPositions}.AtLeast(kWords),
+    ReplyRow{Command::kGetAllLoadData, ReplySlot::kLoads}.AtLeast(kWords),
+    ReplyRow{Command::kGetAllElectricMotorId, ReplySlot::kMotorIds}.AtLeast(reading::kElectricMotorId.count),
+    ReplyRow{Command::kGetAllSensorId, ReplySlot::kSensorIds}.AtLeast(reading::kSensorId.count),
+    ReplyRow{Command::kGetAllAxisCvp, ReplySlot::kCvp}.Exactly(reading::kAxisCvp.count),
+    ReplyRow{Command::kGetAxisLimitPos, ReplySlot::kLimits}.AtLeast(2 * kWords),
+    ReplyRow{Command::kSetPosSpeedCurData, ReplySlot::kTargetResponse}.Exactly(kAxisResponse),
+    ReplyRow{Command::kSetPosSpeedCurData, ReplySlot::kPositions}.Exactly(kAxisResponse).Part(0, kWords),
     ReplyRow{Command::kGetControlSource, ReplySlot::kControlSource}.AtLeast(1),
-    ReplyRow{Command::kGetProductSerialNumber, ReplySlot::kSerialNumber}.AtLeast(19),
+    ReplyRow{Command::kGetProductSerialNumber, ReplySlot::kSerialNumber}.AtLeast(reading::kProductSerialNumber.count),
     ReplyRow{Command::kGetFwVersion, ReplySlot::kDeviceInfo}.AtLeast(10),
     ReplyRow{Command::kGetFwVersion, ReplySlot::kVersion}.AtLeast(10),
 };

@@ -32,7 +32,7 @@ bool SerialBrisa::CheckIndex(std::uint8_t index, const char* what) const {
 }
 
 bool SerialBrisa::CheckJointCount(std::size_t count) const {
-  if (count == kAxes) return true;
+  if (count == kServiceAxes) return true;
   link_.LogRefused(FailureKind::BAD_ARGUMENT, "[Error]: 无效参数，需与主动自由度数量 10 相匹配.");
   return false;
 }
@@ -69,7 +69,7 @@ std::optional<SerialBrisa::Bytes> SerialBrisa::ReadService(const char* operation
 SerialBrisa::Words SerialBrisa::ReadServiceWords(const char* operation, Command command,
                                                  const ServicePayload& payload) const {
   const auto reply = ReadService(operation, command, payload);
-  return reply ? ServiceWords<std::uint16_t>(reply->data(), kAxes) : Words();
+  return reply ? ServiceWords<std::uint16_t>(reply->data(), kServiceAxes) : Words();
 }
 
 SerialBrisa::Words SerialBrisa::ReadWords(const ServiceReading& reading) const {

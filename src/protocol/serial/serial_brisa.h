@@ -28,11 +28,10 @@ class SerialBrisa
   using Bytes = ReplyCache::Bytes;
   using Words = std::vector<std::uint16_t>;
 
-  static constexpr std::size_t kAxes = 10;
   /// What a position or a temperature that couldn't be read is.
   static constexpr std::uint16_t kNoReading = 0xFFFF;
 
-  static bool IsAxis(std::uint8_t index) { return index >= 1 && index <= kAxes; }
+  static bool IsAxis(std::uint8_t index) { return index >= 1 && index <= kServiceAxes; }
   /// False, after a line, for an index that no axis has. `what` is how the line calls it.
   bool CheckIndex(std::uint8_t index, const char* what = "joint motor") const;
   /// False, after a line, unless there is one value for each axis.

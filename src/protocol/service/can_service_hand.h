@@ -114,7 +114,8 @@ class CanServiceHand : public WithServiceReadings<
                                            const std::vector<std::int16_t>& speed,
                                            const std::vector<Byte>& current) override {
     const auto operation = engine_.Operation(__func__);
-    const bool of_all = pos.size() == 10 && speed.size() == 10 && current.size() == 10;
+    const bool of_all = pos.size() == kServiceAxes && speed.size() == kServiceAxes &&
+                        current.size() == kServiceAxes;
     if (!CheckArgument(of_all)) return {};
     return engine_.RequestAxisResponse("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
                                        ServicePayload().AddAll(pos).AddAll(speed).AddAll(current),

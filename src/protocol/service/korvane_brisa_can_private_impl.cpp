@@ -3,18 +3,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "hand/tactile_layout.h"
 #include "protocol/service/service_records.h"
 #include "util/log.h"
 
 namespace talvera::korvane {
-namespace {
-
-/// The first sensor whose block is of the larger kind.
-constexpr std::uint8_t kFirstWideSensor = 6;
-constexpr std::size_t kFingerReply = 18;
-constexpr std::size_t kWideReply = 27;
-
-}  // namespace
 
 void KorvaneBrisaCanPrivateImpl::UpdateFirmware(const std::string& path,
                                                 ProgressCallback callback) {
@@ -96,9 +89,11 @@ std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetFingertipSensor(
   const auto operation = engine_.Operation(__func__);
   const auto reply = engine_.RequestOrLog("GetFingertipSensor", StreamCmd::kGetFingertipSensor,
                                           ServicePayload().Add8(sensor));
-  const std::size_t size = sensor < kFirstWideSensor ? kFingerReply : kWideReply;
-  const std::uint8_t* const data = engine_.DataOf(reply, size);
-  return data != nullptr ? std::vector<std::uint8_t>(data, data + size - 1)
+  const bool of_finger = sensor < static_cast<std::uint8_t>(Finger::PALM);
+  // The sensor's number stands in front of its reading.
+  const std::size_t size = 1 + (of_finger ? kFingerSummaryBytes : kPalmSummaryBytes);
+  const std::uint8_t* const data = engine_.DataOf(reply, 1 + size);
+  return data != nullptr ? std::vector<std::uint8_t>(data, data + size)
                          : std::vector<std::uint8_t>();
 }
 

@@ -6,9 +6,8 @@ namespace talvera::korvane {
 namespace {
 
 constexpr std::size_t kMotors = LumenServiceRow::kModel.motors;
-constexpr std::size_t kSpeeds = 10;
 
-/// Replies for ten axes begin with the motors that there are.
+/// Replies for all axes begin with the motors that there are.
 template <class Value, class Reading>
 std::vector<Value> OfMotors(const std::vector<Reading>& readings) {
   return std::vector<Value>(readings.begin(), readings.begin() + kMotors);
@@ -52,7 +51,7 @@ void KorvaneLumenCanPrivateImpl::SetAllJointMotorVelo(const std::vector<short>& 
   const auto operation = engine_.Operation(__func__);
   if (!CheckJointCount(velocities.size())) return;
   std::vector<short> speeds = velocities;
-  speeds.resize(kSpeeds);
+  speeds.resize(kServiceAxes);
   Execute("SetAllJointMotorVelo", StreamCmd::kSetAllRunSpeed, ServicePayload().AddAll(speeds));
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -67,6 +68,9 @@ enum class ServiceCommand : std::uint8_t {
   kUpdateRequest = 0xF1,
   kUpdateReply = 0xF2,
 };
+
+/// The axes that commands and replies have room for, also of hands that have fewer.
+inline constexpr std::size_t kServiceAxes = 10;
 
 /// The data of a command, at most as many as fit into a frame behind its command byte. What passes
 /// that is left out; no command comes near it.
@@ -157,7 +161,7 @@ inline constexpr auto kPlayAction =
 inline constexpr auto kSingleAxisPos =
     ServiceSetting{"SetSingleAxisPos", Command::kSetSingleAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 12);
 inline constexpr auto kSingleActualAxisPos =
-    ServiceSetting{"SetSingleActualAxisPos", Command::kSetSingleActualAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 10);
+    ServiceSetting{"SetSingleActualAxisPos", Command::kSetSingleActualAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, kServiceAxes);
 inline constexpr auto kRunMode =
     ServiceSetting{"SetRunMode", Command::kSetRunMode};
 inline constexpr auto kAxisMinPos =

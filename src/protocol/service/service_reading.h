@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "hand/tactile_layout.h"
+#include "private_korvane.h"
 #include "protocol/service/service_command.h"
 
 namespace talvera::korvane {
@@ -40,30 +42,30 @@ inline constexpr auto kAxisPosRange =
 inline constexpr auto kActualAxisPos =
     ServiceReading{"GetAllActualAxisPos", Command::kGetAllActualAxisPos}.OrZeros();
 
-// Records of ten axes, also of hands that have fewer.
+// Records of all axes, also of hands that have fewer.
 inline constexpr auto kAxisCurrent =
-    ServiceReading{"GetAllAxisCurrent", Command::kGetAllAxisCurrent}.Values(10).OrZeros();
+    ServiceReading{"GetAllAxisCurrent", Command::kGetAllAxisCurrent}.Values(kServiceAxes).OrZeros();
 inline constexpr auto kAxisVelocity =
-    ServiceReading{"GetAllAxisVelocity", Command::kGetAllAxisVelocity}.Values(10).OrZeros();
+    ServiceReading{"GetAllAxisVelocity", Command::kGetAllAxisVelocity}.Values(kServiceAxes).OrZeros();
 inline constexpr auto kAxisTemp =
-    ServiceReading{"GetAllAxisTemp", Command::kGetAllAxisTemp}.Values(10).OrZeros();
+    ServiceReading{"GetAllAxisTemp", Command::kGetAllAxisTemp}.Values(kServiceAxes).OrZeros();
 inline constexpr auto kLoadData =
-    ServiceReading{"GetAllLoadData", Command::kGetAllLoadData}.Values(10).OrZeros();
+    ServiceReading{"GetAllLoadData", Command::kGetAllLoadData}.Values(kServiceAxes).OrZeros();
 inline constexpr auto kElectricMotorId =
-    ServiceReading{"GetAllElectricMotorId", Command::kGetAllElectricMotorId}.Values(10).OrZeros();
+    ServiceReading{"GetAllElectricMotorId", Command::kGetAllElectricMotorId}.Values(kServiceAxes).OrZeros();
 
 inline constexpr auto kSensorId =
     ServiceReading{"GetAllSensorId", Command::kGetAllSensorId}.Values(7).OrZeros();
 inline constexpr auto kProductSerialNumber =
-    ServiceReading{"GetProductSerialNumber", Command::kGetProductSerialNumber}.Values(19).OrZeros();
+    ServiceReading{"GetProductSerialNumber", Command::kGetProductSerialNumber}.Values(sizeof(ProductSerialNumber)).OrZeros();
 inline constexpr auto kAxisCvp =
-    ServiceReading{"GetAllAxisCvp", Command::kGetAllAxisCvp}.Values(60);
+    ServiceReading{"GetAllAxisCvp", Command::kGetAllAxisCvp}.Values(6 * kServiceAxes);
 inline constexpr auto kFingertipSensorA =
-    ServiceReading{"GetAllFingertipSensorA", Command::kGetAllFingertipSensorA}.Values(48);
+    ServiceReading{"GetAllFingertipSensorA", Command::kGetAllFingertipSensorA}.Values(3 * kFingerSummaryBytes);
 inline constexpr auto kFingertipSensorB =
-    ServiceReading{"GetAllFingertipSensorB", Command::kGetAllFingertipSensorB}.Values(32);
+    ServiceReading{"GetAllFingertipSensorB", Command::kGetAllFingertipSensorB}.Values(2 * kFingerSummaryBytes);
 inline constexpr auto kFingertipSensorC =
-    ServiceReading{"GetAllFingertipSensorC", Command::kGetAllFingertipSensorC}.Values(50);
+    ServiceReading{"GetAllFingertipSensorC", Command::kGetAllFingertipSensorC}.Values(2 * kPalmSummaryBytes);
 inline constexpr auto kFingerTactileForce =
     ServiceReading{"GetFingerTactileForce", Command::kGetFingerTactileForce}.Values(35);
 // clang-format on

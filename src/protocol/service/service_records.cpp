@@ -7,8 +7,6 @@
 namespace talvera::korvane {
 namespace {
 
-constexpr std::size_t kAxes = 10;
-
 std::vector<std::uint8_t> Bytes(const std::uint8_t* data, std::size_t count) {
   return {data, data + count};
 }
@@ -74,7 +72,8 @@ std::vector<TactileSensorData> SplitFingertipGroups(const std::vector<std::uint8
 
 std::size_t MaxMixedTargets(std::uint8_t mode) {
   if (mode == mix_mode::kPositionVelocityCurrent) return kMaxFullTargets;
-  return mode == mix_mode::kPositionCurrent || mode == mix_mode::kVelocityCurrent ? kAxes : 0;
+  return mode == mix_mode::kPositionCurrent || mode == mix_mode::kVelocityCurrent ? kServiceAxes
+                                                                                  : 0;
 }
 
 ServiceTargets ToServiceTargets(const std::vector<MixCtrl>& targets) {
@@ -83,7 +82,7 @@ ServiceTargets ToServiceTargets(const std::vector<MixCtrl>& targets) {
   const std::uint8_t mode = targets.front().mix_mode;
   for (const MixCtrl& target : targets) {
     const std::size_t axis = target.joint_index;
-    if (axis < 1 || axis > kAxes) continue;
+    if (axis < 1 || axis > kServiceAxes) continue;
     const auto position = TargetOf(target, MixTarget::kPosition);
     const auto velocity = TargetOf(target, MixTarget::kVelocity);
     const auto current = TargetOf(target, MixTarget::kCurrent);

@@ -6,6 +6,7 @@
 
 #include "korvane_types.h"
 #include "private_korvane.h"
+#include "protocol/service/service_command.h"
 
 // What replies to service commands mean, and what mixed commands become there. The callers have
 // looked at the lengths.
@@ -31,9 +32,9 @@ std::vector<TactileSensorData> SplitFingertipGroups(const std::vector<std::uint8
 
 /// What one service command tells all axes at once.
 struct ServiceTargets {
-  std::vector<std::uint16_t> pos = std::vector<std::uint16_t>(10);
-  std::vector<std::int16_t> speed = std::vector<std::int16_t>(10);
-  std::vector<std::uint8_t> current = std::vector<std::uint8_t>(10);
+  std::vector<std::uint16_t> pos = std::vector<std::uint16_t>(kServiceAxes);
+  std::vector<std::int16_t> speed = std::vector<std::int16_t>(kServiceAxes);
+  std::vector<std::uint8_t> current = std::vector<std::uint8_t>(kServiceAxes);
 };
 
 /// The modes of mixed commands, and how many targets a command may hold in each; 0 for no such

@@ -9,7 +9,7 @@ namespace talvera::korvane {
 /// In what the settings of one hand on one link differ from those of another.
 struct SerialBrisaSettings {
   /// The axes that have a homing offset.
-  static constexpr std::uint8_t kHomingAxes = 10;
+  static constexpr std::uint8_t kHomingAxes = kServiceAxes;
   /// An overload torque or time goes out in two bytes, otherwise in its low one.
   static constexpr bool kOverloadInTwoBytes = true;
 };
@@ -60,7 +60,7 @@ class WithServiceSettings : public Base {
   }
   bool SetAllRunSpeed(const std::vector<std::int16_t>& speeds) override {
     return Order("SetAllRunSpeed", ServiceCommand::kSetAllRunSpeed, ServicePayload().AddAll(speeds),
-                 speeds.size() == 10);
+                 speeds.size() == kServiceAxes);
   }
   bool SetProtectiveCurrent(Byte axis, Word current) override {
     return Set(setting::kProtectiveCurrent, axis, current);
