@@ -1,5 +1,6 @@
 #include "protocol/can/korvane_quill_can_impl.h"
 
+#include "hand/tactile_layout.h"
 #include "protocol/can/tactile_reader.h"
 #include "util/log.h"
 
@@ -7,8 +8,6 @@ namespace talvera::korvane {
 namespace {
 
 constexpr int kJoints = QuillRow::kModel.motors;
-constexpr Finger kQuillSensorOrder[] = {Finger::THUMB, Finger::INDEX,  Finger::MIDDLE,
-                                        Finger::RING,  Finger::LITTLE, Finger::PALM};
 
 const char* CalibrationName(std::uint8_t function) {
   return function == function_code::kMinCalibration ? "SetMinPositionCalibration"
@@ -84,7 +83,7 @@ std::vector<TactileSensorData> KorvaneQuillCanImpl::GetAllTactileSensorDataRaw()
   try {
     const auto stream = ReadTactileStream(engine_, "").value_or(std::vector<std::uint8_t>());
     std::size_t offset = 0;
-    for (const Finger finger : kQuillSensorOrder) {
+    for (const Finger finger : SensorsUpTo<Finger::PALM>()) {
       if (offset >= stream.size()) break;
       const std::size_t length = GetSensorDataLength(finger);
       if (length > stream.size() - offset) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "hand/tactile_layout.h"
 #include "util/log.h"
 
 namespace talvera::korvane {
@@ -45,7 +46,7 @@ TactileSensor3DData KorvaneTesselCanImpl::GetTactileSensor3DData(Finger finger) 
         "MIDDLE, RING, LITTLE are supported.");
     return record;
   }
-  if (finger < Finger::THUMB || finger > Finger::LITTLE) {
+  if (!IsFinger(finger)) {
     engine_.Fail(FailureKind::BAD_ARGUMENT, "[ERROR]: Invalid finger type");
     return record;
   }
