@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "can/can_link.h"
+#include "update/can_pacing.h"
 #include "util/bytes.h"
 #include "util/text.h"
 
@@ -15,14 +16,10 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr milliseconds kAfterFirstUpgrade{100};
-constexpr milliseconds kPoll{500};
 constexpr seconds kDeviceRestarting{2};
 constexpr int kSilentAttempts = 2;
 constexpr int kUpgradeAttempts = 11;
 constexpr int kTransmissionPolls = 601;
-constexpr int kFlagPolls = 60;
-constexpr milliseconds kBeforeReconnect{100};
-constexpr int kReconnectAttempts = 10;
 constexpr int kResultTries = 10;
 
 }  // namespace
@@ -168,7 +165,7 @@ bool CanUpdate::AwaitAcceptance(const CanfdFrame& upgrade) {
       log_.LogRetry(status, child);
     }
     ResendOrLog(upgrade, attempt);
-    if (++attempt < kUpgradeAttempts) state_.ota_clock->SleepFor(kPoll);
+    if (++attempt < kUpgradeAttempts) state_.ota_clock->SleepFor(can_pacing::kPoll);
   }
   ReportAndLogNoReply();
   return false;
@@ -201,7 +198,7 @@ bool CanUpdate::AwaitTransmission() {
       state_.ClearCallback();
       return false;
     }
-    state_.ota_clock->SleepFor(kPoll);
+    state_.ota_clock->SleepFor(can_pacing::kPoll);
     const std::uint32_t status = state_.ota_status;
     if (!IsUpdateError(status)) continue;
     if (!IsForFallback(status)) {
@@ -234,12 +231,12 @@ void CanUpdate::SendWithOtherChecksum() {
 
 bool CanUpdate::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int timeout_code) {
   for (int polls = 0; !flag; ++polls) {
-    if (polls == kFlagPolls) {
+    if (polls == can_pacing::kFlagPolls) {
       ReportOrLogFailure(FailureKind::NO_REPLY, timeout_code,
                          Compose(" OTA ", stage, " response timeout"));
       return false;
     }
-    state_.ota_clock->SleepFor(kPoll);
+    state_.ota_clock->SleepFor(can_pacing::kPoll);
     const std::uint32_t status = state_.ota_status;
     if (!IsUpdateError(status)) continue;
     ReportOrLogStatus(Compose(" OTA ", stage, " failed, error code: "), status);
@@ -252,8 +249,8 @@ bool CanUpdate::AwaitFlag(const std::atomic<bool>& flag, const char* stage, int 
 
 /// The link stays as it is: the hand is silent while it restarts, and is asked until it answers.
 void CanUpdate::Reconnect() {
-  state_.ota_clock->SleepFor(kBeforeReconnect);
-  for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
+  state_.ota_clock->SleepFor(can_pacing::kBeforeReconnect);
+  for (int attempt = 0; attempt < can_pacing::kReconnectAttempts; ++attempt) {
     state_.Report(state_.Total(), OtaProgressStatus::RECONNECTING);
     VendorInfo info;
     try {
@@ -262,7 +259,7 @@ void CanUpdate::Reconnect() {
       // no answer, like a silent hand
     }
     if (!info.product_model.empty()) return ReportOrLogReconnected(info);
-    state_.ota_clock->SleepFor(kPoll);
+    state_.ota_clock->SleepFor(can_pacing::kPoll);
   }
   ReportOrLogNotReconnected();
 }

@@ -7,6 +7,7 @@
 #include "can/can_link.h"
 #include "hand/hand_members.h"
 #include "protocol/can/can_identifier.h"
+#include "update/can_pacing.h"
 #include "util/bytes.h"
 #include "util/crc16.h"
 #include "util/text.h"
@@ -16,9 +17,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// The pacing is all there is of flow control. A packet takes at least 170 ms.
-constexpr milliseconds kAfterChecksum{10};
-constexpr milliseconds kAfterDataFrame{5};
+/// A packet takes at least this.
 constexpr milliseconds kWholePacket{170};
 
 }  // namespace
@@ -110,7 +109,7 @@ SendFailure UpdateSender::SendPackage() {
     log_.LogFailure("SendPackage", Compose(" Failed to send checksum request: ", error.what()));
     return AsLinkError(error);
   }
-  state_.ota_clock->SleepFor(kAfterChecksum);
+  state_.ota_clock->SleepFor(can_pacing::kAfterChecksum);
   const SendFailure of_data = SendPacketData(packet);
   return failure ? failure : of_data;
 }
@@ -127,7 +126,7 @@ SendFailure UpdateSender::SendPacketData(const FirmwarePacket& packet) const {
       log_.LogFailure("SendPackage", Compose("[frame:", number, "] ", error.what()));
       failure = AsLinkError(error);
     }
-    state_.ota_clock->SleepFor(kAfterDataFrame);
+    state_.ota_clock->SleepFor(can_pacing::kAfterDataFrame);
   }
   return failure;
 }

@@ -1,12 +1,12 @@
 #include "protocol/service/service_update.h"
 
 #include <algorithm>
-#include <chrono>
 #include <exception>
 #include <utility>
 
 #include "can/can_link.h"
 #include "protocol/service/service_frame.h"
+#include "update/can_pacing.h"
 #include "util/bytes.h"
 #include "util/crc16.h"
 #include "util/log.h"
@@ -14,21 +14,11 @@
 namespace talvera::korvane {
 namespace {
 
-using std::chrono::milliseconds;
-
 constexpr std::size_t kReplyLength = 6;
 constexpr std::size_t kDataPerFrame = kMaxPayload - 1;
 constexpr int kUnusableCode = -1;
 
-// The pacing is all there is of flow control.
-constexpr milliseconds kAfterChecksum{10};
-constexpr milliseconds kAfterDataFrame{5};
-
-constexpr milliseconds kPoll{500};
 constexpr int kPacketPolls = 600;
-constexpr int kFlagPolls = 60;
-constexpr milliseconds kBeforeReconnect{100};
-constexpr int kReconnectAttempts = 10;
 
 bool IsReply(const CanfdFrame& frame) {
   return frame.len >= kReplyLength &&
@@ -59,11 +49,11 @@ bool ServiceUpdate::SendPacket(const FirmwarePacket& packet, std::uint16_t numbe
   const std::uint16_t crc = Crc16Modbus(packet.data(), packet.size());
   bool sent = Send(ServiceFrame(ServiceCommand::kUpdateRequest,
                                 ServicePayload().Add8(kPacketChild).Add16(number).Add16(crc)));
-  state_.ota_clock->SleepFor(kAfterChecksum);
+  state_.ota_clock->SleepFor(can_pacing::kAfterChecksum);
   for (std::size_t at = 0; at < packet.size(); at += kDataPerFrame) {
     const std::size_t size = std::min(kDataPerFrame, packet.size() - at);
     sent = Send(ServiceFrame(ServiceCommand::kUpdateData, &packet[at], size)) && sent;
-    state_.ota_clock->SleepFor(kAfterDataFrame);
+    state_.ota_clock->SleepFor(can_pacing::kAfterDataFrame);
   }
   return sent;
 }
@@ -192,7 +182,7 @@ bool ServiceUpdate::SendAndAwait(const FirmwarePacket& packet, int& polls) {
   state_.ota_responded = false;
   SendPacket(packet, static_cast<std::uint16_t>(state_.ota_package_index));
   for (; !state_.ota_responded && polls < kPacketPolls; ++polls) {
-    state_.ota_clock->SleepFor(kPoll);
+    state_.ota_clock->SleepFor(can_pacing::kPoll);
   }
   return state_.ota_responded;
 }
@@ -207,17 +197,19 @@ bool ServiceUpdate::TakeAcknowledgment() {
 }
 
 bool ServiceUpdate::AwaitFlag(const std::atomic<bool>& flag) {
-  for (int polls = 0; !flag && polls < kFlagPolls; ++polls) state_.ota_clock->SleepFor(kPoll);
+  for (int polls = 0; !flag && polls < can_pacing::kFlagPolls; ++polls) {
+    state_.ota_clock->SleepFor(can_pacing::kPoll);
+  }
   return flag;
 }
 
 /// Waits until the hand answers again. One that doesn't has an update that counts as done.
 void ServiceUpdate::Reconnect() {
-  state_.ota_clock->SleepFor(kBeforeReconnect);
-  for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
+  state_.ota_clock->SleepFor(can_pacing::kBeforeReconnect);
+  for (int attempt = 0; attempt < can_pacing::kReconnectAttempts; ++attempt) {
     state_.Report(state_.Total(), OtaProgressStatus::RECONNECTING);
     if (!hand_.GetVendorInfo().product_model.empty()) break;
-    state_.ota_clock->SleepFor(kPoll);
+    state_.ota_clock->SleepFor(can_pacing::kPoll);
   }
   state_.Report(state_.Total(), OtaProgressStatus::COMPLETE);
 }
