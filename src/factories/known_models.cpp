@@ -39,8 +39,9 @@ std::optional<Model> ModelNamed(std::string_view name) {
 std::optional<Model> ModelOf(const VendorInfo& vendor, std::uint32_t family) {
   const auto by_numbers =
       std::find_if(kKnownModels.begin(), kKnownModels.end(), [&](const KnownModel& known) {
+        // What is worn has no joints that it could move, whatever its record says.
         return known.family == family &&
-               (known.active_dof == 0 || known.active_dof == vendor.active_dof);
+               (family == kWornFamily || known.motors == vendor.active_dof);
       });
   if (by_numbers == kKnownModels.end()) return std::nullopt;
   const auto by_name =

@@ -5,13 +5,14 @@
 
 #include "korvane_brisa.h"
 #include "korvane_tessel.h"
+#include "util/models.h"
 
 // How the hands that have a solver use it, on whatever link.
 
 namespace talvera::korvane {
 
 struct BrisaKinematics {
-  static constexpr std::uint8_t kMotors = 10;
+  static constexpr std::uint8_t kMotors = Known(Model::BRISA).motors;
   static constexpr auto kToActuators = &br7::KorvaneBrisaSolver::ActiveJointPos2ActuatorInput;
   static constexpr auto kToJoints = &br7::KorvaneBrisaSolver::ActuatorInput2ActiveJointPos;
 
@@ -21,7 +22,7 @@ struct BrisaKinematics {
 };
 
 struct TesselKinematics {
-  static constexpr std::uint8_t kMotors = 12;
+  static constexpr std::uint8_t kMotors = Known(Model::TESSEL).motors;
   static constexpr auto kToActuators = &ts9::KorvaneTesselSolver::ConvertJoint2Actuator;
   static constexpr auto kToJoints = &ts9::KorvaneTesselSolver::ConvertActuator2Joint;
 };

@@ -21,14 +21,14 @@ struct KnownModel {
   const char* name;  ///< As in an address; in some case also a part of the product model.
   const char* code;  ///< The product model over the serial link and the service interface, if any.
   std::uint32_t family;
-  std::uint8_t active_dof;  ///< In the vendor record. 0: any.
+  /// As many as its active degrees of freedom; joints, if it is worn and moves none.
+  std::uint8_t motors;
 };
 
 inline constexpr std::array<KnownModel, 5> kKnownModels{{
     {Model::BRISA, "brisa", "br7", kHandFamily, 10},
     {Model::TESSEL, "tessel", "ts9", kHandFamily, 12},
-    // It has no joints that it could move.
-    {Model::QUILL, "quill", nullptr, kWornFamily, 0},
+    {Model::QUILL, "quill", nullptr, kWornFamily, 10},
     {Model::LUMEN, "lumen", nullptr, kHandFamily, 4},
     {Model::VANTA, "vanta", nullptr, kHandFamily, 20},
 }};

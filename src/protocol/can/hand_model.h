@@ -106,11 +106,11 @@ inline constexpr Wording kChineseWording = [] {
 }();
 
 /// What the models have in common. A row starts here and states its differences.
-constexpr HandModel CommonModel(const char* class_name, Model which, std::uint8_t motors) {
+constexpr HandModel CommonModel(const char* class_name, Model which) {
   HandModel model;
   model.class_name = class_name;
   model.model = which;
-  model.motors = motors;
+  model.motors = Known(which).motors;
   model.family = Known(which).family;
   model.wording = &kChineseWording;
   // Each with the names of its operations: get, get_all, set, set_all.
@@ -132,9 +132,9 @@ constexpr HandModel CommonModel(const char* class_name, Model which, std::uint8_
   model.control_mode.bad_index = 10;
   model.error.bad_index = 0;
   model.temperature.bad_index = 65535;
-  model.position.set_all_length = static_cast<std::uint8_t>(2 * motors);
+  model.position.set_all_length = static_cast<std::uint8_t>(2 * model.motors);
   model.control_mode.set_way = model.control_mode.set_all_way = Way::kSendsOnly;
-  model.control_mode.set_all_length = motors;
+  model.control_mode.set_all_length = model.motors;
   model.control_mode.send_failed = "[Error]: Failed to send control mode request";
   model.update_rules.class_name = class_name;
   model.update_rules.family = model.family;

@@ -8,7 +8,7 @@ namespace talvera::korvane {
 
 struct BrisaRow {
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneBrisaCanImpl", Model::BRISA, BrisaKinematics::kMotors);
+    HandModel model = CommonModel("KorvaneBrisaCanImpl", Model::BRISA);
     model.update_rules.checksum_fallback = true;
     model.update_rules.replies_from = ReplySenders::kAny;
     return model;

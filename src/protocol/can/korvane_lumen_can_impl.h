@@ -20,7 +20,7 @@ struct LumenRow {
   }();
 
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneLumenCanImpl", Model::LUMEN, /*motors=*/4);
+    HandModel model = CommonModel("KorvaneLumenCanImpl", Model::LUMEN);
     // Commands, and readings by which a program steers, overtake reports that wait.
     model.position.priority = model.velocity.priority = 1;
     model.control_mode.priority = model.threshold.priority = model.mixed_priority = 1;

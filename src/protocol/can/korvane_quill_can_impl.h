@@ -17,7 +17,7 @@ struct QuillRow {
   }();
 
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneQuillCanImpl", Model::QUILL, /*motors=*/10);
+    HandModel model = CommonModel("KorvaneQuillCanImpl", Model::QUILL);
     model.wording = &kWording;
     model.max_values = model.motors;
     model.product_model_ends_at_nul = true;

@@ -44,7 +44,7 @@ struct TesselRow {
 
   // Which writes wait for the hand's reply follows no rule: its firmware answers just these.
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneTesselCanImpl", Model::TESSEL, TesselKinematics::kMotors);
+    HandModel model = CommonModel("KorvaneTesselCanImpl", Model::TESSEL);
     model.wording = &kWording;
     model.position.bad_index = model.velocity.bad_index = model.threshold.bad_index = 0;
     model.temperature.bad_index = model.current.bad_index = 0;

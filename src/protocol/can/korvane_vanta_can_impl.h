@@ -7,7 +7,7 @@ namespace talvera::korvane {
 
 struct VantaRow {
   static constexpr HandModel kModel = [] {
-    HandModel model = CommonModel("KorvaneVantaCanImpl", Model::VANTA, /*motors=*/20);
+    HandModel model = CommonModel("KorvaneVantaCanImpl", Model::VANTA);
     model.has_tcp_form = false;
     return model;
   }();

@@ -14,13 +14,13 @@ struct BrisaServiceRow {
     ServiceModel model{};
     model.class_name = "KorvaneBrisaCanPrivateImpl";
     model.model = Model::BRISA;
-    model.motors = 10;
+    model.motors = Known(model.model).motors;
     model.most_limits = 12;
     model.positions_reply = 20;
     model.has_update = true;
     return model;
   }();
-  static constexpr std::uint8_t kHomingAxes = 10;
+  static constexpr std::uint8_t kHomingAxes = kModel.motors;
   /// Over CAN a value above 255 arrives cut to its low byte.
   static constexpr bool kOverloadInTwoBytes = false;
 

@@ -12,13 +12,12 @@ struct LumenServiceRow {
     ServiceModel model{};
     model.class_name = "KorvaneLumenCanPrivateImpl";
     model.model = Model::LUMEN;
-    model.motors = 4;
-    model.most_limits = 4;
+    model.motors = model.most_limits = Known(model.model).motors;
     model.positions_reply = 9;
     model.takes_positions_alone = true;
     return model;
   }();
-  static constexpr std::uint8_t kHomingAxes = 4;
+  static constexpr std::uint8_t kHomingAxes = kModel.motors;
   static constexpr bool kOverloadInTwoBytes = false;
 
   static void Prepare(KorvaneLumen& /*hand*/, std::uint8_t /*id*/, HandType /*type*/) {}
