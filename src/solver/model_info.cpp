@@ -107,6 +107,33 @@ std::vector<JointInfo> TesselJoints(HandType side) {
   return joints;
 }
 
+/// What is known of any model, with what most of them have.
+ModelInfo CommonInfo(Model model, const char* class_name) {
+  ModelInfo info{};
+  info.model = model;
+  info.name = Known(model).name;
+  info.class_name = class_name;
+  info.positions = Known(model).motors;
+  info.has_motors = Known(model).family == kHandFamily;
+  info.position_max = 4096;
+  return info;
+}
+
+std::vector<ModelInfo> MakeModels() {
+  ModelInfo brisa = CommonInfo(Model::BRISA, "KorvaneBrisa");
+  brisa.gestures = 17;
+  brisa.has_service = true;
+  brisa.has_serial = true;
+  ModelInfo tessel = CommonInfo(Model::TESSEL, "KorvaneTessel");
+  tessel.position_max = 2000;
+  tessel.gestures = 4;
+  tessel.tells_by_reports = true;
+  const ModelInfo quill = CommonInfo(Model::QUILL, "KorvaneQuill");
+  ModelInfo lumen = CommonInfo(Model::LUMEN, "KorvaneLumen");
+  lumen.has_service = true;
+  return {brisa, tessel, quill, lumen, CommonInfo(Model::VANTA, "KorvaneVanta")};
+}
+
 }  // namespace
 
 const char* ToString(Model model) {
@@ -115,18 +142,7 @@ const char* ToString(Model model) {
 }
 
 const std::vector<ModelInfo>& AllModels() {
-  static const std::vector<ModelInfo> models{
-      {Model::BRISA, Known(Model::BRISA).name, "KorvaneBrisa", 10, true, 4096, 17, true, true,
-       false},
-      {Model::TESSEL, Known(Model::TESSEL).name, "KorvaneTessel", 12, true, 2000, 4, false, false,
-       true},
-      {Model::QUILL, Known(Model::QUILL).name, "KorvaneQuill", 10, false, 4096, 0, false, false,
-       false},
-      {Model::LUMEN, Known(Model::LUMEN).name, "KorvaneLumen", 4, true, 4096, 0, true, false,
-       false},
-      {Model::VANTA, Known(Model::VANTA).name, "KorvaneVanta", 20, true, 4096, 0, false, false,
-       false},
-  };
+  static const std::vector<ModelInfo> models = MakeModels();
   return models;
 }
 
