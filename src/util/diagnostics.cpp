@@ -12,6 +12,10 @@
 namespace talvera::korvane {
 namespace diagnostics_internal {
 
+/// How a failure comes to the application: by a line that was logged, by one that is still to be,
+/// or by an exception.
+enum class HowTold { kByLine, kByLaterLine, kByException };
+
 /// What one thread knows of its operations on one hand.
 struct OperationRecord {
   /// The hand's own count, and which hand it is.
@@ -32,11 +36,11 @@ struct OperationRecord {
   }
 
   /// Only the first failure of an operation counts.
-  void Fail(FailureKind kind, const std::string& text, int system_error, bool thrown, bool logged) {
+  void Fail(FailureKind kind, const std::string& text, int system_error, HowTold how) {
     const bool first = last.kind == FailureKind::NONE;
     if (first) Keep(last, kind, system_error, operation, text);
-    awaits_line = first && !logged;
-    if (watch != nullptr) watch->thrown_ = watch->thrown_ || thrown;
+    awaits_line = first && how == HowTold::kByLaterLine;
+    if (watch != nullptr && how == HowTold::kByException) watch->thrown_ = true;
   }
 
   void Amend(const std::string& line) {
@@ -88,6 +92,7 @@ struct OperationRecord {
 
 namespace {
 
+using diagnostics_internal::HowTold;
 using diagnostics_internal::OperationRecord;
 
 /// The records of one thread, each in its place as long as the hand lives.
@@ -137,15 +142,10 @@ ThreadRecords* RecordsOfThisThread() {
   return records;
 }
 
-struct HowTold {
-  bool thrown = false;
-  bool logged = true;
-};
-
 void Fail(const HandDiagnostics& hand, FailureKind kind, const std::string& text, int system_error,
           HowTold how) {
   OperationRecord* const record = hand.Record();
-  if (record != nullptr) record->Fail(kind, text, system_error, how.thrown, how.logged);
+  if (record != nullptr) record->Fail(kind, text, system_error, how);
 }
 
 const ObservableHand* Observable(const Korvane& hand) {
@@ -193,12 +193,12 @@ void OperationScope::Succeed() {
 
 void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                    int system_error) {
-  Fail(hand, kind, text, system_error, {});
+  Fail(hand, kind, text, system_error, HowTold::kByLine);
 }
 
 void NoteFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                  int system_error) {
-  Fail(hand, kind, text, system_error, {/*thrown=*/false, /*logged=*/false});
+  Fail(hand, kind, text, system_error, HowTold::kByLaterLine);
 }
 
 void AmendFailure(const HandDiagnostics& hand, const std::string& line) {
@@ -207,7 +207,7 @@ void AmendFailure(const HandDiagnostics& hand, const std::string& line) {
 
 void RecordThrown(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                   int system_error) {
-  Fail(hand, kind, text, system_error, {/*thrown=*/true});
+  Fail(hand, kind, text, system_error, HowTold::kByException);
 }
 
 void RecordFailure(const HandDiagnostics& hand, const std::exception& error,
