@@ -60,7 +60,9 @@ std::string FormatFrame(const CanfdFrame& frame) {
 /// then takes the identifier out of the pending set again.
 class CanBusDeviceBase::Exchange {
  public:
-  Exchange(CanBusDeviceBase& device, const CanfdFrame& frame, bool multi_frame)
+  enum class Reply : bool { kOneFrame, kSeveralFrames };
+
+  Exchange(CanBusDeviceBase& device, const CanfdFrame& frame, Reply reply)
       : device_(device), id_(frame.can_id) {
     MutexLock lock(device_.request_mutex_);
     device_.drain_cv_.wait(lock, [this]() KORVANE_REQUIRES(device_.request_mutex_) {
@@ -69,7 +71,7 @@ class CanBusDeviceBase::Exchange {
     ++device_.counters_.requests;
     device_.exchange_running_ = true;
     try {
-      Begin(lock, frame, multi_frame);
+      Begin(lock, frame, reply);
     } catch (...) {
       if (!lock.owns_lock()) lock.lock();
       device_.Finish(*this);
@@ -103,7 +105,7 @@ class CanBusDeviceBase::Exchange {
 
   /// Takes the turn to read before the frame goes out, as the reply may be there before this thread
   /// goes on.
-  void Begin(std::unique_lock<std::mutex>& lock, const CanfdFrame& frame, bool multi_frame)
+  void Begin(std::unique_lock<std::mutex>& lock, const CanfdFrame& frame, Reply reply)
       KORVANE_REQUIRES(device_.request_mutex_) {
     lock.unlock();
     reads_ = device_.TakeTurn();
@@ -111,7 +113,7 @@ class CanBusDeviceBase::Exchange {
     if (device_.Transmit(frame) == -1) {
       throw device_.SendError(FormatFrame(frame) + " request send failed");
     }
-    if (multi_frame) device_.multiframe_types_.insert(MessageType(id_));
+    if (reply == Reply::kSeveralFrames) device_.multiframe_types_.insert(MessageType(id_));
     device_.spare_request_.PutIn(device_.pending_req_ids_, id_);
   }
 
@@ -208,7 +210,7 @@ LinkError CanBusDeviceBase::SendError(const std::string& text) {
 }
 
 CanfdFrame CanBusDeviceBase::SendRequestSynchInternal(const CanfdFrame& frame) {
-  Exchange exchange(*this, frame, false);
+  Exchange exchange(*this, frame, Exchange::Reply::kOneFrame);
   LogFrame(" SND: ", frame);
   const ReplyTimer timer(*this);
   const std::uint32_t key = ReplyKey(frame.can_id);
@@ -287,7 +289,7 @@ CanBusDeviceBase::GatheredFrames CanBusDeviceBase::RequestFrames(const CanfdFram
 
 void CanBusDeviceBase::GatherFrames(const CanfdFrame& frame, std::uint8_t expected_frames,
                                     GatheredFrames& result) {
-  Exchange exchange(*this, frame, true);
+  Exchange exchange(*this, frame, Exchange::Reply::kSeveralFrames);
   LogFrame(" SND (MultiFrame): ", frame);
   const std::uint32_t key = ReplyKey(frame.can_id);
   const std::uint8_t total = AwaitFirstFrame(exchange, frame, key, expected_frames, result);

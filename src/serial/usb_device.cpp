@@ -116,7 +116,7 @@ std::size_t UsbSerialDevice::ReadRaw(std::uint8_t* data, std::size_t size) {
 std::size_t UsbSerialDevice::WriteRaw(const std::uint8_t* data, std::size_t size) {
   const MutexLock lock(write_mutex_);
   EnforceRequestInterval();
-  PrintFrame(data, size, true);
+  PrintFrame(data, size, /*is_send=*/true);
   pause_clock_->SleepFor(kPause);
   const std::size_t written = WriteOut(data, size);
   pause_clock_->SleepFor(kPause);
@@ -246,7 +246,7 @@ void UsbSerialDevice::ReceivePass() {
     count = ReadBlock(block);
   } while (count == 0 && running_);
   if (count == 0) return;
-  PrintFrame(block.data(), count, false);
+  PrintFrame(block.data(), count, /*is_send=*/false);
   if (count >= block.size()) LogInfo("read bytes >= READ_BYTES_LIMIT(256), data may loss");
   TakeBlock(block.data(), count);
 }

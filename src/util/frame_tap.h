@@ -33,7 +33,7 @@ class FrameTap {
   void ShowInTurn(std::uint32_t id, const std::uint8_t* data, std::size_t size) const {
     if (!is_set_.load(std::memory_order_relaxed)) return;
     const MutexLock turn(order_);
-    Show(false, id, data, size);
+    Show(/*sent=*/false, id, data, size);
   }
 
   /// Sends by `send`, and shows the frame if that returns true: before its reply, however quick
@@ -43,7 +43,7 @@ class FrameTap {
                    std::size_t size) const {
     if (!is_set_.load(std::memory_order_relaxed)) return static_cast<void>(send());
     const MutexLock turn(order_);
-    if (send()) Show(true, id, data, size);
+    if (send()) Show(/*sent=*/true, id, data, size);
   }
 
  private:

@@ -156,7 +156,7 @@ ProductSerialNumber KorvaneBrisaSerialImpl::GetProductSerialNumber() const {
 
 FwVersion KorvaneBrisaSerialImpl::GetFwVersion() const {
   const auto operation = link_.Operation(__func__);
-  return GetFwVersionInternal(false);
+  return GetFwVersionInternal(/*no_crc=*/false);
 }
 
 }  // namespace talvera::korvane
