@@ -22,9 +22,11 @@ unsigned FirstError(const std::vector<AxisSettings>& axes) {
   return 0;
 }
 
-constexpr ServiceModel kServiceModels[] = {{"brisa", 2, true, true, AllErrors},
-                                           {"lumen", 3, false, true, FirstError},
-                                           {"", 0, false, false, AllErrors}};
+constexpr ServiceModel kServiceModels[] = {
+    {"brisa", 2, /*serial_port=*/true, /*can=*/true, AllErrors},
+    {"lumen", 3, /*serial_port=*/false, /*can=*/true, FirstError},
+    {"", 0, /*serial_port=*/false, /*can=*/false, AllErrors},
+};
 
 }  // namespace
 

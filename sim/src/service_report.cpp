@@ -68,30 +68,38 @@ std::vector<Axis> AxesOf(const SimulatedHand& hand, const ServiceState& state) {
 
 // Commands that read values of all axes.
 
+enum class Links : std::uint8_t { kBoth, kSerial, kCan };
+/// Of how many axes: as many as the hand has, or ten in every hand.
+enum class Axes : std::uint8_t { kOfHand, kTen };
+
 struct Report {
   std::uint8_t command;
-  bool on_serial;
-  bool on_can;
-  bool ten_axes;
+  Links links;
+  Axes axes;
   std::array<Column, 2> columns;
 };
 
 constexpr Report kReports[] = {
-    {0x09, true, true, false, {kPosition}},   {0x0A, true, true, true, {kCurrent}},
-    {0x0B, true, false, true, {kForce}},      {0x0B, false, true, true, {kVelocity}},
-    {0x0C, true, true, true, {kTemperature}}, {0x10, true, true, false, {kRange}},
-    {0x19, true, true, false, {kActual}},     {0x1A, true, true, true, {kLoad}},
-    {0x26, true, true, true, {kNumber}},      {0x30, true, true, false, {{kLower, kUpper}}},
+    {0x09, Links::kBoth, Axes::kOfHand, {kPosition}},
+    {0x0A, Links::kBoth, Axes::kTen, {kCurrent}},
+    {0x0B, Links::kSerial, Axes::kTen, {kForce}},
+    {0x0B, Links::kCan, Axes::kTen, {kVelocity}},
+    {0x0C, Links::kBoth, Axes::kTen, {kTemperature}},
+    {0x10, Links::kBoth, Axes::kOfHand, {kRange}},
+    {0x19, Links::kBoth, Axes::kOfHand, {kActual}},
+    {0x1A, Links::kBoth, Axes::kTen, {kLoad}},
+    {0x26, Links::kBoth, Axes::kTen, {kNumber}},
+    {0x30, Links::kBoth, Axes::kOfHand, {{kLower, kUpper}}},
 };
 
 Bytes Carry(const Report& report, const Call& call) {
   if (!call.Has(0)) return {};
   return Layout(AxesOf(call.hand, call.state), report.columns,
-                report.ten_axes ? kTenAxes : call.AxisCount());
+                report.axes == Axes::kTen ? kTenAxes : call.AxisCount());
 }
 
 bool IsOn(const Report& row, ServiceLink link) {
-  return link == ServiceLink::kSerial ? row.on_serial : row.on_can;
+  return row.links != (link == ServiceLink::kSerial ? Links::kCan : Links::kSerial);
 }
 
 const Column& PositionColumn(const Call& call) { return call.IsActual() ? kActual : kPosition; }

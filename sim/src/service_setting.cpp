@@ -58,9 +58,12 @@ Bytes Carry(const AxisRow& row, const Call& call) {
 
 // Commands that set one value of the hand.
 
+/// What the reply tells: whether the value was taken, or the value that there is then.
+enum class Reply : std::uint8_t { kTaken, kValue };
+
 struct HandRow {
   std::uint8_t command;
-  bool tells_value;  ///< In the reply, instead of whether it was taken.
+  Reply reply;
   std::uint8_t width;
   int min;
   int max;
@@ -68,11 +71,11 @@ struct HandRow {
 };
 
 constexpr HandRow kHandRows[] = {
-    {0x04, false, 2, 1, 2046, &ServiceSettings::device_id},
-    {0x28, false, 2, 0, kMaxU16, &ServiceSettings::upload_ms},
-    {0x31, false, 1, 0, 1, &ServiceSettings::side},
-    {0x34, false, 1, 0, 255, &ServiceSettings::temperature_threshold},
-    {0x80, true, 1, 0, 1, &ServiceSettings::control_source},
+    {0x04, Reply::kTaken, 2, 1, 2046, &ServiceSettings::device_id},
+    {0x28, Reply::kTaken, 2, 0, kMaxU16, &ServiceSettings::upload_ms},
+    {0x31, Reply::kTaken, 1, 0, 1, &ServiceSettings::side},
+    {0x34, Reply::kTaken, 1, 0, 255, &ServiceSettings::temperature_threshold},
+    {0x80, Reply::kValue, 1, 0, 1, &ServiceSettings::control_source},
 };
 
 Bytes Carry(const HandRow& row, const Call& call) {
@@ -81,7 +84,7 @@ Bytes Carry(const HandRow& row, const Call& call) {
   const bool taken = value >= row.min && value <= row.max;
   int& setting = call.state.settings.*row.field;
   if (taken) setting = value;
-  return row.tells_value ? Bytes{static_cast<std::uint8_t>(setting)} : Accepted(taken);
+  return row.reply == Reply::kValue ? Bytes{static_cast<std::uint8_t>(setting)} : Accepted(taken);
 }
 
 }  // namespace

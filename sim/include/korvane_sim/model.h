@@ -79,67 +79,84 @@ constexpr FunctionTable MotorFunctions(bool takes_report_periods) {
 }
 
 /// Motors 3, 5, 6, 8 and 10 close thumb, index, middle, ring and little finger.
-inline constexpr ModelRow kBrisa{
-    "brisa",
-    "KorvaneBrisa",
-    0x01,
-    10,
-    0,
-    4096,
-    MotorFunctions(false),
-    {{{16, 16, 0x004},
-      {18, 16, 0x010},
-      {18, 16, 0x020},
-      {18, 16, 0x080},
-      {18, 16, 0x200},
-      {78, 25, 0x2B4},
-      {102, 25, 0x2B0}}},
-};
+inline constexpr ModelRow kBrisa = [] {
+  ModelRow row;
+  row.name = "brisa";
+  row.product_model = "KorvaneBrisa";
+  row.family = 0x01;
+  row.motors = 10;
+  row.max_position = 4096;
+  row.functions = MotorFunctions(/*takes_report_periods=*/false);
+  row.tactile = {{{16, 16, 0x004},
+                  {18, 16, 0x010},
+                  {18, 16, 0x020},
+                  {18, 16, 0x080},
+                  {18, 16, 0x200},
+                  {78, 25, 0x2B4},
+                  {102, 25, 0x2B0}}};
+  return row;
+}();
 
 /// Motor 11 closes the thumb, motors 1, 2 and 7 the index, 3, 4 and 8 the middle finger, motors 9
 /// and 10 ring and little finger.
-inline constexpr ModelRow kTessel{
-    "tessel",
-    "KorvaneTessel",
-    0x01,
-    12,
-    0,
-    2000,
-    MotorFunctions(true),
-    {{{0, 29, 0x400}, {0, 29, 0x043}, {0, 29, 0x08C}, {0, 29, 0x100}, {0, 29, 0x200}}},
-};
+inline constexpr ModelRow kTessel = [] {
+  ModelRow row;
+  row.name = "tessel";
+  row.product_model = "KorvaneTessel";
+  row.family = 0x01;
+  row.motors = 12;
+  row.max_position = 2000;
+  row.functions = MotorFunctions(/*takes_report_periods=*/true);
+  row.tactile = {{{0, 29, 0x400}, {0, 29, 0x043}, {0, 29, 0x08C}, {0, 29, 0x100}, {0, 29, 0x200}}};
+  return row;
+}();
 
 /// Two joints to a finger, from the thumb on.
-inline constexpr ModelRow kQuill{
-    "quill",
-    "KorvaneQuill",
-    0x07,
-    0,
-    10,
-    4096,
-    {{{Function::kVendor, true, false},
-      {Function::kDevice, true, true},
-      {Function::kTactileRaw, true, false},
-      {Function::kMaxPositionCalibration, false, true},
-      {Function::kMinPositionCalibration, false, true},
-      {Function::kPosition, true, false},
-      {Function::kUpdateData, false, true},
-      {Function::kUpdateRequest, false, true}}},
-    {{{16, 0, 0x003},
-      {18, 0, 0x00C},
-      {18, 0, 0x030},
-      {18, 0, 0x0C0},
-      {18, 0, 0x300},
-      {78, 0, 0x3FC}}},
-};
+inline constexpr ModelRow kQuill = [] {
+  ModelRow row;
+  row.name = "quill";
+  row.product_model = "KorvaneQuill";
+  row.family = 0x07;
+  row.worn_joints = 10;
+  row.max_position = 4096;
+  row.functions = {{{Function::kVendor, true, false},
+                    {Function::kDevice, true, true},
+                    {Function::kTactileRaw, true, false},
+                    {Function::kMaxPositionCalibration, false, true},
+                    {Function::kMinPositionCalibration, false, true},
+                    {Function::kPosition, true, false},
+                    {Function::kUpdateData, false, true},
+                    {Function::kUpdateRequest, false, true}}};
+  row.tactile = {{{16, 0, 0x003},
+                  {18, 0, 0x00C},
+                  {18, 0, 0x030},
+                  {18, 0, 0x0C0},
+                  {18, 0, 0x300},
+                  {78, 0, 0x3FC}}};
+  return row;
+}();
 
-inline constexpr ModelRow kLumen{
-    "lumen", "KorvaneLumen", 0x01, 4, 0, 4096, MotorFunctions(false), {},
-};
+inline constexpr ModelRow kLumen = [] {
+  ModelRow row;
+  row.name = "lumen";
+  row.product_model = "KorvaneLumen";
+  row.family = 0x01;
+  row.motors = 4;
+  row.max_position = 4096;
+  row.functions = MotorFunctions(/*takes_report_periods=*/false);
+  return row;
+}();
 
-inline constexpr ModelRow kVanta{
-    "vanta", "KorvaneVanta", 0x01, 20, 0, 4096, MotorFunctions(false), {},
-};
+inline constexpr ModelRow kVanta = [] {
+  ModelRow row;
+  row.name = "vanta";
+  row.product_model = "KorvaneVanta";
+  row.family = 0x01;
+  row.motors = 20;
+  row.max_position = 4096;
+  row.functions = MotorFunctions(/*takes_report_periods=*/false);
+  return row;
+}();
 
 inline constexpr std::array<const ModelRow*, 5> kModels{&kBrisa, &kTessel, &kQuill, &kLumen,
                                                         &kVanta};
