@@ -123,7 +123,7 @@ TEST_P(TactileSensors, AreCutFromTheStreamOfAllInTheirOrder) {
 
 /// HCAN keeps one frame of a reply.
 TEST_P(TactileSensors, GiveOneFrameOfTheirRawArrayOverHcan) {
-  auto adapter = std::make_unique<RecordingDevice>(true, DispatchRules{true, true, false, false});
+  auto adapter = std::make_unique<RecordingDevice>(true, kHcanDispatch);
   auto& device = *adapter;
   device.script = RepliesInFrames(RawFrames(78));
   const auto hand = GetParam().make(HandType::RIGHT, kId, std::move(adapter));
