@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "protocol/service/korvane_brisa_can_private_impl.h"
+#include "protocol/service/korvane_lumen_can_private_impl.h"
 #include "support/tested_hands.h"
 
 namespace talvera::korvane {
@@ -18,6 +19,8 @@ using namespace test;
 
 const auto kBrisaService =
     Tested<KorvaneBrisaCanPrivateImpl>("KorvaneBrisaCanPrivateImpl", 0, 10, 0);
+const auto kLumenService =
+    Tested<KorvaneLumenCanPrivateImpl>("KorvaneLumenCanPrivateImpl", 3, 4, 0);
 
 class DestroyedHand : public testing::TestWithParam<TestedHand> {
  protected:
@@ -42,7 +45,8 @@ class DestroyedHand : public testing::TestWithParam<TestedHand> {
 };
 
 INSTANTIATE_TEST_SUITE_P(All, DestroyedHand,
-                         testing::Values(kBrisa, kTessel, kQuill, kLumen, kVanta, kBrisaService),
+                         testing::Values(kBrisa, kTessel, kQuill, kLumen, kVanta, kBrisaService,
+                                         kLumenService),
                          testing::PrintToStringParamName());
 
 TEST_P(DestroyedHand, StillAnswersAcknowledgmentsUntilItsReceiveThreadHasEnded) {
