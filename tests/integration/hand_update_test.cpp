@@ -11,6 +11,7 @@
 
 #include "support/allocation_hook.h"
 #include "support/bus_device.h"
+#include "support/patient_link.h"
 #include "support/tested_hands.h"
 #include "support/update_run.h"
 #include "support/virtual_clock.h"
@@ -138,7 +139,7 @@ class HandUpdate : public testing::TestWithParam<Model> {
 
   void UseTransport(std::unique_ptr<CanBusDeviceBase> transport) {
     hand_ = model_.hand.make(HandType::RIGHT, kId, std::move(transport));
-    hand_->SetFrameRecvTimeout(1000);
+    if (hand_->connected) test::BePatient(*hand_);
     state_ = dynamic_cast<CanUpdateState*>(hand_.get());
     state_->ota_clock = &clock_;
   }
@@ -372,6 +373,7 @@ TEST_P(HandUpdate, ReportsAndRequestsWhatIsSettled) {
   RecordRun("unplugged");
   bus_.SetPlugged(0, true);
   SetFaults({});
+  hand_->SetFrameRecvTimeout(10);  // virtual time stands meanwhile, and so do replies on their way
   RecordRun("plugged in again");
   UseTransport(nullptr);
   RecordRun("no transport");
@@ -423,7 +425,7 @@ TEST_P(HandUpdate, WritesTheLinesThatAreSettled) {
   const std::string& err = Written().err;  // ten questions before
   Record("not back, without a callback", err.substr(err.rfind("timeout")) + Written().out);
   Firmware([](auto& firmware) { firmware.SetRestartTime(50ms); });
-  hand_->SetFrameRecvTimeout(1000);
+  test::BePatient(*hand_);
   clock_.SleepFor(1h);
   record_faults(kThreePackets, {{Kind::kStatus, Child::kUpgrade, 1},
                                 {Kind::kStatus, Child::kUpgrade, 2},
@@ -519,7 +521,9 @@ TEST_P(HandUpdate, TakesRepliesOfTheSendersThatItsModelListensTo) {
 /// An id that a program gives the hand counts at once, however it is given.
 TEST_P(HandUpdate, GoesToThePresentId) {
   const test::Rig<KorvaneBase> rig(kId, HandType::RIGHT, true, model_.hand.make);
-  const auto& index = dynamic_cast<CanUpdateState&>(*rig.hand).ota_package_index;
+  test::VirtualClock clock(1);
+  auto& state = dynamic_cast<CanUpdateState&>(*rig.hand);
+  state.ota_clock = &clock;
   std::vector<std::function<void(std::uint8_t)>> ways{
       [&](std::uint8_t id) { rig.hand->SetDeviceId(id); },
       [&](std::uint8_t id) { rig.hand->device_id = id; }};
@@ -531,7 +535,7 @@ TEST_P(HandUpdate, GoesToThePresentId) {
   }
   std::uint8_t id = kId;
   for (const auto& give : ways) {
-    const std::uint32_t before = index;
+    const std::uint32_t before = state.ota_package_index;
     const std::uint8_t old_id = id++;
     give(id);
     rig.device->TakeSent();
@@ -539,7 +543,7 @@ TEST_P(HandUpdate, GoesToThePresentId) {
       rig.device->Receive(test::FullFrame(ReplyId(2, old_id), {}, 4));
       rig.device->Receive(test::FullFrame(ReplyId(2, id), {}, 4));
     });
-    EXPECT_EQ(index, before + (model_.any_sender ? 2 : 1));
+    EXPECT_EQ(state.ota_package_index, before + (model_.any_sender ? 2 : 1));
     const auto sent = rig.device->TakeSent();
     ASSERT_FALSE(sent.empty());
     EXPECT_EQ(test::Show({sent.back()}), test::Show({test::FullFrame(RequestId(3, id), {})}));
@@ -547,6 +551,8 @@ TEST_P(HandUpdate, GoesToThePresentId) {
     CaptureStreams([&] { model_.query_result(*rig.hand); });
     EXPECT_EQ(rig.device->TakeSent().at(0).can_id, RequestId(5, id));
     rig.device->script = test::RepliesInFrames({});
+    test::UpdateRunner().Run(*rig.hand, clock);
+    EXPECT_EQ(rig.device->TakeSent().at(0).can_id, RequestId(1, id));
   }
 }
 
