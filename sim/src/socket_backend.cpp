@@ -36,13 +36,13 @@ class SocketLink final : public Link {
   UniqueFd fd_;  // Closed with the object only, when no thread uses it any more.
 };
 
-/// The simulator's socket. If nobody listens there, says so the first time: who put the stand-in in
-/// the library's place wants to know what it missed.
-UniqueFd ConnectOrSay() {
-  static std::atomic<bool> said{false};
+/// The simulator's socket. If nobody listens there, logs that the first time: who put the stand-in
+/// in the library's place wants to know what it missed.
+UniqueFd ConnectOrLog() {
+  static std::atomic<bool> logged{false};
   UniqueFd fd = ConnectTo(SocketPath());
   const int error = errno;
-  if (!fd && !said.exchange(true)) {
+  if (!fd && !logged.exchange(true)) {
     const std::string line = "korvane-sim stand-in: no simulator at " + SocketPath() + " (" +
                              std::generic_category().message(error) +
                              "): start korvane-sim, or name its socket in KORVANE_SIM_SOCKET\n";
@@ -56,16 +56,16 @@ UniqueFd ConnectOrSay() {
 class SocketBackend final : public Backend {
  public:
   std::size_t Count(AdapterKind kind) override {
-    const std::string answer = Ask(ConnectOrSay(), Operation::kCount, kind, 0, 0);
+    const std::string answer = Ask(ConnectOrLog(), Operation::kCount, kind, 0, 0);
     return answer.size() == 2 ? static_cast<std::uint8_t>(answer[1]) : 0;
   }
 
   std::optional<AdapterInfo> Info(AdapterKind kind, std::size_t adapter) override {
-    return DecodeInfo(Ask(ConnectOrSay(), Operation::kInfo, kind, adapter, 0));
+    return DecodeInfo(Ask(ConnectOrLog(), Operation::kInfo, kind, adapter, 0));
   }
 
   std::shared_ptr<Link> Attach(std::size_t adapter, std::size_t channel) override {
-    UniqueFd fd = ConnectOrSay();
+    UniqueFd fd = ConnectOrLog();
     if (Ask(fd, Operation::kAttach, AdapterKind::kZlg, adapter, channel).empty()) return nullptr;
     return std::make_shared<SocketLink>(std::move(fd));
   }

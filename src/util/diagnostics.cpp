@@ -38,14 +38,14 @@ struct OperationRecord {
   /// Only the first failure of an operation counts.
   void Fail(FailureKind kind, const std::string& text, int system_error, HowTold how) {
     const bool first = last.kind == FailureKind::NONE;
-    if (first) Keep(last, kind, system_error, operation, text);
+    if (first) StoreFailure(last, kind, system_error, operation, text);
     awaits_line = first && how == HowTold::kByLaterLine;
     if (watch != nullptr && how == HowTold::kByException) watch->thrown_ = true;
   }
 
   void Amend(const std::string& line) {
     if (awaits_line && last.kind != FailureKind::NONE) {
-      Keep(last, last.kind, last.system_error, last.operation, line);
+      StoreFailure(last, last.kind, last.system_error, last.operation, line);
     }
     awaits_line = false;
   }
@@ -57,7 +57,7 @@ struct OperationRecord {
     if (last.kind == FailureKind::BAD_REPLY) CountBadReply();
     const bool first = watch != nullptr && watch->first_.kind == FailureKind::NONE;
     if (!first || last.kind == FailureKind::NONE) return;
-    Keep(watch->first_, last.kind, last.system_error, last.operation, last.text);
+    StoreFailure(watch->first_, last.kind, last.system_error, last.operation, last.text);
   }
 
   void AddWatch(FailureWatch& added) {
@@ -70,8 +70,8 @@ struct OperationRecord {
  private:
   /// Where there is no memory for its texts a failure is told without them.
   template <class Name>
-  static void Keep(Failure& where, FailureKind kind, int system_error, const Name& name,
-                   const std::string& text) noexcept {
+  static void StoreFailure(Failure& where, FailureKind kind, int system_error, const Name& name,
+                           const std::string& text) noexcept {
     where.kind = kind;
     where.system_error = system_error;
     try {

@@ -45,13 +45,13 @@ bool IsAnswer(std::uint32_t can_id) {
   return ((can_id ^ kQueryId) & kSameField) == 0 && sender > 0;
 }
 
-DeviceInfo Fail(const char* prefix, const char* what) {
+DeviceInfo LogFailedQuery(const char* prefix, const char* what) {
   LogError(Compose(prefix, what));
   return {};
 }
 
 DeviceInfo AskThrough(CanBusDeviceBase& device, const char* prefix, const char* not_open) {
-  return device.IsInit() ? QueryBus(device, prefix) : Fail(prefix, not_open);
+  return device.IsInit() ? QueryBus(device, prefix) : LogFailedQuery(prefix, not_open);
 }
 
 template <class Where>
@@ -74,7 +74,7 @@ DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix, Clock& clock) 
       });
   std::uint8_t data[kMaxPayload] = {};
   if (device.SendFrame(kQueryId, data, kMaxPayload) == -1) {
-    return Fail(prefix, "Failed to send broadcast request");
+    return LogFailedQuery(prefix, "Failed to send broadcast request");
   }
   const auto start = clock.Now();
   while (true) {
@@ -85,7 +85,7 @@ DeviceInfo QueryBus(CanBusDeviceBase& device, const char* prefix, Clock& clock) 
     }
     const auto waited = clock.Now() - start;
     if (std::chrono::duration_cast<std::chrono::milliseconds>(waited) > kAnswerTime) {
-      return Fail(prefix, "Broadcast request timeout");
+      return LogFailedQuery(prefix, "Broadcast request timeout");
     }
     clock.SleepFor(kPollInterval);
   }

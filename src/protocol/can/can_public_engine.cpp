@@ -114,7 +114,8 @@ void CanPublicEngine::LogFailure(const Context& context, const std::exception& e
   RecordFailure(diagnostics, error, line);
 }
 
-void CanPublicEngine::Fail(FailureKind kind, const std::string& line, int system_error) const {
+void CanPublicEngine::LogAndRecord(FailureKind kind, const std::string& line,
+                                   int system_error) const {
   LogError(line);
   RecordFailure(diagnostics, kind, line, system_error);
 }
@@ -141,7 +142,7 @@ std::optional<CanfdFrame> CanPublicEngine::WriteOrLog(const Context& context,
   } catch (const LinkError& error) {
     const bool no_transport = !transport;
     if (quantity.send_failed != nullptr) {
-      Fail(error.Kind(), quantity.send_failed, error.SystemError());
+      LogAndRecord(error.Kind(), quantity.send_failed, error.SystemError());
     } else if (no_transport) {
       LogFailure(context, error);
     } else {
@@ -163,33 +164,34 @@ std::string CanPublicEngine::MotorCount(bool in_digits) const {
 bool CanPublicEngine::CheckIndex(std::uint8_t index) const {
   if (index >= 1 && index <= model.motors) return true;
   const Wording& wording = *model.wording;
-  Fail(FailureKind::BAD_ARGUMENT, Compose(wording.bad_index, index, wording.bad_index_range,
-                                          MotorCount(wording.count_in_digits), "."));
+  LogAndRecord(FailureKind::BAD_ARGUMENT, Compose(wording.bad_index, index, wording.bad_index_range,
+                                                  MotorCount(wording.count_in_digits), "."));
   return false;
 }
 
 bool CanPublicEngine::CheckSize(std::size_t size) const {
   if (size == model.motors) return true;
-  Fail(FailureKind::BAD_ARGUMENT,
-       Compose(model.wording->wrong_size, RawByte{model.motors}, model.wording->wrong_size_end));
+  LogAndRecord(FailureKind::BAD_ARGUMENT, Compose(model.wording->wrong_size, RawByte{model.motors},
+                                                  model.wording->wrong_size_end));
   return false;
 }
 
 bool CanPublicEngine::CheckMixedCount(std::uint8_t mode, std::size_t count) const {
   if (mode == mix_mode::kPositionVelocityCurrent) {
     if (count <= kMaxFullTargets) return true;
-    Fail(FailureKind::BAD_ARGUMENT, model.wording->too_many_mixed);
+    LogAndRecord(FailureKind::BAD_ARGUMENT, model.wording->too_many_mixed);
     return false;
   }
   if (count > model.motors) {
-    Fail(FailureKind::BAD_ARGUMENT,
-         Compose(model.wording->wrong_size, MotorCount(model.wording->mixed_count_in_digits),
-                 model.wording->wrong_size_end));
+    LogAndRecord(
+        FailureKind::BAD_ARGUMENT,
+        Compose(model.wording->wrong_size, MotorCount(model.wording->mixed_count_in_digits),
+                model.wording->wrong_size_end));
     return false;
   }
   if (count <= kMaxShortElements) return true;
-  Fail(FailureKind::BAD_ARGUMENT,
-       Compose("[Error]: A frame holds ", kMaxShortElements, " joint targets, got ", count));
+  LogAndRecord(FailureKind::BAD_ARGUMENT, Compose("[Error]: A frame holds ", kMaxShortElements,
+                                                  " joint targets, got ", count));
   return false;
 }
 
@@ -261,10 +263,10 @@ void CanPublicEngine::WriteAll(const MotorQuantity& quantity,
 std::vector<short> CanPublicEngine::WriteAllPositions(const std::vector<short>& positions) const {
   const auto operation = Operation(model.position.set_all);
   if (positions.size() != model.motors) {
-    Fail(FailureKind::BAD_ARGUMENT,
-         Compose("[ERROR][", model.class_name,
-                 "][SetAllJointMotorPosi] Invalid parameter, size must match DOF ",
-                 RawByte{model.motors}));
+    LogAndRecord(FailureKind::BAD_ARGUMENT,
+                 Compose("[ERROR][", model.class_name,
+                         "][SetAllJointMotorPosi] Invalid parameter, size must match DOF ",
+                         RawByte{model.motors}));
     return {};
   }
   const auto reply = WholeHandWrite(model.position, positions);
@@ -385,7 +387,7 @@ void CanPublicEngine::WriteDeviceId(std::uint8_t new_id) {
     if (Send(frame) == -1) throw SendError("request send failed");
     StoreDeviceId(hand_, new_id);
   } catch (const LinkError& error) {
-    Fail(error.Kind(), model.wording->set_id_failed, error.SystemError());
+    LogAndRecord(error.Kind(), model.wording->set_id_failed, error.SystemError());
   } catch (const std::exception& error) {
     LogFailure({"SetDeviceId"}, error);
   }

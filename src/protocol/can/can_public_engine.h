@@ -76,7 +76,7 @@ class CanPublicEngine : public CanLink {
   OperationScope Operation(const char* name) const { return {diagnostics, name}; }
 
   /// Logs the line and records it as the failure of the operation.
-  void Fail(FailureKind kind, const std::string& line, int system_error = 0) const;
+  void LogAndRecord(FailureKind kind, const std::string& line, int system_error = 0) const;
 
   /// Sends `frame` and returns its reply; nothing after a failure, which is logged.
   std::optional<CanfdFrame> RequestOrLog(const Context& context, const CanfdFrame& frame,

@@ -139,9 +139,10 @@ class CanPublicMotorHand : public CanPublicHand<Model, Row> {
   void RefusePeriods(const char* name) const {
     const auto operation = engine_.Operation(name);
     const bool first = std::string_view(name) == "SetErrorReportPeriod";
-    engine_.Fail(FailureKind::NOT_SUPPORTED, Compose("[Error]: ", name, " is not supported by ",
-                                                     first ? "Korvane Brisa" : "KorvaneBrisa",
-                                                     " (BR7) when DISABLE_FUNC is enabled."));
+    engine_.LogAndRecord(
+        FailureKind::NOT_SUPPORTED,
+        Compose("[Error]: ", name, " is not supported by ",
+                first ? "Korvane Brisa" : "KorvaneBrisa", " (BR7) when DISABLE_FUNC is enabled."));
   }
 
  private:

@@ -14,9 +14,9 @@ std::vector<std::uint8_t> TakeSensor(const CanPublicEngine& engine,
   const std::size_t available = stream.size() - offset;
   const auto begin = stream.begin() + static_cast<std::ptrdiff_t>(offset);
   if (length > available) {
-    engine.Fail(FailureKind::BAD_REPLY,
-                Compose("[Warning]: Incomplete data for sensor ", static_cast<int>(finger),
-                        ", expected ", length, " bytes, got ", available));
+    engine.LogAndRecord(FailureKind::BAD_REPLY,
+                        Compose("[Warning]: Incomplete data for sensor ", static_cast<int>(finger),
+                                ", expected ", length, " bytes, got ", available));
     return {begin, stream.end()};
   }
   offset += length;

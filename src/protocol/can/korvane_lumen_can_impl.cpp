@@ -7,7 +7,7 @@ namespace {
 
 std::vector<double> Refuse(const CanPublicEngine& engine, const char* name, const char* instead) {
   const auto operation = engine.Operation(name);
-  engine.Fail(
+  engine.LogAndRecord(
       FailureKind::NOT_SUPPORTED,
       Compose("[Warning]: ", name,
               " is not supported for Korvane Lumen S (no kinematics solver available).", instead));

@@ -40,8 +40,8 @@ void KorvaneQuillCanImpl::CalibrateJoint(std::uint8_t function, const char* end,
                                          std::uint8_t joint) const {
   const auto operation = engine_.Operation(CalibrationName(function));
   if (joint >= 1 && joint <= kJoints) return Calibrate(function, end, joint);
-  engine_.Fail(FailureKind::BAD_ARGUMENT,
-               Compose("[Error]: Invalid joint index ", joint, ". Valid range is 1-", kJoints));
+  engine_.LogAndRecord(FailureKind::BAD_ARGUMENT, Compose("[Error]: Invalid joint index ", joint,
+                                                          ". Valid range is 1-", kJoints));
 }
 
 /// Joint 0 stands for all of them.
@@ -54,9 +54,10 @@ void KorvaneQuillCanImpl::Calibrate(std::uint8_t function, const char* end,
     if (engine_.Send(frame) == -1) throw engine_.SendError("request send failed");
   } catch (const LinkError& error) {
     const std::string which = joint == 0 ? "" : Compose(" for joint ", joint);
-    engine_.Fail(error.Kind(),
-                 Compose("[Error]: Failed to send ", end, " position calibration request", which),
-                 error.SystemError());
+    engine_.LogAndRecord(
+        error.Kind(),
+        Compose("[Error]: Failed to send ", end, " position calibration request", which),
+        error.SystemError());
   } catch (const std::exception& error) {
     engine_.LogFailure({CalibrationName(function)}, error);
   }
@@ -67,7 +68,7 @@ void KorvaneQuillCanImpl::Calibrate(std::uint8_t function, const char* end,
 TactileSensorData KorvaneQuillCanImpl::GetTactileSensorDataRaw(Finger finger) const {
   const auto operation = engine_.Operation(__func__);
   if (finger < Finger::THUMB || finger > Finger::PALM) {
-    engine_.Fail(
+    engine_.LogAndRecord(
         FailureKind::BAD_ARGUMENT,
         Compose("[Error]: Invalid sensor finger index for Quill (must be 0x01-0x06, no Dorsum): ",
                 static_cast<int>(finger)));
@@ -87,8 +88,9 @@ std::vector<TactileSensorData> KorvaneQuillCanImpl::GetAllTactileSensorDataRaw()
       if (offset >= stream.size()) break;
       const std::size_t length = GetSensorDataLength(finger);
       if (length > stream.size() - offset) {
-        engine_.Fail(FailureKind::BAD_REPLY,
-                     Compose("[Warning]: Incomplete data for sensor ", static_cast<int>(finger)));
+        engine_.LogAndRecord(
+            FailureKind::BAD_REPLY,
+            Compose("[Warning]: Incomplete data for sensor ", static_cast<int>(finger)));
         break;
       }
       const auto begin = stream.begin() + static_cast<std::ptrdiff_t>(offset);

@@ -40,14 +40,14 @@ TactileSensor3DData KorvaneTesselCanImpl::GetTactileSensor3DData(Finger finger) 
   const auto operation = engine_.Operation(__func__);
   TactileSensor3DData record{};
   if (finger == Finger::PALM || finger == Finger::DORSUM) {
-    engine_.Fail(
+    engine_.LogAndRecord(
         FailureKind::BAD_ARGUMENT,
         "[ERROR]: Korvane Tessel does not support PALM or DORSUM sensors. Only THUMB, INDEX, "
         "MIDDLE, RING, LITTLE are supported.");
     return record;
   }
   if (!IsFinger(finger)) {
-    engine_.Fail(FailureKind::BAD_ARGUMENT, "[ERROR]: Invalid finger type");
+    engine_.LogAndRecord(FailureKind::BAD_ARGUMENT, "[ERROR]: Invalid finger type");
     return record;
   }
   const auto reply = engine_.RequestOrLog(

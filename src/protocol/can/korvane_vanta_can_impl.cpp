@@ -6,7 +6,7 @@ namespace talvera::korvane {
 
 std::vector<double> KorvaneVantaCanImpl::SetAllActiveJointAngles(const std::vector<double>&) {
   const auto operation = engine_.Operation(__func__);
-  engine_.Fail(
+  engine_.LogAndRecord(
       FailureKind::NOT_SUPPORTED,
       "[WARN][KorvaneVanta] SetAllActiveJointAngles: 运动学未实现，请使用 SetAllJointMotorPosi "
       "直接设置电机位置.");
@@ -15,7 +15,7 @@ std::vector<double> KorvaneVantaCanImpl::SetAllActiveJointAngles(const std::vect
 
 std::vector<double> KorvaneVantaCanImpl::GetAllActiveJointAngles() const {
   const auto operation = engine_.Operation(__func__);
-  engine_.Fail(
+  engine_.LogAndRecord(
       FailureKind::NOT_SUPPORTED,
       "[WARN][KorvaneVanta] GetAllActiveJointAngles: 运动学未实现，请使用 GetAllJointMotorPosi "
       "获取电机位置.");

@@ -26,7 +26,7 @@ void FailWithoutFrames(const CanPublicEngine& engine, const CanBusDeviceBase::Ga
                        const std::string& line) {
   const LinkError error = reply.error.value_or(LinkError(FailureKind::BAD_REPLY, "no frames"));
   if (line.empty()) return RecordFailure(engine.diagnostics, error, error.what());
-  engine.Fail(error.Kind(), line, error.SystemError());
+  engine.LogAndRecord(error.Kind(), line, error.SystemError());
 }
 
 }  // namespace
@@ -62,9 +62,9 @@ TactileSensorData ReadTactileRaw(const CanPublicEngine& engine, Finger finger,
       Append(record.data, frame, std::min(length - record.data.size(), kBytesPerFrame));
     }
     if (record.data.size() < length) {
-      engine.Fail(FailureKind::BAD_REPLY,
-                  Compose("[Warning]: Incomplete data for sensor ", number, ". Expected ", length,
-                          " bytes, got ", record.data.size()));
+      engine.LogAndRecord(FailureKind::BAD_REPLY,
+                          Compose("[Warning]: Incomplete data for sensor ", number, ". Expected ",
+                                  length, " bytes, got ", record.data.size()));
     }
   } catch (const std::exception& error) {
     engine.LogFailure({"GetTactileSensorDataRaw", "finger", number}, error);

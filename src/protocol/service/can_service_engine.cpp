@@ -72,8 +72,8 @@ bool CanServiceEngine::CheckReady() const {
   return false;
 }
 
-void CanServiceEngine::Fail(FailureKind kind, const char* operation,
-                            const std::string& text) const {
+void CanServiceEngine::LogAndRecord(FailureKind kind, const char* operation,
+                                    const std::string& text) const {
   const std::string line = Compose("[", model.class_name, "] ", operation, ": ", text);
   LogError(line);
   RecordFailure(diagnostics, kind, line);

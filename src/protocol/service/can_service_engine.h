@@ -61,7 +61,7 @@ class CanServiceEngine : public CanLink {
   OperationScope Operation(const char* name) const { return {diagnostics, name}; }
 
   /// Logs "[class] operation: text" on the standard error stream, and records that as the failure.
-  void Fail(FailureKind kind, const char* operation, const std::string& text) const;
+  void LogAndRecord(FailureKind kind, const char* operation, const std::string& text) const;
   /// Records a failure for which there is no line.
   void FailSilently(FailureKind kind, const std::string& text) const {
     RecordFailure(diagnostics, kind, text);

@@ -75,7 +75,7 @@ void KorvaneBrisaCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& t
   if (!CheckArgument(!targets.empty())) return;
   const std::size_t most = MaxMixedTargets(targets.front().mix_mode);
   if (most == 0) {
-    return engine_.Fail(FailureKind::BAD_ARGUMENT, __func__, "Invalid control mode.");
+    return engine_.LogAndRecord(FailureKind::BAD_ARGUMENT, __func__, "Invalid control mode.");
   }
   if (!CheckArgument(targets.size() <= most)) return;
   const ServiceTargets all = ToServiceTargets(targets);

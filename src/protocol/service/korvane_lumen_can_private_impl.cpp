@@ -102,8 +102,8 @@ std::vector<short> KorvaneLumenCanPrivateImpl::GetAllCurrentReport() const {
 std::vector<double> KorvaneLumenCanPrivateImpl::SetAllActiveJointAngles(
     const std::vector<double>&) {
   const auto operation = engine_.Operation(__func__);
-  engine_.Fail(FailureKind::NOT_SUPPORTED, __func__,
-               "LM3 has no kinematics solver, use SetAllJointMotorPosi");
+  engine_.LogAndRecord(FailureKind::NOT_SUPPORTED, __func__,
+                       "LM3 has no kinematics solver, use SetAllJointMotorPosi");
   return {};
 }
 std::vector<double> KorvaneLumenCanPrivateImpl::GetAllActiveJointAngles() const {
@@ -123,12 +123,13 @@ std::vector<double> KorvaneLumenCanPrivateImpl::GetAllJointPos(const std::vector
 
 void LumenService::LogUnsupported(const char* operation) const {
   const auto scope = engine_.Operation(operation);
-  engine_.Fail(FailureKind::NOT_SUPPORTED, operation, "Not supported for LM3 standard frame");
+  engine_.LogAndRecord(FailureKind::NOT_SUPPORTED, operation,
+                       "Not supported for LM3 standard frame");
 }
 
 std::vector<std::uint8_t> KorvaneLumenCanPrivateImpl::LogNoSensors(const char* operation) const {
   const auto scope = engine_.Operation(operation);
-  engine_.Fail(FailureKind::NOT_SUPPORTED, operation, "LM3 不支持触觉传感器");
+  engine_.LogAndRecord(FailureKind::NOT_SUPPORTED, operation, "LM3 不支持触觉传感器");
   return {};
 }
 

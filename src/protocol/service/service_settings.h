@@ -44,30 +44,31 @@ class WithServiceSettings : public Base {
   bool SetAxisHoming(Byte axis, std::int16_t value) override {
     return Set(setting::kAxisHoming.Axes(1, Settings::kHomingAxes), axis, value);
   }
-  bool SaveParam() override { return Order("SaveParam", ServiceCommand::kSaveParam); }
+  bool SaveParam() override { return SendCommand("SaveParam", ServiceCommand::kSaveParam); }
   bool SetOverloadTorque(Byte axis, Word torque) override {
     return Set(WithItsBytes(setting::kOverloadTorque), axis, torque);
   }
-  bool ClearError() override { return Order("ClearError", ServiceCommand::kClearError); }
+  bool ClearError() override { return SendCommand("ClearError", ServiceCommand::kClearError); }
   bool SetOverloadProtectionTime(Byte axis, Word time) override {
     return Set(WithItsBytes(setting::kOverloadProtectionTime), axis, time);
   }
   bool ClearAllLimitPos() override {
-    return Order("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos);
+    return SendCommand("ClearAllLimitPos", ServiceCommand::kClearAllLimitPos);
   }
   bool SetProtectedTorque(Byte axis, Byte torque) override {
     return Set(setting::kProtectedTorque, axis, torque);
   }
   bool SetAllRunSpeed(const std::vector<std::int16_t>& speeds) override {
-    return Order("SetAllRunSpeed", ServiceCommand::kSetAllRunSpeed, ServicePayload().AddAll(speeds),
-                 speeds.size() == kServiceAxes);
+    return SendCommand("SetAllRunSpeed", ServiceCommand::kSetAllRunSpeed,
+                       ServicePayload().AddAll(speeds), speeds.size() == kServiceAxes);
   }
   bool SetProtectiveCurrent(Byte axis, Word current) override {
     return Set(setting::kProtectiveCurrent, axis, current);
   }
   bool SetProductSerialNumber(const std::vector<Byte>& number) override {
-    return Order("SetProductSerialNumber", ServiceCommand::kSetProductSerialNumber,
-                 ServicePayload().AddAll(number), number.size() == sizeof(ProductSerialNumber));
+    return SendCommand("SetProductSerialNumber", ServiceCommand::kSetProductSerialNumber,
+                       ServicePayload().AddAll(number),
+                       number.size() == sizeof(ProductSerialNumber));
   }
 
  protected:
@@ -77,14 +78,14 @@ class WithServiceSettings : public Base {
                        const ServicePayload& payload) = 0;
 
   bool Set(const ServiceSetting& setting, int value) {
-    return Order(setting.operation, setting.command, Value(setting, ServicePayload(), value),
-                 setting.InRange(value));
+    return SendCommand(setting.operation, setting.command, Value(setting, ServicePayload(), value),
+                       setting.InRange(value));
   }
 
   bool Set(const ServiceSetting& setting, Byte axis, int value) {
-    return Order(setting.operation, setting.command,
-                 Value(setting, ServicePayload().Add8(axis), value),
-                 setting.HasAxis(axis) && setting.InRange(value));
+    return SendCommand(setting.operation, setting.command,
+                       Value(setting, ServicePayload().Add8(axis), value),
+                       setting.HasAxis(axis) && setting.InRange(value));
   }
 
   /// False, in silence, if an argument isn't one.
@@ -97,8 +98,8 @@ class WithServiceSettings : public Base {
   }
 
  private:
-  bool Order(const char* operation, ServiceCommand command, const ServicePayload& payload = {},
-             bool good_arguments = true) {
+  bool SendCommand(const char* operation, ServiceCommand command,
+                   const ServicePayload& payload = {}, bool good_arguments = true) {
     const OperationScope scope(this->Diagnostics(), operation);
     return CheckArgument(good_arguments) && Execute(operation, command, payload);
   }
