@@ -14,6 +14,11 @@ inline constexpr std::uint32_t kCanIdMask = 0x1FFFFFFF;
 /// The greatest identifier that goes out as a standard (11-bit) frame, on every adapter.
 inline constexpr std::uint32_t kMaxStandardId = 0x7FF;
 
+/// Identifier byte 2: what the frame is about.
+constexpr std::uint8_t MessageType(std::uint32_t can_id) {
+  return static_cast<std::uint8_t>(can_id >> 16);
+}
+
 /// CAN FD payload lengths by data length code.
 inline constexpr std::array<std::uint8_t, 16> kDlcToDataLen = {0, 1,  2,  3,  4,  5,  6,  7,
                                                                8, 12, 16, 20, 24, 32, 48, 64};
