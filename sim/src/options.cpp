@@ -207,15 +207,16 @@ void AddSerialFaultOptions(CLI::App& app, Options& options) {
            [&faults](std::chrono::nanoseconds time) { faults.replug_after = time; });
 }
 
+constexpr const char* kUpdateGroup = "Firmware updates";
+
 void AddUpdateOptions(CLI::App& app, Options& options) {
-  const char* const group = "Firmware updates";
   FirmwarePartition& firmware = options.firmware;
   app.add_option_function<std::string>(
          "--firmware-version",
          [&options](const std::string& text) { options.firmware_version = ParseVersion(text); },
          "What hands run at first, default 1.0.0")
       ->type_name("A.B.C[.D]")
-      ->group(group);
+      ->group(kUpdateGroup);
   app.add_option_function<std::string>(
          "--crc",
          [&firmware](const std::string& name) {
@@ -224,12 +225,15 @@ void AddUpdateOptions(CLI::App& app, Options& options) {
          },
          "Checksum that hands accept, default modbus; on a serial line the version rules")
       ->check(CLI::IsMember({"modbus", "xmodem"}))
-      ->group(group);
+      ->group(kUpdateGroup);
   app.add_option_function<double>(
          "--restart-ms", [&firmware](double ms) { firmware.SetRestartTime(Milliseconds(ms)); },
          "How long a hand is silent while it restarts, default 2000")
       ->check(CLI::Range(0.0, 600000.0))
-      ->group(group);
+      ->group(kUpdateGroup);
+}
+
+void AddUpdateFaultOptions(CLI::App& app, FirmwarePartition& firmware) {
   const auto add_fault = [&](const char* name, UpdateFault::Kind kind, const char* type,
                              const char* text) {
     app.add_option_function<std::vector<std::string>>(
@@ -241,7 +245,7 @@ void AddUpdateOptions(CLI::App& app, Options& options) {
         ->type_name(type)
         ->expected(1)
         ->take_all()
-        ->group(group);
+        ->group(kUpdateGroup);
   };
   add_fault("--update-status", UpdateFault::Kind::kStatus, "STAGE:STATUS[@N]",
             "Refuse with a status, repeatable");
@@ -280,6 +284,7 @@ Options ParseOptions(int argc, char** argv) {
   AddFaultOptions(app, options);
   AddSerialFaultOptions(app, options);
   AddUpdateOptions(app, options);
+  AddUpdateFaultOptions(app, options.firmware);
   Parse(app, argc, argv);
 
   const bool only_serial =

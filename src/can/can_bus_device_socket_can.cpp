@@ -64,33 +64,14 @@ CanBusDeviceSocketCan::~CanBusDeviceSocketCan() {
 
 int CanBusDeviceSocketCan::OpenDevice() {
   if (open_) return 0;
-  socket_fd_ = socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
-  if (socket_fd_ < 0) {
-    system_error_ = errno;
-    return OpenFailed("[ERROR]: Failed to create CAN socket");
-  }
-  // A thread that reads a socket which blocks couldn't be ended.
-  const int flags = fcntl(socket_fd_, F_GETFL, 0);
-  if (flags < 0 || fcntl(socket_fd_, F_SETFL, flags | O_NONBLOCK) < 0) {
-    system_error_ = errno;
-    AbandonSocket();
-    return OpenFailed("[ERROR]: Failed to create CAN socket");
-  }
+  if (!MakeSocket()) return OpenFailed("[ERROR]: Failed to create CAN socket");
   const int index = FindInterface();
   if (index < 0) {
     system_error_ = errno;
     AbandonSocket();
     return OpenFailed("[ERROR]: Failed to get interface index for " + interface_name_);
   }
-  const int enabled = 1;
-  // A kernel without CAN FD still carries frames of up to 8 bytes. There is no filter: the match
-  // judge sorts out which frame answers which request.
-  static_cast<void>(
-      setsockopt(socket_fd_, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, sizeof enabled));
-  sockaddr_can address{};
-  address.can_family = AF_CAN;
-  address.can_ifindex = index;
-  const int bound = bind(socket_fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  const int bound = BindTo(index);
   if (bound < 0) {
     system_error_ = errno;
     return AbandonSocket();
@@ -99,6 +80,32 @@ int CanBusDeviceSocketCan::OpenDevice() {
   open_ = true;
   turn_.Watch(socket_fd_);
   return bound;
+}
+
+bool CanBusDeviceSocketCan::MakeSocket() {
+  socket_fd_ = socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
+  if (socket_fd_ < 0) {
+    system_error_ = errno;
+    return false;
+  }
+  // A thread that reads a socket which blocks couldn't be ended.
+  const int flags = fcntl(socket_fd_, F_GETFL, 0);
+  if (flags >= 0 && fcntl(socket_fd_, F_SETFL, flags | O_NONBLOCK) >= 0) return true;
+  system_error_ = errno;
+  AbandonSocket();
+  return false;
+}
+
+int CanBusDeviceSocketCan::BindTo(int interface_index) const {
+  const int enabled = 1;
+  // A kernel without CAN FD still carries frames of up to 8 bytes. There is no filter: the match
+  // judge sorts out which frame answers which request.
+  static_cast<void>(
+      setsockopt(socket_fd_, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, sizeof enabled));
+  sockaddr_can address{};
+  address.can_family = AF_CAN;
+  address.can_ifindex = interface_index;
+  return bind(socket_fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
 }
 
 int CanBusDeviceSocketCan::OpenFailed(const std::string& line) {

@@ -36,7 +36,11 @@ class CanBusDeviceSocketCan : public CanBusDeviceBase {
   /// of.
   CanBusDeviceSocketCan(Closed, const std::string& interface_name);
 
+  /// Makes a socket that doesn't block. False if the system has none to give.
+  bool MakeSocket();
   int FindInterface() const;
+  /// What bind returned.
+  int BindTo(int interface_index) const;
   /// Logs why the socket can't be had, and keeps it for those who ask later. Returns -1.
   int OpenFailed(const std::string& line);
   std::optional<CanfdFrame> ReadFrame();

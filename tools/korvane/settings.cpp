@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace korvane_tool {
@@ -58,53 +59,56 @@ Values ToValues(const List& list) {
   return {list.begin(), list.end()};
 }
 
+using U8 = std::uint8_t;
+using U16 = std::uint16_t;
+
+constexpr Setting kSettings[] = {
+    {"power", "power of the motors", Scope::HAND, 0, kMaxU8, "",
+     SetHand<&PrivateKorvane::SetPowerState, U8>, GetHand<&PrivateKorvane::GetPowerState>},
+    {"control_source", "where commands are taken from", Scope::HAND, 0, 1, "", SetControlSource,
+     GetHand<&PrivateKorvane::GetControlSource>},
+    {"side", "which of the two hands it is", Scope::HAND, 0, 1, "",
+     SetHand<&PrivateKorvane::SetRightOrLeft, U8>},
+    {"temperature_threshold", "temperature of protection", Scope::HAND, 0, kMaxU8, "",
+     SetHand<&PrivateKorvane::SetTemperatureThreshold, U8>},
+    {"upload_interval", "how often the hand uploads on its own", Scope::HAND, 0, kMaxU16, "",
+     SetHand<&PrivateKorvane::SetAllAxisCvpUploadInterval, U16>},
+    {"homing", "homing offset", Scope::AXIS, -4095, 4095, "",
+     SetAxis<&PrivateKorvane::SetAxisHoming, std::int16_t>},
+    {"lower_limit", "lower limit", Scope::AXIS, 0, kMaxPosition, "positions",
+     SetAxis<&PrivateKorvane::SetAxisMinPos, U16>, GetLimits<&kv::AxisLimitPos::lower>},
+    {"upper_limit", "upper limit", Scope::AXIS, 0, kMaxPosition, "positions",
+     SetAxis<&PrivateKorvane::SetAxisMaxPos, U16>, GetLimits<&kv::AxisLimitPos::upper>},
+    {"run_mode", "run mode", Scope::AXIS, 0, kMaxU8, "", SetAxis<&PrivateKorvane::SetRunMode, U8>},
+    {"run_speed", "speed of all axes; in velocity mode they move", Scope::ALL_AXES, -32768, 32767,
+     "", SetSpeed},
+    {"overload_torque", "torque of an overload", Scope::AXIS, 0, 1000, "",
+     SetAxis<&PrivateKorvane::SetOverloadTorque, U16>},
+    {"overload_time", "how long an overload may last", Scope::AXIS, 0, kMaxU16, "",
+     SetAxis<&PrivateKorvane::SetOverloadProtectionTime, U16>},
+    {"protected_torque", "torque under protection", Scope::AXIS, 0, 100, "",
+     SetAxis<&PrivateKorvane::SetProtectedTorque, U8>},
+    {"min_torque", "least torque", Scope::AXIS, 0, kMaxU8, "",
+     SetAxis<&PrivateKorvane::SetMinTorque, U8>},
+    {"protective_current", "protective current", Scope::AXIS, 0, kMaxCurrent, "",
+     SetAxis<&PrivateKorvane::SetProtectiveCurrent, U16>},
+    {"control_mode", "control mode, by the public protocol", Scope::AXIS, 0, 7, "",
+     [](const ServiceHand& hand, int axis, int value) {
+       hand.Public().SetControlMode(static_cast<U8>(axis), static_cast<kv::ControlMode>(value));
+       return true;
+     },
+     [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllControlMode()); }},
+    {"current_threshold", "threshold of the current, by the public protocol", Scope::AXIS, 0,
+     kMaxCurrent, "",
+     [](const ServiceHand& hand, int axis, int value) {
+       hand.Public().SetCurrentThreshold(static_cast<U8>(axis), static_cast<short>(value));
+       return true;
+     },
+     [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllCurrentThreshold()); }},
+};
+
 std::vector<Setting> MakeSettings() {
-  using P = PrivateKorvane;
-  using U8 = std::uint8_t;
-  using U16 = std::uint16_t;
-  constexpr Scope kHand = Scope::HAND;
-  constexpr Scope kAxis = Scope::AXIS;
-  std::vector<Setting> rows{
-      {"power", "power of the motors", kHand, 0, kMaxU8, "", SetHand<&P::SetPowerState, U8>,
-       GetHand<&P::GetPowerState>},
-      {"control_source", "where commands are taken from", kHand, 0, 1, "", SetControlSource,
-       GetHand<&P::GetControlSource>},
-      {"side", "which of the two hands it is", kHand, 0, 1, "", SetHand<&P::SetRightOrLeft, U8>},
-      {"temperature_threshold", "temperature of protection", kHand, 0, kMaxU8, "",
-       SetHand<&P::SetTemperatureThreshold, U8>},
-      {"upload_interval", "how often the hand uploads on its own", kHand, 0, kMaxU16, "",
-       SetHand<&P::SetAllAxisCvpUploadInterval, U16>},
-      {"homing", "homing offset", kAxis, -4095, 4095, "", SetAxis<&P::SetAxisHoming, std::int16_t>},
-      {"lower_limit", "lower limit", kAxis, 0, kMaxPosition, "positions",
-       SetAxis<&P::SetAxisMinPos, U16>, GetLimits<&kv::AxisLimitPos::lower>},
-      {"upper_limit", "upper limit", kAxis, 0, kMaxPosition, "positions",
-       SetAxis<&P::SetAxisMaxPos, U16>, GetLimits<&kv::AxisLimitPos::upper>},
-      {"run_mode", "run mode", kAxis, 0, kMaxU8, "", SetAxis<&P::SetRunMode, U8>},
-      {"run_speed", "speed of all axes; in velocity mode they move", Scope::ALL_AXES, -32768, 32767,
-       "", SetSpeed},
-      {"overload_torque", "torque of an overload", kAxis, 0, 1000, "",
-       SetAxis<&P::SetOverloadTorque, U16>},
-      {"overload_time", "how long an overload may last", kAxis, 0, kMaxU16, "",
-       SetAxis<&P::SetOverloadProtectionTime, U16>},
-      {"protected_torque", "torque under protection", kAxis, 0, 100, "",
-       SetAxis<&P::SetProtectedTorque, U8>},
-      {"min_torque", "least torque", kAxis, 0, kMaxU8, "", SetAxis<&P::SetMinTorque, U8>},
-      {"protective_current", "protective current", kAxis, 0, kMaxCurrent, "",
-       SetAxis<&P::SetProtectiveCurrent, U16>},
-      {"control_mode", "control mode, by the public protocol", kAxis, 0, 7, "",
-       [](const ServiceHand& hand, int axis, int value) {
-         hand.Public().SetControlMode(static_cast<U8>(axis), static_cast<kv::ControlMode>(value));
-         return true;
-       },
-       [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllControlMode()); }},
-      {"current_threshold", "threshold of the current, by the public protocol", kAxis, 0,
-       kMaxCurrent, "",
-       [](const ServiceHand& hand, int axis, int value) {
-         hand.Public().SetCurrentThreshold(static_cast<U8>(axis), static_cast<short>(value));
-         return true;
-       },
-       [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllCurrentThreshold()); }},
-  };
+  std::vector<Setting> rows(std::begin(kSettings), std::end(kSettings));
   for (Setting& row : rows) {
     const std::string key = row.key;
     row.kept_in_files = key != "power";
