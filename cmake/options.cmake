@@ -9,6 +9,11 @@ target_compile_options(korvane_options INTERFACE
   # No path of this machine in what is given away; a debugger needs them.
   $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>
   $<$<BOOL:${KORVANE_WERROR}>:-Werror>)
+# The folder that a compiler runs in stands in debug information, too. Inside the sources it is mapped with them.
+cmake_path(IS_PREFIX PROJECT_SOURCE_DIR "${PROJECT_BINARY_DIR}" NORMALIZE korvane_builds_in_sources)
+if(NOT korvane_builds_in_sources)
+  target_compile_options(korvane_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=.>)
+endif()
 
 # Where CMAKE_UNITY_BUILD is on, the files of one folder are compiled as one: most of what a compiler reads is headers.
 function(korvane_unite_folders target)
