@@ -550,7 +550,11 @@ TEST_P(HandUpdate, GoesToThePresentId) {
     rig.device->script = test::Replies({0}, 4);
     CaptureStreams([&] { model_.query_result(*rig.hand); });
     EXPECT_EQ(rig.device->TakeSent().at(0).can_id, RequestId(5, id));
-    rig.device->script = test::RepliesInFrames({});
+  }
+  rig.device->script = test::RepliesInFrames({});
+  for (const auto& give : ways) {
+    give(++id);
+    rig.device->TakeSent();
     test::UpdateRunner().Run(*rig.hand, clock);
     EXPECT_EQ(rig.device->TakeSent().at(0).can_id, RequestId(1, id));
   }

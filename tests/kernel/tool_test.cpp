@@ -126,8 +126,8 @@ TEST(ServiceOnTheKernel, RefusesABusOnWhichOthersShareAnId) {
   const test::SimulatorProcess one({"--can", can, "--hand", "brisa:1", "--hand", "lumen:4"});
   const test::SimulatorProcess other({"--can", can, "--hand", "vanta:4"});
   ASSERT_TRUE(one.AwaitReady() && other.AwaitReady()) << one.Said() << other.Said();
-  // On a busy machine a reply may come too late to be seen: refused for the lumen alone then, or the
-  // report fails, as both speak on the service interface.
+  // On a busy machine a reply may come too late to be seen: refused for the lumen alone then, or
+  // the report fails, as both speak on the service interface.
   int status = 0;
   for (int i = 0; i < 20 && status != 6; ++i) {
     status = Ask("service report -H vcan0:brisa:1").status;

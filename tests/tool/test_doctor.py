@@ -143,20 +143,20 @@ def test_no_can_in_the_kernel(sim, tmp_path):
 
 @pytest.mark.parametrize("kind, library", [("zlg", "libusbcanfd.so"), ("hcan", "libcanbus.so")])
 def test_adapters(sim, tree, tmp_path, kind, library):
-    found, status = examine(sim, f"{kind}:0.0:tessel:2", "--root", tree)
+    found, status = examine(sim, f"{kind}:0.0:tessel:2", "--root", tree, "--timeout", 200)
     assert (status, states(found, "unknown")) == (0, {"adapter"})
     assert found["round_trips"]["values"]["sent"] == 200
     plug(tree, "USBCANFD-200U")
-    assert examine(sim, f"{kind}:0.0", "--root", tree)[0]["adapter"]["text"] == "USBCANFD-200U (1d50:606f)"
+    assert examine(sim, f"{kind}:0.0", "--root", tree, "--timeout", 200)[0]["adapter"]["text"] == "USBCANFD-200U (1d50:606f)"
     for index in (5, 7):
-        found, status = examine(sim, f"{kind}:{index}.0:1", "--root", tree)
+        found, status = examine(sim, f"{kind}:{index}.0:1", "--root", tree, "--timeout", 200)
         assert (status, states(found, "bad")) == (3, {"link"})
         assert found["link"]["command"] == f"korvane doctor -H '{kind}:0.0:brisa:1'"
-    found, status = examine(sim, f"{kind}:0.0", "--root", tree, LD_LIBRARY_PATH=str(tmp_path))
+    found, status = examine(sim, f"{kind}:0.0", "--root", tree, "--timeout", 200, LD_LIBRARY_PATH=str(tmp_path))
     assert (status, states(found, "bad")) == (3, {"library"})
     assert library in found["library"]["command"]
     # On the whole machine a missing library matters only if such an adapter is plugged in.
-    found, status = examine(sim, None, "--root", tree, LD_LIBRARY_PATH=str(tmp_path))
+    found, status = examine(sim, None, "--root", tree, "--timeout", 200, LD_LIBRARY_PATH=str(tmp_path))
     assert (status, found["library"]["state"]) == (3, "warning")
 
 
@@ -214,7 +214,7 @@ def test_latency_of_a_serial_chip(sim, tree, latency):
     if latency == "16":
         rule = f'SUBSYSTEM=="usb-serial", ACTION=="add", DRIVER=="ftdi_sio", {USB.replace("ATTR", "ATTRS")}, ATTR{{latency_timer}}="1"'
         assert f"echo '{rule}' | sudo tee -a /etc/udev/rules.d/" in found["latency"]["command"]
-    everything = sim.korvane("doctor", "--json", "--root", tree, "--timeout", 1000).json["links"]
+    everything = sim.korvane("doctor", "--json", "--root", tree, "--timeout", 300).json["links"]
     assert [row for row in everything[-1]["findings"] if row["key"] == "hands"][0]["state"] == "ok"
 
 

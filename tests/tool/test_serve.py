@@ -329,7 +329,7 @@ def updated(make_sim, tmp_path):
     sim = make_sim("--delay-ms=20", "--restart-ms=300", serial=False)
     sim.env["XDG_RUNTIME_DIR"] = str(tmp_path)
     image = tmp_path / "image.bin"
-    image.write_bytes(bytes(100 * 2048))
+    image.write_bytes(bytes(40 * 2048))
     return sim, lambda: sim.start("update", image, "-H", sim.address("zlg"), "--yes", "--expect", "1.1.0", "--timeout", "1000")
 
 
@@ -343,7 +343,7 @@ def test_an_update_by_another_program_is_shown_and_left_alone(updated, serve, ki
         event = next(event for event in events if event["state"] == "updating")
         while event["update"]["done"] < 10:
             event = next(events)
-        assert event["update"]["total"] == 100 and "failure" not in event
+        assert event["update"]["total"] == 40 and "failure" not in event
         assert "requests" not in event["link"]  # the hand is closed
         if killed:
             process.kill()

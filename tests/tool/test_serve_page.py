@@ -155,7 +155,7 @@ def test_an_update_by_another_program_is_shown(updated, serve, browser):  # noqa
     browser.look_at(serve(sim, "-H", sim.address("zlg")).url)
     process = update()
     browser.wait("return document.querySelector('progress').value > 10")
-    assert browser.text(".state") == "updating" and "of 100 packets" in browser.text(".update")
+    assert browser.text(".state") == "updating" and "of 40 packets" in browser.text(".update")
     process.communicate(timeout=LIMIT)
     browser.wait_for_text(".identity", "1.1.0")
     assert not browser.find(".update").is_displayed() and browser.complaints() == []
