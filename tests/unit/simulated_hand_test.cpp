@@ -161,7 +161,7 @@ TEST_F(SimulatedHandTest, ALoadTakesCurrentOrHoldsAMotorAndAHotOneTellsSo) {
   hand_.JointMotor(3).SetLoad(900);  // more than the threshold lets through
   hand_.JointMotor(4).SetTemperature(90);
   Play("04210127 > 5A00; 04200127 > 0200");
-  for (const std::size_t index : {1, 2, 3}) hand_.JointMotor(index).SetTarget(0);
+  for (const std::size_t index : {1U, 2U, 3U}) hand_.JointMotor(index).SetTarget(0);
   Pass(milliseconds(200));
   EXPECT_NEAR(Value("02220127"), Value("01220127") - 300, 20);
   Play("pass 2000; 02130127 > 0000; 03130127 > 0010");
