@@ -25,8 +25,9 @@ struct Answer {
 };
 
 Answer Ask(const std::string& arguments) {
-  // Longer than a busy machine lets a reply wait.
-  const std::string command = KORVANE_TOOL_PROGRAM " " + arguments + " --json --timeout 1000";
+  // Longer than a busy machine lets a reply wait; doctor also searches, for several times as long.
+  const std::string timeout = arguments.rfind("doctor", 0) == 0 ? "300" : "1000";
+  const std::string command = KORVANE_TOOL_PROGRAM " " + arguments + " --json --timeout " + timeout;
   std::string text;
   FILE* const output = popen(command.c_str(), "r");  // NOLINT(bugprone-command-processor)
   std::array<char, 4096> piece;

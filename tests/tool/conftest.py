@@ -18,7 +18,7 @@ FIVE = ("--hand=brisa:1", "--hand=tessel:2", "--hand=quill:3", "--hand=lumen:4",
 #: More than any request takes, and less than a test may.
 LIMIT = 60
 #: A busy machine keeps a reply for longer than most commands wait.
-PATIENCE = ("--timeout", 500)
+PATIENCE = ("--timeout", 1000)
 PATIENT = {"bench", "doctor", "find", "info", "move", "record", "replay", "serve", "service", "update", "watch"}
 
 

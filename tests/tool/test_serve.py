@@ -87,7 +87,7 @@ def serve(sim):
 def controlled(sim, serve):
     """A hand that may be moved, at a known place."""
     address = sim.address("zlg")
-    assert sim.korvane("move", "--timeout", "500", "-H", address, "--to", "4000").status == 0
+    assert sim.korvane("move", "-H", address, "--to", "4000").status == 0
     return serve("-H", address, "--allow-control")
 
 

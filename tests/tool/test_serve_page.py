@@ -117,7 +117,7 @@ def test_the_page_shows_every_model_and_only_shows(sim, serve, browser):
 
 def test_the_hand_moves_on_the_page_while_the_switch_is_held(sim, serve, browser):
     address = sim.address("zlg")
-    assert sim.korvane("move", "--timeout", "500", "-H", address, "--gesture", "0").status == 0
+    assert sim.korvane("move", "-H", address, "--gesture", "0").status == 0
     site = serve(sim, "-H", address, "--allow-control")
     browser.look_at(site.url)
     browser.wait(f"return {ANGLE} < 0.1 && document.querySelectorAll('figcaption').length === 7")
@@ -186,7 +186,7 @@ def test_a_browser_is_let_in_by_the_token_and_forgets_it(sim, serve, browser):
 @pytest.mark.parametrize("width, height, scheme", [(360, 1900, "light"), (360, 1900, "dark"), (1920, 800, "light"), (1920, 800, "dark")])
 def test_nothing_is_wider_than_the_screen(sim, serve, browser, width, height, scheme):
     address = sim.address("zlg")
-    assert sim.korvane("move", "--timeout", "500", "-H", address, "--gesture", "3").status == 0
+    assert sim.korvane("move", "-H", address, "--gesture", "3").status == 0
     site = serve(sim, "-H", address, "--allow-control")
     browser.look_at(site.url, width, height, scheme)
     browser.wait("return document.querySelectorAll('figcaption').length === 7")
