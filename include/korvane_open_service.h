@@ -40,7 +40,7 @@ struct ServiceHand {
 /// | NOT_SUPPORTED | the model has no service interface (ModelInfo::has_service) |
 /// | REFUSED | several hands would take the requests, or another one answers them |
 ///
-/// The operation of the failure is "OpenServiceHand". Takes about half a second longer than
+/// The operation of the failure is "OpenServiceHand". Takes nine tenths of a second longer than
 /// OpenHand on CAN. Time-outs are those of every hand, 50 ms at first; a hand that stores its
 /// settings may take longer (SetFrameRecvTimeout). Any thread.
 KORVANE_EXPORT Outcome<ServiceHand> OpenServiceHand(const HandAddress& address);
