@@ -78,15 +78,21 @@ constexpr FunctionTable MotorFunctions(bool takes_report_periods) {
            {Function::kUpdateRequest, false, true}}};
 }
 
-/// Motors 3, 5, 6, 8 and 10 close thumb, index, middle, ring and little finger.
-inline constexpr ModelRow kBrisa = [] {
+/// What the hands with motors have in common. A row starts here and states its differences.
+constexpr ModelRow MotorHand(const char* name, const char* product_model, std::uint8_t motors) {
   ModelRow row;
-  row.name = "brisa";
-  row.product_model = "KorvaneBrisa";
+  row.name = name;
+  row.product_model = product_model;
   row.family = 0x01;
-  row.motors = 10;
+  row.motors = motors;
   row.max_position = 4096;
   row.functions = MotorFunctions(/*takes_report_periods=*/false);
+  return row;
+}
+
+/// Motors 3, 5, 6, 8 and 10 close thumb, index, middle, ring and little finger.
+inline constexpr ModelRow kBrisa = [] {
+  ModelRow row = MotorHand("brisa", "KorvaneBrisa", 10);
   row.tactile = {{{16, 16, 0x004},
                   {18, 16, 0x010},
                   {18, 16, 0x020},
@@ -100,11 +106,7 @@ inline constexpr ModelRow kBrisa = [] {
 /// Motor 11 closes the thumb, motors 1, 2 and 7 the index, 3, 4 and 8 the middle finger, motors 9
 /// and 10 ring and little finger.
 inline constexpr ModelRow kTessel = [] {
-  ModelRow row;
-  row.name = "tessel";
-  row.product_model = "KorvaneTessel";
-  row.family = 0x01;
-  row.motors = 12;
+  ModelRow row = MotorHand("tessel", "KorvaneTessel", 12);
   row.max_position = 2000;
   row.functions = MotorFunctions(/*takes_report_periods=*/true);
   row.tactile = {{{0, 29, 0x400}, {0, 29, 0x043}, {0, 29, 0x08C}, {0, 29, 0x100}, {0, 29, 0x200}}};
@@ -136,27 +138,9 @@ inline constexpr ModelRow kQuill = [] {
   return row;
 }();
 
-inline constexpr ModelRow kLumen = [] {
-  ModelRow row;
-  row.name = "lumen";
-  row.product_model = "KorvaneLumen";
-  row.family = 0x01;
-  row.motors = 4;
-  row.max_position = 4096;
-  row.functions = MotorFunctions(/*takes_report_periods=*/false);
-  return row;
-}();
+inline constexpr ModelRow kLumen = MotorHand("lumen", "KorvaneLumen", 4);
 
-inline constexpr ModelRow kVanta = [] {
-  ModelRow row;
-  row.name = "vanta";
-  row.product_model = "KorvaneVanta";
-  row.family = 0x01;
-  row.motors = 20;
-  row.max_position = 4096;
-  row.functions = MotorFunctions(/*takes_report_periods=*/false);
-  return row;
-}();
+inline constexpr ModelRow kVanta = MotorHand("vanta", "KorvaneVanta", 20);
 
 inline constexpr std::array<const ModelRow*, 5> kModels{&kBrisa, &kTessel, &kQuill, &kLumen,
                                                         &kVanta};
