@@ -38,11 +38,11 @@ need() {
   done
   [ "${#missing[@]}" -eq 0 ] && return 0
   say "Installing: ${missing[*]}"
-  # One script at a time, as two run side by side in CI. The lists of a fresh machine may be missing or
-  # old; a failed first try tells.
+  # One script at a time, as two may run side by side, and behind whatever else installs packages on this
+  # machine. The lists of a fresh machine may be missing or old; a failed first try tells.
   # shellcheck disable=SC2016
   as_root flock /var/lock/korvane-packages env DEBIAN_FRONTEND=noninteractive sh -c '
-    install() { apt-get install -y -qq --no-install-recommends "$@" >/dev/null; }
+    install() { apt-get install -y -qq --no-install-recommends -o DPkg::Lock::Timeout=600 "$@" >/dev/null; }
     install "$@" 2>/dev/null || { apt-get update -qq && install "$@"; }' sh "${missing[@]}"
 }
 
