@@ -34,11 +34,27 @@ CanfdFrame UnaskedFrame(Input& input) {
   return FrameOf(input, input.Of(ids));
 }
 
-/// What comes in a wait: a frame that answers the last sent one, an unasked one, or nothing.
-Frames Coming(Input& input, std::uint32_t last_id) {
+/// Changes a byte of a hand's reply, its length or a bit of its identifier.
+void Change(Input& input, CanfdFrame& reply) {
+  const std::uint32_t at = input.Byte();
+  const std::uint8_t value = input.Byte();
+  if (at < kMaxPayload) reply.data[at] = value;
+  if (at >= kMaxPayload && at < 0x80) reply.len = value % (kMaxPayload + 1);
+  if (at >= 0xE0) reply.can_id ^= 1U << (at & 0x1FU);
+}
+
+/// What comes in a wait: what a hand answers to what was sent, as it is or changed; any frame that
+/// answers the last sent one; an unasked one; or nothing.
+Frames Coming(CanHand& place, Input& input, const Frames& sent, std::uint32_t last_id) {
+  Frames answers = place.Answers(sent);
   const std::size_t kind = input.Below(8);
   if (kind == 7 || input.IsOver()) return {};
-  return {kind < 5 ? FrameOf(input, last_id & ~0x80U) : UnaskedFrame(input)};
+  if (kind < 2) return {FrameOf(input, last_id & ~0x80U)};
+  if (kind == 2) return {UnaskedFrame(input)};
+  if (kind >= 5) {
+    for (CanfdFrame& answer : answers) Change(input, answer);
+  }
+  return answers;
 }
 
 void Touch(KorvaneBase& hand, Finger finger) {
@@ -87,7 +103,7 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
   std::uint32_t last_id = 0;
   place.link->on_wait = [&](const Frames& sent) {
     if (!sent.empty()) last_id = sent.back().can_id;
-    return Coming(input, last_id);
+    return Coming(place, input, sent, last_id);
   };
   while (!input.IsOver()) {
     try {

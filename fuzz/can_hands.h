@@ -10,6 +10,7 @@
 #include "protocol/can/korvane_vanta_can_impl.h"
 #include "protocol/service/korvane_brisa_can_private_impl.h"
 #include "protocol/service/korvane_lumen_can_private_impl.h"
+#include "simulated_end.h"
 #include "support.h"
 #include "support/recording_device.h"
 #include "update/update_progress.h"
@@ -65,22 +66,41 @@ class WaitedLink final : public CanBusDeviceBase {
   Frames sent_;
 };
 
-/// A hand on such an adapter, whose updates wait on a clock of its own. The shorter pauses of these
-/// are those between the frames of a packet, during which no reply is taken.
+/// A hand on such an adapter, whose updates wait on a clock of its own, and a simulated one at the
+/// other end of the bus. The shorter pauses of updates are those between the frames of a packet,
+/// during which no reply is taken.
 struct CanHand {
-  explicit CanHand(Maker make) {
-    auto adapter = std::make_unique<WaitedLink>();
-    link = adapter.get();
-    hand = make(HandType::RIGHT, kId, std::move(adapter));
+  explicit CanHand(Maker make) : CanHand(std::make_unique<WaitedLink>(), make) {}
+
+  /// What the simulated hand answers.
+  Frames Answers(const Frames& sent) {
+    Frames replies;
+    for (const CanfdFrame& frame : sent) {
+      sim::Frame request{frame.can_id & kCanIdMask, frame.len, {}};
+      std::copy_n(frame.data, request.data.size(), request.data.begin());
+      for (const sim::Frame& reply : end.OnCan(request, clock.Now())) {
+        const Bytes data(reply.data.begin(), reply.data.end());
+        replies.push_back(test::FullFrame(reply.id, data, reply.len));
+      }
+    }
+    return replies;
+  }
+
+  ScriptedClock clock;
+  WaitedLink* link;
+  std::unique_ptr<KorvaneBase> hand;
+  SimulatedEnd end;
+
+ private:
+  CanHand(std::unique_ptr<WaitedLink> adapter, Maker make)
+      : link(adapter.get()),
+        hand(make(HandType::RIGHT, kId, std::move(adapter))),
+        end(*sim::kModels[hand->model_code], sim::ServiceLink::kCan) {
     dynamic_cast<UpdateProgress&>(*hand).ota_clock = &clock;
     clock.on_sleep = [this](auto duration) {
       if (duration >= std::chrono::milliseconds(100)) link->Wait();
     };
   }
-
-  ScriptedClock clock;
-  WaitedLink* link = nullptr;
-  std::unique_ptr<KorvaneBase> hand;
 };
 
 }  // namespace talvera::korvane::fuzz

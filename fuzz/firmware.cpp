@@ -7,7 +7,6 @@
 #include "ota_load.h"
 #include "serial/serial_library.h"
 #include "serial_hand.h"
-#include "simulated_end.h"
 
 using namespace talvera::korvane;
 using namespace talvera::korvane::fuzz;
@@ -39,36 +38,23 @@ void CheckPackets(const FirmwareImage& image, std::string file) {
 /// What a simulated hand has installed after an update. The same for a serial hand.
 Bytes UpdateOverCan(Maker make, const MemoryFile& file) {
   CanHand place(make);
-  SimulatedEnd end(*sim::kModels[place.hand->model_code], sim::ServiceLink::kCan);
-  place.link->on_wait = [&](const Frames& sent) {
-    Frames replies;
-    for (const CanfdFrame& frame : sent) {
-      sim::Frame request{frame.can_id & kCanIdMask, frame.len, {}};
-      std::copy_n(frame.data, request.data.size(), request.data.begin());
-      for (const sim::Frame& reply : end.OnCan(request, place.clock.Now())) {
-        const Bytes data(reply.data.begin(), reply.data.end());
-        replies.push_back(test::FullFrame(reply.id, data, reply.len));
-      }
-    }
-    return replies;
-  };
+  place.link->on_wait = [&](const Frames& sent) { return place.Answers(sent); };
   Update(*place.hand, true, &file);
-  return end.hand.Firmware().InstalledImage();
+  return place.end.hand.Firmware().InstalledImage();
 }
 
 /// Nothing if the pseudo-terminal took no more, as one may on a machine that is busy: its end.
 std::optional<Bytes> UpdateOverSerial(const MemoryFile& file) {
   SerialHand place;
-  SimulatedEnd end(sim::kBrisa, sim::ServiceLink::kSerial);
   place.clock.on_sleep = [&](auto) {
-    place.Receive(end.OnSerial(place.line.Read(), place.clock.Now()));
+    place.Receive(place.end.OnSerial(place.line.Read(), place.clock.Now()));
   };
   try {
     Update(place.hand, true, &file);
   } catch (const serial::SerialException&) {
     return std::nullopt;
   }
-  return end.hand.Firmware().InstalledImage();
+  return place.end.hand.Firmware().InstalledImage();
 }
 
 }  // namespace

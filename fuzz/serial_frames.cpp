@@ -9,13 +9,28 @@ using namespace talvera::korvane::fuzz;
 
 namespace {
 
-/// Bytes as they are, or as the data of a frame with a good checksum: of an update, with the
-/// command of the last request, without which it is no answer, or any.
-Bytes Arriving(Input& input, std::uint8_t asked) {
+/// Changes a byte of a hand's reply, its length or its command.
+void Change(Input& input, sim::ServiceMessage& reply) {
+  const std::size_t at = input.Byte();
+  const std::uint8_t value = input.Byte();
+  if (at < reply.data.size()) reply.data[at] = value;
+  if (at >= 0x80 && at < 0xC0) reply.data.resize(value % 64);
+  if (at >= 0xC0) reply.command = value;
+}
+
+/// What a hand answers to what was sent, as it is or changed; bytes as they come; or these as the
+/// data of a frame with a good checksum: of an update, with the command of the last request,
+/// without which it is no answer, or any.
+Bytes Arriving(SerialHand& place, Input& input, const Bytes& sent, std::uint8_t asked) {
   const std::uint8_t kind = input.Byte();
+  const auto change = [&](sim::ServiceMessage& reply) {
+    if (kind >= 0xC0) Change(input, reply);
+  };
+  const Bytes answers = place.end.OnSerial(sent, place.clock.Now(), change);
+  if (kind >= 0xA0) return answers;
   if (kind < 0x40) return input.Block();
   const Bytes data = input.Block(63);
-  const std::uint8_t command = kind < 0x60 ? 0xF2 : kind < 0xE0 ? asked : input.Byte();
+  const std::uint8_t command = kind < 0x50 ? 0xF2 : kind < 0x90 ? asked : input.Byte();
   UsbFrameBuilder frame(kId, command);
   frame.AddData(data.data(), data.size());
   const std::size_t size = frame.Finalize(SerialFrameCrcType::kCrc16Ccitt);
@@ -33,12 +48,12 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
   place.clock.on_sleep = [&](auto) {
     const Bytes sent = place.line.Read();
     if (sent.size() > kUsbFrameCommand) asked = sent[kUsbFrameCommand];
-    if (!input.IsOver()) place.Receive(Arriving(input, asked));
+    if (!input.IsOver()) place.Receive(Arriving(place, input, sent, asked));
   };
   while (!input.IsOver()) {
     const std::size_t kind = input.Below(8);
     try {
-      if (kind < 3) place.Receive(Arriving(input, asked));
+      if (kind < 3) place.Receive(Arriving(place, input, {}, asked));
       if (kind >= 3 && kind < 7) CallOneOf(operations, place.hand, input);
       if (kind == 7) Update(place.hand, input.Flag());
     } catch (const std::exception&) {

@@ -3,13 +3,14 @@
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "serial/usb_device.h"
 #include "serial_line.h"
+#include "simulated_end.h"
 #include "support.h"
 
 namespace talvera::korvane::fuzz {
 
 /// A Brisa on a pseudo-terminal without a receive thread: a target hands it what arrives, while
 /// the hand pauses around each write and while an update waits. By events, so that a reply that is
-/// there when the write returns counts.
+/// there when the write returns counts. A simulated hand is at the other end of the line.
 struct SerialHand {
   SerialHand() {
     device.StopReceiving();
@@ -33,6 +34,7 @@ struct SerialHand {
   sim::SerialLine line{""};
   KorvaneBrisaSerialImpl hand{HandType::RIGHT, kId, line.Device(), 115200};
   UsbSerialDevice& device = *hand.Device();
+  SimulatedEnd end{sim::kBrisa, sim::ServiceLink::kSerial};
 };
 
 }  // namespace talvera::korvane::fuzz

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "korvane_sim/service_face.h"
 #include "serial_frame.h"
 #include "support.h"
@@ -15,13 +17,15 @@ struct SimulatedEnd {
     const bool service = has_service && frame.id == sim::kServiceIdentifier;
     return service ? face.Handle(hand, frame, now) : hand.Handle(frame, now);
   }
-  /// The frames that answer, one behind the other.
-  Bytes OnSerial(const Bytes& bytes, Clock::TimePoint now) {
+  /// The frames that answer, one behind the other, whose messages `change` may see first.
+  Bytes OnSerial(const Bytes& bytes, Clock::TimePoint now,
+                 const std::function<void(sim::ServiceMessage&)>& change = nullptr) {
     const auto checksum = sim::SerialChecksum(hand.GetIdentity().software_version);
     Bytes replies;
     parser.Feed(bytes);
     while (const auto frame = parser.Next(checksum)) {
-      for (const auto& reply : face.Handle(hand, frame->message, now)) {
+      for (auto& reply : face.Handle(hand, frame->message, now)) {
+        if (change) change(reply);
         const Bytes built = sim::BuildSerialFrame({kId, reply, sim::SerialTrailer::kXmodem});
         replies.insert(replies.end(), built.begin(), built.end());
       }

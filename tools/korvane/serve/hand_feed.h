@@ -13,8 +13,7 @@
 #include "../reading.h"
 #include "../tool.h"
 #include "../update_note.h"
-#include "control_desk.h"
-#include "http_message.h"
+#include "served_hand.h"
 #include "util/guarded.h"
 
 namespace korvane_tool {
@@ -76,29 +75,20 @@ struct FeedSettings {
 /// One hand, in a thread of its own, which reads it, publishes what it tells, and moves it where
 /// its owner says. A hand that doesn't answer is asked for again until it does, under the same
 /// address, and must have the same serial number.
-class HandFeed {
+class HandFeed : public ServedHand {
  public:
   HandFeed(const Tool& tool, OpenedHand hand, FeedSettings settings,
            std::function<void()> published);
-  ~HandFeed();
-  HandFeed(const HandFeed&) = delete;
-  HandFeed& operator=(const HandFeed&) = delete;
+  ~HandFeed() override;
 
   void Start();
   /// Begins to end; the destructor waits.
   void Stop() { stop_.Set(); }
 
-  // Any thread:
-
-  /// What doesn't change but by an update.
-  Json Description() const;
-  /// Readings as events.
-  std::shared_ptr<const Newest> Events() const { return board_; }
-  ControlDesk& Desk() { return desk_; }
-  /// The pose that a request means: "positions", "motors", "joints" or "gesture". Motors that it
-  /// doesn't name keep their target, or stay. Throws a usage error as the tool's own commands do,
-  /// and another ToolError if the hand has gone.
-  Pose TargetOf(const Json& request);
+  Json Description() const override;
+  std::shared_ptr<const Newest> Events() const override { return board_; }
+  ControlDesk& Desk() override { return desk_; }
+  Pose TargetOf(const Json& request) override;
 
  private:
   using Clock = std::chrono::steady_clock;

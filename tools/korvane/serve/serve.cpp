@@ -59,10 +59,11 @@ class Serve : public Command {
     if (!bind_.empty() && !IsOneAddress(bind_))
       throw ToolError(kUsage, fmt::format("--bind: \"{}\" isn't one IPv4 or IPv6 address", bind_));
     std::vector<std::unique_ptr<HandFeed>> feeds;
-    Site site({bind_.empty() ? std::string() : NewSecret(), feed_.allows_control}, feeds);
+    Site site({bind_.empty() ? std::string() : NewSecret(), feed_.allows_control});
     HttpServer server(bind_.empty() ? kLoopback : bind_, port_,
                       [&site](const HttpRequest& request) { return site.Answer(request); });
     OpenAll(tool, server, feeds);
+    for (const auto& feed : feeds) site.Add(*feed);
     Announce(tool, server, site);
     return ServeUntilInterrupt(server, feeds);
   }

@@ -89,8 +89,8 @@ HttpAnswer ChangeControl(const Json& body, const std::string& secret, ControlDes
 /// client.
 class AllHands : public Newest {
  public:
-  explicit AllHands(const std::vector<std::unique_ptr<HandFeed>>& hands) : last_(hands.size()) {
-    for (const auto& hand : hands) streams_.push_back(hand->Events());
+  explicit AllHands(const std::vector<ServedHand*>& hands) : last_(hands.size()) {
+    for (const ServedHand* const hand : hands) streams_.push_back(hand->Events());
   }
 
   /// What is new of any hand since the last call.
@@ -113,11 +113,8 @@ class AllHands : public Newest {
 
 }  // namespace
 
-Site::Site(SiteSettings settings, const std::vector<std::unique_ptr<HandFeed>>& hands)
-    : settings_(std::move(settings)),
-      hands_(hands),
-      session_(NewSecret()),
-      page_token_(NewSecret()) {}
+Site::Site(SiteSettings settings)
+    : settings_(std::move(settings)), session_(NewSecret()), page_token_(NewSecret()) {}
 
 HttpAnswer Site::Answer(const HttpRequest& request) {
   HttpAnswer answer;
@@ -181,7 +178,7 @@ HttpAnswer Site::Admission(const HttpRequest& request) const {
 HttpAnswer Site::Hands() const {
   Json document{{"page_token", page_token_}, {"control_allowed", settings_.allows_control}};
   document["hands"] = Json::array();
-  for (const auto& hand : hands_) {
+  for (const ServedHand* const hand : hands_) {
     Json json{{"hand", document["hands"].size() + 1}};
     json.update(hand->Description());
     document["hands"].push_back(std::move(json));
@@ -218,7 +215,8 @@ void Site::CheckChange(const HttpRequest& request) const {
   if (type.substr(0, type.find(';')) != kJsonType) throw Refused{415, "expected application/json"};
 }
 
-HttpAnswer Site::Change(const HttpRequest& request, const std::string& what, HandFeed& hand) const {
+HttpAnswer Site::Change(const HttpRequest& request, const std::string& what,
+                        ServedHand& hand) const {
   CheckChange(request);
   const Json body = ParsedBody(request);
   const std::string secret = request.Header("x-korvane-control");

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "hand_feed.h"
 #include "http_message.h"
+#include "served_hand.h"
 
 namespace korvane_tool {
 
@@ -17,8 +16,10 @@ struct SiteSettings {
 /// The page and the data behind it: what is answered to which request, and to whom.
 class Site {
  public:
-  Site(SiteSettings settings, const std::vector<std::unique_ptr<HandFeed>>& hands);
+  explicit Site(SiteSettings settings);
 
+  /// Hands are numbered in the order in which they come. Before the first request.
+  void Add(ServedHand& hand) { hands_.push_back(&hand); }
   HttpAnswer Answer(const HttpRequest& request);
   const std::string& Token() const { return settings_.token; }
 
@@ -28,11 +29,11 @@ class Site {
   bool IsAdmitted(const HttpRequest& request) const;
   HttpAnswer Hands() const;
   HttpAnswer OfHand(const HttpRequest& request, const std::string& what);
-  HttpAnswer Change(const HttpRequest& request, const std::string& what, HandFeed& hand) const;
+  HttpAnswer Change(const HttpRequest& request, const std::string& what, ServedHand& hand) const;
   void CheckChange(const HttpRequest& request) const;
 
   const SiteSettings settings_;
-  const std::vector<std::unique_ptr<HandFeed>>& hands_;
+  std::vector<ServedHand*> hands_;
   const std::string session_;     ///< The cookie of those who knew the token.
   const std::string page_token_;  ///< Only a page of this origin can read it.
 };

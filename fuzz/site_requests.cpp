@@ -1,0 +1,109 @@
+// Who may ask `korvane serve` for what: without the token nothing is told, and without the page's
+// token nobody controls a hand. Bytes below 4 stand for what a client can know, since nobody could
+// guess it.
+
+#include <nlohmann/json.hpp>
+
+#include "serve/pose_request.h"
+#include "serve/site.h"
+#include "tool_hands.h"
+
+using namespace talvera::korvane;
+using namespace talvera::korvane::fuzz;
+using namespace korvane_tool;
+
+// In the program a file that the build makes.
+const std::vector<PageFile>& korvane_tool::PageFiles() {
+  static const std::vector<PageFile> files = {{"/", "text/html", nullptr, 0}};
+  return files;
+}
+
+namespace {
+
+constexpr const char* kToken = "the token";
+
+struct Silence : Newest {
+  Text Get() const override { return nullptr; }
+};
+
+/// A Brisa that stands in the middle of its ranges.
+class StandingHand : public ServedHand {
+ public:
+  Json Description() const override { return {{"model", hand_.Info().name}}; }
+  std::shared_ptr<const Newest> Events() const override { return std::make_shared<Silence>(); }
+  ControlDesk& Desk() override { return desk_; }
+  Pose TargetOf(const Json& request) override { return PoseIn(request, hand_, Pose(10, 500)); }
+
+ private:
+  static OpenedHand Brisa() {
+    Input none(nullptr, 0);
+    return ToolHand(none);
+  }
+
+  OpenedHand hand_ = Brisa();
+  ControlDesk desk_;
+};
+
+struct Place {
+  explicit Place(SiteSettings settings) : site(std::move(settings)) {
+    site.Add(hand);
+    const HttpAnswer admission = Get("/", std::string("token=") + kToken, "");
+    if (admission.status == 303) {
+      const std::string& cookie = admission.headers.at(1).second;
+      known[3] = cookie.substr(0, cookie.find(';'));
+    }
+    known[1] = Json::parse(Get("/api/hands", "", known[3]).body).at("page_token");
+  }
+
+  HttpAnswer Get(const std::string& path, const std::string& query, const std::string& cookie) {
+    return site.Answer(
+        {"GET", path, query, {{"host", "127.0.0.1:80"}, {"cookie", cookie}}, "", "127.0.0.1:80"});
+  }
+
+  StandingHand hand;
+  Site site;
+  /// The token, the page's token, the secret of the last one who took control, the session.
+  std::array<std::string, 4> known = {kToken, "", "none", ""};
+};
+
+void Ask(Place& place, const HttpRequest& request, const SiteSettings& settings,
+         std::array<bool, 4> told) {
+  const ControlDesk::State before = place.hand.Desk().Look();
+  const HttpAnswer answer = place.site.Answer(request);
+  const std::string bytes = answer.Bytes(true);
+  Require(bytes.rfind("HTTP/1.1 " + std::to_string(answer.status) + " ", 0) == 0);
+  const bool admitted = settings.token.empty() || told[0] || told[3];
+  Require(admitted || answer.status == 401 || answer.status == 403);
+  const ControlDesk::State after = place.hand.Desk().Look();
+  const bool may_control = admitted && settings.allows_control && told[1];
+  // Both end by themselves.
+  Require(may_control || after.owner == before.owner || after.owner == 0);
+  Require((may_control && told[2]) || after.target == before.target || !after.target);
+  if (answer.status != 200 || request.path != "/api/hands/1/control") return;
+  const Json document = Json::parse(answer.body);
+  if (document.contains("control")) place.known[2] = document["control"];
+}
+
+}  // namespace
+
+void talvera::korvane::fuzz::Fuzz(Input& input) {
+  const std::uint8_t kind = input.Byte();
+  const SiteSettings settings{(kind & 1U) != 0 ? kToken : "", (kind & 2U) != 0};
+  Place place(settings);
+  while (!input.IsOver()) {
+    std::string bytes;
+    std::array<bool, 4> told{};
+    for (const char byte : input.Block<std::string>()) {
+      const auto which = static_cast<std::uint8_t>(byte);
+      if (which < told.size()) told[which] = true;
+      bytes += which < told.size() ? place.known[which] : std::string(1, byte);
+    }
+    HttpReader reader;
+    if (reader.Add(bytes.data(), bytes.size()) != 0) continue;
+    while (auto request = reader.Take()) {
+      request->local_host = "127.0.0.1:80";
+      Ask(place, *request, settings, told);
+      reader.Add("", 0);
+    }
+  }
+}
