@@ -78,14 +78,15 @@ void AskForResult(KorvaneBase& hand) {
 /// An update, or the question how the last one ended.
 void StepOfUpdate(KorvaneBase& hand, Input& input) {
   const std::uint8_t byte = input.Byte();
-  if ((byte & 2U) == 0) return Update(hand, (byte & 1U) != 0);
+  if ((byte & 2U) == 0) return UpdateSomehow(hand, byte);
   AskForResult<KorvaneBrisaCanImpl, KorvaneTesselCanImpl, KorvaneQuillCanImpl, KorvaneLumenCanImpl,
                KorvaneVantaCanImpl>(hand);
 }
 
 void TakeStep(CanHand& place, const std::vector<test::HandOperation>& operations, Input& input) {
   const std::size_t kind = input.Below(8);
-  if (kind < 2) place.link->Dispatch(UnaskedFrame(input), place.link->rules);
+  if (kind == 0) place.link->Dispatch(UnaskedFrame(input), place.link->rules);
+  if (kind == 1) place.link->is_cut = input.Flag();
   if (kind >= 2 && kind < 6) CallOneOf(operations, *place.hand, input);
   if (kind == 6) Touch(*place.hand, static_cast<Finger>(input.Below(9)));
   if (kind == 7) StepOfUpdate(*place.hand, input);

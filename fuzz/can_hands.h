@@ -38,6 +38,7 @@ class WaitedLink final : public CanBusDeviceBase {
   /// What comes while somebody waits, and what was sent since the last wait.
   std::function<Frames(const Frames& sent)> on_wait;
   DispatchRules rules;
+  bool is_cut = false;  ///< Nothing goes out.
 
   bool Wait() {
     const Frames coming = on_wait(std::exchange(sent_, {}));
@@ -49,6 +50,7 @@ class WaitedLink final : public CanBusDeviceBase {
   int CloseDevice() override { return 0; }
   void RecvFrame() override {}
   int SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len) override {
+    if (is_cut) return -1;
     sent_.push_back(test::FullFrame(id, {data, data + kMaxPayload}, len));
     return 0;
   }

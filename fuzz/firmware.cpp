@@ -39,7 +39,7 @@ void CheckPackets(const FirmwareImage& image, std::string file) {
 Bytes UpdateOverCan(Maker make, const MemoryFile& file) {
   CanHand place(make);
   place.link->on_wait = [&](const Frames& sent) { return place.Answers(sent); };
-  Update(*place.hand, true, &file);
+  Update(*place.hand, true, file.Path());
   return place.end.hand.Firmware().InstalledImage();
 }
 
@@ -50,7 +50,7 @@ std::optional<Bytes> UpdateOverSerial(const MemoryFile& file) {
     place.Receive(place.end.OnSerial(place.line.Read(), place.clock.Now()));
   };
   try {
-    Update(place.hand, true, &file);
+    Update(place.hand, true, file.Path());
   } catch (const serial::SerialException&) {
     return std::nullopt;
   }

@@ -10,8 +10,9 @@ using namespace korvane_tool;
 
 void talvera::korvane::fuzz::Fuzz(Input& input) {
   const OpenedHand hand = ToolHand(input);
-  const Pose pose(static_cast<std::size_t>(hand.Info().positions),
-                  static_cast<short>(hand.Info().position_max / 255.0 * input.Byte()));
+  const Pose measured(static_cast<std::size_t>(hand.Info().positions), input.Take<short>());
+  const auto within = PositionsWithin(hand.Info(), measured);
+  const Pose pose(within.begin(), within.end());
   const Json body = Json::parse(input.Rest(), nullptr, false);
   RunOrRefuse([&] { RequireWithin(PoseIn(body, hand, pose), hand.Info()); });
 }

@@ -70,16 +70,26 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
   CommandGate gate(rules[0], rules[1], {true, input.Flag()});
   const Pose pose(static_cast<std::size_t>(InfoOf(model).positions), 500);
   const bool has_joints = static_cast<bool>(kinematics);
-  gate.Measured(has_joints ? kinematics.held(AnglesOf(kinematics, pose)) : std::vector<double>(),
-                {pose.begin(), pose.end()});
+  const auto measure = [&] {
+    gate.Measured(has_joints ? kinematics.held(AnglesOf(kinematics, pose)) : std::vector<double>(),
+                  {pose.begin(), pose.end()});
+  };
+  measure();
   Instant now{};
   while (!input.IsOver()) {
     const auto space = static_cast<Space>(input.Below(2));
     Command command = CommandOf(input, space, rules[static_cast<std::size_t>(space)]);
     command.commander = input.Below(2);
     command.age = Seconds(input.Byte() == 1 ? input.Take<double>() : 0.0);
-    if (input.Byte() == 1) gate.SetFault(input.Flag());
-    gate.Take(command, now);
+    const std::uint8_t event = input.Byte();
+    if (event == 1) gate.SetFault(input.Flag());
+    if (event == 2) {
+      gate.Lost();
+      Require(!gate.Walk(now, Seconds(0.01)));
+      measure();
+    }
+    const auto refusal = gate.Take(command, now);
+    Require(!refusal || (gate.Refused(*refusal) > 0 && *TextOf(*refusal).text != '\0'));
     now += std::chrono::milliseconds(input.Byte());
     const auto step = gate.Walk(now, Seconds(0.01));
     if (!step) continue;

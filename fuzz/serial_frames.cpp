@@ -55,7 +55,7 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
     try {
       if (kind < 3) place.Receive(Arriving(place, input, {}, asked));
       if (kind >= 3 && kind < 7) CallOneOf(operations, place.hand, input);
-      if (kind == 7) Update(place.hand, input.Flag());
+      if (kind == 7) UpdateSomehow(place.hand, input.Byte());
     } catch (const std::exception&) {
       // How some operations refuse.
     }

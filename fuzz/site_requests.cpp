@@ -12,15 +12,9 @@ using namespace talvera::korvane;
 using namespace talvera::korvane::fuzz;
 using namespace korvane_tool;
 
-// In the program a file that the build makes.
-const std::vector<PageFile>& korvane_tool::PageFiles() {
-  static const std::vector<PageFile> files = {{"/", "text/html", nullptr, 0}};
-  return files;
-}
-
 namespace {
 
-constexpr const char* kToken = "the token";
+constexpr const char* kToken = "the_token";
 
 struct Silence : Newest {
   Text Get() const override { return nullptr; }
@@ -66,12 +60,17 @@ struct Place {
   std::array<std::string, 4> known = {kToken, "", "none", ""};
 };
 
+void CheckAnswer(const HttpAnswer& answer) {
+  const std::string bytes = answer.Bytes(true);
+  Require(bytes.rfind("HTTP/1.1 " + std::to_string(answer.status) + " ", 0) == 0);
+  Require(!answer.stream || !answer.stream->Get());
+}
+
 void Ask(Place& place, const HttpRequest& request, const SiteSettings& settings,
          std::array<bool, 4> told) {
   const ControlDesk::State before = place.hand.Desk().Look();
   const HttpAnswer answer = place.site.Answer(request);
-  const std::string bytes = answer.Bytes(true);
-  Require(bytes.rfind("HTTP/1.1 " + std::to_string(answer.status) + " ", 0) == 0);
+  CheckAnswer(answer);
   const bool admitted = settings.token.empty() || told[0] || told[3];
   Require(admitted || answer.status == 401 || answer.status == 403);
   const ControlDesk::State after = place.hand.Desk().Look();
@@ -99,7 +98,11 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
       bytes += which < told.size() ? place.known[which] : std::string(1, byte);
     }
     HttpReader reader;
-    if (reader.Add(bytes.data(), bytes.size()) != 0) continue;
+    const int status = reader.Add(bytes.data(), bytes.size());
+    if (status != 0) {
+      CheckAnswer({status, "text/plain", "refused"});
+      continue;
+    }
     while (auto request = reader.Take()) {
       request->local_host = "127.0.0.1:80";
       Ask(place, *request, settings, told);

@@ -122,11 +122,8 @@ class ScriptedClock : public Clock {
   TimePoint now_;
 };
 
-/// An update of a hand, with some firmware unless another is given.
-inline void Update(Korvane& hand, bool reports, const MemoryFile* file = nullptr) {
-  static const MemoryFile some(std::string(2 * 2048 + 100, 'f'));
-  hand.UpdateFirmware((file != nullptr ? file : &some)->Path(),
-                      reports ? [](int, int, OtaProgressStatus) {} : ProgressCallback());
+inline void Update(Korvane& hand, bool reports, const std::string& path) {
+  hand.UpdateFirmware(path, reports ? [](int, int, OtaProgressStatus) {} : ProgressCallback());
 }
 
 /// What a target does with one input.
