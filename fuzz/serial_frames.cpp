@@ -26,7 +26,7 @@ Bytes Arriving(SerialHand& place, Input& input, const Bytes& sent, std::uint8_t 
   const auto change = [&](sim::ServiceMessage& reply) {
     if (kind >= 0xC0) Change(input, reply);
   };
-  const Bytes answers = place.end.OnSerial(sent, place.clock.Now(), change);
+  Bytes answers = place.end.OnSerial(sent, place.clock.Now(), change);
   if (kind >= 0xA0) return answers;
   if (kind < 0x40) return input.Block();
   const Bytes data = input.Block(63);
