@@ -66,21 +66,35 @@ void Touch(KorvaneBase& hand, Finger finger) {
   }
 }
 
-/// Asks a hand of one of these classes how its last update ended; nothing for another one.
+/// One of the steps that a hand of one of these classes has; nothing for another one.
 template <class... Hands>
-void AskForResult(KorvaneBase& hand) {
-  const auto ask = [](auto* asked) {
-    if (asked != nullptr) asked->GetUpgradeResult();
+void TakePublicStep(KorvaneBase& hand, std::size_t which) {
+  const auto take = [which](auto* stepping) {
+    if (stepping == nullptr) return;
+    if (which == 0) stepping->GetUpgradeResult();
+    if (which == 1) stepping->SendFinishRequest();
+    if (which == 2) stepping->SendRestartRequest();
   };
-  (ask(dynamic_cast<Hands*>(&hand)), ...);
+  (take(dynamic_cast<Hands*>(&hand)), ...);
 }
 
-/// An update, or the question how the last one ended.
+void TakeServiceStep(KorvaneBrisaCanPrivateImpl& hand, std::size_t which) {
+  if (which == 0) hand.SendOtaRequestSynch(1, 5000, 3);
+  if (which == 1) hand.SendOtaTransmitAndData({}, 1);
+  if (which == 2) hand.SendOtaFinish();
+  if (which == 3) hand.SendOtaRestart();
+}
+
+/// An update, or a step of one.
 void StepOfUpdate(KorvaneBase& hand, Input& input) {
   const std::uint8_t byte = input.Byte();
   if ((byte & 2U) == 0) return UpdateSomehow(hand, byte);
-  AskForResult<KorvaneBrisaCanImpl, KorvaneTesselCanImpl, KorvaneQuillCanImpl, KorvaneLumenCanImpl,
-               KorvaneVantaCanImpl>(hand);
+  const std::size_t which = byte >> 2U & 3U;
+  TakePublicStep<KorvaneBrisaCanImpl, KorvaneTesselCanImpl, KorvaneQuillCanImpl,
+                 KorvaneLumenCanImpl, KorvaneVantaCanImpl>(hand, which);
+  if (auto* const service = dynamic_cast<KorvaneBrisaCanPrivateImpl*>(&hand)) {
+    TakeServiceStep(*service, which);
+  }
 }
 
 void TakeStep(CanHand& place, const std::vector<test::HandOperation>& operations, Input& input) {

@@ -37,6 +37,17 @@ Bytes Arriving(SerialHand& place, Input& input, const Bytes& sent, std::uint8_t 
   return {frame.Data(), frame.Data() + size};
 }
 
+/// An update, or a step of one.
+void StepOfUpdate(KorvaneBrisaSerialImpl& hand, std::uint8_t byte) {
+  if ((byte & 2U) == 0) return UpdateSomehow(hand, byte);
+  const std::size_t which = byte >> 2U & 7U;
+  if (which == 0) hand.SendOtaUpgradeRequest(5000, 3);
+  if (which == 1) hand.SendOtaPackage({});
+  if (which == 2) hand.SendOtaFinish();
+  if (which == 3) hand.SendOtaRestart();
+  if (which == 4) hand.UpdateOtaValidationTypeFromVersion();
+}
+
 }  // namespace
 
 void talvera::korvane::fuzz::Fuzz(Input& input) {
@@ -55,7 +66,7 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
     try {
       if (kind < 3) place.Receive(Arriving(place, input, {}, asked));
       if (kind >= 3 && kind < 7) CallOneOf(operations, place.hand, input);
-      if (kind == 7) UpdateSomehow(place.hand, input.Byte());
+      if (kind == 7) StepOfUpdate(place.hand, input.Byte());
     } catch (const std::exception&) {
       // How some operations refuse.
     }
