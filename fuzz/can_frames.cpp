@@ -97,10 +97,17 @@ void StepOfUpdate(KorvaneBase& hand, Input& input) {
   }
 }
 
+/// The link is cut or whole again, or the next updates fail.
+void Disturb(CanHand& place, Input& input) {
+  const std::uint8_t how = input.Byte();
+  place.link->is_cut = (how & 1U) != 0;
+  if ((how & 2U) != 0) place.end.hand.Firmware().AddFault(AnyUpdateFault(input));
+}
+
 void TakeStep(CanHand& place, const std::vector<test::HandOperation>& operations, Input& input) {
   const std::size_t kind = input.Below(8);
   if (kind == 0) place.link->Dispatch(UnaskedFrame(input), place.link->rules);
-  if (kind == 1) place.link->is_cut = input.Flag();
+  if (kind == 1) Disturb(place, input);
   if (kind >= 2 && kind < 6) CallOneOf(operations, *place.hand, input);
   if (kind == 6) Touch(*place.hand, static_cast<Finger>(input.Below(9)));
   if (kind == 7) StepOfUpdate(*place.hand, input);

@@ -64,7 +64,8 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
   while (!input.IsOver()) {
     const std::size_t kind = input.Below(8);
     try {
-      if (kind < 3) place.Receive(Arriving(place, input, {}, asked));
+      if (kind < 2) place.Receive(Arriving(place, input, {}, asked));
+      if (kind == 2) place.end.hand.Firmware().AddFault(AnyUpdateFault(input));
       if (kind >= 3 && kind < 7) CallOneOf(operations, place.hand, input);
       if (kind == 7) StepOfUpdate(place.hand, input.Byte());
     } catch (const std::exception&) {

@@ -40,17 +40,6 @@ void OnSerial(SimulatedEnd& end, Input& input, Clock::TimePoint now) {
   for (const auto& upload : end.face.TakeDue(end.hand, now)) Require(upload.data.size() <= 120);
 }
 
-/// What goes wrong with updates, as the simulator's options have it.
-sim::UpdateFault Fault(Input& input) {
-  const std::uint8_t which = input.Byte();
-  sim::UpdateFault fault;
-  fault.kind = static_cast<sim::UpdateFault::Kind>(which % 6);
-  fault.child = static_cast<sim::UpdateChild>(1 + which / 6 % 5);
-  fault.status = input.Byte();
-  fault.at = input.Byte() % 4U;
-  return fault;
-}
-
 }  // namespace
 
 void talvera::korvane::fuzz::Fuzz(Input& input) {
@@ -58,7 +47,7 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
   const bool serial = (kind & 1U) != 0;
   SimulatedEnd end(serial ? sim::kBrisa : *input.Of(sim::kModels),
                    serial ? sim::ServiceLink::kSerial : sim::ServiceLink::kCan);
-  if ((kind & 2U) != 0) end.hand.Firmware().AddFault(Fault(input));
+  if ((kind & 2U) != 0) end.hand.Firmware().AddFault(AnyUpdateFault(input));
   Clock::TimePoint now{};
   while (!input.IsOver()) {
     now += std::chrono::milliseconds(input.Take<std::uint16_t>());

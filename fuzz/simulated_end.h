@@ -39,4 +39,15 @@ struct SimulatedEnd {
   sim::SerialFrameParser parser;
 };
 
+/// What goes wrong with updates, as the simulator's options have it.
+inline sim::UpdateFault AnyUpdateFault(Input& input) {
+  const std::uint8_t which = input.Byte();
+  sim::UpdateFault fault;
+  fault.kind = static_cast<sim::UpdateFault::Kind>(which % 6);
+  fault.child = static_cast<sim::UpdateChild>(1 + which / 6 % 5);
+  fault.status = input.Byte();
+  fault.at = input.Byte() % 4U;
+  return fault;
+}
+
 }  // namespace talvera::korvane::fuzz
