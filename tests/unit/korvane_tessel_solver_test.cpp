@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <limits>
@@ -238,6 +239,28 @@ TEST(KorvaneTesselSolver, ClampTakesItsBoundsInEitherOrder) {
   EXPECT_THAT([&] { kPlain.Clamp({1.0}, {0.0}, none); }, refuses);
   EXPECT_THAT([&] { kPlain.Clamp({0, 0, 9}, {0, 0}, ints); }, refuses);
   EXPECT_THAT([&] { kPlain.Clamp({0, 0}, {0, 0, 9}, ints); }, refuses);
+}
+
+TEST(KorvaneTesselSolver, ScaleMapsBetweenRangesThatMayRunEitherWay) {
+  EXPECT_EQ(kPlain.Scale({0.25, -1.0, 9.0, kNaN, 0.5, 0.25}, {1.0, 1.0, 1.0, 1.0, -1.0, 1.0},
+                         {0.0, 0.0, 0.0, 0.0, 1.0, 0.0}, {9.0, 9.0, 9.0, 9.0, 9.0, 1.0},
+                         {1.0, 1.0, 1.0, 1.0, 1.0, 9.0}),
+            (Doubles{3.0, 1.0, 9.0, 1.0, 3.0, 7.0}));
+  EXPECT_EQ(kPlain.Scale(Ints{500, 9000}, Ints{2000, 2000}, Ints{0, 0}, Doubles{1.0, 1.0},
+                         Doubles{0.0, 0.0}),
+            (Doubles{0.25, 1.0}));
+  EXPECT_EQ(kPlain.Scale(Ints{kIntMax}, Ints{kIntMax}, Ints{kIntMin}, Ints{kIntMax}, Ints{kIntMin}),
+            (Doubles{static_cast<double>(kIntMax)}));
+
+  for (std::size_t odd = 0; odd < 5; ++odd) {
+    std::array<Doubles, 5> all;
+    all.fill({1.0, 0.0});
+    all[odd].pop_back();
+    EXPECT_THAT([&] { kPlain.Scale(all[0], all[1], all[2], all[3], all[4]); },
+                Refuses("Scale: all input vectors must have the same length"));
+  }
+  EXPECT_THAT([&] { kPlain.Scale(Doubles{1.0}, {2.0}, {2.0}, {1.0}, {0.0}); },
+              Refuses("Scale: max and min values must differ for each element"));
 }
 
 }  // namespace
