@@ -106,6 +106,11 @@ TEST_P(TactileSensors, AreEmptyWithALineWhereNothingComes) {
       Told([&] { EXPECT_TRUE(hand_.GetTactileSensorDataRaw(Finger::PALM).data.empty()); });
   EXPECT_THAT(lines, testing::EndsWith("No tactile sensor data available for sensor 6\n"));
   EXPECT_EQ(LastFailure(*rig_.hand).kind, FailureKind::NO_REPLY);
+  const std::string line = is_brisa_ ? "[Warning]: No tactile sensor data available\n" : "";
+  EXPECT_THAT(Told([&] { EXPECT_EQ(Show(hand_.GetAllTactileSensorDataRaw()), ""); }),
+              testing::EndsWith(line));
+  EXPECT_EQ(LastFailure(*rig_.hand).operation, "GetAllTactileSensorDataRaw");
+  EXPECT_EQ(LastFailure(*rig_.hand).kind, FailureKind::NO_REPLY);
 }
 
 TEST_P(TactileSensors, AreCutFromTheStreamOfAllInTheirOrder) {
