@@ -61,7 +61,8 @@ void CheckHead(const std::string& path, const Json& file) {
     if (!file.contains(key)) Refuse(path, fmt::format("\"{}\" is missing", key));
   }
   if (file["format"] != kFormat) Refuse(path, "no file of settings: its \"format\" is another one");
-  if (file["version"] != kFileVersion) Refuse(path, fmt::format("its \"version\" isn't {}", kFileVersion));
+  if (file["version"] != kFileVersion)
+    Refuse(path, fmt::format("its \"version\" isn't {}", kFileVersion));
   if (!file["settings"].is_object() || file["settings"].empty()) Refuse(path, "it has no settings");
 }
 
@@ -142,7 +143,8 @@ SettingsFile ReadSettingsFile(const std::string& path, const HandAddress& where)
 }
 
 Json WriteSettingsFile(const std::string& path, const ServiceHand& hand) {
-  Json json{{"format", kFormat}, {"version", kFileVersion}, {"model", ToString(*hand.address.model)}};
+  Json json{
+      {"format", kFormat}, {"version", kFileVersion}, {"model", ToString(*hand.address.model)}};
   for (const Setting& setting : AllSettings()) {
     if (!setting.kept_in_files || !CanRead(hand.address, setting)) continue;
     const Values values = Need(Read(hand, setting));
