@@ -51,7 +51,7 @@ class Simulator:
 
     def stop(self):
         os.environ["KORVANE_SIM_SOCKET"] = self.before
-        self.process.kill()
+        self.process.terminate()
         self.process.wait(LIMIT)
         self.process.stdout.close()
 

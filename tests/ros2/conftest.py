@@ -138,8 +138,12 @@ class Setup:
         sim.wait(lambda line: ready in line)
         return sim
 
+    def kill(self, sim):
+        """The name of its port goes first: its terminal may be that of another simulator a moment later."""
+        pathlib.Path(self.port).unlink()
+        sim.end(signal.SIGKILL)
+
     def serial_sim(self, *options):
-        pathlib.Path(self.port).unlink(missing_ok=True)  # of one that was killed
         return self.sim("--serial", f"brisa@{self.port}", *options)
 
     def adapters(self, *options):

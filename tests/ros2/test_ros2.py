@@ -184,7 +184,7 @@ def test_a_hand_that_goes_is_an_error_and_comes_back_disarmed(setup):
     peer.order("joints", "w", 0, "right_index_flexion=1.0")
     peer.order("repeat", "w", 50)
     peer.message(STATES, reaches("right_index_flexion", 1.0))
-    sim.end(signal.SIGKILL)
+    setup.kill(sim)
     gone = peer.status(lambda s: s["link"] == "gone")
     assert gone["level"] == 2 and gone["state"] == "disarmed by a fault"
     # What was told before may still be on its way, behind what says that the hand has gone.
