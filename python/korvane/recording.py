@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import math
 import os
 import time
 from typing import IO, Any, Dict, List, Mapping, Optional, Sequence, Tuple, Union
@@ -106,11 +107,14 @@ class Recorder:
         if error is not None:
             raise error
 
-    def wait(self, seconds: float) -> None:
-        """Waits that long, or until something ends the recording."""
+    def wait(self, seconds: float = math.inf, *, samples: Optional[int] = None) -> None:
+        """Waits that long, until so many samples have been written, or until something ends the recording."""
         end = time.monotonic() + seconds
+        step = 0.05 if samples is None else 0.002
         while time.monotonic() < end and self._reader.error is None:
-            time.sleep(min(0.05, max(0.0, end - time.monotonic())))
+            if samples is not None and self.samples >= samples:
+                return
+            time.sleep(min(step, max(0.0, end - time.monotonic())))
 
     def __enter__(self) -> "Recorder":
         return self

@@ -70,11 +70,10 @@ def korvane_tool(*arguments):
 @pytest.mark.parametrize("values", [None, ["positions", "errors", "touch"]])
 def test_a_recording_is_the_tools(values, brisa, tmp_path):
     """The same head and columns as the tool's; each reads the other's."""
+    brisa.reply_timeout_ms = 1000
     with korvane.record(brisa, tmp_path / "python.csv", values=values, rate=100) as recorder:
         brisa.move(gesture=3, seconds=0.3)
-        enough = max(20, recorder.samples + 2)  # the last of them where the hand stands
-        while recorder.samples < enough:
-            time.sleep(0.001)
+        recorder.wait(samples=max(20, recorder.samples + 2))  # the last of them where the hand stands
     end = brisa.positions()
     recording = korvane.load(tmp_path / "python.csv")
     assert (len(recording), recording.rate, recording.model) == (recorder.samples, 100, "brisa")
@@ -118,8 +117,7 @@ def test_what_ends_a_recording_comes_out(brisa, tmp_path):
     brisa.reply_timeout_ms = 10
     with pytest.raises(korvane.KorvaneError):
         with korvane.record(brisa, tmp_path / "r.csv", rate=500) as recorder:
-            while recorder.samples == 0:
-                time.sleep(0.001)
+            recorder.wait(samples=1)
             os.kill(brisa.simulator.process.pid, signal.SIGSTOP)
             recorder.wait(conftest.LIMIT)
     assert len(korvane.load(tmp_path / "r.csv")) == recorder.samples
