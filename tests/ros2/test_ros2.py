@@ -111,14 +111,11 @@ def test_one_commander_whatever_others_write(commanded):
     commanded.order("joints", "w", 0, "right_index_flexion=0.5")
     commanded.order("repeat", "w", 50)
     commanded.message(STATES, reaches("right_index_flexion", 0.5))
-    first = commanded.status(lambda s: s["commander"])["commander"]
     commanded.order("joints", "other", 0, "right_index_flexion=0.1")
     commanded.order("repeat", "other", 1000)
     status = commanded.status(lambda s: int(s["refused_other_commander"]) > 100)
     assert status["refused_commander"] not in ("", status["commander"])
-    if not reaches("right_index_flexion", 0.5)(commanded.message(STATES)):
-        assert commanded.status()["commander"] != first
-        pytest.skip("this machine is so busy that the first commander counted as silent")
+    assert reaches("right_index_flexion", 0.5)(commanded.message(STATES))
     commanded.order("stop", "w")
     commanded.message(STATES, reaches("right_index_flexion", 0.1))
 
