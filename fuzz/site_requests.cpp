@@ -38,15 +38,19 @@ class StandingHand : public ServedHand {
   ControlDesk desk_;
 };
 
+/// What a client can know, in the order of the bytes that stand for it. The control secret is that
+/// of the last one who took control.
+enum Known : std::uint8_t { kSiteToken, kPageToken, kControlSecret, kSession };
+
 struct Place {
   explicit Place(SiteSettings settings) : site(std::move(settings)) {
     site.Add(hand);
     const HttpAnswer admission = Get("/", std::string("token=") + kToken, "");
     if (admission.status == 303) {
       const std::string& cookie = admission.headers.at(1).second;
-      known[3] = cookie.substr(0, cookie.find(';'));
+      known[kSession] = cookie.substr(0, cookie.find(';'));
     }
-    known[1] = Json::parse(Get("/api/hands", "", known[3]).body).at("page_token");
+    known[kPageToken] = Json::parse(Get("/api/hands", "", known[kSession]).body).at("page_token");
   }
 
   HttpAnswer Get(const std::string& path, const std::string& query, const std::string& cookie) {
@@ -56,7 +60,6 @@ struct Place {
 
   StandingHand hand;
   Site site;
-  /// The token, the page's token, the secret of the last one who took control, the session.
   std::array<std::string, 4> known = {kToken, "", "none", ""};
 };
 
@@ -71,16 +74,16 @@ void Ask(Place& place, const HttpRequest& request, const SiteSettings& settings,
   const ControlDesk::State before = place.hand.Desk().Look();
   const HttpAnswer answer = place.site.Answer(request);
   CheckAnswer(answer);
-  const bool admitted = settings.token.empty() || told[0] || told[3];
+  const bool admitted = settings.token.empty() || told[kSiteToken] || told[kSession];
   Require(admitted || answer.status == 401 || answer.status == 403);
   const ControlDesk::State after = place.hand.Desk().Look();
-  const bool may_control = admitted && settings.allows_control && told[1];
+  const bool may_control = admitted && settings.allows_control && told[kPageToken];
   // Both end by themselves.
   Require(may_control || after.owner == before.owner || after.owner == 0);
-  Require((may_control && told[2]) || after.target == before.target || !after.target);
+  Require((may_control && told[kControlSecret]) || after.target == before.target || !after.target);
   if (answer.status != 200 || request.path != "/api/hands/1/control") return;
   const Json document = Json::parse(answer.body);
-  if (document.contains("control")) place.known[2] = document["control"];
+  if (document.contains("control")) place.known[kControlSecret] = document["control"];
 }
 
 }  // namespace
