@@ -1,6 +1,7 @@
 #pragma once
 
 #include <korvane_diagnostics.h>
+#include <korvane_link.h>
 #include <korvane_log.h>
 #include <korvane_model.h>
 #include <korvane_open.h>
@@ -24,18 +25,20 @@ inline int Explain(const kv::Failure& failure) {
   return EXIT_FAILURE;
 }
 
-/// Checks that the arguments are there, and switches the library's own lines off, as Explain tells
-/// what matters.
+/// Checks that the arguments are there, switches the library's own lines off, as Explain tells what
+/// matters, and has hands receive by events: as ever they take a core each on SocketCAN, and lose
+/// replies that come early on a serial port, as they do where the machine is busy.
 inline void Begin(int argc, int arguments, const char* usage) {
   if (argc <= arguments) {
     std::fprintf(stderr, "usage: %s\n", usage);
     std::exit(2);
   }
   kv::SetLogSink(kv::SilentLog());
+  kv::SetDefaultReceiving(kv::Receiving::BY_EVENTS);
 }
 
 /// More than the 50 ms that hands wait at first: for busy machines, and hands that store a setting.
-inline constexpr int kReplyTimeMs = 500;
+inline constexpr int kReplyTimeMs = 1000;
 
 /// The hand, once it has answered as the model that the address says.
 inline kv::Outcome<std::unique_ptr<kv::KorvaneBase>> Open(const std::string& address) {
