@@ -58,44 +58,56 @@ sim::SimulatedHand Stranger(std::uint8_t id, std::uint8_t active_dof, const char
   return hand;
 }
 
-/// Tries again while nobody answers in time, as happens on a busy machine.
+/// Does something again while a hand may have answered too late for it, as happens on a busy
+/// machine.
+template <class Do, class IsTooEarly>
+auto Patiently(const Do& once, const IsTooEarly& is_too_early) {
+  auto result = once();
+  for (int i = 0; i < 20 && is_too_early(result); ++i) result = once();
+  return result;
+}
+
+/// `open` once a hand answers.
 template <class Open>
-auto Patiently(const Open& open) {
-  auto opened = open();
-  for (int i = 0; i < 20 && opened.failure().kind == FailureKind::NO_REPLY; ++i) opened = open();
-  return opened;
+auto OpenPatiently(const Open& open) {
+  return Patiently(
+      open, [](const auto& opened) { return opened.failure().kind == FailureKind::NO_REPLY; });
 }
 
 std::unique_ptr<KorvaneBase> Opened(const std::string& address) {
-  return *Patiently([&] { return OpenHand(address); });
+  return *OpenPatiently([&] { return OpenHand(address); });
 }
 
 /// What is found once that many hands have answered.
 FindResult FindAll(const FindOptions& options, std::size_t hands) {
-  FindResult found = FindHands(options);
-  for (int i = 0; i < 20 && found.hands.size() < hands; ++i) found = FindHands(options);
-  return found;
+  return Patiently([&] { return FindHands(options); },
+                   [&](const FindResult& found) { return found.hands.size() < hands; });
 }
 
-/// The kind and the text of a failure to open.
-void ExpectFailure(const std::string& address, FailureKind kind, const std::string& text) {
-  SCOPED_TRACE(address);
-  const auto open = [&] { return OpenHand(address); };
-  auto hand = kind == FailureKind::NO_REPLY ? open() : Patiently(open);
-  // Who else is there is told only if that one answers in time.
-  for (int i = 0; i < 20 && !hand && hand.failure().text.find(text) == std::string::npos; ++i) {
-    hand = open();
-  }
+/// The kind and the text of a failure of `open`. The hands that a text tells of are told only if
+/// they answer in time.
+template <class Open>
+void ExpectFailureOf(const char* operation, const Open& open, FailureKind kind,
+                     const std::string& text) {
+  const auto hand = Patiently(open, [&](const auto& opened) {
+    return !opened && opened.failure().text.find(text) == std::string::npos;
+  });
   ASSERT_FALSE(hand);
   EXPECT_STREQ(ToString(hand.failure().kind), ToString(kind));
-  EXPECT_EQ(hand.failure().operation, "OpenHand");
+  EXPECT_EQ(hand.failure().operation, operation);
   EXPECT_THAT(hand.failure().text, HasSubstr(text));
+}
+
+void ExpectFailure(const std::string& address, FailureKind kind, const std::string& text) {
+  SCOPED_TRACE(address);
+  ExpectFailureOf(
+      "OpenHand", [&] { return OpenHand(address); }, kind, text);
 }
 
 void ExpectOpens(const std::string& address, const TestedModel& expected, std::uint8_t id,
                  bool mirrored = false) {
   SCOPED_TRACE(address);
-  const auto hand = Patiently([&] { return OpenHand(address); });
+  const auto hand = OpenPatiently([&] { return OpenHand(address); });
   ASSERT_TRUE(hand) << hand.failure().text;
   const KorvaneBase& opened = **hand;
   EXPECT_TRUE(expected.is(opened));
@@ -268,7 +280,7 @@ TEST_P(OnAdapters, AHandIsIdentifiedByWhoAnswersUnderItsId) {
 /// The service interface at an address opens as that model and can be used.
 void ExpectServiceOpens(const std::string& address, Model model, std::uint8_t id) {
   SCOPED_TRACE(address);
-  const auto hand = Patiently([&] { return OpenServiceHand(address); });
+  const auto hand = OpenPatiently([&] { return OpenServiceHand(address); });
   ASSERT_TRUE(hand) << hand.failure().text;
   EXPECT_EQ(hand->address.model, model);
   EXPECT_EQ(hand->address.id, id);
@@ -280,12 +292,9 @@ void ExpectServiceOpens(const std::string& address, Model model, std::uint8_t id
 
 TEST_P(OnAdapters, TheServiceInterfaceOpensOnceOneHandAloneTakesItsRequests) {
   const auto expect_failure = [&](const std::string& rest, FailureKind kind, const char* text) {
-    const auto open = [&] { return OpenServiceHand(At(rest)); };
-    const auto hand = kind == FailureKind::NO_REPLY ? open() : Patiently(open);
-    ASSERT_FALSE(hand) << rest;
-    EXPECT_STREQ(ToString(hand.failure().kind), ToString(kind));
-    EXPECT_EQ(hand.failure().operation, "OpenServiceHand");
-    EXPECT_THAT(hand.failure().text, HasSubstr(text));
+    SCOPED_TRACE(rest);
+    ExpectFailureOf(
+        "OpenServiceHand", [&] { return OpenServiceHand(At(rest)); }, kind, text);
   };
   auto& bus = adapters_.Bus(0, 0);
   bus.Add({sim::kTessel, 2});
