@@ -84,6 +84,7 @@ class KORVANE_EXPORT Korvane {
 
   /// How long the adapter may take to send a frame, held to 0..10000 ms. Without effect on
   /// SocketCAN. On ZLG adapters 20 at first; on HCAN adapters 0 at first, which stands for 100.
+  /// Doesn't block.
   virtual void SetFrameSendTimeout(int ms) = 0;
 
   /// The send time-out in force, in milliseconds; 0 where the adapter has none. Doesn't block.
@@ -127,10 +128,12 @@ class KORVANE_EXPORT Korvane {
   /// Over CAN nobody looks whether the frames of a packet went out. While the interface is down, or
   /// its queue full, they are lost, on SocketCAN without a line, and the run ends with -6.
   ///
-  /// Nor does every failure have a report. Over CAN an upgrade request that can't be sent has only
-  /// its line, and with a KorvaneBrisa or KorvaneVanta one that nothing answers, too. Over serial
-  /// what the serial library throws when the cable goes in the middle of a packet, or after it, is
-  /// derived from std::exception and reaches the caller of UpdateFirmware, without a report.
+  /// Nor does every failure have a report. Over CAN a hand without a link has only its line, and
+  /// with a KorvaneBrisa or KorvaneVanta an upgrade request that nothing answers, too; one that
+  /// can't be sent counts as such. Nobody looks whether all of the file could be read: what
+  /// couldn't goes out as zeros, and LoadFirmwareOnly tells it before. Over serial what the serial
+  /// library throws when the cable goes in the middle of a packet, or after it, is derived from
+  /// std::exception and reaches the caller of UpdateFirmware, without a report.
   ///
   /// Threads: over CAN the statuses 3 to 6 and the FAILED of a reply come on the library's receive
   /// thread, the others on the caller's, and both may call at the same time. Over serial and on the
@@ -149,6 +152,9 @@ class KORVANE_EXPORT Korvane {
 
   /// Gives the hand another id, and speaks to that id from then on, whether or not the hand took
   /// it: the hand's acknowledgment isn't waited for. If the frame can't be sent the id stays.
+  /// Nobody checks `new_id`: give one of 1 to 127 that no other hand on the bus has. Blocks only
+  /// until it is the request's turn. Not while the hand is updated, which would go on under the new
+  /// id.
   virtual void SetDeviceId(std::uint8_t new_id) = 0;
 
   virtual ~Korvane();

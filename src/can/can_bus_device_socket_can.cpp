@@ -54,7 +54,9 @@ CanBusDeviceSocketCan::CanBusDeviceSocketCan(const std::string& interface_name)
     return;
   }
   LogInfo("[INFO]: SocketCAN device " + interface_name_ + " opened successfully.");
-  if (!StartReceiveThread(recv_thread_)) AbandonSocket();
+  if (StartReceiveThread(recv_thread_)) return;
+  CanBusDeviceSocketCan::CloseDevice();
+  socket_fd_ = -1;
 }
 
 CanBusDeviceSocketCan::~CanBusDeviceSocketCan() {
@@ -76,9 +78,9 @@ int CanBusDeviceSocketCan::OpenDevice() {
     system_error_ = errno;
     return AbandonSocket();
   }
-  // Last, as from here on other threads send and receive through the socket.
-  open_ = true;
   turn_.Watch(socket_fd_);
+  // Last, as from here on other threads send and receive through the socket, and may close it.
+  open_ = true;
   return bound;
 }
 

@@ -33,7 +33,7 @@ Outcome<Model> Judge(const VendorInfo& vendor, std::uint32_t family, int id) {
 /// Under the hand's own family first. Over the queue and with the time-out of the hand.
 Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
   if (!link.IsInit()) return Failure{FailureKind::NO_LINK, kOperation, "the hand has no link", 0};
-  const auto id = static_cast<std::uint8_t>(hand.device_id & kDeviceIdMask);
+  const auto id = static_cast<std::uint8_t>(DeviceIdOf(hand) & kDeviceIdMask);
   auto families = kFamilies;
   const bool is_quill = hand.model_code == CodeOf(Model::QUILL);
   if (is_quill) std::swap(families[0], families[1]);
@@ -71,7 +71,7 @@ Outcome<Model> IdentifyHand(const Korvane& hand) {
   // Over the service interface of CAN every model but two calls itself a KorvaneBrisa.
   const bool on_can = dynamic_cast<const CanLinkOwner*>(&hand) != nullptr;
   if (on_can) vendor.product_model.clear();
-  return Judge(vendor, Known(Model::BRISA).family, hand.device_id);
+  return Judge(vendor, Known(Model::BRISA).family, DeviceIdOf(hand));
 }
 
 }  // namespace talvera::korvane

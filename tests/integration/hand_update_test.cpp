@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "korvane_open.h"
 #include "support/allocation_hook.h"
 #include "support/bus_device.h"
 #include "support/patient_link.h"
@@ -477,6 +478,9 @@ TEST_P(HandUpdate, ByEventsLeavesTheUpdateOfAnotherAlone) {
     Wire();
     Arrive(ReplyId(2));
     EXPECT_EQ(Wire(), how == Receiving::BY_EVENTS ? "" : "F");
+    UpdateFrom("/no/such/file", true);
+    Arrive(ReplyId(2));
+    EXPECT_EQ(Wire(), how == Receiving::BY_EVENTS ? "" : "F") << "an update that never began";
     EXPECT_THAT(Update(), testing::EndsWith(" 3/3=0 "));
     EXPECT_TRUE(Installed());
   }
@@ -560,7 +564,8 @@ TEST_P(HandUpdate, GoesToThePresentId) {
   }
 }
 
-/// ThreadSanitizer's case: the receive thread compares the id while others change and use it.
+/// ThreadSanitizer's case: the receive thread compares the id while others change, use and ask for
+/// it.
 TEST_P(HandUpdate, TakesRepliesWhileTheIdChanges) {
   const test::Rig<KorvaneBase> rig(kId, HandType::RIGHT, true, model_.hand.make);
   const auto& status = dynamic_cast<CanUpdateState&>(*rig.hand).ota_status;
@@ -569,6 +574,8 @@ TEST_P(HandUpdate, TakesRepliesWhileTheIdChanges) {
       for (std::uint8_t id = 1; id <= 100; ++id) rig.hand->SetDeviceId(id);
     });
     std::thread sends([&] {
+      rig.hand->SetFrameRecvTimeout(10);
+      EXPECT_FALSE(IdentifyHand(*rig.hand));
       for (int i = 0; i < 100; ++i) model_.send_restart(*rig.hand);
     });
     for (std::uint8_t id = 1; id <= 100; ++id) {

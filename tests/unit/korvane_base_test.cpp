@@ -9,6 +9,8 @@
 
 #include "korvane_brisa.h"
 #include "korvane_open.h"
+#include "korvane_quill.h"
+#include "korvane_tessel.h"
 #include "private_korvane.h"
 #include "support/all_operations.h"
 #include "support/capture.h"
@@ -96,6 +98,10 @@ TEST(KorvaneBase, TellsOnlyACallbackThatItCantUpdate) {
   EXPECT_EQ(calls, (std::vector<int>{-1, 0, -1}));
 }
 
+// Nobody deletes a hand through these.
+static_assert(!std::is_destructible_v<CanFactories<KorvaneBrisa>>);
+static_assert(!std::is_destructible_v<CanBroadcasts<KorvaneBrisa>>);
+
 #if defined(__x86_64__)
 
 /// Where an operation stands in its class's table. Programs that were built against an earlier
@@ -109,6 +115,8 @@ std::size_t SlotOf(Operation operation) {
 }
 
 TEST(OperationSlots, StayWhereProgramsCallThem) {
+  using ForAll = void (KorvaneQuill::*)();
+  using ForOne = void (KorvaneQuill::*)(std::uint8_t);
   const std::pair<std::size_t, std::size_t> rows[] = {
       {SlotOf(&Korvane::GetVendorInfo), 0},
       {SlotOf(&Korvane::SetDeviceId), 10},
@@ -118,8 +126,11 @@ TEST(OperationSlots, StayWhereProgramsCallThem) {
       {SlotOf(&IBR7TactileSensor1D::GetAllTactileSensorDataRaw), 3},
       {SlotOf(&PrivateKorvane::SetPowerState), 0},
       {SlotOf(&PrivateKorvane::GetFwVersion), 48},
-      {SlotOf(&KorvaneBrisa::GetAllTactileSensorData),
-       SlotOf(&KorvaneBrisa::GetTactileSensorData) + 1},
+      {SlotOf(&KorvaneBrisa::GetTactileSensorData), 38},
+      {SlotOf(&KorvaneBrisa::GetAllTactileSensorData), 39},
+      {SlotOf(&KorvaneTessel::GetTactileSensor3DData), 36},
+      {SlotOf<ForAll>(&KorvaneQuill::SetMinPositionCalibration), 38},
+      {SlotOf<ForOne>(&KorvaneQuill::SetMaxPositionCalibration), 41},
   };
   for (const auto& row : rows) EXPECT_EQ(row.first, row.second) << "row " << &row - rows;
 }

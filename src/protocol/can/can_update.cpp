@@ -38,7 +38,6 @@ void CanUpdate::Run(const std::string& path, ProgressCallback callback) {
   OperationScope operation(link_.diagnostics, "UpdateFirmware");
   state_.SetCallback(std::move(callback));
   state_.ota_use_modbus_crc = true;
-  state_.ota_under_way = true;
   const bool done = Attempt(path);
   // A hand that restarts leaves requests unanswered, which is no failure of the update.
   if (done) {
@@ -54,7 +53,9 @@ void CanUpdate::OnFrame(const CanfdFrame& frame) {
 
 bool CanUpdate::Attempt(const std::string& path) {
   std::size_t file_size = 0;
-  if (!LoadPackets(path, file_size) || !RequestUpgrade(file_size)) return false;
+  if (!LoadPackets(path, file_size)) return false;
+  state_.ota_under_way = true;
+  if (!RequestUpgrade(file_size)) return false;
   // Once more: a resent request may have been refused, or the first packet.
   const std::uint32_t status = state_.ota_status;
   if (!IsStillAccepted(status)) {
