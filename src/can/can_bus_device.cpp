@@ -9,8 +9,6 @@ namespace talvera::korvane {
 namespace {
 
 constexpr int kMaxRequestIntervalMs = 100;
-constexpr int kMinFrameRecvTimeoutMs = 10;
-constexpr int kMaxFrameRecvTimeoutMs = 1000;
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
 std::int64_t SystemNanoseconds() {

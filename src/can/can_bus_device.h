@@ -19,8 +19,8 @@
 
 #include "can/can_frame.h"
 #include "can/dispatch_rules.h"
+#include "link/observable_link.h"
 #include "util/guarded.h"
-#include "util/observable_link.h"
 #include "util/spare_node.h"
 #include "util/text.h"
 
@@ -36,7 +36,7 @@ namespace talvera::korvane {
 /// waiting caller read for itself, what is said here of received frames happens on that caller's
 /// thread meanwhile, other than `process_msg_`. `request_mutex_` is held while a frame is sent, so
 /// that a fast reply can't be looked at before its request is recorded. Lock order: an item's
-/// mutex, `serialized_queue_mutex_`, `request_mutex_`, the log mutex.
+/// mutex, `serialized_queue_mutex_`, `request_mutex_`, the tap's order, the log mutex.
 class CanBusDeviceBase : public ObservableLink {
  public:
   using ProcessMessage = std::function<void(const CanfdFrame&)>;

@@ -12,8 +12,9 @@
 namespace talvera::korvane {
 
 /// A hand on CAN as an object: the ways to make it, and the settings of its link. `Model` is the
-/// class that applications see, `Row` a type with the model's row as `kModel`, and `Engine` carries
-/// out the protocol.
+/// class that applications see, and `Engine` carries out the protocol. `Row` has the model's row of
+/// data as `kModel`, and `Prepare`, which gives a new object what its model has from the start (its
+/// code, a solver).
 template <class Model, class Row, class Engine>
 class HandOnCan : public Model,
                   public CanLinkOwner,

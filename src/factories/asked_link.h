@@ -31,8 +31,8 @@ const char* AdapterLibraryName(LinkKind kind);
 
 /// A CAN link that is opened to ask who is there, and that a hand may take over.
 ///
-/// If none does, a ZLG adapter that this opened doesn't count as open afterwards: one that has been
-/// closed does so otherwise, and a hand that comes later would find it shut.
+/// If no hand does, a ZLG adapter that this opened is forgotten when it is closed. Otherwise it
+/// would go on counting as open, and a hand that is made later would find it shut.
 class AskedLink {
  public:
   AskedLink();

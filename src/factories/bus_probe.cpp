@@ -6,9 +6,9 @@
 #include <thread>
 
 #include "factories/known_models.h"
+#include "link/diagnostics.h"
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/can_public_engine.h"
-#include "util/diagnostics.h"
 #include "util/guarded.h"
 #include "util/text.h"
 
@@ -235,18 +235,18 @@ void BindForRequests(CanBusDeviceBase& device) {
 
 }  // namespace
 
-std::optional<Model> BusHand::IsModel() const {
+std::optional<Model> BusHand::KnownModel() const {
   return vendor_failure ? std::nullopt : ModelOf(vendor, family);
 }
 
-Failure BusHand::Gone(const std::string& link) const {
+Failure BusHand::VanishedOn(const std::string& link) const {
   Failure failure = vendor_failure.value_or(Failure());
   failure.text =
       Compose(link, ": the hand with id ", id, " told its id and then no more: ", failure.text);
   return failure;
 }
 
-Failure BusHand::Doubled(const std::string& link) const {
+Failure BusHand::SharedOn(const std::string& link) const {
   return {FailureKind::REFUSED, "",
           Compose(link, ": several hands have the id ", id, ", with the serial numbers \"",
                   PlainText(vendor.serial_number), "\" and \"", PlainText(*rival),
@@ -306,7 +306,7 @@ BusAnswers AskId(CanBusDeviceBase& device, std::uint8_t id, std::optional<Model>
       BusHand hand{id, family, {}};
       AskAlone(device, hand);
       if (!hand.vendor_failure) answers.hands.push_back(hand);
-      if (wanted && hand.IsModel() == wanted) return answers;
+      if (wanted && hand.KnownModel() == wanted) return answers;
       if (hand.vendor_failure && hand.vendor_failure->kind == FailureKind::SEND_FAILED) {
         answers.send_failure = hand.vendor_failure;
       }

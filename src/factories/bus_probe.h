@@ -25,11 +25,11 @@ struct BusHand {
   std::optional<std::string> rival = {};
 
   /// Nothing if it is none of the models, or didn't say.
-  std::optional<Model> IsModel() const;
-  /// What became of it on `link`, if it told its id and no more.
-  Failure Gone(const std::string& link) const;
-  /// Why nobody may take it for one hand, if it has a rival.
-  Failure Doubled(const std::string& link) const;
+  std::optional<Model> KnownModel() const;
+  /// The failure of a hand that told its id on `link` and then answered no more.
+  Failure VanishedOn(const std::string& link) const;
+  /// The failure of an id that two hands on `link` have.
+  Failure SharedOn(const std::string& link) const;
 };
 
 struct BusAnswers {

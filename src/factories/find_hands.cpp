@@ -207,9 +207,9 @@ class Finder {
   }
 
   void Add(HandAddress address, const BusHand& hand) {
-    if (hand.vendor_failure) return AddNotAsked(hand.Gone(LinkText(address)));
-    if (hand.rival) return AddNotAsked(hand.Doubled(LinkText(address)));
-    const auto model = hand.IsModel();
+    if (hand.vendor_failure) return AddNotAsked(hand.VanishedOn(LinkText(address)));
+    if (hand.rival) return AddNotAsked(hand.SharedOn(LinkText(address)));
+    const auto model = hand.KnownModel();
     if (!model) {
       return AddNotAsked({FailureKind::BAD_REPLY, "",
                           Compose(LinkText(address), ": what answers with id ", hand.id,

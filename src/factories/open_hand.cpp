@@ -98,17 +98,17 @@ Failure Several(const HandAddress& address, const std::vector<Candidate>& all) {
 Outcome<Candidate> Choose(const HandAddress& address, const BusAnswers& answers) {
   if (answers.hands.empty()) return Nobody(address, answers.send_failure);
   if (std::all_of(answers.hands.begin(), answers.hands.end(), &IsGone)) {
-    return answers.hands.front().Gone(LinkText(address));
+    return answers.hands.front().VanishedOn(LinkText(address));
   }
   std::vector<Candidate> all;
-  for (const BusHand& hand : answers.hands) all.push_back({hand, hand.IsModel()});
+  for (const BusHand& hand : answers.hands) all.push_back({hand, hand.KnownModel()});
   std::vector<Candidate> meant;
   for (const Candidate& candidate : all) {
     if (!address.model || candidate.model == address.model) meant.push_back(candidate);
   }
   if (meant.size() > 1) return Several(address, meant);
   if (meant.empty() || !meant.front().model) return NotWanted(address, all);
-  if (meant.front().hand.rival) return meant.front().hand.Doubled(LinkText(address));
+  if (meant.front().hand.rival) return meant.front().hand.SharedOn(LinkText(address));
   return meant.front();
 }
 

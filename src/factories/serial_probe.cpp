@@ -65,7 +65,8 @@ Outcome<SerialAnswer> AskPort(const HandAddress& address, std::chrono::milliseco
                                                          address.port, address.baud);
   KorvaneBrisaSerialImpl& hand = *answer.hand;
   if (!hand.connected) return OpenFailure(hand, address.port);
-  // As ever a reply that is there early is lost, as happens on a busy machine.
+  // Otherwise a reply that comes before the request is written to its end is lost, as happens on a
+  // busy machine.
   SetReceiving(hand, Receiving::BY_EVENTS);
   const int timeout_before = hand.GetFrameRecvTimeout();
   hand.SetFrameRecvTimeout(static_cast<int>(answer_time.count()));

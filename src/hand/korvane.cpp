@@ -1,7 +1,7 @@
 #include "korvane.h"
 
 #include "ibr7_tactile_sensor_1d.h"
-#include "util/diagnostics.h"
+#include "link/diagnostics.h"
 
 // The defaults of the hand interface: nothing is sent, nothing is written. That they were called is
 // recorded as an operation that isn't supported.

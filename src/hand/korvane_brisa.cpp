@@ -1,8 +1,8 @@
 #include "korvane_brisa.h"
 
 #include "hand/tactile_layout.h"
+#include "link/diagnostics.h"
 #include "solver/actuator_words.h"
-#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 

@@ -1,6 +1,6 @@
 #include "korvane_lumen.h"
 
-#include "util/diagnostics.h"
+#include "link/diagnostics.h"
 #include "util/log.h"
 
 namespace talvera::korvane {

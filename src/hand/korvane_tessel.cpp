@@ -1,8 +1,8 @@
 #include "korvane_tessel.h"
 
 #include "hand/hand_members.h"
+#include "link/diagnostics.h"
 #include "solver/actuator_words.h"
-#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 

@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "korvane_types.h"
-#include "util/diagnostics.h"
+#include "link/diagnostics.h"
 
 namespace talvera::korvane {
 
-/// Whether `finger` is one of the enumeration: an application may have cast it from any number.
-constexpr bool IsFinger(Finger finger) {
-  return finger >= Finger::THUMB && finger <= Finger::DORSUM;
+/// Whether `finger` is one of the enumeration up to `last`: an application may have cast it from
+/// any number.
+constexpr bool IsFinger(Finger finger, Finger last = Finger::DORSUM) {
+  return finger >= Finger::THUMB && finger <= last;
 }
 
 /// Throws std::invalid_argument ("Invalid finger type") for anything else, which is recorded as the

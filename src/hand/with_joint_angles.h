@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "hand/kinematics.h"
+#include "link/diagnostics.h"
 #include "solver/actuator_words.h"
-#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 

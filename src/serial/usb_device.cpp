@@ -20,8 +20,6 @@ using std::chrono::milliseconds;
 using std::chrono::system_clock;
 
 constexpr int kMaxRequestIntervalMs = 500;
-constexpr int kMinFrameRecvTimeoutMs = 10;
-constexpr int kMaxFrameRecvTimeoutMs = 1000;
 constexpr auto kPause = std::chrono::microseconds(500);
 constexpr int kWriteAttempts = 3;
 constexpr auto kReenumeration = std::chrono::seconds(2);

@@ -11,12 +11,12 @@
 #include <string_view>
 #include <thread>
 
+#include "link/observable_link.h"
 #include "serial/port_claim.h"
 #include "serial/serial_library.h"
 #include "serial/usb_frame.h"
 #include "util/clock.h"
 #include "util/guarded.h"
-#include "util/observable_link.h"
 #include "util/wake_event.h"
 
 namespace talvera::korvane {

@@ -39,8 +39,8 @@ inline constexpr int kRestartTimeoutCode = -5;
 inline constexpr int kTransmissionTimeoutCode = -6;
 
 /// How far an update has come, on whatever link: shared by the caller's thread and the receive
-/// thread, and kept as long as the hand, so that a late reply finds it in place. An update sets
-/// what it goes by before it reads it.
+/// thread, and kept as long as the hand, so that a late reply finds it in place. What an earlier
+/// update left in it doesn't count: an update sets each member before it reads it.
 struct UpdateProgress {
   std::atomic<std::uint32_t> ota_status{kWaitingResponse};
   std::atomic<std::uint32_t> ota_package_index{};

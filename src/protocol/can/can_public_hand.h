@@ -43,7 +43,7 @@ class CanPublicHand : public HandOnCan<Model, Row, CanPublicEngine> {
   void SendFinishRequest() { engine_.update_run.SendFinishRequest(); }
   void SendRestartRequest() { engine_.update_run.SendRestartRequest(); }
 
-  /// The callbacks of the transport, which calls them on its receive thread.
+  /// What the engine makes of frames, for those who hold the hand itself.
   unsigned int GetMatchedRepId(unsigned int request_id) { return ReplyIdOf(request_id); }
   bool JudgeMsgMatch(unsigned int request_id, unsigned int received_id) {
     return engine_.Judge(request_id, received_id);

@@ -300,7 +300,7 @@ void CanUpdate::QueryResult() {
       const std::uint32_t status = LoadU32(reply.data);
       state_.ota_status = status;
       log_.LogResult(status);
-      if (EndsQuery(status)) return operation.Succeed();
+      if (status == 0 || rules_.result_query.any_answer_ends) return operation.Succeed();
       RecordFailure(link_.diagnostics, FailureKind::REFUSED,
                     Compose("the hand answers with status ", status));
     } catch (const std::exception& error) {
@@ -310,10 +310,6 @@ void CanUpdate::QueryResult() {
     if (attempt < kResultTries) state_.ota_clock->SleepFor(rules_.result_query.pause);
   }
   log_.LogFailure("GetUpgradeResult", " Failed to get upgrade result after 10 retries");
-}
-
-bool CanUpdate::EndsQuery(std::uint32_t status) const {
-  return status == 0 || rules_.result_query.success != nullptr;
 }
 
 }  // namespace talvera::korvane

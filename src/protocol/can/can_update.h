@@ -55,7 +55,6 @@ class CanUpdate {
   void SendWithOtherChecksum();
   bool AwaitFlag(const std::atomic<bool>& flag, const char* stage, int timeout_code);
   void Reconnect();
-  bool EndsQuery(std::uint32_t status) const;
 
   void ReportOrLogStage(OtaProgressStatus status, const std::string& line) const;
   void ReportOrLogFailure(FailureKind kind, int code, const std::string& text) const;

@@ -28,6 +28,7 @@ struct LumenRow {
     model.update_rules.repeated_restart = RepeatedRestart::kIgnored;
     model.update_rules.reports_no_reply = true;
     model.update_rules.always_clears_callback = true;
+    model.update_rules.result_query.any_answer_ends = true;
     model.update_rules.result_query.success =
         "[INFO][KorvaneLumenCanImpl] OTA upgrade result: success";
     model.update_rules.result_query.failure = "[ERROR][KorvaneLumenCanImpl] OTA upgrade result: ";

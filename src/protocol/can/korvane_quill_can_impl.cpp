@@ -16,11 +16,6 @@ const char* CalibrationName(std::uint8_t function) {
 
 }  // namespace
 
-void KorvaneQuillCanImpl::ShowDataDetails(bool on) const {
-  engine_.ShowDataDetails(on);
-  show_details_ = on;
-}
-
 // --- Calibration ----------------------------------------------------------------------------
 
 void KorvaneQuillCanImpl::SetMinPositionCalibration() {
@@ -67,7 +62,7 @@ void KorvaneQuillCanImpl::Calibrate(std::uint8_t function, const char* end,
 
 TactileSensorData KorvaneQuillCanImpl::GetTactileSensorDataRaw(Finger finger) const {
   const auto operation = engine_.Operation(__func__);
-  if (finger < Finger::THUMB || finger > Finger::PALM) {
+  if (!IsFinger(finger, Finger::PALM)) {
     engine_.LogAndRecord(
         FailureKind::BAD_ARGUMENT,
         Compose("[Error]: Invalid sensor finger index for Quill (must be 0x01-0x06, no Dorsum): ",

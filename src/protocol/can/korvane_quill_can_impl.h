@@ -1,7 +1,5 @@
 #pragma once
 
-#include <atomic>
-
 #include "korvane_quill.h"
 #include "protocol/can/can_public_hand.h"
 
@@ -39,8 +37,6 @@ class KorvaneQuillCanImpl : public CanPublicHand<KorvaneQuill, QuillRow> {
  public:
   using CanPublicHand::CanPublicHand;
 
-  void ShowDataDetails(bool on) const override;
-
   void SetMinPositionCalibration() override;
   void SetMinPositionCalibration(std::uint8_t joint) override;
   void SetMaxPositionCalibration() override;
@@ -52,8 +48,6 @@ class KorvaneQuillCanImpl : public CanPublicHand<KorvaneQuill, QuillRow> {
  private:
   void Calibrate(std::uint8_t function, const char* end, std::uint8_t joint) const;
   void CalibrateJoint(std::uint8_t function, const char* end, std::uint8_t joint) const;
-
-  mutable std::atomic<bool> show_details_{false};
 };
 
 }  // namespace talvera::korvane

@@ -67,6 +67,7 @@ struct TesselRow {
     model.update_rules.reports_refusal = model.update_rules.reports_no_reply = true;
     model.update_rules.always_clears_callback = true;
     model.update_rules.result_query.pause = std::chrono::milliseconds(0);
+    model.update_rules.result_query.any_answer_ends = true;
     model.update_rules.result_query.success =
         "[INFO][KorvaneTesselCanImpl] OTA upgrade result: success";
     model.update_rules.result_query.failure = "[ERROR][KorvaneTesselCanImpl] OTA upgrade result: ";

@@ -61,8 +61,9 @@ inline constexpr UpdateWording kFullUpdateWording = [] {
 struct ResultQuery {
   /// Time between two tries.
   std::chrono::milliseconds pause{1000};
-  /// The lines for a good and, up to the status, a bad answer, either of which ends the query.
-  /// Null: only a good answer ends it.
+  /// A bad answer ends the query too, and isn't asked for again.
+  bool any_answer_ends = false;
+  /// The lines for a good and, up to the status, a bad answer; null writes none.
   const char* success = nullptr;
   const char* failure = nullptr;
 };

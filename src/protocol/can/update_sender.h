@@ -8,10 +8,10 @@
 
 #include "can/can_frame.h"
 #include "korvane.h"
+#include "link/diagnostics.h"
 #include "protocol/can/update_log.h"
 #include "protocol/can/update_rules.h"
 #include "update/update_progress.h"
-#include "util/diagnostics.h"
 #include "util/guarded.h"
 
 namespace talvera::korvane {

@@ -41,7 +41,7 @@ std::vector<short> VelocitiesOf(const ReplyCache::Bytes& records) {
 /// One error word stands for all axes, so that they always show the same flag.
 unsigned short ErrorOf(const ReplyCache::Bytes& word) { return word[0] & 1; }
 
-/// The number as text, without what pads it; if nothing else is left, what of it can be printed.
+/// The number as text, without the control characters that pad its end.
 std::string SerialNumberText(const ReplyCache::Bytes& number) {
   const auto is_text = [](std::uint8_t byte) { return byte > 31; };
   const auto last = std::find_if(number.rbegin(), number.rend(), is_text);

@@ -3,11 +3,11 @@
 #include <optional>
 #include <vector>
 
+#include "link/observable_link.h"
 #include "private_korvane_brisa.h"
 #include "protocol/serial/serial_link.h"
 #include "protocol/service/service_readings.h"
 #include "protocol/service/service_settings.h"
-#include "util/observable_link.h"
 
 namespace talvera::korvane {
 

@@ -21,9 +21,8 @@ UsbFrameBuilder FrameOf(std::uint16_t device_id, ServiceCommand command,
   return frame;
 }
 
-/// errno of an exception of the serial library or of a thread that wasn't to be had, 0 if it has
-/// none. Asking changes nothing, but the
-/// library doesn't say so.
+/// The errno of an exception of the serial library, or of a thread that couldn't start; 0 if it has
+/// none. The library's getter isn't const, though it changes nothing.
 int SystemErrorOf(const std::exception& error) {
   const auto* const no_thread = dynamic_cast<const std::system_error*>(&error);
   if (no_thread != nullptr) return no_thread->code().value();

@@ -6,11 +6,11 @@
 #include <string>
 
 #include "korvane.h"
+#include "link/diagnostics.h"
 #include "private_korvane.h"
 #include "protocol/serial/reply_cache.h"
 #include "protocol/service/service_command.h"
 #include "serial/usb_frame.h"
-#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
@@ -34,7 +34,7 @@ class SerialLink {
 
   /// Whether service operations are carried out at all.
   bool IsReady() const { return hand_.connected && device; }
-  /// The same. If they aren't, that is the operation's failure, for which there is no line.
+  /// The same, and records NO_LINK if they aren't. Writes no line.
   bool CheckReady() const;
 
   /// The port. Throws LinkError ("no transport") if there is none.
@@ -60,8 +60,8 @@ class SerialLink {
   /// Records an exception of the port that reaches the application.
   void RecordThrown(const std::exception& error) const;
 
-  /// Writes by `write`, which is false if the port took less, as an operation of its own. What
-  /// `write` throws gets out and is recorded.
+  /// Calls `write` as an operation with that name. A `write` that returns false (the port took only
+  /// a part) or throws is recorded as the operation's failure; an exception is passed on.
   void WriteOrThrow(const char* operation, const std::function<bool()>& write) const;
 
   /// Sends a command and waits. True if some frame came in time. A failure of the port is logged.

@@ -1,8 +1,6 @@
 #include "protocol/serial/serial_update.h"
 
 #include <chrono>
-#include <iomanip>
-#include <sstream>
 #include <utility>
 
 #include "hand/hand_members.h"

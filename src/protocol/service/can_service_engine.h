@@ -70,8 +70,8 @@ class CanServiceEngine : public CanLink {
   /// The reply to any command. Throws std::runtime_error, which is recorded.
   CanfdFrame RequestOrThrow(const char* operation, const CanfdFrame& frame) const;
 
-  /// Sends what waits for no reply by `send`, which is false if that failed, as an operation of its
-  /// own. What `send` throws gets out and is recorded.
+  /// Calls `send`, which waits for no reply, as an operation with that name. A `send` that returns
+  /// false or throws is recorded as the operation's failure; an exception is passed on.
   void SendOrThrow(const char* operation, const std::function<bool()>& send) const;
 
   Reply RequestOrLog(const char* operation, ServiceCommand command,

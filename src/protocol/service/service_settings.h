@@ -1,8 +1,8 @@
 #pragma once
 
+#include "link/diagnostics.h"
 #include "private_korvane.h"
 #include "protocol/service/service_command.h"
-#include "util/diagnostics.h"
 
 namespace talvera::korvane {
 
@@ -88,7 +88,8 @@ class WithServiceSettings : public Base {
                        setting.HasAxis(axis) && setting.InRange(value));
   }
 
-  /// False, in silence, if an argument isn't one.
+  /// Returns `good`. If an argument is refused, that is recorded as the operation's failure, for
+  /// which there is no line.
   bool CheckArgument(bool good) const {
     if (!good) {
       RecordFailure(this->Diagnostics(), FailureKind::BAD_ARGUMENT,

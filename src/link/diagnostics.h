@@ -70,8 +70,8 @@ class HandDiagnostics {
   std::uint64_t BadReplies() const { return *bad_replies_; }
 
  private:
-  /// Shared with nobody, but also that by which a thread knows the hand: another one that has come
-  /// to its address has another.
+  /// Owned by this hand alone. It is a shared_ptr because each thread keeps a weak_ptr to it beside
+  /// its record: so it notices that a hand is gone, also when a new one has the same address.
   std::shared_ptr<BadReplyCount> bad_replies_ = std::make_shared<BadReplyCount>(0);
 };
 

@@ -53,7 +53,8 @@ class FrameTap {
   }
 
   std::atomic<bool> is_set_{false};
-  mutable Mutex order_;  ///< Of what is shown.
+  /// Held while a frame is sent and shown, so that frames are shown in the order of the wire.
+  mutable Mutex order_;
   mutable Mutex mutex_;
   std::shared_ptr<const Function> function_ KORVANE_GUARDED_BY(mutex_);
 };

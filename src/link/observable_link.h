@@ -4,8 +4,8 @@
 #include <functional>
 
 #include "korvane_link.h"
-#include "util/diagnostics.h"
-#include "util/frame_tap.h"
+#include "link/diagnostics.h"
+#include "link/frame_tap.h"
 
 namespace talvera::korvane {
 
@@ -14,6 +14,10 @@ inline std::atomic<Receiving>& DefaultReceiving() {
   static std::atomic<Receiving> receiving{Receiving::AS_EVER};
   return receiving;
 }
+
+/// The bounds of a receive time-out.
+inline constexpr int kMinFrameRecvTimeoutMs = 10;
+inline constexpr int kMaxFrameRecvTimeoutMs = 1000;
 
 /// What an application may see and choose of a link, whatever it is: its counts, its frames, and
 /// how it waits. Any thread may use it while the link lives.

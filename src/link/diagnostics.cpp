@@ -1,4 +1,4 @@
-#include "util/diagnostics.h"
+#include "link/diagnostics.h"
 
 #include <algorithm>
 #include <iterator>
@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "korvane.h"
-#include "util/observable_link.h"
+#include "link/observable_link.h"
 #include "util/text.h"
 
 namespace talvera::korvane {
