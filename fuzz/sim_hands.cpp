@@ -51,6 +51,10 @@ void talvera::korvane::fuzz::Fuzz(Input& input) {
   Clock::TimePoint now{};
   while (!input.IsOver()) {
     now += std::chrono::milliseconds(input.Take<std::uint16_t>());
-    serial ? OnSerial(end, input, now) : OnCan(end, input, now);
+    if (serial) {
+      OnSerial(end, input, now);
+    } else {
+      OnCan(end, input, now);
+    }
   }
 }

@@ -14,8 +14,9 @@
 /// result (0, -1, an empty vector, on a serial link an old reading) and writes a line; the
 /// functions of this header say whether the value is one, and if not, why.
 ///
-/// They work for every operation of every hand on every link, cost nothing that can be measured,
-/// and change nothing: not a value, not a line. None of them blocks.
+/// They work for every operation of every hand on every link and change nothing: not a value, not a
+/// line. What is counted for them costs about 60 ns a request, which shows on no link. None of them
+/// blocks.
 namespace talvera::korvane {
 
 class Korvane;

@@ -125,13 +125,18 @@ class Finder {
         continue;
       }
       const auto id = std::exchange(place.id, std::nullopt);
-      const auto same = std::find_if(links.begin(), links.end(), [&](const auto& link) {
+      auto same = std::find_if(links.begin(), links.end(), [&](const auto& link) {
         return LinkText(link.first) == LinkText(place);
       });
-      (same == links.end() ? links.emplace_back(place, Wanted()) : *same).second.insert(id);
+      if (same == links.end()) same = links.insert(same, {place, Wanted()});
+      same->second.insert(id);
     }
     for (const auto& [link, wanted] : links) {
-      link.link == LinkKind::SERIAL ? AskLine(link, wanted) : AskChannel(link, IdsOf(wanted));
+      if (link.link == LinkKind::SERIAL) {
+        AskLine(link, wanted);
+      } else {
+        AskChannel(link, IdsOf(wanted));
+      }
     }
   }
 
@@ -191,7 +196,11 @@ class Finder {
       address.port = port;
       address.baud = options_.baud;
       const auto checked = HandAddress::Parse(address.ToString());
-      checked ? AskOnePort(address) : AddNotAsked(checked.failure());
+      if (checked) {
+        AskOnePort(address);
+      } else {
+        AddNotAsked(checked.failure());
+      }
     }
   }
 

@@ -1,6 +1,7 @@
 #include "can/can_link.h"
 #include "factories/bus_probe.h"
 #include "factories/known_models.h"
+#include "hand/hand_members.h"
 #include "private_korvane.h"
 #include "protocol/can/can_identifier.h"
 #include "util/text.h"

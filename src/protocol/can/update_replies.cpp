@@ -101,7 +101,11 @@ void UpdateReplies::OnPacketReply(std::uint32_t status) {
   if (!rules_.counts_acknowledged) ReportOrLogPacket(index);
   const bool was_last = AcknowledgePacket();
   if (rules_.counts_acknowledged) ReportOrLogPacket(index + 1);
-  was_last ? sender_.SendFinishRequest() : sender_.SendPackage();
+  if (was_last) {
+    sender_.SendFinishRequest();
+  } else {
+    sender_.SendPackage();
+  }
 }
 
 /// Takes the front packet off. True if none is left.
