@@ -171,7 +171,8 @@ KORVANE_EXPORT FindResult FindHands(const FindOptions& options = {});
 ///
 /// Told by the vendor record: its active degrees of freedom, its product model where that names a
 /// model, and the family of identifiers under which the hand answers. Asks the hand, up to four
-/// times; the same thread rule as for any operation of the hand.
+/// times; the same thread rule as for any operation of the hand, and LastFailure tells of it as of
+/// any.
 KORVANE_EXPORT Outcome<Model> IdentifyHand(const Korvane& hand);
 
 /// A text of a vendor record for people: without the NULs, blanks, 0xFF and other unprintable bytes

@@ -63,9 +63,7 @@ Failure WithoutVendor(const Korvane& hand) {
   return failure;
 }
 
-}  // namespace
-
-Outcome<Model> IdentifyHand(const Korvane& hand) {
+Outcome<Model> Identify(const Korvane& hand) {
   if (CanLink* const link = PublicCanLink(hand)) return IdentifyOnCan(hand, *link);
   VendorInfo vendor = hand.GetVendorInfo();
   if (vendor.product_model.empty()) return WithoutVendor(hand);
@@ -73,6 +71,18 @@ Outcome<Model> IdentifyHand(const Korvane& hand) {
   const bool on_can = dynamic_cast<const CanLinkOwner*>(&hand) != nullptr;
   if (on_can) vendor.product_model.clear();
   return Judge(vendor, Known(Model::BRISA).family, DeviceIdOf(hand));
+}
+
+}  // namespace
+
+Outcome<Model> IdentifyHand(const Korvane& hand) {
+  const OperationScope operation(hand, kOperation);
+  auto model = Identify(hand);
+  if (!model) {
+    const Failure& failure = model.failure();
+    RecordFailure(hand, failure.kind, failure.text, failure.system_error);
+  }
+  return model;
 }
 
 }  // namespace talvera::korvane

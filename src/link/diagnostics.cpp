@@ -222,9 +222,10 @@ void RecordNotSupported(const Korvane& hand, const char* operation) {
                 Compose(operation, " is not supported by this hand on its link"));
 }
 
-void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text) {
+void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text,
+                   int system_error) {
   if (const auto* const observable = Observable(hand)) {
-    RecordFailure(observable->Diagnostics(), kind, text);
+    RecordFailure(observable->Diagnostics(), kind, text, system_error);
   }
 }
 

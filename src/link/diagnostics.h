@@ -98,7 +98,8 @@ class OperationScope {
 /// Records how the calling thread's present operation on the hand failed.
 void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,
                    int system_error = 0);
-void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text);
+void RecordFailure(const Korvane& hand, FailureKind kind, const std::string& text,
+                   int system_error = 0);
 
 /// The same, of a failure for which no line has been logged yet: `text` stands for it until one is.
 void NoteFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,

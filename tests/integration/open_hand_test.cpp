@@ -104,6 +104,15 @@ void ExpectFailure(const std::string& address, FailureKind kind, const std::stri
       "OpenHand", [&] { return OpenHand(address); }, kind, text);
 }
 
+/// No model answers, and LastFailure tells why as for any other operation.
+void ExpectUnknown(const Korvane& hand, FailureKind why) {
+  const Failure failure = IdentifyHand(hand).failure();
+  EXPECT_STREQ(ToString(failure.kind), ToString(why));
+  EXPECT_STREQ(ToString(LastFailure(hand).kind), ToString(why));
+  EXPECT_EQ(LastFailure(hand).text, failure.text);
+  EXPECT_EQ(LastFailure(hand).operation, "IdentifyHand");
+}
+
 void ExpectOpens(const std::string& address, const TestedModel& expected, std::uint8_t id,
                  bool mirrored = false) {
   SCOPED_TRACE(address);
@@ -263,18 +272,18 @@ TEST_P(OnAdapters, AHandIsIdentifiedByWhoAnswersUnderItsId) {
     EXPECT_EQ(*IdentifyHand(*hand), Model::BRISA) << "by its joints, where its name says nothing";
     for (const std::uint8_t stranger : {std::uint8_t{11}, std::uint8_t{12}}) {
       hand->device_id = stranger;
-      EXPECT_EQ(IdentifyHand(*hand).failure().kind, FailureKind::BAD_REPLY);
+      ExpectUnknown(*hand, FailureKind::BAD_REPLY);
     }
     hand->device_id = 99;
     hand->SetFrameRecvTimeout(10);
-    EXPECT_EQ(IdentifyHand(*hand).failure().kind, FailureKind::NO_REPLY);
+    ExpectUnknown(*hand, FailureKind::NO_REPLY);
   }
   const auto service = PrivateKorvaneLumen::createHandByZlgcan(HandType::LEFT, 4, 1);
   adapters_.Bus(1, 0).Add({sim::kLumen, 4});
   test::BePatient(*service);
   EXPECT_EQ(*IdentifyHand(*service), Model::LUMEN) << "whatever the service interface calls it";
   const auto missing = KorvaneBrisa::createHandByZlgcan(HandType::LEFT, 1, 7);
-  EXPECT_EQ(IdentifyHand(*missing).failure().kind, FailureKind::NO_LINK);
+  ExpectUnknown(*missing, FailureKind::NO_LINK);
 }
 
 /// The service interface at an address opens as that model and can be used.
