@@ -6,6 +6,7 @@ import os
 import signal
 import subprocess
 import sys
+import threading
 import time
 
 import conftest
@@ -103,14 +104,49 @@ def test_playing(brisa, tmp_path):
     assert np.abs(brisa.positions() - 1000).max() <= 5
 
 
-def test_a_file_that_is_there_stays(brisa, tmp_path):
+#: What `record` is given, and what comes of it.
+NOT_RECORDED = [
+    ({}, FileExistsError),
+    ({"overwrite": True, "values": ["control_modes"]}, korvane.NotSupported),
+    ({"overwrite": True, "values": ["position"]}, korvane.BadArgument),
+    ({"overwrite": True, "values": []}, korvane.BadArgument),
+    ({"overwrite": True, "rate": 0}, korvane.BadArgument),
+    ({"overwrite": True, "rate": "fast"}, TypeError),
+]
+
+
+@pytest.mark.parametrize("given, error", NOT_RECORDED, ids=str)
+def test_a_file_that_is_there_stays(given, error, brisa, tmp_path):
     (tmp_path / "r.csv").write_text("dear")
-    with pytest.raises(FileExistsError):
-        korvane.record(brisa, tmp_path / "r.csv")
+    with pytest.raises(error):
+        korvane.record(brisa, tmp_path / "r.csv", **given)
     assert (tmp_path / "r.csv").read_text() == "dear"
+
+
+def test_bad_arguments_leave_no_file(brisa, tmp_path):
     with pytest.raises(korvane.NotSupported):
         korvane.record(brisa, tmp_path / "new.csv", values=["control_modes"])
     assert not (tmp_path / "new.csv").exists()
+
+
+def test_a_single_value(brisa, tmp_path):
+    with korvane.record(brisa, tmp_path / "r.csv", values="positions") as recorder:
+        recorder.wait(samples=1)
+    assert list(korvane.load(tmp_path / "r.csv").values) == ["positions"]
+
+
+@pytest.mark.parametrize("overwrite", [False, True])
+def test_without_a_thread_only_a_new_file_goes(overwrite, brisa, tmp_path, monkeypatch):
+    def cannot_start(self):
+        raise RuntimeError("can't start new thread")
+
+    path = tmp_path / "r.csv"
+    if overwrite:
+        path.touch()
+    monkeypatch.setattr(threading.Thread, "start", cannot_start)
+    with pytest.raises(RuntimeError, match="new thread"):
+        korvane.record(brisa, path, overwrite=overwrite)
+    assert path.exists() == overwrite
 
 
 def test_what_ends_a_recording_comes_out(brisa, tmp_path):
