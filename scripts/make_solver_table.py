@@ -3,9 +3,9 @@
 
     scripts/make_solver_table.py brisa|tessel
 
-Run when the tests are configured. An independent calculation, kept apart from the C++ code on purpose: correct each by the
-calibration of the hand, never one by the other. Python's floats are IEEE doubles and are not
-contracted, so that truncated values can be compared exactly. The random numbers have a fixed seed.
+Run when the tests are configured. An independent calculation, kept apart from the C++ code on purpose: correct each by
+the calibration of the hand, never one by the other. Python's floats are IEEE doubles and are not contracted, so that
+truncated values can be compared exactly. The random numbers have a fixed seed.
 """
 
 import random
