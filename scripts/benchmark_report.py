@@ -1,0 +1,18 @@
+"""What scripts/bench and scripts/compare-benchmarks share: running a benchmark program."""
+
+import json
+import subprocess
+import sys
+import tempfile
+
+
+def report_of(program, arguments):
+    """The rows of its report. The program's errors are shown only if it fails, as the library writes lines of its own."""
+    # The report goes into a file for the same reason.
+    with tempfile.NamedTemporaryFile() as out:
+        done = subprocess.run([program, f"--benchmark_out={out.name}", "--benchmark_out_format=json", *arguments],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        if done.returncode != 0:
+            sys.stderr.write(done.stderr)
+        done.check_returncode()
+        return json.load(out)["benchmarks"]
