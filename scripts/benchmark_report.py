@@ -7,8 +7,9 @@ import tempfile
 
 
 def report_of(program, arguments):
-    """The rows of its report. The program's errors are shown only if it fails, as the library writes lines of its own."""
-    # The report goes into a file for the same reason.
+    """The rows of its report. As the library writes lines of its own to both streams, the report goes into a file, and
+    what the program says as an error is shown only if it fails.
+    """
     with tempfile.NamedTemporaryFile() as out:
         done = subprocess.run([program, f"--benchmark_out={out.name}", "--benchmark_out_format=json", *arguments],
                               stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)

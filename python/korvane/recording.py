@@ -157,7 +157,9 @@ def record(
 class Recording:
     """A recording as arrays. `recording["positions"]` is (samples, motors), `recording.time` (samples,) [s]."""
 
-    def __init__(self, head: Mapping[str, Any], time: Floats, values: Mapping[str, Floats], touch: Mapping[str, Floats]):
+    def __init__(
+        self, head: Mapping[str, Any], time: Floats, values: Mapping[str, Floats], touch: Mapping[str, Floats]
+    ):
         self.address: str = head.get("address", "")
         self.model: str = head["model"]
         self.side: str = head.get("side", "right")

@@ -55,7 +55,9 @@ class Reader:
         values = (values,) if isinstance(values, str) else tuple(values)
         unknown = [value for value in values if value not in READERS]
         if unknown or not values:
-            raise BadArgument(f"{hand.address}: nothing is called {', '.join(unknown) or 'nothing'}; there are {', '.join(VALUES)}")
+            raise BadArgument(
+                f"{hand.address}: nothing is called {', '.join(unknown) or 'nothing'}; there are {', '.join(VALUES)}"
+            )
         self._hand, self._rate, self._values = hand, rate, values
         self._began: Optional[float] = None
         self._stop = threading.Event()

@@ -82,7 +82,8 @@ def test_a_recording_is_the_tools(values, brisa, tmp_path):
     address = brisa.address
     brisa._handle.close()  # a port has one user
     options = ["--values", ",".join(values)] if values else []
-    made = korvane_tool("record", "-H", address, "-o", tmp_path / "tool.csv", "--seconds", 1, "--rate", 100, "--timeout", 1000, *options)
+    made = korvane_tool("record", "-H", address, "-o", tmp_path / "tool.csv", "--seconds", 1, "--rate", 100,
+                        "--timeout", 1000, *options)
     assert made.returncode == 0, made.stderr
     heads = [(tmp_path / name).read_text().splitlines()[:2] for name in ("python.csv", "tool.csv")]
     assert heads[0] == heads[1]
@@ -186,9 +187,10 @@ def test_types():
     mypy = importlib.util.find_spec("mypy")
     if mypy is None:
         pytest.skip("no mypy")
+    package = conftest.PROJECT / "python"
     done = subprocess.run(
-        [sys.executable, "-m", "mypy", "--strict", conftest.PROJECT / "python" / "korvane",
+        [sys.executable, "-m", "mypy", "--strict", package / "korvane",
          conftest.PROJECT / "tests" / "python" / "typed_program.py"],
-        capture_output=True, text=True, env={**os.environ, "MYPYPATH": str(conftest.PROJECT / "python")}, cwd=conftest.PROJECT / "python",
+        capture_output=True, text=True, env={**os.environ, "MYPYPATH": str(package)}, cwd=package,
     )
     assert done.returncode == 0, done.stdout + done.stderr
