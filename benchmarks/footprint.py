@@ -33,7 +33,8 @@ def print_sizes(build, folder):
     library = (build / "libkorvane.so").resolve()
     stripped = folder / "stripped"
     subprocess.run(["strip", "--strip-unneeded", "-o", stripped, library], check=True)
-    sections = subprocess.run(["size", stripped], check=True, capture_output=True, text=True).stdout.splitlines()[1].split()
+    said = subprocess.run(["size", stripped], check=True, capture_output=True, text=True).stdout
+    sections = said.splitlines()[1].split()
     print("| KiB | as built | stripped | code and constants | data |\n|---|---|---|---|---|")
     numbers = [library.stat().st_size, stripped.stat().st_size, int(sections[0]), int(sections[1]) + int(sections[2])]
     print("| libkorvane.so | " + " | ".join(f"{number / 1024:.0f}" for number in numbers) + " |\n")
@@ -54,11 +55,13 @@ def print_compile_times(compiler, folder, runs):
         for number, (name, text) in enumerate(SOURCES.items()):
             source = folder / f"{number}.cpp"
             source.write_text(text + "int main() {}\n")
-            times[name].append(seconds_of([compiler, "-std=c++17", "-O2", f"-I{include}", "-c", source, "-o", folder / "object"]))
+            command = [compiler, "-std=c++17", "-O2", f"-I{include}", "-c", source, "-o", folder / "object"]
+            times[name].append(seconds_of(command))
     print("| included | compiled in, ms | processor time, ms |\n|---|---|---|")
     for name, pairs in times.items():
         columns = [sorted(1000 * value for value in column) for column in zip(*pairs)]
-        print(f"| {name} | " + " | ".join(f"{statistics.median(c):.0f} ({c[0]:.0f} to {c[-1]:.0f})" for c in columns) + " |")
+        cells = " | ".join(f"{statistics.median(c):.0f} ({c[0]:.0f} to {c[-1]:.0f})" for c in columns)
+        print(f"| {name} | {cells} |")
 
 
 def main():

@@ -66,10 +66,12 @@ def main():
     os.environ["LD_LIBRARY_PATH"] = str(build / "standin")
     with tempfile.TemporaryDirectory() as folder:
         os.environ["KORVANE_SIM_SOCKET"] = f"{folder}/sim.sock"
-        with subprocess.Popen([build / "bin" / "korvane-sim", "--adapters", "--hand=tessel:2"], stdout=subprocess.PIPE, text=True) as sim:
+        command = [build / "bin" / "korvane-sim", "--adapters", "--hand=tessel:2"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as sim:
             while not sim.stdout.readline().startswith("korvane-sim: ready"):
                 pass
-            turns = [(rounds_in_cpp(program, "zlg:0.0:tessel:2"), rounds_in_python(korvane, "zlg:0.0:tessel:2")) for _ in range(ROUNDS)]
+            address = "zlg:0.0:tessel:2"
+            turns = [(rounds_in_cpp(program, address), rounds_in_python(korvane, address)) for _ in range(ROUNDS)]
             sim.terminate()
     print(f"{'':16}{'C++':>10}{'Python':>10}{'more':>10}   microseconds")
     for name in turns[0][0]:

@@ -56,7 +56,8 @@ def measure(name, options, topics, writers=0, hands=("brisa:1@0.0",)):
             share = (cpu_of(bridge) - used) / took
             messages = [json.loads(line) for line in peer.lines[first:]]
             late = sorted(m["late_us"] for m in messages if m.get("topic", "").endswith("joint_states"))
-            row = {"what": name, "cpu_percent": round(100 * share, 1), "start_s": round(started, 2), **memory_of(bridge)}
+            row = {"what": name, "cpu_percent": round(100 * share, 1), "start_s": round(started, 2),
+                   **memory_of(bridge)}
             if late:
                 row.update(messages_s=round(len(late) / took, 1), p50_us=round(late[len(late) // 2]),
                            p99_us=round(late[int(len(late) * 0.99)]))

@@ -51,7 +51,8 @@ def measure(options, clients):
     span = event["time_s"] - began
     process.terminate()
     process.wait()
-    print(f"{clients:3} clients: {100 * used / span:5.1f} % of a core, {(link['readings'] - before['link']['readings']) / span:5.1f} readings/s, "
+    readings = link["readings"] - before["link"]["readings"]
+    print(f"{clients:3} clients: {100 * used / span:5.1f} % of a core, {readings / span:5.1f} readings/s, "
           f"{link['lost']} lost, p50 {link['p50_us']} us, p99 {link['p99_us']} us; "
           f"{min(counts, default=0) / span:.1f} to {max(counts, default=0) / span:.1f} events/s to a client")
 

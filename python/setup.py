@@ -11,7 +11,9 @@ from setuptools import setup
 def pkg_config(what):
     done = subprocess.run(["pkg-config", what, "korvane"], capture_output=True, text=True)
     if done.returncode != 0:
-        raise SystemExit("libkorvane isn't found: install libkorvane-dev, or name the folder of korvane.pc in PKG_CONFIG_PATH")
+        raise SystemExit(
+            "libkorvane isn't found: install libkorvane-dev, or name the folder of korvane.pc in PKG_CONFIG_PATH"
+        )
     return shlex.split(done.stdout)
 
 

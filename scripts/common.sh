@@ -30,6 +30,9 @@ pytest_counts() {
     END {print good + 0, bad + 0}' "$1"
 }
 
+# Runs a command that changes what is installed: for one script at a time, as two may run side by side.
+change_packages() { as_root flock /var/lock/korvane-packages "$@"; }
+
 # Installs the Debian packages that are missing, and says which.
 need() {
   local missing=() package
@@ -38,10 +41,10 @@ need() {
   done
   [ "${#missing[@]}" -eq 0 ] && return 0
   say "Installing: ${missing[*]}"
-  # One script at a time, as two may run side by side, and behind whatever else installs packages on this
-  # machine. The lists of a fresh machine may be missing or old; a failed first try tells.
+  # Behind whatever else installs packages on this machine. The lists of a fresh machine may be missing or old; a failed
+  # first try tells.
   # shellcheck disable=SC2016
-  as_root flock /var/lock/korvane-packages env DEBIAN_FRONTEND=noninteractive sh -c '
+  change_packages env DEBIAN_FRONTEND=noninteractive sh -c '
     install() { apt-get install -y -qq --no-install-recommends -o DPkg::Lock::Timeout=600 "$@" >/dev/null; }
     install "$@" 2>/dev/null || { apt-get update -qq && install "$@"; }' sh "${missing[@]}"
 }

@@ -26,7 +26,8 @@ ROOMS = {
 ROOMS["factories"] = set(ROOMS)
 OUTSIDE = {"examples", "tools", "python", "ros2"}  # use the library as any program does
 SHARED = "tools/common"  # what some of them share, which knows none of them
-GUARDED = pathlib.PurePath("src/util/guarded.h")  # for all that are built with the library: mutexes, and nothing of hands
+# For all that are built with the library: mutexes, and nothing of hands.
+GUARDED = pathlib.PurePath("src/util/guarded.h")
 FOLDERS = {"src", "include", "sim"} | OUTSIDE
 SEARCHED = ("src", "include", "sim/src", "sim/include", "tools")
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^">]+)[">]', re.M)

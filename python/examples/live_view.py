@@ -44,7 +44,8 @@ class Picture:
         self.names = [joint.name for joint in hand.joints]
         self.lines = [self.joints.plot([], [], linewidth=1, label=name)[0] for name in self.names]
         limits = [angle for joint in hand.joints for angle in (joint.lower, joint.upper)]
-        self.joints.set(xlabel="s", ylabel="rad", ylim=(min(limits) - 0.1, max(limits) + 0.1), title=str(hand.address.model))
+        range_shown = (min(limits) - 0.1, max(limits) + 0.1)
+        self.joints.set(xlabel="s", ylabel="rad", ylim=range_shown, title=str(hand.address.model))
         self.joints.legend(fontsize=6, ncol=2, loc="upper left", bbox_to_anchor=(1, 1))
         self.image = touch.imshow(self.cells(sample), vmin=0, vmax=255, aspect="auto", cmap="magma")
         touch.set(xlabel="cell", yticks=range(len(sample.touch)), yticklabels=list(sample.touch), title="touch")
@@ -53,7 +54,8 @@ class Picture:
     @staticmethod
     def cells(sample):
         widest = max(len(cells) for cells in sample.touch.values())
-        return np.array([np.pad(cells.astype(float), (0, widest - len(cells)), constant_values=np.nan) for cells in sample.touch.values()])
+        rows = (cells.astype(float) for cells in sample.touch.values())
+        return np.array([np.pad(row, (0, widest - len(row)), constant_values=np.nan) for row in rows])
 
     def draw(self, samples):
         times = [sample.time for sample in samples]

@@ -22,7 +22,7 @@ from .streaming import VALUES, Sample, Stream
 __all__ = [
     "Address", "BadArgument", "BadReply", "Brisa", "ControlMode", "FINGERS", "FoundHand", "FoundHands", "Hand",
     "Info", "Joint", "KorvaneError", "LinkLost", "Lumen", "MODELS", "Model", "MotorErrors", "NoReply",
-    "NotSupported", "Quill", "Recorder", "Recording", "Refused", "Sample", "SendFailed", "SimulatedBrisa", "Simulator", "Statistics", "Stream",
-    "Target", "Tessel", "UpdateStatus", "VALUES", "Vanta", "__version__", "find", "load", "open", "record",
-    "service", "simulated",
+    "NotSupported", "Quill", "Recorder", "Recording", "Refused", "Sample", "SendFailed", "SimulatedBrisa", "Simulator",
+    "Statistics", "Stream", "Target", "Tessel", "UpdateStatus", "VALUES", "Vanta", "__version__", "find", "load",
+    "open", "record", "service", "simulated",
 ]

@@ -230,8 +230,9 @@ class Hand:
         if code:
             raise self._bad(f"{path} {'cannot be opened' if code == _CANNOT_OPEN else 'is empty or cannot be read'}")
         if self._address.link == "serial" and packets > _SERIAL_PACKETS:
-            raise self._bad(f"{path} has {packets} packets of 2048 bytes, and an update over a serial port takes "
-                f"at most {_SERIAL_PACKETS}: use CAN FD for it",
+            raise self._bad(
+                f"{path} has {packets} packets of 2048 bytes, and an update over a serial port takes at most "
+                f"{_SERIAL_PACKETS}: use CAN FD for it"
             )
 
     # --- Positions -----------------------------------------------------------------------------------
@@ -547,7 +548,8 @@ class Hand:
     def _to_positions(self, angles: Numbers, held: bool = False) -> Ints:
         within = self._handle.held_angles(angles)
         if not held and not np.allclose(within, angles, atol=1e-9, rtol=0):
-            raise self._bad("these angles don't go together: a knuckle's range is narrower where the finger stands sideways"
+            raise self._bad(
+                "these angles don't go together: a knuckle's range is narrower where the finger stands sideways"
             )
         positions: Ints = np.clip(self._handle.to_positions(within), 0, self.position_max).astype(np.int16)
         return positions

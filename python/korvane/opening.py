@@ -30,9 +30,13 @@ class FoundHands(List[FoundHand]):
 
 @overload
 def open(address: Union[str, Address]) -> Hand: ...
+
+
 @overload
 def open(address: Union[str, Address], kind: Type[AnyHand]) -> AnyHand: ...
-def open(address: Union[str, Address], kind: Type[Hand] = Hand) -> Hand:  # noqa: A001
+
+
+def open(address: Union[str, Address], kind: Type[Hand] = Hand) -> Hand:
     """The hand at an address such as "can0:tessel:2", once it has answered; an object of its model's class.
 
     `kind`, such as `korvane.Brisa`, says which class it must be, also to a type checker. Takes milliseconds if

@@ -80,13 +80,15 @@ class Recorder:
 
     def __init__(self, hand: Hand, path: Path, rate: float, values: Sequence[str], overwrite: bool):
         self.path = os.fspath(path)
+        self._reader = Reader(hand, rate, values)  # so that bad arguments leave the file as it is
         self._file = open(path, "w" if overwrite else "x", encoding="utf-8")
+        self._writer = _Writer(self._file, hand, rate, self._reader.values)
         try:
-            self._writer = _Writer(self._file, hand, rate, values)
-            self._reader = Reader(hand, rate, values, self._writer.write, lambda: None)
+            self._reader.start(self._writer.write, lambda: None)
         except BaseException:
             self._file.close()
-            os.unlink(path)
+            if not overwrite:  # otherwise it may have been there before, even as a device
+                os.unlink(path)
             raise
 
     @property
@@ -140,7 +142,8 @@ def record(
     angles, or the `values` that are named.
 
     Goes on in the background, until the recorder that it returns is closed; with `seconds` it waits that long
-    and ends. A file that exists raises FileExistsError, unless `overwrite` is set.
+    and ends. A file that exists raises FileExistsError, unless `overwrite` is set. Arguments that are
+    wrong leave it as it is.
     """
     if values is None:
         values = ("positions", "angles") if hand.joints else ("positions",)
@@ -154,7 +157,9 @@ def record(
 class Recording:
     """A recording as arrays. `recording["positions"]` is (samples, motors), `recording.time` (samples,) [s]."""
 
-    def __init__(self, head: Mapping[str, Any], time: Floats, values: Mapping[str, Floats], touch: Mapping[str, Floats]):
+    def __init__(
+        self, head: Mapping[str, Any], time: Floats, values: Mapping[str, Floats], touch: Mapping[str, Floats]
+    ):
         self.address: str = head.get("address", "")
         self.model: str = head["model"]
         self.side: str = head.get("side", "right")

@@ -47,18 +47,19 @@ class Sample(NamedTuple):
 
 
 class Reader:
-    """Reads a hand and hands each sample to `take`, which returns False to end it."""
+    """Reads a hand at a rate, from `start` on. Rate and values are checked before, when it is made."""
 
-    def __init__(self, hand: Hand, rate: float, values: Sequence[str], take: Callable[[Sample], None], done: Callable[[], None]):
+    def __init__(self, hand: Hand, rate: float, values: Sequence[str]):
         if not 0.01 <= rate <= 1000:
             raise BadArgument(f"{hand.address}: a rate is 0.01 to 1000 readings a second, and not {rate}")
         values = (values,) if isinstance(values, str) else tuple(values)
         unknown = [value for value in values if value not in READERS]
         if unknown or not values:
-            raise BadArgument(f"{hand.address}: nothing is called {', '.join(unknown) or 'nothing'}; there are {', '.join(VALUES)}")
+            raise BadArgument(
+                f"{hand.address}: nothing is called {', '.join(unknown) or 'nothing'}; there are {', '.join(VALUES)}"
+            )
         self._hand, self._rate, self._values = hand, rate, values
-        self._take, self._done = take, done
-        self._start: Optional[float] = None
+        self._began: Optional[float] = None
         self._stop = threading.Event()
         self.lost = 0
         self.error: Optional[BaseException] = None
@@ -69,6 +70,10 @@ class Reader:
                 raise
             except KorvaneError:
                 pass
+
+    def start(self, take: Callable[[Sample], None], done: Callable[[], None]) -> None:
+        """Hands each sample to `take`, whose exception ends it, and then calls `done`; both on a thread of its own."""
+        self._take, self._done = take, done
         self._thread = threading.Thread(target=self._run, name="korvane-reader", daemon=True)
         self._thread.start()
         _lifetime.register_reader(self)
@@ -87,11 +92,11 @@ class Reader:
 
     def _read(self) -> Sample:
         begin = time.monotonic()
-        if self._start is None:
-            self._start = begin
+        if self._began is None:
+            self._began = begin
         read = {value: READERS[value](self._hand) for value in self._values}
         touch = read.pop("touch", {})
-        return Sample((begin + time.monotonic()) / 2 - self._start, read, touch)
+        return Sample((begin + time.monotonic()) / 2 - self._began, read, touch)
 
     def _run(self) -> None:
         try:
@@ -154,7 +159,8 @@ class Stream(Iterator[Sample]):
         if buffer < 1:
             raise BadArgument(f"{hand.address}: a buffer holds at least one sample")
         self._shared = _Samples(buffer)
-        self._reader = Reader(hand, rate, values, self._shared.add, self._shared.end)
+        self._reader = Reader(hand, rate, values)
+        self._reader.start(self._shared.add, self._shared.end)
 
     @property
     def dropped(self) -> int:

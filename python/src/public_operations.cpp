@@ -115,9 +115,10 @@ std::vector<int> GesturePositions(const Handle& handle, int gesture) {
 
 /// Angles brought within limits that depend on each other.
 std::vector<double> HeldAngles(const Handle& handle, std::vector<double> angles) {
-  return WithSolver(
-      handle, [&](const auto& solver) { return solver.ClampJointPos(angles), angles; },
-      [&](const auto& solver) { return solver.CheckJointPos(angles), angles; });
+  WithSolver(
+      handle, [&](const auto& solver) { solver.ClampJointPos(angles); },
+      [&](const auto& solver) { solver.CheckJointPos(angles); });
+  return angles;
 }
 
 // --- Touch -------------------------------------------------------------------------------------

@@ -79,11 +79,17 @@ void Start(const std::shared_ptr<HeldHand>& hand, const std::string& path,
            const std::shared_ptr<UpdateRun>& run) {
   hand->updating = true;
   ++RunningUpdates();
-  std::thread([held = std::shared_ptr<HeldHand>(hand), path, run]() mutable {
-    Send(held, path, run);
-    held.reset();  // the hand may go with it
+  try {
+    std::thread([held = std::shared_ptr<HeldHand>(hand), path, run]() mutable {
+      Send(held, path, run);
+      held.reset();  // the hand may go with it
+      --RunningUpdates();
+    }).detach();
+  } catch (...) {  // there is no thread to be had, so nothing is running
+    hand->updating = false;
     --RunningUpdates();
-  }).detach();
+    throw;
+  }
 }
 
 /// Whether the hand reported that it is done, and the code of the last failure that it reported.

@@ -58,7 +58,8 @@ class Simulator:
 
 @pytest.fixture(scope="session")
 def sim(tmp_path_factory):
-    simulator = Simulator(tmp_path_factory.mktemp("sim"), *(f"--hand={model}:{hand_id}" for model, hand_id in FIVE.items()))
+    hands = (f"--hand={model}:{hand_id}" for model, hand_id in FIVE.items())
+    simulator = Simulator(tmp_path_factory.mktemp("sim"), *hands)
     yield simulator
     simulator.stop()
 
@@ -90,5 +91,6 @@ def freeze(hand):
 def run(program, *arguments):
     """A program of its own, in Python."""
     return subprocess.run(
-        [sys.executable, "-X", "faulthandler", "-c", program, *map(str, arguments)], capture_output=True, text=True, timeout=LIMIT
+        [sys.executable, "-X", "faulthandler", "-c", program, *map(str, arguments)],
+        capture_output=True, text=True, timeout=LIMIT,
     )

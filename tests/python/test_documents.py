@@ -35,7 +35,8 @@ def test_the_table_names_what_there_is():
     from korvane import service
 
     table = PAGE.read_text().split("## C++ and Python")[1]
-    known = [korvane, service.Service, *(getattr(korvane, name) for name in ("Hand", "Brisa", "Tessel", "Quill", "Model", "Address", "KorvaneError"))]
+    classes = ("Hand", "Brisa", "Tessel", "Quill", "Model", "Address", "KorvaneError")
+    known = [korvane, service.Service, *(getattr(korvane, name) for name in classes)]
     for row in re.findall(r"^\| .* \| (.*) \|$", table, re.M):
         for name in re.findall(r"`([\w.]+)(?:\(s\))?`", row):
             last = name.split(".")[-1]
@@ -45,7 +46,8 @@ def test_the_table_names_what_there_is():
 
 def example(name, *arguments):
     return subprocess.run(
-        [sys.executable, EXAMPLES / name, *map(str, arguments)], capture_output=True, text=True, timeout=conftest.LIMIT, env=os.environ
+        [sys.executable, EXAMPLES / name, *map(str, arguments)],
+        capture_output=True, text=True, timeout=conftest.LIMIT, env=os.environ,
     )
 
 

@@ -66,7 +66,9 @@ def test_readings_are_arrays(hand):
 
 def test_moving(hand):
     if not hand.model.has_motors:
-        for call in (lambda: hand.set_positions([0] * 10), lambda: hand.move([0] * 10), lambda: hand.set_position(1, 0)):
+        for call in (
+            lambda: hand.set_positions([0] * 10), lambda: hand.move([0] * 10), lambda: hand.set_position(1, 0),
+        ):
             with pytest.raises(korvane.NotSupported):
                 call()
         return
@@ -116,7 +118,8 @@ def test_joint_angles(hand):
     assert active.shape == (len(hand.active_joints),) and active.dtype == np.float64
     flexion = next(joint for joint in hand.joints if joint.name == "middle_flexion")
     assert active[flexion.active_index] == pytest.approx(0.5, abs=0.01)
-    assert np.allclose(hand.complete_angles(np.clip(active, *np.array([j[1:3] for j in hand.active_joints]).T)), hand.joint_angles(), atol=0.02)
+    within = np.clip(active, *np.array([joint[1:3] for joint in hand.active_joints]).T)
+    assert np.allclose(hand.complete_angles(within), hand.joint_angles(), atol=0.02)
 
 
 def test_touch(hand):
@@ -293,7 +296,10 @@ def test_service(link, tmp_path):
             assert face.all_axis_velocity().dtype == np.int16
             assert face.set_all_axis_pos([2000] * 10).pos.shape == (10,)
             assert face.fw_version().firmware == "1.0.0" and len(face.product_serial_number()) == 19
-            for call in (lambda: face.set_axis_max_pos(3, 5000), lambda: face.set_axis_homing(99, 0), lambda: face.set_power_state(300)):
+            for call in (
+                lambda: face.set_axis_max_pos(3, 5000), lambda: face.set_axis_homing(99, 0),
+                lambda: face.set_power_state(300),
+            ):
                 with pytest.raises(korvane.BadArgument):
                     call()
             if link == "serial":

@@ -1,8 +1,6 @@
 """Nothing crashes or hangs, in whatever order hands, streams, threads and processes end."""
 
 import gc
-import os
-import signal
 import threading
 import weakref
 
@@ -38,8 +36,19 @@ threading.Thread(target=hand.positions, daemon=True).start()
 """,
     "a hand kept by the interpreter": "sys.kept = hand; import atexit; atexit.register(lambda: print(hand.closed))",
     "the module first": "sys.modules.clear(); del korvane",
-    "frames in the log": "import logging; logging.basicConfig(filename=os.devnull, level=0); hand.log_frames(True); hand.positions()",
-    "an exception": "try:\n    raise KeyError\nexcept KeyError as error:\n    error.hand = hand; sys.last_value = error",
+    "frames in the log": """
+import logging
+logging.basicConfig(filename=os.devnull, level=0)
+hand.log_frames(True)
+hand.positions()
+""",
+    "an exception": """
+try:
+    raise KeyError
+except KeyError as error:
+    error.hand = hand
+    sys.last_value = error
+""",
     "exec of threads in the end": "threading.Thread(target=lambda: [hand.positions() for _ in range(50)]).start()",
 }
 
@@ -65,7 +74,10 @@ def test_garbage_takes_the_link(brisa):
 def test_a_closed_hand_says_so(brisa):
     brisa.close()
     assert brisa.closed and "closed" in repr(brisa)
-    for call in (brisa.positions, lambda: brisa.set_positions([0] * 10), lambda: brisa.statistics, lambda: brisa.reply_timeout_ms):
+    for call in (
+        brisa.positions, lambda: brisa.set_positions([0] * 10), lambda: brisa.statistics,
+        lambda: brisa.reply_timeout_ms,
+    ):
         with pytest.raises(korvane.LinkLost, match=f"{brisa.address}: it is closed; open it anew"):
             call()
 

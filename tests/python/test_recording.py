@@ -6,6 +6,7 @@ import os
 import signal
 import subprocess
 import sys
+import threading
 import time
 
 import conftest
@@ -81,7 +82,8 @@ def test_a_recording_is_the_tools(values, brisa, tmp_path):
     address = brisa.address
     brisa._handle.close()  # a port has one user
     options = ["--values", ",".join(values)] if values else []
-    made = korvane_tool("record", "-H", address, "-o", tmp_path / "tool.csv", "--seconds", 1, "--rate", 100, "--timeout", 1000, *options)
+    made = korvane_tool("record", "-H", address, "-o", tmp_path / "tool.csv", "--seconds", 1, "--rate", 100,
+                        "--timeout", 1000, *options)
     assert made.returncode == 0, made.stderr
     heads = [(tmp_path / name).read_text().splitlines()[:2] for name in ("python.csv", "tool.csv")]
     assert heads[0] == heads[1]
@@ -103,14 +105,49 @@ def test_playing(brisa, tmp_path):
     assert np.abs(brisa.positions() - 1000).max() <= 5
 
 
-def test_a_file_that_is_there_stays(brisa, tmp_path):
+#: What `record` is given, and what comes of it.
+NOT_RECORDED = [
+    ({}, FileExistsError),
+    ({"overwrite": True, "values": ["control_modes"]}, korvane.NotSupported),
+    ({"overwrite": True, "values": ["position"]}, korvane.BadArgument),
+    ({"overwrite": True, "values": []}, korvane.BadArgument),
+    ({"overwrite": True, "rate": 0}, korvane.BadArgument),
+    ({"overwrite": True, "rate": "fast"}, TypeError),
+]
+
+
+@pytest.mark.parametrize("given, error", NOT_RECORDED, ids=str)
+def test_a_file_that_is_there_stays(given, error, brisa, tmp_path):
     (tmp_path / "r.csv").write_text("dear")
-    with pytest.raises(FileExistsError):
-        korvane.record(brisa, tmp_path / "r.csv")
+    with pytest.raises(error):
+        korvane.record(brisa, tmp_path / "r.csv", **given)
     assert (tmp_path / "r.csv").read_text() == "dear"
+
+
+def test_bad_arguments_leave_no_file(brisa, tmp_path):
     with pytest.raises(korvane.NotSupported):
         korvane.record(brisa, tmp_path / "new.csv", values=["control_modes"])
     assert not (tmp_path / "new.csv").exists()
+
+
+def test_a_single_value(brisa, tmp_path):
+    with korvane.record(brisa, tmp_path / "r.csv", values="positions") as recorder:
+        recorder.wait(samples=1)
+    assert list(korvane.load(tmp_path / "r.csv").values) == ["positions"]
+
+
+@pytest.mark.parametrize("overwrite", [False, True])
+def test_without_a_thread_only_a_new_file_goes(overwrite, brisa, tmp_path, monkeypatch):
+    def cannot_start(self):
+        raise RuntimeError("can't start new thread")
+
+    path = tmp_path / "r.csv"
+    if overwrite:
+        path.touch()
+    monkeypatch.setattr(threading.Thread, "start", cannot_start)
+    with pytest.raises(RuntimeError, match="new thread"):
+        korvane.record(brisa, path, overwrite=overwrite)
+    assert path.exists() == overwrite
 
 
 def test_what_ends_a_recording_comes_out(brisa, tmp_path):
@@ -150,9 +187,10 @@ def test_types():
     mypy = importlib.util.find_spec("mypy")
     if mypy is None:
         pytest.skip("no mypy")
+    package = conftest.PROJECT / "python"
     done = subprocess.run(
-        [sys.executable, "-m", "mypy", "--strict", conftest.PROJECT / "python" / "korvane",
+        [sys.executable, "-m", "mypy", "--strict", package / "korvane",
          conftest.PROJECT / "tests" / "python" / "typed_program.py"],
-        capture_output=True, text=True, env={**os.environ, "MYPYPATH": str(conftest.PROJECT / "python")}, cwd=conftest.PROJECT / "python",
+        capture_output=True, text=True, env={**os.environ, "MYPYPATH": str(package)}, cwd=package,
     )
     assert done.returncode == 0, done.stdout + done.stderr

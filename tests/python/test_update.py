@@ -96,6 +96,27 @@ hand.update(sys.argv[1], progress)
     assert "waiting for its end" in done.stderr
 
 
+def test_an_update_without_a_thread_leaves_nothing_behind(firmware):
+    done = conftest.run("""
+import ctypes, korvane, sys
+hand = korvane.simulated()
+pthread = ctypes.CDLL(None)
+usual, impossible = (ctypes.create_string_buffer(256) for _ in range(2))
+pthread.pthread_getattr_default_np(usual)
+pthread.pthread_attr_init(impossible)
+pthread.pthread_attr_setstacksize(impossible, ctypes.c_size_t(1 << 47))
+pthread.pthread_setattr_default_np(impossible)
+try:
+    hand.update(sys.argv[1])
+except RuntimeError as error:
+    print(error)
+pthread.pthread_setattr_default_np(usual)
+print(hand.updating, len(hand.positions()))
+""", firmware)
+    assert done.stdout == "Resource temporarily unavailable\nFalse 10\n", done.stderr
+    assert done.stderr == ""
+
+
 #: Each with a silent simulator at its side.
 WAITS = {
     "calls": """

@@ -150,7 +150,8 @@ class Setup:
         return self.sim("--adapters", "--socket", self.env["KORVANE_SIM_SOCKET"], *options, ready="ready at")
 
     def bridge(self, *options, waits=True):
-        bridge = self.keep(Process([BUILD / "bin/korvane-ros2", "--local", "--domain", DOMAIN, "--timeout", "1000", *options], self.env))
+        command = [BUILD / "bin/korvane-ros2", "--local", "--domain", DOMAIN, "--timeout", "1000", *options]
+        bridge = self.keep(Process(command, self.env))
         if waits:
             bridge.wait(lambda line: " is " in line)
         return bridge

@@ -102,8 +102,8 @@ class Simulator:
             return False
 
     def interrupt(self, *arguments, after, size=1):
-        """Runs a command, and sends it Ctrl-C once `after` stands in its output, is a file of that size, or is a port that
-        is open."""
+        """Runs a command, and sends it Ctrl-C once `after` stands in its output, is a file of that size, or is a port
+        that is open."""
         process = self.start(*arguments)
         if after == self.port:
             while process.poll() is None and not self.is_open_in(process):

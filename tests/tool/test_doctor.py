@@ -82,7 +82,8 @@ def states(found, state):
     ],
 )
 def test_interfaces_as_ip_tells_of_them(sim, tree, tmp_path, captured, model, bad, warning):
-    path = fake_ip(tmp_path, f'[ "$*" = "-json -details -statistics link show dev can0" ] && cat {DATA}/ip-{captured}.json')
+    asked = "-json -details -statistics link show dev can0"
+    path = fake_ip(tmp_path, f'[ "$*" = "{asked}" ] && cat {DATA}/ip-{captured}.json')
     found, status = examine(sim, f"can0:{model}", "--root", tree, PATH=path)
     assert states(found, "bad") - {"link", "answer"} == bad
     assert states(found, "warning") == warning
@@ -147,7 +148,8 @@ def test_adapters(sim, tree, tmp_path, kind, library):
     assert (status, states(found, "unknown")) == (0, {"adapter"})
     assert found["round_trips"]["values"]["sent"] == 200
     plug(tree, "USBCANFD-200U")
-    assert examine(sim, f"{kind}:0.0", "--root", tree, "--timeout", 200)[0]["adapter"]["text"] == "USBCANFD-200U (1d50:606f)"
+    found, _ = examine(sim, f"{kind}:0.0", "--root", tree, "--timeout", 200)
+    assert found["adapter"]["text"] == "USBCANFD-200U (1d50:606f)"
     for index in (5, 7):
         found, status = examine(sim, f"{kind}:{index}.0:1", "--root", tree, "--timeout", 200)
         assert (status, states(found, "bad")) == (3, {"link"})
@@ -213,7 +215,8 @@ def test_latency_of_a_serial_chip(sim, tree, latency):
     # On a busy machine round trips may be worth a warning of their own.
     assert states(found, "warning") - {"round_trips"} == ({"latency"} if latency == "16" else set())
     if latency == "16":
-        rule = f'SUBSYSTEM=="usb-serial", ACTION=="add", DRIVER=="ftdi_sio", {USB.replace("ATTR", "ATTRS")}, ATTR{{latency_timer}}="1"'
+        parent = USB.replace("ATTR", "ATTRS")
+        rule = f'SUBSYSTEM=="usb-serial", ACTION=="add", DRIVER=="ftdi_sio", {parent}, ATTR{{latency_timer}}="1"'
         assert f"echo '{rule}' | sudo tee -a /etc/udev/rules.d/" in found["latency"]["command"]
     everything = sim.korvane("doctor", "--json", "--root", tree, "--timeout", 300).json["links"]
     assert [row for row in everything[-1]["findings"] if row["key"] == "hands"][0]["state"] == "ok"

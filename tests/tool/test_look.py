@@ -124,7 +124,9 @@ def test_watch_without_a_terminal_shows_the_last_picture(sim):
     assert "index_flexion" in told.out and "palm" in told.out and "readings/s" in told.out
 
 
-@pytest.mark.parametrize("fault, link, status", [("--silent-after=40", "zlg", 4), ("--serial-unplug-after=30", "serial", 3)])
+@pytest.mark.parametrize(
+    "fault, link, status", [("--silent-after=40", "zlg", 4), ("--serial-unplug-after=30", "serial", 3)]
+)
 def test_watch_ends_when_the_hand_has_gone(make_sim, fault, link, status):
     sim = make_sim("--hand=brisa:1", fault)
     gone = sim.korvane("watch", "-H", sim.address(link), "--json", "--timeout", 100)
@@ -134,7 +136,10 @@ def test_watch_ends_when_the_hand_has_gone(make_sim, fault, link, status):
 
 @pytest.mark.parametrize(
     "command",
-    ["find PORT", "info", "doctor", "watch", "record", "move --gesture 1", "bench", "serve --port 0", "service report", "update -y /bin/true"],
+    [
+        "find PORT", "info", "doctor", "watch", "record", "move --gesture 1", "bench", "serve --port 0",
+        "service report", "update -y /bin/true",
+    ],
 )
 def test_ctrl_c_ends_a_command_that_waits_for_a_hand(make_sim, command):
     sim = make_sim("--silent-after", "0")
@@ -145,7 +150,8 @@ def test_ctrl_c_ends_a_command_that_waits_for_a_hand(make_sim, command):
 
 
 def test_nothing_is_believed_that_could_not_be_written(sim):
-    for command in (["find", "zlg:0.0:2"], ["info", "-H", sim.address("zlg")], ["watch", "--csv", "-H", sim.address("zlg")]):
+    hand = ["-H", sim.address("zlg")]
+    for command in (["find", "zlg:0.0:2"], ["info", *hand], ["watch", "--csv", *hand]):
         with open("/dev/full", "w") as full:
             done = subprocess.run([sim.start("--version").args[0], *command], stdout=full, stderr=subprocess.PIPE,
                                   text=True, env=sim.env, timeout=60)

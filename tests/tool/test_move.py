@@ -86,7 +86,9 @@ def test_ctrl_c_stops_a_motion_and_tells_where_the_hand_stands(sim, tmp_path):
     assert max(hand["positions"]) < 2000
 
 
-@pytest.mark.parametrize("fault, link, status", [("--silent-after=60", "zlg", 4), ("--serial-unplug-after=40", "serial", 3)])
+@pytest.mark.parametrize(
+    "fault, link, status", [("--silent-after=60", "zlg", 4), ("--serial-unplug-after=40", "serial", 3)]
+)
 def test_a_hand_that_goes_while_it_moves_is_told(make_sim, fault, link, status):
     sim = make_sim("--hand=brisa:1", fault)
     gone = sim.korvane("move", "-H", sim.address(link), "--to", "500", "--seconds", "20")
@@ -149,7 +151,7 @@ ROW = ",1" * 10 + "\n"
         (HEAD + COLUMNS + "2" + ROW + "1" + ROW, "line 4: its time"),
         (HEAD[2:] + '{"time_s":0,"positions":[1]}\n{"time_s":1,"positions":[1,2]}\n', "another number"),
         (HEAD[2:] + '{"time_s":0}\n', "positions"),
-        (HEAD.replace("positions", "velocities") + COLUMNS.replace("positions", "velocities") + "0" + ROW, "no positions"),
+        ((HEAD + COLUMNS).replace("positions", "velocities") + "0" + ROW, "no positions"),
     ],
 )
 def test_a_recording_that_is_wrong_in_any_way_moves_nothing(sim, tmp_path, content, text):

@@ -32,8 +32,15 @@ def options_of(*command):
 
 
 def completed(*words):
-    script = f'source <("{TOOL}" completion); COMP_WORDS=(korvane "$@" ""); COMP_CWORD=$(($# + 1)); _korvane; echo "${{COMPREPLY[@]}}"'
-    return set(subprocess.run(["bash", "-c", script, "bash", *words], capture_output=True, text=True, check=True).stdout.split())
+    script = f"""
+source <("{TOOL}" completion)
+COMP_WORDS=(korvane "$@" "")
+COMP_CWORD=$(($# + 1))
+_korvane
+echo "${{COMPREPLY[@]}}"
+"""
+    done = subprocess.run(["bash", "-c", script, "bash", *words], capture_output=True, text=True, check=True)
+    return set(done.stdout.split())
 
 
 @pytest.mark.parametrize("command", list(every_command()), ids=" ".join)

@@ -134,7 +134,8 @@ def test_all_models_are_described_and_tell_what_they_have(sim, serve):
 
 def test_the_page_comes_whole_and_keeps_to_itself(serve):
     site = serve()
-    for path, part in (("/", '<script src="/page.js"'), ("/page.js", "EventSource"), ("/style.css", "prefers-color-scheme")):
+    parts = {"/": '<script src="/page.js"', "/page.js": "EventSource", "/style.css": "prefers-color-scheme"}
+    for path, part in parts.items():
         status, text, headers = site.ask("GET", path)
         assert status == 200 and part in text
         policy = headers["Content-Security-Policy"]
@@ -284,7 +285,8 @@ def test_changes_need_the_page_its_origin_and_the_owner(controlled):
         ({"Sec_Fetch_Site": "cross-site"}, 403),
     ):
         assert controlled.ask("POST", path, take, **{**right, **wrong})[0] == status, wrong
-    for body, status in (("", 400), ("[]", 400), ("{", 400), ("[" * 60000, 400), ('{"action": "fly"}', 400), ("x" * 70000, 413)):
+    refused = {"": 400, "[]": 400, "{": 400, "[" * 60000: 400, '{"action": "fly"}': 400, "x" * 70000: 413}
+    for body, status in refused.items():
         assert controlled.ask("POST", path, body, **right)[0] == status, body[:10]
     first = controlled.post("1/control", {"action": "take"})[1]
     assert controlled.post("1/control", {"action": "take"})[0] == 409
@@ -330,7 +332,8 @@ def updated(make_sim, tmp_path):
     sim.env["XDG_RUNTIME_DIR"] = str(tmp_path)
     image = tmp_path / "image.bin"
     image.write_bytes(bytes(40 * 2048))
-    return sim, lambda: sim.start("update", image, "-H", sim.address("zlg"), "--yes", "--expect", "1.1.0", "--timeout", "1000")
+    options = ("-H", sim.address("zlg"), "--yes", "--expect", "1.1.0", "--timeout", "1000")
+    return sim, lambda: sim.start("update", image, *options)
 
 
 @pytest.mark.parametrize("killed", [False, True])

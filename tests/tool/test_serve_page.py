@@ -15,9 +15,9 @@ webdriver = pytest.importorskip("selenium.webdriver", reason="the page is tried 
 if not shutil.which("chromium") or not shutil.which("chromedriver"):
     pytest.skip("the page is tried where chromium and chromium-driver are installed", allow_module_level=True)
 
-import selenium.webdriver.chrome.service  # noqa: E402  where it is there at all
-import selenium.webdriver.common.action_chains  # noqa: E402
-import selenium.webdriver.support.wait  # noqa: E402
+from selenium.webdriver.chrome.service import Service  # noqa: E402  where it is there at all
+from selenium.webdriver.common.action_chains import ActionChains  # noqa: E402
+from selenium.webdriver.support.wait import WebDriverWait  # noqa: E402
 
 SPACE = "\ue00d"
 PICTURES = os.environ.get("KORVANE_PICTURES")
@@ -30,7 +30,7 @@ class Browser:
         for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage"):
             options.add_argument(argument)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-        service = webdriver.chrome.service.Service(shutil.which("chromedriver"))
+        service = Service(shutil.which("chromedriver"))
         self.driver = webdriver.Chrome(service=service, options=options)
 
     def look_at(self, url, width=1280, height=900, scheme="light"):
@@ -46,7 +46,7 @@ class Browser:
         return self.driver.execute_script(script)
 
     def wait(self, script):
-        waiting = webdriver.support.wait.WebDriverWait(self.driver, LIMIT, 0.05)
+        waiting = WebDriverWait(self.driver, LIMIT, 0.05)
         return waiting.until(lambda driver: driver.execute_script(script), script)
 
     def wait_with_held_key(self, script):
@@ -56,7 +56,7 @@ class Browser:
                 return driver.execute_script(script)
             self.keys().key_up(SPACE).key_down(SPACE).perform()
 
-        webdriver.support.wait.WebDriverWait(self.driver, LIMIT, 0.05).until(look, script)
+        WebDriverWait(self.driver, LIMIT, 0.05).until(look, script)
 
     def text(self, selector):
         return self.run(f"return document.querySelector({selector!r}).textContent")
@@ -68,7 +68,7 @@ class Browser:
         return [line["message"] for line in self.driver.get_log("browser")]
 
     def keys(self):
-        return webdriver.common.action_chains.ActionChains(self.driver)
+        return ActionChains(self.driver)
 
     def find(self, selector):
         return self.driver.find_element("css selector", selector)
@@ -94,7 +94,8 @@ def serve():
         site.end()
 
 
-ANGLE = "parseFloat([...document.querySelectorAll('.joints tr')].find(r => r.textContent.includes('index flexion')).lastChild.textContent)"
+ANGLE = ("parseFloat([...document.querySelectorAll('.joints tr')]"
+         ".find(r => r.textContent.includes('index flexion')).lastChild.textContent)")
 TOUCH = "[...document.querySelectorAll('figcaption span')].reduce((sum, s) => sum + Number(s.textContent), 0)"
 PRESSED = "document.querySelector('.hold').getAttribute('aria-pressed')"
 
@@ -105,12 +106,13 @@ def test_the_page_shows_every_model_and_only_shows(sim, serve, browser):
     browser.look_at(site.url)
     browser.wait("return [...document.querySelectorAll('.state')].filter(s => s.textContent === 'live').length === 5")
     assert browser.text("#connection") == "Connected"
-    rows = browser.run("return [...document.querySelectorAll('.hand')].map(h => h.querySelectorAll('.motors tbody tr').length)")
-    assert rows == [10, 12, 10, 4, 20]
-    drawn = "return [...document.querySelectorAll('.figure')].every(c => c.getContext('2d').getImageData(0, 0, c.width, c.height).data.some(Boolean))"
-    assert browser.run(drawn)
+    rows = "return [...document.querySelectorAll('.hand')].map(h => h.querySelectorAll('.motors tbody tr').length)"
+    assert browser.run(rows) == [10, 12, 10, 4, 20]
+    assert browser.run("""return [...document.querySelectorAll('.figure')].every(
+        c => c.getContext('2d').getImageData(0, 0, c.width, c.height).data.some(Boolean))""")
     assert browser.run("return [...document.querySelectorAll('.control')].every(c => c.hidden)")
-    unnamed = "return [...document.querySelectorAll('canvas, input, button, select')].filter(e => !e.getAttribute('aria-label') && !e.textContent && !e.closest('label')).length"
+    unnamed = """return [...document.querySelectorAll('canvas, input, button, select')].filter(
+        e => !e.getAttribute('aria-label') && !e.textContent && !e.closest('label')).length"""
     assert browser.run(unnamed) == 0
     assert browser.complaints() == []
 
@@ -121,14 +123,17 @@ def test_the_hand_moves_on_the_page_while_the_switch_is_held(sim, serve, browser
     site = serve(sim, "-H", address, "--allow-control")
     browser.look_at(site.url)
     browser.wait(f"return {ANGLE} < 0.1 && document.querySelectorAll('figcaption').length === 7")
-    browser.run("window.jumps = []; new PerformanceObserver(l => jumps.push(...l.getEntries().map(e => e.value))).observe({type: 'layout-shift'})")
+    browser.run("""window.jumps = [];
+        new PerformanceObserver(list => jumps.push(...list.getEntries().map(entry => entry.value)))
+            .observe({type: 'layout-shift'})""")
     before = browser.run(f"return [document.querySelector('.figure').toDataURL(), {TOUCH}]")
     browser.find(".take").click()
     browser.wait_for_text(".owner", "You control this hand")
     browser.run("document.querySelector('.mode').value = '5'; document.querySelector('.hold').focus()")
     browser.keys().key_down(SPACE).perform()
     browser.wait_with_held_key(f"return {ANGLE} > 0.3")
-    browser.wait_with_held_key(f"return {TOUCH} > {before[1]} && document.querySelector('.figure').toDataURL() !== {before[0]!r}")
+    has_moved = f"document.querySelector('.figure').toDataURL() !== {before[0]!r}"
+    browser.wait_with_held_key(f"return {TOUCH} > {before[1]} && {has_moved}")
     # Another window comes to the front.
     browser.run("window.dispatchEvent(new Event('blur'))")
     assert browser.run(f"return {PRESSED}") == "false"
@@ -136,7 +141,11 @@ def test_the_hand_moves_on_the_page_while_the_switch_is_held(sim, serve, browser
     assert site.event()["angles"][6] == pytest.approx(stopped, abs=0.1)
     browser.keys().key_up(SPACE).perform()
     # A slider goes by its own limits; the hand follows while the switch is held, by the mouse too.
-    browser.run("const s = [...document.querySelectorAll('.sliders label')].find(l => l.textContent.includes('index flexion')).querySelector('input'); s.value = 99; s.dispatchEvent(new Event('input'))")
+    browser.run("""const label = [...document.querySelectorAll('.sliders label')]
+            .find(l => l.textContent.includes('index flexion'));
+        const slider = label.querySelector('input');
+        slider.value = 99;
+        slider.dispatchEvent(new Event('input'))""")
     browser.keys().click_and_hold(browser.find(".hold")).perform()
     browser.wait(f"return {ANGLE} > 1.45")
     browser.keys().release().perform()
@@ -184,14 +193,16 @@ def test_a_browser_is_let_in_by_the_token_and_forgets_it(sim, serve, browser):
     assert browser.run("return document.cookie") == ""
 
 
-@pytest.mark.parametrize("width, height, scheme", [(360, 1900, "light"), (360, 1900, "dark"), (1920, 800, "light"), (1920, 800, "dark")])
+@pytest.mark.parametrize("width, height", [(360, 1900), (1920, 800)])
+@pytest.mark.parametrize("scheme", ["light", "dark"])
 def test_nothing_is_wider_than_the_screen(sim, serve, browser, width, height, scheme):
     address = sim.address("zlg")
     assert sim.korvane("move", "-H", address, "--gesture", "3").status == 0
     site = serve(sim, "-H", address, "--allow-control")
     browser.look_at(site.url, width, height, scheme)
     browser.wait("return document.querySelectorAll('figcaption').length === 7")
-    too_wide = "return [...document.querySelectorAll('main *')].filter(e => e.getBoundingClientRect().right > innerWidth).map(e => e.className)"
+    too_wide = """return [...document.querySelectorAll('main *')]
+        .filter(e => e.getBoundingClientRect().right > innerWidth).map(e => e.className)"""
     assert browser.run(too_wide) == []
     if PICTURES:
         browser.wait("return Number(document.querySelectorAll('.link dd')[1].textContent.split(' ')[2]) > 900")

@@ -45,7 +45,8 @@ def test_refuses_before_anything_is_sent(sim, image, address, packets, options, 
 
 
 def update(sim, *arguments):
-    """A busy machine keeps what a hand acknowledges for longer than an update waits: once more then, as the tool advises."""
+    """A busy machine keeps what a hand acknowledges for longer than an update waits: once more then, as the tool
+    advises."""
     for _ in range(5):
         done = sim.korvane("update", *arguments, "--yes")
         if done.status == 0:
