@@ -49,6 +49,13 @@ need() {
     install "$@" 2>/dev/null || { apt-get update -qq && install "$@"; }' sh "${missing[@]}"
 }
 
+# Everything there is, with tests and benchmarks, in build/dev.
+build_dev() {
+  need g++ cmake ninja-build libcxx-serial-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev \
+    libfmt-dev cyclonedds-dev cyclonedds-tools pybind11-dev python3-dev python3-numpy
+  build_preset dev
+}
+
 # build_preset PRESET [-DSETTING]... [TARGET]...: configures and builds it; quiet unless it fails.
 build_preset() {
   local preset=$1 settings=() targets=() log
