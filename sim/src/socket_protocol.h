@@ -1,15 +1,13 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "backend.h"
+#include "util/unique_fd.h"
 
 /// What the stand-in libraries and korvane-sim say to each other over a SOCK_SEQPACKET socket.
 ///
@@ -24,28 +22,6 @@ using Question = std::array<std::uint8_t, 4>;
 
 inline constexpr std::size_t kFrameHead = 4;
 inline constexpr std::size_t kMaxMessage = kFrameHead + 64;
-
-/// A file descriptor that closes itself.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() {
-    if (fd_ >= 0) close(fd_);
-  }
-
-  int Get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
 
 /// $KORVANE_SIM_SOCKET, or else a place of the user's own.
 std::string SocketPath();

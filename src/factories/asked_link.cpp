@@ -7,7 +7,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +17,7 @@
 #include "can/canbus_library.h"
 #include "can/usbcanfd_library.h"
 #include "can/zlg_usbcanfd_device.h"
+#include "util/unique_fd.h"
 
 namespace talvera::korvane {
 namespace {
@@ -28,21 +28,6 @@ std::string Reason(int system_error) { return std::generic_category().message(sy
 Failure NoLink(const std::string& text, int system_error = 0) {
   return {FailureKind::NO_LINK, "", text, system_error};
 }
-
-/// A descriptor that is closed with its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  operator int() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 /// One question about an interface; false if there is none of that name.
 bool AskInterface(int socket_fd, const std::string& name, unsigned long question, ifreq& answer) {
@@ -78,13 +63,14 @@ std::string LinkText(const HandAddress& address) {
 }
 
 std::optional<Failure> InterfaceProblem(const std::string& name) {
-  const Descriptor any(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const UniqueFd any(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ifreq answer;
-  if (!AskInterface(any, name, SIOCGIFFLAGS, answer)) return std::nullopt;
+  if (!AskInterface(any.Get(), name, SIOCGIFFLAGS, answer)) return std::nullopt;
   const bool up = (answer.ifr_flags & IFF_UP) != 0;
-  if (!IsCan(any, name)) return NoLink(Compose(name, " is no CAN interface"), ENODEV);
+  if (!IsCan(any.Get(), name)) return NoLink(Compose(name, " is no CAN interface"), ENODEV);
   if (!up) return NoLink(Compose(name, ": the interface is down"), ENETDOWN);
-  if (AskInterface(any, name, SIOCGIFMTU, answer) && answer.ifr_mtu < static_cast<int>(CANFD_MTU)) {
+  if (AskInterface(any.Get(), name, SIOCGIFMTU, answer) &&
+      answer.ifr_mtu < static_cast<int>(CANFD_MTU)) {
     return NoLink(
         Compose(name, ": the interface carries no CAN FD frames, its MTU is ", answer.ifr_mtu));
   }
@@ -93,11 +79,11 @@ std::optional<Failure> InterfaceProblem(const std::string& name) {
 
 std::vector<std::string> CanInterfaces() {
   std::vector<std::string> names;
-  const Descriptor any(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const UniqueFd any(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> interfaces(
       if_nameindex(), &if_freenameindex);
   for (auto* at = interfaces.get(); at != nullptr && at->if_index != 0; ++at) {
-    if (IsCan(any, at->if_name)) names.emplace_back(at->if_name);
+    if (IsCan(any.Get(), at->if_name)) names.emplace_back(at->if_name);
   }
   return names;
 }

@@ -72,16 +72,11 @@ void Lock(int descriptor) {
 
 PortClaim::PortClaim(const std::string& port, unsigned baud)
     : descriptor_(open(port.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY)) {
-  Check(descriptor_);
-  try {
-    CheckTerminal(descriptor_);
-    Lock(descriptor_);
-    next_ = CheckRoomForDescriptor(descriptor_);
-    CheckSpeed(descriptor_, baud);
-  } catch (...) {
-    close(descriptor_);
-    throw;
-  }
+  Check(Descriptor());
+  CheckTerminal(Descriptor());
+  Lock(Descriptor());
+  next_ = CheckRoomForDescriptor(Descriptor());
+  CheckSpeed(Descriptor(), baud);
 }
 
 /// Another file of the process may have got that number; it is left alone unless it is this port,
@@ -89,16 +84,14 @@ PortClaim::PortClaim(const std::string& port, unsigned baud)
 void PortClaim::CloseLost() const {
   struct stat claimed {};
   struct stat lost {};
-  if (fstat(descriptor_, &claimed) != 0 || fstat(next_, &lost) != 0) return;
+  if (fstat(Descriptor(), &claimed) != 0 || fstat(next_, &lost) != 0) return;
   if (claimed.st_dev == lost.st_dev && claimed.st_ino == lost.st_ino) close(next_);
 }
 
 /// A child of this process that hasn't started its program yet may share the descriptor: so the
 /// lock is given back by itself.
 PortClaim::~PortClaim() {
-  if (descriptor_ < 0) return;
-  flock(descriptor_, LOCK_UN);
-  close(descriptor_);
+  if (descriptor_) flock(Descriptor(), LOCK_UN);
 }
 
 }  // namespace talvera::korvane

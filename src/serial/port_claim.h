@@ -1,7 +1,8 @@
 #pragma once
 
 #include <string>
-#include <utility>
+
+#include "util/unique_fd.h"
 
 namespace talvera::korvane {
 
@@ -17,13 +18,8 @@ class PortClaim {
   PortClaim() = default;
   /// Throws serial::IOException if the port can't be claimed.
   PortClaim(const std::string& port, unsigned baud);
-  PortClaim(PortClaim&& other) noexcept
-      : descriptor_(std::exchange(other.descriptor_, -1)), next_(other.next_) {}
-  PortClaim& operator=(PortClaim&& other) noexcept {
-    std::swap(descriptor_, other.descriptor_);
-    std::swap(next_, other.next_);
-    return *this;
-  }
+  PortClaim(PortClaim&&) = default;
+  PortClaim& operator=(PortClaim&&) = default;
   ~PortClaim();
 
   /// Closes the descriptor that the serial library lost, if it opened the port under this claim and
@@ -31,10 +27,10 @@ class PortClaim {
   void CloseLost() const;
 
   /// For poll, which tells through it whether the port has bytes; negative without a port.
-  int Descriptor() const { return descriptor_; }
+  int Descriptor() const { return descriptor_.Get(); }
 
  private:
-  int descriptor_ = -1;
+  UniqueFd descriptor_;
   /// The one that the serial library gets when it opens the port.
   int next_ = -1;
 };

@@ -1,7 +1,8 @@
 #pragma once
 
 #include <sys/eventfd.h>
-#include <unistd.h>
+
+#include "util/unique_fd.h"
 
 namespace talvera::korvane {
 
@@ -9,28 +10,21 @@ namespace talvera::korvane {
 /// that thread looks around when its time is over.
 class WakeEvent {
  public:
-  WakeEvent() = default;
-  WakeEvent(const WakeEvent&) = delete;
-  WakeEvent& operator=(const WakeEvent&) = delete;
-  ~WakeEvent() {
-    if (descriptor_ >= 0) close(descriptor_);
-  }
-
   /// Before any other thread knows this object.
   void Open() {
-    if (descriptor_ < 0) descriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (!descriptor_) descriptor_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   }
 
   /// For poll, which passes over it if it is negative.
-  int Descriptor() const { return descriptor_; }
-  void Signal() const { eventfd_write(descriptor_, 1); }
+  int Descriptor() const { return descriptor_.Get(); }
+  void Signal() const { eventfd_write(Descriptor(), 1); }
   void Clear() const {
     eventfd_t count = 0;
-    eventfd_read(descriptor_, &count);
+    eventfd_read(Descriptor(), &count);
   }
 
  private:
-  int descriptor_ = -1;
+  UniqueFd descriptor_;
 };
 
 }  // namespace talvera::korvane
