@@ -3,9 +3,11 @@
 import csv
 import io
 import json
+import signal
 import subprocess
 
 import pytest
+from conftest import LIMIT
 
 MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
 #: A serial port has a Brisa.
@@ -150,3 +152,22 @@ def test_nothing_is_believed_that_could_not_be_written(sim):
             done = subprocess.run([sim.start("--version").args[0], *command], stdout=full, stderr=subprocess.PIPE,
                                   text=True, env=sim.env, timeout=60)
         assert done.returncode == 1 and "No space left" in done.stderr
+
+
+def test_ctrl_c_switches_reports_off_that_do_not_come(make_sim, tmp_path):
+    sim = make_sim("--hand=tessel:2", "--silent-after=2", serial=False)  # enough to be opened twice
+    frames = tmp_path / "frames"
+    recorder = sim.start("record", "-H", "hcan:0.0:tessel:2", "--frames", "-o", frames)
+    while not (frames.exists() and frames.stat().st_size):
+        sim.korvane("info", "-H", "zlg:0.0:tessel:9", "--timeout", 10)
+    stopped = sim.start("watch", "--csv", "--values", "currents", "--report-period", 65535, "-H", "zlg:0.0:tessel:2")
+    on = "FFFF" * 12
+    while on not in frames.read_text():
+        assert recorder.poll() is None
+    stopped.send_signal(signal.SIGINT)
+    stopped.communicate(timeout=LIMIT)
+    recorder.send_signal(signal.SIGINT)
+    recorder.communicate(timeout=LIMIT)
+    sent = [line.split()[-1].split("##1") for line in frames.read_text().splitlines()]
+    switched_on = [function for function, data in sent if on in data]
+    assert switched_on and [function for function, data in sent if set(data) == {"0"} and function in switched_on] == switched_on

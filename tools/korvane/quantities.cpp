@@ -122,18 +122,20 @@ Outcome<void> Reports::SetPeriod(int period) const {
   });
 }
 
-void Reports::AwaitFirst() const {
-  if (!on_) return;
+bool Reports::AwaitFirst(const std::function<bool()>& is_over) const {
+  if (!on_) return true;
   constexpr auto kLimit = std::chrono::seconds(2);
   const auto end = std::chrono::steady_clock::now() + kLimit;
   for (const char* const key : {"currents", "temperatures"}) {
     while (!Read(hand_, QuantityNamed(key))) {
+      if (is_over()) return false;
       if (std::chrono::steady_clock::now() > end) {
         throw ToolError({FailureKind::NO_REPLY, "reports", "the hand sends no reports", 0});
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   }
+  return true;
 }
 
 std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& hand,

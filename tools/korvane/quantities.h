@@ -4,6 +4,7 @@
 #include <korvane_types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -42,8 +43,8 @@ class Reports {
   Reports(const Reports&) = delete;
   Reports& operator=(const Reports&) = delete;
 
-  /// Waits until there is one of each.
-  void AwaitFirst() const;
+  /// Waits until there is one of each, or `is_over`; whether there is.
+  bool AwaitFirst(const std::function<bool()>& is_over = [] { return false; }) const;
 
  private:
   Outcome<void> SetPeriod(int period) const;

@@ -90,9 +90,9 @@ class Record : public Command {
   int Run(Tool& tool) override {
     CheckFormat();
     const OpenedHand hand = tool.Open();
-    const Reports reports(hand, sampling_.report_period);
-    reports.AwaitFirst();
     const Interrupt interrupt;
+    const Reports reports(hand, sampling_.report_period);
+    if (!reports.AwaitFirst([&] { return interrupt.Came(); })) return kInterrupted;
     OutputFile file(path_, overwrite_);
     const std::chrono::duration<double> time(sampling_.seconds);
     const auto end = sampling_.seconds > 0

@@ -104,9 +104,9 @@ class Watch : public Command {
 
   int Run(Tool& tool) override {
     const OpenedHand hand = tool.Open();
-    const Reports reports(hand, sampling_.report_period);
-    reports.AwaitFirst();
     const Interrupt interrupt;
+    const Reports reports(hand, sampling_.report_period);
+    if (!reports.AwaitFirst([&] { return interrupt.Came(); })) return kInterrupted;
     const bool lines = csv_ || tool.options.json;
     start_ = Clock::now();
     lines ? WriteLines(tool, hand, interrupt) : Draw(tool, hand, interrupt);
