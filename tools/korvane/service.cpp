@@ -9,6 +9,8 @@
 #include "commands.h"
 #include "confirm.h"
 #include "hand_id.h"
+#include "interrupt.h"
+#include "output_file.h"
 #include "service_hand.h"
 #include "service_report.h"
 #include "settings.h"
@@ -61,6 +63,7 @@ class Service : public Command {
       leaf.Add("file", file_, "The file of settings").Required().Value("FILE");
     }
     for (Options leaf : {set, number, apply}) {
+    write.AddFlag("--overwrite", overwrite_, "Replace a file that is there");
       leaf.AddFlag("--save", save_, "Keep it for good, with all other present settings");
     }
     for (Options leaf : {number, id, apply}) {
@@ -259,8 +262,13 @@ class Service : public Command {
   int Export(Tool& tool) {
     const ServiceHand hand = OpenService(tool);
     Json document = ToJson(hand.address);
+    const Interrupt interrupt;  // the file is whole or isn't there
+    OutputFile file(file_, overwrite_, Appears::WHEN_WHOLE);
+    const Json settings = SettingsFileOf(hand);
+    file.Write(settings.dump(2) + "\n");
+    file.Finish();
     document["file"] = file_;
-    document["settings"] = WriteSettingsFile(file_, hand)["settings"];
+    document["settings"] = settings["settings"];
     tool.PrintJson(document);
     tool.Print(fmt::format("{} settings of {} written to {}\n", document["settings"].size(),
                            hand.address.ToString(), file_));
@@ -395,6 +403,7 @@ class Service : public Command {
   std::string file_;
   bool save_ = false;
   bool yes_ = false;
+  bool overwrite_ = false;
 };
 
 }  // namespace

@@ -103,13 +103,15 @@ void Tool::Warn(const std::string& text) const {
   if (!options.quiet) fmt::print(stderr, "korvane: {}\n", text);
 }
 
-int Tool::Report(const ToolError& error) const {
+int Tool::Report(const ToolError& error) const { return Report(error, Json::object()); }
+
+int Tool::Report(const ToolError& error, Json document) const {
   std::fflush(stdout);
   const bool failed = error.Cause().kind != FailureKind::NONE;
   fmt::print(stderr, "korvane: {}\n", failed ? PlainText(error.Cause()) : error.what());
   const std::string advice = failed ? AdviceOn(error.Cause()) : "";
   if (!advice.empty()) fmt::print(stderr, "{}\n", advice);
-  Json document{{"error", failed ? ToJson(error.Cause()) : Json{{"text", error.what()}}}};
+  document["error"] = failed ? ToJson(error.Cause()) : Json{{"text", error.what()}};
   document["error"]["status"] = error.Status();
   PrintJson(document);
   return error.Status();

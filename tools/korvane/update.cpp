@@ -32,7 +32,7 @@ constexpr int kCannotOpen = -2;
 /// An update over a serial port has that many passes, in each of which one packet goes out.
 constexpr int kSerialPackets = 150;
 constexpr double kPacketKilobytes = 2.048;
-constexpr std::size_t kBarWidth = 30;
+constexpr std::size_t kProgressWidth = 30;
 constexpr auto kTick = std::chrono::milliseconds(100);
 /// A hand restarts for seconds after an update.
 constexpr int kTries = 20;
@@ -108,7 +108,7 @@ class Display {
   static std::string BarOf(const UpdateState& state, double seconds) {
     const double part = state.total > 0 ? static_cast<double>(state.done) / state.total : 0;
     const double rate = seconds > 0 ? state.done / seconds : 0;
-    const std::string count = fmt::format("{} {:3.0f} %  {}/{} packets", Bar(part, kBarWidth),
+    const std::string count = fmt::format("{} {:3.0f} %  {}/{} packets", Bar(part, kProgressWidth),
                                           part * 100, state.done, state.total);
     if (state.whole) return count + "  the hand checks and restarts";
     if (rate <= 0) return count + "  waiting for the hand";

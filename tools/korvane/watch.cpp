@@ -118,7 +118,7 @@ class Watch : public Command {
   void WriteLines(const Tool& tool, const OpenedHand& hand, const Interrupt& interrupt) {
     if (sampling_.keys.empty()) sampling_.keys = {"positions"};
     Sampler sampler(hand, sampling_.keys);
-    OutputFile out("-", false);
+    OutputFile out("-", false, Appears::AT_ONCE);
     Patience patience(hand, kFailedReadings);
     SampleWriter writer(out, csv_ ? SampleFormat::CSV : SampleFormat::JSON_LINES, sampler,
                         sampling_.rate_hz);
