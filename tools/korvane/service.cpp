@@ -14,6 +14,7 @@
 #include "service_hand.h"
 #include "service_report.h"
 #include "settings.h"
+#include "standard_streams.h"
 #include "terminal.h"
 #include "tool.h"
 
@@ -62,8 +63,8 @@ class Service : public Command {
     for (Options leaf : {write, diff, apply}) {
       leaf.Add("file", file_, "The file of settings").Required().Value("FILE");
     }
-    for (Options leaf : {set, number, apply}) {
     write.AddFlag("--overwrite", overwrite_, "Replace a file that is there");
+    for (Options leaf : {set, number, apply}) {
       leaf.AddFlag("--save", save_, "Keep it for good, with all other present settings");
     }
     for (Options leaf : {number, id, apply}) {
@@ -261,12 +262,12 @@ class Service : public Command {
 
   int Export(Tool& tool) {
     const ServiceHand hand = OpenService(tool);
-    Json document = ToJson(hand.address);
     const Interrupt interrupt;  // the file is whole or isn't there
     OutputFile file(file_, overwrite_, Appears::WHEN_WHOLE);
     const Json settings = SettingsFileOf(hand);
     file.Write(settings.dump(2) + "\n");
     file.Finish();
+    Json document = ToJson(hand.address);
     document["file"] = file_;
     document["settings"] = settings["settings"];
     tool.PrintJson(document);
@@ -385,9 +386,10 @@ class Service : public Command {
     if (failure.kind != FailureKind::NONE) {
       // A reply that was lost doesn't tell whether the request was, too.
       const bool unsure = failure.kind == FailureKind::NO_REPLY && !document["not_changed"].empty();
-      fmt::print(stderr, "korvane: {}\n{} values were written and {} not{}. Apply once more.\n",
-                 PlainText(failure), document["changed"].size(), document["not_changed"].size(),
-                 unsure ? "; the hand may have taken the first of these" : "");
+      WriteToStderr(fmt::format(
+          "korvane: {}\n{} values were written and {} not{}. Apply once more.\n",
+          PlainText(failure), document["changed"].size(), document["not_changed"].size(),
+          unsure ? "; the hand may have taken the first of these" : ""));
       return;
     }
     if (document["changed"].empty()) tool.Print("The hand has these settings.\n");
@@ -401,9 +403,9 @@ class Service : public Command {
   int id_ = 0;
   std::string text_;
   std::string file_;
+  bool overwrite_ = false;
   bool save_ = false;
   bool yes_ = false;
-  bool overwrite_ = false;
 };
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -16,6 +15,7 @@
 #include "commands.h"
 #include "confirm.h"
 #include "interrupt.h"
+#include "standard_streams.h"
 #include "terminal.h"
 #include "tool.h"
 #include "update_advice.h"
@@ -98,7 +98,7 @@ class Display {
       tool_.Print(
           fmt::format("{:3} %  {} of {} packets\n", (shown_ + 1) * 10, state.done, state.total));
     }
-    if (tool_.Talks()) std::fflush(stdout);
+    if (tool_.Talks()) FlushStdout();
   }
 
   /// Leaves the last picture and gives the cursor back.
@@ -231,7 +231,7 @@ class Update : public Command {
   [[noreturn]] void Stop(const Tool& tool, Display& display, const UpdateState& state) {
     display.End();
     Tell(tool, state, "interrupted: the update was stopped", kInterrupted, Failure{});
-    std::fflush(stdout);
+    FlushStdout();
     _exit(kInterrupted);
   }
 
@@ -248,7 +248,7 @@ class Update : public Command {
     const bool interrupted = status == kInterrupted;
     const std::string advice =
         interrupted ? "Update once more, to the end." : WhatToDo(state, failure.kind);
-    fmt::print(stderr, "korvane: {}\n{}\n{}\n", text, StateOfHand(state), advice);
+    WriteToStderr(fmt::format("korvane: {}\n{}\n{}\n", text, StateOfHand(state), advice));
     Json error{{"kind", ToString(failure.kind)},
                {"text", text},
                {"state", StateOfHand(state)},
@@ -307,7 +307,7 @@ class Update : public Command {
     const std::string advice =
         after ? "Check that the file is of that version, and update once more."
               : "Wait, switch the hand off and on, and look at its version with `korvane info`.";
-    fmt::print(stderr, "korvane: {}\n{}\n", text, advice);
+    WriteToStderr(fmt::format("korvane: {}\n{}\n", text, advice));
     return {{"kind", ToString(after.failure().kind)},
             {"text", text},
             {"advice", advice},
