@@ -93,12 +93,24 @@ def test_tells_that_another_version_runs(make_sim, image):
     assert "not 7.0.0" in done.json["error"]["text"]
 
 
+@pytest.fixture
+def slow(make_sim, tmp_path):
+    """Hands that take their time, and what starts an update of the first and waits until it is on its way."""
+    sim = make_sim("--hand=tessel:1", "--hand=tessel:2", "--delay-ms=40", "--restart-ms=100")
+    sim.env["XDG_RUNTIME_DIR"] = str(tmp_path)
+
+    def begin(image):
+        process = sim.start("update", image, "-H", sim.address("zlg", "tessel"), "--yes")
+        while "10 %" not in process.stdout.readline():
+            assert process.poll() is None
+        return process
+
+    return sim, begin
+
+
 @pytest.mark.parametrize("times, status", [(1, 0), (2, 130)])
-def test_ctrl_c_asks_first(make_sim, image, times, status):
-    sim = make_sim("--delay-ms=40", "--restart-ms=100")
-    process = sim.start("update", image(50), "-H", sim.address("zlg"), "--yes", "--timeout", "1000")
-    while "10 %" not in process.stdout.readline():
-        assert process.poll() is None
+def test_ctrl_c_asks_first(slow, image, times, status):
+    process = slow[1](image(50))
     process.send_signal(signal.SIGINT)
     asked = process.stderr.readline()
     assert "Ctrl-C once more" in asked
@@ -108,6 +120,32 @@ def test_ctrl_c_asks_first(make_sim, image, times, status):
     assert process.returncode == status
     assert ("of 50 packets: it may be without firmware" in err) == (times == 2)
     assert ("the hand runs version 1.1.0" in out) == (times == 1)
+
+
+def test_a_reader_that_goes_leaves_the_update_to_its_end(slow, image):
+    sim, begin = slow
+    process = begin(image(20))
+    process.stdout.close()
+    assert "the output can't be written: Broken pipe" in process.stderr.read()
+    assert process.wait(60) == 1
+    assert sim.korvane("info", "-H", sim.address("zlg", "tessel"), "--json").json["firmware"] == "1.1.0"
+
+
+@pytest.mark.parametrize(
+    "hand, status, says",
+    [
+        ("zlg:0.0:tessel:1", 1, "another update of this hand is running"),
+        ("zlg:0.0:1?side=left", 1, "another update of this hand is running"),
+        ("zlg:0.0:tessel:2", 0, "the hand runs version 1.1.0"),
+    ],
+)
+def test_a_hand_is_updated_by_one_at_a_time(slow, image, hand, status, says):
+    sim, begin = slow
+    first = begin(image(20))
+    second = sim.korvane("update", image(1), "-H", hand, "--model", "tessel", "--yes")
+    assert second.status == status and says in second.out + second.err, second
+    out, err = first.communicate(timeout=60)
+    assert first.returncode == 0 and "the hand runs version 1.1.0" in out, err
 
 
 def on_terminal(sim, answer, *arguments):

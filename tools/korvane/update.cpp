@@ -155,7 +155,10 @@ class Update : public Command {
     NeedConfirmable(yes_);
     // Made before the hand: its receive thread may report late, until the hand is gone.
     auto progress = std::make_shared<Progress>();
+    UpdateTurn turn;
+    turn.Take(address);  // before the hand is asked anything, as that could disturb another update
     OpenedHand hand = tool.Open(address);
+    turn.Take(hand.address);  // whose id is known now
     const auto vendor = Need(ReadVendor(*hand));
     before_ = vendor.software_version.ToString();
     document_ = ToJson(hand.address);
@@ -219,7 +222,7 @@ class Update : public Command {
     while (result.wait_for(kTick) != std::future_status::ready) {
       display.Show(*progress, interrupt.Came());
       const UpdateState state = progress->State();
-      note.Tell(state.done, state.total);
+      note.Write(state.done, state.total);
       if (interrupt.Count() > 1) Stop(tool, display, progress->State());
     }
     display.Show(*progress, false);
