@@ -15,12 +15,26 @@
 
 namespace korvane_tool {
 
-/// One reading of a whole hand: a value for each motor, or for each joint.
+/// What a quantity has one value for.
+enum class Per { MOTOR, JOINT };
+
+/// How often what shows a hand live reads it.
+enum class Live {
+  ALWAYS,    ///< In each reading.
+  BY_TURNS,  ///< One of these in each reading, as it changes slowly.
+  NEVER,
+};
+
+/// One reading of a whole hand.
 struct Quantity {
   const char* key;    ///< Its name in documents and options, such as "positions".
   const char* title;  ///< For people.
   const char* unit;   ///< "rad"; empty where it is the hand's own.
+  Per per;
+  Live live;
   std::vector<double> (*get)(const KorvaneBase& hand);
+  bool is_reported = false;    ///< Told in reports only, by a model that has them.
+  bool is_error_word = false;  ///< See ErrorNames.
 };
 
 /// positions, angles, velocities, currents, temperatures, errors, control_modes, thresholds
