@@ -320,7 +320,7 @@ class Service : public Command {
     if (!good) document["error"] = korvane_tool::ToJson(failure);
     if (!good) document["error"]["status"] = status;
     tool.PrintJson(document);
-    TellApplied(tool, document, failure);
+    PrintApplied(tool, document, failure);
     return status;
   }
 
@@ -374,7 +374,7 @@ class Service : public Command {
     }
   }
 
-  void TellApplied(const Tool& tool, const Json& document, const Failure& failure) const {
+  void PrintApplied(const Tool& tool, const Json& document, const Failure& failure) const {
     for (const char* const key : {"changed", "not_changed"}) {
       for (const Json& row : document[key]) {
         const std::string axis = row["axis"].is_null() ? "" : " of axis " + row["axis"].dump();

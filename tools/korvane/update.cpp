@@ -233,7 +233,7 @@ class Update : public Command {
   /// Ends the process in the middle, as nothing else ends an update.
   [[noreturn]] void Stop(const Tool& tool, Display& display, const UpdateState& state) {
     display.End();
-    Tell(tool, state, "interrupted: the update was stopped", kInterrupted, Failure{});
+    PrintFailure(tool, state, "interrupted: the update was stopped", kInterrupted, Failure{});
     FlushStdout();
     _exit(kInterrupted);
   }
@@ -241,13 +241,14 @@ class Update : public Command {
   int Failed(const Tool& tool, const UpdateState& state, const Failure& failure) {
     const bool known = failure.kind != FailureKind::NONE;
     const int status = known && state.code == 0 ? StatusOf(failure) : kFailed;
-    Tell(tool, state, known ? PlainText(failure) : "the update ended before it was complete",
-         status, failure);
+    PrintFailure(tool, state,
+                 known ? PlainText(failure) : "the update ended before it was complete", status,
+                 failure);
     return status;
   }
 
-  void Tell(const Tool& tool, const UpdateState& state, const std::string& text, int status,
-            const Failure& failure) {
+  void PrintFailure(const Tool& tool, const UpdateState& state, const std::string& text, int status,
+                    const Failure& failure) {
     const bool interrupted = status == kInterrupted;
     const std::string advice =
         interrupted ? "Update once more, to the end." : WhatToDo(state, failure.kind);
