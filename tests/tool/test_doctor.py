@@ -5,6 +5,7 @@ adapters that no virtual bus can stand for.
 import fcntl
 import os
 import pathlib
+import signal
 import stat
 import subprocess
 
@@ -119,6 +120,14 @@ def test_without_a_usable_ip_sys_tells(sim, tree, tmp_path, script):
     assert states(found, "bad") == {"up", "mtu"}
     other, status = examine(sim, "can7", "--root", tree, PATH=fake_ip(tmp_path, script))
     assert (status, other["interface"]["command"]) == (3, "korvane doctor -H can0")
+
+
+def test_an_ip_that_does_not_end_is_ended(sim, tree, tmp_path):
+    started = tmp_path / "started"
+    path = fake_ip(tmp_path, f"grep SigIgn /proc/self/status > {started}; exec >&-; exec sleep 600")
+    assert states(examine(sim, "can0", "--root", tree, PATH=path)[0], "bad") == {"interface"}
+    # A broken pipe ends it as it ends other programs.
+    assert not int(started.read_text().split()[1], 16) & 1 << signal.SIGPIPE - 1
 
 
 @pytest.mark.parametrize(

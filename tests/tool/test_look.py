@@ -3,9 +3,11 @@
 import csv
 import io
 import json
+import signal
 import subprocess
 
 import pytest
+from conftest import LIMIT, command_line
 
 MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
 #: A serial port has a Brisa.
@@ -112,10 +114,11 @@ def test_watch_writes_lines_that_programs_can_read(sim):
     objects = sim.korvane("watch", *hand, "--json", "--seconds", "0.2").out.splitlines()
     assert len(json.loads(objects[1])["positions"]) == 12
     assert "--report-period" in sim.korvane("watch", *hand, "--csv", "--values", "currents").err
-    # A reader that has enough ends it, as any filter does.
-    piped = subprocess.run(f"{process.args[0]} watch {' '.join(hand)} --csv | head -n 2", shell=True, env=sim.env,
-                           capture_output=True, text=True)
-    assert len(piped.stdout.splitlines()) == 2 and piped.stderr == ""
+    # A reader that has enough ends it, as Ctrl-C does.
+    process = sim.start("watch", *hand, "--csv")
+    process.stdout.readline()
+    process.stdout.close()
+    assert process.stderr.read() == "" and process.wait(LIMIT) == 0
 
 
 def test_watch_without_a_terminal_shows_the_last_picture(sim):
@@ -149,10 +152,43 @@ def test_ctrl_c_ends_a_command_that_waits_for_a_hand(make_sim, command):
     assert (ended.status, ended.out, ended.err) == (130, "", "")
 
 
-def test_nothing_is_believed_that_could_not_be_written(sim):
-    hand = ["-H", sim.address("zlg")]
-    for command in (["find", "zlg:0.0:2"], ["info", *hand], ["watch", "--csv", *hand]):
-        with open("/dev/full", "w") as full:
-            done = subprocess.run([sim.start("--version").args[0], *command], stdout=full, stderr=subprocess.PIPE,
-                                  text=True, env=sim.env, timeout=60)
-        assert done.returncode == 1 and "No space left" in done.stderr
+def on_full_disk(sim, stream, command):
+    with open("/dev/full", "w") as full:
+        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, stream: full}
+        return subprocess.run(command_line(command.split()), **pipes, text=True, env=sim.env, timeout=LIMIT)
+
+
+@pytest.mark.parametrize(
+    "command",
+    ["find zlg:0.0:2", "info -H zlg:0.0:brisa:1", "info --json -H zlg:0.0:vanta:5", "watch --csv -H zlg:0.0:brisa:1", "--help-all"],
+)
+def test_nothing_is_believed_that_could_not_be_written(sim, command):
+    done = on_full_disk(sim, "stdout", command)
+    assert done.returncode == 1 and "No space left" in done.stderr
+
+
+@pytest.mark.parametrize(
+    "command, status",
+    [("info -H can99:brisa:1", 3), ("info -v -H zlg:0.0:brisa:9", 4), ("--nonsense", 2), ("info -v -H zlg:0.0:brisa:1", 0)],
+)
+def test_a_reason_that_could_not_be_written_changes_no_status(sim, command, status):
+    assert on_full_disk(sim, "stderr", command).returncode == status
+
+
+def test_ctrl_c_switches_reports_off_that_do_not_come(make_sim, tmp_path):
+    sim = make_sim("--hand=tessel:2", "--silent-after=2", serial=False)  # enough to be opened twice
+    frames = tmp_path / "frames"
+    recorder = sim.start("record", "-H", "hcan:0.0:tessel:2", "--frames", "-o", frames)
+    while not (frames.exists() and frames.stat().st_size):
+        sim.korvane("info", "-H", "zlg:0.0:tessel:9", "--timeout", 10)
+    stopped = sim.start("watch", "--csv", "--values", "currents", "--report-period", 65535, "-H", "zlg:0.0:tessel:2")
+    on = "FFFF" * 12
+    while on not in frames.read_text():
+        assert recorder.poll() is None
+    stopped.send_signal(signal.SIGINT)
+    stopped.communicate(timeout=LIMIT)
+    recorder.send_signal(signal.SIGINT)
+    recorder.communicate(timeout=LIMIT)
+    sent = [line.split()[-1].split("##1") for line in frames.read_text().splitlines()]
+    switched_on = [function for function, data in sent if on in data]
+    assert switched_on and [function for function, data in sent if set(data) == {"0"} and function in switched_on] == switched_on

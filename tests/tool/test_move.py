@@ -1,10 +1,14 @@
 """move, record, replay and bench: what moves a hand, and what keeps and measures what it tells."""
 
+import json
 import re
+import resource
 import shutil
+import signal
 import subprocess
 
 import pytest
+from conftest import LIMIT, command_line
 
 BRISA = ("-H", "zlg:0.0:brisa:1")
 TESSEL = ("-H", "zlg:0.0:tessel:2")
@@ -118,8 +122,6 @@ def test_a_recording_is_played_as_it_was(sim, tmp_path, form):
     assert checked["seconds"] == pytest.approx(times[-1] - times[0], abs=1e-5)
     assert sim.korvane("replay", file, *lumen, "--map", "1=2").status == 0
     assert positions(sim, lumen) == [2000, 1000, 2000, 2000]
-    existing = sim.korvane("record", *BRISA, "-o", file, "--seconds", "0.1")
-    assert existing.status == 2 and "--overwrite" in existing.err
 
 
 def test_a_worn_quill_is_played_on_a_brisa(sim, tmp_path):
@@ -173,8 +175,6 @@ def test_frames_are_those_that_can_utils_read(sim, tmp_path):
     if shutil.which("log2asc"):
         asc = subprocess.run(["log2asc", "-I", file, "can0"], capture_output=True, text=True)
         assert asc.stdout.count("CANFD") == len(file.read_text().splitlines())
-    serial = sim.korvane("record", "-H", f"serial:{sim.port}", "--frames", "--seconds", "0.1")
-    assert serial.status == 2 and "jsonl" in serial.err
 
 
 @pytest.mark.parametrize("what", [[], ["--frames"]])
@@ -205,3 +205,83 @@ def test_bench_counts_what_is_lost(make_sim):
     sim = make_sim("--hand=brisa:1", "--silent-after=10", serial=False)
     told = sim.korvane("bench", "-H", sim.address("zlg"), "--count", "100", "--timeout", 50)
     assert told.status == 4 and " 20 " in told.out  # as many in a row, and it gives up
+
+
+#: What writes a file, which comes last.
+WRITERS = {
+    "record": ["record", "--seconds", "0.1", "-o"],
+    "bench": ["bench", "--count", "10", "--save"],
+    "export": ["service", "export"],
+}
+REPLACING = ("bench", "export")
+
+
+@pytest.fixture
+def write(sim):
+    def run(writer, file, *options):
+        return sim.korvane(*WRITERS[writer], file, "-H", sim.address("serial"), *options)
+
+    return run
+
+
+@pytest.mark.parametrize("writer", WRITERS)
+def test_a_file_is_replaced_only_if_that_is_wished(write, tmp_path, writer):
+    file, link = tmp_path / "file", tmp_path / "link"
+    link.symlink_to(file)
+    assert write(writer, file).status == 0
+    first = file.read_text()
+    file.write_text("old")
+    file.chmod(0o640)
+    kept = write(writer, link)
+    assert kept.status == 2 and "--overwrite" in kept.err and file.read_text() == "old"
+    assert write(writer, link, "--overwrite").status == 0
+    assert file.read_text()[:10] == first[:10] and link.is_symlink() and file.stat().st_mode & 0o777 == 0o640
+    assert sorted(tmp_path.iterdir()) == [file, link]
+
+
+@pytest.mark.parametrize("writer", WRITERS)
+@pytest.mark.parametrize("file, reason", [("/nowhere/file", "No such file"), ("/dev/full", "No space left"), ("/", "s a directory")])
+def test_a_file_that_cannot_be_written_is_told(write, writer, file, reason):
+    done = write(writer, file)
+    assert done.status == 1 and f"{file} can't be written: " in done.err and reason in done.err
+
+
+def allow_no_files():
+    signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+    resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+
+
+@pytest.mark.parametrize("writer", REPLACING)
+def test_a_file_stays_until_the_new_one_is_whole(sim, tmp_path, writer):
+    file = tmp_path / "file"
+    file.write_text("old")
+    line = command_line([*WRITERS[writer], file, "-H", sim.address("serial"), "--overwrite", "--json"])
+    done = subprocess.run(line, capture_output=True, text=True, timeout=LIMIT, env=sim.env, preexec_fn=allow_no_files)
+    told = json.loads(done.stdout)
+    assert done.returncode == told["error"]["status"] == 1 and "too large" in done.stderr
+    assert file.read_text() == "old" and list(tmp_path.iterdir()) == [file]
+    assert ("whole_read" in told) == (writer == "bench")  # what was measured isn't lost
+
+
+@pytest.mark.parametrize(
+    "options, says",
+    [
+        (["--values", "typo"], "typo"),
+        (["--values", "temperatures,touch,angles", "--format", "candump"], "no format"),
+        (["--report-period", 5], "needs no reports"),
+        (["--frames"], "jsonl"),
+    ],
+)
+@pytest.mark.parametrize("content", [None, "old"])
+def test_a_recording_that_makes_no_sense_leaves_files_alone(write, tmp_path, options, says, content):
+    file = tmp_path / "file"
+    if content:
+        file.write_text(content)
+    done = write("record", file, "--overwrite", *options)
+    assert done.status == 2 and says in done.err
+    assert (file.read_text() if file.exists() else None) == content
+
+
+@pytest.mark.parametrize("writer", REPLACING)
+def test_a_pipe_is_no_file_to_replace(write, writer):
+    assert json.loads(write(writer, "/dev/stdout", "-q").out)

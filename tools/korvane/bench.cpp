@@ -81,6 +81,7 @@ class Bench : public Command {
         "--writes", writes_,
         "Command, too: the hand is sent again and again the positions at which it stands");
     options.Add("--save", save_, "Keep the figures in this file, for --compare").Value("FILE");
+    options.AddFlag("--overwrite", overwrite_, "Replace a file that is there");
     options.Add("--compare", compare_, "Set the figures beside those of an earlier run")
         .Value("FILE");
   }
@@ -91,6 +92,9 @@ class Bench : public Command {
     const Pose pose =
         writes_ ? CheckedPose(hand.Info(), PositionsWithin(hand.Info(), PoseOf(hand))) : Pose();
     const Interrupt interrupt;
+    // Opened first, so that no figures are measured that can't be kept.
+    std::optional<OutputFile> file;
+    if (!save_.empty()) file.emplace(save_, overwrite_, Appears::WHEN_WHOLE);
     Json document = ToJson(hand.address);
     const auto motor = [](const KorvaneBase& h) { h.GetJointMotorPosi(1); };
     const Series single = MeasureWithStamps(hand, interrupt, motor, document);
@@ -103,13 +107,17 @@ class Bench : public Command {
     }
     const auto statistics = StatisticsOf(*hand);
     document["unmatched_frames"] = statistics.unmatched_frames;
-    Save(document);
+    const Json saved = document;
     if (!before.is_null()) document["before"] = before;
-    tool.PrintJson(document);
     tool.Print(Text(document, single));
-    if (interrupt.Came()) return kInterrupted;
-    if (failure_.kind != FailureKind::NONE) throw ToolError(failure_);
-    return kDone;
+    try {
+      if (failure_.kind != FailureKind::NONE) throw ToolError(failure_);
+      if (file && !interrupt.Came()) Save(saved, *file);
+    } catch (const ToolError& error) {
+      return tool.Report(error, document);
+    }
+    tool.PrintJson(document);
+    return interrupt.Came() ? kInterrupted : kDone;
   }
 
  private:
@@ -124,11 +132,9 @@ class Bench : public Command {
     return json;
   }
 
-  void Save(const Json& document) const {
-    if (save_.empty()) return;
-    OutputFile file(save_, true);
+  static void Save(const Json& document, OutputFile& file) {
     file.Write(document.dump(2) + "\n");
-    file.Flush();
+    file.Finish();
   }
 
   /// Ends early at an interrupt, and where nothing answers any more.
@@ -214,6 +220,7 @@ class Bench : public Command {
   int count_ = 1000;
   bool writes_ = false;
   std::string save_;
+  bool overwrite_ = false;
   std::string compare_;
   Failure failure_;
 };

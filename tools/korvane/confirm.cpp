@@ -1,10 +1,11 @@
 #include "confirm.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <iostream>
 #include <string>
+
+#include "standard_streams.h"
 
 namespace korvane_tool {
 
@@ -16,7 +17,7 @@ void NeedConfirmable(bool yes) {
 void Confirm(const std::string& question, bool yes) {
   if (yes) return;
   // The standard output may be a document.
-  fmt::print(stderr, "{} [y/N] ", question);
+  WriteToStderr(question + " [y/N] ");
   std::string answer;
   std::getline(std::cin, answer);
   if (answer == "y" || answer == "Y" || answer == "yes") return;

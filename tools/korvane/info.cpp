@@ -73,7 +73,7 @@ std::string MotorTable(const Json& document) {
   std::vector<const Quantity*> columns;
   std::size_t rows = 0;
   for (const Quantity& quantity : AllQuantities()) {
-    const bool is_shown = document.contains(quantity.key) && std::string(quantity.key) != "angles";
+    const bool is_shown = document.contains(quantity.key) && quantity.per == Per::MOTOR;
     if (!is_shown || document[quantity.key].empty()) continue;
     columns.push_back(&quantity);
     head.push_back(fmt::format("{:>11}", quantity.title));
@@ -85,7 +85,7 @@ std::string MotorTable(const Json& document) {
     for (const Quantity* const column : columns) {
       const Json& values = document[column->key];
       std::string cell = row < values.size() ? Number(values[row]) : "-";
-      const bool is_error = std::string(column->key) == "errors" && cell != "0" && cell != "-";
+      const bool is_error = column->is_error_word && cell != "0" && cell != "-";
       if (is_error) cell = document["error_names"][row].get<std::string>();
       cells.push_back(
           Coloured(fmt::format("{:>11}", cell), is_error ? Colour::BAD : Colour::PLAIN));

@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 #include <korvane_version.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -13,6 +11,8 @@
 
 #include "command.h"
 #include "interrupt.h"
+#include "output_file.h"
+#include "standard_streams.h"
 #include "tool.h"
 
 namespace {
@@ -48,10 +48,21 @@ std::vector<Made> MakeCommands(Options root, Tool& tool) {
   return commands;
 }
 
+/// A full disk may show only when the last bytes are written.
+int WriteTheRest(int status) {
+  FlushStdout();
+  const int error = StdoutError();
+  if (error == 0 || status != kDone) return status;
+  WriteToStderr(fmt::format("korvane: the output can't be written: {}\n", std::strerror(error)));
+  return kFailed;
+}
+
 int Run(Command& command, Tool& tool) {
   try {
     tool.Begin();
-    return command.Run(tool);
+    return WriteTheRest(command.Run(tool));
+  } catch (const NobodyReads&) {
+    return kDone;
   } catch (const ToolError& error) {
     return tool.Report(error);
   } catch (const std::exception& error) {
@@ -59,18 +70,11 @@ int Run(Command& command, Tool& tool) {
   }
 }
 
-/// A full disk shows only when the last bytes are written.
-int WriteTheRest(int status) {
-  const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-  if (written || status != kDone) return status;
-  fmt::print(stderr, "korvane: the output can't be written: {}\n", std::strerror(errno));
-  return kFailed;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   Interrupt::EndAtOnce();
+  OutliveReaders();
   Tool tool;
   CommandLine line("korvane",
                    "The tool for Korvane hands: find, look, move, update, set up, record, measure.",
@@ -79,7 +83,7 @@ int main(int argc, char** argv) {
   line.Root().Footer(kFooter);
   if (const auto is_right = line.Read(argc, argv)) return WriteTheRest(*is_right ? kDone : kUsage);
   for (const Made& made : commands) {
-    if (made.options.IsNamed()) return WriteTheRest(Run(*made.command, tool));
+    if (made.options.IsNamed()) return Run(*made.command, tool);
   }
   return kUsage;
 }

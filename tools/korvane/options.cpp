@@ -1,6 +1,9 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <sstream>
+
+#include "standard_streams.h"
 
 namespace korvane_tool {
 namespace {
@@ -149,7 +152,12 @@ std::optional<bool> CommandLine::Read(int argc, char** argv) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app_->exit(error) == 0;
+    std::ostringstream out;
+    std::ostringstream err;
+    const bool is_right = app_->exit(error, out, err) == 0;
+    WriteToStdout(out.str());
+    WriteToStderr(err.str());
+    return is_right;
   }
   return std::nullopt;
 }

@@ -58,7 +58,7 @@ class Options {
   void Footer(const std::string& text);
   /// Everything behind the command's name is somebody else's, --help included.
   void LeaveAll();
-  /// That.
+  /// What stands there.
   std::vector<std::string> Left() const;
 
   /// Whether the command line names this command.
@@ -75,7 +75,7 @@ class Options {
   CLI::App* app_;
 };
 
-/// The whole.
+/// The command line of the tool.
 class CommandLine {
  public:
   CommandLine(const char* name, const char* summary, const char* version);

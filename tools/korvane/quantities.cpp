@@ -41,11 +41,6 @@ Touch ReadFingertips(const KorvaneTessel& hand) {
 /// Replies of several frames reach a hand on SocketCAN and ZLG only.
 bool CarriesArrays(LinkKind link) { return link == LinkKind::SOCKET_CAN || link == LinkKind::ZLG; }
 
-bool IsReported(const Quantity& quantity) {
-  const std::string key = quantity.key;
-  return key == "currents" || key == "temperatures";
-}
-
 /// Sensor by sensor, those whose array fits into one frame.
 Touch ReadSmallArrays(const IBR7TactileSensor1D& hand) {
   constexpr std::size_t kFrameData = 62;
@@ -57,18 +52,32 @@ Touch ReadSmallArrays(const IBR7TactileSensor1D& hand) {
   return sensors;
 }
 
+Quantity Reported(Quantity quantity) {
+  quantity.is_reported = true;
+  return quantity;
+}
+
+Quantity ErrorWord(Quantity quantity) {
+  quantity.is_error_word = true;
+  return quantity;
+}
+
 }  // namespace
 
 const std::vector<Quantity>& AllQuantities() {
+  using Base = KorvaneBase;
   static const std::vector<Quantity> quantities{
-      {"positions", "position", "", &Get<&KorvaneBase::GetAllJointMotorPosi>},
-      {"angles", "angle", "rad", &Get<&KorvaneBase::GetAllJointAngles>},
-      {"velocities", "velocity", "", &Get<&KorvaneBase::GetAllJointMotorVelo>},
-      {"currents", "current", "", &Get<&KorvaneBase::GetAllCurrentReport>},
-      {"temperatures", "temperature", "", &Get<&KorvaneBase::GetAllTemperatureReport>},
-      {"errors", "errors", "", &Get<&KorvaneBase::GetAllErrorReport>},
-      {"control_modes", "mode", "", &Get<&KorvaneBase::GetAllControlMode>},
-      {"thresholds", "threshold", "", &Get<&KorvaneBase::GetAllCurrentThreshold>},
+      {"positions", "position", "", Per::MOTOR, Live::ALWAYS, Get<&Base::GetAllJointMotorPosi>},
+      {"angles", "angle", "rad", Per::JOINT, Live::ALWAYS, Get<&Base::GetAllJointAngles>},
+      {"velocities", "velocity", "", Per::MOTOR, Live::NEVER, Get<&Base::GetAllJointMotorVelo>},
+      Reported(
+          {"currents", "current", "", Per::MOTOR, Live::BY_TURNS, Get<&Base::GetAllCurrentReport>}),
+      Reported({"temperatures", "temperature", "", Per::MOTOR, Live::BY_TURNS,
+                Get<&Base::GetAllTemperatureReport>}),
+      ErrorWord(
+          {"errors", "errors", "", Per::MOTOR, Live::BY_TURNS, Get<&Base::GetAllErrorReport>}),
+      {"control_modes", "mode", "", Per::MOTOR, Live::NEVER, Get<&Base::GetAllControlMode>},
+      {"thresholds", "threshold", "", Per::MOTOR, Live::NEVER, Get<&Base::GetAllCurrentThreshold>},
   };
   return quantities;
 }
@@ -86,15 +95,14 @@ Outcome<std::vector<double>> Read(const OpenedHand& hand, const Quantity& quanti
   auto values = Checked(std::as_const(*hand.hand), quantity.get);
   if (!values) {
     Failure failure = values.failure();
-    const bool awaits_report = hand.Info().tells_by_reports && IsReported(quantity) &&
+    const bool awaits_report = hand.Info().tells_by_reports && quantity.is_reported &&
                                failure.kind == FailureKind::NO_REPLY;
     if (awaits_report) failure.kind = FailureKind::NOT_SUPPORTED;
     return failure;
   }
   const auto joints = talvera::korvane::JointsOf(hand.Info().model, hand.address.side).size();
-  const auto wanted = std::string(quantity.key) == "angles"
-                          ? joints
-                          : static_cast<std::size_t>(hand.Info().positions);
+  const auto wanted =
+      quantity.per == Per::JOINT ? joints : static_cast<std::size_t>(hand.Info().positions);
   if (values->size() > wanted) values->resize(wanted);
   return values;
 }
@@ -122,18 +130,20 @@ Outcome<void> Reports::SetPeriod(int period) const {
   });
 }
 
-void Reports::AwaitFirst() const {
-  if (!on_) return;
+bool Reports::AwaitFirst(const std::function<bool()>& is_over) const {
+  if (!on_) return true;
   constexpr auto kLimit = std::chrono::seconds(2);
   const auto end = std::chrono::steady_clock::now() + kLimit;
-  for (const char* const key : {"currents", "temperatures"}) {
-    while (!Read(hand_, QuantityNamed(key))) {
+  for (const Quantity& quantity : AllQuantities()) {
+    while (quantity.is_reported && !Read(hand_, quantity)) {
+      if (is_over()) return false;
       if (std::chrono::steady_clock::now() > end) {
         throw ToolError({FailureKind::NO_REPLY, "reports", "the hand sends no reports", 0});
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   }
+  return true;
 }
 
 std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& hand,
@@ -141,7 +151,7 @@ std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& han
   const auto& joints = talvera::korvane::JointsOf(hand.Info().model, hand.address.side);
   std::vector<std::string> names;
   for (std::size_t i = 0; i < count; ++i) {
-    const bool is_joint = std::string(quantity.key) == "angles" && i < joints.size();
+    const bool is_joint = quantity.per == Per::JOINT && i < joints.size();
     names.push_back(is_joint ? joints[i].name : std::to_string(i + 1));
   }
   return names;

@@ -4,6 +4,7 @@
 #include <korvane_types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,12 +15,26 @@
 
 namespace korvane_tool {
 
-/// One reading of a whole hand: a value for each motor, or for each joint.
+/// What a quantity has one value for.
+enum class Per { MOTOR, JOINT };
+
+/// How often what shows a hand live reads it.
+enum class Live {
+  ALWAYS,    ///< In each reading.
+  BY_TURNS,  ///< One of these in each reading, as it changes slowly.
+  NEVER,
+};
+
+/// One reading of a whole hand.
 struct Quantity {
   const char* key;    ///< Its name in documents and options, such as "positions".
   const char* title;  ///< For people.
   const char* unit;   ///< "rad"; empty where it is the hand's own.
+  Per per;
+  Live live;
   std::vector<double> (*get)(const KorvaneBase& hand);
+  bool is_reported = false;    ///< Told in reports only, by a model that has them.
+  bool is_error_word = false;  ///< See ErrorNames.
 };
 
 /// positions, angles, velocities, currents, temperatures, errors, control_modes, thresholds
@@ -42,8 +57,8 @@ class Reports {
   Reports(const Reports&) = delete;
   Reports& operator=(const Reports&) = delete;
 
-  /// Waits until there is one of each.
-  void AwaitFirst() const;
+  /// Waits until there is one of each, or `is_over`; whether there is.
+  bool AwaitFirst(const std::function<bool()>& is_over = [] { return false; }) const;
 
  private:
   Outcome<void> SetPeriod(int period) const;

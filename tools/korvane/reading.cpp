@@ -7,21 +7,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-bool IsFast(const Quantity& quantity) {
-  const std::string key = quantity.key;
-  return key == "positions" || key == "angles";
-}
-
-bool IsLeftOut(const Quantity& quantity) {
-  const std::string key = quantity.key;
-  return key == "control_modes" || key == "thresholds" || key == "velocities";
-}
-
 }  // namespace
 
 Reading::Reading(const OpenedHand& hand) : hand_(hand) {
   for (const Quantity& quantity : AllQuantities()) {
-    if (IsLeftOut(quantity)) continue;
+    if (quantity.live == Live::NEVER) continue;
     auto values = Read(hand, quantity);
     if (values || values.failure().kind != FailureKind::NOT_SUPPORTED) {
       rows_.push_back({&quantity, std::move(values).value_or(std::vector<double>())});
@@ -41,7 +31,7 @@ Outcome<void> Reading::Refresh(Row& row) {
 Outcome<void> Reading::Refresh() {
   std::vector<Row*> slow;
   for (Row& row : rows_) {
-    if (!IsFast(*row.quantity)) {
+    if (row.quantity->live == Live::BY_TURNS) {
       slow.push_back(&row);
     } else if (auto outcome = Refresh(row); !outcome) {
       return outcome;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <deque>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -88,47 +89,55 @@ class Record : public Command {
   }
 
   int Run(Tool& tool) override {
-    CheckFormat();
+    CheckFormat(tool.Address());
     const OpenedHand hand = tool.Open();
-    const Reports reports(hand, sampling_.report_period);
-    reports.AwaitFirst();
     const Interrupt interrupt;
-    OutputFile file(path_, overwrite_);
+    const Reports reports(hand, sampling_.report_period);
+    if (!reports.AwaitFirst([&] { return interrupt.Came(); })) return kInterrupted;
+    // A command that asks for what the hand doesn't have leaves no file, and empties none.
+    std::optional<Sampler> sampler;
+    if (!frames_) sampler.emplace(hand, KeysFor(hand));
+    OutputFile file(path_, overwrite_, Appears::AT_ONCE);
     const std::chrono::duration<double> time(sampling_.seconds);
     const auto end = sampling_.seconds > 0
                          ? Clock::now() + std::chrono::duration_cast<Clock::duration>(time)
                          : Clock::time_point::max();
     try {
-      frames_ ? RecordFrames(hand, file, interrupt, end) : RecordValues(hand, file, interrupt, end);
-      file.Flush();
+      sampler ? RecordValues(*sampler, file, interrupt, end)
+              : RecordFrames(hand, file, interrupt, end);
+      file.Finish();
     } catch (const ToolError&) {
-      tool.Print(Summary());  // what is there so far
+      if (!file.IsStandardOutput()) tool.Print(Summary());  // what is there so far
       throw;
     }
-    Tell(tool, hand);
+    PrintResult(tool, hand, file);
     return interrupt.Came() && sampling_.seconds > 0 ? kInterrupted : kDone;
   }
 
  private:
-  void CheckFormat() {
+  void CheckFormat(const HandAddress& address) {
     if (format_.empty()) format_ = frames_ ? "candump" : "csv";
     if (format_ == (frames_ ? "csv" : "candump")) {
       throw ToolError(
           kUsage, fmt::format("{} is no format for {}", format_, frames_ ? "frames" : "values"));
     }
+    if (format_ == "candump" && address.link == LinkKind::SERIAL) {
+      throw ToolError(kUsage, "candump's format is for CAN; take --format jsonl for a serial line");
+    }
   }
 
-  void RecordValues(const OpenedHand& hand, OutputFile& file, const Interrupt& interrupt,
+  std::vector<std::string> KeysFor(const OpenedHand& hand) const {
+    if (!sampling_.keys.empty()) return sampling_.keys;
+    const bool has_joints = !kv::JointsOf(hand.Info().model, hand.address.side).empty();
+    return has_joints ? std::vector<std::string>{"positions", "angles"}
+                      : std::vector<std::string>{"positions"};
+  }
+
+  void RecordValues(Sampler& sampler, OutputFile& file, const Interrupt& interrupt,
                     Clock::time_point end) {
-    auto& keys = sampling_.keys;
-    if (keys.empty()) {
-      keys = {"positions"};
-      if (!kv::JointsOf(hand.Info().model, hand.address.side).empty()) keys.emplace_back("angles");
-    }
-    Sampler sampler(hand, keys);
     SampleWriter writer(file, format_ == "csv" ? SampleFormat::CSV : SampleFormat::JSON_LINES,
                         sampler, sampling_.rate_hz);
-    Patience patience(hand, kFailedReadings);
+    Patience patience(sampler.Hand(), kFailedReadings);
     AtRate(sampling_.rate_hz, interrupt, [&] {
       if (Clock::now() >= end) return false;
       auto sample = sampler.Read();
@@ -145,9 +154,6 @@ class Record : public Command {
   void RecordFrames(const OpenedHand& hand, OutputFile& file, const Interrupt& interrupt,
                     Clock::time_point end) {
     const bool candump = format_ == "candump";
-    if (candump && hand.address.link == LinkKind::SERIAL) {
-      throw ToolError(kUsage, "candump's format is for CAN; take --format jsonl for a serial line");
-    }
     const std::string interface = hand.address.link == LinkKind::SOCKET_CAN
                                       ? hand.address.interface_name
                                       : fmt::format("can{}", hand.address.channel);
@@ -173,15 +179,14 @@ class Record : public Command {
 
   const char* What() const { return frames_ ? "frames" : "samples"; }
 
-  /// Nothing where the standard output is the recording's own.
   std::string Summary() const {
-    if (path_ == "-") return "";
     const std::string lost = lost_ > 0 ? fmt::format(", {} lost", lost_) : "";
     return fmt::format("{} {} in {}{}\n", written_, What(), path_, lost);
   }
 
-  void Tell(const Tool& tool, const OpenedHand& hand) const {
-    if (path_ == "-") return;
+  /// Nothing where the standard output is the recording's own.
+  void PrintResult(const Tool& tool, const OpenedHand& hand, const OutputFile& file) const {
+    if (file.IsStandardOutput()) return;
     Json document = ToJson(hand.address);
     document["file"] = path_;
     document[What()] = written_;

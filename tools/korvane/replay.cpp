@@ -70,7 +70,7 @@ class Replay : public Command {
     const Path path = Plan(recording, mapping, start, speed_);
     tool.Print(fmt::format("{} samples over {:.1f} s on {}: {}\n", path.times.size(), path.Length(),
                            hand.address.ToString(), mapping.Describe()));
-    if (check_) return TellThatItFits(tool, hand, path);
+    if (check_) return PrintThatItFits(tool, hand, path);
     const Interrupt interrupt;
     Mover mover(hands, interrupt);
     return MoveAndTell(tool, hands, mover, [&] {
@@ -79,7 +79,7 @@ class Replay : public Command {
   }
 
  private:
-  int TellThatItFits(const Tool& tool, const OpenedHand& hand, const Path& path) const {
+  int PrintThatItFits(const Tool& tool, const OpenedHand& hand, const Path& path) const {
     Json document = ToJson(hand.address);
     document["file"] = path_;
     document["samples"] = path.times.size();

@@ -3,9 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace korvane_tool {
@@ -98,32 +96,6 @@ Option AddSamplingOptions(Options all, SamplingOptions& options, double least_ra
       .Within(least_rate_hz, 1000.0)
       .Value("HZ")
       .ShowDefault();
-}
-
-OutputFile::OutputFile(const std::string& path, bool overwrite)
-    : name_(path == "-" ? "the standard output" : path), file_(stdout) {
-  if (path == "-") return;
-  file_ = std::fopen(path.c_str(), overwrite ? "we" : "wxe");
-  if (file_ != nullptr) return;
-  const std::string hint = errno == EEXIST ? "; --overwrite replaces it" : "";
-  throw ToolError(kUsage,
-                  fmt::format("{} can't be written: {}{}", path, std::strerror(errno), hint));
-}
-
-OutputFile::~OutputFile() {
-  if (!IsStandardOutput()) std::fclose(file_);
-}
-
-void OutputFile::Write(const std::string& text) {
-  if (std::fwrite(text.data(), 1, text.size(), file_) != text.size()) Fail();
-}
-
-void OutputFile::Flush() {
-  if (std::fflush(file_) != 0) Fail();
-}
-
-void OutputFile::Fail() const {
-  throw ToolError(kFailed, fmt::format("{} can't be written: {}", name_, std::strerror(errno)));
 }
 
 SampleWriter::SampleWriter(OutputFile& file, SampleFormat format, const Sampler& sampler,

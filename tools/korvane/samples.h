@@ -3,12 +3,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "options.h"
+#include "output_file.h"
 #include "quantities.h"
 #include "recording.h"
 #include "tool.h"
@@ -55,29 +55,6 @@ Option AddSamplingOptions(Options all, SamplingOptions& options, double least_ra
 
 /// So many failed readings one after the other, and the hand counts as gone.
 inline constexpr int kFailedReadings = 20;
-
-/// A file that a full disk can't make shorter unseen: each write is checked.
-class OutputFile {
- public:
-  /// "-" is the standard output. Another file must not exist, unless `overwrite` is set.
-  OutputFile(const std::string& path, bool overwrite);
-  ~OutputFile();
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  /// Throws a ToolError that names the file and the reason.
-  void Write(const std::string& text);
-  /// Writes out what is buffered, and checks that.
-  void Flush();
-  bool IsStandardOutput() const { return file_ == stdout; }
-  const std::string& Name() const { return name_; }
-
- private:
-  [[noreturn]] void Fail() const;
-
-  std::string name_;
-  std::FILE* file_;
-};
 
 enum class SampleFormat { CSV, JSON_LINES };
 

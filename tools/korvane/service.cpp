@@ -9,9 +9,12 @@
 #include "commands.h"
 #include "confirm.h"
 #include "hand_id.h"
+#include "interrupt.h"
+#include "output_file.h"
 #include "service_hand.h"
 #include "service_report.h"
 #include "settings.h"
+#include "standard_streams.h"
 #include "terminal.h"
 #include "tool.h"
 
@@ -60,6 +63,7 @@ class Service : public Command {
     for (Options leaf : {write, diff, apply}) {
       leaf.Add("file", file_, "The file of settings").Required().Value("FILE");
     }
+    write.AddFlag("--overwrite", overwrite_, "Replace a file that is there");
     for (Options leaf : {set, number, apply}) {
       leaf.AddFlag("--save", save_, "Keep it for good, with all other present settings");
     }
@@ -258,9 +262,14 @@ class Service : public Command {
 
   int Export(Tool& tool) {
     const ServiceHand hand = OpenService(tool);
+    const Interrupt interrupt;  // the file is whole or isn't there
+    OutputFile file(file_, overwrite_, Appears::WHEN_WHOLE);
+    const Json settings = SettingsFileOf(hand);
+    file.Write(settings.dump(2) + "\n");
+    file.Finish();
     Json document = ToJson(hand.address);
     document["file"] = file_;
-    document["settings"] = WriteSettingsFile(file_, hand)["settings"];
+    document["settings"] = settings["settings"];
     tool.PrintJson(document);
     tool.Print(fmt::format("{} settings of {} written to {}\n", document["settings"].size(),
                            hand.address.ToString(), file_));
@@ -311,7 +320,7 @@ class Service : public Command {
     if (!good) document["error"] = korvane_tool::ToJson(failure);
     if (!good) document["error"]["status"] = status;
     tool.PrintJson(document);
-    TellApplied(tool, document, failure);
+    PrintApplied(tool, document, failure);
     return status;
   }
 
@@ -365,7 +374,7 @@ class Service : public Command {
     }
   }
 
-  void TellApplied(const Tool& tool, const Json& document, const Failure& failure) const {
+  void PrintApplied(const Tool& tool, const Json& document, const Failure& failure) const {
     for (const char* const key : {"changed", "not_changed"}) {
       for (const Json& row : document[key]) {
         const std::string axis = row["axis"].is_null() ? "" : " of axis " + row["axis"].dump();
@@ -377,9 +386,10 @@ class Service : public Command {
     if (failure.kind != FailureKind::NONE) {
       // A reply that was lost doesn't tell whether the request was, too.
       const bool unsure = failure.kind == FailureKind::NO_REPLY && !document["not_changed"].empty();
-      fmt::print(stderr, "korvane: {}\n{} values were written and {} not{}. Apply once more.\n",
-                 PlainText(failure), document["changed"].size(), document["not_changed"].size(),
-                 unsure ? "; the hand may have taken the first of these" : "");
+      WriteToStderr(fmt::format(
+          "korvane: {}\n{} values were written and {} not{}. Apply once more.\n",
+          PlainText(failure), document["changed"].size(), document["not_changed"].size(),
+          unsure ? "; the hand may have taken the first of these" : ""));
       return;
     }
     if (document["changed"].empty()) tool.Print("The hand has these settings.\n");
@@ -393,6 +403,7 @@ class Service : public Command {
   int id_ = 0;
   std::string text_;
   std::string file_;
+  bool overwrite_ = false;
   bool save_ = false;
   bool yes_ = false;
 };

@@ -98,7 +98,7 @@ Json VersionsOf(const kv::FwVersion& version) {
 }
 
 template <class Value>
-void Put(Json& report, const char* key, const Outcome<Value>& value) {
+void AddValue(Json& report, const char* key, const Outcome<Value>& value) {
   if (value) {
     report[key] = *value;
   } else {
@@ -106,14 +106,14 @@ void Put(Json& report, const char* key, const Outcome<Value>& value) {
   }
 }
 
-void PutSettings(Json& report, const ServiceHand& hand) {
+void AddSettings(Json& report, const ServiceHand& hand) {
   for (const Setting& setting : AllSettings()) {
     if (!CanRead(hand.address, setting)) continue;
     const auto values = Read(hand, setting);
     if (values && setting.scope == Scope::HAND) {
       report[setting.key] = values->front();
     } else {
-      Put(report, setting.key, values);
+      AddValue(report, setting.key, values);
     }
   }
 }
@@ -189,14 +189,14 @@ Json ServiceReport(const ServiceHand& hand) {
   const auto vendor = CheckedService(hand, [](const PrivateKorvane& s) {
     return dynamic_cast<const KorvaneBase&>(s).GetVendorInfo().product_model;
   });
-  Put(report, "product_model", vendor ? Outcome<std::string>(kv::PlainText(*vendor)) : vendor);
-  Put(report, "serial_number", SerialNumberOf(hand));
-  Put(report, "versions",
-      CheckedService(hand, [](PrivateKorvane& s) { return VersionsOf(s.GetFwVersion()); }));
-  PutSettings(report, hand);
+  AddValue(report, "product_model", vendor ? Outcome<std::string>(kv::PlainText(*vendor)) : vendor);
+  AddValue(report, "serial_number", SerialNumberOf(hand));
+  AddValue(report, "versions",
+           CheckedService(hand, [](PrivateKorvane& s) { return VersionsOf(s.GetFwVersion()); }));
+  AddSettings(report, hand);
   for (const ReportedReading& reading : AllReadings()) {
     if (!Has(hand, reading)) continue;
-    Put(report, reading.key, CheckedService(hand, reading.get));
+    AddValue(report, reading.key, CheckedService(hand, reading.get));
     if (reading.shape == Shape::AXES && report.contains(reading.key)) {
       report[reading.key] = CutToAxes(report[reading.key], AxesOf(hand));
     }

@@ -62,9 +62,38 @@ Values ToValues(const List& list) {
 using U8 = std::uint8_t;
 using U16 = std::uint16_t;
 
+// What few of the settings have in common.
+
+/// A state rather than a setting.
+constexpr Setting NotInFiles(Setting setting) {
+  setting.kept_in_files = false;
+  return setting;
+}
+
+constexpr Setting LowerLimit(Setting limit) {
+  limit.widens = -1;
+  return limit;
+}
+
+constexpr Setting UpperLimit(Setting limit) {
+  limit.widens = 1;
+  return limit;
+}
+
+constexpr Setting OneByteOnCan(Setting setting) {
+  setting.max_on_can = kMaxU8;
+  return setting;
+}
+
+constexpr Setting ByPublicProtocol(Setting setting) {
+  setting.by_public_protocol = true;
+  return setting;
+}
+
 constexpr Setting kSettings[] = {
-    {"power", "power of the motors", Scope::HAND, 0, kMaxU8, "",
-     SetHand<&PrivateKorvane::SetPowerState, U8>, GetHand<&PrivateKorvane::GetPowerState>},
+    NotInFiles({"power", "power of the motors", Scope::HAND, 0, kMaxU8, "",
+                SetHand<&PrivateKorvane::SetPowerState, U8>,
+                GetHand<&PrivateKorvane::GetPowerState>}),
     {"control_source", "where commands are taken from", Scope::HAND, 0, 1, "", SetControlSource,
      GetHand<&PrivateKorvane::GetControlSource>},
     {"side", "which of the two hands it is", Scope::HAND, 0, 1, "",
@@ -75,49 +104,39 @@ constexpr Setting kSettings[] = {
      SetHand<&PrivateKorvane::SetAllAxisCvpUploadInterval, U16>},
     {"homing", "homing offset", Scope::AXIS, -4095, 4095, "",
      SetAxis<&PrivateKorvane::SetAxisHoming, std::int16_t>},
-    {"lower_limit", "lower limit", Scope::AXIS, 0, kMaxPosition, "positions",
-     SetAxis<&PrivateKorvane::SetAxisMinPos, U16>, GetLimits<&kv::AxisLimitPos::lower>},
-    {"upper_limit", "upper limit", Scope::AXIS, 0, kMaxPosition, "positions",
-     SetAxis<&PrivateKorvane::SetAxisMaxPos, U16>, GetLimits<&kv::AxisLimitPos::upper>},
+    LowerLimit({"lower_limit", "lower limit", Scope::AXIS, 0, kMaxPosition, "positions",
+                SetAxis<&PrivateKorvane::SetAxisMinPos, U16>, GetLimits<&kv::AxisLimitPos::lower>}),
+    UpperLimit({"upper_limit", "upper limit", Scope::AXIS, 0, kMaxPosition, "positions",
+                SetAxis<&PrivateKorvane::SetAxisMaxPos, U16>, GetLimits<&kv::AxisLimitPos::upper>}),
     {"run_mode", "run mode", Scope::AXIS, 0, kMaxU8, "", SetAxis<&PrivateKorvane::SetRunMode, U8>},
     {"run_speed", "speed of all axes; in velocity mode they move", Scope::ALL_AXES, -32768, 32767,
      "", SetSpeed},
-    {"overload_torque", "torque of an overload", Scope::AXIS, 0, 1000, "",
-     SetAxis<&PrivateKorvane::SetOverloadTorque, U16>},
-    {"overload_time", "how long an overload may last", Scope::AXIS, 0, kMaxU16, "",
-     SetAxis<&PrivateKorvane::SetOverloadProtectionTime, U16>},
+    OneByteOnCan({"overload_torque", "torque of an overload", Scope::AXIS, 0, 1000, "",
+                  SetAxis<&PrivateKorvane::SetOverloadTorque, U16>}),
+    OneByteOnCan({"overload_time", "how long an overload may last", Scope::AXIS, 0, kMaxU16, "",
+                  SetAxis<&PrivateKorvane::SetOverloadProtectionTime, U16>}),
     {"protected_torque", "torque under protection", Scope::AXIS, 0, 100, "",
      SetAxis<&PrivateKorvane::SetProtectedTorque, U8>},
     {"min_torque", "least torque", Scope::AXIS, 0, kMaxU8, "",
      SetAxis<&PrivateKorvane::SetMinTorque, U8>},
     {"protective_current", "protective current", Scope::AXIS, 0, kMaxCurrent, "",
      SetAxis<&PrivateKorvane::SetProtectiveCurrent, U16>},
-    {"control_mode", "control mode, by the public protocol", Scope::AXIS, 0, 7, "",
-     [](const ServiceHand& hand, int axis, int value) {
-       hand.Public().SetControlMode(static_cast<U8>(axis), static_cast<kv::ControlMode>(value));
-       return true;
-     },
-     [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllControlMode()); }},
-    {"current_threshold", "threshold of the current, by the public protocol", Scope::AXIS, 0,
-     kMaxCurrent, "",
-     [](const ServiceHand& hand, int axis, int value) {
-       hand.Public().SetCurrentThreshold(static_cast<U8>(axis), static_cast<short>(value));
-       return true;
-     },
-     [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllCurrentThreshold()); }},
+    ByPublicProtocol(
+        {"control_mode", "control mode, by the public protocol", Scope::AXIS, 0, 7, "",
+         [](const ServiceHand& hand, int axis, int value) {
+           hand.Public().SetControlMode(static_cast<U8>(axis), static_cast<kv::ControlMode>(value));
+           return true;
+         },
+         [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllControlMode()); }}),
+    ByPublicProtocol(
+        {"current_threshold", "threshold of the current, by the public protocol", Scope::AXIS, 0,
+         kMaxCurrent, "",
+         [](const ServiceHand& hand, int axis, int value) {
+           hand.Public().SetCurrentThreshold(static_cast<U8>(axis), static_cast<short>(value));
+           return true;
+         },
+         [](const ServiceHand& hand) { return ToValues(hand.Public().GetAllCurrentThreshold()); }}),
 };
-
-std::vector<Setting> MakeSettings() {
-  std::vector<Setting> rows(std::begin(kSettings), std::end(kSettings));
-  for (Setting& row : rows) {
-    const std::string key = row.key;
-    row.kept_in_files = key != "power";
-    row.widens = key == "upper_limit" ? 1 : key == "lower_limit" ? -1 : 0;
-    row.by_public_protocol = key == "control_mode" || key == "current_threshold";
-    if (key == "overload_torque" || key == "overload_time") row.max_on_can = kMaxU8;
-  }
-  return rows;
-}
 
 /// The object whose failures count.
 KorvaneBase& SpeakerOf(const ServiceHand& hand, const Setting& setting) {
@@ -129,7 +148,7 @@ bool Widens(const Change& change) { return (change.to - change.from) * change.se
 }  // namespace
 
 const std::vector<Setting>& AllSettings() {
-  static const std::vector<Setting> settings = MakeSettings();
+  static const std::vector<Setting> settings(std::begin(kSettings), std::end(kSettings));
   return settings;
 }
 

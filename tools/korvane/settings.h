@@ -89,8 +89,8 @@ struct SettingsFile {
 
 /// Reads it, and refuses one that is wrong in any way with a usage error. Asks no hand.
 SettingsFile ReadSettingsFile(const std::string& path, const HandAddress& where);
-/// Writes one with all that this hand tells. Returns the document.
-Json WriteSettingsFile(const std::string& path, const ServiceHand& hand);
+/// What such a file holds: all that this hand tells.
+Json SettingsFileOf(const ServiceHand& hand);
 
 /// What of the wanted values isn't so, in an order in which limits never cross.
 std::vector<Change> Differences(const ServiceHand& hand, const std::vector<WantedSetting>& wanted);

@@ -142,7 +142,7 @@ SettingsFile ReadSettingsFile(const std::string& path, const HandAddress& where)
   return file;
 }
 
-Json WriteSettingsFile(const std::string& path, const ServiceHand& hand) {
+Json SettingsFileOf(const ServiceHand& hand) {
   Json json{
       {"format", kFormat}, {"version", kFileVersion}, {"model", ToString(*hand.address.model)}};
   for (const Setting& setting : AllSettings()) {
@@ -150,13 +150,6 @@ Json WriteSettingsFile(const std::string& path, const ServiceHand& hand) {
     const Values values = Need(Read(hand, setting));
     json["settings"][setting.key] =
         setting.scope == Scope::HAND ? Json(values.front()) : Json(values);
-  }
-  errno = 0;
-  std::ofstream file(path);
-  file << json.dump(2) << "\n";
-  file.close();
-  if (!file) {
-    throw ToolError(kFailed, fmt::format("{} can't be written: {}", path, std::strerror(errno)));
   }
   return json;
 }

@@ -4,12 +4,13 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "standard_streams.h"
 #include "tool.h"
 
 namespace korvane_tool {
@@ -40,7 +41,8 @@ class Sim : public Command {
     pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
-    std::fflush(stdout);
+    FlushStdout();
+    std::signal(SIGPIPE, SIG_DFL);  // which it would inherit as OutliveReaders has set it
     execvp(program.c_str(), pointers.data());
     throw ToolError(kFailed, fmt::format("{} can't be started: {}; install korvane-tools, or build "
                                          "with -DKORVANE_BUILD_SIM=ON",

@@ -7,8 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
+
+#include "standard_streams.h"
 
 namespace korvane_tool {
 namespace {
@@ -124,13 +125,13 @@ std::string TextTable::ToString() const {
 }
 
 LiveArea::LiveArea() {
-  if (OnTerminal()) std::fputs("\x1b[?25l", stdout);
+  if (OnTerminal()) WriteToStdout("\x1b[?25l");
 }
 
 LiveArea::~LiveArea() {
   if (!OnTerminal()) return;
-  std::fputs("\x1b[?25h", stdout);
-  std::fflush(stdout);
+  WriteToStdout("\x1b[?25h");
+  FlushStdout();
 }
 
 void LiveArea::Draw(std::vector<std::string> lines) {
@@ -147,8 +148,8 @@ void LiveArea::Draw(std::vector<std::string> lines) {
   for (const std::string& line : lines) text += Cut(line, TerminalWidth()) + "\x1b[K\n";
   text += "\x1b[J";
   drawn_ = lines.size();
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
+  WriteToStdout(text);
+  FlushStdout();
 }
 
 }  // namespace korvane_tool

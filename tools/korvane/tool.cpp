@@ -4,18 +4,22 @@
 #include <korvane_link.h>
 #include <korvane_log.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <string>
 #include <string_view>
+
+#include "standard_streams.h"
 
 namespace korvane_tool {
 namespace {
 
 namespace kv = talvera::korvane;
 
-void WriteLibraryLine(kv::LogLevel, std::string_view line) { fmt::print(stderr, "{}\n", line); }
+void WriteLibraryLine(kv::LogLevel, std::string_view line) {
+  WriteToStderr(std::string(line) + "\n");
+}
 
 }  // namespace
 
@@ -90,26 +94,27 @@ OpenedHand Tool::Open(const HandAddress& address) const {
 }
 
 void Tool::Print(const std::string& text) const {
-  if (Talks()) std::fputs(text.c_str(), stdout);
+  if (Talks()) WriteToStdout(text);
 }
 
 void Tool::PrintJson(const Json& document) const {
-  if (options.json) {
-    fmt::print("{}\n", document.dump(2, ' ', false, Json::error_handler_t::replace));
-  }
+  if (!options.json) return;
+  WriteToStdout(document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
 }
 
 void Tool::Warn(const std::string& text) const {
-  if (!options.quiet) fmt::print(stderr, "korvane: {}\n", text);
+  if (!options.quiet) WriteToStderr(fmt::format("korvane: {}\n", text));
 }
 
-int Tool::Report(const ToolError& error) const {
-  std::fflush(stdout);
+int Tool::Report(const ToolError& error) const { return Report(error, Json::object()); }
+
+int Tool::Report(const ToolError& error, Json document) const {
+  FlushStdout();
   const bool failed = error.Cause().kind != FailureKind::NONE;
-  fmt::print(stderr, "korvane: {}\n", failed ? PlainText(error.Cause()) : error.what());
+  WriteToStderr(fmt::format("korvane: {}\n", failed ? PlainText(error.Cause()) : error.what()));
   const std::string advice = failed ? AdviceOn(error.Cause()) : "";
-  if (!advice.empty()) fmt::print(stderr, "{}\n", advice);
-  Json document{{"error", failed ? ToJson(error.Cause()) : Json{{"text", error.what()}}}};
+  if (!advice.empty()) WriteToStderr(advice + "\n");
+  document["error"] = failed ? ToJson(error.Cause()) : Json{{"text", error.what()}};
   document["error"]["status"] = error.Status();
   PrintJson(document);
   return error.Status();

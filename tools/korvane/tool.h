@@ -128,8 +128,9 @@ class Tool {
   void PrintJson(const Json& document) const;
   /// A remark to the standard error stream, unless --quiet is set.
   void Warn(const std::string& text) const;
-  /// Tells why a command ends, on the standard error stream, and as a document with --json. Its
-  /// status.
+  /// Tells why a command ends, on the standard error stream, and with --json in its document, which
+  /// may hold what the command has found so far. Its status.
+  int Report(const ToolError& error, Json document) const;
   int Report(const ToolError& error) const;
 };
 

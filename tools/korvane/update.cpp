@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -16,6 +15,7 @@
 #include "commands.h"
 #include "confirm.h"
 #include "interrupt.h"
+#include "standard_streams.h"
 #include "terminal.h"
 #include "tool.h"
 #include "update_advice.h"
@@ -32,7 +32,7 @@ constexpr int kCannotOpen = -2;
 /// An update over a serial port has that many passes, in each of which one packet goes out.
 constexpr int kSerialPackets = 150;
 constexpr double kPacketKilobytes = 2.048;
-constexpr std::size_t kBarWidth = 30;
+constexpr std::size_t kProgressWidth = 30;
 constexpr auto kTick = std::chrono::milliseconds(100);
 /// A hand restarts for seconds after an update.
 constexpr int kTries = 20;
@@ -98,7 +98,7 @@ class Display {
       tool_.Print(
           fmt::format("{:3} %  {} of {} packets\n", (shown_ + 1) * 10, state.done, state.total));
     }
-    if (tool_.Talks()) std::fflush(stdout);
+    if (tool_.Talks()) FlushStdout();
   }
 
   /// Leaves the last picture and gives the cursor back.
@@ -108,7 +108,7 @@ class Display {
   static std::string BarOf(const UpdateState& state, double seconds) {
     const double part = state.total > 0 ? static_cast<double>(state.done) / state.total : 0;
     const double rate = seconds > 0 ? state.done / seconds : 0;
-    const std::string count = fmt::format("{} {:3.0f} %  {}/{} packets", Bar(part, kBarWidth),
+    const std::string count = fmt::format("{} {:3.0f} %  {}/{} packets", Bar(part, kProgressWidth),
                                           part * 100, state.done, state.total);
     if (state.whole) return count + "  the hand checks and restarts";
     if (rate <= 0) return count + "  waiting for the hand";
@@ -155,7 +155,10 @@ class Update : public Command {
     NeedConfirmable(yes_);
     // Made before the hand: its receive thread may report late, until the hand is gone.
     auto progress = std::make_shared<Progress>();
+    UpdateTurn turn;
+    turn.Take(address);  // before the hand is asked anything, as that could disturb another update
     OpenedHand hand = tool.Open(address);
+    turn.Take(hand.address);  // whose id is known now
     const auto vendor = Need(ReadVendor(*hand));
     before_ = vendor.software_version.ToString();
     document_ = ToJson(hand.address);
@@ -219,7 +222,7 @@ class Update : public Command {
     while (result.wait_for(kTick) != std::future_status::ready) {
       display.Show(*progress, interrupt.Came());
       const UpdateState state = progress->State();
-      note.Tell(state.done, state.total);
+      note.Write(state.done, state.total);
       if (interrupt.Count() > 1) Stop(tool, display, progress->State());
     }
     display.Show(*progress, false);
@@ -230,25 +233,26 @@ class Update : public Command {
   /// Ends the process in the middle, as nothing else ends an update.
   [[noreturn]] void Stop(const Tool& tool, Display& display, const UpdateState& state) {
     display.End();
-    Tell(tool, state, "interrupted: the update was stopped", kInterrupted, Failure{});
-    std::fflush(stdout);
+    PrintFailure(tool, state, "interrupted: the update was stopped", kInterrupted, Failure{});
+    FlushStdout();
     _exit(kInterrupted);
   }
 
   int Failed(const Tool& tool, const UpdateState& state, const Failure& failure) {
     const bool known = failure.kind != FailureKind::NONE;
     const int status = known && state.code == 0 ? StatusOf(failure) : kFailed;
-    Tell(tool, state, known ? PlainText(failure) : "the update ended before it was complete",
-         status, failure);
+    PrintFailure(tool, state,
+                 known ? PlainText(failure) : "the update ended before it was complete", status,
+                 failure);
     return status;
   }
 
-  void Tell(const Tool& tool, const UpdateState& state, const std::string& text, int status,
-            const Failure& failure) {
+  void PrintFailure(const Tool& tool, const UpdateState& state, const std::string& text, int status,
+                    const Failure& failure) {
     const bool interrupted = status == kInterrupted;
     const std::string advice =
         interrupted ? "Update once more, to the end." : WhatToDo(state, failure.kind);
-    fmt::print(stderr, "korvane: {}\n{}\n{}\n", text, StateOfHand(state), advice);
+    WriteToStderr(fmt::format("korvane: {}\n{}\n{}\n", text, StateOfHand(state), advice));
     Json error{{"kind", ToString(failure.kind)},
                {"text", text},
                {"state", StateOfHand(state)},
@@ -307,7 +311,7 @@ class Update : public Command {
     const std::string advice =
         after ? "Check that the file is of that version, and update once more."
               : "Wait, switch the hand off and on, and look at its version with `korvane info`.";
-    fmt::print(stderr, "korvane: {}\n{}\n", text, advice);
+    WriteToStderr(fmt::format("korvane: {}\n{}\n", text, advice));
     return {{"kind", ToString(after.failure().kind)},
             {"text", text},
             {"advice", advice},

@@ -6,8 +6,9 @@
 
 #include "tool.h"
 
-// How far an update is, told to the other programs of the same user: in a file of the user's folder
-// for running programs, $XDG_RUNTIME_DIR, which is locked as long as the update runs.
+// How updates know of each other, and how far one is, told to the other programs of the same user:
+// in files of the user's folder for running programs, $XDG_RUNTIME_DIR, which are locked as long as
+// the update runs. Where there is no such folder nothing is told and nothing refused.
 
 namespace korvane_tool {
 
@@ -16,24 +17,54 @@ namespace korvane_tool {
 /// them.
 constexpr auto kUpdateCheck = std::chrono::milliseconds(200);
 
-/// Tells of one update until its end, whatever ends it. Tells nothing where there is no such
-/// folder, and of a hand without a serial number, by which others look.
+/// A file that one process at a time can hold, until the object or the process ends.
+class HeldFile {
+ public:
+  /// No file for an empty path, and where it can't be made.
+  explicit HeldFile(std::string path);
+  ~HeldFile();
+  HeldFile(const HeldFile&) = delete;
+  HeldFile& operator=(const HeldFile&) = delete;
+
+  bool IsHeld() const { return file_ >= 0; }
+  bool IsHeldByAnother() const { return held_by_another_; }
+  int Descriptor() const { return file_; }
+
+ private:
+  void Open();
+  void Close();
+
+  std::string path_;
+  int file_ = -1;
+  bool held_by_another_ = false;
+};
+
+/// Keeps two updates of one hand apart: the second would ruin the first, and both would leave the
+/// hand without firmware. It is the same hand at the same place of a link, under the same id.
+class UpdateTurn {
+ public:
+  /// Takes the turn unless this update has it already, or the address has no id that would tell the
+  /// hand from the others of its bus. Throws a ToolError if another update has it.
+  void Take(const HandAddress& address);
+
+ private:
+  std::optional<HeldFile> file_;
+};
+
+/// Tells of one update until its end, whatever ends it. Tells nothing of a hand without a serial
+/// number, by which others look, or with that of another one that is being updated.
 class UpdateNote {
  public:
   explicit UpdateNote(const std::string& serial_number);
-  ~UpdateNote();
-  UpdateNote(const UpdateNote&) = delete;
-  UpdateNote& operator=(const UpdateNote&) = delete;
 
   /// Waits until those who look have closed the hand.
   void AwaitOthers() const;
 
   /// `done` of `total` packets.
-  void Tell(int done, int total) const;
+  void Write(int done, int total) const;
 
  private:
-  std::string path_;
-  int file_ = -1;
+  HeldFile file_;
 };
 
 struct RunningUpdate {

@@ -104,9 +104,9 @@ class Watch : public Command {
 
   int Run(Tool& tool) override {
     const OpenedHand hand = tool.Open();
-    const Reports reports(hand, sampling_.report_period);
-    reports.AwaitFirst();
     const Interrupt interrupt;
+    const Reports reports(hand, sampling_.report_period);
+    if (!reports.AwaitFirst([&] { return interrupt.Came(); })) return kInterrupted;
     const bool lines = csv_ || tool.options.json;
     start_ = Clock::now();
     lines ? WriteLines(tool, hand, interrupt) : Draw(tool, hand, interrupt);
@@ -118,7 +118,7 @@ class Watch : public Command {
   void WriteLines(const Tool& tool, const OpenedHand& hand, const Interrupt& interrupt) {
     if (sampling_.keys.empty()) sampling_.keys = {"positions"};
     Sampler sampler(hand, sampling_.keys);
-    OutputFile out("-", false);
+    OutputFile out("-", false, Appears::AT_ONCE);
     Patience patience(hand, kFailedReadings);
     SampleWriter writer(out, csv_ ? SampleFormat::CSV : SampleFormat::JSON_LINES, sampler,
                         sampling_.rate_hz);
