@@ -28,6 +28,10 @@ HttpAnswer JsonAnswer(const Json& json, int status = 200) {
   return {status, kJsonType, json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"};
 }
 
+HttpAnswer ErrorAnswer(int status, const std::string& text) {
+  return JsonAnswer({{"error", {{"text", text}, {"status", status}}}}, status);
+}
+
 std::string PortOf(const std::string& host) { return host.substr(host.rfind(':') + 1); }
 
 bool IsLoopback(const std::string& host) {
@@ -121,8 +125,9 @@ HttpAnswer Site::Answer(const HttpRequest& request) {
   try {
     answer = Answered(request);
   } catch (const Refused& refused) {
-    answer = JsonAnswer({{"error", {{"text", refused.text}, {"status", refused.status}}}},
-                        refused.status);
+    answer = ErrorAnswer(refused.status, refused.text);
+  } catch (const std::exception& error) {
+    answer = ErrorAnswer(500, error.what());  // the other requests go on
   }
   for (const auto& [name, value] : {std::pair{"Cache-Control", "no-store"},
                                     {"Content-Security-Policy", kContentSecurity},
