@@ -3,6 +3,7 @@
 import contextlib
 import http.client
 import json
+import os
 import resource
 import socket
 import time
@@ -390,3 +391,19 @@ def test_slow_clients_cost_the_others_nothing(serve):
     began = time.monotonic()
     assert site.end()[0] == 0 and time.monotonic() - began < LIMIT / 2
     resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
+def test_who_comes_when_no_more_files_may_be_opened_is_told(serve):
+    site = serve()
+    with site.events() as events:
+        next(events)
+        # The next file is too many. The only client watches, so that it isn't closed for another.
+        soft, hard = resource.prlimit(site.process.pid, resource.RLIMIT_NOFILE)
+        opened = os.listdir(f"/proc/{site.process.pid}/fd")
+        next_file = min(set(range(len(opened) + 1)) - {int(file) for file in opened})
+        resource.prlimit(site.process.pid, resource.RLIMIT_NOFILE, (next_file, hard))
+        for _ in range(3):
+            assert site.ask("GET", "/api/hands")[0] == 503
+        assert next(events)["state"] == "live"
+        resource.prlimit(site.process.pid, resource.RLIMIT_NOFILE, (soft, hard))
+        assert site.ask("GET", "/api/hands")[0] == 200
