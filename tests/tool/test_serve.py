@@ -158,6 +158,7 @@ def test_the_page_comes_whole_and_keeps_to_itself(serve):
         ("GET", "/api/hands", {"Origin": "http://127.0.0.1:PORT"}, 200),
         ("GET", "/api/hands/2/events", {}, 404),
         ("GET", "/api/hands/x/events", {}, 404),
+        ("GET", "/api/hands/1.0/events", {}, 404),
         ("GET", "/../../etc/passwd", {}, 404),
         ("POST", "/api/hands", {}, 405),
         ("PUT", "/api/hands/1/move", {}, 405),
@@ -248,6 +249,7 @@ def test_a_hand_goes_where_its_owner_says_and_only_while_the_switch_is_held(cont
     "target, status, text",
     [
         ({"motors": {"11": 5}}, 400, "motors 1 to 10"),
+        ({"motors": {"1.0": 5}}, 400, "motors 1 to 10"),
         ({"motors": {"3": 4097}}, 400, "beyond the limits"),
         ({"motors": {"3": -1}}, 400, "beyond the limits"),
         ({"motors": {"3": "5"}}, 400, "beyond the limits"),
