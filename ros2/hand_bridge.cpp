@@ -1,14 +1,12 @@
 #include "hand_bridge.h"
 
-#include <ibr7_tactile_sensor_1d.h>
-#include <korvane_brisa.h>
 #include <korvane_open.h>
-#include <korvane_tessel.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <iterator>
+
+#include "common/touch.h"
 
 namespace korvane_ros2 {
 namespace {
@@ -18,35 +16,15 @@ using kv::Failure;
 using kv::FailureKind;
 using kv::KorvaneBase;
 using Clock = std::chrono::steady_clock;
-using Bytes = std::vector<std::uint8_t>;
 
 constexpr int kFailuresInARow = 3;
 constexpr auto kSilence = std::chrono::seconds(1);
-constexpr double kErrorReadings = 10;   // in a second
-constexpr double kSlowReadings = 1;     // in a second
-constexpr double kLongestStep = 2;      // cycles that a walk may make up for after a stall
-constexpr std::size_t kFrameData = 62;  // bytes of touch in one frame
+constexpr double kErrorReadings = 10;  // in a second
+constexpr double kSlowReadings = 1;    // in a second
+constexpr double kLongestStep = 2;     // cycles that a walk may make up for after a stall
 
 void WriteLine(kv::LogLevel, std::string_view line) {
   std::fprintf(stderr, "korvane-ros2: %.*s\n", static_cast<int>(line.size()), line.data());
-}
-
-/// Replies of several frames reach a hand on SocketCAN and ZLG only.
-bool CarriesArrays(kv::LinkKind link) {
-  return link == kv::LinkKind::SOCKET_CAN || link == kv::LinkKind::ZLG;
-}
-
-/// One sensor: its whole array, or the summary where the link cuts arrays short.
-Bytes TouchOf(const KorvaneBase& hand, kv::LinkKind link, kv::Finger finger) {
-  if (const auto* const tessel = dynamic_cast<const kv::KorvaneTessel*>(&hand)) {
-    const auto record = tessel->GetTactileSensor3DData(finger);
-    return {std::begin(record.data), std::end(record.data)};
-  }
-  const auto* const brisa = dynamic_cast<const kv::KorvaneBrisa*>(&hand);
-  if (brisa != nullptr && !CarriesArrays(link)) return brisa->GetTactileSensorData(finger);
-  const auto* const sensors = dynamic_cast<const kv::IBR7TactileSensor1D*>(&hand);
-  const bool fits = CarriesArrays(link) || sensors->GetSensorDataLength(finger) <= kFrameData;
-  return fits ? sensors->GetTactileSensorDataRaw(finger).data : Bytes();
 }
 
 SpaceRules WithSolver(SpaceRules rules, const Kinematics& kinematics) {
@@ -239,7 +217,7 @@ void HandBridge::ReadTouch() {
     const TouchTopic& topic = endpoints_.touch[next_touch_++ % endpoints_.touch.size()];
     if (topic.writer.Readers() == 0) continue;
     const auto cells = Ask([&](const KorvaneBase& hand) {
-      return TouchOf(hand, options_.address.link, topic.finger);
+      return korvane_common::TouchOf(hand, options_.address.link, topic.finger);
     });
     if (cells && !cells->empty()) CountSent(Publish(topic.writer, "cell", *cells));
     return;

@@ -44,7 +44,7 @@ Json ErrorTexts(const std::vector<double>& errors) {
 
 Json TouchOf(const Reading& reading) {
   Json touch = Json::object();
-  for (const auto& sensor : reading.Touch()) touch[NameOf(sensor.finger)] = sensor.data;
+  for (const auto& sensor : reading.Touch()) touch[FingerName(sensor.finger)] = sensor.data;
   return touch;
 }
 
