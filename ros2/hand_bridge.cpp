@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <exception>
 
 #include "common/touch.h"
 
@@ -78,19 +79,29 @@ void HandBridge::Run() {
   Instant last = next;
   do {
     const Instant now = Clock::now();
-    if (hand_) {
-      Cycle(now - last);
-    } else {
-      Reopen();
-    }
+    TakeTurn(now - last);
     last = now;
-    UpdateHealth();
     next += hand_ ? period : Clock::duration(kSilence);
     if (next < Clock::now()) {
       next = Clock::now();
       ++now_.late_cycles;
     }
   } while (WaitUntil(next));
+}
+
+/// Whatever is thrown is a failure of this hand: the other hands go on.
+void HandBridge::TakeTurn(Seconds since_last) {
+  try {
+    if (hand_) {
+      Cycle(since_last);
+    } else {
+      Reopen();
+    }
+  } catch (const std::exception& error) {
+    Count({FailureKind::BAD_REPLY, "", error.what(), 0});
+    Renew();
+  }
+  UpdateHealth();
 }
 
 /// False once the program ends.
@@ -256,7 +267,11 @@ Pose HandBridge::ToPose(const Step& step) const {
 
 void HandBridge::LookAfterLink() {
   if (kv::StatisticsOf(*hand_).link_lost) return CloseHand("the link has gone");
-  if (Clock::now() - last_answer_ < kSilence) return;
+  if (Clock::now() - last_answer_ >= kSilence) Renew();
+}
+
+/// A hand that isn't to be relied on is opened anew, unless its end would stop others.
+void HandBridge::Renew() {
   if (renews_silent_) return CloseHand(now_.trouble);
   gate_.Lost();
   must_identify_ = true;
@@ -295,6 +310,7 @@ Status HandBridge::Report() {
   }
   health.superseded = mailbox_.Superseded();
   health.qos_mismatches = endpoints_.Mismatches();
+  health.failed_commands = endpoints_.Failures();
   Status status = ToStatus(health);
   status.name = "korvane: " + options_.space;
   status.hardware_id = options_.address.ToString();

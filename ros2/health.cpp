@@ -98,6 +98,7 @@ Status ToStatus(const Health& health) {
       {"refused_commander", NameOf(health.refused_commander)},
       {"accepted", std::to_string(health.accepted)},
       {"superseded", std::to_string(health.superseded)},
+      {"failed_commands", std::to_string(health.failed_commands)},
   };
   for (std::size_t i = 0; i < kRefusals; ++i) {
     status.values.emplace_back(std::string("refused_") + TextOf(static_cast<Refusal>(i)).key,
