@@ -6,6 +6,7 @@ import json
 import subprocess
 
 import pytest
+from conftest import BUILD, TOOL
 
 MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
 #: A serial port has a Brisa.
@@ -145,8 +146,9 @@ def test_ctrl_c_ends_a_command_that_waits_for_a_hand(make_sim, command):
 
 
 def test_nothing_is_believed_that_could_not_be_written(sim):
-    for command in (["find", "zlg:0.0:2"], ["info", "-H", sim.address("zlg")], ["watch", "--csv", "-H", sim.address("zlg")]):
+    hand = ["-H", sim.address("zlg")]
+    for command in ([TOOL, "find", "zlg:0.0:2"], [TOOL, "info", *hand], [TOOL, "watch", "--csv", *hand],
+                    [TOOL, "--help"], [BUILD / "bin" / "korvane-sim", "--help"]):
         with open("/dev/full", "w") as full:
-            done = subprocess.run([sim.start("--version").args[0], *command], stdout=full, stderr=subprocess.PIPE,
-                                  text=True, env=sim.env, timeout=60)
+            done = subprocess.run(command, stdout=full, stderr=subprocess.PIPE, text=True, env=sim.env, timeout=60)
         assert done.returncode == 1 and "No space left" in done.stderr
