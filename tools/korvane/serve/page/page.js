@@ -4,8 +4,8 @@
 // it draws is always the newest of each.
 
 const HISTORY_MS = 60000;
-const SLOW_MS = 500; // what changes slowly is drawn so often
-const HOLD_MS = 100; // the switch tells so often that it is held
+const SLOW_MS = 500; // between two drawings of what changes slowly
+const HOLD_MS = 100; // between two requests that move the hand, while the switch is held
 const HEAT = [[68, 1, 84], [59, 82, 139], [33, 145, 140], [94, 201, 98], [253, 231, 37]];
 
 const hands = new Map();
@@ -385,10 +385,11 @@ class HandView {
     this.drawUpdate(data.update);
   }
 
-  /** An update changes the firmware. */
+  /** An update changes the firmware. Where the server has gone, or has other hands now, nothing is learned. */
   async learnIdentity() {
-    const told = await (await fetch("/api/hands")).json();
-    this.drawIdentity(told.hands.find((hand) => hand.hand === this.hand.hand));
+    const told = await fetch("/api/hands").then((answer) => answer.json()).catch(() => ({}));
+    const hand = told.hands?.find((other) => other.hand === this.hand.hand);
+    if (hand) this.drawIdentity(hand);
   }
 
   drawUpdate(update) {
@@ -491,7 +492,8 @@ class Control {
     this.path = `/api/hands/${view.hand.hand}/`;
     this.secret = "";
     this.trouble = "";
-    this.holding = false;
+    this.held = null; // the press of the switch that holds now
+    this.moving = Promise.resolve(); // until the last press has sent its stop
     this.sliders = [];
     this.take = view.find(".take");
     this.hold = view.find(".hold");
@@ -511,7 +513,7 @@ class Control {
       this.press();
     });
     this.hold.addEventListener("contextmenu", (event) => event.preventDefault());
-    setInterval(() => { if (this.secret && !this.holding) this.send("control", { action: "keep" }); }, 1000);
+    setInterval(() => { if (this.secret && !this.held) this.send("control", { action: "keep" }); }, 1000);
   }
 
   makeSliders(data) {
@@ -561,7 +563,7 @@ class Control {
   async send(what, body) {
     try {
       await post(this.path + what, body, this.secret);
-      this.trouble = "";
+      if (what === "move") this.trouble = ""; // a stop leaves standing why the hand stopped
       return true;
     } catch (error) {
       this.trouble = error.status ? error.message : "korvane serve doesn't answer";
@@ -585,13 +587,14 @@ class Control {
 
   async giveUp() {
     this.release();
+    await this.moving;
     await this.send("control", { action: "give_up" });
     this.lose();
   }
 
   lose() {
-    this.holding = false;
     this.secret = "";
+    this.release();
     this.enable();
   }
 
@@ -601,23 +604,32 @@ class Control {
     for (const { input } of this.sliders) input.disabled = !this.secret;
   }
 
-  async press() {
-    if (this.holding || !this.secret) return;
-    this.holding = true;
+  press() {
+    if (this.held || !this.secret) return;
+    const press = {};
+    press.ended = new Promise((end) => { press.end = end; });
+    this.held = press;
     this.hold.setAttribute("aria-pressed", "true");
-    while (this.holding) {
-      const target = this.target();
-      if (!target) this.trouble = "Move a slider first, or choose a gesture";
-      if (!target || !(await this.send("move", target))) break;
-      await new Promise((done) => setTimeout(done, HOLD_MS));
-    }
-    this.release();
+    this.moving = this.moving.then(() => this.move(press));
   }
 
   release() {
-    if (this.holding) this.send("stop", {});
-    this.holding = false;
+    this.held?.end();
+    this.held = null;
     this.hold.setAttribute("aria-pressed", "false");
+  }
+
+  /** Moves the hand as long as one press holds. One request after the other, as they could overtake each other: the stop comes
+      last, and before the first of the next press. */
+  async move(press) {
+    while (this.held === press) {
+      const target = this.target();
+      if (!target) this.trouble = "Move a slider first, or choose a gesture";
+      if (!target || !(await this.send("move", target))) break;
+      await Promise.race([press.ended, new Promise((done) => setTimeout(done, HOLD_MS))]);
+    }
+    if (this.held === press) this.release();
+    if (this.secret) await this.send("stop", {});
   }
 
   show(data) {
