@@ -135,7 +135,7 @@ def test_all_models_are_described_and_tell_what_they_have(sim, serve):
 
 def test_the_page_comes_whole_and_keeps_to_itself(serve):
     site = serve()
-    for path, part in (("/", '<script src="/page.js"'), ("/page.js", "EventSource"), ("/style.css", "prefers-color-scheme")):
+    for path, part in (("/", 'src="/page.js"'), ("/page.js", "EventSource"), ("/control.js", "Control"), ("/style.css", "prefers-color-scheme")):
         status, text, headers = site.ask("GET", path)
         assert status == 200 and part in text
         policy = headers["Content-Security-Policy"]
