@@ -66,7 +66,7 @@ Entity MakeTopic(const Participant& participant, const std::string& name, const 
           "topic " + name};
 }
 
-void TakeAll(dds_entity_t reader, const Reader::Take& take) {
+void TakeAll(dds_entity_t reader, Inbox& inbox) {
   std::array<void*, kTakenAtOnce> messages{};
   std::array<dds_sample_info_t, kTakenAtOnce> infos{};
   for (;;) {
@@ -74,7 +74,7 @@ void TakeAll(dds_entity_t reader, const Reader::Take& take) {
         dds_take(reader, messages.data(), infos.data(), kTakenAtOnce, kTakenAtOnce);
     if (count <= 0) return;
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-      if (infos[i].valid_data) take(messages[i], infos[i]);
+      if (infos[i].valid_data) inbox.Put(messages[i], infos[i]);
     }
     dds_return_loan(reader, messages.data(), count);
   }
@@ -127,11 +127,11 @@ std::uint32_t Writer::Mismatches() const {
 Reader::Reader(const Participant& participant, const std::string& dds_topic,
                const MessageType& type, Reliability reliability, Take take, bool is_lasting)
     : topic_(MakeTopic(participant, dds_topic, type)),
-      take_(std::make_unique<Take>(std::move(take))) {
+      inbox_(std::make_unique<Inbox>(std::move(take))) {
   const std::unique_ptr<dds_listener_t, void (*)(dds_listener_t*)> listener(
-      dds_create_listener(take_.get()), dds_delete_listener);
+      dds_create_listener(inbox_.get()), dds_delete_listener);
   dds_lset_data_available(listener.get(), [](dds_entity_t reader, void* argument) {
-    TakeAll(reader, *static_cast<const Take*>(argument));
+    TakeAll(reader, *static_cast<Inbox*>(argument));
   });
   reader_ =
       Entity(dds_create_reader(participant.Handle(), topic_.Handle(),

@@ -2,6 +2,7 @@
 
 #include <dds/dds.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -78,10 +79,31 @@ class Writer {
   Entity writer_;
 };
 
+/// Where the messages of a reader go. What is thrown there goes no further, since DDS is C and has
+/// lent the message: it costs that message, and is counted.
+class Inbox {
+ public:
+  using Take = std::function<void(const void* message, const dds_sample_info_t& info)>;
+
+  explicit Inbox(Take take) : take_(std::move(take)) {}
+  void Put(const void* message, const dds_sample_info_t& info) noexcept {
+    try {
+      take_(message, info);
+    } catch (...) {
+      ++failures_;
+    }
+  }
+  std::uint64_t Failures() const { return failures_; }
+
+ private:
+  Take take_;
+  std::atomic<std::uint64_t> failures_{0};
+};
+
 /// Hands over what comes in, on a thread of DDS.
 class Reader {
  public:
-  using Take = std::function<void(const void* message, const dds_sample_info_t& info)>;
+  using Take = Inbox::Take;
 
   Reader() = default;
   /// `is_lasting`: what writers that keep their last message wrote before counts, too.
@@ -89,12 +111,14 @@ class Reader {
          Reliability reliability, Take take, bool is_lasting = false);
 
   std::uint32_t Mismatches() const;
+  /// Messages that were lost since something was thrown at them.
+  std::uint64_t Failures() const { return inbox_ ? inbox_->Failures() : 0; }
   dds_entity_t Handle() const { return reader_.Handle(); }
   explicit operator bool() const { return static_cast<bool>(reader_); }
 
  private:
   Entity topic_;
-  std::unique_ptr<Take> take_;  ///< Outlives the reader, which refers to it.
+  std::unique_ptr<Inbox> inbox_;  ///< Outlives the reader, which refers to it.
   Entity reader_;
 };
 

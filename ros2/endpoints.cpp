@@ -1,11 +1,8 @@
 #include "endpoints.h"
 
-#include <ibr7_tactile_sensor_1d.h>
 #include <korvane_model.h>
-#include <korvane_tessel.h>
 
-#include <array>
-
+#include "common/touch.h"
 #include "messages.h"
 
 namespace korvane_ros2 {
@@ -14,18 +11,6 @@ namespace {
 namespace kv = talvera::korvane;
 
 constexpr const char* kNodeName = "bridge";
-constexpr std::array<const char*, 8> kFingerNames = {"",     "thumb",  "index", "middle",
-                                                     "ring", "little", "palm",  "dorsum"};
-
-std::vector<kv::Finger> FingersOf(const kv::KorvaneBase& hand) {
-  if (dynamic_cast<const kv::KorvaneTessel*>(&hand) != nullptr) {
-    return {kv::Finger::THUMB, kv::Finger::INDEX, kv::Finger::MIDDLE, kv::Finger::RING,
-            kv::Finger::LITTLE};
-  }
-  const auto* const sensors = dynamic_cast<const kv::IBR7TactileSensor1D*>(&hand);
-  return sensors == nullptr ? std::vector<kv::Finger>() : sensors->GetSensorOrder();
-}
-
 Reader::Take PutInto(Mailbox& mailbox, Space space) {
   return [&mailbox, space](const void* message, const dds_sample_info_t& info) {
     Command command = ToCommand(space, message);
@@ -55,8 +40,8 @@ Endpoints::Endpoints(const Participant& participant, const HandOptions& options,
     motor_currents = write("motor_currents", types::kFloat64MultiArray);
     motor_commands = read("motor_commands", types::kFloat64MultiArray, Space::MOTORS);
   }
-  for (const kv::Finger finger : FingersOf(hand)) {
-    const std::string name = kFingerNames.at(static_cast<std::size_t>(finger));
+  for (const kv::Finger finger : korvane_common::SensorsOf(hand)) {
+    const std::string name = korvane_common::FingerName(finger);
     touch.push_back({finger, write("tactile/" + name, types::kUInt8MultiArray)});
   }
 }

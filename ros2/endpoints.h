@@ -35,6 +35,8 @@ struct Endpoints {
   /// The node that these belong to.
   Node ToNode(const std::string& space) const;
   std::uint64_t Mismatches() const;
+  /// Commands that were lost since something was thrown at them.
+  std::uint64_t Failures() const { return joint_commands.Failures() + motor_commands.Failures(); }
 };
 
 }  // namespace korvane_ros2

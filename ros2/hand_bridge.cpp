@@ -1,14 +1,13 @@
 #include "hand_bridge.h"
 
-#include <ibr7_tactile_sensor_1d.h>
-#include <korvane_brisa.h>
 #include <korvane_open.h>
-#include <korvane_tessel.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <iterator>
+#include <exception>
+
+#include "common/touch.h"
 
 namespace korvane_ros2 {
 namespace {
@@ -18,35 +17,15 @@ using kv::Failure;
 using kv::FailureKind;
 using kv::KorvaneBase;
 using Clock = std::chrono::steady_clock;
-using Bytes = std::vector<std::uint8_t>;
 
 constexpr int kFailuresInARow = 3;
 constexpr auto kSilence = std::chrono::seconds(1);
-constexpr double kErrorReadings = 10;   // in a second
-constexpr double kSlowReadings = 1;     // in a second
-constexpr double kLongestStep = 2;      // cycles that a walk may make up for after a stall
-constexpr std::size_t kFrameData = 62;  // bytes of touch in one frame
+constexpr double kErrorReadings = 10;  // in a second
+constexpr double kSlowReadings = 1;    // in a second
+constexpr double kLongestStep = 2;     // cycles that a walk may make up for after a stall
 
 void WriteLine(kv::LogLevel, std::string_view line) {
   std::fprintf(stderr, "korvane-ros2: %.*s\n", static_cast<int>(line.size()), line.data());
-}
-
-/// Replies of several frames reach a hand on SocketCAN and ZLG only.
-bool CarriesArrays(kv::LinkKind link) {
-  return link == kv::LinkKind::SOCKET_CAN || link == kv::LinkKind::ZLG;
-}
-
-/// One sensor: its whole array, or the summary where the link cuts arrays short.
-Bytes TouchOf(const KorvaneBase& hand, kv::LinkKind link, kv::Finger finger) {
-  if (const auto* const tessel = dynamic_cast<const kv::KorvaneTessel*>(&hand)) {
-    const auto record = tessel->GetTactileSensor3DData(finger);
-    return {std::begin(record.data), std::end(record.data)};
-  }
-  const auto* const brisa = dynamic_cast<const kv::KorvaneBrisa*>(&hand);
-  if (brisa != nullptr && !CarriesArrays(link)) return brisa->GetTactileSensorData(finger);
-  const auto* const sensors = dynamic_cast<const kv::IBR7TactileSensor1D*>(&hand);
-  const bool fits = CarriesArrays(link) || sensors->GetSensorDataLength(finger) <= kFrameData;
-  return fits ? sensors->GetTactileSensorDataRaw(finger).data : Bytes();
 }
 
 SpaceRules WithSolver(SpaceRules rules, const Kinematics& kinematics) {
@@ -100,19 +79,29 @@ void HandBridge::Run() {
   Instant last = next;
   do {
     const Instant now = Clock::now();
-    if (hand_) {
-      Cycle(now - last);
-    } else {
-      Reopen();
-    }
+    TakeTurn(now - last);
     last = now;
-    UpdateHealth();
     next += hand_ ? period : Clock::duration(kSilence);
     if (next < Clock::now()) {
       next = Clock::now();
       ++now_.late_cycles;
     }
   } while (WaitUntil(next));
+}
+
+/// Whatever is thrown is a failure of this hand: the other hands go on.
+void HandBridge::TakeTurn(Seconds since_last) {
+  try {
+    if (hand_) {
+      Cycle(since_last);
+    } else {
+      Reopen();
+    }
+  } catch (const std::exception& error) {
+    Count({FailureKind::BAD_REPLY, "", error.what(), 0});
+    Renew();
+  }
+  UpdateHealth();
 }
 
 /// False once the program ends.
@@ -239,7 +228,7 @@ void HandBridge::ReadTouch() {
     const TouchTopic& topic = endpoints_.touch[next_touch_++ % endpoints_.touch.size()];
     if (topic.writer.Readers() == 0) continue;
     const auto cells = Ask([&](const KorvaneBase& hand) {
-      return TouchOf(hand, options_.address.link, topic.finger);
+      return korvane_common::TouchOf(hand, options_.address.link, topic.finger);
     });
     if (cells && !cells->empty()) CountSent(Publish(topic.writer, "cell", *cells));
     return;
@@ -278,7 +267,11 @@ Pose HandBridge::ToPose(const Step& step) const {
 
 void HandBridge::LookAfterLink() {
   if (kv::StatisticsOf(*hand_).link_lost) return CloseHand("the link has gone");
-  if (Clock::now() - last_answer_ < kSilence) return;
+  if (Clock::now() - last_answer_ >= kSilence) Renew();
+}
+
+/// A hand that isn't to be relied on is opened anew, unless its end would stop others.
+void HandBridge::Renew() {
   if (renews_silent_) return CloseHand(now_.trouble);
   gate_.Lost();
   must_identify_ = true;
@@ -317,6 +310,7 @@ Status HandBridge::Report() {
   }
   health.superseded = mailbox_.Superseded();
   health.qos_mismatches = endpoints_.Mismatches();
+  health.failed_commands = endpoints_.Failures();
   Status status = ToStatus(health);
   status.name = "korvane: " + options_.space;
   status.hardware_id = options_.address.ToString();

@@ -42,6 +42,7 @@ class HandBridge {
 
  private:
   void Run();
+  void TakeTurn(Seconds since_last);
   bool WaitUntil(Instant time);
   void Cycle(Seconds since_last);
   void Reopen();
@@ -56,6 +57,7 @@ class HandBridge {
   void SendStep(Seconds since_last);
   Pose ToPose(const Step& step) const;
   void LookAfterLink();
+  void Renew();
   bool IsSameHand();
   void UpdateHealth();
   void Count(const talvera::korvane::Failure& failure);

@@ -2,25 +2,19 @@
 
 #include <algorithm>
 
+#include "common/motor_errors.h"
+
 namespace korvane_ros2 {
 namespace {
-
-/// Stalled, overheated, overcurrent, motor fault, communication fault.
-constexpr std::array<const char*, 5> kErrorNames = {"stalled", "overheated", "overcurrent",
-                                                    "motor fault", "communication fault"};
-constexpr unsigned kErrorBits = 0x1F;
 
 /// "motor 3 stalled, overheated; motor 5 ..."
 std::string ErrorTexts(const std::vector<unsigned short>& errors) {
   std::string text;
   for (std::size_t motor = 0; motor < errors.size(); ++motor) {
-    std::string names;
-    for (std::size_t bit = 0; bit < kErrorNames.size(); ++bit) {
-      if ((errors[motor] >> bit & 1) == 0) continue;
-      names += (names.empty() ? " " : ", ") + std::string(kErrorNames[bit]);
-    }
+    const std::string names =
+        korvane_common::ErrorNames(errors[motor] & korvane_common::kNamedErrors);
     if (names.empty()) continue;
-    text += (text.empty() ? "motor " : "; motor ") + std::to_string(motor + 1) + names;
+    text += (text.empty() ? "motor " : "; motor ") + std::to_string(motor + 1) + " " + names;
   }
   return text;
 }
@@ -79,8 +73,9 @@ std::string Join(const std::vector<unsigned short>& numbers) {
 }  // namespace
 
 bool HasErrors(const std::vector<unsigned short>& errors) {
-  return std::any_of(errors.begin(), errors.end(),
-                     [](unsigned short word) { return (word & kErrorBits) != 0; });
+  return std::any_of(errors.begin(), errors.end(), [](unsigned short word) {
+    return (word & korvane_common::kNamedErrors) != 0;
+  });
 }
 
 Status ToStatus(const Health& health) {
@@ -103,6 +98,7 @@ Status ToStatus(const Health& health) {
       {"refused_commander", NameOf(health.refused_commander)},
       {"accepted", std::to_string(health.accepted)},
       {"superseded", std::to_string(health.superseded)},
+      {"failed_commands", std::to_string(health.failed_commands)},
   };
   for (std::size_t i = 0; i < kRefusals; ++i) {
     status.values.emplace_back(std::string("refused_") + TextOf(static_cast<Refusal>(i)).key,

@@ -32,6 +32,7 @@ struct Health {
   std::optional<std::uint64_t> refused_commander;  ///< The last one who was refused for another.
   std::uint64_t accepted = 0;
   std::uint64_t superseded = 0;
+  std::uint64_t failed_commands = 0;  ///< Lost on the way in, for want of memory.
   std::array<std::uint64_t, kRefusals> refused{};
   std::uint64_t qos_mismatches = 0;  ///< Publishers and subscribers that can't match.
 };

@@ -7,8 +7,10 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <memory>
@@ -129,17 +131,25 @@ int Run(int argc, char** argv) {
   return korvane_common::kDone;
 }
 
+/// A full disk shows only when the last bytes are written.
+int WriteTheRest(int status) {
+  const bool is_written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  if (is_written || status != korvane_common::kDone) return status;
+  std::fprintf(stderr, "korvane-ros2: the output can't be written: %s\n", std::strerror(errno));
+  return korvane_common::kFailed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   int status = korvane_common::kFailed;
   try {
-    return Run(argc, argv);
+    status = Run(argc, argv);
   } catch (const ProgramError& error) {
     status = error.Status();
     if (*error.what() != '\0') std::fprintf(stderr, "korvane-ros2: %s\n", error.what());
   } catch (const std::exception& error) {
     std::fprintf(stderr, "korvane-ros2: %s\n", error.what());
   }
-  return status;
+  return WriteTheRest(status);
 }

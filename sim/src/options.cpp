@@ -2,8 +2,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <iostream>
 #include <stdexcept>
 
 #include "socket_protocol.h"
@@ -255,13 +258,21 @@ void AddUpdateFaultOptions(CLI::App& app, FirmwarePartition& firmware) {
             "Restart with the old firmware instead");
 }
 
+/// Help and version count only once they are written, which a full disk refuses.
+[[noreturn]] void EndAfterHelp(const CLI::App& app, const CLI::ParseError& help) {
+  app.exit(help);
+  if (std::cout.flush()) std::exit(EXIT_SUCCESS);
+  std::cerr << "korvane-sim: the output can't be written: " << std::strerror(errno) << '\n';
+  std::exit(EXIT_FAILURE);
+}
+
 void Parse(CLI::App& app, int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ExtrasError&) {
     throw std::invalid_argument(UnknownOption(app));
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) std::exit(app.exit(error));
+    if (error.get_exit_code() == 0) EndAfterHelp(app, error);
     throw std::invalid_argument(error.what());
   }
 }

@@ -1,8 +1,10 @@
 """What a robot sees of korvane-ros2."""
 
 import signal
+import subprocess
 
 import pytest
+from conftest import BUILD
 
 HAND = "/korvane/right"
 STATES = f"{HAND}/joint_states"
@@ -272,3 +274,10 @@ def test_list_joints_asks_nobody(setup):
     rows = {line.split()[0]: line.split(maxsplit=3)[3].strip() for line in bridge.lines}
     assert len(rows) == 19 and rows["left_index_flexion"] == "commandable"
     assert rows["left_thumb_1"] == "can't be commanded" and "coupled" in rows.values()
+
+
+@pytest.mark.parametrize("arguments", [["--help"], ["--version"], ["-H", "can0:brisa", "--list-joints"]])
+def test_nothing_is_believed_that_could_not_be_written(arguments):
+    with open("/dev/full", "w") as full:
+        done = subprocess.run([BUILD / "bin/korvane-ros2", *arguments], stdout=full, stderr=subprocess.PIPE, text=True)
+    assert done.returncode == 1 and "No space left" in done.stderr

@@ -7,7 +7,7 @@ import signal
 import subprocess
 
 import pytest
-from conftest import LIMIT, command_line
+from conftest import BUILD, LIMIT, command_line
 
 MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
 #: A serial port has a Brisa.
@@ -160,16 +160,25 @@ def on_full_disk(sim, stream, command):
 
 @pytest.mark.parametrize(
     "command",
-    ["find zlg:0.0:2", "info -H zlg:0.0:brisa:1", "info --json -H zlg:0.0:vanta:5", "watch --csv -H zlg:0.0:brisa:1", "--help-all"],
+    ["find zlg:0.0:2", "info -H zlg:0.0:brisa:1", "info --json -H zlg:0.0:vanta:5", "watch --csv -H zlg:0.0:brisa:1",
+     "--help-all"],
 )
 def test_nothing_is_believed_that_could_not_be_written(sim, command):
     done = on_full_disk(sim, "stdout", command)
     assert done.returncode == 1 and "No space left" in done.stderr
 
 
+def test_the_simulator_says_when_its_help_could_not_be_written():
+    with open("/dev/full", "w") as full:
+        done = subprocess.run([BUILD / "bin" / "korvane-sim", "--help"], stdout=full, stderr=subprocess.PIPE, text=True,
+                              timeout=LIMIT)
+    assert done.returncode == 1 and "No space left" in done.stderr
+
+
 @pytest.mark.parametrize(
     "command, status",
-    [("info -H can99:brisa:1", 3), ("info -v -H zlg:0.0:brisa:9", 4), ("--nonsense", 2), ("info -v -H zlg:0.0:brisa:1", 0)],
+    [("info -H can99:brisa:1", 3), ("info -v -H zlg:0.0:brisa:9", 4), ("--nonsense", 2),
+     ("info -v -H zlg:0.0:brisa:1", 0)],
 )
 def test_a_reason_that_could_not_be_written_changes_no_status(sim, command, status):
     assert on_full_disk(sim, "stderr", command).returncode == status
@@ -191,4 +200,5 @@ def test_ctrl_c_switches_reports_off_that_do_not_come(make_sim, tmp_path):
     recorder.communicate(timeout=LIMIT)
     sent = [line.split()[-1].split("##1") for line in frames.read_text().splitlines()]
     switched_on = [function for function, data in sent if on in data]
-    assert switched_on and [function for function, data in sent if set(data) == {"0"} and function in switched_on] == switched_on
+    switched_off = [function for function, data in sent if set(data) == {"0"} and function in switched_on]
+    assert switched_on and switched_off == switched_on

@@ -122,6 +122,9 @@ def test_a_recording_is_played_as_it_was(sim, tmp_path, form):
     assert checked["seconds"] == pytest.approx(times[-1] - times[0], abs=1e-5)
     assert sim.korvane("replay", file, *lumen, "--map", "1=2").status == 0
     assert positions(sim, lumen) == [2000, 1000, 2000, 2000]
+    for pair in ("1.5=2", "1=2.9", "0=1", "1=5", "11=1", "1"):
+        refused = sim.korvane("replay", file, *lumen, "--map", pair)
+        assert refused.status == 2 and "expected RECORDED=MOTOR" in refused.err, pair
 
 
 def test_a_worn_quill_is_played_on_a_brisa(sim, tmp_path):

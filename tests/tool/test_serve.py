@@ -3,6 +3,7 @@
 import contextlib
 import http.client
 import json
+import os
 import resource
 import socket
 import time
@@ -134,7 +135,8 @@ def test_all_models_are_described_and_tell_what_they_have(sim, serve):
 
 def test_the_page_comes_whole_and_keeps_to_itself(serve):
     site = serve()
-    parts = {"/": '<script src="/page.js"', "/page.js": "EventSource", "/style.css": "prefers-color-scheme"}
+    parts = {"/": 'src="/page.js"', "/page.js": "EventSource", "/control.js": "Control",
+             "/style.css": "prefers-color-scheme"}
     for path, part in parts.items():
         status, text, headers = site.ask("GET", path)
         assert status == 200 and part in text
@@ -158,6 +160,7 @@ def test_the_page_comes_whole_and_keeps_to_itself(serve):
         ("GET", "/api/hands", {"Origin": "http://127.0.0.1:PORT"}, 200),
         ("GET", "/api/hands/2/events", {}, 404),
         ("GET", "/api/hands/x/events", {}, 404),
+        ("GET", "/api/hands/1.0/events", {}, 404),
         ("GET", "/../../etc/passwd", {}, 404),
         ("POST", "/api/hands", {}, 405),
         ("PUT", "/api/hands/1/move", {}, 405),
@@ -248,6 +251,7 @@ def test_a_hand_goes_where_its_owner_says_and_only_while_the_switch_is_held(cont
     "target, status, text",
     [
         ({"motors": {"11": 5}}, 400, "motors 1 to 10"),
+        ({"motors": {"1.0": 5}}, 400, "motors 1 to 10"),
         ({"motors": {"3": 4097}}, 400, "beyond the limits"),
         ({"motors": {"3": -1}}, 400, "beyond the limits"),
         ({"motors": {"3": "5"}}, 400, "beyond the limits"),
@@ -393,3 +397,19 @@ def test_slow_clients_cost_the_others_nothing(serve):
     began = time.monotonic()
     assert site.end()[0] == 0 and time.monotonic() - began < LIMIT / 2
     resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
+def test_who_comes_when_no_more_files_may_be_opened_is_told(serve):
+    site = serve()
+    with site.events() as events:
+        next(events)
+        # The next file is too many. The only client watches, so that it isn't closed for another.
+        soft, hard = resource.prlimit(site.process.pid, resource.RLIMIT_NOFILE)
+        opened = os.listdir(f"/proc/{site.process.pid}/fd")
+        next_file = min(set(range(len(opened) + 1)) - {int(file) for file in opened})
+        resource.prlimit(site.process.pid, resource.RLIMIT_NOFILE, (next_file, hard))
+        for _ in range(3):
+            assert site.ask("GET", "/api/hands")[0] == 503
+        assert next(events)["state"] == "live"
+        resource.prlimit(site.process.pid, resource.RLIMIT_NOFILE, (soft, hard))
+        assert site.ask("GET", "/api/hands")[0] == 200

@@ -160,6 +160,48 @@ def test_the_hand_moves_on_the_page_while_the_switch_is_held(sim, serve, browser
     assert not browser.find(".take").is_enabled() and not browser.find(".hold").is_enabled()
 
 
+#: Notes when requests that move or stop begin and end. The first one ends when `fail` is called, and fails.
+SLOW_SERVER = """
+  window.notes = [];
+  const fetchNow = window.fetch;
+  window.fetch = async (path, options) => {
+    const what = path.split('/').pop();
+    if (what !== 'move' && what !== 'stop') return fetchNow(path, options);
+    notes.push(what + ' begins');
+    try {
+      if (!window.fail) await new Promise((_, fail) => { window.fail = () => fail(new TypeError('lost')); });
+      return await fetchNow(path, options);
+    } finally {
+      notes.push(what + ' ends');
+    }
+  };
+"""
+
+
+def test_a_press_of_the_switch_ends_before_the_next_one_begins(sim, serve, browser):
+    browser.look_at(serve(sim, "-H", sim.address("zlg"), "--allow-control").url)
+    browser.wait("return !document.querySelector('.take').disabled")
+    browser.find(".take").click()
+    browser.wait_for_text(".owner", "You control this hand")
+    # Nothing to go to is told, and stays told.
+    browser.run("document.querySelector('.hold').focus()")
+    browser.keys().key_down(SPACE).key_up(SPACE).perform()
+    browser.wait_for_text(".trouble", "Move a slider first")
+    browser.run(SLOW_SERVER)
+    browser.run("document.querySelector('.mode').value = '5'")
+    browser.keys().key_down(SPACE).perform()
+    browser.wait("return window.notes.length > 0")
+    browser.keys().key_up(SPACE).key_down(SPACE).perform()
+    browser.run("window.fail()")
+    browser.wait("return window.notes.length > 5")
+    browser.keys().key_up(SPACE).perform()
+    browser.wait("return window.notes[window.notes.length - 1] === 'stop ends'")
+    notes = browser.run("return window.notes")
+    assert notes[:5] == ["move begins", "move ends", "stop begins", "stop ends", "move begins"]
+    assert [note.replace("begins", "ends") for note in notes[::2]] == notes[1::2]
+    assert browser.run(f"return {PRESSED}") == "false"
+
+
 def test_an_update_by_another_program_is_shown(updated, serve, browser):  # noqa: F811
     sim, update = updated
     browser.look_at(serve(sim, "-H", sim.address("zlg")).url)
@@ -178,6 +220,7 @@ def test_a_hand_that_goes_and_a_server_that_ends_are_told(make_sim, serve, brows
     browser.wait_for_text(".state", "gone")
     browser.wait_for_text(".trouble", "No answer")
     browser.wait_for_text("#news", "is gone")
+    browser.run("window.fetch = () => Promise.reject(new TypeError('no server any more'))")
     browser.wait_for_text(".state", "live")
     browser.wait_for_text("#news", "is back")
     assert browser.text(".trouble") == "" and browser.complaints() == []

@@ -13,6 +13,7 @@
 #include "korvane_tessel.h"
 #include "private_korvane.h"
 #include "support/all_operations.h"
+#include "support/bare_hand.h"
 #include "support/capture.h"
 
 namespace talvera::korvane {
@@ -48,25 +49,8 @@ static_assert(static_cast<int>(OtaProgressStatus::LINK_RECONNECTING) == 9);
 static_assert(sizeof(HandType) + sizeof(ControlMode) + sizeof(Finger) == 3);
 static_assert(sizeof(MixCtrl) == 13 && alignof(MixCtrl) == 1);
 
-/// A model that supplies what it must and nothing more.
-class BareHand : public KorvaneBase {
- public:
-  VendorInfo GetVendorInfo() const override { return {}; }
-  DeviceInfo GetDeviceInfo() const override { return {}; }
-  void ShowDataDetails(bool) const override {}
-  void SetRequestInterval(int) override {}
-  int GetRequestInterval() const override { return 0; }
-  void SetFrameRecvTimeout(int) override {}
-  int GetFrameRecvTimeout() const override { return 0; }
-  void SetFrameSendTimeout(int) override {}
-  int GetFrameSendTimeout() const override { return 0; }
-  void SetDeviceId(std::uint8_t) override {}
-  short GetJointMotorPosi(std::uint8_t) const override { return 1; }
-  std::vector<short> GetAllJointMotorPosi() const override { return {1}; }
-};
-
 TEST(KorvaneBase, DoesNothingByDefaultAndSaysNothing) {
-  BareHand hand;
+  test::BareHand hand;
   const Failure nobody = IdentifyHand(hand).failure();
   EXPECT_EQ(nobody.kind, FailureKind::NO_REPLY);
   EXPECT_EQ(nobody.system_error, 0);
@@ -89,7 +73,7 @@ TEST(KorvaneBase, DoesNothingByDefaultAndSaysNothing) {
 }
 
 TEST(KorvaneBase, TellsOnlyACallbackThatItCantUpdate) {
-  BareHand hand;
+  test::BareHand hand;
   hand.UpdateFirmware("/does/not/matter", nullptr);
   std::vector<int> calls;
   hand.UpdateFirmware("/does/not/matter", [&](int current, int total, OtaProgressStatus status) {

@@ -15,14 +15,20 @@ Kinematics KinematicsOf(const kv::KorvaneBase& hand) {
     return {[solver](const auto& angles) { return solver->ActiveJointPos2ActuatorInput(angles); },
             [solver](const auto& inputs) { return solver->ActuatorInput2ActiveJointPos(inputs); },
             [solver](int gesture) { return solver->SetHandGesture(gesture); },
-            [solver](auto angles) { return solver->ClampJointPos(angles), angles; }};
+            [solver](auto angles) {
+              solver->ClampJointPos(angles);
+              return angles;
+            }};
   }
   if (const auto* const tessel = dynamic_cast<const kv::KorvaneTessel*>(&hand)) {
     const auto* const solver = tessel->solver.get();
     return {[solver](const auto& angles) { return solver->ConvertJoint2Actuator(angles); },
             [solver](const auto& inputs) { return solver->ConvertActuator2Joint(inputs); },
             [solver](int gesture) { return solver->SetHandGesture(gesture); },
-            [solver](auto angles) { return solver->CheckJointPos(angles), angles; }};
+            [solver](auto angles) {
+              solver->CheckJointPos(angles);
+              return angles;
+            }};
   }
   return {};
 }

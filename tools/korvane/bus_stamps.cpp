@@ -50,7 +50,8 @@ int OpenSocket(const std::string& interface, std::string& problem) {
   sockaddr_can address{};
   address.can_family = AF_CAN;
   address.can_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
-  const bool good = fd >= 0 &&
+  // Index 0 would stand for all interfaces.
+  const bool good = fd >= 0 && address.can_ifindex != 0 &&
                     setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof(on)) == 0 &&
                     setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPING, &stamps, sizeof(stamps)) == 0 &&
                     bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
@@ -62,8 +63,9 @@ int OpenSocket(const std::string& interface, std::string& problem) {
 
 }  // namespace
 
-BusStamps::BusStamps(const std::string& interface, std::uint8_t hand_id)
-    : socket_(OpenSocket(interface, problem_)), hand_id_(hand_id) {}
+BusStamps::BusStamps(const std::string& interface, std::uint8_t hand_id) : hand_id_(hand_id) {
+  socket_ = OpenSocket(interface, problem_);
+}
 
 BusStamps::~BusStamps() {
   if (socket_ >= 0) close(socket_);

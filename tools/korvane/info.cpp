@@ -48,7 +48,7 @@ void AddTouch(const OpenedHand& hand, Json& document) {
   for (const auto& sensor : *sensors) {
     int sum = 0;
     for (const std::uint8_t cell : sensor.data) sum += cell;
-    document["touch"][NameOf(sensor.finger)] = {{"bytes", sensor.data.size()}, {"sum", sum}};
+    document["touch"][FingerName(sensor.finger)] = {{"bytes", sensor.data.size()}, {"sum", sum}};
   }
 }
 

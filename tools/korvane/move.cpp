@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "common/whole_number.h"
 #include "interrupt.h"
 #include "motion.h"
 #include "tool.h"
@@ -28,12 +28,12 @@ std::pair<std::string, double> Assignment(const std::string& text) {
 }
 
 std::size_t MotorIndex(const ModelInfo& model, const std::string& text) {
-  const double motor = NumberIn(text).value_or(0);
-  if (motor < 1 || motor > model.positions || motor != std::trunc(motor)) {
+  const auto motor = WholeNumberIn(text, 1, model.positions);
+  if (!motor) {
     throw ToolError(kUsage, fmt::format("a {} has the motors 1 to {}, not {}", model.name,
                                         model.positions, text));
   }
-  return static_cast<std::size_t>(motor) - 1;
+  return static_cast<std::size_t>(*motor) - 1;
 }
 
 /// A pose in one text, as --to and --end take it.

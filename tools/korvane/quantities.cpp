@@ -1,55 +1,21 @@
 #include "quantities.h"
 
 #include <fmt/format.h>
-#include <ibr7_tactile_sensor_1d.h>
-#include <korvane_brisa.h>
-#include <korvane_tessel.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <iterator>
 #include <thread>
 
 namespace korvane_tool {
 namespace {
 
-using talvera::korvane::Finger;
-using talvera::korvane::IBR7TactileSensor1D;
-using talvera::korvane::KorvaneBrisa;
-using talvera::korvane::KorvaneTessel;
-using talvera::korvane::TactileSensorData;
-using Touch = std::vector<TactileSensorData>;
+using Touch = std::vector<talvera::korvane::TactileSensorData>;
 
 /// What an operation for all motors returns, as numbers.
 template <auto operation>
 std::vector<double> Get(const KorvaneBase& hand) {
   const auto values = (hand.*operation)();
   return {values.begin(), values.end()};
-}
-
-Touch ReadFingertips(const KorvaneTessel& hand) {
-  Touch sensors;
-  for (int number = 1; number <= 5; ++number) {
-    const auto finger = static_cast<Finger>(number);
-    const auto record = hand.GetTactileSensor3DData(finger);
-    sensors.push_back({finger, {std::begin(record.data), std::end(record.data)}});
-  }
-  return sensors;
-}
-
-/// Replies of several frames reach a hand on SocketCAN and ZLG only.
-bool CarriesArrays(LinkKind link) { return link == LinkKind::SOCKET_CAN || link == LinkKind::ZLG; }
-
-/// Sensor by sensor, those whose array fits into one frame.
-Touch ReadSmallArrays(const IBR7TactileSensor1D& hand) {
-  constexpr std::size_t kFrameData = 62;
-  Touch sensors;
-  for (const Finger finger : hand.GetSensorOrder()) {
-    if (hand.GetSensorDataLength(finger) <= kFrameData)
-      sensors.push_back(hand.GetTactileSensorDataRaw(finger));
-  }
-  return sensors;
 }
 
 Quantity Reported(Quantity quantity) {
@@ -157,44 +123,10 @@ std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& han
   return names;
 }
 
-bool HasTouch(const OpenedHand& hand) {
-  return dynamic_cast<const KorvaneTessel*>(hand.hand.get()) != nullptr ||
-         dynamic_cast<const IBR7TactileSensor1D*>(hand.hand.get()) != nullptr;
-}
+bool HasTouch(const OpenedHand& hand) { return !SensorsOf(*hand).empty(); }
 
 Outcome<Touch> ReadTouch(const OpenedHand& hand) {
-  return Checked(*hand, [&](const KorvaneBase& h) -> Touch {
-    if (const auto* const tessel = dynamic_cast<const KorvaneTessel*>(&h)) {
-      return ReadFingertips(*tessel);
-    }
-    const auto* const brisa = dynamic_cast<const KorvaneBrisa*>(&h);
-    if (brisa != nullptr && !CarriesArrays(hand.address.link)) {
-      return brisa->GetAllTactileSensorData();
-    }
-    const auto* const sensors = dynamic_cast<const IBR7TactileSensor1D*>(&h);
-    if (sensors == nullptr) return {};
-    return CarriesArrays(hand.address.link) ? sensors->GetAllTactileSensorDataRaw()
-                                            : ReadSmallArrays(*sensors);
-  });
-}
-
-const char* NameOf(Finger finger) {
-  constexpr std::array<const char*, 8> kNames = {"?",    "thumb",  "index", "middle",
-                                                 "ring", "little", "palm",  "dorsum"};
-  const auto index = static_cast<std::size_t>(finger);
-  return index < kNames.size() ? kNames[index] : kNames[0];
-}
-
-std::string ErrorNames(unsigned errors) {
-  constexpr std::array<const char*, 5> kBits = {"stalled", "overheated", "overcurrent",
-                                                "motor fault", "communication fault"};
-  std::string names;
-  for (unsigned bit = 0; bit < 16; ++bit) {
-    if ((errors >> bit & 1U) == 0) continue;
-    const std::string name = bit < kBits.size() ? kBits[bit] : fmt::format("bit {}", bit);
-    names += (names.empty() ? "" : ", ") + name;
-  }
-  return names;
+  return Checked(*hand, [&](const KorvaneBase& h) { return TouchOf(h, hand.address.link); });
 }
 
 }  // namespace korvane_tool

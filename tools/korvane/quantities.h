@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "common/motor_errors.h"
+#include "common/touch.h"
 #include "tool.h"
 
 // What can be read of any hand, as rows of a table: what shows, records or publishes values goes
@@ -74,18 +76,11 @@ std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& han
 /// Whether the model has tactile sensors.
 bool HasTouch(const OpenedHand& hand);
 
-/// The cells of all tactile sensors, one byte a cell: the whole arrays, or a summary of each where
-/// the link cuts arrays short or isn't made for them. A Tessel's fingertips are opaque bytes.
+/// The cells of all tactile sensors, as TouchOf tells them.
 Outcome<std::vector<talvera::korvane::TactileSensorData>> ReadTouch(const OpenedHand& hand);
-
-/// "thumb" and the like.
-const char* NameOf(talvera::korvane::Finger finger);
 
 /// As JSON numbers, whole ones without a point.
 Json NumberOf(double value);
 Json NumbersOf(const std::vector<double>& values);
-
-/// The names of the bits of an error word, with commas; empty if none is set.
-std::string ErrorNames(unsigned errors);
 
 }  // namespace korvane_tool

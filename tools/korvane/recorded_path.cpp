@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <utility>
+
+#include "common/whole_number.h"
 
 namespace korvane_tool {
 
@@ -35,8 +38,10 @@ Mapping::Mapping(const Recording& recording, const OpenedHand& hand, std::string
   if (index_ < 0) throw ToolError(kUsage, fmt::format("the recording holds no {}", by_));
   if (by_ == "angles") {
     MapAngles();
+  } else if (pairs.empty()) {
+    MapByOrder(same);
   } else {
-    pairs.empty() ? MapByOrder(same) : MapPairs(pairs);
+    MapPairs(pairs);
   }
 }
 
@@ -112,17 +117,17 @@ void Mapping::MapByOrder(bool same_model) {
 void Mapping::MapPairs(const std::vector<std::string>& pairs) {
   for (const std::string& pair : pairs) {
     const auto sign = pair.find('=');
-    const double from = NumberIn(pair.substr(0, sign)).value_or(0);
-    const double to = sign == std::string::npos ? 0 : NumberIn(pair.substr(sign + 1)).value_or(0);
-    const bool good = from >= 1 && from <= static_cast<double>(Recorded()) && to >= 1 &&
-                      to <= hand_.Info().positions;
-    if (!good) {
+    const auto from = WholeNumberIn(pair.substr(0, sign), 1, static_cast<int>(Recorded()));
+    const auto to = sign == std::string::npos
+                        ? std::nullopt
+                        : WholeNumberIn(pair.substr(sign + 1), 1, hand_.Info().positions);
+    if (!from || !to) {
       throw ToolError(kUsage,
                       fmt::format("--map {}: expected RECORDED=MOTOR, of 1 to {} and 1 to {}", pair,
                                   Recorded(), hand_.Info().positions));
     }
-    sources_.push_back(static_cast<std::size_t>(from) - 1);
-    targets_.push_back(static_cast<std::size_t>(to) - 1);
+    sources_.push_back(static_cast<std::size_t>(*from) - 1);
+    targets_.push_back(static_cast<std::size_t>(*to) - 1);
   }
 }
 

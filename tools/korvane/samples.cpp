@@ -22,7 +22,7 @@ std::vector<std::string> ColumnsOf(const Sampler& sampler, const Sample& sample)
   }
   for (const auto& sensor : sample.touch) {
     for (std::size_t cell = 1; cell <= sensor.data.size(); ++cell) {
-      columns.push_back(fmt::format("touch_{}_{}", NameOf(sensor.finger), cell));
+      columns.push_back(fmt::format("touch_{}_{}", FingerName(sensor.finger), cell));
     }
   }
   return columns;
@@ -138,7 +138,7 @@ std::string SampleWriter::JsonLine(const Sample& sample) const {
   for (std::size_t i = 0; i < sample.values.size(); ++i) {
     json[head_.keys[i]] = NumbersOf(sample.values[i]);
   }
-  for (const auto& sensor : sample.touch) json["touch"][NameOf(sensor.finger)] = sensor.data;
+  for (const auto& sensor : sample.touch) json["touch"][FingerName(sensor.finger)] = sensor.data;
   return json.dump() + "\n";
 }
 

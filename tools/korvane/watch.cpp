@@ -81,7 +81,7 @@ class Picture {
     if (reading.Touch().empty()) return;
     lines.push_back(Coloured("touch", Colour::DIM));
     for (const auto& sensor : reading.Touch()) {
-      std::string line = fmt::format("{:<{}}", NameOf(sensor.finger), kNameWidth);
+      std::string line = fmt::format("{:<{}}", FingerName(sensor.finger), kNameWidth);
       int sum = 0;
       for (const std::uint8_t cell : sensor.data) {
         line += HeatCell(cell);

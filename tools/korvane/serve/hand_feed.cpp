@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <exception>
 
 #include "../motion.h"
 #include "../samples.h"
@@ -43,8 +44,15 @@ Json ErrorTexts(const std::vector<double>& errors) {
 
 Json TouchOf(const Reading& reading) {
   Json touch = Json::object();
-  for (const auto& sensor : reading.Touch()) touch[NameOf(sensor.finger)] = sensor.data;
+  for (const auto& sensor : reading.Touch()) touch[FingerName(sensor.finger)] = sensor.data;
   return touch;
+}
+
+/// What an exception tells as the failure of a hand.
+Failure FailureIn(const std::exception& error) {
+  const auto* const known = dynamic_cast<const ToolError*>(&error);
+  const bool has_cause = known != nullptr && known->Cause().kind != FailureKind::NONE;
+  return has_cause ? known->Cause() : Failure{FailureKind::REFUSED, "", error.what(), 0};
 }
 
 }  // namespace
@@ -178,10 +186,8 @@ void HandFeed::Run() {
         if (number_ > 0) LookForIt();
         ReadWhileItAnswers();
       }
-    } catch (const ToolError& error) {
-      failure_ = error.Cause();
-      if (failure_.kind == FailureKind::NONE)
-        failure_ = {FailureKind::REFUSED, "", error.what(), 0};
+    } catch (const std::exception& error) {
+      failure_ = FailureIn(error);  // of this hand; the others go on
     }
     desk_.Drop();
     PublishAway();
@@ -279,8 +285,9 @@ void HandFeed::PublishReading(const Reading& reading) {
     const auto* const values = reading.ValuesOf(quantity.key);
     if (values == nullptr) continue;
     json[quantity.key] = NumbersOf(*values);
-    if (std::string(quantity.key) == "errors") json["error_names"] = ErrorTexts(*values);
   }
+  const auto* const errors = reading.ValuesOf("errors");
+  if (errors != nullptr) json["error_names"] = ErrorTexts(*errors);
   if (!reading.Touch().empty()) json["touch"] = TouchOf(reading);
   Publish(std::move(json));
 }

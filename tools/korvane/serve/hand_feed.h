@@ -113,8 +113,8 @@ class HandFeed : public ServedHand {
   HandAddress address_;
   std::string serial_number_;
 
-  /// Of the three that follow, where another thread looks at them: the feed's own thread, which
-  /// alone changes them, reads them without it.
+  /// Guards description_, hand_ and pose_ against other threads. The feed's own thread, which alone
+  /// changes them, takes it for that, and reads them without it.
   mutable talvera::korvane::Mutex hand_mutex_;
   Json description_;
   std::optional<OpenedHand> hand_;

@@ -32,6 +32,8 @@ const char* ReasonOf(int status) {
       return "Conflict";
     case 415:
       return "Unsupported Media Type";
+    case 500:
+      return "Internal Server Error";
     case 503:
       return "Service Unavailable";
     case kNoLength:

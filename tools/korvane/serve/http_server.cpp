@@ -1,6 +1,7 @@
 #include "http_server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "../tool.h"
 
@@ -85,6 +87,13 @@ void SetOption(int socket, int level, int option, int value) {
 HttpAnswer Refusal(int status, const std::string& text) {
   return {status, "text/plain; charset=utf-8", text + "\n"};
 }
+
+void TellFull(int socket) {
+  const std::string text = Refusal(503, "Too many are here already.").Bytes(false);
+  [[maybe_unused]] const auto sent = send(socket, text.data(), text.size(), MSG_NOSIGNAL);
+}
+
+int OpenSpare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 }  // namespace
 
@@ -229,6 +238,7 @@ HttpServer::HttpServer(const std::string& address, int port, Handler handler)
 }
 
 HttpServer::~HttpServer() {
+  if (spare_ >= 0) close(spare_);
   close(socket_);
   close(event_);
 }
@@ -257,6 +267,7 @@ void HttpServer::Step() {
   poll(polled.data(), polled.size(), kPollMs);
   std::uint64_t events = 0;
   [[maybe_unused]] const auto count = read(event_, &events, sizeof(events));
+  if (spare_ < 0) spare_ = OpenSpare();
   const auto answer = [this](const HttpRequest& request) { return Answer(request); };
   for (std::size_t i = 0; i < connections_.size(); ++i) {
     const short happened = polled[i + 2].revents;
@@ -283,7 +294,7 @@ void HttpServer::Accept() {
     const int socket = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (socket >= 0) {
       Welcome(socket);
-    } else if ((errno != EMFILE && errno != ENFILE) || !MakeRoom()) {
+    } else if ((errno != EMFILE && errno != ENFILE) || !(MakeRoom() || TurnOneAway())) {
       return;
     }
   }
@@ -297,8 +308,19 @@ void HttpServer::Welcome(int socket) {
     connections_.push_back(std::move(connection));
     return;
   }
-  const std::string text = Refusal(503, "Too many are here already.").Bytes(false);
-  [[maybe_unused]] const auto sent = send(socket, text.data(), text.size(), MSG_NOSIGNAL);
+  TellFull(socket);
+}
+
+/// Whoever can't be let in is told so: left in the queue, he would wake the server without end.
+bool HttpServer::TurnOneAway() {
+  close(std::exchange(spare_, -1));
+  const int socket = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  if (socket >= 0) {
+    TellFull(socket);
+    close(socket);
+  }
+  spare_ = OpenSpare();
+  return socket >= 0;
 }
 
 bool HttpServer::MakeRoom() {

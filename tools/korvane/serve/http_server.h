@@ -46,12 +46,14 @@ class HttpServer {
   void Accept();
   void Welcome(int socket);
   bool MakeRoom();
+  bool TurnOneAway();
   void Step();
   HttpAnswer Answer(const HttpRequest& request) const;
 
   Handler handler_;
   int socket_ = -1;
   int event_ = -1;
+  int spare_ = -1;  ///< Given up to turn a client away when the process may open no more files.
   std::string host_;
   std::atomic<bool> stopped_{false};
   std::vector<std::unique_ptr<HttpConnection>> connections_;

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "common/whole_number.h"
+
 namespace korvane_tool {
 namespace {
 
@@ -16,12 +18,12 @@ double NumberOrNan(const Json& value) {
 Pose WithMotors(const OpenedHand& hand, const Pose& pose, const Json& motors) {
   std::vector<double> positions(pose.begin(), pose.end());
   for (const auto& [name, position] : motors.items()) {
-    const double number = NumberIn(name).value_or(0);
-    if (!(number >= 1 && number <= hand.Info().positions) || number != std::trunc(number)) {
+    const auto motor = WholeNumberIn(name, 1, hand.Info().positions);
+    if (!motor) {
       throw ToolError(kUsage, fmt::format("a {} has the motors 1 to {}", hand.Info().name,
                                           hand.Info().positions));
     }
-    positions[static_cast<std::size_t>(number) - 1] = NumberOrNan(position);
+    positions[static_cast<std::size_t>(*motor) - 1] = NumberOrNan(position);
   }
   return CheckedPose(hand.Info(), positions);
 }

@@ -29,6 +29,23 @@ bool ShareAdapter(HandAddress a, HandAddress b) {
   return a == b;
 }
 
+/// Answers requests in a thread of its own as long as it lives.
+class ServingThread {
+ public:
+  explicit ServingThread(HttpServer& server)
+      : server_(server), thread_([&server] { server.Run(); }) {}
+  ~ServingThread() {
+    server_.Stop();
+    thread_.join();
+  }
+  ServingThread(const ServingThread&) = delete;
+  ServingThread& operator=(const ServingThread&) = delete;
+
+ private:
+  HttpServer& server_;
+  std::thread thread_;
+};
+
 class Serve : public Command {
  public:
   explicit Serve(Options options) {
@@ -58,10 +75,10 @@ class Serve : public Command {
   int Run(Tool& tool) override {
     if (!bind_.empty() && !IsOneAddress(bind_))
       throw ToolError(kUsage, fmt::format("--bind: \"{}\" isn't one IPv4 or IPv6 address", bind_));
-    std::vector<std::unique_ptr<HandFeed>> feeds;
     Site site({bind_.empty() ? std::string() : NewSecret(), feed_.allows_control});
     HttpServer server(bind_.empty() ? kLoopback : bind_, port_,
                       [&site](const HttpRequest& request) { return site.Answer(request); });
+    std::vector<std::unique_ptr<HandFeed>> feeds;  // which wake the server as long as they live
     OpenAll(tool, server, feeds);
     for (const auto& feed : feeds) site.Add(*feed);
     Announce(tool, server, site);
@@ -99,19 +116,17 @@ class Serve : public Command {
   }
 
   static int ServeUntilInterrupt(HttpServer& server,
-                                 std::vector<std::unique_ptr<HandFeed>>& feeds) {
-    std::thread serving([&server] { server.Run(); });
+                                 const std::vector<std::unique_ptr<HandFeed>>& feeds) {
     {
+      const ServingThread serving(server);
       const Interrupt interrupt;
       for (const auto& feed : feeds) feed->Start();
       while (!interrupt.WaitFor(std::chrono::hours(1))) {
       }
+      // The interrupt goes first: a second Ctrl-C ends the program, should a link take its time.
     }
-    // From here a second Ctrl-C ends the program, should a link take its time.
-    server.Stop();
-    serving.join();
+    // All begin to end before any is waited for.
     for (const auto& feed : feeds) feed->Stop();
-    feeds.clear();
     return kDone;
   }
 

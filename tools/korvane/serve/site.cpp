@@ -2,11 +2,11 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "common/whole_number.h"
 #include "secret.h"
 
 namespace korvane_tool {
@@ -26,6 +26,10 @@ struct Refused {
 
 HttpAnswer JsonAnswer(const Json& json, int status = 200) {
   return {status, kJsonType, json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"};
+}
+
+HttpAnswer ErrorAnswer(int status, const std::string& text) {
+  return JsonAnswer({{"error", {{"text", text}, {"status", status}}}}, status);
 }
 
 std::string PortOf(const std::string& host) { return host.substr(host.rfind(':') + 1); }
@@ -121,8 +125,9 @@ HttpAnswer Site::Answer(const HttpRequest& request) {
   try {
     answer = Answered(request);
   } catch (const Refused& refused) {
-    answer = JsonAnswer({{"error", {{"text", refused.text}, {"status", refused.status}}}},
-                        refused.status);
+    answer = ErrorAnswer(refused.status, refused.text);
+  } catch (const std::exception& error) {
+    answer = ErrorAnswer(500, error.what());  // the other requests go on
   }
   for (const auto& [name, value] : {std::pair{"Cache-Control", "no-store"},
                                     {"Content-Security-Policy", kContentSecurity},
@@ -188,20 +193,17 @@ HttpAnswer Site::Hands() const {
 
 HttpAnswer Site::OfHand(const HttpRequest& request, const std::string& what) {
   const auto slash = what.find('/');
-  const auto number = NumberIn(what.substr(0, slash)).value_or(0);
-  const auto hand = std::find_if(hands_.begin(), hands_.end(), [&](const auto& candidate) {
-    return number == static_cast<double>(&candidate - hands_.data() + 1);
-  });
-  if (slash == std::string::npos || hand == hands_.end())
-    throw Refused{404, "there is no such hand"};
+  const auto number = WholeNumberIn(what.substr(0, slash), 1, static_cast<int>(hands_.size()));
+  if (slash == std::string::npos || !number) throw Refused{404, "there is no such hand"};
+  ServedHand& hand = *hands_[static_cast<std::size_t>(*number) - 1];
   const std::string rest = what.substr(slash + 1);
   if (rest == "events") {
     if (request.method != "GET") throw Refused{405, "events can only be read"};
-    return {200, kEventType, "", {}, (*hand)->Events()};
+    return {200, kEventType, "", {}, hand.Events()};
   }
   if (rest != "control" && rest != "move" && rest != "stop")
     throw Refused{404, "there is nothing here"};
-  return Change(request, rest, **hand);
+  return Change(request, rest, hand);
 }
 
 void Site::CheckChange(const HttpRequest& request) const {
