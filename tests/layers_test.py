@@ -1,5 +1,7 @@
 #!/usr/bin/env python3
-"""Fails when a file includes one of a room that its own doesn't stand on.  usage: layers_test.py [FOLDER_OF_THE_PROJECT]
+"""Fails when a file includes one of a room that its own doesn't stand on.
+
+    layers_test.py [FOLDER_OF_THE_PROJECT]
 
 All may include the public headers. First the test proves on a small tree that it finds what it is
 for.

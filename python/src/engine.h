@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cxxabi.h>
 #include <korvane_open.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -34,27 +36,31 @@ namespace kv = talvera::korvane;
 /// How long Ctrl-C may take to be seen.
 constexpr auto kSlice = std::chrono::milliseconds(50);
 
-/// Runs `work`, which must not touch Python, while other Python threads run. The GIL is taken back
-/// outside any destructor: where the interpreter ends meanwhile, that unwinds a daemon thread,
-/// which a destructor couldn't let through.
+/// Lets other Python threads run while it lives. Where the interpreter ends meanwhile, Python
+/// unwinds a daemon thread that wants the GIL back, and with it every destructor that lets go of
+/// Python's objects, without the GIL. So such a thread stays here until the process is gone.
+class GilRelease {
+ public:
+  GilRelease() = default;
+  GilRelease(const GilRelease&) = delete;
+  GilRelease& operator=(const GilRelease&) = delete;
+  ~GilRelease() {
+    try {
+      PyEval_RestoreThread(state_);
+    } catch (const abi::__forced_unwind&) {
+      for (;;) pause();
+    }
+  }
+
+ private:
+  PyThreadState* const state_ = PyEval_SaveThread();
+};
+
+/// Runs `work`, which must not touch Python, while other Python threads run.
 template <class F>
 auto WithoutGil(F&& work) {
-  using Result = std::invoke_result_t<F>;
-  std::exception_ptr thrown;
-  std::conditional_t<std::is_void_v<Result>, std::optional<int>, std::optional<Result>> result;
-  PyThreadState* const state = PyEval_SaveThread();
-  try {
-    if constexpr (std::is_void_v<Result>) {
-      std::forward<F>(work)();
-    } else {
-      result.emplace(std::forward<F>(work)());
-    }
-  } catch (const std::exception&) {
-    thrown = std::current_exception();
-  }
-  PyEval_RestoreThread(state);
-  if (thrown) std::rethrow_exception(thrown);
-  if constexpr (!std::is_void_v<Result>) return *std::move(result);
+  const GilRelease released;
+  return std::forward<F>(work)();
 }
 
 /// Throws what a signal handler of Python threw, such as KeyboardInterrupt.
