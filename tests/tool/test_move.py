@@ -243,7 +243,9 @@ def test_a_file_is_replaced_only_if_that_is_wished(write, tmp_path, writer):
 
 
 @pytest.mark.parametrize("writer", WRITERS)
-@pytest.mark.parametrize("file, reason", [("/nowhere/file", "No such file"), ("/dev/full", "No space left"), ("/", "s a directory")])
+@pytest.mark.parametrize(
+    "file, reason", [("/nowhere/file", "No such file"), ("/dev/full", "No space left"), ("/", "s a directory")]
+)
 def test_a_file_that_cannot_be_written_is_told(write, writer, file, reason):
     done = write(writer, file)
     assert done.status == 1 and f"{file} can't be written: " in done.err and reason in done.err

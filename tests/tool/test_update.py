@@ -45,8 +45,8 @@ def test_refuses_before_anything_is_sent(sim, image, address, packets, options, 
 
 
 def tries(link):
-    """A busy machine keeps what a hand acknowledges on a serial port for longer than an update waits there: once more then,
-    as the tool advises."""
+    """A busy machine keeps what a hand acknowledges on a serial port for longer than an update waits there: once more
+    then, as the tool advises."""
     return range(5 if link == "serial" else 1)
 
 

@@ -60,7 +60,7 @@ class Reports {
   Reports& operator=(const Reports&) = delete;
 
   /// Waits until there is one of each, or `is_over`; whether there is.
-  bool AwaitFirst(const std::function<bool()>& is_over = [] { return false; }) const;
+  bool AwaitFirst(const std::function<bool()>& is_over) const;
 
  private:
   Outcome<void> SetPeriod(int period) const;

@@ -103,8 +103,11 @@ class Record : public Command {
                          ? Clock::now() + std::chrono::duration_cast<Clock::duration>(time)
                          : Clock::time_point::max();
     try {
-      sampler ? RecordValues(*sampler, file, interrupt, end)
-              : RecordFrames(hand, file, interrupt, end);
+      if (sampler) {
+        RecordValues(*sampler, file, interrupt, end);
+      } else {
+        RecordFrames(hand, file, interrupt, end);
+      }
       file.Finish();
     } catch (const ToolError&) {
       if (!file.IsStandardOutput()) tool.Print(Summary());  // what is there so far

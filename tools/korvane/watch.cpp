@@ -109,7 +109,11 @@ class Watch : public Command {
     if (!reports.AwaitFirst([&] { return interrupt.Came(); })) return kInterrupted;
     const bool lines = csv_ || tool.options.json;
     start_ = Clock::now();
-    lines ? WriteLines(tool, hand, interrupt) : Draw(tool, hand, interrupt);
+    if (lines) {
+      WriteLines(tool, hand, interrupt);
+    } else {
+      Draw(tool, hand, interrupt);
+    }
     return interrupt.Came() && sampling_.seconds > 0 ? kInterrupted : kDone;
   }
 

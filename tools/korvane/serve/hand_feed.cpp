@@ -197,7 +197,7 @@ void HandFeed::Run() {
 
 void HandFeed::ReadWhileItAnswers() {
   const Reports reports(*hand_, hand_->Info().tells_by_reports ? settings_.report_period : 0);
-  reports.AwaitFirst();
+  if (!reports.AwaitFirst([this] { return stop_.Came(); })) return;
   Reading reading(*hand_);
   answered_ = Clock::now();
   AtRate(settings_.rate_hz, stop_, [&] { return Step(reading); });
@@ -285,9 +285,8 @@ void HandFeed::PublishReading(const Reading& reading) {
     const auto* const values = reading.ValuesOf(quantity.key);
     if (values == nullptr) continue;
     json[quantity.key] = NumbersOf(*values);
+    if (quantity.is_error_word) json["error_names"] = ErrorTexts(*values);
   }
-  const auto* const errors = reading.ValuesOf("errors");
-  if (errors != nullptr) json["error_names"] = ErrorTexts(*errors);
   if (!reading.Touch().empty()) json["touch"] = TouchOf(reading);
   Publish(std::move(json));
 }

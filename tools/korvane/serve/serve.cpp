@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -9,6 +8,7 @@
 
 #include "../commands.h"
 #include "../interrupt.h"
+#include "../standard_streams.h"
 #include "../tool.h"
 #include "hand_feed.h"
 #include "http_server.h"
@@ -111,7 +111,7 @@ class Serve : public Command {
     if (!site.Token().empty()) url += "?token=" + site.Token();
     tool.Print(url + "\n");
     tool.PrintJson({{"url", url}, {"token", site.Token().empty() ? Json() : Json(site.Token())}});
-    std::fflush(stdout);
+    FlushStdout();
     if (!bind_.empty()) tool.Warn("what goes over the network is not encrypted");
   }
 
