@@ -15,11 +15,23 @@ EXAMPLES = conftest.PROJECT / "python" / "examples"
 
 @pytest.mark.parametrize("page, least", [(PAGE, 6), (README, 1)], ids=lambda value: getattr(value, "name", ""))
 def test_every_block_of_the_page(page, least, tmp_path, monkeypatch, capfd):
-    monkeypatch.chdir(tmp_path)
-    text = page.read_text()
-    names = {}
-    blocks = list(re.finditer(r"^```python\n(.*?)^```", text, re.M | re.S))
+    import korvane
+
+    blocks = list(re.finditer(r"^```python\n(.*?)^```", page.read_text(), re.M | re.S))
     assert len(blocks) >= least
+    for attempt in range(3):
+        (folder := tmp_path / str(attempt)).mkdir()
+        monkeypatch.chdir(folder)
+        try:
+            return run(page, blocks, capfd)
+        except korvane.NoReply:  # a busy machine keeps a reply for longer than the page waits
+            capfd.readouterr()
+    pytest.fail("the hands of the page don't answer")
+
+
+def run(page, blocks, capfd):
+    names = {}
+    text = page.read_text()
     for block in blocks:
         line = text.count("\n", 0, block.start()) + 1
         exec(compile("\n" * line + block[1], page.name, "exec"), names)
