@@ -185,7 +185,8 @@ class Outcome<void> {
 /// If `operation` calls several operations of the hand, the first that fails decides. What an
 /// operation of the hand throws (std::invalid_argument for a finger, std::bad_optional_access from
 /// MixCtrlJointMotor, what the serial library throws during an update) becomes a failure; what
-/// `operation` throws itself is passed on. Blocks as long as `operation`.
+/// `operation` throws itself is passed on, unless it has caught one of the hand's before. Blocks as
+/// long as `operation`.
 template <class Hand, class F>
 auto Checked(Hand& hand, F&& operation) {
   using Result = std::decay_t<std::invoke_result_t<F, Hand&>>;
