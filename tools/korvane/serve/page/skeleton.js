@@ -58,10 +58,10 @@ function thumbPoints(angleOf) {
 export function drawSkeleton(canvas, angles, side) {
   const { pen, width, height } = brush(canvas);
   const mirror = side === "left" ? -1 : 1;
-  const scale = Math.min(width / 17, height / 23);
+  const scale = Math.min(width / 17, height / 24);
   const place = (point) => {
     const at = projected(point, mirror);
-    return { x: width / 2 + (at.x - mirror * 0.6) * scale, y: height * 0.7 - at.y * scale, z: at.z };
+    return { x: width / 2 + (at.x - mirror * 0.6) * scale, y: height * 0.625 - at.y * scale, z: at.z };
   };
   const angleOf = (name) => angles.get(name);
   pen.lineCap = pen.lineJoin = "round";
