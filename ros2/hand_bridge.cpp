@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <exception>
 
+#include "common/standard_streams.h"
 #include "common/touch.h"
 
 namespace korvane_ros2 {
@@ -25,7 +25,7 @@ constexpr double kSlowReadings = 1;    // in a second
 constexpr double kLongestStep = 2;     // cycles that a walk may make up for after a stall
 
 void WriteLine(kv::LogLevel, std::string_view line) {
-  std::fprintf(stderr, "korvane-ros2: %.*s\n", static_cast<int>(line.size()), line.data());
+  korvane_common::WriteToStderr("korvane-ros2: " + std::string(line) + "\n");
 }
 
 SpaceRules WithSolver(SpaceRules rules, const Kinematics& kinematics) {

@@ -7,15 +7,16 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
+#include "common/standard_streams.h"
 #include "dds.h"
 #include "graph.h"
 #include "hand_bridge.h"
@@ -28,10 +29,15 @@ namespace {
 using namespace korvane_ros2;  // the bridge is all that this file is about
 namespace kv = talvera::korvane;
 
+constexpr const char* kName = "korvane-ros2";
 constexpr int kLibraryLinesPerSecond = 1;
 
 void WriteLibraryLine(kv::LogLevel, std::string_view line) {
-  std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+  korvane_common::WriteToStderr(std::string(line) + "\n");
+}
+
+void WriteLine(std::string_view line) {
+  korvane_common::WriteToStderr(std::string(kName) + ": " + std::string(line) + "\n");
 }
 
 /// The hand, once it has answered; `options` then has its model and its id.
@@ -106,9 +112,9 @@ void Serve(Options options) {
   nodes.front().writers.push_back(diagnostics.Handle());
   const Graph graph(participant, nodes, options.is_humble);
   for (const HandOptions& hand : options.hands) {
-    std::printf("korvane-ros2: %s is %s\n", hand.space.c_str(), hand.address.ToString().c_str());
+    std::printf("%s: %s is %s\n", kName, hand.space.c_str(), hand.address.ToString().c_str());
   }
-  std::fflush(stdout);
+  korvane_common::FlushStdout();
   const timespec second{1, 0};
   do {
     std::vector<Status> statuses;
@@ -131,25 +137,18 @@ int Run(int argc, char** argv) {
   return korvane_common::kDone;
 }
 
-/// A full disk shows only when the last bytes are written.
-int WriteTheRest(int status) {
-  const bool is_written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-  if (is_written || status != korvane_common::kDone) return status;
-  std::fprintf(stderr, "korvane-ros2: the output can't be written: %s\n", std::strerror(errno));
-  return korvane_common::kFailed;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
+  korvane_common::OutliveReaders();
   int status = korvane_common::kFailed;
   try {
     status = Run(argc, argv);
   } catch (const ProgramError& error) {
     status = error.Status();
-    if (*error.what() != '\0') std::fprintf(stderr, "korvane-ros2: %s\n", error.what());
+    if (*error.what() != '\0') WriteLine(error.what());
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "korvane-ros2: %s\n", error.what());
+    WriteLine(error.what());
   }
-  return WriteTheRest(status);
+  return korvane_common::WriteTheRest(kName, status);
 }

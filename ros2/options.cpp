@@ -4,9 +4,11 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
-#include <iostream>
 #include <regex>
 #include <set>
+#include <sstream>
+
+#include "common/standard_streams.h"
 
 namespace korvane_ros2 {
 namespace {
@@ -170,7 +172,12 @@ std::optional<Options> ReadOptions(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (app.exit(error) == 0) return std::nullopt;
+    std::ostringstream out;
+    std::ostringstream err;
+    const bool is_right = app.exit(error, out, err) == 0;
+    korvane_common::WriteToStdout(out.str());
+    korvane_common::WriteToStderr(err.str());
+    if (is_right) return std::nullopt;
     throw ProgramError(korvane_common::kUsage, "");
   }
   options.is_humble = given.ros == "humble";

@@ -149,9 +149,12 @@ class Setup:
     def adapters(self, *options):
         return self.sim("--adapters", "--socket", self.env["KORVANE_SIM_SOCKET"], *options, ready="ready at")
 
+    @staticmethod
+    def command(*options):
+        return [BUILD / "bin/korvane-ros2", "--local", "--domain", DOMAIN, "--timeout", "1000", *options]
+
     def bridge(self, *options, waits=True):
-        command = [BUILD / "bin/korvane-ros2", "--local", "--domain", DOMAIN, "--timeout", "1000", *options]
-        bridge = self.keep(Process(command, self.env))
+        bridge = self.keep(Process(self.command(*options), self.env))
         if waits:
             bridge.wait(lambda line: " is " in line)
         return bridge

@@ -1,10 +1,11 @@
 """What a robot sees of korvane-ros2."""
 
+import os
 import signal
 import subprocess
 
 import pytest
-from conftest import BUILD
+from conftest import BUILD, LIMIT
 
 HAND = "/korvane/right"
 STATES = f"{HAND}/joint_states"
@@ -281,3 +282,18 @@ def test_nothing_is_believed_that_could_not_be_written(arguments):
     with open("/dev/full", "w") as full:
         done = subprocess.run([BUILD / "bin/korvane-ros2", *arguments], stdout=full, stderr=subprocess.PIPE, text=True)
     assert done.returncode == 1 and "No space left" in done.stderr
+
+
+def test_a_hand_is_served_when_nobody_reads_the_output_any_more(setup):
+    sim = setup.serial_sim()
+    reader, writer = os.pipe()
+    os.close(reader)
+    command = setup.command("-H", f"serial:{setup.port}:brisa")
+    with subprocess.Popen(command, env=setup.env, stdout=writer, stderr=writer) as bridge:
+        os.close(writer)
+        peer = setup.peer("/diagnostics=diagnostics")
+        peer.status(lambda s: s["link"] == "open")
+        setup.kill(sim)  # which the library tells on the standard error stream
+        peer.status(lambda s: s["link"] == "gone")
+        bridge.terminate()
+        assert bridge.wait(LIMIT) == 1

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <string>
 
-#include "standard_streams.h"
+#include "common/standard_streams.h"
 
 namespace korvane_tool {
 
@@ -17,7 +17,7 @@ void NeedConfirmable(bool yes) {
 void Confirm(const std::string& question, bool yes) {
   if (yes) return;
   // The standard output may be a document.
-  WriteToStderr(question + " [y/N] ");
+  korvane_common::WriteToStderr(question + " [y/N] ");
   std::string answer;
   std::getline(std::cin, answer);
   if (answer == "y" || answer == "Y" || answer == "yes") return;

@@ -1,24 +1,23 @@
 // korvane: the tool for Korvane hands. Each command is a row of AllCommands and a file of its own.
 
-#include <fmt/format.h>
 #include <korvane_version.h>
 
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "common/standard_streams.h"
 #include "interrupt.h"
 #include "output_file.h"
-#include "standard_streams.h"
 #include "tool.h"
 
 namespace {
 
 using namespace korvane_tool;  // the tool is all that this file is about
 
+constexpr const char* kName = "korvane";
 constexpr const char* kFooter = R"(
 Exit status:
   0 done   1 the hand refused or failed   2 usage   3 no link   4 nobody answers
@@ -48,19 +47,10 @@ std::vector<Made> MakeCommands(Options root, Tool& tool) {
   return commands;
 }
 
-/// A full disk may show only when the last bytes are written.
-int WriteTheRest(int status) {
-  FlushStdout();
-  const int error = StdoutError();
-  if (error == 0 || status != kDone) return status;
-  WriteToStderr(fmt::format("korvane: the output can't be written: {}\n", std::strerror(error)));
-  return kFailed;
-}
-
 int Run(Command& command, Tool& tool) {
   try {
     tool.Begin();
-    return WriteTheRest(command.Run(tool));
+    return WriteTheRest(kName, command.Run(tool));
   } catch (const NobodyReads&) {
     return kDone;
   } catch (const ToolError& error) {
@@ -76,12 +66,13 @@ int main(int argc, char** argv) {
   Interrupt::EndAtOnce();
   OutliveReaders();
   Tool tool;
-  CommandLine line("korvane",
+  CommandLine line(kName,
                    "The tool for Korvane hands: find, look, move, update, set up, record, measure.",
                    KORVANE_VERSION);
   const auto commands = MakeCommands(line.Root(), tool);
   line.Root().Footer(kFooter);
-  if (const auto is_right = line.Read(argc, argv)) return WriteTheRest(*is_right ? kDone : kUsage);
+  if (const auto is_right = line.Read(argc, argv))
+    return WriteTheRest(kName, *is_right ? kDone : kUsage);
   for (const Made& made : commands) {
     if (made.options.IsNamed()) return Run(*made.command, tool);
   }

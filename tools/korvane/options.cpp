@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <sstream>
 
-#include "standard_streams.h"
+#include "common/standard_streams.h"
 
 namespace korvane_tool {
 namespace {
@@ -155,8 +155,8 @@ std::optional<bool> CommandLine::Read(int argc, char** argv) {
     std::ostringstream out;
     std::ostringstream err;
     const bool is_right = app_->exit(error, out, err) == 0;
-    WriteToStdout(out.str());
-    WriteToStderr(err.str());
+    korvane_common::WriteToStdout(out.str());
+    korvane_common::WriteToStderr(err.str());
     return is_right;
   }
   return std::nullopt;

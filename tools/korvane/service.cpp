@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "common/standard_streams.h"
 #include "confirm.h"
 #include "hand_id.h"
 #include "interrupt.h"
@@ -14,7 +15,6 @@
 #include "service_hand.h"
 #include "service_report.h"
 #include "settings.h"
-#include "standard_streams.h"
 #include "terminal.h"
 #include "tool.h"
 

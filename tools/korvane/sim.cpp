@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "standard_streams.h"
+#include "common/standard_streams.h"
 #include "tool.h"
 
 namespace korvane_tool {

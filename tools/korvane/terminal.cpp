@@ -9,7 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "standard_streams.h"
+#include "common/standard_streams.h"
 
 namespace korvane_tool {
 namespace {
@@ -125,13 +125,13 @@ std::string TextTable::ToString() const {
 }
 
 LiveArea::LiveArea() {
-  if (OnTerminal()) WriteToStdout("\x1b[?25l");
+  if (OnTerminal()) korvane_common::WriteToStdout("\x1b[?25l");
 }
 
 LiveArea::~LiveArea() {
   if (!OnTerminal()) return;
-  WriteToStdout("\x1b[?25h");
-  FlushStdout();
+  korvane_common::WriteToStdout("\x1b[?25h");
+  korvane_common::FlushStdout();
 }
 
 void LiveArea::Draw(std::vector<std::string> lines) {
@@ -148,8 +148,8 @@ void LiveArea::Draw(std::vector<std::string> lines) {
   for (const std::string& line : lines) text += Cut(line, TerminalWidth()) + "\x1b[K\n";
   text += "\x1b[J";
   drawn_ = lines.size();
-  WriteToStdout(text);
-  FlushStdout();
+  korvane_common::WriteToStdout(text);
+  korvane_common::FlushStdout();
 }
 
 }  // namespace korvane_tool

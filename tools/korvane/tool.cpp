@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "standard_streams.h"
+#include "common/standard_streams.h"
 
 namespace korvane_tool {
 namespace {

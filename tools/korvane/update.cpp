@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "commands.h"
+#include "common/standard_streams.h"
 #include "confirm.h"
 #include "interrupt.h"
-#include "standard_streams.h"
 #include "terminal.h"
 #include "tool.h"
 #include "update_advice.h"

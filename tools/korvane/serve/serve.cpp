@@ -8,8 +8,8 @@
 
 #include "../commands.h"
 #include "../interrupt.h"
-#include "../standard_streams.h"
 #include "../tool.h"
+#include "common/standard_streams.h"
 #include "hand_feed.h"
 #include "http_server.h"
 #include "secret.h"

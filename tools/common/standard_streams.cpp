@@ -4,8 +4,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <string>
 
-namespace korvane_tool {
+#include "exit_status.h"
+
+namespace korvane_common {
 namespace {
 
 std::atomic<int> g_stdout_error{0};
@@ -14,6 +18,12 @@ std::atomic<int> g_stdout_error{0};
 void Remember(bool written) {
   int none = 0;
   if (!written) g_stdout_error.compare_exchange_strong(none, errno);
+}
+
+/// The errno of the first write to the standard output that failed; 0 if none has.
+int StdoutError() {
+  const bool failed_elsewhere = g_stdout_error == 0 && std::ferror(stdout) != 0;
+  return failed_elsewhere ? EIO : g_stdout_error.load();
 }
 
 }  // namespace
@@ -26,13 +36,17 @@ void WriteToStdout(std::string_view text) {
 
 void FlushStdout() { Remember(std::fflush(stdout) == 0); }
 
-int StdoutError() {
-  const bool failed_elsewhere = g_stdout_error == 0 && std::ferror(stdout) != 0;
-  return failed_elsewhere ? EIO : g_stdout_error.load();
-}
-
 void WriteToStderr(std::string_view text) {
   [[maybe_unused]] const auto written = std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
-}  // namespace korvane_tool
+int WriteTheRest(std::string_view program, int status) {
+  FlushStdout();
+  const int error = StdoutError();
+  if (error == 0 || status != kDone) return status;
+  WriteToStderr(std::string(program) + ": the output can't be written: " + std::strerror(error) +
+                "\n");
+  return kFailed;
+}
+
+}  // namespace korvane_common

@@ -5,7 +5,7 @@
 // The standard streams. Nothing here throws or ends the process: a full disk, or a reader that has
 // gone, must not end what a hand is in the middle of. Whether all was written is asked at the end.
 
-namespace korvane_tool {
+namespace korvane_common {
 
 /// A write to a pipe that nobody reads any more fails, and the process goes on.
 void OutliveReaders();
@@ -13,10 +13,13 @@ void OutliveReaders();
 void WriteToStdout(std::string_view text);
 /// Writes out what is buffered.
 void FlushStdout();
-/// The errno of the first write to the standard output that failed; 0 if none has.
-int StdoutError();
 
 /// What can't be written there is lost. Any thread.
 void WriteToStderr(std::string_view text);
 
-}  // namespace korvane_tool
+/// For the end of `program`: writes out what is buffered, as a full disk may show only then.
+/// Returns `status`, or kFailed in place of kDone, with a line on stderr, if any of the standard
+/// output couldn't be written.
+int WriteTheRest(std::string_view program, int status);
+
+}  // namespace korvane_common
