@@ -98,7 +98,7 @@ void HandBridge::TakeTurn(Seconds since_last) {
       Reopen();
     }
   } catch (const std::exception& error) {
-    Count({FailureKind::BAD_REPLY, "", error.what(), 0});
+    Count({FailureKind::BAD_REPLY, "", error.what()});
     Renew();
   }
   UpdateHealth();
@@ -283,7 +283,7 @@ bool HandBridge::IsSameHand() {
   if (!must_identify_) return true;
   const auto model = kv::IdentifyHand(*hand_);
   must_identify_ = !model || *model != model_.model;
-  if (must_identify_) Count({FailureKind::BAD_REPLY, "IdentifyHand", "another model answers", 0});
+  if (must_identify_) Count({FailureKind::BAD_REPLY, "IdentifyHand", "another model answers"});
   return !must_identify_;
 }
 

@@ -52,7 +52,7 @@ LinkKind LinkNamed(const std::string& name) {
     if (name == NameOf(link)) return link;
   }
   Raise({kv::FailureKind::BAD_ARGUMENT, "FindHands",
-         "there is no kind of link " + name + "; there are socketcan, zlg, hcan, serial", 0},
+         "there is no kind of link " + name + "; there are socketcan, zlg, hcan, serial"},
         "");
 }
 

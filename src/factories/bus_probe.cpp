@@ -202,7 +202,7 @@ void AskVendor(CanBusDeviceBase& device, BusHand& hand) {
     if (record) {
       hand.vendor = *record;
     } else {
-      hand.vendor_failure = {FailureKind::NO_REPLY, "", "its vendor record is empty", 0};
+      hand.vendor_failure = {FailureKind::NO_REPLY, "", "its vendor record is empty"};
     }
   } catch (const std::exception& error) {
     hand.vendor_failure = FailureOf(error);
@@ -250,13 +250,12 @@ Failure BusHand::SharedOn(const std::string& link) const {
   return {FailureKind::REFUSED, "",
           Compose(link, ": several hands have the id ", id, ", with the serial numbers \"",
                   PlainText(vendor.serial_number), "\" and \"", PlainText(*rival),
-                  "\": give one of them another id while it is alone on the bus"),
-          0};
+                  "\": give one of them another id while it is alone on the bus")};
 }
 
 Failure FailureOf(const std::exception& error) {
   const auto* const link_error = dynamic_cast<const LinkError*>(&error);
-  if (link_error == nullptr) return {FailureKind::NO_REPLY, "", error.what(), 0};
+  if (link_error == nullptr) return {FailureKind::NO_REPLY, "", error.what()};
   return {link_error->Kind(), "", error.what(), link_error->SystemError()};
 }
 

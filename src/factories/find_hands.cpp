@@ -97,8 +97,7 @@ class Finder {
       if (IsNamed(kind)) {
         AddNotAsked({FailureKind::NO_LINK, "",
                      Compose(kind == LinkKind::ZLG ? "zlg" : "hcan", ": ", AdapterLibraryName(kind),
-                             " not found"),
-                     0});
+                             " not found")});
       }
       return;
     }
@@ -162,8 +161,8 @@ class Finder {
 
   void AskUnlessInUse(const HandAddress& address, bool in_use) {
     if (!in_use) return AskChannel(address, ids_);
-    AddNotAsked({FailureKind::NO_LINK, "",
-                 LinkText(address) + ": this process has hands on the adapter", 0});
+    AddNotAsked(
+        {FailureKind::NO_LINK, "", LinkText(address) + ": this process has hands on the adapter"});
   }
 
   void AskChannel(const HandAddress& address, const std::vector<std::uint8_t>& ids) {
@@ -222,8 +221,7 @@ class Finder {
     if (!model) {
       return AddNotAsked({FailureKind::BAD_REPLY, "",
                           Compose(LinkText(address), ": what answers with id ", hand.id,
-                                  " is none of the models: ", Describe(hand.vendor)),
-                          0});
+                                  " is none of the models: ", Describe(hand.vendor))});
     }
     address.model = model;
     address.id = hand.id;

@@ -234,7 +234,7 @@ Outcome<HandAddress> HandAddress::Parse(const std::string& text) {
   try {
     return Read(text);
   } catch (const AddressError& error) {
-    return Failure{FailureKind::BAD_ARGUMENT, "HandAddress::Parse", error.text, 0};
+    return Failure{FailureKind::BAD_ARGUMENT, "HandAddress::Parse", error.text};
   }
 }
 

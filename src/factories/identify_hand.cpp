@@ -26,14 +26,14 @@ CanLink* PublicCanLink(const Korvane& hand) {
 
 Outcome<Model> Judge(const VendorInfo& vendor, std::uint32_t family, int id) {
   if (const auto model = ModelOf(vendor, family)) return *model;
-  return Failure{FailureKind::BAD_REPLY, kOperation,
-                 Compose("what answers with id ", id, " is none of the models: ", Describe(vendor)),
-                 0};
+  return Failure{
+      FailureKind::BAD_REPLY, kOperation,
+      Compose("what answers with id ", id, " is none of the models: ", Describe(vendor))};
 }
 
 /// Under the hand's own family first. Over the queue and with the time-out of the hand.
 Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
-  if (!link.IsInit()) return Failure{FailureKind::NO_LINK, kOperation, "the hand has no link", 0};
+  if (!link.IsInit()) return Failure{FailureKind::NO_LINK, kOperation, "the hand has no link"};
   const auto id = static_cast<std::uint8_t>(DeviceIdOf(hand) & kDeviceIdMask);
   auto families = kFamilies;
   const bool is_quill = hand.model_code == CodeOf(Model::QUILL);
@@ -44,7 +44,7 @@ Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
       try {
         const auto vendor = VendorRecordIn(link.Request(VendorQuery(family, id), 0));
         if (vendor) return Judge(*vendor, family, id);
-        failure = {FailureKind::BAD_REPLY, kOperation, "the vendor record is empty", 0};
+        failure = {FailureKind::BAD_REPLY, kOperation, "the vendor record is empty"};
       } catch (const std::exception& error) {
         failure = FailureOf(error);
         failure.operation = kOperation;
@@ -57,7 +57,7 @@ Outcome<Model> IdentifyOnCan(const Korvane& hand, CanLink& link) {
 Failure WithoutVendor(const Korvane& hand) {
   Failure failure = LastFailure(hand);
   if (failure.kind == FailureKind::NONE) {
-    failure = {FailureKind::NO_REPLY, "", "no hand answers", 0};  // of a class that records none
+    failure = {FailureKind::NO_REPLY, "", "no hand answers"};  // of a class that records none
   }
   failure.operation = kOperation;
   return failure;

@@ -72,7 +72,7 @@ Failure Nobody(const HandAddress& address, const std::optional<Failure>& send_fa
     return failure;
   }
   const std::string with_id = address.id ? Compose(" with id ", *address.id) : "";
-  return {FailureKind::NO_REPLY, "", where + ": no hand" + with_id + " answers", 0};
+  return {FailureKind::NO_REPLY, "", where + ": no hand" + with_id + " answers"};
 }
 
 Failure NotWanted(const HandAddress& address, const std::vector<Candidate>& all) {
@@ -90,8 +90,7 @@ Failure Several(const HandAddress& address, const std::vector<Candidate>& all) {
   first.id = all.front().hand.id;
   return {FailureKind::REFUSED, "",
           Compose(LinkText(address), ": several hands answer: ", List(all), "; name one, such as ",
-                  first.ToString()),
-          0};
+                  first.ToString())};
 }
 
 /// The one that the address means.
@@ -145,8 +144,7 @@ Outcome<Hand> OpenOnSerial(const HandAddress& address) {
   if (address.model && address.model != Model::BRISA) {
     return Failure{FailureKind::NOT_SUPPORTED, "",
                    Compose(LinkText(address), ": a ", ToString(*address.model),
-                           " isn't to be had on a serial link; only a brisa is"),
-                   0};
+                           " isn't to be had on a serial link; only a brisa is")};
   }
   auto answer = AskPort(address, kSerialAnswerTime);
   if (!answer) return answer.failure();

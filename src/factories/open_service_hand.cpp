@@ -58,8 +58,7 @@ Outcome<void> CheckOneOnBus(const HandAddress& address) {
   return Failure{FailureKind::REFUSED, "",
                  speakers +
                      ": requests of the service interface don't name a hand, and these would "
-                     "all take them: leave only one on the bus",
-                 0};
+                     "all take them: leave only one on the bus"};
 }
 
 Outcome<void> CheckModel(const ServiceHand& hand) {
@@ -71,8 +70,7 @@ Outcome<void> CheckModel(const ServiceHand& hand) {
   if (*answers == *hand.address.model) return {};
   return Failure{FailureKind::REFUSED, "",
                  Compose("a ", ToString(*answers),
-                         " answers on the service interface: leave only one hand on the bus"),
-                 0};
+                         " answers on the service interface: leave only one hand on the bus")};
 }
 
 Outcome<ServiceHand> Open(const HandAddress& address) {
@@ -85,7 +83,7 @@ Outcome<ServiceHand> Open(const HandAddress& address) {
   const ModelInfo& model = InfoOf(*hand.address.model);
   if (!model.has_service) {
     return Failure{FailureKind::NOT_SUPPORTED, "",
-                   Compose("a ", model.name, " has no service interface"), 0};
+                   Compose("a ", model.name, " has no service interface")};
   }
   if (address.link == LinkKind::SERIAL) hand.face.reset();  // a port belongs to one object
   hand.hand = Make(hand.address);

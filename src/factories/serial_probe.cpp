@@ -34,14 +34,14 @@ VendorInfo AskVendor(const KorvaneBrisaSerialImpl& hand) {
 Failure OpenFailure(const KorvaneBrisaSerialImpl& hand, const std::string& port) {
   Failure failure = LastFailure(hand);
   if (failure.kind != FailureKind::NONE) return failure;
-  return {FailureKind::NO_LINK, "", "Failed to open USB serial port " + port, 0};
+  return {FailureKind::NO_LINK, "", "Failed to open USB serial port " + port};
 }
 
 Failure NobodyWithThatId(const KorvaneBrisaSerialImpl& hand, const std::string& where, int id) {
   std::string text = Compose(where, ": no hand with id ", id, " answers");
   const int other = LearnId(hand);
   if (other != 0) text += Compose("; the one that is there has the id ", other);
-  return {FailureKind::NO_REPLY, "", text, 0};
+  return {FailureKind::NO_REPLY, "", text};
 }
 
 /// The names in a folder that begin with `prefix`, in order; none if there is no such folder.
@@ -71,11 +71,11 @@ Outcome<SerialAnswer> AskPort(const HandAddress& address, std::chrono::milliseco
   const int timeout_before = hand.GetFrameRecvTimeout();
   hand.SetFrameRecvTimeout(static_cast<int>(answer_time.count()));
   const int id = address.id ? *address.id : LearnId(hand);
-  if (id == 0) return Failure{FailureKind::NO_REPLY, "", where + ": no hand answers", 0};
+  if (id == 0) return Failure{FailureKind::NO_REPLY, "", where + ": no hand answers"};
   if (id > kMaxHandId) {
-    return Failure{FailureKind::BAD_REPLY, "",
-                   Compose(where, ": what answers has the id ", id, "; expected 1 to ", kMaxHandId),
-                   0};
+    return Failure{
+        FailureKind::BAD_REPLY, "",
+        Compose(where, ": what answers has the id ", id, "; expected 1 to ", kMaxHandId)};
   }
   hand.device_id = static_cast<std::uint8_t>(id);
   answer.vendor = AskVendor(hand);

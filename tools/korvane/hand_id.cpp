@@ -27,8 +27,7 @@ Outcome<void> AskUnder(OpenedHand& hand, const HandAddress& address) {
   const auto model = IdentifyHand(*hand);
   if (!model) return model.failure();
   if (*model == *address.model) return {};
-  return Failure{FailureKind::BAD_REPLY, "", fmt::format("a {} answers there", ToString(*model)),
-                 0};
+  return Failure{FailureKind::BAD_REPLY, "", fmt::format("a {} answers there", ToString(*model))};
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ Pose PoseOf(const OpenedHand& hand) {
   const auto positions = Need(Read(hand, QuantityNamed("positions")));
   if (positions.size() < static_cast<std::size_t>(hand.Info().positions)) {
     throw ToolError(
-        {FailureKind::BAD_REPLY, "GetAllJointMotorPosi", "the hand told too few positions", 0});
+        {FailureKind::BAD_REPLY, "GetAllJointMotorPosi", "the hand told too few positions"});
   }
   return {positions.begin(), positions.end()};
 }

@@ -104,7 +104,7 @@ bool Reports::AwaitFirst(const std::function<bool()>& is_over) const {
     while (quantity.is_reported && !Read(hand_, quantity)) {
       if (is_over()) return false;
       if (std::chrono::steady_clock::now() > end) {
-        throw ToolError({FailureKind::NO_REPLY, "reports", "the hand sends no reports", 0});
+        throw ToolError({FailureKind::NO_REPLY, "reports", "the hand sends no reports"});
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }

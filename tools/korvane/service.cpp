@@ -332,7 +332,7 @@ class Service : public Command {
       return {};
     } catch (const ToolError& error) {
       if (error.Cause().kind != FailureKind::NONE) return error.Cause();
-      return {FailureKind::REFUSED, "", error.what(), 0};
+      return {FailureKind::REFUSED, "", error.what()};
     }
   }
 
@@ -358,8 +358,7 @@ class Service : public Command {
     for (const Change& change : left) Move(document, change);
     return {FailureKind::REFUSED, "",
             fmt::format("{} is {} after it was set to {}", NameOf(left.front()), left.front().from,
-                        left.front().to),
-            0};
+                        left.front().to)};
   }
 
   /// What the hand took without having it afterwards.

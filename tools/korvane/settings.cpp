@@ -190,7 +190,7 @@ Outcome<Values> Read(const ServiceHand& hand, const Setting& setting) {
   if (values->size() < count) {
     return Failure{
         FailureKind::BAD_REPLY, "",
-        fmt::format("the hand told {} of {} values of {}", values->size(), count, setting.key), 0};
+        fmt::format("the hand told {} of {} values of {}", values->size(), count, setting.key)};
   }
   values->resize(count);  // behind them the bus pads
   return values;
@@ -202,7 +202,7 @@ Outcome<void> Write(const ServiceHand& hand, const Setting& setting, int axis, i
   if (!taken) return taken.failure();
   if (*taken) return {};
   return Failure{FailureKind::REFUSED, "",
-                 fmt::format("the hand refused {} for {}", value, setting.key), 0};
+                 fmt::format("the hand refused {} for {}", value, setting.key)};
 }
 
 void Save(const ServiceHand& hand) {

@@ -52,7 +52,7 @@ Json TouchOf(const Reading& reading) {
 Failure FailureIn(const std::exception& error) {
   const auto* const known = dynamic_cast<const ToolError*>(&error);
   const bool has_cause = known != nullptr && known->Cause().kind != FailureKind::NONE;
-  return has_cause ? known->Cause() : Failure{FailureKind::REFUSED, "", error.what(), 0};
+  return has_cause ? known->Cause() : Failure{FailureKind::REFUSED, "", error.what()};
 }
 
 }  // namespace
