@@ -17,12 +17,12 @@ std::uint8_t FirstFrameByte(const std::vector<CanfdFrame>& frames, std::size_t a
 
 std::vector<CanfdFrame> CanBusDeviceBase::SendRequestSynchMultiFrame(const CanfdFrame& frame,
                                                                      std::uint8_t expected_frames) {
-  EnforceRequestInterval();
   return RequestFrames(frame, expected_frames).frames;
 }
 
 CanBusDeviceBase::GatheredFrames CanBusDeviceBase::RequestFrames(const CanfdFrame& frame,
                                                                  std::uint8_t expected_frames) {
+  EnforceRequestInterval();
   GatheredFrames result;
   result.frames.reserve(expected_frames);
   const auto log = [](const std::exception& error) {

@@ -311,6 +311,21 @@ TEST_P(OnEachAdapter, RequestsWithoutReplyKeepTheIntervalAndPassOnWhatSendFrameR
   EXPECT_LE(device_.last_request_time_, SystemNow());
 }
 
+TEST_P(OnEachAdapter, ARequestForSeveralFramesKeepsTheIntervalHoweverItIsMade) {
+  device_.script = AnswerWith("10");
+  device_.SetRequestInterval(20);
+  for (const bool with_failure : {false, true}) {
+    device_.last_request_time_ = SystemNow();
+    const auto start = steady_clock::now();
+    if (with_failure) {
+      device_.RequestFrames(kRequest, 1);
+    } else {
+      device_.SendRequestSynchMultiFrame(kRequest, 1);
+    }
+    EXPECT_GE(steady_clock::now() - start, 19ms);
+  }
+}
+
 TEST_P(OnEachAdapter, OnlyAReplyInOneFrameMarksTheTimeOfTheLastRequest) {
   device_.script = [&](const CanfdFrame&) {
     device_.last_request_time_ = 0;
