@@ -29,7 +29,8 @@ enum class FailureKind {
   NO_LINK,        ///< The hand has no link: it couldn't be opened, or it is closed.
   SEND_FAILED,    ///< The request could not be sent.
   NO_REPLY,       ///< The request went out, and nothing came back in time.
-  /// Something came back that can't be the answer, or only a part of it. Over a serial link any
+  /// Something came back that can't be the answer, or only a part of it: a reading whose frame was
+  /// cut short, the rest of which reads as 0. Over a serial link any
   /// frame ends the wait, also one that the hand sent unasked.
   BAD_REPLY,
   REFUSED,  ///< The hand answered that it won't.

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "korvane_sim/serial_hand.h"
+#include "protocol/can/can_identifier.h"
 #include "protocol/serial/korvane_brisa_serial_impl.h"
 #include "protocol/service/korvane_brisa_can_private_impl.h"
 #include "protocol/service/korvane_lumen_can_private_impl.h"
@@ -56,14 +57,18 @@ class CanRig : public Rig {
 
   KorvaneBase& Hand() override { return hands_.hand_; }
   KorvaneBase& WithoutLink() override { return *hands_.without_transport_; }
-  void Answer() override { Say(size_); }
-  void AnswerBadly() override { Say(1); }
+  void Answer() override { Say(size_, 41); }
+  void AnswerBadly() override { Say(0, 40); }
   void Break() override { hands_.device_.script = test::CantSend(); }
 
  private:
-  void Say(int size) {
+  void Say(int size, int size_of_vendor_record) {
     hands_.device_.frame_recv_timeout_ms_ = 60'000;
-    hands_.device_.script = test::Replies(test::Bytes(64, 1), size);
+    hands_.device_.script = [=](const CanfdFrame& sent) {
+      const bool of_vendor = FunctionOf(sent.can_id) == function_code::kVendorRecord;
+      return test::Replies(test::Bytes(64, 1),
+                           of_vendor ? std::max(size, size_of_vendor_record) : size)(sent);
+    };
   }
 
   test::HandPair<KorvaneBase> hands_;
@@ -187,14 +192,21 @@ const Names kServiceSettings = [] {
   return names;
 }();
 
+/// A hand that answers a write has taken it, whatever the answer says.
+const Names kWrites = {"SetJointMotorPosi",    "SetAllJointMotorPosi", "SetJointMotorVelo",
+                       "SetAllJointMotorVelo", "SetCurrentThreshold",  "SetAllCurrentThreshold",
+                       "MixCtrlJointMotor",    "SetHandGesture"};
+
 Expectation OnCan(const test::TestedHand& hand, Names not_supported, Names sends_only,
                   Names from_reports = {}) {
-  return {hand.class_name,
-          [=] { return std::make_unique<CanRig>(hand, 2 * hand.motors); },
-          test::HandOperations(hand.motors),
-          std::move(not_supported),
-          std::move(sends_only),
-          std::move(from_reports)};
+  Expectation row = {hand.class_name,
+                     [=] { return std::make_unique<CanRig>(hand, 2 * hand.motors); },
+                     test::HandOperations(hand.motors),
+                     std::move(not_supported),
+                     std::move(sends_only),
+                     std::move(from_reports)};
+  row.takes_anything = kWrites + kPeriods;
+  return row;
 }
 
 template <class Hand>
@@ -203,6 +215,7 @@ Expectation InServiceProtocol(const char* name, std::uint8_t motors, Names not_s
   Expectation row = OnCan(hand, std::move(not_supported), {});
   row.make = [=] { return std::make_unique<CanRig>(hand, 64); };
   row.operations = row.operations + test::ServiceOperations(motors);
+  row.takes_anything = {};
   row.local = row.local + Names{"SetDeviceId", "GetDeviceInfo"};
   row.needs_no_link.insert("SetDeviceId");
   return row;
@@ -331,7 +344,7 @@ class BadRepliesTo : public DiagnosticsOf {};
 TEST_P(BadRepliesTo, TellWhichOperationTheyFail) {
   rig_->AnswerBadly();
   ExpectAll(rig_->Hand(), FailureKind::BAD_REPLY,
-            row_.sends_only + row_.local + row_.takes_anything, {});
+            row_.sends_only + row_.local + row_.takes_anything, row_.from_reports);
   EXPECT_EQ(StatisticsOf(rig_->Hand()).bad_replies, bad_replies_) << "operations, not replies";
 }
 
@@ -341,6 +354,8 @@ constexpr auto kNameOfRow = [](const testing::TestParamInfo<Expectation>& row) {
 INSTANTIATE_TEST_SUITE_P(PublicProtocol, DiagnosticsOf, testing::ValuesIn(kPublicProtocol),
                          kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(ServiceCommands, DiagnosticsOf, testing::ValuesIn(kServiceCommands),
+                         kNameOfRow);
+INSTANTIATE_TEST_SUITE_P(PublicProtocol, BadRepliesTo, testing::ValuesIn(kPublicProtocol),
                          kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(ServiceCommands, BadRepliesTo, testing::ValuesIn(kServiceCommands),
                          kNameOfRow);

@@ -178,6 +178,8 @@ TEST(QuillTactile, LeavesOutTheFirstSensorThatIsCutOffAndThoseAfterIt) {
     rig.device->script = RepliesInFrames(RawFrames(row.bytes));
     const auto read = [&] { return rig.hand->GetAllTactileSensorDataRaw().size(); };
     EXPECT_EQ(Told([&] { EXPECT_EQ(read(), row.records) << row.bytes; }), row.line);
+    EXPECT_EQ(LastFailure(*rig.hand).kind,
+              row.records == 6 ? FailureKind::NONE : FailureKind::BAD_REPLY);
   }
 }
 
@@ -258,6 +260,7 @@ TEST(BrisaTactile, ReadsSummariesOneByOneWhateverTheLengthOfTheReplyAlsoWhenSome
   }
   const StreamCapture errors(stderr);
   EXPECT_EQ(Show(hands.hand_.GetAllTactileSensorData()), Show(expected));
+  EXPECT_EQ(LastFailure(hands.hand_).text, "the reply ends after 4 of 16 bytes");
   EXPECT_EQ(test::Show(hands.device_.TakeSent()), test::Show(requests));
   EXPECT_EQ(hands.without_transport_->GetTactileSensorData(Finger::PALM), Bytes(25));
   const std::string failed = kBrisa.OfClass() + "[GetTactileSensorData][finger:";
@@ -275,6 +278,7 @@ TEST(TesselTactile, ReadsTwentyNineBytesOfAFingertipWhateverTheLengthOfTheReply)
   for (int finger = 1; finger <= 5; ++finger) {
     hands.device_.script = Replies(Counting(64, 1), finger);
     EXPECT_EQ(Read3D(hands.hand_, finger), Counting(29, 1));
+    EXPECT_EQ(LastFailure(hands.hand_).kind, FailureKind::BAD_REPLY);
     EXPECT_EQ(test::Show(hands.device_.TakeSent()),
               test::Show({Request(0x00050100, static_cast<Finger>(finger))}));
   }

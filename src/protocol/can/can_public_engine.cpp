@@ -17,6 +17,8 @@ namespace {
 constexpr auto kNoControlMode = static_cast<ControlMode>(10);
 constexpr std::uint8_t kControlModeMask = 7;
 constexpr std::uint8_t kSetDeviceIdIndex = 1;
+constexpr std::size_t kBytesOfWord = 2;
+constexpr std::size_t kBytesOfVendorInfo = 41;
 constexpr const char* kMixedOperation = "MixCtrlJointMotor";
 constexpr const char* kNoReport = "no report of all motors has come from the hand yet";
 
@@ -131,6 +133,20 @@ std::optional<CanfdFrame> CanPublicEngine::RequestOrLog(const Context& context,
   }
 }
 
+std::optional<CanfdFrame> CanPublicEngine::ReadOrLog(const Context& context,
+                                                     const CanfdFrame& frame, std::size_t size,
+                                                     int priority) const {
+  const auto reply = RequestOrLog(context, frame, priority);
+  if (reply) RecordIfShort(*reply, size);
+  return reply;
+}
+
+void CanPublicEngine::RecordIfShort(const CanfdFrame& reply, std::size_t size) const {
+  if (reply.len >= size) return;
+  RecordFailure(diagnostics, FailureKind::BAD_REPLY,
+                Compose("the reply ends after ", reply.len, " of ", size, " bytes"));
+}
+
 /// Sends a write and, if `way` says so, returns its reply. A quantity with a text of its own for a
 /// failed send has no other line for a missing transport either.
 std::optional<CanfdFrame> CanPublicEngine::WriteOrLog(const Context& context,
@@ -201,8 +217,8 @@ int CanPublicEngine::ReadMotor(const MotorQuantity& quantity, std::uint8_t index
   const auto operation = Operation(quantity.get);
   if (!CheckIndex(index)) return quantity.bad_index;
   if (quantity.from_reports) return LastReport(quantity, index);
-  const auto reply = RequestOrLog({quantity.get, "index", index},
-                                  ReadFrame(quantity.function, index), quantity.priority);
+  const auto reply = ReadOrLog({quantity.get, "index", index}, ReadFrame(quantity.function, index),
+                               kBytesOfWord, quantity.priority);
   return reply ? LoadS16(reply->data) : 0;
 }
 
@@ -222,8 +238,8 @@ std::vector<Value> CanPublicEngine::ReadAll(const MotorQuantity& quantity) const
     if (values.empty()) RecordFailure(diagnostics, FailureKind::NO_REPLY, kNoReport);
     return {values.begin(), values.end()};
   }
-  const auto reply =
-      RequestOrLog({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
+  const auto reply = ReadOrLog({quantity.get_all}, ReadFrame(quantity.function, 0),
+                               kBytesOfWord * model.motors, quantity.priority);
   if (!reply) return {};
   auto values = WordsOf<Value>(*reply);
   if (values.size() > model.max_values) values.resize(model.max_values);
@@ -279,8 +295,8 @@ ControlMode CanPublicEngine::ReadControlMode(std::uint8_t index) const {
   const auto operation = Operation(model.control_mode.get);
   const MotorQuantity& quantity = model.control_mode;
   if (!CheckIndex(index)) return kNoControlMode;
-  const auto reply = RequestOrLog({quantity.get, "index", index},
-                                  ReadFrame(quantity.function, index), quantity.priority);
+  const auto reply = ReadOrLog({quantity.get, "index", index}, ReadFrame(quantity.function, index),
+                               1, quantity.priority);
   if (!reply) return kNoControlMode;
   return static_cast<ControlMode>(reply->data[0] & kControlModeMask);
 }
@@ -288,8 +304,8 @@ ControlMode CanPublicEngine::ReadControlMode(std::uint8_t index) const {
 std::vector<std::uint8_t> CanPublicEngine::ReadAllControlModes() const {
   const auto operation = Operation(model.control_mode.get_all);
   const MotorQuantity& quantity = model.control_mode;
-  const auto reply =
-      RequestOrLog({quantity.get_all}, ReadFrame(quantity.function, 0), quantity.priority);
+  const auto reply = ReadOrLog({quantity.get_all}, ReadFrame(quantity.function, 0), model.motors,
+                               quantity.priority);
   if (!reply) return {};
   if (!model.control_modes_by_length) return {reply->data, reply->data + model.motors};
   std::vector<std::uint8_t> modes(std::min(reply->len, model.motors));
@@ -341,7 +357,8 @@ void CanPublicEngine::WriteMixed(const std::vector<MixCtrl>& targets) const {
 
 VendorInfo CanPublicEngine::ReadVendorInfo() const {
   const auto operation = Operation("GetVendorInfo");
-  const auto reply = RequestOrLog({"GetVendorInfo"}, ReadFrame(function_code::kVendorRecord, 0));
+  const auto reply =
+      ReadOrLog({"GetVendorInfo"}, ReadFrame(function_code::kVendorRecord, 0), kBytesOfVendorInfo);
   if (!reply) return {};
   return LoadVendorInfo(*reply, model.product_model_ends_at_nul);
 }
@@ -365,6 +382,7 @@ DeviceInfo CanPublicEngine::ReadDeviceInfo() const {
   DeviceInfo info{};
   try {
     const CanfdFrame reply = Request(ReadFrame(function_code::kDeviceRecord, 0), 0);
+    RecordIfShort(reply, sizeof info);
     std::memcpy(&info, reply.data, sizeof info);
   } catch (const std::exception& error) {
     const char* const text = model.wording->device_info_failed;

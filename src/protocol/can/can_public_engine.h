@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -81,6 +82,12 @@ class CanPublicEngine : public CanLink {
   /// Sends `frame` and returns its reply; nothing after a failure, which is logged.
   std::optional<CanfdFrame> RequestOrLog(const Context& context, const CanfdFrame& frame,
                                          int priority = 0) const;
+
+  /// The same for a reading of `size` bytes. What a shorter reply leaves out reads as 0, as it
+  /// always has; that it did is recorded in silence.
+  std::optional<CanfdFrame> ReadOrLog(const Context& context, const CanfdFrame& frame,
+                                      std::size_t size, int priority = 0) const;
+  void RecordIfShort(const CanfdFrame& reply, std::size_t size) const;
 
   bool Judge(std::uint32_t request_id, std::uint32_t received_id) const;
   /// Takes a frame that no request waits for, on the receive thread.

@@ -92,6 +92,11 @@ std::vector<TactileSensorData> KorvaneQuillCanImpl::GetAllTactileSensorDataRaw()
       records.push_back({finger, {begin, begin + static_cast<std::ptrdiff_t>(length)}});
       offset += length;
     }
+    if (records.size() < SensorsUpTo<Finger::PALM>().size()) {
+      // Nothing is logged for a reply that ends where a sensor does.
+      RecordFailure(engine_.diagnostics, FailureKind::BAD_REPLY,
+                    Compose("the reply ends after ", records.size(), " sensors"));
+    }
   } catch (const std::exception& error) {
     engine_.LogFailure({"GetAllTactileSensorDataRaw"}, error);
   }

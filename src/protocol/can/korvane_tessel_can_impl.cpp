@@ -50,9 +50,10 @@ TactileSensor3DData KorvaneTesselCanImpl::GetTactileSensor3DData(Finger finger) 
     engine_.LogAndRecord(FailureKind::BAD_ARGUMENT, "[ERROR]: Invalid finger type");
     return record;
   }
-  const auto reply = engine_.RequestOrLog(
+  const auto reply = engine_.ReadOrLog(
       {"GetTactileSensor3DData"},
-      engine_.ReadFrame(function_code::kTactileSummary, static_cast<std::uint8_t>(finger)));
+      engine_.ReadFrame(function_code::kTactileSummary, static_cast<std::uint8_t>(finger)),
+      sizeof record.data);
   if (reply) std::memcpy(record.data, reply->data, sizeof record.data);
   return record;
 }

@@ -36,8 +36,9 @@ std::vector<std::uint8_t> ReadTactileSummary(const CanPublicEngine& engine, Fing
   RequireFinger(finger, engine.diagnostics);
   std::vector<std::uint8_t> summary(SummaryBytesOf(finger));
   const auto number = static_cast<std::uint8_t>(finger);
-  const auto reply = engine.RequestOrLog({"GetTactileSensorData", "finger", number},
-                                         engine.ReadFrame(function_code::kTactileSummary, number));
+  const auto reply =
+      engine.ReadOrLog({"GetTactileSensorData", "finger", number},
+                       engine.ReadFrame(function_code::kTactileSummary, number), summary.size());
   if (reply) std::copy_n(reply->data, summary.size(), summary.begin());
   return summary;
 }
