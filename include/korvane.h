@@ -271,8 +271,10 @@ class KORVANE_EXPORT KorvaneBase : public virtual Korvane {
   /// set, before anything is sent.
   virtual void MixCtrlJointMotor(const std::vector<MixCtrl>& targets);
 
-  /// Error word of one motor. Asks the hand. 0 on a bad index and on failure. Bit 0 stalled, 1
-  /// overheated, 2 overcurrent, 3 motor fault, 4 communication fault.
+  /// Error word of one motor. Asks the hand. 0 on a bad index and on failure. Of a KorvaneTessel
+  /// bit 0 is stalled, 1 overheated, 2 overcurrent, 3 motor fault, 4 communication fault; other
+  /// models are taken to use the same bits. A KorvaneBrisa on a serial port has 1 for every motor
+  /// if any has an error.
   virtual unsigned short GetErrorReport(std::uint8_t joint_motor_index) const;
 
   /// Error words of all motors. Asks the hand. Empty on failure.

@@ -308,6 +308,7 @@ Status HandBridge::Report() {
         health_.failed_requests - std::exchange(failed_before_, health_.failed_requests);
     health = health_;
   }
+  health.link = options_.address.link;
   health.superseded = mailbox_.Superseded();
   health.qos_mismatches = endpoints_.Mismatches();
   health.failed_commands = endpoints_.Failures();

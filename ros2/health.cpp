@@ -8,11 +8,11 @@ namespace korvane_ros2 {
 namespace {
 
 /// "motor 3 stalled, overheated; motor 5 ..."
-std::string ErrorTexts(const std::vector<unsigned short>& errors) {
+std::string ErrorTexts(const std::vector<unsigned short>& errors, talvera::korvane::LinkKind link) {
   std::string text;
   for (std::size_t motor = 0; motor < errors.size(); ++motor) {
     const std::string names =
-        korvane_common::ErrorNames(errors[motor] & korvane_common::kNamedErrors);
+        korvane_common::ErrorNames(errors[motor] & korvane_common::kNamedErrors, link);
     if (names.empty()) continue;
     text += (text.empty() ? "motor " : "; motor ") + std::to_string(motor + 1) + " " + names;
   }
@@ -27,7 +27,7 @@ struct Verdict {
 
 /// The first that applies is what the hand's status says.
 Verdict Judge(const Health& health) {
-  const std::string errors = ErrorTexts(health.errors);
+  const std::string errors = ErrorTexts(health.errors, health.link);
   const bool is_disarmed = health.allows_commands && health.arming == Arming::FAULTED;
   const Verdict verdicts[] = {
       {!health.is_open, Level::ERROR, "the hand has gone: " + health.trouble},
@@ -90,7 +90,7 @@ Status ToStatus(const Health& health) {
       {"reopened", std::to_string(health.reopened)},
       {"late_cycles", std::to_string(health.late_cycles)},
       {"unsent_messages", std::to_string(health.unsent_messages)},
-      {"errors", ErrorTexts(health.errors)},
+      {"errors", ErrorTexts(health.errors, health.link)},
       {"temperatures", Join(health.temperatures)},
       {"qos_mismatches", std::to_string(health.qos_mismatches)},
       {"state", StateOf(health)},

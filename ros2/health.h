@@ -1,5 +1,7 @@
 #pragma once
 
+#include <korvane_open.h>
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -22,6 +24,7 @@ struct Health {
   std::uint64_t reopened = 0;
   std::uint64_t late_cycles = 0;
   std::uint64_t unsent_messages = 0;
+  talvera::korvane::LinkKind link = talvera::korvane::LinkKind::SOCKET_CAN;
   std::vector<unsigned short> errors;        ///< Of each motor.
   std::vector<unsigned short> temperatures;  ///< Of each motor, in the hand's unit.
 

@@ -218,6 +218,11 @@ TEST(Health, TheWorstIsTold) {
          h.errors = {0, 3, 0x10};
        },
        Level::ERROR, "motor 2 stalled, overheated; motor 3 communication fault"},
+      {[](Health& h) {
+         h.link = kv::LinkKind::SERIAL;
+         h.errors = {1, 1};
+       },
+       Level::ERROR, "motor 1 error; motor 2 error"},
       {[](Health& h) { h.answers = false; }, Level::ERROR, "the hand doesn't answer: "},
       {[](Health& h) { h.is_open = false; }, Level::ERROR, "the hand has gone: "},
   };

@@ -4,7 +4,8 @@
 
 namespace korvane_common {
 
-std::string ErrorNames(unsigned errors) {
+std::string ErrorNames(unsigned errors, talvera::korvane::LinkKind link) {
+  if (link == talvera::korvane::LinkKind::SERIAL) return errors != 0 ? "error" : "";
   constexpr std::array<const char*, 5> kNames = {"stalled", "overheated", "overcurrent",
                                                  "motor fault", "communication fault"};
   static_assert(kNamedErrors == (1U << kNames.size()) - 1);

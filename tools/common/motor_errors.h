@@ -1,5 +1,7 @@
 #pragma once
 
+#include <korvane_open.h>
+
 #include <string>
 
 namespace korvane_common {
@@ -9,7 +11,7 @@ namespace korvane_common {
 inline constexpr unsigned kNamedErrors = 0x1F;
 
 /// What the bits of an error word mean, with commas; empty if none is set. "bit 7" for one that has
-/// no name.
-std::string ErrorNames(unsigned errors);
+/// no name. A serial hand has only one bit, whatever it is that one of its motors has: "error".
+std::string ErrorNames(unsigned errors, talvera::korvane::LinkKind link);
 
 }  // namespace korvane_common

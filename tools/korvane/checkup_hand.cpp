@@ -246,7 +246,8 @@ std::optional<Finding> LookAtErrors(const OpenedHand& hand) {
   }
   std::string text;
   for (std::size_t motor = 0; motor < errors->size(); ++motor) {
-    const std::string names = ErrorNames(static_cast<unsigned>((*errors)[motor]));
+    const std::string names =
+        ErrorNames(static_cast<unsigned>((*errors)[motor]), hand.address.link);
     if (names.empty()) continue;
     text += fmt::format("{}motor {}: {}", text.empty() ? "" : "; ", motor + 1, names);
   }

@@ -52,15 +52,6 @@ void AddTouch(const OpenedHand& hand, Json& document) {
   }
 }
 
-void AddErrorNames(Json& document) {
-  if (!document.contains("errors")) return;
-  Json names = Json::array();
-  for (const Json& error : document["errors"]) {
-    names.push_back(ErrorNames(static_cast<unsigned>(error.get<double>())));
-  }
-  document["error_names"] = names;
-}
-
 std::string Number(const Json& value) {
   const double number = value.get<double>();
   return number == std::floor(number) ? fmt::format("{:.0f}", number)
@@ -148,7 +139,10 @@ class Info : public Command {
     const OpenedHand hand = tool.Open();
     Json document = Identity(hand);
     AddQuantities(hand, document);
-    AddErrorNames(document);
+    if (document.contains("errors")) {
+      const auto errors = document["errors"].get<std::vector<double>>();
+      document["error_names"] = ErrorTexts(errors, hand.address.link);
+    }
     AddTouch(hand, document);
     tool.PrintJson(document);
     tool.Print(Text(hand, document));

@@ -38,6 +38,8 @@ Json Standing(const std::vector<OpenedHand>& hands) {
       const auto values = Read(hand, QuantityNamed(key));
       if (values) {
         json[key] = NumbersOf(*values);
+        if (QuantityNamed(key).is_error_word)
+          json["error_names"] = ErrorTexts(*values, hand.address.link);
       } else if (values.failure().kind != FailureKind::NOT_SUPPORTED) {
         json["failure"] = ToJson(values.failure());
         break;
@@ -61,8 +63,8 @@ std::string Text(const Json& hands) {
                    Colour::BAD);
     }
     text += "\n";
-    for (std::size_t i = 0; hand.contains("errors") && i < hand["errors"].size(); ++i) {
-      const std::string errors = ErrorNames(hand["errors"][i].get<unsigned>());
+    for (std::size_t i = 0; hand.contains("error_names") && i < hand["error_names"].size(); ++i) {
+      const auto errors = hand["error_names"][i].get<std::string>();
       if (!errors.empty())
         text += Coloured(fmt::format("  motor {}: {}\n", i + 1, errors), Colour::BAD);
     }

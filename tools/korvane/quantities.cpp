@@ -123,6 +123,12 @@ std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& han
   return names;
 }
 
+std::vector<std::string> ErrorTexts(const std::vector<double>& words, LinkKind link) {
+  std::vector<std::string> texts;
+  for (const double word : words) texts.push_back(ErrorNames(static_cast<unsigned>(word), link));
+  return texts;
+}
+
 bool HasTouch(const OpenedHand& hand) { return !SensorsOf(*hand).empty(); }
 
 Outcome<Touch> ReadTouch(const OpenedHand& hand) {

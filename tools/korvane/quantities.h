@@ -44,6 +44,9 @@ const std::vector<Quantity>& AllQuantities();
 /// The row of that key. Throws a usage error that lists the keys if there is none.
 const Quantity& QuantityNamed(const std::string& key);
 
+/// What the error words of all motors mean, a text for each.
+std::vector<std::string> ErrorTexts(const std::vector<double>& words, LinkKind link);
+
 /// The values, without what the bus pads. NOT_SUPPORTED if the model lacks them, also as long as it
 /// would tell them in reports and hasn't.
 Outcome<std::vector<double>> Read(const OpenedHand& hand, const Quantity& quantity);

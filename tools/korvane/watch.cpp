@@ -59,7 +59,7 @@ class Picture {
       lines.push_back(fmt::format("{:<{}}{}   {:8.0f} {} {}  {}", i + 1, kNameWidth,
                                   Bar(position / hand_.Info().position_max, kBarWidth), position,
                                   cell(currents, 8), cell(temperatures, 5),
-                                  Coloured(ErrorNames(error), Colour::BAD)));
+                                  Coloured(ErrorNames(error, hand_.address.link), Colour::BAD)));
     }
   }
 

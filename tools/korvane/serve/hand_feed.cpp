@@ -36,12 +36,6 @@ Json Joints(const OpenedHand& hand) {
   return joints;
 }
 
-Json ErrorTexts(const std::vector<double>& errors) {
-  Json texts = Json::array();
-  for (const double error : errors) texts.push_back(ErrorNames(static_cast<unsigned>(error)));
-  return texts;
-}
-
 Json TouchOf(const Reading& reading) {
   Json touch = Json::object();
   for (const auto& sensor : reading.Touch()) touch[FingerName(sensor.finger)] = sensor.data;
@@ -285,7 +279,7 @@ void HandFeed::PublishReading(const Reading& reading) {
     const auto* const values = reading.ValuesOf(quantity.key);
     if (values == nullptr) continue;
     json[quantity.key] = NumbersOf(*values);
-    if (quantity.is_error_word) json["error_names"] = ErrorTexts(*values);
+    if (quantity.is_error_word) json["error_names"] = ErrorTexts(*values, address_.link);
   }
   if (!reading.Touch().empty()) json["touch"] = TouchOf(reading);
   Publish(std::move(json));
