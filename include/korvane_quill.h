@@ -21,8 +21,9 @@ namespace talvera::korvane {
 ///
 /// Made by one of the CanFactories. For blocking, failures and threads see Korvane.
 ///
-/// Readings are 0 to 4096. Which reading belongs to which joint, and which end is open, isn't known
-/// to the library: bend one joint after the other and look. SetMinPositionCalibration teaches the
+/// Readings are taken to be 0 to 4096, as those of a KorvaneBrisa; the protocol doesn't tell. Nor
+/// does it tell which reading belongs to which joint, and which end is open: bend one joint after
+/// the other and look. SetMinPositionCalibration teaches the
 /// device which pose it reads as the lower end.
 ///
 /// What the operations return when they fail; KorvaneBase explains the words:

@@ -20,9 +20,10 @@ namespace talvera::korvane {
 ///
 /// Made by one of the CanFactories. For blocking, failures and threads see Korvane.
 ///
-/// Positions are 0 to 4096. Which motor moves what, and which end of its range is open, isn't known
-/// to the library: move one motor by a few units, with the hand free, and look. (The simulated hand
-/// opens towards 4096; a real one need not.)
+/// Positions are taken to be 0 to 4096, as those of a KorvaneBrisa; the protocol doesn't tell. Nor
+/// does it tell which motor moves what, and which end of its range is open: move one motor by a few
+/// units, with the hand free, and look. (The simulated hand opens towards 4096; a real one need
+/// not.)
 ///
 /// What the operations return when they fail; KorvaneBase explains the words:
 ///
