@@ -18,9 +18,9 @@ MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4)
 class Site:
     """`korvane serve` as a program sees it that speaks plain HTTP."""
 
-    def __init__(self, sim, *options):
+    def __init__(self, sim, *options, port=0):
         # A busy machine keeps a reply for longer than a hand may.
-        self.process = sim.start("serve", "--port", "0", "--timeout", "500", *options)
+        self.process = sim.start("serve", "--port", str(port), "--timeout", "500", *options)
         self.url = self.process.stdout.readline().strip()
         assert self.url, self.process.communicate()[1]
         parts = urllib.parse.urlsplit(self.url)
@@ -158,6 +158,8 @@ def test_the_page_comes_whole_and_keeps_to_itself(serve):
         ("GET", "/api/hands", {"Origin": "null"}, 403),
         ("GET", "/api/hands/1/events", {"Origin": "http://127.0.0.1:1"}, 403),
         ("GET", "/api/hands", {"Origin": "http://127.0.0.1:PORT"}, 200),
+        ("GET", "/api/hands/1/events?page=of-an-earlier-run", {}, 409),
+        ("GET", "/api/events?page=of-an-earlier-run", {}, 409),
         ("GET", "/api/hands/2/events", {}, 404),
         ("GET", "/api/hands/x/events", {}, 404),
         ("GET", "/api/hands/1.0/events", {}, 404),
@@ -176,6 +178,30 @@ def test_requests_that_are_refused(serve, method, path, headers, status):
     site = serve()
     headers = {name: value.replace("PORT", str(site.port)) for name, value in headers.items()}
     assert site.ask(method, path, None, **headers)[0] == status
+
+
+@pytest.mark.parametrize(
+    "request_line, headers, closes",
+    [
+        ("GET / HTTP/1.1", "Connection: Close", True),
+        ("GET / HTTP/1.1", "Connection: keep-alive, close", True),
+        ("GET / HTTP/1.0", "", True),
+        ("GET / HTTP/1.1", "", False),
+        ("HEAD / HTTP/1.1", "", False),
+    ],
+)
+def test_a_connection_is_kept_for_those_who_use_it_again(serve, request_line, headers, closes):
+    site = serve()
+    asked = "\r\n".join(filter(None, [request_line, f"Host: {site.netloc}", headers])) + "\r\n\r\n"
+    with socket.create_connection((site.host, site.port), LIMIT) as raw:
+        answers = raw.makefile("rb")
+        for _ in range(1 if closes else 2):
+            raw.sendall(asked.encode())
+            assert answers.readline().startswith(b"HTTP/1.1 ")
+            told = dict(line.decode().strip().split(": ", 1) for line in iter(answers.readline, b"\r\n"))
+            answers.read(int(told["Content-Length"]))
+        assert told["Connection"] == ("close" if closes else "keep-alive")
+        assert not closes or answers.read() == b""
 
 
 @pytest.mark.parametrize(

@@ -85,8 +85,8 @@ def browser():
 def serve():
     sites = []
 
-    def start(sim, *options):
-        sites.append(Site(sim, *options))
+    def start(sim, *options, **more):
+        sites.append(Site(sim, *options, **more))
         return sites[-1]
 
     yield start
@@ -226,6 +226,16 @@ def test_a_hand_that_goes_and_a_server_that_ends_are_told(make_sim, serve, brows
     assert browser.text(".trouble") == "" and browser.complaints() == []
     assert site.end()[0] == 0
     browser.wait_for_text("#connection", "is lost")
+
+
+def test_a_page_is_loaded_anew_when_the_server_has_other_hands(sim, serve, browser):
+    site = serve(sim, "-H", sim.address("zlg", "lumen", 4))
+    browser.look_at(site.url)
+    browser.wait_for_text(".hand", "KorvaneLumen")
+    site.end()
+    serve(sim, "-H", sim.address("zlg"), port=site.port)
+    browser.wait("return document.querySelector('.hand')?.textContent.includes('KorvaneBrisa')")
+    browser.wait_for_text("#connection", "Connected")
 
 
 def test_a_browser_is_let_in_by_the_token_and_forgets_it(sim, serve, browser):

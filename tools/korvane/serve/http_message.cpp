@@ -92,10 +92,19 @@ bool ReadRequestLine(std::string_view line, HttpRequest& request) {
     return false;
   if (version != "HTTP/1.1" && version != "HTTP/1.0") return false;
   const auto mark = std::min(target.find('?'), target.size());
+  request.is_of_http_1_0 = version == "HTTP/1.0";
   request.method = line.substr(0, first);
   request.path = target.substr(0, mark);
   request.query = target.substr(std::min(mark + 1, target.size()));
   return IsToken(request.method);
+}
+
+std::string InSmallLetters(std::string_view text) {
+  std::string small(text);
+  std::transform(small.begin(), small.end(), small.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
+  return small;
 }
 
 /// A header that stands twice, or goes on in the next line, is one that two readers may understand
@@ -103,11 +112,8 @@ bool ReadRequestLine(std::string_view line, HttpRequest& request) {
 bool ReadHeader(std::string_view line, HttpRequest& request) {
   const auto colon = line.find(':');
   if (colon == std::string_view::npos || !IsToken(line.substr(0, colon))) return false;
-  std::string name(line.substr(0, colon));
-  std::transform(name.begin(), name.end(), name.begin(), [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  return request.headers.emplace(std::move(name), Trimmed(line.substr(colon + 1))).second;
+  const std::string_view value = Trimmed(line.substr(colon + 1));
+  return request.headers.emplace(InSmallLetters(line.substr(0, colon)), value).second;
 }
 
 bool ReadLines(std::string_view head, HttpRequest& request) {
@@ -128,6 +134,10 @@ bool ReadLines(std::string_view head, HttpRequest& request) {
 std::string HttpRequest::Header(const std::string& name) const {
   const auto found = headers.find(name);
   return found == headers.end() ? std::string() : found->second;
+}
+
+bool HttpRequest::KeepsConnection() const {
+  return !is_of_http_1_0 && InSmallLetters(Header("connection")).find("close") == std::string::npos;
 }
 
 std::string HttpRequest::Parameter(const std::string& name) const {

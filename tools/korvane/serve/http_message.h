@@ -19,11 +19,14 @@ struct HttpRequest {
   std::string query;                           ///< What stands behind the question mark.
   std::map<std::string, std::string> headers;  ///< Names in small letters.
   std::string body;
+  bool is_of_http_1_0 = false;
   /// How clients may name the server: the address at which this one reached it, and its port.
   std::string local_host;
 
   /// The value of a header; empty if it isn't there.
   std::string Header(const std::string& name) const;
+  /// Whether the client awaits another answer on this connection.
+  bool KeepsConnection() const;
   /// The value of a name in the query, or of a cookie; empty if it isn't there.
   std::string Parameter(const std::string& name) const;
   std::string Cookie(const std::string& name) const;

@@ -172,8 +172,10 @@ class HttpConnection {
     auto request = reader_.Take();
     if (!request) return;
     request->local_host = local_host_;
-    keeps_ = request->Header("connection") != "close";
-    Begin(answer(*request));
+    keeps_ = request->KeepsConnection();
+    HttpAnswer begun = answer(*request);
+    if (request->method == "HEAD") begun.body.clear();  // which its client wouldn't read
+    Begin(begun);
   }
 
   void Begin(const HttpAnswer& answer) {

@@ -150,7 +150,7 @@ HttpAnswer Site::Answered(const HttpRequest& request) {
   }
   if (request.method != "GET") throw Refused{405, "this can only be read"};
   if (path == kHands) return Hands();
-  if (path == "/api/events") return {200, kEventType, "", {}, std::make_shared<AllHands>(hands_)};
+  if (path == "/api/events") return Events(request, std::make_shared<AllHands>(hands_));
   for (const PageFile& file : PageFiles()) {
     if (path != file.path) continue;
     return {200, file.type, std::string(reinterpret_cast<const char*>(file.bytes), file.size)};
@@ -191,6 +191,16 @@ HttpAnswer Site::Hands() const {
   return JsonAnswer(document);
 }
 
+/// A page tells which run of the server it was loaded from: in another one the same numbers stand
+/// for other hands.
+HttpAnswer Site::Events(const HttpRequest& request, std::shared_ptr<const Newest> events) const {
+  const std::string page = request.Parameter("page");
+  if (!page.empty() && !IsSecret(page_token_, page)) {
+    throw Refused{409, "the page is of an earlier korvane serve; load it again"};
+  }
+  return {200, kEventType, "", {}, std::move(events)};
+}
+
 HttpAnswer Site::OfHand(const HttpRequest& request, const std::string& what) {
   const auto slash = what.find('/');
   const auto number = WholeNumberIn(what.substr(0, slash), 1, static_cast<int>(hands_.size()));
@@ -199,7 +209,7 @@ HttpAnswer Site::OfHand(const HttpRequest& request, const std::string& what) {
   const std::string rest = what.substr(slash + 1);
   if (rest == "events") {
     if (request.method != "GET") throw Refused{405, "events can only be read"};
-    return {200, kEventType, "", {}, hand.Events()};
+    return Events(request, hand.Events());
   }
   if (rest != "control" && rest != "move" && rest != "stop")
     throw Refused{404, "there is nothing here"};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,7 @@ class Site {
   HttpAnswer Admission(const HttpRequest& request) const;
   bool IsAdmitted(const HttpRequest& request) const;
   HttpAnswer Hands() const;
+  HttpAnswer Events(const HttpRequest& request, std::shared_ptr<const Newest> events) const;
   HttpAnswer OfHand(const HttpRequest& request, const std::string& what);
   HttpAnswer Change(const HttpRequest& request, const std::string& what, ServedHand& hand) const;
   void CheckChange(const HttpRequest& request) const;

@@ -29,9 +29,13 @@ async function start() {
     hands.set(hand.hand, view);
     document.getElementById("hands").append(view.root);
   }
-  const events = new EventSource("/api/events");
+  const events = new EventSource("/api/events?page=" + told.page_token);
   events.onopen = () => connected(true);
-  events.onerror = () => connected(false);
+  events.onerror = () => {
+    connected(false);
+    // Refused, and not only out of reach: korvane serve was started anew, perhaps with other hands.
+    if (events.readyState === EventSource.CLOSED) setTimeout(() => location.reload(), 1000);
+  };
   events.onmessage = (event) => {
     const data = JSON.parse(event.data);
     hands.get(data.hand)?.take(data);
