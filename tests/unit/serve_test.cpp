@@ -69,7 +69,12 @@ TEST(Site, AnswersARequestThatItFailsAt) {
   Site site({});
   site.Add(hand);
   const auto get = [&](const std::string& path) {
-    return site.Answer({"GET", path, "", {{"host", "127.0.0.1:80"}}, "", "127.0.0.1:80"});
+    HttpRequest request;
+    request.method = "GET";
+    request.path = path;
+    request.headers = {{"host", "127.0.0.1:80"}};
+    request.local_host = "127.0.0.1:80";
+    return site.Answer(request);
   };
   const HttpAnswer answer = get("/api/hands");
   EXPECT_EQ(answer.status, 500);
