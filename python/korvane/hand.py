@@ -12,6 +12,7 @@ What fails raises a `korvane.KorvaneError`, and nothing that failed returns a va
 
 from __future__ import annotations
 
+import math
 import os
 import time
 from typing import TYPE_CHECKING, Any, Callable, Dict, List, Mapping, NamedTuple, Optional, Sequence, Tuple, Union
@@ -337,10 +338,12 @@ class Hand:
         """
         if recording.model != self._model.name or not self._model.has_motors:
             raise self._bad(f"the recording is of a {recording.model}; korvane replay can map it")
-        if not speed > 0:
+        if not 0 < speed < math.inf:
             raise self._bad(f"speed can't be {speed}")
         poses = np.clip(recording["positions"], 0, self.position_max)
         times = (recording.time - recording.time[0]) / speed
+        if not np.isfinite(poses).all() or not (np.diff(times) >= 0).all():
+            raise self._bad("a recording's positions must be numbers, and its times must not fall")
         self.move(poses[0], seconds=lead_in)
         self._follow(float(times[-1]), lambda t: np.array([np.interp(t, times, motor) for motor in poses.T]))
 

@@ -191,7 +191,10 @@ def load(path: Path) -> Recording:
     Raises BadArgument, which names the line, if anything is wrong with it.
     """
     with open(path, encoding="utf-8") as file:
-        lines = [(number, line.rstrip("\n")) for number, line in enumerate(file, 1) if line.strip()]
+        try:
+            lines = [(number, line.rstrip("\n")) for number, line in enumerate(file, 1) if line.strip()]
+        except UnicodeDecodeError as error:
+            raise BadArgument(f"{os.fspath(path)} is no text: {error}") from None
     return _Loader(os.fspath(path), lines).load()
 
 
@@ -210,6 +213,8 @@ class _Loader:
         if names[0] != "time_s":
             raise self._bad(self._lines[1][0], "the first column must be time_s")
         rows = np.array([self._row(number, line, len(names)) for number, line in self._lines[2:]])
+        for row in np.flatnonzero(np.diff(rows[:, 0]) < 0):
+            raise self._bad(self._lines[row + 3][0], "its time lies before that of the line above")
         fingers = dict.fromkeys(name.split("_")[1] for name in names if name.startswith("touch_"))
         values = {key: rows[:, self._columns_of(names, key)] for key in head["quantities"]}
         touch = {finger: rows[:, self._columns_of(names, f"touch_{finger}")] for finger in fingers}
@@ -221,7 +226,7 @@ class _Loader:
             head: Dict[str, Any] = json.loads(line[2:] if line.startswith("# ") else "")
         except ValueError:
             head = {}
-        if not isinstance(head, dict) or _HEAD not in head or "quantities" not in head:
+        if not isinstance(head, dict) or _HEAD not in head or not isinstance(head.get("quantities"), list):
             raise self._bad(number, "that is no recording of korvane in CSV")
         if head[_HEAD] != _VERSION:
             raise self._bad(number, "a later version of korvane wrote that")
@@ -234,9 +239,12 @@ class _Loader:
         if len(cells) != count:
             raise self._bad(number, f"it has {len(cells)} values and there are {count} columns")
         try:
-            return [float(cell) for cell in cells]
+            row = [float(cell) for cell in cells]
         except ValueError as error:
             raise self._bad(number, str(error)) from None
+        if not all(map(math.isfinite, row)):
+            raise self._bad(number, "not all of it are numbers")
+        return row
 
     @staticmethod
     def _columns_of(names: Sequence[str], key: str) -> List[int]:

@@ -138,6 +138,12 @@ def test_touch(hand):
         getattr(hand, one)("toe")
 
 
+def recording(times, positions):
+    """Of a Brisa whose motors all stand alike."""
+    table = np.repeat(np.array(positions, float)[:, None], 10, axis=1)
+    return korvane.Recording({"model": "brisa"}, np.array(times, float), {"positions": table}, {})
+
+
 BAD = {
     "too few positions": lambda hand: hand.set_positions([0] * 9),
     "positions beyond the scale": lambda hand: hand.set_positions([4097] + [0] * 9),
@@ -162,7 +168,10 @@ BAD = {
     "a file that is none": lambda hand: hand.update("/dev/null"),
     "a rate that is none": lambda hand: hand.stream(0),
     "a value that is none": lambda hand: hand.stream(1, ["happiness"]),
-    "a speed that is none": lambda hand: hand.play(korvane.Recording({"model": "brisa"}, np.zeros(1), {}, {}), speed=0),
+    "a speed that is none": lambda hand: hand.play(recording([0], [0]), speed=0),
+    "a speed without an end": lambda hand: hand.play(recording([0], [0]), speed=math.inf),
+    "a recording with a gap": lambda hand: hand.play(recording([0, 1], [100, math.nan])),
+    "a recording that goes back": lambda hand: hand.play(recording([1, 0], [100, 100])),
 }
 
 

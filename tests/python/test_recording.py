@@ -172,12 +172,17 @@ NO_RECORDINGS = {
     HEAD + "positions_1,time_s\n0,1\n": "first column",
     HEAD + "time_s,positions_1\n0,1\n0.1\n": "line 4: it has 1 values",
     HEAD + "time_s,positions_1\n0,x\n": "line 3: could not convert",
+    HEAD + "time_s,positions_1\n0,1\n0.1,nan\n": "line 4: not all of it are numbers",
+    HEAD + "time_s,positions_1\n0,1\ninf,1\n": "line 4: not all of it are numbers",
+    HEAD + "time_s,positions_1\n0,1\n0.2,1\n0.1,1\n": "line 5: its time lies before",
+    HEAD.replace('["positions"]', "7") + "time_s,positions_1\n0,1\n": "no recording",
+    "\udcff": "is no text",
 }
 
 
 @pytest.mark.parametrize("text", NO_RECORDINGS)
 def test_files_that_are_no_recordings(text, tmp_path):
-    (tmp_path / "r.csv").write_text(text)
+    (tmp_path / "r.csv").write_bytes(text.encode(errors="surrogateescape"))
     with pytest.raises(korvane.BadArgument, match=NO_RECORDINGS[text]):
         korvane.load(tmp_path / "r.csv")
 
