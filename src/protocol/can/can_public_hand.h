@@ -35,7 +35,7 @@ class CanPublicHand : public HandOnCan<Model, Row, CanPublicEngine> {
     engine_.update_run.Run(path, std::move(callback));
   }
 
-  /// Asks the hand, up to ten times a second apart, how its last update ended.
+  /// Asks the hand how its last update ended, at most ten times; its row says with which pause.
   void GetUpgradeResult() { engine_.update_run.QueryResult(); }
 
   /// The steps of an update, as the receive thread takes them.
