@@ -74,9 +74,13 @@ bool CanServiceEngine::CheckReady() const {
 
 void CanServiceEngine::LogAndRecord(FailureKind kind, const char* operation,
                                     const std::string& text) const {
-  const std::string line = Compose("[", model.class_name, "] ", operation, ": ", text);
+  const std::string line = LineOf(operation, text);
   LogError(line);
   RecordFailure(diagnostics, kind, line);
+}
+
+std::string CanServiceEngine::LineOf(const char* operation, const std::string& text) const {
+  return Compose("[", model.class_name, "] ", operation, ": ", text);
 }
 
 const std::uint8_t* CanServiceEngine::DataOf(const Reply& reply, std::size_t least) const {
@@ -119,7 +123,7 @@ CanServiceEngine::Reply CanServiceEngine::RequestOrLog(const char* operation,
   try {
     return Request(ServiceFrame(command, payload), 0);
   } catch (const std::exception& error) {
-    const std::string line = Compose("[", model.class_name, "] ", operation, ": ", error.what());
+    const std::string line = LineOf(operation, error.what());
     LogError(line);
     RecordFailure(diagnostics, error, line);
     return std::nullopt;

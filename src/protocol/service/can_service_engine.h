@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "can/can_link.h"
@@ -108,6 +109,9 @@ class CanServiceEngine : public CanLink {
   ServiceUpdate update_run;
 
  private:
+  /// "[class] operation: text"
+  std::string LineOf(const char* operation, const std::string& text) const;
+
   Korvane& hand_;
 };
 

@@ -19,7 +19,7 @@ void KorvaneBrisaCanPrivateImpl::LogNotFullySupported(const char* name) const {
   const auto operation = engine_.Operation(name);
   const std::string line = Compose("[", kModel.class_name, "] ", name, " is not fully supported.");
   LogError(line);
-  engine_.FailSilently(FailureKind::NOT_SUPPORTED, line);
+  RecordFailure(engine_.diagnostics, FailureKind::NOT_SUPPORTED, line);
 }
 
 // --- Motors ---------------------------------------------------------------------------------
