@@ -79,7 +79,7 @@ void KorvaneBrisaSerialImpl::OnProtocolData(std::uint8_t command, const std::uin
 VendorInfo KorvaneBrisaSerialImpl::GetVendorInfo() const {
   const auto operation = link_.Operation(__func__);
   VendorInfo info;
-  const auto device = link_.ReadOrTakeEarlier("GetVendorInfo", Command::kGetFwVersion);
+  const auto device = link_.ReadOrTakeEarlier(__func__, Command::kGetFwVersion);
   if (!device) {
     link_.LogReadFailed("get vendor info failed.");
     return info;
@@ -89,7 +89,7 @@ VendorInfo KorvaneBrisaSerialImpl::GetVendorInfo() const {
   info.software_version = version.firmware;
   info.hardware_version = version.hardware;
   info.active_dof = version.last;
-  const auto number = link_.ReadOrTakeEarlier("GetVendorInfo", Command::kGetProductSerialNumber);
+  const auto number = link_.ReadOrTakeEarlier(__func__, Command::kGetProductSerialNumber);
   if (number) info.serial_number = SerialNumberText(*number);
   return info;
 }
@@ -99,7 +99,7 @@ DeviceInfo KorvaneBrisaSerialImpl::GetDeviceInfo() const {
   auto operation = link_.Operation(__func__);
   DeviceInfo info{};
   if (!link_.device || link_.device->filter_device_id_ == kAnyDeviceId) {
-    link_.RequestTo(kAnyDeviceId, "GetDeviceInfo", Command::kGetFwVersion, {},
+    link_.RequestTo(kAnyDeviceId, __func__, Command::kGetFwVersion, {},
                     SerialFrameCrcType::kCrc16Ccitt);
   }
   if (!link_.device || link_.device->filter_device_id_ == kAnyDeviceId) return info;
@@ -112,7 +112,7 @@ DeviceInfo KorvaneBrisaSerialImpl::GetDeviceInfo() const {
 /// The port goes on accepting frames of the old id only.
 void KorvaneBrisaSerialImpl::SetDeviceId(std::uint8_t new_id) {
   const auto operation = link_.Operation(__func__);
-  if (link_.Write("SetDeviceId", Command::kSetId, ServicePayload().Add8(new_id).Add8(0))) {
+  if (link_.Write(__func__, Command::kSetId, ServicePayload().Add8(new_id).Add8(0))) {
     StoreDeviceId(*this, new_id);
   } else {
     link_.LogFailed("[Error]: Failed to send device ID request");
@@ -161,7 +161,7 @@ int KorvaneBrisaSerialImpl::SetJointMotorPosi(std::uint8_t index, short position
   const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return -1;
   const auto payload = ServicePayload().Add8(index).Add16(static_cast<std::uint16_t>(position));
-  if (link_.Write("SetJointMotorPosi", Command::kSetSingleAxisPos, payload)) return 0;
+  if (link_.Write(__func__, Command::kSetSingleAxisPos, payload)) return 0;
   link_.LogFailed("[Error]: Failed to send single axis position request");
   return -1;
 }
@@ -175,7 +175,7 @@ std::optional<KorvaneBrisaSerialImpl::Bytes> KorvaneBrisaSerialImpl::ReadForAxis
 
 short KorvaneBrisaSerialImpl::GetJointMotorPosi(std::uint8_t index) const {
   const auto operation = link_.Operation(__func__);
-  const auto position = ReadPosition("GetJointMotorPosi", index);
+  const auto position = ReadPosition(__func__, index);
   return position ? static_cast<short>(*position) : short{-1};
 }
 
@@ -190,7 +190,7 @@ std::vector<short> KorvaneBrisaSerialImpl::SetAllJointMotorPosi(
     return {};
   }
   const std::vector<short> ten(positions.begin(), positions.begin() + kServiceAxes);
-  if (!link_.Write("SetAllJointMotorPosi", Command::kSetAllAxisPos, ServicePayload().AddAll(ten))) {
+  if (!link_.Write(__func__, Command::kSetAllAxisPos, ServicePayload().AddAll(ten))) {
     link_.LogFailed("[Error]: Failed to send all axis position request");
     return {};
   }
@@ -199,7 +199,7 @@ std::vector<short> KorvaneBrisaSerialImpl::SetAllJointMotorPosi(
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllJointMotorPosi() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = link_.Read("GetAllJointMotorPosi", Command::kGetAllAxisPos);
+  const auto reply = link_.Read(__func__, Command::kGetAllAxisPos);
   if (reply) return WordsOf<short>(*reply);
   link_.LogReadFailed("get all joint motor posi failed");
   return WordsOf<short>(link_.replies.Last(ReplySlot::kPositions));
@@ -216,8 +216,7 @@ void KorvaneBrisaSerialImpl::SetJointMotorVelo(std::uint8_t index, short velocit
 short KorvaneBrisaSerialImpl::GetJointMotorVelo(std::uint8_t index) const {
   const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return 0;
-  const auto reply =
-      ReadForAxis("GetJointMotorVelo", Command::kGetAllAxisCvp, "joint motor velocity", index);
+  const auto reply = ReadForAxis(__func__, Command::kGetAllAxisCvp, "joint motor velocity", index);
   return reply ? VelocitiesOf(*reply)[index - 1U] : short{0};
 }
 
@@ -231,7 +230,7 @@ void KorvaneBrisaSerialImpl::SetAllJointMotorVelo(const std::vector<short>& velo
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllJointMotorVelo() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = link_.Read("GetAllJointMotorVelo", Command::kGetAllAxisCvp);
+  const auto reply = link_.Read(__func__, Command::kGetAllAxisCvp);
   if (reply) return VelocitiesOf(*reply);
   link_.LogReadFailed("get all joint motor velocity failed");
   return {};
@@ -241,7 +240,7 @@ void KorvaneBrisaSerialImpl::SetControlMode(std::uint8_t index, ControlMode mode
   const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return;
   const auto payload = ServicePayload().Add8(index).Add8(static_cast<std::uint8_t>(mode));
-  if (link_.Write("SetControlMode", Command::kSetRunMode, payload)) return;
+  if (link_.Write(__func__, Command::kSetRunMode, payload)) return;
   link_.LogFailed("[Error]: Failed to send control mode request");
 }
 
@@ -282,7 +281,7 @@ void KorvaneBrisaSerialImpl::SetCurrentThreshold(std::uint8_t index, short thres
   const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return;
   const auto payload = ServicePayload().Add8(index).Add16(static_cast<std::uint16_t>(threshold));
-  if (link_.Write("SetCurrentThreshold", Command::kSetProtectiveCurrent, payload)) return;
+  if (link_.Write(__func__, Command::kSetProtectiveCurrent, payload)) return;
   link_.LogFailed("[Error]: Failed to send current threshold request");
 }
 
@@ -329,13 +328,13 @@ void KorvaneBrisaSerialImpl::WriteTargets(const ServiceTargets& targets) {
 unsigned short KorvaneBrisaSerialImpl::GetErrorReport(std::uint8_t index) const {
   const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return 0;
-  const auto reply = ReadForAxis("GetErrorReport", Command::kGetErrorCode, "error report", index);
+  const auto reply = ReadForAxis(__func__, Command::kGetErrorCode, "error report", index);
   return reply ? ErrorOf(*reply) : 0;
 }
 
 std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllErrorReport() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = link_.Read("GetAllErrorReport", Command::kGetErrorCode);
+  const auto reply = link_.Read(__func__, Command::kGetErrorCode);
   if (reply) return std::vector<unsigned short>(kServiceAxes, ErrorOf(*reply));
   link_.LogReadFailed("get error report failed");
   return {};
@@ -344,14 +343,13 @@ std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllErrorReport() const {
 unsigned short KorvaneBrisaSerialImpl::GetTemperatureReport(std::uint8_t index) const {
   const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return kNoReading;
-  const auto reply =
-      ReadForAxis("GetTemperatureReport", Command::kGetAllAxisTemp, "motor temprature", index);
+  const auto reply = ReadForAxis(__func__, Command::kGetAllAxisTemp, "motor temprature", index);
   return reply ? (*reply)[index - 1U] : kNoReading;
 }
 
 std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllTemperatureReport() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = link_.Read("GetAllTemperatureReport", Command::kGetAllAxisTemp);
+  const auto reply = link_.Read(__func__, Command::kGetAllAxisTemp);
   if (reply) return {reply->begin(), reply->end()};
   link_.LogReadFailed("get all motor temprature failed");
   return {};
@@ -360,14 +358,13 @@ std::vector<unsigned short> KorvaneBrisaSerialImpl::GetAllTemperatureReport() co
 short KorvaneBrisaSerialImpl::GetCurrentReport(std::uint8_t index) const {
   const auto operation = link_.Operation(__func__);
   if (!CheckIndex(index)) return 0;
-  const auto reply =
-      ReadForAxis("GetCurrentReport", Command::kGetAllAxisCurrent, "motor current", index);
+  const auto reply = ReadForAxis(__func__, Command::kGetAllAxisCurrent, "motor current", index);
   return WordsOf<short>(reply ? *reply : link_.replies.Last(ReplySlot::kCurrents))[index - 1U];
 }
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentReport() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = link_.Read("GetAllCurrentReport", Command::kGetAllAxisCurrent);
+  const auto reply = link_.Read(__func__, Command::kGetAllAxisCurrent);
   if (reply) return WordsOf<short>(*reply);
   link_.LogReadFailed("get all motor current failed.");
   return {};
@@ -375,7 +372,7 @@ std::vector<short> KorvaneBrisaSerialImpl::GetAllCurrentReport() const {
 
 std::vector<short> KorvaneBrisaSerialImpl::GetAllForceReport() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = link_.Read("GetAllForceReport", Command::kGetAllAxisForce);
+  const auto reply = link_.Read(__func__, Command::kGetAllAxisForce);
   if (reply) return WordsOf<short>(*reply);
   link_.LogReadFailed("get all axis force failed.");
   return {};

@@ -20,7 +20,7 @@ std::vector<std::uint16_t> Unsigned(const std::vector<short>& values) {
 
 std::uint8_t KorvaneBrisaSerialImpl::GetPowerState() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = ReadService("GetPowerState", Command::kGetPowerState);
+  const auto reply = ReadService(__func__, Command::kGetPowerState);
   return reply ? reply->front() : std::uint8_t{0};
 }
 
@@ -36,7 +36,7 @@ std::uint16_t KorvaneBrisaSerialImpl::SetSingleAxisPos(std::uint8_t axis, std::u
 std::uint16_t KorvaneBrisaSerialImpl::GetSingleAxisPos(std::uint8_t axis) const {
   const auto operation = link_.Operation(__func__);
   if (!link_.CheckReady()) return kNoReading;
-  return ReadPosition("GetSingleAxisPos", axis).value_or(kNoReading);
+  return ReadPosition(__func__, axis).value_or(kNoReading);
 }
 
 std::uint16_t KorvaneBrisaSerialImpl::SetSingleActualAxisPos(std::uint8_t axis, std::uint16_t pos) {
@@ -54,7 +54,7 @@ SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetAllAxisPos(
   const auto operation = link_.Operation(__func__);
   if (!CheckArgument(positions.size() == kServiceAxes)) return {};
   const auto reply =
-      ReadService("SetAllAxisPos", Command::kSetAllAxisPos, ServicePayload().AddAll(positions));
+      ReadService(__func__, Command::kSetAllAxisPos, ServicePayload().AddAll(positions));
   return reply ? LoadAxisResponse(reply->data(), kServiceAxes) : SetAllAxisPosResponse{};
 }
 
@@ -104,13 +104,13 @@ std::vector<std::uint16_t> KorvaneBrisaSerialImpl::SetAllActualAxisPos(
     const std::vector<std::uint16_t>& positions) {
   const auto operation = link_.Operation(__func__);
   if (!CheckArgument(positions.size() == kServiceAxes)) return {};
-  return ReadServiceWords("SetAllActualAxisPos", Command::kSetAllActualAxisPos,
+  return ReadServiceWords(__func__, Command::kSetAllActualAxisPos,
                           ServicePayload().AddAll(positions));
 }
 
 AxisLimitPos KorvaneBrisaSerialImpl::GetAxisLimitPos() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = ReadService("GetAxisLimitPos", Command::kGetAxisLimitPos);
+  const auto reply = ReadService(__func__, Command::kGetAxisLimitPos);
   return reply ? LoadAxisLimits(reply->data(), kServiceAxes) : AxisLimitPos{};
 }
 
@@ -121,7 +121,7 @@ SetAllAxisPosResponse KorvaneBrisaSerialImpl::SetPosSpeedCurData(
   const bool of_all =
       pos.size() == kServiceAxes && speed.size() == kServiceAxes && current.size() == kServiceAxes;
   if (!CheckArgument(of_all)) return {};
-  const auto reply = ReadService("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
+  const auto reply = ReadService(__func__, Command::kSetPosSpeedCurData,
                                  ServicePayload().AddAll(pos).AddAll(speed).AddAll(current));
   return reply ? LoadAxisResponse(reply->data(), kServiceAxes) : SetAllAxisPosResponse{};
 }
@@ -137,20 +137,19 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetFingerTactileForce() const 
 std::uint8_t KorvaneBrisaSerialImpl::SetControlSource(std::uint8_t source) {
   const auto operation = link_.Operation(__func__);
   if (!CheckArgument(source <= 1)) return 0;
-  const bool taken =
-      Execute("SetControlSource", Command::kSetControlSource, ServicePayload().Add8(source));
+  const bool taken = Execute(__func__, Command::kSetControlSource, ServicePayload().Add8(source));
   return taken ? 1 : 0;
 }
 
 std::uint8_t KorvaneBrisaSerialImpl::GetControlSource() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = ReadService("GetControlSource", Command::kGetControlSource);
+  const auto reply = ReadService(__func__, Command::kGetControlSource);
   return reply ? reply->front() : std::uint8_t{0};
 }
 
 ProductSerialNumber KorvaneBrisaSerialImpl::GetProductSerialNumber() const {
   const auto operation = link_.Operation(__func__);
-  const auto reply = ReadService("GetProductSerialNumber", Command::kGetProductSerialNumber);
+  const auto reply = ReadService(__func__, Command::kGetProductSerialNumber);
   return reply ? LoadProductSerialNumber(reply->data()) : ProductSerialNumber{};
 }
 

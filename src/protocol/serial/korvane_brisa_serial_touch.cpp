@@ -15,7 +15,7 @@ std::vector<std::uint8_t> KorvaneBrisaSerialImpl::GetTactileSensorData(Finger fi
   const auto number = static_cast<std::uint8_t>(static_cast<std::uint8_t>(finger) - 1);
   link_.replies.AwaitSensor(number);
   std::optional<Bytes> reply;
-  if (link_.RequestTo(kAnyDeviceId, "GetTactileSensorData", ServiceCommand::kGetFingertipSensor,
+  if (link_.RequestTo(kAnyDeviceId, __func__, ServiceCommand::kGetFingertipSensor,
                       ServicePayload().Add8(number), SerialFrameCrcType::kCrc16Ccitt)) {
     reply = link_.TakeReply(ReplySlot::kSensor);
   }

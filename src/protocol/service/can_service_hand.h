@@ -14,7 +14,7 @@
 
 namespace talvera::korvane {
 
-/// The commands of the service protocol, by the name that programs know them by.
+/// What SendStreamRequest takes, by the name that programs know.
 using StreamCmd = ServiceCommand;
 
 /// What hands on CAN with a service interface have in common: the service operations, and those
@@ -26,14 +26,13 @@ class CanServiceHand : public WithServiceReadings<
       WithServiceReadings<WithServiceSettings<HandOnCan<Model, Row, CanServiceEngine>, Row>>;
   using Byte = std::uint8_t;
   using Word = std::uint16_t;
-  using Command = ServiceCommand;
 
  public:
   using Base::Base;
 
   /// The reply to any command. Throws std::runtime_error.
   CanfdFrame SendStreamRequest(StreamCmd command, const void* payload, std::uint8_t length) const {
-    return engine_.RequestOrThrow("SendStreamRequest", ServiceFrame(command, payload, length));
+    return engine_.RequestOrThrow(__func__, ServiceFrame(command, payload, length));
   }
   CanfdFrame SendStreamRequest(StreamCmd command) const {
     return SendStreamRequest(command, nullptr, 0);
@@ -60,21 +59,20 @@ class CanServiceHand : public WithServiceReadings<
     const auto operation = engine_.Operation(__func__);
     if (!CheckArgument(IsMotor(index))) return -1;
     const auto payload = ServicePayload().Add8(index).Add16(static_cast<Word>(position));
-    const auto echo =
-        engine_.RequestPosition("SetJointMotorPosi", Command::kSetSingleAxisPos, payload);
+    const auto echo = engine_.RequestPosition(__func__, ServiceCommand::kSetSingleAxisPos, payload);
     return echo ? int{*echo} : -1;
   }
   short GetJointMotorPosi(Byte index) const override {
     const auto operation = engine_.Operation(__func__);
     if (!CheckArgument(IsMotor(index))) return -1;
-    const auto position = engine_.RequestPosition("GetJointMotorPosi", Command::kGetSingleAxisPos,
+    const auto position = engine_.RequestPosition(__func__, ServiceCommand::kGetSingleAxisPos,
                                                   ServicePayload().Add8(index));
     return position ? static_cast<short>(*position) : short{-1};
   }
   std::vector<short> SetAllJointMotorPosi(const std::vector<short>& positions) override {
     const auto operation = engine_.Operation(__func__);
     if (!CheckArgument(positions.size() == kModel.motors)) return {};
-    return engine_.template RequestPositions<short>("SetAllJointMotorPosi", Command::kSetAllAxisPos,
+    return engine_.template RequestPositions<short>(__func__, ServiceCommand::kSetAllAxisPos,
                                                     ServicePayload().AddAll(positions),
                                                     kModel.positions_reply);
   }
@@ -86,28 +84,28 @@ class CanServiceHand : public WithServiceReadings<
     return MoveAxis(setting::kSingleAxisPos, axis, pos);
   }
   Word GetSingleAxisPos(Byte axis) const override {
-    return ReadAxis(setting::kSingleAxisPos, "GetSingleAxisPos", Command::kGetSingleAxisPos, axis);
+    return ReadAxis(setting::kSingleAxisPos, __func__, ServiceCommand::kGetSingleAxisPos, axis);
   }
   Word SetSingleActualAxisPos(Byte axis, Word pos) override {
     return MoveAxis(setting::kSingleActualAxisPos, axis, pos);
   }
   Word GetSingleActualAxisPos(Byte axis) const override {
-    return ReadAxis(setting::kSingleActualAxisPos, "GetSingleActualAxisPos",
-                    Command::kGetSingleActualAxisPos, axis);
+    return ReadAxis(setting::kSingleActualAxisPos, __func__,
+                    ServiceCommand::kGetSingleActualAxisPos, axis);
   }
   SetAllAxisPosResponse SetAllAxisPos(const std::vector<Word>& positions) override {
     const auto operation = engine_.Operation(__func__);
     if (!CheckArgument(positions.size() == kModel.motors)) return {};
-    return engine_.RequestAxisResponse("SetAllAxisPos", Command::kSetAllAxisPos,
+    return engine_.RequestAxisResponse(__func__, ServiceCommand::kSetAllAxisPos,
                                        ServicePayload().AddAll(positions),
                                        kModel.takes_positions_alone);
   }
   std::vector<Word> SetAllActualAxisPos(const std::vector<Word>& positions) override {
     const auto operation = engine_.Operation(__func__);
     if (!CheckArgument(positions.size() == kModel.motors)) return {};
-    return engine_.template RequestPositions<Word>(
-        "SetAllActualAxisPos", Command::kSetAllActualAxisPos, ServicePayload().AddAll(positions),
-        1 + sizeof(Word) * kModel.motors);
+    return engine_.template RequestPositions<Word>(__func__, ServiceCommand::kSetAllActualAxisPos,
+                                                   ServicePayload().AddAll(positions),
+                                                   1 + sizeof(Word) * kModel.motors);
   }
   /// Ten of each, also for a hand with fewer motors.
   SetAllAxisPosResponse SetPosSpeedCurData(const std::vector<Word>& pos,
@@ -117,7 +115,7 @@ class CanServiceHand : public WithServiceReadings<
     const bool of_all = pos.size() == kServiceAxes && speed.size() == kServiceAxes &&
                         current.size() == kServiceAxes;
     if (!CheckArgument(of_all)) return {};
-    return engine_.RequestAxisResponse("SetPosSpeedCurData", Command::kSetPosSpeedCurData,
+    return engine_.RequestAxisResponse(__func__, ServiceCommand::kSetPosSpeedCurData,
                                        ServicePayload().AddAll(pos).AddAll(speed).AddAll(current),
                                        /*positions_alone=*/false);
   }
@@ -136,7 +134,7 @@ class CanServiceHand : public WithServiceReadings<
   }
   Word GetErrorCode() const override {
     const auto operation = engine_.Operation(__func__);
-    const auto reply = engine_.RequestOrLog("GetErrorCode", Command::kGetErrorCode);
+    const auto reply = engine_.RequestOrLog(__func__, ServiceCommand::kGetErrorCode);
     const std::uint8_t* const data = engine_.DataOf(reply, 3);
     return data != nullptr ? LoadU16(data) : Word{0};
   }
@@ -148,17 +146,17 @@ class CanServiceHand : public WithServiceReadings<
 
   Byte GetPowerState() const override {
     const auto operation = engine_.Operation(__func__);
-    return engine_.ReadByte("GetPowerState", Command::kGetPowerState);
+    return engine_.ReadByte(__func__, ServiceCommand::kGetPowerState);
   }
   Byte SetControlSource(Byte source) override {
     const auto operation = engine_.Operation(__func__);
     if (!CheckArgument(source <= 1)) return 0;
-    return engine_.ReadByte("SetControlSource", Command::kSetControlSource,
+    return engine_.ReadByte(__func__, ServiceCommand::kSetControlSource,
                             ServicePayload().Add8(source));
   }
   Byte GetControlSource() const override {
     const auto operation = engine_.Operation(__func__);
-    return engine_.ReadByte("GetControlSource", Command::kGetControlSource);
+    return engine_.ReadByte(__func__, ServiceCommand::kGetControlSource);
   }
 
  protected:
@@ -170,7 +168,8 @@ class CanServiceHand : public WithServiceReadings<
   /// Public operations refuse bad arguments silently here.
   bool CheckJointCount(std::size_t count) const { return CheckArgument(count == kModel.motors); }
 
-  bool Execute(const char* operation, Command command, const ServicePayload& payload) override {
+  bool Execute(const char* operation, ServiceCommand command,
+               const ServicePayload& payload) override {
     return engine_.IsAcknowledged(operation, command, payload);
   }
 
@@ -189,7 +188,7 @@ class CanServiceHand : public WithServiceReadings<
         .RequestPosition(setting.operation, setting.command, ServicePayload().Add8(axis).Add16(pos))
         .value_or(0);
   }
-  Word ReadAxis(const ServiceSetting& setting, const char* operation, Command command,
+  Word ReadAxis(const ServiceSetting& setting, const char* operation, ServiceCommand command,
                 Byte axis) const {
     const auto scope = engine_.Operation(operation);
     if (!CheckArgument(setting.HasAxis(axis))) return 0;

@@ -87,7 +87,7 @@ void KorvaneBrisaCanPrivateImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& t
 std::vector<std::uint8_t> KorvaneBrisaCanPrivateImpl::GetFingertipSensor(
     std::uint8_t sensor) const {
   const auto operation = engine_.Operation(__func__);
-  const auto reply = engine_.RequestOrLog("GetFingertipSensor", StreamCmd::kGetFingertipSensor,
+  const auto reply = engine_.RequestOrLog(__func__, ServiceCommand::kGetFingertipSensor,
                                           ServicePayload().Add8(sensor));
   const bool of_finger = sensor < static_cast<std::uint8_t>(Finger::PALM);
   // The sensor's number stands in front of its reading.

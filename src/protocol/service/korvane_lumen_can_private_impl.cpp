@@ -52,7 +52,7 @@ void KorvaneLumenCanPrivateImpl::SetAllJointMotorVelo(const std::vector<short>& 
   if (!CheckJointCount(velocities.size())) return;
   std::vector<short> speeds = velocities;
   speeds.resize(kServiceAxes);
-  Execute("SetAllJointMotorVelo", StreamCmd::kSetAllRunSpeed, ServicePayload().AddAll(speeds));
+  Execute(__func__, ServiceCommand::kSetAllRunSpeed, ServicePayload().AddAll(speeds));
 }
 
 short KorvaneLumenCanPrivateImpl::GetJointMotorVelo(std::uint8_t index) const {
