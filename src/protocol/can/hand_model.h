@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "hand/refusals.h"
 #include "korvane.h"
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/update_rules.h"
@@ -98,9 +99,9 @@ inline constexpr Wording kChineseWording = [] {
   Wording wording;
   wording.bad_index = "[Error]: 无效关节电机ID参数";
   wording.bad_index_range = " 正确范围：1～";
-  wording.wrong_size = "[Error]: 无效参数，需与主动自由度数量 ";
-  wording.wrong_size_end = " 相匹配.";
-  wording.too_many_mixed = "[Error]: 无效参数，位置速度力控模式最多一次性下发8个关节目标信息.";
+  wording.wrong_size = refusal::kWrongSize;
+  wording.wrong_size_end = refusal::kWrongSizeEnd;
+  wording.too_many_mixed = refusal::kTooManyFullTargets;
   wording.set_id_failed = "[Error]: Failed to send device ID request";
   return wording;
 }();

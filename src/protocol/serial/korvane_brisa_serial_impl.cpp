@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "hand/hand_members.h"
+#include "hand/refusals.h"
 #include "protocol/service/service_records.h"
 #include "serial/usb_device.h"
 #include "util/log.h"
@@ -308,8 +309,7 @@ void KorvaneBrisaSerialImpl::MixCtrlJointMotor(const std::vector<MixCtrl>& targe
     if (most == kServiceAxes) {
       CheckJointCount(targets.size());
     } else {
-      link_.LogRefused(FailureKind::BAD_ARGUMENT,
-                       "[Error]: 无效参数，位置速度力控模式最多一次性下发8个关节目标信息.");
+      link_.LogRefused(FailureKind::BAD_ARGUMENT, refusal::kTooManyFullTargets);
     }
     return;
   }

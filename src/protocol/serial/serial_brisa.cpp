@@ -1,5 +1,6 @@
 #include "protocol/serial/serial_brisa.h"
 
+#include "hand/refusals.h"
 #include "protocol/service/service_records.h"
 #include "serial/usb_device.h"
 #include "util/bytes.h"
@@ -33,7 +34,8 @@ bool SerialBrisa::CheckIndex(std::uint8_t index, const char* what) const {
 
 bool SerialBrisa::CheckJointCount(std::size_t count) const {
   if (count == kServiceAxes) return true;
-  link_.LogRefused(FailureKind::BAD_ARGUMENT, "[Error]: 无效参数，需与主动自由度数量 10 相匹配.");
+  link_.LogRefused(FailureKind::BAD_ARGUMENT,
+                   Compose(refusal::kWrongSize, kServiceAxes, refusal::kWrongSizeEnd));
   return false;
 }
 
