@@ -254,8 +254,9 @@ ControlMode KorvaneBrisaSerialImpl::GetControlMode(std::uint8_t index) const {
 void KorvaneBrisaSerialImpl::SetAllControlMode(const std::vector<std::uint8_t>& modes) {
   const auto operation = link_.Operation(__func__);
   if (!CheckJointCount(modes.size())) return;
-  for (std::uint8_t axis = 1; axis <= kServiceAxes; ++axis) {
-    SetControlMode(axis, static_cast<ControlMode>(modes[axis - 1U]));
+  std::uint8_t axis = 0;
+  for (const std::uint8_t mode : modes) {
+    SetControlMode(++axis, static_cast<ControlMode>(mode));
     std::this_thread::sleep_for(kBetweenAxes);
   }
 }
