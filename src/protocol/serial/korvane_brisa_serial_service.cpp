@@ -2,6 +2,7 @@
 
 #include "hand/tactile_layout.h"
 #include "protocol/service/service_records.h"
+#include "protocol/service/setting_rows.h"
 #include "util/log.h"
 
 // The service operations of the KorvaneBrisa on a serial link, without those that are the same on

@@ -4,7 +4,7 @@
 #include <iterator>
 
 #include "hand/tactile_layout.h"
-#include "protocol/service/service_reading.h"
+#include "protocol/service/reading_rows.h"
 
 namespace talvera::korvane {
 namespace {

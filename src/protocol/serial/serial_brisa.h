@@ -6,8 +6,8 @@
 #include "link/observable_link.h"
 #include "private_korvane_brisa.h"
 #include "protocol/serial/serial_link.h"
-#include "protocol/service/service_readings.h"
-#include "protocol/service/service_settings.h"
+#include "protocol/service/with_service_readings.h"
+#include "protocol/service/with_service_settings.h"
 
 namespace talvera::korvane {
 

@@ -9,7 +9,7 @@
 
 #include "can/can_link.h"
 #include "private_korvane.h"
-#include "protocol/service/service_reading.h"
+#include "protocol/service/reading_rows.h"
 #include "protocol/service/service_update.h"
 #include "util/models.h"
 

@@ -8,8 +8,9 @@
 #include "hand/hand_members.h"
 #include "protocol/service/can_service_engine.h"
 #include "protocol/service/service_frame.h"
-#include "protocol/service/service_readings.h"
-#include "protocol/service/service_settings.h"
+#include "protocol/service/setting_rows.h"
+#include "protocol/service/with_service_readings.h"
+#include "protocol/service/with_service_settings.h"
 #include "util/bytes.h"
 
 namespace talvera::korvane {

@@ -5,6 +5,7 @@
 
 #include "hand/tactile_layout.h"
 #include "protocol/service/service_records.h"
+#include "protocol/service/setting_rows.h"
 #include "util/log.h"
 
 namespace talvera::korvane {

@@ -2,7 +2,7 @@
 
 #include "link/diagnostics.h"
 #include "private_korvane.h"
-#include "protocol/service/service_command.h"
+#include "protocol/service/setting_rows.h"
 
 namespace talvera::korvane {
 

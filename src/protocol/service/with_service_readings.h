@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "protocol/service/service_reading.h"
+#include "protocol/service/reading_rows.h"
 
 namespace talvera::korvane {
 
