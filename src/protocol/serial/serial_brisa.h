@@ -14,6 +14,12 @@ namespace talvera::korvane {
 /// A KorvaneBrisa whose failures are recorded.
 struct ObservableBrisa : PrivateKorvaneBrisa, ObservableHand {};
 
+/// What its service settings are on a serial link.
+struct SerialBrisaSettings {
+  static constexpr std::uint8_t kHomingAxes = kServiceAxes;
+  static constexpr bool kOverloadInTwoBytes = true;
+};
+
 /// What the operations of a KorvaneBrisa on a serial link are built from: how it sends settings,
 /// reads, and what it logs when it refuses.
 class SerialBrisa

@@ -6,16 +6,10 @@
 
 namespace talvera::korvane {
 
-/// In what the settings of one hand on one link differ from those of another.
-struct SerialBrisaSettings {
-  /// The axes that have a homing offset.
-  static constexpr std::uint8_t kHomingAxes = kServiceAxes;
-  /// An overload torque or time goes out in two bytes, otherwise in its low one.
-  static constexpr bool kOverloadInTwoBytes = true;
-};
-
 /// The settings of the service interface, over one way to send a command. `Base` is a service
-/// class, `Settings` a type like the one above.
+/// class. `Settings` tells in what those of one hand on one link differ: `kHomingAxes`, how many
+/// axes have a homing offset, and `kOverloadInTwoBytes`, whether an overload torque or time goes
+/// out in two bytes or in its low one only.
 template <class Base, class Settings>
 class WithServiceSettings : public Base {
   using Byte = std::uint8_t;
