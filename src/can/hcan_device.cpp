@@ -22,6 +22,9 @@ constexpr std::size_t kFrameDlc = 9;
 constexpr std::size_t kFrameKind = 10;
 constexpr std::size_t kFrameData = 16;
 constexpr std::uint32_t kExtendedFrame = 0x80000000U;
+// What a frame to be sent has there; what it means isn't known.
+constexpr std::uint8_t kSentFlags = 12;
+constexpr std::uint8_t kSentKind = 1;
 
 /// What CAN_ReadDevInfo fills. The one place to correct when a device disagrees.
 struct DeviceInfoRecord {
@@ -52,7 +55,7 @@ std::array<std::uint8_t, 20> InitialisationRecord(std::uint8_t product_type) {
   record[14] = fine ? 12 : 5;
   record[15] = fine ? 3 : 2;
   record[16] = fine ? 2 : 1;
-  record[17] = 1;
+  record[17] = 1;  // these two have to be set; what they mean isn't known
   record[19] = 1;
   return record;
 }
@@ -289,9 +292,9 @@ int HcanDevice::SendFrame(std::uint32_t id, std::uint8_t* data, std::uint8_t len
   std::array<std::uint8_t, kFrameRecordSize> record{};
   const std::uint8_t code = DataLengthCode(len);
   StoreU32(record.data(), id > kMaxStandardId ? id | kExtendedFrame : id);
-  record[kFrameFlags] = 12;
+  record[kFrameFlags] = kSentFlags;
   record[kFrameDlc] = code;
-  record[kFrameKind] = 1;
+  record[kFrameKind] = kSentKind;
   std::copy_n(data, kDlcToDataLen[code], &record[kFrameData]);
   if (!HoldsChannel() || !TransmitRecord(record.data())) {
     LogError(Compose("[HCAN ERROR] Failed to send frame, ID=0x", Hex(id)));
