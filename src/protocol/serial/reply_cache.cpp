@@ -1,6 +1,7 @@
 #include "protocol/serial/reply_cache.h"
 
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 
 #include "hand/tactile_layout.h"
@@ -66,7 +67,7 @@ constexpr ReplyRow kReplies[] = {
     ReplyRow{Command::kSetPosSpeedCurData, ReplySlot::kPositions}.Exactly(kAxisResponse).Part(0, kWords),
     ReplyRow{Command::kGetControlSource, ReplySlot::kControlSource}.AtLeast(1),
     ReplyRow{Command::kGetProductSerialNumber, ReplySlot::kSerialNumber}.AtLeast(reading::kProductSerialNumber.count),
-    ReplyRow{Command::kGetFwVersion, ReplySlot::kDeviceInfo}.AtLeast(10),
+    ReplyRow{Command::kGetFwVersion, ReplySlot::kVendorVersion}.AtLeast(10),
     ReplyRow{Command::kGetFwVersion, ReplySlot::kVersion}.AtLeast(10),
 };
 // clang-format on
@@ -75,9 +76,11 @@ constexpr ReplyRow kReplies[] = {
 
 ReplySlot SlotOf(ServiceCommand command) {
   if (command == Command::kGetFingertipSensor) return ReplySlot::kSensor;
-  return std::find_if(std::begin(kReplies), std::end(kReplies),
-                      [&](const ReplyRow& row) { return row.command == command; })
-      ->slot;
+  const auto* const row =
+      std::find_if(std::begin(kReplies), std::end(kReplies),
+                   [&](const ReplyRow& reply) { return reply.command == command; });
+  assert(row != std::end(kReplies));
+  return row->slot;
 }
 
 ReplyCache::ReplyCache() {

@@ -35,12 +35,13 @@ enum class ReplySlot : std::uint8_t {
   kTargetResponse,
   kControlSource,
   kSerialNumber,
-  kDeviceInfo,
-  kVersion,
+  kVendorVersion,  ///< What GetVendorInfo reads, and
+  kVersion,        ///< GetFwVersion, of the same reply: neither takes it from the other.
   kCount,
 };
 
-/// Where the cache keeps the reply to a command; the first place if there are two.
+/// Where the cache keeps the reply to a command; the first place if there are two. The command is
+/// one whose reply it keeps.
 ReplySlot SlotOf(ServiceCommand command);
 
 /// The last reply of each kind, and whether it has been read. Written by the receive thread, read
