@@ -15,7 +15,7 @@ struct BrisaServiceRow {
     model.class_name = "KorvaneBrisaCanPrivateImpl";
     model.model = Model::BRISA;
     model.motors = Known(model.model).motors;
-    model.most_limits = 12;
+    model.most_limits = kMostServiceAxes;
     model.positions_reply = 20;
     model.has_update = true;
     return model;

@@ -72,6 +72,10 @@ enum class ServiceCommand : std::uint8_t {
 /// The axes that commands and replies have room for, also of hands that have fewer.
 inline constexpr std::size_t kServiceAxes = 10;
 
+/// The protocol knows twelve axes, more than any hand has that speaks it: most settings of one axis
+/// take them all, and a reply may tell the limits of them all.
+inline constexpr std::uint8_t kMostServiceAxes = 12;
+
 /// The data of a command, at most as many as fit into a frame behind its command byte. What passes
 /// that is left out; no command comes near it.
 class ServicePayload {

@@ -58,15 +58,15 @@ inline constexpr auto kId =
 inline constexpr auto kPlayAction =
     ServiceSetting{"PlayAction", Command::kPlayAction};
 inline constexpr auto kSingleAxisPos =
-    ServiceSetting{"SetSingleAxisPos", Command::kSetSingleAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 12);
+    ServiceSetting{"SetSingleAxisPos", Command::kSetSingleAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, kMostServiceAxes);
 inline constexpr auto kSingleActualAxisPos =
     ServiceSetting{"SetSingleActualAxisPos", Command::kSetSingleActualAxisPos}.Range(0, kMaxPos).TwoBytes().Axes(1, kServiceAxes);
 inline constexpr auto kRunMode =
     ServiceSetting{"SetRunMode", Command::kSetRunMode};
 inline constexpr auto kAxisMinPos =
-    ServiceSetting{"SetAxisMinPos", Command::kSetAxisMinPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 12);
+    ServiceSetting{"SetAxisMinPos", Command::kSetAxisMinPos}.Range(0, kMaxPos).TwoBytes().Axes(1, kMostServiceAxes);
 inline constexpr auto kAxisMaxPos =
-    ServiceSetting{"SetAxisMaxPos", Command::kSetAxisMaxPos}.Range(0, kMaxPos).TwoBytes().Axes(1, 12);
+    ServiceSetting{"SetAxisMaxPos", Command::kSetAxisMaxPos}.Range(0, kMaxPos).TwoBytes().Axes(1, kMostServiceAxes);
 /// How many bytes an overload torque or time has is the hand's.
 inline constexpr auto kOverloadTorque =
     ServiceSetting{"SetOverloadTorque", Command::kSetOverloadTorque}.Range(0, 1000);
@@ -75,9 +75,9 @@ inline constexpr auto kOverloadProtectionTime =
 inline constexpr auto kProtectedTorque =
     ServiceSetting{"SetProtectedTorque", Command::kSetProtectedTorque}.Range(0, 100);
 inline constexpr auto kMinTorque =
-    ServiceSetting{"SetMinTorque", Command::kSetMinTorque}.Axes(1, 12);
+    ServiceSetting{"SetMinTorque", Command::kSetMinTorque}.Axes(1, kMostServiceAxes);
 inline constexpr auto kProtectiveCurrent =
-    ServiceSetting{"SetProtectiveCurrent", Command::kSetProtectiveCurrent}.Range(0, kMaxProtectiveCurrent).TwoBytes().Axes(1, 12);
+    ServiceSetting{"SetProtectiveCurrent", Command::kSetProtectiveCurrent}.Range(0, kMaxProtectiveCurrent).TwoBytes().Axes(1, kMostServiceAxes);
 inline constexpr auto kCvpUploadInterval =
     ServiceSetting{"SetAllAxisCvpUploadInterval", Command::kSetAllAxisCvpUploadInterval}.TwoBytes();
 inline constexpr auto kRightOrLeft =
