@@ -289,11 +289,15 @@ def test_a_hand_is_served_when_nobody_reads_the_output_any_more(setup):
     reader, writer = os.pipe()
     os.close(reader)
     command = setup.command("-H", f"serial:{setup.port}:brisa")
-    with subprocess.Popen(command, env=setup.env, stdout=writer, stderr=writer) as bridge:
-        os.close(writer)
+    bridge = subprocess.Popen(command, env=setup.env, stdout=writer, stderr=writer)
+    os.close(writer)
+    try:
         peer = setup.peer("/diagnostics=diagnostics")
         peer.status(lambda s: s["link"] == "open")
         setup.kill(sim)  # which the library tells on the standard error stream
         peer.status(lambda s: s["link"] == "gone")
         bridge.terminate()
         assert bridge.wait(LIMIT) == 1
+    finally:
+        bridge.kill()
+        bridge.wait()
