@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -206,11 +207,14 @@ struct Writes {
   std::string result;
   /// What follows the first command.
   Frames more = {};
+  std::chrono::milliseconds at_least{0};
 };
 
 TEST_F(SerialCommands, WriteWhatIsNotAnsweredAndBuildOperationsFromSeveralCommands) {
   const auto ten = Ramp<short>(10);
   const auto eleven = Ramp<short>(11);
+  // A millisecond for each of ten writes, and another before the next.
+  constexpr std::chrono::milliseconds kPauses{20};
   Frames modes, thresholds;
   for (std::uint8_t axis = 2; axis <= 10; ++axis) {
     modes.push_back(FrameOf({0x15, axis, axis}));
@@ -226,9 +230,9 @@ TEST_F(SerialCommands, WriteWhatIsNotAnsweredAndBuildOperationsFromSeveralComman
       {{CALL(SetAllJointMotorPosi(eleven)), Bytes{0x08} + RampBytes(10)}, Words(10),
        {FrameOf({0x09})}},
       {{CALL(SetControlMode(10, static_cast<ControlMode>(9))), {0x15, 10, 9}}, ""},
-      {{CALL(SetAllControlMode({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})), {0x15, 1, 1}}, "", modes},
+      {{CALL(SetAllControlMode({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})), {0x15, 1, 1}}, "", modes, kPauses},
       {{CALL(SetCurrentThreshold(1, -1)), {0x25, 1, 0xFF, 0xFF}}, ""},
-      {{CALL(SetAllCurrentThreshold(ten)), {0x25, 1, 1, 17}}, "", thresholds},
+      {{CALL(SetAllCurrentThreshold(ten)), {0x25, 1, 1, 17}}, "", thresholds, kPauses},
       {{CALL(SetJointMotorVelo(2, -2)), MixedPayload({{22, 0xFE}, {23, 0xFF}})}, ""},
       {{CALL(SetAllJointMotorVelo(ten)), Bytes{0x32} + Bytes(20) + RampBytes(10) + Bytes(10)}, ""},
   };
@@ -239,7 +243,9 @@ TEST_F(SerialCommands, WriteWhatIsNotAnsweredAndBuildOperationsFromSeveralComman
   }
   for (const Writes& row : rows) {
     Reopen();
+    const auto began = std::chrono::steady_clock::now();
     EXPECT_EQ(Run(row.call.call), row.result) << row.call.name;
+    EXPECT_GE(std::chrono::steady_clock::now() - began, row.at_least) << row.call.name;
     Frames expected{FrameOf(row.call.request)};
     expected.insert(expected.end(), row.more.begin(), row.more.end());
     EXPECT_EQ(requests_, expected) << row.call.name;

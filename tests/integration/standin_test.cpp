@@ -119,7 +119,7 @@ class StandinTest : public testing::Test {
     return std::make_unique<SimulatorProcess>(arguments);
   }
 
-  void Serve(const std::vector<std::string>& arguments = {"--hand", "brisa:1"}) {
+  void Serve(const std::vector<std::string>& arguments = {"--hand", "brisa:0x01"}) {
     simulator_ = Start(arguments);
     ASSERT_EQ(simulator_->ReadLine(), "korvane-sim: ready at " + socket_);
   }
@@ -334,6 +334,19 @@ TEST_F(StandinTest, TheSimulatorEndsCleanlyAndDoesNotTakeALivingOnesPlace) {
   zlg_.close(kType, 0);
 }
 
+TEST_F(StandinTest, TheSimulatorServesAdaptersUnlessItHasASerialHandOnly) {
+  const std::string serial = "brisa@" + dir_ + "/hand";
+  const std::pair<std::vector<std::string>, bool> cases[] = {
+      {{}, true}, {{"--serial", serial, "--hand", "lumen:4"}, true}, {{"--serial", serial}, false}};
+  for (const auto& [arguments, has_adapters] : cases) {
+    SimulatorProcess simulator(arguments);
+    std::string told = simulator.ReadLine();
+    EXPECT_EQ(simulator.End(SIGTERM), 0) << told;
+    for (auto line = simulator.ReadLine(); !line.empty(); line = simulator.ReadLine()) told += line;
+    EXPECT_EQ(told.find("ready at " + socket_) != std::string::npos, has_adapters) << told;
+  }
+}
+
 TEST_F(StandinTest, AWrongOptionIsToldWithWhatWouldBeRight) {
   const std::vector<std::pair<std::vector<std::string>, const char*>> cases{
       {{"--los", "0.1"}, "did you mean --loss?"},
@@ -363,6 +376,7 @@ TEST_F(StandinTest, AWrongOptionIsToldWithWhatWouldBeRight) {
       {{"--update-reset", "all"}, "write packet or packet@2"},
       {{"--hand", "foo:1"}, "there are brisa"},
       {{"--hand", "brisa:128"}, "1 to 127"},
+      {{"--hand", "brisa:+1"}, "1 to 127"},
       {{"--hand", "brisa:1@0.2"}, "there are 0.0 to 0.1"},
       {{"--hand", "brisa:1", "--hand", "brisa:1@0.0"}, "two hands with id 1"},
   };

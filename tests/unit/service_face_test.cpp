@@ -113,7 +113,8 @@ TEST(ServiceOnCanTest, BothProtocolsSeeTheSameHandWhichRestartsIntoWhatWasSaved)
     HandOnCan on(kLumen);
     on.Play(R"(
         03 026400 > 03 01; 15 0105 > 15 01; 01030181: 2C01 > 2C01; 05 > 05 01;
-        03 020000 > 03 01; 15 0104 > 15 01; 01030181: 2D01 > 2D01; 01 00 > 01 01;)" +
+        03 020000 > 03 01; 15 0104 > 15 01; 01030181: 2D01 > 2D01; 01 00 > 01 01;
+        28 3200 > 28 01;)" +
             restart + R"(;
         02 >; pass 2000; 02 > 02 01; 07 02 > 07 029C0F; 01100101: > 05; 01030101: > 2C01;
         04 AA01 > 04 01; restart; pass 2000; 01030101: > 2C01; 04 AA01 > 04 01; 02030101: >; 010201AA: 05 > 05; restart)");

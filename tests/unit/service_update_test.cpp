@@ -188,7 +188,7 @@ TEST_F(ServiceUpdateRun, EndsAtAnUpgradeRequestThatIsNotAccepted) {
 }
 
 TEST_F(ServiceUpdateRun, EndsWhenFinishOrRestartIsNotAcknowledged) {
-  for (const Frames& answer : {Frames{}, Frames{Reply(3, 4)}, Frames{Reply(2)}}) {
+  for (const Frames& answer : {Frames{}, Frames{Reply(3, 4)}, Frames{Reply(2, 4)}}) {
     answers_ = {{'F', {answer}}};
     EXPECT_EQ(Update(), Clean(7) + Failed(-4)) << "finishing is told before it is asked for";
     EXPECT_EQ(wire_, "U012F");

@@ -152,8 +152,10 @@ TEST_F(SimulatedHandTest, AnObstacleStallsAMotorWhichWarmsAndHardPressingIsAnErr
   EXPECT_GT(Value("02210127"), 25);
   hand_.JointMotor(2).SetTarget(4096);
   Play("pass 120000; 01200127 > 0700; 02130127 > 0010; 02200127 > 0000");
-  hand_.JointMotor(1).SetFault(kMotorException | kCommunicationException);
-  Play("01200127 > 1F00; pass 600000; 02210127 > 1900");
+  for (const std::size_t index : {1U, 2U}) {
+    hand_.JointMotor(index).SetFault(kMotorException | kCommunicationException);
+  }
+  Play("01200127 > 1F00; 02200127 > 1800; pass 600000; 02210127 > 1900");
 }
 
 TEST_F(SimulatedHandTest, ALoadTakesCurrentOrHoldsAMotorAndAHotOneTellsSo) {
