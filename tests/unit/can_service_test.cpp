@@ -6,6 +6,7 @@
 #include <map>
 #include <stdexcept>
 
+#include "korvane_diagnostics.h"
 #include "protocol/service/korvane_brisa_can_private_impl.h"
 #include "protocol/service/korvane_lumen_can_private_impl.h"
 #include "support/service_calls.h"
@@ -409,6 +410,7 @@ TEST_F(LumenOverCan, SaysWhatTheProtocolHasNoCommandFor) {
     failures += current == -1 && total == 0 && status == OtaProgressStatus::FAILED ? 1 : 0;
   });
   EXPECT_EQ(failures, 1) << "there is no update over this protocol";
+  EXPECT_EQ(LastFailure(hand_).kind, FailureKind::NOT_SUPPORTED);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "support/exchange_script.h"
 #include "support/temporary_file.h"
 #include "util/crc16.h"
@@ -76,6 +78,18 @@ TEST_F(FirmwarePartitionTest, RefusesLengthsThatDoNotFit) {
       "upgrade FFFFFFFF0000 > 03; upgrade 000000080000 > 03; upgrade 000040000008 > 00;"
       "upgrade 0100000001 >");
   EXPECT_EQ(Ask(Child::kPacket, {0, 0, 0}), Bytes{});
+}
+
+/// Over the service protocol a frame has a byte less for them, and the last piece isn't full.
+TEST_F(FirmwarePartitionTest, TakesAPacketInPiecesOfAnySize) {
+  Play("upgrade 000800000100 > 00; announce 0 >");
+  Bytes statuses;
+  for (auto at = image_.begin(); at < image_.begin() + 2048; at += 63) {
+    EXPECT_EQ(statuses, Bytes{});
+    const Bytes piece(at, std::min(at + 63, image_.begin() + 2048));
+    statuses = StatusesOf(firmware_.HandleData(MakeFrame(0, piece), 63), Child::kPacket);
+  }
+  EXPECT_EQ(statuses, Bytes{0});
 }
 
 TEST_F(FirmwarePartitionTest, TakesAPacketAgainAfterADamagedOrALostFrameOrAWrongChecksum) {

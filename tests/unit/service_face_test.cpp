@@ -113,8 +113,7 @@ TEST(ServiceOnCanTest, BothProtocolsSeeTheSameHandWhichRestartsIntoWhatWasSaved)
     HandOnCan on(kLumen);
     on.Play(R"(
         03 026400 > 03 01; 15 0105 > 15 01; 01030181: 2C01 > 2C01; 05 > 05 01;
-        03 020000 > 03 01; 15 0104 > 15 01; 01030181: 2D01 > 2D01; 01 00 > 01 01;
-        28 3200 > 28 01;)" +
+        03 020000 > 03 01; 15 0104 > 15 01; 01030181: 2D01 > 2D01; 01 00 > 01 01;)" +
             restart + R"(;
         02 >; pass 2000; 02 > 02 01; 07 02 > 07 029C0F; 01100101: > 05; 01030101: > 2C01;
         04 AA01 > 04 01; restart; pass 2000; 01030101: > 2C01; 04 AA01 > 04 01; 02030101: >; 010201AA: 05 > 05; restart)");
@@ -201,6 +200,9 @@ TEST_F(SerialHandTest, AnswersFramesForItThatHaveTheRightTrailerAndUploadsOnItsP
   Exchange("EEAA 0100 03 28 3200 854A", "EEAA 0100 02 28 01 1E16");
   clock_.SleepFor(milliseconds(50));
   Exchange("", kUpload);
+  device_.WithHand([this](auto& hand) { hand.Restart(clock_.Now()); });
+  clock_.SleepFor(std::chrono::seconds(2));
+  Exchange(kAsk, kPower);  // An upload would come before: the period wasn't saved.
 }
 
 TEST_F(SerialHandTest, SpoilsRepliesAsItIsTold) {
