@@ -7,17 +7,20 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "kernel/kernel_bus.h"
 #include "support/simulator_process.h"
 
 namespace talvera::korvane {
 namespace {
+
+using test::TestInterface;
 
 struct Answer {
   int status = -1;
@@ -39,28 +42,33 @@ Answer Ask(const std::string& arguments) {
 }
 
 std::vector<std::string> TwoHands() {
-  return {"--can", std::getenv("KORVANE_TEST_CAN"), "--hand", "brisa:1", "--hand", "tessel:2"};
+  return {"--can", TestInterface(), "--hand", "brisa:1", "--hand", "tessel:2"};
 }
 
 struct InterfaceRow {
   const char* name;
-  std::vector<const char*> preparation;
-  const char* address;
+  std::string address;
   int status;
   std::map<std::string, std::string> states;  ///< What must be among them.
+  int own_mtu = 0;  ///< That of an interface of the row's own, which is changed before the test.
+  const char* change = "";
 };
 
-class DoctorOnTheKernel : public testing::TestWithParam<InterfaceRow> {};
+using ToolOnTheKernel = test::OnTheKernelsBus;
+
+class DoctorOnTheKernel : public ToolOnTheKernel,
+                          public testing::WithParamInterface<InterfaceRow> {};
 
 TEST_P(DoctorOnTheKernel, Says) {
   const InterfaceRow& row = GetParam();
-  for (const char* const command : row.preparation) {
-    // NOLINTNEXTLINE(bugprone-command-processor)
-    ASSERT_EQ(std::system(command), 0) << command;
+  std::optional<test::Interface> own;
+  if (row.own_mtu > 0) {
+    own.emplace(row.address, row.own_mtu);
+    test::Shell("ip link set " + row.address + row.change);
   }
   const test::SimulatorProcess simulator(TwoHands());
   ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
-  const Answer answer = Ask(std::string("doctor -H ") + row.address);
+  const Answer answer = Ask("doctor -H " + row.address);
   EXPECT_EQ(answer.status, row.status);
   std::map<std::string, std::string> states;
   if (answer.document.is_object()) {
@@ -76,8 +84,7 @@ TEST_P(DoctorOnTheKernel, Says) {
 
 const InterfaceRow kRows[] = {
     {"Good",
-     {},
-     "vcan0:tessel:2",
+     TestInterface() + ":tessel:2",
      0,
      {{"kernel", "ok"},
       {"interface", "ok"},
@@ -91,39 +98,35 @@ const InterfaceRow kRows[] = {
       {"others", "ok"},
       {"supply", "ok"},
       {"errors", "ok"}}},
-    {"Silent", {}, "vcan0:9", 4, {{"link", "ok"}, {"answer", "bad"}}},
-    {"AnotherModel", {}, "vcan0:lumen:2", 5, {{"answer", "bad"}}},
-    {"Several", {}, "vcan0", 6, {{"answer", "bad"}}},
-    {"None", {}, "can7", 3, {{"kernel", "ok"}, {"interface", "bad"}, {"up", "nothing"}}},
-    {"NoCan", {}, "lo", 3, {{"interface", "bad"}}},
-    {"Down",
-     {"ip link add dev down0 type vcan", "ip link set down0 mtu 72"},
-     "down0",
-     3,
-     {{"up", "bad"}, {"mtu", "ok"}, {"answer", "nothing"}}},
+    {"Silent", TestInterface() + ":9", 4, {{"link", "ok"}, {"answer", "bad"}}},
+    {"AnotherModel", TestInterface() + ":lumen:2", 5, {{"answer", "bad"}}},
+    {"Several", TestInterface(), 6, {{"answer", "bad"}}},
+    {"None", "can7", 3, {{"kernel", "ok"}, {"interface", "bad"}, {"up", "nothing"}}},
+    {"NoCan", "lo", 3, {{"interface", "bad"}}},
+    {"Down", "down0", 3, {{"up", "bad"}, {"mtu", "ok"}, {"answer", "nothing"}}, 72, " down"},
     {"Classic",
-     {"ip link add dev old0 type vcan", "ip link set old0 mtu 16", "ip link set old0 txqueuelen 10",
-      "ip link set old0 up"},
      "old0",
      3,
-     {{"up", "ok"}, {"mtu", "bad"}, {"queue", "warning"}, {"answer", "nothing"}}},
+     {{"up", "ok"}, {"mtu", "bad"}, {"queue", "warning"}, {"answer", "nothing"}},
+     16,
+     " txqueuelen 10"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Interfaces, DoctorOnTheKernel, testing::ValuesIn(kRows),
                          [](const auto& row) { return row.param.name; });
 
-TEST(FindOnTheKernel, ListsTheHandsOfAnInterface) {
+TEST_F(ToolOnTheKernel, FindsTheHandsOfAnInterface) {
   const test::SimulatorProcess simulator(TwoHands());
   ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
-  const Answer answer = Ask("find vcan0");
+  const Answer answer = Ask("find " + TestInterface());
   EXPECT_EQ(answer.status, 0);
   ASSERT_EQ(answer.document["hands"].size(), 2U);
-  EXPECT_EQ(answer.document["hands"][1]["address"], "vcan0:tessel:2");
+  EXPECT_EQ(answer.document["hands"][1]["address"], TestInterface() + ":tessel:2");
 }
 
 /// Two simulators, as one gives no two hands of a bus the same id.
-TEST(ServiceOnTheKernel, RefusesABusOnWhichOthersShareAnId) {
-  const char* const can = std::getenv("KORVANE_TEST_CAN");
+TEST_F(ToolOnTheKernel, RefusesServiceOnABusOnWhichOthersShareAnId) {
+  const std::string can = TestInterface();
   const test::SimulatorProcess one({"--can", can, "--hand", "brisa:1", "--hand", "lumen:4"});
   const test::SimulatorProcess other({"--can", can, "--hand", "vanta:4"});
   ASSERT_TRUE(one.AwaitReady() && other.AwaitReady()) << one.Said() << other.Said();
@@ -131,43 +134,44 @@ TEST(ServiceOnTheKernel, RefusesABusOnWhichOthersShareAnId) {
   // the report fails, as both speak on the service interface.
   int status = 0;
   for (int i = 0; i < 20 && status != 6; ++i) {
-    status = Ask("service report -H vcan0:brisa:1").status;
+    status = Ask("service report -H " + can + ":brisa:1").status;
   }
   EXPECT_EQ(status, 6);
 }
 
 /// What the other commands do on any link, tests/tool tries on links that need no kernel.
-TEST(ToolOnTheKernel, EveryCommandReachesItsHand) {
-  const test::SimulatorProcess simulator({"--can", std::getenv("KORVANE_TEST_CAN"), "--hand",
-                                          "brisa:1", "--hand", "tessel:2", "--hand", "quill:3",
-                                          "--hand", "vanta:5", "--restart-ms", "50"});
+TEST_F(ToolOnTheKernel, EveryCommandReachesItsHand) {
+  const test::SimulatorProcess simulator({"--can", TestInterface(), "--hand", "brisa:1", "--hand",
+                                          "tessel:2", "--hand", "quill:3", "--hand", "vanta:5",
+                                          "--restart-ms", "50"});
   ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
   const auto file = [](const char* name) { return testing::TempDir() + name; };
   std::ofstream(file("image.bin")) << std::string(5000, 'x');
+  const std::string on = " -H " + TestInterface() + ":";
   const std::string record = "record --seconds 0.3 --rate 50 --overwrite -o ";
   const std::string commands[] = {
-      "info -H vcan0:tessel:2",
-      "info -H vcan0:quill",
-      "move -H vcan0:vanta:5 --to 1000 --seconds 0.2 --hold 0 --end start",
-      "move -H vcan0:brisa:1 --gesture 3",
-      record + file("values.csv") + " -H vcan0:brisa:1",
-      "replay " + file("values.csv") + " -H vcan0:brisa:1",
-      "record --seconds 0.3 --frames --overwrite -o " + file("frames.log") + " -H vcan0:quill:3",
-      "watch --seconds 0.2 -H vcan0:tessel:2",
-      "service report -H vcan0:brisa:1",
-      "service id 9 -y -H vcan0:brisa:1",
-      "update -y -H vcan0:brisa:9 " + file("image.bin"),
+      "info" + on + "tessel:2",
+      "info" + on + "quill",
+      "move --to 1000 --seconds 0.2 --hold 0 --end start" + on + "vanta:5",
+      "move --gesture 3" + on + "brisa:1",
+      record + file("values.csv") + on + "brisa:1",
+      "replay " + file("values.csv") + on + "brisa:1",
+      "record --seconds 0.3 --frames --overwrite -o " + file("frames.log") + on + "quill:3",
+      "watch --seconds 0.2" + on + "tessel:2",
+      "service report" + on + "brisa:1",
+      "service id 9 -y" + on + "brisa:1",
+      "update -y " + file("image.bin") + on + "brisa:9",
   };
   for (const std::string& command : commands) {
     EXPECT_EQ(Ask(command).status, 0) << command;
   }
-  EXPECT_EQ(Ask("service id 2 -y -H vcan0:brisa:9").status, 1) << "the id is taken";
+  EXPECT_EQ(Ask("service id 2 -y" + on + "brisa:9").status, 1) << "the id is taken";
 }
 
-TEST(BenchOnTheKernel, SplitsARoundTripBetweenHostAndHand) {
+TEST_F(ToolOnTheKernel, SplitsARoundTripBetweenHostAndHand) {
   const test::SimulatorProcess simulator(TwoHands());
   ASSERT_TRUE(simulator.AwaitReady()) << simulator.Said();
-  const Answer answer = Ask("bench --count 50 -H vcan0:brisa:1");
+  const Answer answer = Ask("bench --count 50 -H " + TestInterface() + ":brisa:1");
   ASSERT_EQ(answer.status, 0);
   const auto& split = answer.document["split"];
   const auto& reads = answer.document["single_read"];
