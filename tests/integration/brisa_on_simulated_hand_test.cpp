@@ -8,6 +8,7 @@
 
 #include "protocol/can/korvane_brisa_can_impl.h"
 #include "support/bus_device.h"
+#include "support/capture.h"
 #include "support/patient_link.h"
 
 namespace talvera::korvane {
@@ -126,9 +127,7 @@ TEST_P(BrisaOnSimulatedHand, NeverAnswersWithAnotherValueOnABadBus) {
   ASSERT_TRUE(EnableConcurrentCalls(*hand));
   hand->SetFrameRecvTimeout(10);
   Tally tally;
-  testing::internal::CaptureStderr();
-  AskFromThreads(*hand, 80, tally);
-  testing::internal::GetCapturedStderr();
+  test::CaptureStreams([&] { AskFromThreads(*hand, 80, tally); });
   EXPECT_EQ(tally.wrong, 0);
   EXPECT_GT(tally.right, 0) << "how many depends on the machine, whose delays are failures too";
   EXPECT_EQ(tally.right + tally.failed, kThreads * 80);

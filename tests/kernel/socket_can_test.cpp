@@ -22,6 +22,7 @@
 #include "korvane_tessel.h"
 #include "korvane_vanta.h"
 #include "protocol/can/korvane_brisa_can_impl.h"
+#include "support/capture.h"
 #include "support/patient_link.h"
 #include "support/process_resources.h"
 #include "support/simulator_process.h"
@@ -134,14 +135,14 @@ TEST_F(SocketCanOnTheKernel, SendsStandardFramesUpTo2047AndExtendedOnesAbove) {
 }
 
 TEST_F(SocketCanOnTheKernel, TellsOfAnInterfaceThatIsNotThere) {
-  testing::internal::CaptureStderr();
+  const test::StreamCapture errors(stderr);
   const auto hand = OpenHand("nosuchcan0");
   EXPECT_FALSE(hand->connected);
   const Failure open = LastFailure(*hand);
   EXPECT_EQ(open.text, "[ERROR]: Failed to get interface index for nosuchcan0");
   EXPECT_NE(AdviceOn(open).find("ip link add dev nosuchcan0 type vcan"), std::string::npos);
   EXPECT_EQ(hand->SetJointMotorPosi(1, 1), -1);
-  const std::string told = testing::internal::GetCapturedStderr();
+  const std::string told = errors.Text();
   EXPECT_EQ(told.find("[ERROR]: Failed to get interface index for nosuchcan0\n"
                       "[ERROR]: Failed to open SocketCAN device: nosuchcan0\n"),
             0U)

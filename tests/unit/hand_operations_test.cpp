@@ -166,7 +166,7 @@ std::vector<Operation> PeriodOperations() {
           SendsOnly(SetAll(NAMED(SetAllCurrentReportPeriod), 0x002201A7, periods, each))};
 }
 
-struct Model : TestedHand {
+struct HandRow : TestedHand {
   std::vector<Operation> operations;
   /// Told with the index between the two.
   std::string bad_index;
@@ -179,12 +179,12 @@ struct Model : TestedHand {
   bool failures_name_motor = true;
 };
 
-void PrintTo(const Model& model, std::ostream* out) { *out << model.class_name; }
+void PrintTo(const HandRow& model, std::ostream* out) { *out << model.class_name; }
 
 /// Most lines show the number of motors as a raw byte.
 std::string Count(const TestedHand& hand) { return {static_cast<char>(hand.motors)}; }
 
-Model CommonModel(const TestedHand& hand) {
+HandRow CommonRow(const TestedHand& hand) {
   const std::string size = "[Error]: 无效参数，需与主动自由度数量 ";
   const std::string end = " 相匹配.\n";
   return {hand,
@@ -197,16 +197,16 @@ Model CommonModel(const TestedHand& hand) {
           std::min<std::size_t>(hand.motors, 12)};
 }
 
-Model Lumen() {
-  Model model = CommonModel(kLumen);
+HandRow Lumen() {
+  HandRow model = CommonRow(kLumen);
   for (Operation& operation : model.operations) {
     operation.priority = operation.name.find("Report") == std::string::npos ? 1 : 0;
   }
   return model;
 }
 
-Model Quill() {
-  Model model = CommonModel(kQuill);
+HandRow Quill() {
+  HandRow model = CommonRow(kQuill);
   model.operations = {Get(NAMED(GetJointMotorPosi), 0x03130727, {0xFE, 0xFF}, "-2", "-1"),
                       GetAll(NAMED(GetAllJointMotorPosi), 0x00130727, Words(10))};
   model.bad_index = "[Error]: Invalid joint motor ID parameter ";
@@ -214,8 +214,8 @@ Model Quill() {
   return model;
 }
 
-Model Tessel() {
-  Model model = CommonModel(kTessel);
+HandRow Tessel() {
+  HandRow model = CommonRow(kTessel);
   auto& all = model.operations;
   all = MotorOperations(12, "0", "0", "[ERROR]: Failed to send control mode request\n");
   for (Operation& operation : all) {
@@ -245,7 +245,7 @@ Model Tessel() {
   return model;
 }
 
-class HandOperations : public testing::TestWithParam<Model>, protected HandPair<Hand> {
+class HandOperations : public testing::TestWithParam<HandRow>, protected HandPair<Hand> {
  protected:
   HandOperations() : HandPair(GetParam().make) {}
 
@@ -255,18 +255,17 @@ class HandOperations : public testing::TestWithParam<Model>, protected HandPair<
            what + "\n";
   }
 
-  const Model& model_ = GetParam();
+  const HandRow& model_ = GetParam();
 };
 
 class MotorHands : public HandOperations {};
 
 INSTANTIATE_TEST_SUITE_P(All, MotorHands,
-                         testing::Values(CommonModel(kBrisa), Tessel(), Lumen(),
-                                         CommonModel(kVanta)),
+                         testing::Values(CommonRow(kBrisa), Tessel(), Lumen(), CommonRow(kVanta)),
                          testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(All, HandOperations,
-                         testing::Values(CommonModel(kBrisa), Tessel(), Quill(), Lumen(),
-                                         CommonModel(kVanta)),
+                         testing::Values(CommonRow(kBrisa), Tessel(), Quill(), Lumen(),
+                                         CommonRow(kVanta)),
                          testing::PrintToStringParamName());
 
 TEST_P(HandOperations, PutTheirRequestOnTheWireAndReadAReplyOfAnyLength) {
