@@ -13,7 +13,8 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "ros2"))
+TESTS = pathlib.Path(__file__).resolve().parent.parent / "tests"
+sys.path[:0] = [str(TESTS / "ros2"), str(TESTS)]
 import conftest  # noqa: E402: it says how programs are started
 
 SECONDS = float(sys.argv[1]) if len(sys.argv) > 1 else 10

@@ -1,6 +1,6 @@
 """The Python package against korvane-sim: five models behind both stand-in adapters, and a Brisa on a serial port.
 
-KORVANE_BUILD is the build folder, whose package is imported.
+The package is that of the build folder.
 """
 
 import ctypes
@@ -11,10 +11,10 @@ import subprocess
 import sys
 
 import pytest
+import simulator
+from simulator import BUILD
 
-BUILD = pathlib.Path(os.environ.get("KORVANE_BUILD", "build/test")).resolve()
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-FIVE = {"brisa": 1, "tessel": 2, "quill": 3, "lumen": 4, "vanta": 5}
 #: More than anything takes, and less than a test may.
 LIMIT = 120
 
@@ -30,38 +30,24 @@ for name in ("libusbcanfd.so", "libcanbus.so"):
 import korvane  # noqa: E402
 
 
-class Simulator:
+class Simulator(simulator.Simulator):
+    """The one that hands are opened on until it stops."""
+
     def __init__(self, folder, *options):
-        self.socket = f"{folder}/sim.sock"
-        self.port = f"{folder}/hand"
-        self.process = subprocess.Popen(
-            ["korvane-sim", "--adapters", "--socket", self.socket, "--serial", f"brisa@{self.port}", *options],
-            stdout=subprocess.PIPE, text=True,
-        )
+        super().__init__(folder, *options)
         self.before = os.environ.get("KORVANE_SIM_SOCKET", "")
         os.environ["KORVANE_SIM_SOCKET"] = self.socket
-        for line in self.process.stdout:
-            if line.startswith("korvane-sim: ready at"):
-                break
-
-    def address(self, link, model="brisa"):
-        if link == "serial":
-            return f"serial:{self.port}:brisa:1"
-        return f"{link}:0.0:{model}:{FIVE[model]}"
 
     def stop(self):
         os.environ["KORVANE_SIM_SOCKET"] = self.before
-        self.process.terminate()
-        self.process.wait(LIMIT)
-        self.process.stdout.close()
+        super().stop()
 
 
 @pytest.fixture(scope="session")
 def sim(tmp_path_factory):
-    hands = (f"--hand={model}:{hand_id}" for model, hand_id in FIVE.items())
-    simulator = Simulator(tmp_path_factory.mktemp("sim"), *hands)
-    yield simulator
-    simulator.stop()
+    made = Simulator(tmp_path_factory.mktemp("sim"), *simulator.FIVE)
+    yield made
+    made.stop()
 
 
 @pytest.fixture

@@ -10,8 +10,8 @@ import korvane
 import numpy as np
 import pytest
 from korvane import service
+from simulator import HANDS, MODELS
 
-HANDS = [("serial", "brisa")] + [(link, model) for link in ("zlg", "hcan") for model in conftest.FIVE]
 READINGS = {  # dtype
     "positions": np.int16, "velocities": np.int16, "currents": np.int16, "temperatures": np.uint16,
     "errors": np.uint16, "control_modes": np.uint8, "current_thresholds": np.int16,
@@ -39,7 +39,7 @@ def name_of(hand):
 def test_what_it_is(hand):
     assert type(hand).__name__.lower() == name_of(hand) == hand.identify() == hand.address.model
     assert (hand.info().active_dof > 0) == hand.model.has_motors and hand.info().firmware == "1.0.0"
-    assert hand.id == hand.asked_id() == conftest.FIVE[name_of(hand)]
+    assert hand.id == hand.asked_id() == MODELS[name_of(hand)][0]
     assert repr(hand) == f"<korvane.{type(hand).__name__} {hand.address.text}>"
     assert hand.statistics.requests >= hand.statistics.replies > 0
 
@@ -221,7 +221,7 @@ def test_the_class_that_is_wanted(sim):
 
 def test_finding(sim):
     found = korvane.find(places=["zlg:0.0", f"serial:{sim.port}"], ids=range(1, 8))
-    assert [hand.address.model for hand in found] == [*conftest.FIVE, "brisa"]
+    assert [hand.address.model for hand in found] == [*MODELS, "brisa"]
     assert all(hand.info.firmware == "1.0.0" for hand in found)
     assert [type(error) for error in korvane.find(places=["nowhere0"]).not_asked] == [korvane.LinkLost]
     with pytest.raises(korvane.BadArgument):

@@ -1,7 +1,7 @@
 """korvane-ros2 against korvane-sim on one side and another process of DDS on the other.
 
 Only in a network namespace that has nothing but a loopback interface, so that nothing gets out:
-    unshare -rn sh -c 'ip link set lo up; KORVANE_BUILD=build/dev python3 -m pytest tests/ros2'
+    unshare -rn sh -c 'ip link set lo up; python3 -m pytest tests/ros2'
 """
 
 import json
@@ -13,8 +13,8 @@ import threading
 import time
 
 import pytest
+from simulator import BUILD
 
-BUILD = pathlib.Path(os.environ.get("KORVANE_BUILD", "build/dev")).resolve()
 #: More than anything takes on a busy machine, discovery included.
 LIMIT = 60
 #: A domain for each process that runs tests beside others.

@@ -1,7 +1,4 @@
-"""The tool as a user runs it, against korvane-sim: five models on one bus, and a Brisa on a serial port.
-
-KORVANE_BUILD is the build folder.
-"""
+"""The tool as a user runs it, against korvane-sim: five models on one bus, and a Brisa on a serial port."""
 
 import json
 import os
@@ -11,10 +8,10 @@ import subprocess
 from dataclasses import dataclass
 
 import pytest
+import simulator
+from simulator import BUILD, FIVE
 
-BUILD = pathlib.Path(os.environ.get("KORVANE_BUILD", "build/dev")).resolve()
 TOOL = BUILD / "bin" / "korvane"
-FIVE = ("--hand=brisa:1", "--hand=tessel:2", "--hand=quill:3", "--hand=lumen:4", "--hand=vanta:5")
 #: More than any request takes, and less than a test may.
 LIMIT = 60
 #: A busy machine keeps a reply for longer than most commands wait.
@@ -44,44 +41,18 @@ def hear_ctrl_c():
     signal.signal(signal.SIGINT, signal.SIG_DFL)
 
 
-class Simulator:
-    """Simulated hands on a USB adapter, ZLG and HCAN alike, and on a serial port."""
+class Simulator(simulator.Simulator):
+    """What runs the tool against them."""
 
-    def __init__(self, folder, *options, serial=True):
-        self.port = f"{folder}/hand"
+    def __init__(self, folder, *options, **more):
+        super().__init__(folder, *options, program=(TOOL, "sim"), **more)
         self.env = {
             **os.environ,
-            "KORVANE_SIM_SOCKET": f"{folder}/sim.sock",
+            "KORVANE_SIM_SOCKET": self.socket,
             "LD_LIBRARY_PATH": str(BUILD / "standin"),
             "TERM": "dumb",
         }
         self.env.pop("KORVANE_HAND", None)
-        self.places = ["--adapters", "--socket", self.env["KORVANE_SIM_SOCKET"]]
-        if serial:
-            self.places += ["--serial", f"brisa@{self.port}"]
-        self.begin(*options)
-
-    def begin(self, *options):
-        self.process = subprocess.Popen(
-            [TOOL, "sim", *self.places, *options], stdout=subprocess.PIPE, text=True, env=self.env
-        )
-        for line in self.process.stdout:
-            if line.startswith("korvane-sim: ready at"):
-                break
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait(LIMIT)
-        self.process.stdout.close()
-
-    def restart(self, *options):
-        """Other hands in the place of these."""
-        self.stop()
-        self.begin(*options)
-
-    def address(self, link, model="brisa", hand_id=1):
-        place = {"zlg": "zlg:0.0", "hcan": "hcan:0.0", "serial": f"serial:{self.port}"}[link]
-        return f"{place}:{model}:{hand_id}"
 
     def start(self, *arguments, **options):
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
@@ -122,9 +93,9 @@ class Simulator:
 
 @pytest.fixture(scope="session")
 def sim(tmp_path_factory):
-    simulator = Simulator(tmp_path_factory.mktemp("sim"), *FIVE)
-    yield simulator
-    simulator.stop()
+    made = Simulator(tmp_path_factory.mktemp("sim"), *FIVE)
+    yield made
+    made.stop()
 
 
 @pytest.fixture
@@ -137,5 +108,5 @@ def make_sim(tmp_path):
         return made[-1]
 
     yield make
-    for simulator in made:
-        simulator.stop()
+    for sim in made:
+        sim.stop()

@@ -7,11 +7,8 @@ import signal
 import subprocess
 
 import pytest
-from conftest import BUILD, LIMIT, command_line
-
-MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
-#: A serial port has a Brisa.
-HANDS = [("serial", "brisa")] + [(link, model) for link in ("zlg", "hcan") for model in MODELS]
+from conftest import LIMIT, command_line
+from simulator import BUILD, HANDS, MODELS
 
 
 def test_find_lists_every_hand_on_every_link(sim):
@@ -52,7 +49,7 @@ def test_find_says_what_it_could_not_ask(sim, places, status, reason):
 @pytest.mark.parametrize("link, model", HANDS)
 def test_info_tells_what_a_model_has(sim, link, model):
     hand_id, motors = MODELS[model]
-    told = sim.korvane("info", "-H", sim.address(link, model, hand_id), "--json")
+    told = sim.korvane("info", "-H", sim.address(link, model), "--json")
     info = told.json
     assert told.status == 0, told.err
     assert (info["model"], info["id"], len(info["positions"])) == (model, hand_id, motors)
@@ -60,7 +57,7 @@ def test_info_tells_what_a_model_has(sim, link, model):
     assert ("touch" in info) == (model in ("brisa", "tessel", "quill"))
     assert ("errors" in info) == (model != "quill")
     assert info["firmware"] == "1.0.0" and info["product_model"] and "failures" not in info
-    text = sim.korvane("info", "-H", sim.address(link, model, hand_id)).out
+    text = sim.korvane("info", "-H", sim.address(link, model)).out
     assert any(line.split()[:1] == [str(motors)] for line in text.splitlines()) and info["serial_number"] in text
     supply = [line.split(maxsplit=1)[1] for line in text.splitlines() if line.startswith("supply")]
     assert supply == ["not told" if link == "serial" else f"{info['supply_voltage_mv'] / 1000:.1f} V"]
@@ -93,7 +90,7 @@ def test_wrong_turns_end_with_their_status_and_a_reason(sim, command, arguments,
 
 
 def test_a_hand_may_be_named_by_the_environment_and_an_option_goes_before_it(sim):
-    lumen, vanta = sim.address("zlg", "lumen", 4), sim.address("zlg", "vanta", 5)
+    lumen, vanta = sim.address("zlg", "lumen"), sim.address("zlg", "vanta")
     assert sim.korvane("info", "--json", KORVANE_HAND=lumen).json["id"] == 4
     assert sim.korvane("info", "--json", "-H", vanta, KORVANE_HAND=lumen).json["id"] == 5
     quiet = sim.korvane("info", "-q", "-H", vanta)
@@ -101,7 +98,7 @@ def test_a_hand_may_be_named_by_the_environment_and_an_option_goes_before_it(sim
 
 
 def test_watch_writes_lines_that_programs_can_read(sim):
-    hand = ("-H", sim.address("zlg", "tessel", 2), "--rate", "100")
+    hand = ("-H", sim.address("zlg", "tessel"), "--rate", "100")
     process = sim.start("watch", *hand, "--csv", "--values", "angles,currents", "--report-period", "10")
     lines = [process.stdout.readline() for _ in range(4)]
     process.send_signal(2)
@@ -128,13 +125,21 @@ def test_watch_without_a_terminal_shows_the_last_picture(sim):
 
 
 @pytest.mark.parametrize(
-    "fault, link, status", [("--silent-after=40", "zlg", 4), ("--serial-unplug-after=30", "serial", 3)]
+    "fault, link, status", [("--silent-after=60", "zlg", 4), ("--serial-unplug-after=40", "serial", 3)]
 )
-def test_watch_ends_when_the_hand_has_gone(make_sim, fault, link, status):
+@pytest.mark.parametrize(
+    "command, says",
+    [
+        ("watch --json --timeout 100", []),
+        ("move --to 500 --seconds 20", ["nothing more is sent", "doesn't say where it stands"]),
+    ],
+)
+def test_a_command_ends_when_the_hand_has_gone(make_sim, fault, link, status, command, says):
     sim = make_sim("--hand=brisa:1", fault)
-    gone = sim.korvane("watch", "-H", sim.address(link), "--json", "--timeout", 100)
+    gone = sim.korvane(*command.split(), "-H", sim.address(link))
     assert gone.status == status
     assert gone.err
+    assert all(text in gone.out for text in says)
 
 
 @pytest.mark.parametrize(

@@ -90,16 +90,6 @@ def test_ctrl_c_stops_a_motion_and_tells_where_the_hand_stands(sim, tmp_path):
     assert max(hand["positions"]) < 2000
 
 
-@pytest.mark.parametrize(
-    "fault, link, status", [("--silent-after=60", "zlg", 4), ("--serial-unplug-after=40", "serial", 3)]
-)
-def test_a_hand_that_goes_while_it_moves_is_told(make_sim, fault, link, status):
-    sim = make_sim("--hand=brisa:1", fault)
-    gone = sim.korvane("move", "-H", sim.address(link), "--to", "500", "--seconds", "20")
-    assert gone.status == status
-    assert "nothing more is sent" in gone.out and "doesn't say where it stands" in gone.out
-
-
 @pytest.mark.parametrize("form", ["csv", "jsonl"])
 def test_a_recording_is_played_as_it_was(sim, tmp_path, form):
     file = tmp_path / f"recording.{form}"

@@ -11,8 +11,7 @@ import urllib.parse
 
 import pytest
 from conftest import LIMIT
-
-MODELS = {"brisa": (1, 10), "tessel": (2, 12), "quill": (3, 10), "lumen": (4, 4), "vanta": (5, 20)}
+from simulator import MODELS
 
 
 class Site:
@@ -113,7 +112,7 @@ def stands_still(site):
 
 
 def test_all_models_are_described_and_tell_what_they_have(sim, serve):
-    site = serve(*[word for model, (i, _) in MODELS.items() for word in ("-H", sim.address("zlg", model, i))])
+    site = serve(*[word for model in MODELS for word in ("-H", sim.address("zlg", model))])
     hands = site.hands()["hands"]
     assert [(h["hand"], h["model"], h["id"]) for h in hands] == [(i, model, i) for model, (i, _) in MODELS.items()]
     assert hands[0]["serial_number"].startswith("SIM") and hands[0]["joints"][6]["name"] == "index_flexion"
@@ -334,7 +333,7 @@ def test_changes_need_the_page_its_origin_and_the_owner(controlled):
 
 
 def test_a_hand_without_motors_moves_nowhere(sim, serve):
-    site = serve("-H", sim.address("zlg", "quill", 3), "--allow-control")
+    site = serve("-H", sim.address("zlg", "quill"), "--allow-control")
     secret = site.post("1/control", {"action": "take"})[1]["control"]
     assert site.post("1/move", {"positions": [0] * 10}, secret)[0] == 400
 

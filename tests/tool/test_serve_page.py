@@ -9,6 +9,7 @@ import shutil
 
 import pytest
 from conftest import LIMIT
+from simulator import MODELS
 from test_serve import Site, updated  # noqa: F401  a fixture
 
 webdriver = pytest.importorskip("selenium.webdriver", reason="the page is tried where python3-selenium is installed")
@@ -101,8 +102,7 @@ PRESSED = "document.querySelector('.hold').getAttribute('aria-pressed')"
 
 
 def test_the_page_shows_every_model_and_only_shows(sim, serve, browser):
-    hands = [("brisa", 1), ("tessel", 2), ("quill", 3), ("lumen", 4), ("vanta", 5)]
-    site = serve(sim, *[word for model, i in hands for word in ("-H", sim.address("zlg", model, i))])
+    site = serve(sim, *[word for model in MODELS for word in ("-H", sim.address("zlg", model))])
     browser.look_at(site.url)
     browser.wait("return [...document.querySelectorAll('.state')].filter(s => s.textContent === 'live').length === 5")
     assert browser.text("#connection") == "Connected"

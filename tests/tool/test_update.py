@@ -108,7 +108,7 @@ def slow(make_sim, tmp_path):
     sim.env["XDG_RUNTIME_DIR"] = str(tmp_path)
 
     def begin(image):
-        process = sim.start("update", image, "-H", sim.address("zlg", "tessel"), "--yes")
+        process = sim.start("update", image, "-H", sim.address("zlg", "tessel", 1), "--yes")
         while "10 %" not in process.stdout.readline():
             assert process.poll() is None
         return process
@@ -136,7 +136,7 @@ def test_a_reader_that_goes_leaves_the_update_to_its_end(slow, image):
     process.stdout.close()
     assert "the output can't be written: Broken pipe" in process.stderr.read()
     assert process.wait(60) == 1
-    assert sim.korvane("info", "-H", sim.address("zlg", "tessel"), "--json").json["firmware"] == "1.1.0"
+    assert sim.korvane("info", "-H", sim.address("zlg", "tessel", 1), "--json").json["firmware"] == "1.1.0"
 
 
 @pytest.mark.parametrize(
