@@ -57,14 +57,11 @@ TEST_P(BrisaOnAdapters, LeavesNothingBehindAfterManyHands) {
   EXPECT_LE(after.heap_bytes, before.heap_bytes + 512) << "less than one allocation a cycle";
 }
 
-/// A busy machine may let the fixed 50 ms pass; asking again is what a user does too.
 template <class Where>
 int AskForId(const Where& where, std::uint8_t channel) {
-  for (int i = 0; i < 100; ++i) {
-    const auto info = KorvaneBrisa::GetDeviceInfoFromBroadcast(where, channel);
-    if (info.device_id != 0) return info.device_id;
-  }
-  return 0;
+  return test::Repeat(
+      [&] { return KorvaneBrisa::GetDeviceInfoFromBroadcast(where, channel).device_id; },
+      [](std::uint8_t id) { return id != 0; });
 }
 
 TEST(BroadcastQuery, FindsTheHandOfTheBusThatIsAskedAndLeavesOthersAlone) {

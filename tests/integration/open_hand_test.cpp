@@ -58,20 +58,11 @@ sim::SimulatedHand Stranger(std::uint8_t id, std::uint8_t active_dof, const char
   return hand;
 }
 
-/// Does something again while a hand may have answered too late for it, as happens on a busy
-/// machine.
-template <class Do, class IsTooEarly>
-auto Patiently(const Do& once, const IsTooEarly& is_too_early) {
-  auto result = once();
-  for (int i = 0; i < 20 && is_too_early(result); ++i) result = once();
-  return result;
-}
-
 /// `open` once a hand answers.
 template <class Open>
 auto OpenPatiently(const Open& open) {
-  return Patiently(
-      open, [](const auto& opened) { return opened.failure().kind == FailureKind::NO_REPLY; });
+  return test::Repeat(
+      open, [](const auto& opened) { return opened.failure().kind != FailureKind::NO_REPLY; });
 }
 
 std::unique_ptr<KorvaneBase> Opened(const std::string& address) {
@@ -80,8 +71,8 @@ std::unique_ptr<KorvaneBase> Opened(const std::string& address) {
 
 /// What is found once that many hands have answered.
 FindResult FindAll(const FindOptions& options, std::size_t hands) {
-  return Patiently([&] { return FindHands(options); },
-                   [&](const FindResult& found) { return found.hands.size() < hands; });
+  return test::Repeat([&] { return FindHands(options); },
+                      [&](const FindResult& found) { return found.hands.size() >= hands; });
 }
 
 /// The kind and the text of a failure of `open`. The hands that a text tells of are told only if
@@ -89,8 +80,8 @@ FindResult FindAll(const FindOptions& options, std::size_t hands) {
 template <class Open>
 void ExpectFailureOf(const char* operation, const Open& open, FailureKind kind,
                      const std::string& text) {
-  const auto hand = Patiently(open, [&](const auto& opened) {
-    return !opened && opened.failure().text.find(text) == std::string::npos;
+  const auto hand = test::Repeat(open, [&](const auto& opened) {
+    return opened || opened.failure().text.find(text) != std::string::npos;
   });
   ASSERT_FALSE(hand);
   EXPECT_STREQ(ToString(hand.failure().kind), ToString(kind));
@@ -127,8 +118,8 @@ void ExpectOpens(const std::string& address, const TestedModel& expected, std::u
   EXPECT_EQ(LastFailure(opened).kind, FailureKind::NONE);
   test::BePatient(**hand);
   // On a serial port a late answer to an earlier request may come first.
-  std::uint8_t joints = 0;
-  for (int i = 0; i < 20 && joints == 0; ++i) joints = opened.GetVendorInfo().active_dof;
+  const auto joints = test::Repeat([&] { return opened.GetVendorInfo().active_dof; },
+                                   [](std::uint8_t count) { return count != 0; });
   EXPECT_EQ(joints, expected.row->motors);
   EXPECT_FALSE(opened.GetAllJointMotorPosi().empty());
 }
@@ -233,11 +224,10 @@ TEST_P(OnAdapters, HandsThatShareAnIdAreNotTakenForOne) {
   const std::size_t number = bus.Add(std::move(twin));
   // On a machine that is busy the answer of the second one may once come too late.
   const auto is_noticed = [](const std::function<std::string()>& told) {
-    for (int i = 0; i < 50; ++i) {
-      if (told().find("several hands have the id 1, with the serial numbers") != std::string::npos)
-        return true;
-    }
-    return false;
+    const auto names_both = [](const std::string& text) {
+      return text.find("several hands have the id 1, with the serial numbers") != std::string::npos;
+    };
+    return names_both(test::Repeat(told, names_both));
   };
   for (const char* const address : {"0.0", "0.0:1", "0.0:brisa:1"}) {
     EXPECT_TRUE(is_noticed([&] { return OpenHand(At(address)).failure().text; })) << address;

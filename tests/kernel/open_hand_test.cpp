@@ -26,6 +26,7 @@ namespace {
 
 using test::Interface;
 using test::RawSocket;
+using test::Repeat;
 using test::Shell;
 using test::SimulatorProcess;
 using test::TestInterface;
@@ -33,17 +34,6 @@ using testing::AnyOf;
 using testing::HasSubstr;
 
 using OpenHandOnTheKernel = test::OnTheKernelsBus;
-
-constexpr int kAttempts = 30;
-
-/// What `attempt` gave last: until that is as expected, or the patience is over. Answers are waited
-/// for a fixed time, which a busy machine may let pass; asking again is what a user does too.
-template <class Attempt, class Expected>
-auto Repeat(const Attempt& attempt, const Expected& expected) {
-  auto result = attempt();
-  for (int i = 1; i < kAttempts && !expected(result); ++i) result = attempt();
-  return result;
-}
 
 Failure FailureToOpen(const std::string& address) {
   const auto hand = OpenHand(address);

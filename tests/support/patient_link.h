@@ -21,4 +21,14 @@ inline void BePatient(Korvane& hand) {
   }
 }
 
+/// What `attempt` gave last: until that is as expected, or the patience is over. Some answers are
+/// waited for a fixed time, which a busy machine may let pass; asking again is what a user does
+/// too.
+template <class Attempt, class Expected>
+auto Repeat(const Attempt& attempt, const Expected& expected) {
+  auto result = attempt();
+  for (int i = 1; i < 50 && !expected(result); ++i) result = attempt();
+  return result;
+}
+
 }  // namespace talvera::korvane::test

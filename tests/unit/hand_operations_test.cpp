@@ -440,12 +440,19 @@ TEST_P(MotorHands, FillOneFrameWithAMixedCommandAndRefuseMore) {
       payload.insert(payload.end(), row.element.begin(), row.element.end());
       EXPECT_EQ(Show(device_.TakeSent()), Show({FullFrame(0x001401A7, payload)}));
     }
-    for (const std::size_t count : {row.too_many, std::size_t{500}}) {
+    const auto expect_refused = [&](std::size_t count, const std::string& refusal) {
       for (Hand* const hand : both_) {
         auto targets = Targets(count, row.mode);
         targets[1].current = {};  // The limit is looked at before the targets are.
-        EXPECT_EQ(Told([&] { hand->MixCtrlJointMotor(targets); }), row.refusal);
+        EXPECT_EQ(Told([&] { hand->MixCtrlJointMotor(targets); }), refusal);
       }
+    };
+    for (std::size_t count = row.most + 1; count < row.too_many; ++count) {
+      expect_refused(
+          count, "[Error]: A frame holds 12 joint targets, got " + std::to_string(count) + "\n");
+    }
+    for (const std::size_t count : {row.too_many, std::size_t{500}}) {
+      expect_refused(count, row.refusal);
     }
   }
   EXPECT_TRUE(device_.TakeSent().empty());

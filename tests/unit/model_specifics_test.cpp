@@ -1,6 +1,5 @@
 // What only one of the models over CAN has.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -135,18 +134,6 @@ TEST(VantaAngles, OfAllJointsAreThoseOfTheActiveOnesAsAnApplicationMayDefineThem
   };
   const WithAngles hand(HandType::RIGHT, kId, NoTransport());
   EXPECT_EQ(hand.GetAllJointAngles(), std::vector<double>{0.5});
-}
-
-TEST(VantaMixedControl, RefusesMoreElementsThanAFrameHolds) {
-  const Rig<KorvaneVantaCanImpl> rig(kId);
-  for (const MixCtrl& target : {MixCtrl{1, 4, 2, 3, 4}, MixCtrl{1, 5, 2, 3, 4}}) {
-    for (const std::size_t count : {13U, 20U}) {
-      const std::vector<MixCtrl> targets(count, target);
-      EXPECT_THAT(Told([&] { rig.hand->MixCtrlJointMotor(targets); }),
-                  testing::MatchesRegex("\\[Error\\]: .* holds 12 .*\n"));
-    }
-  }
-  EXPECT_TRUE(rig.device->TakeSent().empty());
 }
 
 using Quill = KorvaneQuillCanImpl;
