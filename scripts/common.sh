@@ -24,6 +24,23 @@ as_root() {
   fi
 }
 
+# check NAME COMMAND...: runs it, counts it in `passed` or `failed`, and shows what a failed one said at last. What it runs
+# has to look at each status itself: bash takes no notice of `set -e` within a condition.
+check() {
+  local name=$1 log
+  shift
+  log=$(mktemp)
+  if "$@" >"$log" 2>&1; then
+    passed=$((passed + 1))
+    echo "  ok      $name"
+  else
+    failed=$((failed + 1))
+    echo "  FAILED  $name"
+    tail -n 40 "$log" | sed 's/^/          /'
+  fi
+  rm -f "$log"
+}
+
 # How many tests passed and how many failed, by the closing lines of pytest in a file.
 pytest_counts() {
   awk '/ in [0-9.]+s/ {for (i = 2; i <= NF; i++) {if ($i ~ /^passed/) good += $(i - 1); if ($i ~ /^(failed|error)/) bad += $(i - 1)}}
@@ -49,10 +66,18 @@ need() {
     install "$@" 2>/dev/null || { apt-get update -qq && install "$@"; }' sh "${missing[@]}"
 }
 
+# What the parts of the project are built with.
+for_library=(g++ cmake ninja-build libcxx-serial-dev)
+for_tools=(libcli11-dev nlohmann-json3-dev libfmt-dev) # the first also for the simulator
+for_tests=(libgtest-dev libgmock-dev)
+for_ros2=(cyclonedds-dev cyclonedds-tools)
+for_python=(pybind11-dev python3-dev python3-numpy)
+for_everything=("${for_library[@]}" "${for_tools[@]}" "${for_tests[@]}" "${for_ros2[@]}" "${for_python[@]}"
+  libbenchmark-dev)
+
 # Everything there is, with tests and benchmarks, in build/dev.
 build_dev() {
-  need g++ cmake ninja-build libcxx-serial-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev \
-    libfmt-dev cyclonedds-dev cyclonedds-tools pybind11-dev python3-dev python3-numpy
+  need "${for_everything[@]}"
   build_preset dev
 }
 
