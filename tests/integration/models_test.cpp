@@ -14,7 +14,6 @@
 namespace talvera::korvane {
 namespace {
 
-constexpr int kPatientMs = 1000;
 constexpr std::uint8_t kId = 0x21;
 
 using AnyHand = std::unique_ptr<KorvaneBase>;
@@ -55,11 +54,6 @@ std::vector<short> OwnValues(std::vector<short> values, const Model& model) {
   return values;
 }
 
-AnyHand Patient(AnyHand hand) {
-  hand->SetFrameRecvTimeout(kPatientMs);
-  return hand;
-}
-
 void ExpectIsItself(const KorvaneBase& hand, const Model& model, std::uint8_t id) {
   const std::string name = hand.GetVendorInfo().product_model;
   EXPECT_EQ(name.substr(0, model.row->product_model.size()), model.row->product_model);
@@ -98,8 +92,9 @@ TEST_P(EveryModel, MovesOverBothAdapters) {
     if (Models()[i].row == model.row) id = other_id;
   }
   for (const auto open : {model.by_zlg, model.by_hcan}) {
-    const AnyHand hand = Patient(open(0, id));
+    const AnyHand hand = open(0, id);
     ASSERT_TRUE(hand->connected);
+    test::BePatient(*hand);
     ExpectIsItself(*hand, model, id);
     ExpectMoves(*hand, model);
     if (model.row != &sim::kTessel) continue;
