@@ -159,8 +159,9 @@ struct FindResult {
 /// everyone, up to twice.
 ///
 /// Leaves alone what is in use: a serial port that another program of this library holds, and USB
-/// adapters that hands of this process have open. Hands on a CAN interface go on working meanwhile,
-/// and so do update runs, as long as the bus has room.
+/// adapters that hands of this process have open, but for an HCAN adapter that `places` names.
+/// Hands on that one and on a CAN interface go on working meanwhile, and so do update runs, as long
+/// as the bus has room.
 ///
 /// Blocks for all that. Any thread, one at a time.
 KORVANE_EXPORT FindResult FindHands(const FindOptions& options = {});

@@ -32,7 +32,8 @@ struct ServiceHand {
 ///
 /// Requests of the service interface name no hand: all that have one take them for theirs. So it
 /// first looks for all hands of a CAN bus, as FindHands does, and refuses if several of them have a
-/// service interface.
+/// service interface. It can't look on a ZLG adapter on which this process has hands, which that
+/// would stop: see to it there that one hand alone takes the requests.
 ///
 /// | fails with | when |
 /// |---|---|

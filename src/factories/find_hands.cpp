@@ -38,6 +38,20 @@ std::vector<FoundAdapter> ZlgAdapters() {
   return adapters;
 }
 
+/// Whether hands of this process are on a ZLG adapter. They have made it known, so that nothing
+/// needs to be scanned.
+bool HasZlgHands(const HandAddress& address) {
+  CanfdDeviceTable& table = CanfdDevices();
+  const MutexLock lock(table.scan_cache_mutex_);
+  for (const auto& [index, device] : table.canfd_device_info_cache) {
+    const bool is_it = address.adapter_index
+                           ? index == *address.adapter_index
+                           : device.serial_number.find(address.adapter_serial) != std::string::npos;
+    if (is_it) return device.ref_count > 0;
+  }
+  return false;
+}
+
 std::vector<FoundAdapter> HcanAdapters() {
   const auto devices = HcanDevice::ScanHcanDevices();
   const MutexLock lock(HcanDevice::device_mutex_);
@@ -105,7 +119,7 @@ class Finder {
       address.adapter_index = adapter.index;
       for (unsigned channel = 0; channel < adapter.channels; ++channel) {
         address.channel = static_cast<std::uint8_t>(channel);
-        AskUnlessInUse(address, adapter.in_use);
+        AskUnlessInUse(address, ids_, adapter.in_use);
       }
     }
   }
@@ -134,7 +148,8 @@ class Finder {
       if (link.link == LinkKind::SERIAL) {
         AskLine(link, wanted);
       } else {
-        AskChannel(link, IdsOf(wanted));
+        // Asking a ZLG channel stops it for all in the end. Hands on an HCAN adapter don't notice.
+        AskUnlessInUse(link, IdsOf(wanted), link.link == LinkKind::ZLG && HasZlgHands(link));
       }
     }
   }
@@ -159,8 +174,9 @@ class Finder {
     }
   }
 
-  void AskUnlessInUse(const HandAddress& address, bool in_use) {
-    if (!in_use) return AskChannel(address, ids_);
+  void AskUnlessInUse(const HandAddress& address, const std::vector<std::uint8_t>& ids,
+                      bool in_use) {
+    if (!in_use) return AskChannel(address, ids);
     AddNotAsked(
         {FailureKind::NO_LINK, "", LinkText(address) + ": this process has hands on the adapter"});
   }

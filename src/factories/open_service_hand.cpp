@@ -36,7 +36,8 @@ Hand Make(const HandAddress& where) {
                                       : MakeOnCan<PrivateKorvaneBrisa>(where);
 }
 
-/// Before a hand is open: the search leaves alone what this process uses.
+/// Before the hand is open, since the search leaves alone a ZLG adapter on which this process has
+/// hands. If it has any already, nothing is found there and nothing refused.
 Outcome<void> CheckOneOnBus(const HandAddress& address) {
   if (address.link == LinkKind::SERIAL) return {};
   FindOptions options;

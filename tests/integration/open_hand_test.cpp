@@ -379,6 +379,30 @@ TEST_P(OnAdapters, AHandOfThisProcessIsNotDisturbed) {
   EXPECT_EQ(hand->SetJointMotorPosi(1, 77), 77);
 }
 
+/// Its channel would be stopped on a ZLG adapter, however the place names it; on an HCAN one the
+/// hand goes on.
+TEST_P(OnAdapters, AHandOfThisProcessIsNotDisturbedWhereItsPlaceIsNamed) {
+  const bool is_zlg = *GetParam() == 'z';
+  adapters_.Bus(0, 0).Add({sim::kBrisa, 3});
+  const auto hand = Opened(At("0.0:brisa:3"));
+  test::BePatient(*hand);
+  for (const std::string place : {"0.0", "0.0:3", is_zlg ? "SIM-ZLG-0000.0" : "SIM-HCAN-0000.0"}) {
+    SCOPED_TRACE(place);
+    FindOptions options;
+    options.places = {*HandAddress::Parse(At(place))};
+    const FindResult found = FindAll(options, is_zlg ? 0 : 1);
+    EXPECT_EQ(found.hands.size(), is_zlg ? 0 : 1);
+    EXPECT_EQ(found.not_asked.size(), is_zlg ? 1 : 0);
+    for (const Failure& failure : found.not_asked) {
+      EXPECT_THAT(failure.text, HasSubstr(".0: this process has hands on the adapter"));
+    }
+    EXPECT_EQ(hand->SetJointMotorPosi(1, 77), 77);
+  }
+  const auto service = OpenPatiently([&] { return OpenServiceHand(At("0.0:brisa:3")); });
+  ASSERT_TRUE(service) << service.failure().text;
+  EXPECT_EQ(hand->SetJointMotorPosi(1, 78), 78);
+}
+
 /// Their queries look like answers to each other: on one interface every program hears all others.
 TEST(OnSocketCan, TwoFindersAreNotTakenForHands) {
   sim::VirtualBus bus;
