@@ -131,9 +131,10 @@ class KORVANE_EXPORT Korvane {
   /// Nor does every failure have a report. Over CAN a hand without a link has only its line, and
   /// with a KorvaneBrisa or KorvaneVanta an upgrade request that nothing answers, too; one that
   /// can't be sent counts as such. Nobody looks whether all of the file could be read: what
-  /// couldn't goes out as zeros, and LoadFirmwareOnly tells it before. Over serial what the serial
-  /// library throws when the cable goes in the middle of a packet, or after it, is derived from
-  /// std::exception and reaches the caller of UpdateFirmware, without a report.
+  /// couldn't goes out as zeros, and LoadFirmwareOnly tells it before. Over serial an update after
+  /// which the hand refuses to restart ends like a good one, and only LastFailure tells. What the
+  /// serial library throws when the cable goes in the middle of a packet, or after it, is derived
+  /// from std::exception and reaches the caller of UpdateFirmware, without a report.
   ///
   /// Threads: over CAN the statuses 3 to 6 and the FAILED of a reply come on the library's receive
   /// thread, the others on the caller's, and both may call at the same time. Over serial and on the

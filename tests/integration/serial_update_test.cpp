@@ -97,13 +97,17 @@ class SerialUpdateRun : public testing::Test, public Clock {
     FailureKind kind = FailureKind::REFUSED;
     if (code <= -4 && code >= -6) kind = open ? FailureKind::NO_REPLY : FailureKind::NO_LINK;
     if (code == -2 || code == -3) kind = FailureKind::BAD_ARGUMENT;
+    const bool complete = reports.find("=0 ", last) != string::npos;
+    if (complete) kind = FailureKind::NONE;
     for (const auto& [request, replies] : faults_) {
+      const int child = request.first;
       const bool refused = std::any_of(replies.begin(), replies.end(), [&](const auto& reply) {
-        return reply.second == static_cast<std::uint32_t>(code);
+        // No report tells that the upgrade or the restart is refused.
+        const bool ends = child == 1 || reply.second == static_cast<std::uint32_t>(code);
+        return reply.second != 0 && (child == 4 || (!complete && ends));
       });
       if (refused) kind = FailureKind::REFUSED;
     }
-    if (reports.find("=0 ", last) != string::npos) kind = FailureKind::NONE;
     EXPECT_EQ(LastFailure(*hand_).kind, kind) << reports;
     EXPECT_EQ(LastFailure(*hand_).operation, kind == FailureKind::NONE ? "" : "UpdateFirmware");
   }
@@ -267,6 +271,7 @@ TEST_F(SerialUpdateRun, EndsAtWhatIsRefusedOrNotAnswered) {
   Fails(4, 0, {}, 8, -5, 2160ms, "OTA restart response timeout", "", true);
   faults_ = {{{2, 1}, {{7, 5}, {2, 0}}}, {{4, 0}, {{4, 6}}}};
   EXPECT_EQ(Update().reports, kGood) << "which goes on with any reply to a restart";
+  EXPECT_EQ(LastFailure(*hand_).text, "the hand refuses to restart, with status 6");
 }
 
 // A reply that comes in pieces keeps them all, also when the buffer was to be forgotten before.
@@ -298,6 +303,7 @@ TEST_F(SerialUpdateRun, AsksThreeTimesForTheUpgradeAndReconnectsBetween) {
     EXPECT_THAT(Update().written.out,
                 EndsWith(Compose("]\n", told, again, kKnown, told, again, told)));
     Expect("0/3=1 0/3=2 1/3=9 0/3=8 2/3=9 0/3=8 -4/3=-1 ", "Vx U- V- U- U- ", 10905ms, false);
+    EXPECT_EQ(LastFailure(*hand_).text + "\n", replies.empty() ? kNoUpgrade : told);
     EXPECT_EQ(SilentErrors(), Compose(dump, dump, dump, kNoUpgrade));
     faults_ = {{{1, 0}, replies}};
     Update();

@@ -42,6 +42,10 @@ std::string ErrorLine(const std::string& text) {
   return "[ERROR][KorvaneBrisaSerialImpl][UpdateFirmware] " + text;
 }
 
+std::string UpgradeRefusedLine(std::uint32_t status) {
+  return Compose("[USB_OTA] recv UPGRADE ACK result=", status, " (upgrade request rejected)");
+}
+
 std::string FinishFailedLine(std::uint32_t status) {
   return ErrorLine(Compose("OTA finish failed, error code: ", status));
 }
@@ -120,8 +124,8 @@ bool SerialUpdate::SendRestart() {
 // --- Replies, on the receive thread ---------------------------------------------------------
 
 /// A refused upgrade request sets no flag, so that the run sees a silent hand and tries again. The
-/// replies to the finish and restart requests set theirs whatever the result: the run tests that of
-/// the finish request.
+/// replies to the finish and restart requests set theirs whatever the result, which the run looks
+/// at.
 void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
   if (size < kReplySize) return;
   const std::uint32_t result = LoadU32(data + 1);
@@ -139,8 +143,7 @@ void SerialUpdate::OnReply(const std::uint8_t* data, std::size_t size) {
       if (result == 0) {
         state_.ota_upgrade_acked = true;
       } else {
-        LogInfo(
-            Compose("[USB_OTA] recv UPGRADE ACK result=", result, " (upgrade request rejected)"));
+        LogInfo(UpgradeRefusedLine(result));
       }
       return;
     case kPacketChild:
@@ -194,6 +197,7 @@ void SerialUpdate::Attempt(const std::string& path, OperationScope& operation) {
   // An update goes on without the version: a query for it that nothing answers is no failure.
   operation.Succeed();
   if (!accepted) {
+    RecordRefusedUpgrade();
     return ReportOrLogFailure(FailureKind::NO_REPLY, kNoReplyCode,
                               ErrorLine("Upgrade request timeout"));
   }
@@ -230,6 +234,7 @@ void SerialUpdate::Prepare() {
   if (link_.device) link_.device->clear_recv_buffer_ = true;
   state_.ota_clock->SleepFor(kBufferCleared);
   state_.ota_validation_type = kUnknownValidation;
+  state_.ota_upgrade_result = 0;
 }
 
 void SerialUpdate::FindValidationType() {
@@ -247,6 +252,13 @@ bool SerialUpdate::RequestUpgrade(std::uint32_t size) {
     if (AttemptUpgrade(size)) return true;
   }
   return false;
+}
+
+/// Nothing if the hand was silent. A refusal is reported and told as silence is, and recorded
+/// first, which is what counts.
+void SerialUpdate::RecordRefusedUpgrade() {
+  const std::uint32_t status = state_.ota_upgrade_result;
+  if (status != 0) link_.Record(FailureKind::REFUSED, UpgradeRefusedLine(status));
 }
 
 bool SerialUpdate::AttemptUpgrade(std::uint32_t size) {
@@ -422,6 +434,12 @@ bool SerialUpdate::Restart() {
   if (!state_.HasCallback()) {
     LogInfo("[INFO]: [UpdateFirmware] OTA restart [OK], device will restart");
     LogInfo("[INFO]: [UpdateFirmware] Waiting for device to restart...");
+  }
+  // The update ends as usual, but the hand goes on with the firmware that it runs.
+  const std::uint32_t status = state_.ota_restart_result;
+  if (status != 0) {
+    link_.Record(FailureKind::REFUSED,
+                 Compose("the hand refuses to restart, with status ", status));
   }
   state_.ota_clock->SleepFor(kRestarting);
   return true;

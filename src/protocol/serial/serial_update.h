@@ -57,6 +57,7 @@ class SerialUpdate {
   bool Load(const std::string& path, std::uint32_t& size);
   void Prepare();
   bool RequestUpgrade(std::uint32_t size);
+  void RecordRefusedUpgrade();
   bool AttemptUpgrade(std::uint32_t size);
   bool AwaitUpgradeReply();
   bool ReconnectAfter(int attempt);
