@@ -65,6 +65,8 @@ bool UsbSerialDevice::Reconnect() {
     return true;
   } catch (const std::exception& error) {
     running_ = false;
+    counters_.link_lost = true;
+    ClosePort();  // which is open if it was the thread that couldn't start
     LogError(Compose("[USB] Reconnect failed: ", error.what()));
     return false;
   }

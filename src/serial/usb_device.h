@@ -50,7 +50,8 @@ class UsbSerialDevice : public serial::Serial, public ObservableLink {
   void Init();
 
   /// Closes the port, waits 2 s for the device to come back under its name, and opens it again.
-  /// False, with a line on the standard error stream, if it didn't: the port is then closed.
+  /// False, with a line on the standard error stream, if it didn't: the port is then closed, and
+  /// the link counts as lost until a later one succeeds.
   bool Reconnect();
 
   /// Ends the receive thread, and with it all calls of the callback. Called by the owner before it

@@ -396,8 +396,10 @@ TEST_F(UsbDevice, AReconnectThatFailsLeavesThePortClosedUntilOneSucceeds) {
   EXPECT_THAT(err_.Text(), ContainsRegex("\\[USB\\] Reconnect failed: IO Exception \\(2\\).+\n"));
   EXPECT_FALSE(device_.running_);
   EXPECT_FALSE(device_.isOpen());
+  EXPECT_TRUE(device_.counters_.link_lost);
   EXPECT_THROW(write(), serial::PortNotOpenedException);
   EXPECT_TRUE(ReconnectAndMeanwhile([this] { line_.Plug(); }));
+  EXPECT_FALSE(device_.counters_.link_lost);
   EXPECT_EQ(device_.recv_buffer_pos_, 0U);
   EXPECT_EQ(device_.filter_device_id_, kAnyDeviceId) << "nothing has decided yet";
   line_.Write(Bytes(kPosition.begin() + 7, kPosition.end()));
@@ -412,6 +414,7 @@ TEST_F(UsbDevice, KeepsItsPortForItselfButNotWhileItReconnects) {
   device_.Init();
   EXPECT_THROW(open_again(), serial::IOException);
   EXPECT_FALSE(ReconnectAndMeanwhile([&] { other = open_again(); }));
+  EXPECT_TRUE(device_.counters_.link_lost);
   EXPECT_THAT(err_.Text(),
               ContainsRegex("Reconnect failed: .+ the port is in use by another hand"));
   other.reset();
