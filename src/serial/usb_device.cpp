@@ -371,8 +371,8 @@ void UsbSerialDevice::KeepNewest(std::size_t count) {
 
 void UsbSerialDevice::PrintFrame(const std::uint8_t* data, std::size_t size, bool is_send) const {
   if (!print_frames_) return;
-  LogInfo(Compose(FormatTimestamp(system_clock::now()),
-                  is_send ? " SND: " : " RCV: ", HexBytes(data, size)));
+  LogDetail(Compose(FormatTimestamp(system_clock::now()),
+                    is_send ? " SND: " : " RCV: ", HexBytes(data, size)));
 }
 
 void UsbSerialDevice::DebugDumpRecvBuffer(std::size_t max_bytes) {

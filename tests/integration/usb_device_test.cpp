@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "korvane_log.h"
 #include "support/capture.h"
 #include "support/process_resources.h"
 #include "support/pseudo_terminal.h"
@@ -466,6 +467,11 @@ TEST_F(UsbDevice, PrintsFramesAndTheBufferOnDemand) {
   const std::string time = "\\[[0-9]{4}(-[0-9]{2}){2} [0-9]{2}(:[0-9]{2}){2}\\.[0-9]{6}\\] ";
   device_.WriteRaw(kPing.data(), kPing.size());
   EXPECT_THAT(out_.Text(), ContainsRegex("^" + time + "SND: ee aa 01 00 01 09 fd b3 \n$"));
+  LogLevel level = LogLevel::INFO;
+  SetLogSink([&level](LogLevel of_line, std::string_view) { level = of_line; });
+  device_.WriteRaw(kPing.data(), kPing.size());
+  SetLogSink({});
+  EXPECT_EQ(level, LogLevel::DETAIL) << "as over CAN";
   device_.Init();
   line_.Write(kPing);
   EXPECT_EQ(Next(), kPingFrame);
