@@ -161,11 +161,19 @@ class HandUpdate : public testing::TestWithParam<Model> {
     SetFaults({{kind, child, status}});
   }
 
+  /// The failure of an update is the line that told it.
+  void ExpectFailureAsTold() const {
+    const Failure failure = LastFailure(*hand_);
+    if (failure.kind == FailureKind::NONE || !model_.any_family) return;  // a Quill's tells nothing
+    EXPECT_THAT(Written().err, testing::HasSubstr(failure.text + "\n"));
+  }
+
   /// What the callback hears of an update; what is written meanwhile is in Written().
   std::string UpdateFrom(const std::string& path, bool with_callback = true) {
     while (sniffer_->Receive(0ns)) {
     }
     runner_.Run(*hand_, clock_, path, with_callback);
+    if (!with_callback) ExpectFailureAsTold();
     return runner_.Outcome().reports;
   }
   std::string Update(std::size_t size = kThreePackets, bool with_callback = true) {
@@ -323,6 +331,21 @@ TEST_P(HandUpdate, AStatusIsARefusalWhateverItsNumberIs) {
     SetFaults({{Kind::kStatus, child, 0xFFFFFFFC, child == Child::kPacket ? 2U : 0U}});
     Update();
     EXPECT_EQ(LastFailure(*hand_).kind, FailureKind::REFUSED) << static_cast<int>(child);
+  }
+}
+
+/// What is written doesn't tell one from another.
+TEST_P(HandUpdate, AnUpgradeRequestThatDoesNotGoOutIsNoSilentHand) {
+  const std::tuple<bool, bool, FailureKind> links[] = {{true, true, FailureKind::NO_REPLY},
+                                                       {true, false, FailureKind::SEND_FAILED},
+                                                       {false, false, FailureKind::NO_LINK}};
+  for (const auto& [opens, sends, kind] : links) {
+    const test::Rig<KorvaneBase> rig(kId, HandType::RIGHT, opens, model_.hand.make);
+    if (!sends) rig.device->script = test::CantSend();
+    test::VirtualClock clock(1);
+    dynamic_cast<CanUpdateState&>(*rig.hand).ota_clock = &clock;
+    runner_.Run(*rig.hand, clock);
+    EXPECT_STREQ(ToString(LastFailure(*rig.hand).kind), ToString(kind));
   }
 }
 

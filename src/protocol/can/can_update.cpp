@@ -81,8 +81,14 @@ void CanUpdate::ReportOrLogStage(OtaProgressStatus status, const std::string& li
   if (!state_.Report(0, status)) log_.LogStage(line);
 }
 
+/// The line of a failure; a text of its own where a model writes none.
+std::string CanUpdate::FailureLine(const std::string& text) const {
+  if (!log_.LogsAnything()) return "firmware update:" + text;
+  return Compose("[ERROR][", rules_.class_name, "][UpdateFirmware]", text);
+}
+
 void CanUpdate::ReportOrLogFailure(FailureKind kind, int code, const std::string& text) const {
-  RecordFailure(link_.diagnostics, kind, "firmware update:" + text);
+  RecordFailure(link_.diagnostics, kind, FailureLine(text));
   if (!state_.ReportFailure(code)) log_.LogFailure("UpdateFirmware", text);
 }
 
@@ -92,29 +98,40 @@ void CanUpdate::ReportOrLogStatus(const std::string& what, std::uint32_t status)
 
 void CanUpdate::ReportAndLogRefusal(std::uint32_t status) const {
   const std::string text = Compose(" Upgrade request rejected, error code: ", status);
-  RecordFailure(link_.diagnostics, FailureKind::REFUSED, "firmware update:" + text);
+  RecordFailure(link_.diagnostics, FailureKind::REFUSED, FailureLine(text));
   log_.LogFailure("UpdateFirmware", text);
   log_.LogStatusMeaning(kUpgradeChild, status);
   if (rules_.reports_refusal) state_.ReportFailure(static_cast<int>(status));
 }
 
-void CanUpdate::ReportAndLogNoReply() const {
-  RecordFailure(link_.diagnostics, FailureKind::NO_REPLY,
-                "firmware update: the hand doesn't answer the upgrade request");
+void CanUpdate::ReportAndLogNoReply(bool asked) const {
+  RecordNoReply(asked);
   log_.LogNoReply();
   if (rules_.reports_no_reply) state_.ReportFailure(kNoReplyCode);
+}
+
+/// One line tells of a hand that was asked in vain and of a link that took no request.
+void CanUpdate::RecordNoReply(bool asked) const {
+  const char* text =
+      asked ? " the hand doesn't answer the upgrade request" : " the upgrade request can't be sent";
+  if (log_.LogsAnything()) text = rules_.wording->no_reply;
+  const std::string line = FailureLine(text);
+  if (asked) return RecordFailure(link_.diagnostics, FailureKind::NO_REPLY, line);
+  RecordFailure(link_.diagnostics, link_.SendError(line), line);
 }
 
 // --- The file and the upgrade request -------------------------------------------------------
 
 bool CanUpdate::LoadPackets(const std::string& path, std::size_t& file_size) {
+  std::string failure = "firmware update: no image in " + path;
   file_size = state_.ReportOrLogLoad(path, [&](int error_code) {
     const bool missing = error_code == kCannotOpenFirmware;
-    log_.LogFailure("UpdateFirmware", missing ? " Failed to read " + path : " File is empty");
+    const std::string text = missing ? " Failed to read " + path : " File is empty";
+    log_.LogFailure("UpdateFirmware", text);
+    failure = FailureLine(text);
   });
   if (file_size == 0) {
-    RecordFailure(link_.diagnostics, FailureKind::BAD_ARGUMENT,
-                  "firmware update: no image in " + path);
+    RecordFailure(link_.diagnostics, FailureKind::BAD_ARGUMENT, failure);
     state_.ClearCallback();
     return false;
   }
@@ -132,16 +149,17 @@ bool CanUpdate::RequestUpgrade(std::size_t file_size) {
   ReportOrLogStage(OtaProgressStatus::REQUESTING_UPGRADE,
                    "[INFO]: [UpdateFirmware] Sending upgrade request (0x01)...");
   const CanfdFrame upgrade = sender_.UpgradeFrame(file_size);
+  bool sent = false;
   try {
-    link_.Send(upgrade);
+    sent = link_.Send(upgrade) != -1;
   } catch (const std::exception& error) {
     const std::string text = Compose(" Failed to send upgrade request: ", error.what());
-    RecordFailure(link_.diagnostics, error, "firmware update:" + text);
+    RecordFailure(link_.diagnostics, error, FailureLine(text));
     log_.LogFailure("UpdateFirmware", text);
     return false;
   }
   state_.ota_clock->SleepFor(kAfterFirstUpgrade);
-  return AwaitAcceptance(upgrade);
+  return AwaitAcceptance(upgrade, sent);
 }
 
 /// Where the receive thread sends the first packet, its request has already replaced the status.
@@ -150,7 +168,8 @@ bool CanUpdate::IsAccepted() const {
   return state_.ota_status == 0 && state_.ota_child_id == kUpgradeChild;
 }
 
-bool CanUpdate::AwaitAcceptance(const CanfdFrame& upgrade) {
+/// `sent` tells whether the first request went out.
+bool CanUpdate::AwaitAcceptance(const CanfdFrame& upgrade, bool sent) {
   for (int attempt = 0; attempt < kUpgradeAttempts;) {
     if (IsAccepted()) return true;
     const std::uint32_t status = state_.ota_status;
@@ -165,20 +184,23 @@ bool CanUpdate::AwaitAcceptance(const CanfdFrame& upgrade) {
     } else if (attempt > kSilentAttempts) {
       log_.LogRetry(status, child);
     }
-    ResendOrLog(upgrade, attempt);
+    if (ResendOrLog(upgrade, attempt)) sent = true;
     if (++attempt < kUpgradeAttempts) state_.ota_clock->SleepFor(can_pacing::kPoll);
   }
-  ReportAndLogNoReply();
+  ReportAndLogNoReply(sent);
   return false;
 }
 
-void CanUpdate::ResendOrLog(const CanfdFrame& upgrade, int attempt) const {
+/// Whether the request went out.
+bool CanUpdate::ResendOrLog(const CanfdFrame& upgrade, int attempt) const {
   try {
-    link_.Send(upgrade);
+    const bool sent = link_.Send(upgrade) != -1;
     log_.LogStage(
         Compose("[DEBUG]: [UpdateFirmware] Sent UPGRADE request (attempt ", attempt, ")"));
+    return sent;
   } catch (const std::exception& error) {
     log_.LogFailure("UpdateFirmware", Compose(" Failed to resend upgrade request: ", error.what()));
+    return false;
   }
 }
 
@@ -304,12 +326,14 @@ void CanUpdate::QueryResult() {
       RecordFailure(link_.diagnostics, FailureKind::REFUSED,
                     Compose("the hand answers with status ", status));
     } catch (const std::exception& error) {
-      log_.LogWarning("GetUpgradeResult", Compose("[retry:", attempt, "/10] ", error.what()));
+      log_.LogWarning("GetUpgradeResult",
+                      Compose("[retry:", attempt, "/", kResultTries, "] ", error.what()));
       RecordFailure(link_.diagnostics, error, error.what());
     }
     if (attempt < kResultTries) state_.ota_clock->SleepFor(rules_.result_query.pause);
   }
-  log_.LogFailure("GetUpgradeResult", " Failed to get upgrade result after 10 retries");
+  log_.LogFailure("GetUpgradeResult",
+                  Compose(" Failed to get upgrade result after ", kResultTries, " retries"));
 }
 
 }  // namespace talvera::korvane

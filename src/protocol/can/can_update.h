@@ -46,9 +46,9 @@ class CanUpdate {
   bool Attempt(const std::string& path);
   bool LoadPackets(const std::string& path, std::size_t& file_size);
   bool RequestUpgrade(std::size_t file_size);
-  bool AwaitAcceptance(const CanfdFrame& upgrade);
+  bool AwaitAcceptance(const CanfdFrame& upgrade, bool sent);
   bool IsAccepted() const;
-  void ResendOrLog(const CanfdFrame& upgrade, int attempt) const;
+  bool ResendOrLog(const CanfdFrame& upgrade, int attempt) const;
   bool IsStillAccepted(std::uint32_t status) const;
   bool AwaitTransmission();
   bool IsForFallback(std::uint32_t status) const;
@@ -60,7 +60,9 @@ class CanUpdate {
   void ReportOrLogFailure(FailureKind kind, int code, const std::string& text) const;
   void ReportOrLogStatus(const std::string& what, std::uint32_t status) const;
   void ReportAndLogRefusal(std::uint32_t status) const;
-  void ReportAndLogNoReply() const;
+  void ReportAndLogNoReply(bool asked) const;
+  void RecordNoReply(bool asked) const;
+  std::string FailureLine(const std::string& text) const;
   void ReportOrLogReconnected(const VendorInfo& info) const;
   void ReportOrLogNotReconnected() const;
 
