@@ -52,12 +52,13 @@ std::string FinishFailedLine(std::uint32_t status) {
 
 }  // namespace
 
+/// Firmware behind 1.0.0 and its builds, up to 15.0.0.0, has CRC-16/MODBUS; what is older or newer
+/// has CRC-16/XMODEM.
 std::uint8_t ValidationTypeOf(const Version& firmware) {
-  if (firmware.major > 15) return 0;
-  if (firmware.major == 15)
-    return firmware.minor == 0 && firmware.patch == 0 && firmware.build == 0;
-  const bool first = firmware.major == 1 && firmware.minor == 0 && firmware.patch == 0;
-  return firmware.major == 0 || first ? 0 : 1;
+  const auto [major, minor, patch, build] = firmware;
+  const bool before = major == 0 || (major == 1 && minor == 0 && patch == 0);
+  const bool after = major > 15 || (major == 15 && (minor != 0 || patch != 0 || build != 0));
+  return before || after ? kXmodemValidation : kModbusValidation;
 }
 
 SerialUpdate::SerialUpdate(SerialUpdateState& state, SerialLink& link, const Korvane& hand)
@@ -66,8 +67,8 @@ SerialUpdate::SerialUpdate(SerialUpdateState& state, SerialLink& link, const Kor
 // --- Frames ---------------------------------------------------------------------------------
 
 SerialFrameCrcType SerialUpdate::Trailer() const {
-  return state_.ota_validation_type != 0 ? SerialFrameCrcType::kCrc16Modbus
-                                         : SerialFrameCrcType::kCrc16Ccitt;
+  return state_.ota_validation_type == kXmodemValidation ? SerialFrameCrcType::kCrc16Ccitt
+                                                         : SerialFrameCrcType::kCrc16Modbus;
 }
 
 bool SerialUpdate::Write(ServiceCommand command, const ServicePayload& payload,
@@ -90,9 +91,9 @@ bool SerialUpdate::SendPackage(const FirmwarePacket& packet) {
     const MutexLock lock(state_.ota_mutex);
     state_.ota_current_package = packet;
   }
-  const std::uint16_t crc = state_.ota_validation_type != 0
-                                ? Crc16Modbus(packet.data(), packet.size())
-                                : Crc16Xmodem(packet.data(), packet.size());
+  const std::uint16_t crc = state_.ota_validation_type == kXmodemValidation
+                                ? Crc16Xmodem(packet.data(), packet.size())
+                                : Crc16Modbus(packet.data(), packet.size());
   state_.ota_package_acked = false;
   state_.ota_status = kWaitingResponse;
   bool sent =

@@ -9,11 +9,13 @@
 
 namespace talvera::korvane {
 
-/// It isn't known yet which checksum the hand's firmware uses.
+/// Which checksum guards packets and update frames, by the number that a line tells.
+inline constexpr std::uint8_t kXmodemValidation = 0;
+inline constexpr std::uint8_t kModbusValidation = 1;
+/// It isn't known yet; taken for CRC-16/MODBUS.
 inline constexpr std::uint8_t kUnknownValidation = 255;
 
-/// Which checksum guards packets and update frames of a hand with that firmware: 0 is
-/// CRC-16/XMODEM, 1 is CRC-16/MODBUS.
+/// The one of a hand with that firmware.
 std::uint8_t ValidationTypeOf(const Version& firmware);
 
 /// What the two threads of an update over the serial link share. The receive thread only sets flags
