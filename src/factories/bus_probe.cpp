@@ -9,6 +9,7 @@
 #include "link/diagnostics.h"
 #include "protocol/can/can_identifier.h"
 #include "protocol/can/can_public_engine.h"
+#include "protocol/can/korvane_quill_can_impl.h"
 #include "util/guarded.h"
 #include "util/text.h"
 
@@ -265,7 +266,7 @@ CanfdFrame VendorQuery(std::uint32_t family, std::uint8_t id) {
 
 std::optional<VendorInfo> VendorRecordIn(const CanfdFrame& reply) {
   const bool quill = (reply.can_id & kFamilyMask) == Known(Model::QUILL).family;
-  VendorInfo vendor = LoadVendorInfo(reply, quill);
+  VendorInfo vendor = LoadVendorInfo(reply, quill && QuillRow::kModel.product_model_ends_at_nul);
   if (vendor.active_dof == 0 && PlainText(vendor.product_model).empty()) return std::nullopt;
   return vendor;
 }

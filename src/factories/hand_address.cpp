@@ -168,8 +168,7 @@ void ReadHand(std::string_view text, HandAddress& address) {
     if (!halves.tail) return;
     halves = CutAtColon(*halves.tail);
   } else if (!IsNumber(halves.head)) {
-    Refuse(Quoted(halves.head),
-           " is no model; expected brisa, tessel, quill, lumen, vanta or an id");
+    Refuse(Quoted(halves.head), " is no model; expected ", ModelNames(), " or an id");
   }
   address.id = static_cast<std::uint8_t>(ReadNumber(halves.head, "id", 1, kMaxHandId));
   if (halves.tail) Refuse(Quoted(*halves.tail), " behind the id; expected nothing more");

@@ -1,6 +1,7 @@
 #include "factories/known_models.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "util/text.h"
 
@@ -25,6 +26,20 @@ bool Names(std::string_view product_model, const KnownModel& known) {
 }
 
 }  // namespace
+
+std::vector<std::uint8_t> EveryId() {
+  std::vector<std::uint8_t> ids(kMaxHandId);
+  std::iota(ids.begin(), ids.end(), std::uint8_t{1});
+  return ids;
+}
+
+std::string ModelNames() {
+  std::string names;
+  for (const KnownModel& known : kKnownModels) {
+    names += (names.empty() ? "" : ", ") + std::string(known.name);
+  }
+  return names;
+}
 
 std::optional<Model> ModelNamed(std::string_view name) {
   for (const KnownModel& known : kKnownModels) {

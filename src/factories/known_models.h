@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "korvane_open.h"
 #include "util/models.h"
@@ -11,6 +12,12 @@
 namespace talvera::korvane {
 
 inline constexpr int kMaxHandId = 127;
+
+/// 1 to 127.
+std::vector<std::uint8_t> EveryId();
+
+/// "brisa, tessel" and so on, all of them.
+std::string ModelNames();
 
 /// The model of that name, in any case.
 std::optional<Model> ModelNamed(std::string_view name);

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <numeric>
 
 #include "can/hcan_device.h"
 #include "factories/asked_link.h"
@@ -162,12 +161,6 @@ Failure Named(Failure failure) {
 }
 
 }  // namespace
-
-std::vector<std::uint8_t> EveryId() {
-  std::vector<std::uint8_t> ids(kMaxHandId);
-  std::iota(ids.begin(), ids.end(), std::uint8_t{1});
-  return ids;
-}
 
 Outcome<Hand> OpenHand(const HandAddress& address) {
   const auto checked = HandAddress::Parse(address.ToString());

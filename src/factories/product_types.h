@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "korvane_open.h"
 #include "util/models.h"
 
 namespace talvera::korvane {
@@ -13,8 +14,5 @@ inline std::vector<std::uint8_t> ProductTypesFor(const HandAddress& address) {
   if (address.link != LinkKind::HCAN) return {CodeOf(Model::BRISA)};
   return {CodeOf(Model::BRISA), CodeOf(Model::TESSEL)};
 }
-
-/// 1 to 127.
-std::vector<std::uint8_t> EveryId();
 
 }  // namespace talvera::korvane

@@ -13,7 +13,7 @@
 
 #include "can/zlg_usbcanfd_device.h"
 #include "factories/bus_probe.h"
-#include "factories/product_types.h"
+#include "factories/known_models.h"
 #include "factories/serial_probe.h"
 #include "korvane_brisa.h"
 #include "korvane_lumen.h"
