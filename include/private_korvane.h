@@ -152,7 +152,8 @@ class KORVANE_EXPORT PrivateKorvane {
   /// KorvaneBrisa over CAN FD: what the word means is the device's matter. KorvaneLumen: one error
   /// at a time, the axis 1 to 4 plus 20 for each place of its bit: 3 is bit 0 of axis 3, 43 is
   /// bit 2. KorvaneBase::GetErrorReport takes it apart. Serial: bit 0 of the word for each axis,
-  /// axis 1 in bit 0, which shows all axes the same: 0 or 1023.
+  /// axis 1 in bit 0, which shows all axes the same: 0 or 1023; 0 after one line on the standard
+  /// output stream if the hand doesn't answer.
   virtual std::uint16_t GetErrorCode() const = 0;
 
   /// Clears the errors that the hand remembers.
