@@ -122,7 +122,8 @@ struct FindOptions {
   /// The kinds of links; all of them if empty. Of a kind that stands here FindResult::not_asked
   /// also says that the library of its adapters is missing.
   std::vector<LinkKind> links;
-  /// Serial ports to ask besides the USB ones, such as "/dev/ttyS0"; asked whatever `links` says.
+  /// Serial ports to ask besides the USB ones, such as "/dev/ttyS0"; asked whatever `links` says. A
+  /// USB one is asked under this name.
   std::vector<std::string> serial_ports;
   /// Bits per second on serial ports.
   int baud = 115200;
@@ -135,7 +136,8 @@ struct FindOptions {
   /// "can0", "zlg:0.1", "serial:/dev/ttyUSB0@115200". Of an address with an id only that id is
   /// asked; its model doesn't matter. Where they overlap, each id is asked once, and a hand that
   /// two of them lead to is found once: for the side of the place with its id, or else of the
-  /// first.
+  /// first. An adapter is named alike in all of them, by its index or by the same part of its
+  /// serial number; otherwise it counts as two.
   std::vector<HandAddress> places;
 };
 

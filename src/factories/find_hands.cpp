@@ -65,6 +65,14 @@ std::vector<FoundAdapter> HcanAdapters() {
   return adapters;
 }
 
+/// Whether both are on one link, also where a port is named by two paths.
+bool AreOnOneLink(HandAddress a, HandAddress b) {
+  for (HandAddress* const address : {&a, &b}) {
+    if (address->link == LinkKind::SERIAL) address->port = DeviceOf(address->port);
+  }
+  return LinkText(a) == LinkText(b);
+}
+
 class Finder {
  public:
   explicit Finder(const FindOptions& options)
@@ -138,9 +146,8 @@ class Finder {
         continue;
       }
       const auto id = std::exchange(place.id, std::nullopt);
-      auto same = std::find_if(links.begin(), links.end(), [&](const auto& link) {
-        return LinkText(link.first) == LinkText(place);
-      });
+      auto same = std::find_if(links.begin(), links.end(),
+                               [&](const auto& link) { return AreOnOneLink(link.first, place); });
       if (same == links.end()) same = links.insert(same, {place, Wanted()});
       same->second.insert(id);
     }
@@ -200,7 +207,10 @@ class Finder {
     std::vector<std::string> ports;
     const auto add = [&](const std::vector<std::string>& more) {
       for (const std::string& port : more) {
-        if (std::find(ports.begin(), ports.end(), port) == ports.end()) ports.push_back(port);
+        const bool known = std::any_of(ports.begin(), ports.end(), [&](const std::string& other) {
+          return DeviceOf(other) == DeviceOf(port);
+        });
+        if (!known) ports.push_back(port);
       }
     };
     add(options_.serial_ports);
@@ -248,7 +258,7 @@ class Finder {
   /// As the place says that names the hand, or else the first one on its link.
   HandType SideOf(const HandAddress& hand) const {
     for (const HandAddress& place : options_.places) {
-      if (place.id == hand.id && LinkText(place) == LinkText(hand)) return place.side;
+      if (place.id == hand.id && AreOnOneLink(place, hand)) return place.side;
     }
     return hand.side;
   }

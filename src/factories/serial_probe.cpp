@@ -85,6 +85,12 @@ Outcome<SerialAnswer> AskPort(const HandAddress& address, std::chrono::milliseco
   return answer;
 }
 
+std::string DeviceOf(const std::string& port) {
+  std::error_code error;
+  const fs::path device = fs::canonical(port, error);
+  return error ? port : device.string();
+}
+
 std::vector<std::string> UsbSerialPorts(const std::string& devices) {
   const fs::path root(devices);
   std::vector<fs::path> names = Names(root / "serial" / "by-id", "");

@@ -490,6 +490,26 @@ TEST_F(OnASerialPort, AHandIsFoundWhereItsPortIsNamed) {
   EXPECT_EQ(found.not_asked.back().system_error, ENOENT);
 }
 
+TEST_F(OnASerialPort, APortWithTwoNamesIsAskedOnce) {
+  Plug(sim::kBrisa, 5);
+  namespace fs = std::filesystem;
+  std::string folder = (fs::temp_directory_path() / "korvane-port-XXXXXX").string();
+  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  const std::string name = folder + "/hand";
+  fs::create_symlink(device_->Path(), name);
+  FindOptions ports;
+  ports.links = {LinkKind::SOCKET_CAN};
+  ports.serial_ports = {device_->Path(), name};
+  FindOptions places;
+  places.places = {*HandAddress::Parse(At("")), *HandAddress::Parse("serial:" + name)};
+  for (const FindOptions& options : {ports, places}) {
+    const FindResult found = FindAll(options, 1);
+    ASSERT_EQ(found.hands.size(), 1U);
+    EXPECT_EQ(found.hands[0].address.ToString(), At(":brisa:5"));
+  }
+  fs::remove_all(folder);
+}
+
 TEST(UsbSerialPorts, AreListedOnceAndByTheNameThatLasts) {
   namespace fs = std::filesystem;
   std::string folder = (fs::temp_directory_path() / "korvane-dev-XXXXXX").string();
