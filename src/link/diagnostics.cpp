@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "korvane.h"
@@ -185,6 +186,17 @@ OperationScope::OperationScope(const Korvane& hand, const char* name) : record_(
 
 OperationScope::~OperationScope() {
   if (record_ != nullptr) record_->End();
+}
+
+OperationAside::OperationAside(const HandDiagnostics& hand) : record_(hand.Record()) {
+  if (record_ == nullptr) return;
+  OperationRecord fresh;
+  fresh.hand = record_->hand;
+  kept_ = std::make_unique<OperationRecord>(std::exchange(*record_, std::move(fresh)));
+}
+
+OperationAside::~OperationAside() {
+  if (record_ != nullptr) *record_ = std::move(*kept_);
 }
 
 void OperationScope::Succeed() {

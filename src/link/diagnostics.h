@@ -3,9 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "korvane_diagnostics.h"
 
@@ -94,6 +96,32 @@ class OperationScope {
  private:
   diagnostics_internal::OperationRecord* record_;
 };
+
+/// Puts the calling thread's present operation on a hand aside while it lives, with those who watch
+/// it: what is called meanwhile is no part of it.
+class OperationAside {
+ public:
+  explicit OperationAside(const HandDiagnostics& hand);
+  ~OperationAside();
+  OperationAside(const OperationAside&) = delete;
+  OperationAside& operator=(const OperationAside&) = delete;
+
+ private:
+  diagnostics_internal::OperationRecord* record_;
+  std::unique_ptr<diagnostics_internal::OperationRecord> kept_;
+};
+
+/// A function of the application that an operation calls, and that may call others on the hand.
+/// Empty if it is.
+template <class... Arguments>
+std::function<void(Arguments...)> OutsideOperation(const HandDiagnostics& hand,
+                                                   std::function<void(Arguments...)> function) {
+  if (!function) return function;
+  return [&hand, function = std::move(function)](Arguments... arguments) {
+    const OperationAside aside(hand);
+    function(arguments...);
+  };
+}
 
 /// Records how the calling thread's present operation on the hand failed.
 void RecordFailure(const HandDiagnostics& hand, FailureKind kind, const std::string& text,

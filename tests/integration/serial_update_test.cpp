@@ -274,6 +274,24 @@ TEST_F(SerialUpdateRun, EndsAtWhatIsRefusedOrNotAnswered) {
   EXPECT_EQ(LastFailure(*hand_).text, "the hand refuses to restart, with status 6");
 }
 
+TEST_F(SerialUpdateRun, IsApartFromWhatItsCallbackAsksOfTheHand) {
+  const test::TemporaryFile image(test::FirmwareBytes(kThreePackets));
+  const test::StreamCapture out(stdout), err(stderr);
+  for (const bool refused : {false, true}) {
+    run_ = {};
+    if (refused) faults_ = {{{3, 0}, {{3, 6}}}};
+    const auto done = Checked(*hand_, [&](auto& hand) {
+      hand.UpdateFirmware(image.Path(), [&](int, int, OtaProgressStatus) {
+        const auto bad = Checked(hand, [](auto& h) { h.SetJointMotorPosi(99, 1); });
+        EXPECT_EQ(bad.failure().kind, FailureKind::BAD_ARGUMENT);
+      });
+    });
+    const FailureKind kind = refused ? FailureKind::REFUSED : FailureKind::NONE;
+    EXPECT_EQ(done.failure().kind, kind);
+    EXPECT_EQ(LastFailure(*hand_).kind, kind);
+  }
+}
+
 // A reply that comes in pieces keeps them all, also when the buffer was to be forgotten before.
 TEST_F(SerialUpdateRun, InstallsTheImageByEventsToo) {
   SetReceiving(*hand_, Receiving::BY_EVENTS);

@@ -36,7 +36,7 @@ CanUpdate::CanUpdate(const UpdateRules& rules, CanUpdateState& state, const CanL
 
 void CanUpdate::Run(const std::string& path, ProgressCallback callback) {
   OperationScope operation(link_.diagnostics, "UpdateFirmware");
-  state_.SetCallback(std::move(callback));
+  state_.SetCallback(OutsideOperation(link_.diagnostics, std::move(callback)));
   state_.ota_use_modbus_crc = true;
   const bool done = Attempt(path);
   // A hand that restarts leaves requests unanswered, which is no failure of the update.

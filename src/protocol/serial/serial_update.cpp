@@ -181,7 +181,7 @@ void SerialUpdate::ReportOrLogFailureAndKeepCallback(FailureKind kind, int code,
 
 void SerialUpdate::Run(const std::string& path, ProgressCallback callback) {
   auto operation = link_.Operation("UpdateFirmware");
-  state_.SetCallback(std::move(callback));
+  state_.SetCallback(OutsideOperation(link_.diagnostics, std::move(callback)));
   try {
     Attempt(path, operation);
   } catch (const std::exception& error) {
