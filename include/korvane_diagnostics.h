@@ -55,8 +55,7 @@ KORVANE_EXPORT std::string AdviceOn(const Failure& failure);
 /// if this thread has called none. Making a hand whose link can't be opened counts as an operation
 /// of the thread that made it. An operation that is made of others, such as GetAllJointAngles,
 /// counts as one, and its first failure tells; one that the callback of an update calls counts by
-/// itself, but on the service interface as a part of the update. Any thread; the hand must still
-/// exist.
+/// itself. Any thread; the hand must still exist.
 KORVANE_EXPORT Failure LastFailure(const Korvane& hand);
 
 /// What has happened on a hand's link since the hand was made.

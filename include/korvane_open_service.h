@@ -33,12 +33,13 @@ struct ServiceHand {
 /// Requests of the service interface name no hand: all that have one take them for theirs. So it
 /// first looks for all hands of a CAN bus, as FindHands does, and refuses if several of them have a
 /// service interface. It can't look on a ZLG adapter on which this process has hands, which that
-/// would stop: see to it there that one hand alone takes the requests.
+/// would stop, and then opens nothing there: let them go first.
 ///
 /// | fails with | when |
 /// |---|---|
 /// | what OpenHand fails with | the hand doesn't answer, isn't that model, or is one of several |
 /// | NOT_SUPPORTED | the model has no service interface (ModelInfo::has_service) |
+/// | NO_LINK | this process has hands on the ZLG adapter |
 /// | REFUSED | several hands would take the requests, or another one answers them |
 ///
 /// The operation of the failure is "OpenServiceHand". Takes nine tenths of a second longer than

@@ -37,7 +37,7 @@ Hand Make(const HandAddress& where) {
 }
 
 /// Before the hand is open, since the search leaves alone a ZLG adapter on which this process has
-/// hands. If it has any already, nothing is found there and nothing refused.
+/// hands. Where it has any already the check can't be made, and nothing is opened on a guess.
 Outcome<void> CheckOneOnBus(const HandAddress& address) {
   if (address.link == LinkKind::SERIAL) return {};
   FindOptions options;
@@ -49,7 +49,8 @@ Outcome<void> CheckOneOnBus(const HandAddress& address) {
   int count = 0;
   const FindResult all = FindHands(options);
   for (const Failure& failure : all.not_asked) {
-    if (failure.kind == FailureKind::REFUSED) return failure;  // hands that share an id
+    const bool share_an_id = failure.kind == FailureKind::REFUSED;
+    if (share_an_id || address.link == LinkKind::ZLG) return failure;
   }
   for (const FoundHand& found : all.hands) {
     if (!InfoOf(found.model).has_service) continue;

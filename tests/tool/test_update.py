@@ -77,8 +77,8 @@ def test_updates_and_reads_the_version_back(make_sim, image, link):
         ("zlg", ["--update-status=upgrade:3"], 1, 3, "took no packet", "status 3"),
         ("hcan", ["--update-status=packet:1@3"], 1, -7, "took 2 of 20", "file isn't for this hand"),
         ("zlg", ["--update-status=finish:9"], 1, 9, "took 20 of 20", "status 9"),
-        ("serial", ["--update-status=upgrade:3"], 1, -4, "took no packet", "once more"),
-        ("serial", ["--update-status=restart:2"], 1, None, "the whole image", "The hand refused"),
+        ("serial", ["--update-status=upgrade:3"], 1, -4, "took no packet", "The hand refused"),
+        ("serial", ["--update-status=restart:2"], 1, None, "the whole image", "refuses to restart"),
         ("serial", ["--serial-unplug-after=60"], 3, None, "of 20 packets", "once more"),
     ],
 )

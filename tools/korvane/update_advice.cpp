@@ -10,6 +10,8 @@ namespace {
 
 using talvera::korvane::OtaProgressStatus;
 
+/// The serial link reports so a hand that refused, too; what was recorded tells the two apart.
+constexpr int kNotAcknowledged = -4;
 constexpr int kBadChecksum = -7;
 /// A check that failed is reported as this status of the hand when the update ends.
 constexpr int kBadChecksumAtEnd = 1;
@@ -25,7 +27,7 @@ constexpr std::array<CodeRow, 7> kByCode{{
      "another one."},
     {-2, "Nothing was sent: the file can't be opened any more. Check its path and permissions."},
     {-3, "Nothing was sent: the file is empty or can't be read any more. Get it once more."},
-    {-4,
+    {kNotAcknowledged,
      "The hand didn't acknowledge the request. Switch it off and on, look with `korvane info`, "
      "and update once more."},
     {-5,
@@ -112,10 +114,16 @@ std::string StateOfHand(const UpdateState& state) {
 }
 
 std::string WhatToDo(const UpdateState& state, FailureKind kind) {
+  const bool refused = kind == FailureKind::REFUSED;
+  if (refused && state.complete) {
+    return "The hand holds the image and refuses to restart. Switch it off and on and look at its "
+           "version with `korvane info`.";
+  }
+  const bool tells_more = refused && state.code == kNotAcknowledged;
   const auto code = std::find_if(kByCode.begin(), kByCode.end(),
                                  [&](const CodeRow& row) { return row.code == state.code; });
-  if (code != kByCode.end()) return code->advice;
-  if (state.code != 0) {
+  if (code != kByCode.end() && !tells_more) return code->advice;
+  if (state.code != 0 && !tells_more) {
     return fmt::format(
         "The hand refused with status {}. Check that the file is for this model and "
         "hardware, switch the hand off and on, and update once more.",

@@ -79,7 +79,7 @@ void ServiceUpdate::OnResponse(std::uint8_t child, std::uint32_t status) {
 /// Clears the callback at every end.
 void ServiceUpdate::Run(const std::string& path, ProgressCallback callback) {
   OperationScope operation(link_.diagnostics, "UpdateFirmware");
-  state_.SetCallback(std::move(callback));
+  state_.SetCallback(OutsideOperation(link_.diagnostics, std::move(callback)));
   const bool done = Attempt(path);
   if (done) Reconnect();
   state_.ClearCallback();
