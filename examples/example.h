@@ -25,14 +25,16 @@ inline int Explain(const kv::Failure& failure) {
   return EXIT_FAILURE;
 }
 
+[[noreturn]] inline void EndWithUsage(const char* usage) {
+  std::fprintf(stderr, "usage: %s\n", usage);
+  std::exit(2);
+}
+
 /// Checks that the arguments are there, switches the library's own lines off, as Explain tells what
 /// matters, and has hands receive by events: as ever they take a core each on SocketCAN, and lose
 /// replies that come early on a serial port, as they do where the machine is busy.
 inline void Begin(int argc, int arguments, const char* usage) {
-  if (argc <= arguments) {
-    std::fprintf(stderr, "usage: %s\n", usage);
-    std::exit(2);
-  }
+  if (argc <= arguments) EndWithUsage(usage);
   kv::SetLogSink(kv::SilentLog());
   kv::SetDefaultReceiving(kv::Receiving::BY_EVENTS);
 }

@@ -16,9 +16,21 @@ namespace {
 namespace kv = talvera::korvane;
 using examples::Explain;
 
+constexpr const char* kUsage = "first_motion ADDRESS [SECONDS]";
+constexpr double kMostSeconds = 3600;
+
 /// How far each motor closes, in parts of its range.
 constexpr double kPoses[] = {0.0, 0.5, 0.9, 0.2};
 constexpr int kPoseCount = 4;
+
+/// Ends the program unless the whole text is a number of seconds.
+double SecondsIn(const char* text) {
+  char* end = nullptr;
+  const double seconds = std::strtod(text, &end);
+  const bool is_number = end != text && *end == '\0';
+  if (!is_number || !(seconds >= 0 && seconds <= kMostSeconds)) examples::EndWithUsage(kUsage);
+  return seconds;
+}
 
 void Move(kv::KorvaneBase& hand, int step) {
   const kv::ModelInfo& model = examples::InfoOf(hand);
@@ -41,8 +53,8 @@ kv::Outcome<std::vector<short>> MakeStep(kv::KorvaneBase& hand, int step,
 }  // namespace
 
 int main(int argc, char** argv) {
-  examples::Begin(argc, 1, "first_motion ADDRESS [SECONDS]");
-  const std::chrono::duration<double> time(argc > 2 ? std::atof(argv[2]) : 0.7);
+  examples::Begin(argc, 1, kUsage);
+  const std::chrono::duration<double> time(argc > 2 ? SecondsIn(argv[2]) : 0.7);
   const auto opened = examples::Open(argv[1]);
   if (!opened) return Explain(opened.failure());
   kv::KorvaneBase& hand = **opened;

@@ -153,6 +153,7 @@ std::optional<Step> CommandGate::Walk(Instant now, Seconds dt) {
   Expire(now);
   if (arming_ != Arming::ARMED || setpoint_.empty()) return std::nullopt;
   const double reach = RulesOf(space_).speed * dt.count();
+  if (std::isnan(reach)) return std::nullopt;  // it would hold nothing back
   for (std::size_t i = 0; i < setpoint_.size(); ++i) {
     setpoint_[i] += std::clamp(targets_[i] - setpoint_[i], -reach, reach);
   }

@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 
+#include "common/number_options.h"
 #include "common/standard_streams.h"
 
 namespace korvane_ros2 {
@@ -24,6 +25,9 @@ Examples:
   korvane-ros2 -H can0:brisa:1
   korvane-ros2 -H can0:brisa:1 -H "can1:brisa:1?side=left" --allow-commands
   korvane-ros2 -H zlg:0.0:tessel:2=/arm/hand)";
+
+const CLI::Validator kFinite(korvane_common::NeedFinite, "");
+const CLI::Validator kDecimal(korvane_common::NeedDecimal, "");
 
 /// As the command line has it.
 struct Given {
@@ -57,9 +61,11 @@ void AddHandOptions(CLI::App& app, Given& given, Options& options) {
       ->type_name("ADDRESS[=/NAMESPACE]")
       ->allow_extra_args(false);
   app.add_option("--rate", options.rate, "Cycles in a second: readings, and commands to the hand")
+      ->transform(kFinite)
       ->check(CLI::Range(1.0, 100.0))
       ->capture_default_str();
   app.add_option("--timeout", options.timeout_ms, "How long a reply is waited for, in ms")
+      ->transform(kDecimal)
       ->check(CLI::Range(10, 1000))
       ->type_name("MS");
   app.add_option("--joint-prefix", given.prefix,
@@ -79,11 +85,13 @@ void AddCommandOptions(CLI::App& app, Given& given, Options& options) {
                "Bring values beyond the limits within, instead of refusing the command")
       ->group(kGroup);
   app.add_option("--max-speed", options.joint_speed, "Greatest speed of a joint, in rad/s")
+      ->transform(kFinite)
       ->check(CLI::PositiveNumber)
       ->capture_default_str()
       ->group(kGroup);
   app.add_option("--max-motor-speed", options.motor_speed,
                  "Greatest speed of a motor by motor_commands, in units/s")
+      ->transform(kFinite)
       ->check(CLI::PositiveNumber)
       ->capture_default_str()
       ->group(kGroup);
@@ -98,7 +106,7 @@ void AddCommandOptions(CLI::App& app, Given& given, Options& options) {
 void AddNetworkOptions(CLI::App& app, Given& given, Options& options) {
   constexpr const char* kGroup = "Network";
   app.add_option("--domain", options.domain, "DDS domain; otherwise $ROS_DOMAIN_ID, or 0")
-      ->check(CLI::Range(0, 232))
+      ->check(CLI::Range(0, 232))  // "0x10" is as good, as ROS takes it, too
       ->envname("ROS_DOMAIN_ID")
       ->group(kGroup);
   app.add_flag("--local", options.is_local,

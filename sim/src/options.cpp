@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -153,6 +154,17 @@ void AddLinkOptions(CLI::App& app, Options& options) {
       ->check(CLI::Range(0, 1000000000));
 }
 
+/// CLI11's own lets "nan" through, which lies beyond no limit.
+CLI::Validator RealWithin(double least, double greatest) {
+  const CLI::Range range(least, greatest);
+  return CLI::Validator(
+      [range](const std::string& text) {
+        const bool is_nan = std::isnan(std::strtod(text.c_str(), nullptr));
+        return is_nan ? text + " is no number" : range(text);
+      },
+      range.get_description());
+}
+
 std::chrono::nanoseconds Milliseconds(double ms) {
   return std::chrono::nanoseconds(static_cast<std::int64_t>(ms * 1e6));
 }
@@ -161,12 +173,12 @@ void AddFaultOptions(CLI::App& app, Options& options) {
   const char* const group = "Faults";
   Faults& faults = options.faults;
   const auto add_share = [&](const char* name, double& value, const char* text) {
-    app.add_option(name, value, text)->check(CLI::Range(0.0, 1.0))->group(group);
+    app.add_option(name, value, text)->check(RealWithin(0.0, 1.0))->group(group);
   };
   const auto add_time = [&](const char* name, std::chrono::nanoseconds& value, const char* text) {
     app.add_option_function<double>(
            name, [&value](double ms) { value = Milliseconds(ms); }, text)
-        ->check(CLI::Range(0.0, 60000.0))
+        ->check(RealWithin(0.0, 60000.0))
         ->group(group);
   };
   add_share("--loss", faults.loss, "Share of frames that vanish");
@@ -189,14 +201,14 @@ void AddSerialFaultOptions(CLI::App& app, Options& options) {
   const auto add_time = [&](const char* name, const char* text, auto set) {
     app.add_option_function<double>(
            name, [set](double ms) { set(Milliseconds(ms)); }, text)
-        ->check(CLI::Range(0.0, 60000.0))
+        ->check(RealWithin(0.0, 60000.0))
         ->group(group);
   };
   app.add_option("--serial-junk", faults.junk, "Share of replies with noise before them")
-      ->check(CLI::Range(0.0, 1.0))
+      ->check(RealWithin(0.0, 1.0))
       ->group(group);
   app.add_option("--serial-bad-crc", faults.bad_checksum, "Share of replies with a wrong CRC")
-      ->check(CLI::Range(0.0, 1.0))
+      ->check(RealWithin(0.0, 1.0))
       ->group(group);
   app.add_flag("--serial-merge", faults.merge, "An upload comes in one piece with each reply")
       ->group(group);
@@ -232,7 +244,7 @@ void AddUpdateOptions(CLI::App& app, Options& options) {
   app.add_option_function<double>(
          "--restart-ms", [&firmware](double ms) { firmware.SetRestartTime(Milliseconds(ms)); },
          "How long a hand is silent while it restarts, default 2000")
-      ->check(CLI::Range(0.0, 600000.0))
+      ->check(RealWithin(0.0, 600000.0))
       ->group(kUpdateGroup);
 }
 

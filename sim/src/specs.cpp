@@ -52,7 +52,8 @@ HandSpec ParseHand(const std::string& text) {
   }
   const std::string id = colon < at ? text.substr(colon + 1, at - colon - 1) : "1";
   char* end = nullptr;
-  const unsigned long value = std::strtoul(id.c_str(), &end, 0);
+  const int base = id.rfind("0x", 0) == 0 ? 16 : 10;
+  const unsigned long value = std::strtoul(id.c_str(), &end, base);
   if (id.empty() || id[0] < '0' || id[0] > '9' || *end != '\0' || value < 1 || value > 127) {
     throw std::invalid_argument("'" + text + "' has no id of 1 to 127; write " + name + ":1 or " +
                                 name + ":0x27@0.1");

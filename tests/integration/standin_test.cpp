@@ -350,6 +350,8 @@ TEST_F(StandinTest, TheSimulatorServesAdaptersUnlessItHasASerialHandOnly) {
 TEST_F(StandinTest, AWrongOptionIsToldWithWhatWouldBeRight) {
   const std::vector<std::pair<std::vector<std::string>, const char*>> cases{
       {{"--los", "0.1"}, "did you mean --loss?"},
+      {{"--loss", "nan"}, "nan is no number"},
+      {{"--hand", "brisa:0200"}, "no id of 1 to 127"},
       {{"--loss", "2"}, "range 0"},
       {{"--duplicate", "2"}, "--duplicate: "},
       {{"--reorder", "2"}, "--reorder: "},

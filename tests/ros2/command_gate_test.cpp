@@ -145,6 +145,15 @@ TEST(CommandGate, WalksAtTheGreatestSpeedAndKeepsWhatIsNotNamed) {
   EXPECT_EQ(step->values, (std::vector<double>{15, 20})) << "from where the motors are";
 }
 
+TEST(CommandGate, ASpeedThatIsNoNumberMovesNothing) {
+  SpaceRules joints = Joints();
+  joints.speed = kNan;
+  CommandGate gate(joints, Motors(), Allowing());
+  gate.Measured({0.2, 0.2, 0.2}, {10, 20});
+  EXPECT_FALSE(gate.Take(ByName({"a"}, {0.9}), kStart));
+  EXPECT_FALSE(gate.Walk(kStart, Seconds(0.1)));
+}
+
 TEST(CommandGate, SilenceEndsMotionAndAnotherMayCommand) {
   CommandGate gate = Gate();
   const Command own = ByName({"a"}, {1});

@@ -259,6 +259,9 @@ def test_it_ends_when_it_is_told(setup, number):
     (["-H", "zlg:0.0"], 6, ""),
     (["-H", "zlg:0.0:brisa:1", "-H", "zlg:0.0:lumen:2"], 2, "two hands have the namespace /korvane/right"),
     (["-H", "zlg:0.0:brisa:1", "--rate", "101"], 2, "--rate"),
+    (["-H", "zlg:0.0:brisa:1", "--max-speed", "nan"], 2, "nan is no finite number"),
+    (["-H", "zlg:0.0:brisa:1", "--max-motor-speed", "inf"], 2, "inf is no finite number"),
+    (["-H", "zlg:0.0:brisa:1", "--timeout", "0x20"], 2, "0x20 is no whole number"),
     (["-H", "zlg:0.0:brisa:1=/9"], 2, "no namespace"),
     ([], 2, "which hand?"),
 ])

@@ -89,6 +89,25 @@ def test_wrong_turns_end_with_their_status_and_a_reason(sim, command, arguments,
         assert failure["status"] == status and text in failure["text"] and failure["kind"] != "NONE"
 
 
+@pytest.mark.parametrize(
+    "arguments",
+    ["move --to 0 --seconds", "move --to 0 --hold", "replay /dev/null --speed", "replay /dev/null --max-speed",
+     "record --rate", "record --seconds", "watch --seconds", "serve --rate"],
+)
+def test_a_number_that_is_not_finite_is_refused(sim, arguments):
+    for number in ("nan", "inf", "1e999"):
+        told = sim.korvane(*arguments.split(), number, "-H", sim.address("zlg"))
+        assert (told.status, told.out) == (2, "") and f"{number} is no finite number" in told.err
+
+
+def test_whole_numbers_are_decimal(sim):
+    for number in ("0x10", "1e2", "99999999999"):
+        told = sim.korvane("bench", "--count", number, "-H", sim.address("zlg"))
+        assert (told.status, told.out) == (2, "") and f"{number} is no whole number" in told.err
+    told = sim.korvane("bench", "--count", "010", "--json", "-H", sim.address("zlg"))
+    assert told.json["single_read"]["count"] == 10
+
+
 def test_a_hand_may_be_named_by_the_environment_and_an_option_goes_before_it(sim):
     lumen, vanta = sim.address("zlg", "lumen"), sim.address("zlg", "vanta")
     assert sim.korvane("info", "--json", KORVANE_HAND=lumen).json["id"] == 4

@@ -44,6 +44,8 @@ def test_report_tells_all_that_can_be_read(hands, link):
         ("lumen", ["set", "overload_time", 300], 2, "one byte"),
         ("serial", ["set", "overload_torque", 1001], 2, "0 to 1000"),
         ("zlg", ["set", "homing", -4096], 2, "-4095 to 4095"),
+        ("zlg", ["set", "upper_limit", "9" * 20], 2, "not " + "9" * 20),
+        ("zlg", ["set", "upper_limit", "0x10"], 2, "not 0x10"),
         ("zlg", ["set", "power", 0, "--axis", 1], 2, "single axes"),
         ("lumen", ["set", "lower_limit", 1, "--axis", 5], 2, "1 to 4"),
         ("lumen", ["set", "control_mode", 1], 2, "has no control_mode"),
@@ -55,6 +57,7 @@ def test_report_tells_all_that_can_be_read(hands, link):
         ("zlg", ["serial-number", "A"], 2, "--yes"),
         ("zlg", ["id", 5], 2, "--yes"),
         ("zlg", ["id", 128, "-y"], 2, "1 to 127"),
+        ("zlg", ["id", "0x05", "-y"], 2, "0x05"),
         ("zlg", ["id", 2, "-y"], 1, "a tessel answers under it"),
     ],
 )
@@ -72,7 +75,7 @@ def test_refuses_a_bus_where_several_hands_would_listen(sim):
 @pytest.mark.parametrize(
     "link, key, value, axis, read_back",
     [
-        ("zlg", "lower_limit", 100, 3, True),
+        ("zlg", "lower_limit", "0100", 3, True),
         ("serial", "upper_limit", 4000, 10, True),
         ("lumen", "upper_limit", 4000, 4, True),
         ("hcan", "current_threshold", 700, 2, True),
@@ -88,7 +91,7 @@ def test_sets_and_reads_back(hands, link, key, value, axis, read_back):
     only = [] if axis is None else ["--axis", axis]
     done = hands(link, "set", key, *only, "--json", "--save", value)
     assert done.status == 0, done.err
-    told = done.json
+    told, value = done.json, int(value)
     assert (told["value"], told["axis"], told["read_back"], told["saved"]) == (value, axis, read_back, True)
     if read_back:
         values = hands(link, "get", key, "--json").json["values"]

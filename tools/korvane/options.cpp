@@ -2,7 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <sstream>
+#include <type_traits>
 
+#include "common/number_options.h"
 #include "common/standard_streams.h"
 
 namespace korvane_tool {
@@ -27,6 +29,17 @@ class WholeHelp : public CLI::Formatter {
     return text;
   }
 };
+
+/// Before any check of its range.
+template <class Variable>
+void MindNumbers(CLI::Option& option) {
+  if constexpr (std::is_same_v<Variable, double>) {
+    option.transform(CLI::Validator(korvane_common::NeedFinite, ""));
+  } else if constexpr (std::is_same_v<Variable, int> ||
+                       std::is_same_v<Variable, std::optional<int>>) {
+    option.transform(CLI::Validator(korvane_common::NeedDecimal, ""));
+  }
+}
 
 }  // namespace
 
@@ -88,11 +101,11 @@ Option& Option::Group(const char* heading) {
 template <class Variable>
 Option Options::Add(const char* name, Variable& variable, const std::string& text) {
   CLI::Option* const option = app_->add_option(name, variable, text);
+  MindNumbers<Variable>(*option);
   if (!option->get_positional()) option->allow_extra_args(false);
   return Option(*option);
 }
 template Option Options::Add(const char*, int&, const std::string&);
-template Option Options::Add(const char*, long long&, const std::string&);
 template Option Options::Add(const char*, double&, const std::string&);
 template Option Options::Add(const char*, std::string&, const std::string&);
 template Option Options::Add(const char*, std::optional<int>&, const std::string&);

@@ -47,8 +47,8 @@ class Options {
  public:
   explicit Options(CLI::App& app) : app_(&app) {}
 
-  /// For int, long long, double, std::string, std::optional<int>, and std::vector<std::string>,
-  /// whose option is given once for each value.
+  /// For int, double, std::string, std::optional<int>, and std::vector<std::string>, whose option
+  /// is given once for each value. Whole numbers are in decimal digits, others finite.
   template <class Variable>
   Option Add(const char* name, Variable& variable, const std::string& text);
   Option AddFlag(const char* name, bool& variable, const char* text);

@@ -8,6 +8,7 @@
 
 #include "commands.h"
 #include "common/standard_streams.h"
+#include "common/whole_number.h"
 #include "confirm.h"
 #include "hand_id.h"
 #include "interrupt.h"
@@ -56,7 +57,7 @@ class Service : public Command {
       leaf.Add("key", key_, "Which setting").Required().Value("KEY");
       leaf.Footer(TableOfSettings());
     }
-    set.Add("value", value_, "What it becomes").Required().Value("VALUE");
+    set.Add("value", value_text_, "What it becomes").Required().Value("VALUE");
     set.Add("--axis", axis_, "Only of this axis; otherwise of all").Within(1, 20).Value("N");
     number.Add("text", text_, "The new one, of 1 to 19 characters").Value("TEXT");
     id.Add("id", id_, "The new one").Required().Within(1, 127).Value("ID");
@@ -121,12 +122,13 @@ class Service : public Command {
   int Set(Tool& tool) {
     const Setting& setting = SettingNamed(key_);
     NeedAxisFits(setting);
-    const std::string early = ProblemOf(tool.Address(), setting, value_);
-    if (!early.empty()) throw ToolError(kUsage, early);
+    const std::string problem = ProblemOf(tool.Address(), setting, value_text_);
+    if (!problem.empty()) throw ToolError(kUsage, problem);
+    value_ = *WholeNumberIn(value_text_, setting.min, setting.max);
     const ServiceHand hand = OpenService(tool);
     NeedSettable(hand, setting);
     for (const int axis : AxesToSet(hand, setting)) {
-      const auto written = Write(hand, setting, axis, static_cast<int>(value_));
+      const auto written = Write(hand, setting, axis, value_);
       if (!written) throw ToolError(Half(setting, axis, written.failure()));
     }
     const bool compared = CanRead(hand.address, setting);
@@ -397,7 +399,8 @@ class Service : public Command {
 
   std::vector<Leaf> leaves_;
   std::string key_;
-  long long value_ = 0;
+  std::string value_text_;
+  int value_ = 0;  ///< That of the text.
   int axis_ = 0;
   int id_ = 0;
   std::string text_;

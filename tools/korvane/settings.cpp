@@ -7,6 +7,8 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "common/whole_number.h"
+
 namespace korvane_tool {
 namespace {
 
@@ -174,10 +176,10 @@ int CountOf(Model model, const Setting& setting) {
   return setting.scope == Scope::HAND ? 1 : kv::InfoOf(model).positions;
 }
 
-std::string ProblemOf(const HandAddress& where, const Setting& setting, long long value) {
+std::string ProblemOf(const HandAddress& where, const Setting& setting, const std::string& value) {
   const bool is_cut = where.link != LinkKind::SERIAL && setting.max_on_can != 0;
   const int max = is_cut ? setting.max_on_can : setting.max;
-  if (value >= setting.min && value <= max) return "";
+  if (WholeNumberIn(value, setting.min, max)) return "";
   return fmt::format("{} is {} to {}{}, not {}", setting.key, setting.min, max,
                      is_cut ? " over CAN, which carries one byte of it" : "", value);
 }

@@ -53,8 +53,8 @@ bool Has(Model model, const Setting& setting);
 bool CanRead(const HandAddress& where, const Setting& setting);
 /// How many values a hand of that model has of it.
 int CountOf(Model model, const Setting& setting);
-/// Why a value can't be sent; empty if it can.
-std::string ProblemOf(const HandAddress& where, const Setting& setting, long long value);
+/// Why a value, in digits, can't be sent; empty if it can.
+std::string ProblemOf(const HandAddress& where, const Setting& setting, const std::string& value);
 
 /// Values as many as CountOf, or the failure.
 Outcome<Values> Read(const ServiceHand& hand, const Setting& setting);

@@ -77,7 +77,7 @@ int NumberAt(const std::string& path, const HandAddress& where, const Setting& s
              const Json& value) {
   const bool fits = value.is_number_integer() && value <= setting.max && value >= setting.min;
   const std::string problem =
-      fits ? ProblemOf(where, setting, value.get<int>())
+      fits ? ProblemOf(where, setting, value.dump())
            : fmt::format("{} is a whole number of {} to {}, not {}", setting.key, setting.min,
                          setting.max, value.dump());
   if (!problem.empty()) Refuse(path, problem);
