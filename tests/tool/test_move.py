@@ -55,7 +55,12 @@ def test_several_hands_move_in_one_command_or_none_does(sim):
         (BRISA, ["--motor", "11=5"], 2, "motors 1 to 10"),
         (BRISA, ["--motor", "1.5=5"], 2, "motors 1 to 10"),
         (BRISA, ["--motor", "1"], 2, "equals sign"),
+        (BRISA, ["--motor", "3=100", "--motor", "03=4000"], 2, "motor 3 is named twice"),
+        (BRISA, ["--joint", "thumb_1=0.1", "--joint", "thumb_1=0.2"], 2, "joint thumb_1 is named twice"),
         (BRISA, ["--gesture", "17"], 2, "gestures 0 to 16"),
+        (BRISA, ["--to", "gesture:2.9"], 2, "gestures 0 to 16"),
+        (BRISA, ["--to", "gesture:-0.5"], 2, "gestures 0 to 16"),
+        (BRISA, ["--to", "5", "--end", "gesture:nan"], 2, "gestures 0 to 16"),
         (BRISA, ["--joint", "index_flexion=2"], 2, "limits of index_flexion"),
         (BRISA, ["--joint", "index_distal=0.5"], 2, "coupled"),
         (BRISA, ["--joint", "elbow=0.5"], 2, "thumb_1"),
@@ -115,6 +120,8 @@ def test_a_recording_is_played_as_it_was(sim, tmp_path, form):
     for pair in ("1.5=2", "1=2.9", "0=1", "1=5", "11=1", "1"):
         refused = sim.korvane("replay", file, *lumen, "--map", pair)
         assert refused.status == 2 and "expected RECORDED=MOTOR" in refused.err, pair
+    refused = sim.korvane("replay", file, *lumen, "--map", "1=3,2=3")
+    assert refused.status == 2 and "motor 3 is named twice" in refused.err
 
 
 def test_a_worn_quill_is_played_on_a_brisa(sim, tmp_path):

@@ -1,7 +1,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <limits>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -27,13 +29,21 @@ std::pair<std::string, double> Assignment(const std::string& text) {
   return {text.substr(0, sign), *number};
 }
 
-std::size_t MotorIndex(const ModelInfo& model, const std::string& text) {
+int MotorNamed(const ModelInfo& model, const std::string& text) {
   const auto motor = WholeNumberIn(text, 1, model.positions);
   if (!motor) {
     throw ToolError(kUsage, fmt::format("a {} has the motors 1 to {}, not {}", model.name,
                                         model.positions, text));
   }
-  return static_cast<std::size_t>(*motor) - 1;
+  return *motor;
+}
+
+/// Of two targets for one neither is meant more than the other.
+template <class Name>
+void NeedNew(std::set<Name>& named, const Name& name, const char* what) {
+  if (!named.insert(name).second) {
+    throw ToolError(kUsage, fmt::format("{} {} is named twice", what, name));
+  }
 }
 
 /// A pose in one text, as --to and --end take it.
@@ -41,7 +51,8 @@ Pose NamedPose(const OpenedHand& hand, const std::string& text, const Pose& star
   if (text == "start") return start;
   constexpr std::string_view kGesture = "gesture:";
   if (text.rfind(kGesture, 0) == 0) {
-    return GesturePose(hand, static_cast<int>(NumberIn(text.substr(kGesture.size())).value_or(-1)));
+    constexpr int kMost = std::numeric_limits<int>::max();
+    return GesturePose(hand, WholeNumberIn(text.substr(kGesture.size()), 0, kMost).value_or(-1));
   }
   std::vector<double> positions;
   for (const std::string& part : SplitAtCommas(text)) {
@@ -122,22 +133,32 @@ class Move : public Command {
       throw ToolError(kUsage, fmt::format("a {} has no motors", hand.Info().name));
     if (gesture_) return GesturePose(hand, *gesture_);
     if (!to_.empty()) return NamedPose(hand, to_, start);
-    if (!joints_.empty()) {
-      std::vector<std::string> names;
-      std::vector<double> angles;
-      for (const std::string& text : joints_) {
-        const auto [name, angle] = Assignment(text);
-        names.push_back(name);
-        angles.push_back(angle);
-      }
-      return WithAngles(hand, start, names, angles, BeyondLimits::REFUSED);
-    }
+    return joints_.empty() ? WithMotors(hand, start) : WithJoints(hand, start);
+  }
+
+  Pose WithMotors(const OpenedHand& hand, const Pose& start) const {
     std::vector<double> positions = PositionsWithin(hand.Info(), start);
+    std::set<int> named;
     for (const std::string& text : motors_) {
-      const auto [motor, position] = Assignment(text);
-      positions[MotorIndex(hand.Info(), motor)] = position;
+      const auto [name, position] = Assignment(text);
+      const int motor = MotorNamed(hand.Info(), name);
+      NeedNew(named, motor, "motor");
+      positions[static_cast<std::size_t>(motor) - 1] = position;
     }
     return CheckedPose(hand.Info(), positions);
+  }
+
+  Pose WithJoints(const OpenedHand& hand, const Pose& start) const {
+    std::vector<std::string> names;
+    std::vector<double> angles;
+    std::set<std::string> named;
+    for (const std::string& text : joints_) {
+      const auto [name, angle] = Assignment(text);
+      NeedNew(named, name, "joint");
+      names.push_back(name);
+      angles.push_back(angle);
+    }
+    return WithAngles(hand, start, names, angles, BeyondLimits::REFUSED);
   }
 
   bool MoveAll(Mover& mover, const Interrupt& interrupt, const std::vector<Pose>& start,

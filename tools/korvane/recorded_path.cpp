@@ -126,8 +126,12 @@ void Mapping::MapPairs(const std::vector<std::string>& pairs) {
                       fmt::format("--map {}: expected RECORDED=MOTOR, of 1 to {} and 1 to {}", pair,
                                   Recorded(), hand_.Info().positions));
     }
+    const auto target = static_cast<std::size_t>(*to) - 1;
+    if (std::find(targets_.begin(), targets_.end(), target) != targets_.end()) {
+      throw ToolError(kUsage, fmt::format("--map {}: motor {} is named twice", pair, *to));
+    }
     sources_.push_back(static_cast<std::size_t>(*from) - 1);
-    targets_.push_back(static_cast<std::size_t>(*to) - 1);
+    targets_.push_back(target);
   }
 }
 
