@@ -140,7 +140,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  korvane_common::OutliveReaders();
+  korvane_common::PrepareStandardStreams();
   int status = korvane_common::kFailed;
   try {
     status = Run(argc, argv);

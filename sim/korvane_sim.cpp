@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -121,7 +123,16 @@ sigset_t BlockEndSignals() {
   return signals;
 }
 
+/// The number of a stream that is closed would otherwise go to a port or a socket, and every text
+/// with it. Only for reading, so that writing still fails.
+void TakeNumbersOfClosedStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDONLY);
+  }
+}
+
 int Run(int argc, char** argv) {
+  TakeNumbersOfClosedStreams();
   const Options options = ParseOptions(argc, argv);
   const sigset_t signals = BlockEndSignals();
   BusStatistics sum;

@@ -3,6 +3,7 @@
 import csv
 import io
 import json
+import os
 import signal
 import subprocess
 
@@ -180,6 +181,23 @@ def on_full_disk(sim, stream, command):
     with open("/dev/full", "w") as full:
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, stream: full}
         return subprocess.run(command_line(command.split()), **pipes, text=True, env=sim.env, timeout=LIMIT)
+def close_standard_streams():
+    for stream in range(3):
+        os.close(stream)
+
+
+def test_a_closed_stream_does_not_become_the_port_of_a_hand(sim):
+    line = command_line(["watch", "-q", "-H", sim.address("serial")])
+    process = subprocess.Popen(line, env=sim.env, preexec_fn=close_standard_streams)
+    while process.poll() is None and not sim.is_open_in(process):
+        pass
+    assert [os.readlink(f"/proc/{process.pid}/fd/{stream}") for stream in range(3)] == ["/dev/null"] * 3
+    process.kill()
+    process.wait(LIMIT)
+    line = command_line(["info", "-H", sim.address("serial")])
+    assert subprocess.run(line, env=sim.env, preexec_fn=close_standard_streams, timeout=LIMIT).returncode == 1
+
+
 
 
 @pytest.mark.parametrize(

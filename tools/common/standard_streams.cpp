@@ -1,5 +1,8 @@
 #include "standard_streams.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -28,7 +31,13 @@ int StdoutError() {
 
 }  // namespace
 
-void OutliveReaders() { std::signal(SIGPIPE, SIG_IGN); }
+void PrepareStandardStreams() {
+  std::signal(SIGPIPE, SIG_IGN);
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    // The least number that is free is this one. Only for reading, so that writing fails as before.
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDONLY);
+  }
+}
 
 void WriteToStdout(std::string_view text) {
   Remember(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());

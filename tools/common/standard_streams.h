@@ -7,8 +7,11 @@
 
 namespace korvane_common {
 
-/// A write to a pipe that nobody reads any more fails, and the process goes on.
-void OutliveReaders();
+/// For the begin of a program, before it opens anything. A write to a pipe that nobody reads any
+/// more fails, and the process goes on. A stream that is closed stays without a reader and a
+/// writer, but its number is taken: otherwise the port of a hand could get it, and with it every
+/// text.
+void PrepareStandardStreams();
 
 void WriteToStdout(std::string_view text);
 /// Writes out what is buffered.

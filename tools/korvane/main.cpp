@@ -63,8 +63,8 @@ int Run(Command& command, Tool& tool) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  PrepareStandardStreams();
   Interrupt::EndAtOnce();
-  OutliveReaders();
   Tool tool;
   CommandLine line(kName,
                    "The tool for Korvane hands: find, look, move, update, set up, record, measure.",

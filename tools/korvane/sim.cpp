@@ -42,7 +42,7 @@ class Sim : public Command {
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     FlushStdout();
-    std::signal(SIGPIPE, SIG_DFL);  // which it would inherit as OutliveReaders has set it
+    std::signal(SIGPIPE, SIG_DFL);  // which it would inherit as PrepareStandardStreams has set it
     execvp(program.c_str(), pointers.data());
     throw ToolError(kFailed, fmt::format("{} can't be started: {}; install korvane-tools, or build "
                                          "with -DKORVANE_BUILD_SIM=ON",
