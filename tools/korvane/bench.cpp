@@ -14,7 +14,8 @@
 #include "interrupt.h"
 #include "motion.h"
 #include "quantities.h"
-#include "samples.h"
+#include "output_file.h"
+#include "percentile.h"
 #include "terminal.h"
 #include "tool.h"
 

@@ -16,7 +16,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "samples.h"
+#include "percentile.h"
 
 namespace korvane_tool {
 namespace {

@@ -9,6 +9,7 @@
 
 #include "checkup.h"
 #include "interrupt.h"
+#include "percentile.h"
 #include "quantities.h"
 #include "util/guarded.h"
 
@@ -141,9 +142,7 @@ struct RoundTrips {
   std::size_t lost = 0;
   std::size_t lost_at_the_end = 0;  ///< In a row.
 
-  double At(double share) const {
-    return us[static_cast<std::size_t>(share * static_cast<double>(us.size() - 1))];
-  }
+  double At(double share) const { return Percentile(us, share); }
 };
 
 bool Ask(const OpenedHand& hand, std::size_t number) {

@@ -76,11 +76,6 @@ Outcome<Sample> Sampler::Read() {
   return sample;
 }
 
-double Percentile(const std::vector<double>& sorted, double part) {
-  const auto last = static_cast<double>(sorted.size() - 1);
-  return sorted[static_cast<std::size_t>(std::ceil(part * last))];
-}
-
 Option AddSamplingOptions(Options all, SamplingOptions& options, double least_rate_hz,
                           const std::string& about_values) {
   all.Add("--values", options.keys, about_values).SplitAtCommas().Value("KEY,...");

@@ -39,9 +39,6 @@ class Sampler {
   bool started_ = false;
 };
 
-/// The value below or at which that part of the values lies, of at least one in ascending order.
-double Percentile(const std::vector<double>& sorted, double part);
-
 /// What watch and record are told alike.
 struct SamplingOptions {
   std::vector<std::string> keys;

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "../motion.h"
+#include "../percentile.h"
 #include "../samples.h"
 #include "pose_request.h"
 
