@@ -122,6 +122,7 @@ def test_a_recording_is_played_as_it_was(sim, tmp_path, form):
         assert refused.status == 2 and "expected RECORDED=MOTOR" in refused.err, pair
     refused = sim.korvane("replay", file, *lumen, "--map", "1=3,2=3")
     assert refused.status == 2 and "motor 3 is named twice" in refused.err
+    assert f"{tmp_path} is a folder" in sim.korvane("replay", tmp_path, *lumen).err
 
 
 def test_a_worn_quill_is_played_on_a_brisa(sim, tmp_path):
@@ -153,6 +154,8 @@ ROW = ",1" * 10 + "\n"
         (HEAD + COLUMNS + "2" + ROW + "1" + ROW, "line 4: its time"),
         (HEAD[2:] + '{"time_s":0,"positions":[1]}\n{"time_s":1,"positions":[1,2]}\n', "another number"),
         (HEAD[2:] + '{"time_s":0}\n', "positions"),
+        pytest.param(HEAD[2:] + '{"time_s":0,"positions":' + "[" * 200000 + "]" * 200000 + "}\n", "line 2", id="deep"),
+        pytest.param(HEAD + COLUMNS + "0," + "[" * 200000 + "]" * 200000 + ROW[2:], "is no number", id="deep cell"),
         ((HEAD + COLUMNS).replace("positions", "velocities") + "0" + ROW, "no positions"),
     ],
 )
@@ -198,7 +201,11 @@ def test_bench_counts_every_request_and_compares(sim, tmp_path, hand):
         assert told[key]["count"] == 20 and told[key]["p50_us"] <= told[key]["p99_us"] <= told[key]["max_us"]
     again = sim.korvane("bench", "-H", address, "--count", "20", "--compare", file)
     assert again.status == 0 and "%)" in again.out
-    assert sim.korvane("bench", "-H", address, "--compare", "/dev/null").status == 2
+    deep = '{"single_read":' + "[" * 100000 + "]" * 100000 + "}"
+    for text in ("", "[]", '{"whole_read":{}}', '{"single_read":{"p50_us":"x"}}', '{"single_read":[]}', deep):
+        file.write_text(text)
+        refused = sim.korvane("bench", "-H", address, "--compare", file)
+        assert (refused.status, refused.out) == (2, "") and "holds no figures" in refused.err
 
 
 def test_bench_counts_what_is_lost(make_sim):

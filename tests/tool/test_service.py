@@ -192,6 +192,16 @@ def test_no_file_of_settings(hands, tmp_path, text):
 
 
 @pytest.mark.parametrize("link", LINKS)
+@pytest.mark.parametrize("key", ["format", "version", "model", "settings"])
+def test_a_file_that_is_nested_deeply_is_refused(hands, tmp_path, key):
+    file = tmp_path / "settings.json"
+    content = {"format": '"korvane settings"', "version": "1", "model": '"brisa"', "settings": '{"power": 1}'}
+    content[key] = "[" * 80000 + "]" * 80000
+    file.write_text("{" + ", ".join(f'"{k}": {v}' for k, v in content.items()) + "}")
+    refused = hands("zlg", "diff", file)
+    assert refused.status == 2 and "nested too deeply" in refused.err
+
+
 def test_serial_number_and_clearing(hands, link):
     written = hands(link, "serial-number", "KB-2026-00017", "-y", "--json", "--save").json
     assert written["serial_number"] == "KB-2026-00017" and written["before"].startswith("SIM")

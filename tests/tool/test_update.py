@@ -28,6 +28,7 @@ def image(tmp_path):
         ("zlg:0.0:1", 1, ["--yes"], 2, "--model"),
         ("zlg:0.0:brisa:1", 1, ["--yes", "--model", "tessel"], 2, "two models"),
         ("zlg:0.0:brisa:1", 1, ["--yes", "--expect", "new"], 2, "no version"),
+        ("zlg:0.0:brisa:1", 1, ["--yes", "--expect", "1.0." + "0" * 40000], 2, "no version"),
         ("zlg:0.0:brisa:1", 1, [], 2, "--yes"),
         ("zlg:0.0:brisa:1", 0, ["--yes"], 2, "empty"),
         ("zlg:0.0:brisa:1", None, ["--yes"], 2, "can't be opened"),

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -12,10 +13,11 @@
 #include "bus_stamps.h"
 #include "commands.h"
 #include "interrupt.h"
+#include "json_text.h"
 #include "motion.h"
-#include "quantities.h"
 #include "output_file.h"
 #include "percentile.h"
+#include "quantities.h"
 #include "terminal.h"
 #include "tool.h"
 
@@ -23,6 +25,9 @@ namespace korvane_tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* kSeries[] = {"single_read", "whole_read", "whole_write"};
+constexpr const char* kFigures[] = {"p50_us", "p99_us", "p99_9_us", "max_us", "per_second"};
 
 /// Requests one after the other, and how long each took.
 struct Series {
@@ -44,6 +49,18 @@ Json SeriesJson(const Series& series) {
   json["per_second"] =
       std::round(static_cast<double>(series.times_us.size()) / series.seconds * 10) / 10;
   return json;
+}
+
+/// Whether what the series of an earlier run tell are numbers.
+bool HasFigures(const Json& earlier) {
+  for (const char* const name : kSeries) {
+    const Json series = earlier.value(name, Json::object());
+    if (!series.is_object()) return false;
+    for (const char* const key : kFigures) {
+      if (series.contains(key) && !series[key].is_number()) return false;
+    }
+  }
+  return true;
 }
 
 /// Counts by classes of time, of which each is a fifth wider than the one before.
@@ -125,12 +142,12 @@ class Bench : public Command {
   Json ReadEarlier() const {
     std::ifstream in(compare_);
     if (!in) throw ToolError(kUsage, fmt::format("{} can't be read", compare_));
-    Json json = Json::parse(in, nullptr, false);
-    if (!json.is_object() || !json.contains("single_read")) {
+    auto json = JsonObjectIn({std::istreambuf_iterator<char>(in), {}});
+    if (!json || !json->contains("single_read") || !HasFigures(*json)) {
       throw ToolError(kUsage, fmt::format("{} holds no figures of korvane bench", compare_));
     }
-    json.erase("before");
-    return json;
+    json->erase("before");
+    return *std::move(json);
   }
 
   static void Save(const Json& document, OutputFile& file) {
@@ -180,7 +197,7 @@ class Bench : public Command {
   static std::string Row(const std::string& name, const Json& figures, const Json& before) {
     std::string text = fmt::format("{:<12}{:>9}{:>7}", name, figures["count"].get<std::size_t>(),
                                    figures["lost"].get<std::size_t>());
-    for (const char* const key : {"p50_us", "p99_us", "p99_9_us", "max_us", "per_second"}) {
+    for (const char* const key : kFigures) {
       if (!figures.contains(key)) continue;
       const double value = figures[key].get<double>();
       text += fmt::format("{:>11.1f}", value);
@@ -196,7 +213,7 @@ class Bench : public Command {
     text += fmt::format("{:<12}{:>9}{:>7}{:>11}{:>11}{:>11}{:>11}{:>11}\n", "", "requests", "lost",
                         "p50 us", "p99 us", "p99.9 us", "max us", "per s");
     const Json before = document.value("before", Json());
-    for (const char* const key : {"single_read", "whole_read", "whole_write"}) {
+    for (const char* const key : kSeries) {
       if (document.contains(key))
         text += Row(key, document[key], before.is_object() ? before.value(key, Json()) : Json());
     }

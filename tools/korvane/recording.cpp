@@ -5,10 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <system_error>
 
+#include "json_text.h"
 #include "quantities.h"
 
 namespace korvane_tool {
@@ -24,6 +27,9 @@ class RecordingReader {
   explicit RecordingReader(const std::string& path) : path_(path), in_(path) {
     if (!in_)
       throw ToolError(kUsage, fmt::format("{} can't be read: {}", path, std::strerror(errno)));
+    std::error_code unknown;
+    if (std::filesystem::is_directory(path, unknown))
+      throw ToolError(kUsage, path + " is a folder");
   }
 
   Recording Read() {
@@ -54,9 +60,9 @@ class RecordingReader {
   }
 
   Json Parse(const std::string& text) const {
-    Json json = Json::parse(text, nullptr, false);
-    if (!json.is_object()) Fail("that is no recording of korvane");
-    return json;
+    auto json = JsonObjectIn(text);
+    if (!json) Fail("that is no recording of korvane");
+    return *std::move(json);
   }
 
   void ReadHead(const std::string& text) {

@@ -3,11 +3,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "json_text.h"
 #include "settings.h"
 
 namespace korvane_tool {
@@ -23,29 +25,12 @@ constexpr int kFileVersion = 1;
   throw ToolError(kUsage, fmt::format("{}: {}; nothing was sent", path, why));
 }
 
-/// Of two values with one key a parser would drop the first without a word.
-class UniqueKeys {
- public:
-  bool operator()(int, Json::parse_event_t event, const Json& value) {
-    if (event == Json::parse_event_t::object_start) open_.emplace_back();
-    if (event == Json::parse_event_t::object_end) open_.pop_back();
-    if (event == Json::parse_event_t::key &&
-        !open_.back().insert(value.get<std::string>()).second) {
-      throw std::invalid_argument(value.dump() + " stands there twice");
-    }
-    return true;
-  }
-
- private:
-  std::vector<std::set<std::string>> open_;
-};
-
 Json Parse(const std::string& path) {
   errno = 0;
   std::ifstream file(path);
   if (!file) Refuse(path, fmt::format("can't be opened ({})", std::strerror(errno)));
   try {
-    return Json::parse(file, UniqueKeys());
+    return ParsedJson({std::istreambuf_iterator<char>(file), {}});
   } catch (const std::exception& error) {
     Refuse(path, fmt::format("no file of settings: {}", error.what()));
   }

@@ -44,8 +44,10 @@ constexpr const char* kAsk =
 
 /// "1.2.0" for "1.2.0.0", as Version::ToString has it.
 std::string Normal(const std::string& version) {
+  constexpr std::size_t kLongest = 40;  // for a long text the expression would need a deep stack
   std::smatch parts;
-  if (!std::regex_match(version, parts, std::regex(R"((\d+\.\d+\.\d+)(\.\d+)?)"))) {
+  if (version.size() > kLongest ||
+      !std::regex_match(version, parts, std::regex(R"((\d+\.\d+\.\d+)(\.\d+)?)"))) {
     throw ToolError(kUsage, fmt::format("\"{}\" is no version; write 1.2.0 or 1.2.0.4", version));
   }
   return parts[2].matched && parts[2] != ".0" ? version : parts[1].str();

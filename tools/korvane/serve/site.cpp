@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "../json_text.h"
 #include "common/whole_number.h"
 #include "secret.h"
 
@@ -63,9 +64,9 @@ std::string CookieName(const HttpRequest& request) {
 }
 
 Json ParsedBody(const HttpRequest& request) {
-  Json body = Json::parse(request.body, nullptr, false);
-  if (!body.is_object()) throw Refused{400, "the body is no JSON object"};
-  return body;
+  auto body = JsonObjectIn(request.body);
+  if (!body) throw Refused{400, "the body is no JSON object"};
+  return *std::move(body);
 }
 
 void Require(bool owns) {
