@@ -54,6 +54,7 @@ def test_report_tells_all_that_can_be_read(hands, link):
         ("zlg:0.0:brisa:9", ["save"], 4, ""),
         ("serial:/nowhere", ["clear-limits"], 3, "/nowhere"),
         ("zlg", ["serial-number", "A" * 20, "-y"], 2, "1 to 19"),
+        ("zlg", ["serial-number", "", "-y"], 2, "1 to 19"),
         ("zlg", ["serial-number", "A"], 2, "--yes"),
         ("zlg", ["id", 5], 2, "--yes"),
         ("zlg", ["id", 128, "-y"], 2, "1 to 127"),
@@ -191,7 +192,6 @@ def test_no_file_of_settings(hands, tmp_path, text):
     assert hands("zlg", "apply", file, "-y").status == 2
 
 
-@pytest.mark.parametrize("link", LINKS)
 @pytest.mark.parametrize("key", ["format", "version", "model", "settings"])
 def test_a_file_that_is_nested_deeply_is_refused(hands, tmp_path, key):
     file = tmp_path / "settings.json"
@@ -202,6 +202,7 @@ def test_a_file_that_is_nested_deeply_is_refused(hands, tmp_path, key):
     assert refused.status == 2 and "nested too deeply" in refused.err
 
 
+@pytest.mark.parametrize("link", LINKS)
 def test_serial_number_and_clearing(hands, link):
     written = hands(link, "serial-number", "KB-2026-00017", "-y", "--json", "--save").json
     assert written["serial_number"] == "KB-2026-00017" and written["before"].startswith("SIM")

@@ -98,6 +98,8 @@ Option& Option::Group(const char* heading) {
   return *this;
 }
 
+bool Option::IsGiven() const { return option_.count() > 0; }
+
 template <class Variable>
 Option Options::Add(const char* name, Variable& variable, const std::string& text) {
   CLI::Option* const option = app_->add_option(name, variable, text);

@@ -37,6 +37,9 @@ class Option {
   /// The heading in the help under which it stands; none for one that the help leaves out.
   Option& Group(const char* heading);
 
+  /// Whether the command line has it, be it as an empty text.
+  bool IsGiven() const;
+
  private:
   CLI::Option& option_;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -59,7 +60,8 @@ class Service : public Command {
     }
     set.Add("value", value_text_, "What it becomes").Required().Value("VALUE");
     set.Add("--axis", axis_, "Only of this axis; otherwise of all").Within(1, 20).Value("N");
-    number.Add("text", text_, "The new one, of 1 to 19 characters").Value("TEXT");
+    text_option_.emplace(
+        number.Add("text", text_, "The new one, of 1 to 19 characters").Value("TEXT"));
     id.Add("id", id_, "The new one").Required().Within(1, 127).Value("ID");
     for (Options leaf : {write, diff, apply}) {
       leaf.Add("file", file_, "The file of settings").Required().Value("FILE");
@@ -207,22 +209,23 @@ class Service : public Command {
   }
 
   int SerialNumber(Tool& tool) {
-    if (!text_.empty()) CheckSerialNumber();
-    if (text_.empty() && save_) throw ToolError(kUsage, "--save goes with a new serial number");
+    const bool writes = text_option_->IsGiven();
+    if (writes) CheckSerialNumber();
+    if (!writes && save_) throw ToolError(kUsage, "--save goes with a new serial number");
     const ServiceHand hand = OpenService(tool);
     Json document = ToJson(hand.address);
     document["serial_number"] = Need(SerialNumberOf(hand));
-    if (!text_.empty()) WriteSerialNumber(hand, document);
+    if (writes) WriteSerialNumber(hand, document);
     tool.PrintJson(document);
     tool.Print(document["serial_number"].get<std::string>() + "\n");
-    if (!text_.empty() && !save_) tool.Print(kNotKept);
+    if (writes && !save_) tool.Print(kNotKept);
     return kDone;
   }
 
   void CheckSerialNumber() const {
     const bool printable =
         std::all_of(text_.begin(), text_.end(), [](char c) { return c > ' ' && c <= '~'; });
-    if (!printable || text_.size() > kSerialNumberBytes) {
+    if (!printable || text_.empty() || text_.size() > kSerialNumberBytes) {
       throw ToolError(kUsage, "a serial number has 1 to 19 printable characters without blanks");
     }
     NeedConfirmable(yes_);
@@ -404,6 +407,7 @@ class Service : public Command {
   int axis_ = 0;
   int id_ = 0;
   std::string text_;
+  std::optional<Option> text_option_;
   std::string file_;
   bool overwrite_ = false;
   bool save_ = false;

@@ -21,10 +21,11 @@ constexpr std::size_t kNoteSize = 64;
 /// Their look, and the reply that they may be waiting for.
 constexpr auto kTimeToClose = 5 * kUpdateCheck;
 
-/// The file for a name, which may hold any character; empty without a folder and without a name.
+/// The file for a name, which may hold any character; empty without a name and without a
+/// folder, which the environment may also give as an empty or a relative path.
 std::string PathOf(const std::string& kind, const std::string& name) {
   const char* const folder = std::getenv("XDG_RUNTIME_DIR");
-  if (folder == nullptr || name.empty()) return "";
+  if (folder == nullptr || *folder != '/' || name.empty()) return "";
   std::string path = fmt::format("{}/korvane-{}-", folder, kind);
   for (const char character : name)
     path += fmt::format("{:02x}", static_cast<unsigned char>(character));
