@@ -180,6 +180,24 @@ def test_frames_are_those_that_can_utils_read(sim, tmp_path):
         assert asc.stdout.count("CANFD") == len(file.read_text().splitlines())
 
 
+def test_frames_have_the_digits_of_their_kind(make_sim, tmp_path):
+    sim = make_sim("--hand=brisa:1", serial=False)
+    file = tmp_path / "frames.log"
+    recorder = sim.start("record", *BRISA, "--frames", "-o", file)
+    while not (file.exists() and " 009##1" in file.read_text()):
+        sim.korvane("service", "get", "power", "-H", "hcan:0.0:brisa:1")
+        assert recorder.poll() is None
+    recorder.send_signal(signal.SIGINT)
+    recorder.communicate(timeout=LIMIT)
+    identifiers = {line.split()[2].split("##")[0] for line in file.read_text().splitlines()}
+    assert {len(identifier) for identifier in identifiers} == {3, 8}
+
+
+def test_a_recording_may_last_longer_than_a_clock_can_count(sim, tmp_path):
+    file = tmp_path / "long.csv"
+    assert sim.interrupt("record", *BRISA, "--seconds", "1e12", "-o", file, after=file).status == 130
+
+
 @pytest.mark.parametrize("what", [[], ["--frames"]])
 def test_a_full_disk_ends_a_recording(sim, what):
     other = sim.start("watch", "-H", "hcan:0.0:brisa:1", "--csv")  # so that there are frames
@@ -276,6 +294,7 @@ def test_a_file_stays_until_the_new_one_is_whole(sim, tmp_path, writer):
     "options, says",
     [
         (["--values", "typo"], "typo"),
+        (["--values", "positions,positions"], "positions is named twice"),
         (["--values", "temperatures,touch,angles", "--format", "candump"], "no format"),
         (["--report-period", 5], "needs no reports"),
         (["--frames"], "jsonl"),

@@ -18,7 +18,6 @@ namespace korvane_tool {
 namespace {
 
 namespace kv = talvera::korvane;
-using Clock = std::chrono::steady_clock;
 
 /// Frames wait here for the thread that writes them, as a tap mustn't wait for a disk.
 class FrameQueue {
@@ -53,11 +52,14 @@ std::string Hex(const std::vector<std::uint8_t>& bytes) {
   return text;
 }
 
-/// A line as candump -L writes it. Two number signs stand for CAN FD, and the digit behind them for
-/// the flags: 1 is bit-rate switching.
+/// A line as candump -L writes it: the identifier of a standard frame in three digits, of an
+/// extended one in eight. Two number signs stand for CAN FD, and the digit behind them for the
+/// flags: 1 is bit-rate switching.
 std::string CandumpLine(const FrameQueue::Frame& frame, const std::string& interface) {
-  return fmt::format("({}.{:06}) {} {:08X}##1{}\n", frame.us / 1'000'000, frame.us % 1'000'000,
-                     interface, frame.id, Hex(frame.bytes));
+  constexpr std::uint32_t kGreatestStandard = 0x7FF;
+  const int digits = frame.id <= kGreatestStandard ? 3 : 8;
+  return fmt::format("({}.{:06}) {} {:0{}X}##1{}\n", frame.us / 1'000'000, frame.us % 1'000'000,
+                     interface, frame.id, digits, Hex(frame.bytes));
 }
 
 std::string JsonLine(const FrameQueue::Frame& frame) {
@@ -98,15 +100,13 @@ class Record : public Command {
     std::optional<Sampler> sampler;
     if (!frames_) sampler.emplace(hand, KeysFor(hand));
     OutputFile file(path_, overwrite_, Appears::AT_ONCE);
-    const std::chrono::duration<double> time(sampling_.seconds);
-    const auto end = sampling_.seconds > 0
-                         ? Clock::now() + std::chrono::duration_cast<Clock::duration>(time)
-                         : Clock::time_point::max();
+    if (file.IsStandardOutput()) tool.options.json = false;  // no document in a recording
+    const TimeLimit limit(sampling_.seconds);
     try {
       if (sampler) {
-        RecordValues(*sampler, file, interrupt, end);
+        RecordValues(*sampler, file, interrupt, limit);
       } else {
-        RecordFrames(hand, file, interrupt, end);
+        RecordFrames(hand, file, interrupt, limit);
       }
       file.Finish();
     } catch (const ToolError&) {
@@ -137,12 +137,12 @@ class Record : public Command {
   }
 
   void RecordValues(Sampler& sampler, OutputFile& file, const Interrupt& interrupt,
-                    Clock::time_point end) {
+                    const TimeLimit& limit) {
     SampleWriter writer(file, format_ == "csv" ? SampleFormat::CSV : SampleFormat::JSON_LINES,
                         sampler, sampling_.rate_hz);
     Patience patience(sampler.Hand(), kFailedReadings);
     AtRate(sampling_.rate_hz, interrupt, [&] {
-      if (Clock::now() >= end) return false;
+      if (limit.IsOver()) return false;
       auto sample = sampler.Read();
       if (sample) {
         writer.Write(*sample);
@@ -155,7 +155,7 @@ class Record : public Command {
   }
 
   void RecordFrames(const OpenedHand& hand, OutputFile& file, const Interrupt& interrupt,
-                    Clock::time_point end) {
+                    const TimeLimit& limit) {
     const bool candump = format_ == "candump";
     const std::string interface = hand.address.link == LinkKind::SOCKET_CAN
                                       ? hand.address.interface_name
@@ -174,7 +174,7 @@ class Record : public Command {
       write_what_came();
       file.Flush();
       patience.Count({});
-      return Clock::now() < end;
+      return !limit.IsOver();
     });
     ObserveFrames(*hand, {});
     write_what_came();

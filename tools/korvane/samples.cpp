@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
+#include <set>
 
 namespace korvane_tool {
 namespace {
@@ -37,7 +38,9 @@ std::string Joined(const std::vector<std::string>& parts) {
 }  // namespace
 
 Sampler::Sampler(const OpenedHand& hand, const std::vector<std::string>& keys) : hand_(hand) {
+  std::set<std::string> different;
   for (const std::string& key : keys) {
+    if (!different.insert(key).second) throw ToolError(kUsage, key + " is named twice");
     if (key == "touch") {
       if (!HasTouch(hand)) {
         throw ToolError(kUsage, fmt::format("a {} has no touch sensors", hand.Info().name));

@@ -50,6 +50,20 @@ struct SamplingOptions {
 Option AddSamplingOptions(Options all, SamplingOptions& options, double least_rate_hz,
                           const std::string& about_values);
 
+/// The time that --seconds grants, from now on.
+class TimeLimit {
+ public:
+  explicit TimeLimit(double seconds) : seconds_(seconds) {}
+
+  bool IsOver() const { return seconds_.count() > 0 && Clock::now() - start_ >= seconds_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  std::chrono::duration<double> seconds_;
+  Clock::time_point start_ = Clock::now();
+};
+
 /// So many failed readings one after the other, and the hand counts as gone.
 inline constexpr int kFailedReadings = 20;
 

@@ -99,7 +99,8 @@ void Tool::Print(const std::string& text) const {
 
 void Tool::PrintJson(const Json& document) const {
   if (!options.json) return;
-  WriteToStdout(document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
+  WriteToStdout(document.dump(prints_lines ? -1 : 2, ' ', false, Json::error_handler_t::replace) +
+                "\n");
 }
 
 void Tool::Warn(const std::string& text) const {

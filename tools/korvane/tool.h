@@ -103,6 +103,7 @@ void AddCommonOptions(Options command, CommonOptions& options);
 class Tool {
  public:
   CommonOptions options;
+  bool prints_lines = false;  ///< A document takes one line, for commands whose output is lines.
 
   /// Applies the options, before a command runs.
   void Begin();

@@ -103,12 +103,12 @@ class Watch : public Command {
   }
 
   int Run(Tool& tool) override {
+    const bool lines = csv_ || tool.options.json;
+    tool.prints_lines = lines;
     const OpenedHand hand = tool.Open();
     const Interrupt interrupt;
     const Reports reports(hand, sampling_.report_period);
     if (!reports.AwaitFirst([&] { return interrupt.Came(); })) return kInterrupted;
-    const bool lines = csv_ || tool.options.json;
-    start_ = Clock::now();
     if (lines) {
       WriteLines(tool, hand, interrupt);
     } else {
@@ -124,6 +124,7 @@ class Watch : public Command {
     Sampler sampler(hand, sampling_.keys);
     OutputFile out("-", false, Appears::AT_ONCE);
     Patience patience(hand, kFailedReadings);
+    const TimeLimit limit(sampling_.seconds);
     SampleWriter writer(out, csv_ ? SampleFormat::CSV : SampleFormat::JSON_LINES, sampler,
                         sampling_.rate_hz);
     AtRate(sampling_.rate_hz, interrupt, [&] {
@@ -131,7 +132,7 @@ class Watch : public Command {
       if (sample) writer.Write(*sample);
       if (!sample && patience.Lost() == 0) tool.Warn(PlainText(sample.failure()));
       patience.Count(sample.failure());
-      return GoesOn();
+      return !limit.IsOver();
     });
   }
 
@@ -141,13 +142,15 @@ class Watch : public Command {
     Patience patience(hand, kFailedReadings);
     std::optional<LiveArea> area;
     if (tool.Talks()) area.emplace();
+    start_ = Clock::now();
+    const TimeLimit limit(sampling_.seconds);
     AtRate(sampling_.rate_hz, interrupt, [&] {
       const auto refreshed = reading.Refresh();
       readings_ += refreshed ? 1 : 0;
       failed_ += refreshed ? 0 : 1;
       if (area) area->Draw(picture.Lines(reading, State(refreshed)));
       patience.Count(refreshed.failure());
-      return GoesOn();
+      return !limit.IsOver();
     });
     // Where nothing is drawn in place, the last picture is what there is to see.
     if (!OnTerminal()) {
@@ -162,11 +165,6 @@ class Watch : public Command {
                     static_cast<double>(readings_) / std::max(seconds, 1e-3), failed_);
     if (!refreshed) state += "  " + Coloured(PlainText(refreshed.failure()), Colour::BAD);
     return state;
-  }
-
-  bool GoesOn() const {
-    return sampling_.seconds <= 0 ||
-           Clock::now() - start_ < std::chrono::duration<double>(sampling_.seconds);
   }
 
   SamplingOptions sampling_{{}, 20};
