@@ -24,10 +24,10 @@ Reader::Take PutInto(Mailbox& mailbox, Space space) {
 Endpoints::Endpoints(const Participant& participant, const HandOptions& options,
                      Reliability commands, const kv::KorvaneBase& hand, Mailbox& mailbox) {
   const auto write = [&](const std::string& name, const MessageType& type) {
-    return Writer(participant, DdsTopic(options.space + "/" + name), type);
+    return Writer(participant, DdsTopic(options.name_space + "/" + name), type);
   };
   const auto read = [&](const std::string& name, const MessageType& type, Space space) {
-    return Reader(participant, DdsTopic(options.space + "/" + name), type, commands,
+    return Reader(participant, DdsTopic(options.name_space + "/" + name), type, commands,
                   PutInto(mailbox, space));
   };
   const kv::ModelInfo& model = kv::InfoOf(*options.address.model);

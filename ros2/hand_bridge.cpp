@@ -141,7 +141,7 @@ void HandBridge::CloseHand(const std::string& why) {
   now_.is_open = false;
   now_.errors.clear();
   now_.temperatures.clear();
-  log_(kv::LogLevel::ERROR, options_.space + ": the hand has gone: " + why);
+  log_(kv::LogLevel::ERROR, options_.name_space + ": the hand has gone: " + why);
   gate_.Lost();
   hand_.reset();
 }
@@ -240,7 +240,8 @@ void HandBridge::TakeCommands() {
     const auto refusal = gate_.Take(command, Clock::now());
     if (!refusal) continue;
     if (*refusal == Refusal::OTHER_COMMANDER) now_.refused_commander = command.commander;
-    log_(kv::LogLevel::WARNING, options_.space + ": command refused: " + TextOf(*refusal).text);
+    log_(kv::LogLevel::WARNING,
+         options_.name_space + ": command refused: " + TextOf(*refusal).text);
   }
 }
 
@@ -313,7 +314,7 @@ Status HandBridge::Report() {
   health.qos_mismatches = endpoints_.Mismatches();
   health.failed_commands = endpoints_.Failures();
   Status status = ToStatus(health);
-  status.name = "korvane: " + options_.space;
+  status.name = "korvane: " + options_.name_space;
   status.hardware_id = options_.address.ToString();
   return status;
 }

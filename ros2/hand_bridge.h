@@ -38,7 +38,7 @@ class HandBridge {
 
   /// How the hand is. Any thread.
   Status Report();
-  Node ToNode() const { return endpoints_.ToNode(options_.space); }
+  Node ToNode() const { return endpoints_.ToNode(options_.name_space); }
 
  private:
   void Run();

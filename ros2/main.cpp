@@ -112,7 +112,7 @@ void Serve(Options options) {
   nodes.front().writers.push_back(diagnostics.Handle());
   const Graph graph(participant, nodes, options.is_humble);
   for (const HandOptions& hand : options.hands) {
-    std::printf("%s: %s is %s\n", kName, hand.space.c_str(), hand.address.ToString().c_str());
+    std::printf("%s: %s is %s\n", kName, hand.name_space.c_str(), hand.address.ToString().c_str());
   }
   korvane_common::FlushStdout();
   const timespec second{1, 0};

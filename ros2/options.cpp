@@ -120,10 +120,10 @@ void AddNetworkOptions(CLI::App& app, Given& given, Options& options) {
 
 /// Two hands of a side would be one in ROS 2.
 void CheckNamesDiffer(const std::vector<HandOptions>& hands) {
-  std::set<std::string> spaces;
+  std::set<std::string> different;
   for (const HandOptions& hand : hands) {
-    if (!spaces.insert(hand.space).second) {
-      throw ProgramError(korvane_common::kUsage, "two hands have the namespace " + hand.space +
+    if (!different.insert(hand.name_space).second) {
+      throw ProgramError(korvane_common::kUsage, "two hands have the namespace " + hand.name_space +
                                                      "; give one with -H ADDRESS=/NAMESPACE");
     }
   }
@@ -157,10 +157,10 @@ HandOptions ParseHand(const std::string& text) {
   if (!address) throw ProgramError(korvane_common::kUsage, address.failure().text);
   const std::string side = SideOf(*address);
   HandOptions hand{*address, "/korvane/" + side, side + "_", side + "_hand_base"};
-  if (mark != std::string::npos) hand.space = text.substr(mark + 1);
-  if (!IsNamespace(hand.space)) {
+  if (mark != std::string::npos) hand.name_space = text.substr(mark + 1);
+  if (!IsNamespace(hand.name_space)) {
     throw ProgramError(korvane_common::kUsage,
-                       hand.space +
+                       hand.name_space +
                            " is no namespace of ROS 2: names of letters, digits and single "
                            "underscores, each after a slash");
   }

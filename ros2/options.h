@@ -31,8 +31,8 @@ class ProgramError : public std::runtime_error {
 /// A hand, and what it is called in ROS 2.
 struct HandOptions {
   talvera::korvane::HandAddress address;
-  std::string space;   ///< Its namespace, such as "/korvane/right".
-  std::string prefix;  ///< Of the names of its joints.
+  std::string name_space;  ///< Its namespace, such as "/korvane/right".
+  std::string prefix;      ///< Of the names of its joints.
   std::string frame_id;
 };
 

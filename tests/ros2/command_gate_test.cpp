@@ -283,7 +283,7 @@ TEST(Options, HandsHaveTheNamespaceOfTheirSideOrTheirOwn) {
     if (row.space == nullptr) {
       EXPECT_THROW(ParseHand(row.text), ProgramError) << row.text;
     } else {
-      EXPECT_EQ(ParseHand(row.text).space, row.space);
+      EXPECT_EQ(ParseHand(row.text).name_space, row.space);
     }
   }
 }
