@@ -54,8 +54,13 @@ struct Place {
   }
 
   HttpAnswer Get(const std::string& path, const std::string& query, const std::string& cookie) {
-    return site.Answer(
-        {"GET", path, query, {{"host", "127.0.0.1:80"}, {"cookie", cookie}}, "", "127.0.0.1:80"});
+    HttpRequest request;
+    request.method = "GET";
+    request.path = path;
+    request.query = query;
+    request.headers = {{"host", "127.0.0.1:80"}, {"cookie", cookie}};
+    request.local_host = "127.0.0.1:80";
+    return site.Answer(request);
   }
 
   StandingHand hand;

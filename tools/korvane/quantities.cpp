@@ -125,6 +125,7 @@ std::vector<std::string> NamesOf(const Quantity& quantity, const OpenedHand& han
 
 std::vector<std::string> ErrorTexts(const std::vector<double>& words, LinkKind link) {
   std::vector<std::string> texts;
+  texts.reserve(words.size());
   for (const double word : words) texts.push_back(ErrorNames(static_cast<unsigned>(word), link));
   return texts;
 }
