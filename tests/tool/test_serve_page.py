@@ -39,6 +39,7 @@ class Browser:
         self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", screen)
         media = [{"name": "prefers-color-scheme", "value": scheme}]
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": media})
+        self.driver.get("about:blank")  # the page before may still complain of its server, which has gone
         self.driver.get_log("browser")
         self.driver.get(url)
         self.wait("return document.querySelectorAll('.link dd').length > 0")
